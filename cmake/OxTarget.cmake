@@ -1,0 +1,56 @@
+# Standard, warnings and sanitizers for every target of the project.
+
+add_library(ox_build_settings INTERFACE)
+target_compile_options(ox_build_settings INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wnon-virtual-dtor -Wold-style-cast
+  -Woverloaded-virtual -Werror)
+# GCC 12 sees overlapping copies in any concatenation of a literal and a string, and comparisons of
+# impossible length in inlined ones of vectors (GCC bugs 105651 and 105329).
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  target_compile_options(ox_build_settings INTERFACE -Wno-restrict -Wno-stringop-overread)
+endif()
+if(OX_SANITIZE)
+  target_compile_options(ox_build_settings INTERFACE
+    -fsanitize=${OX_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(ox_build_settings INTERFACE -fsanitize=${OX_SANITIZE})
+elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
+  target_compile_options(ox_build_settings INTERFACE
+    -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
+  target_link_options(ox_build_settings INTERFACE -Wl,-z,relro,-z,now)
+endif()
+
+include(CheckPIESupported)
+check_pie_supported()
+
+# ox_library(<name> SOURCES ... [PUBLIC libs...] [PRIVATE libs...])
+#
+# A static library whose headers are included as "<folder>/<file>.h". The link lists are the
+# project's architecture: a library sees the headers of what it links and of nothing else of ours
+# that its link list does not name.
+function(ox_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(${name} PUBLIC ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE} ox_build_settings)
+endfunction()
+
+# ox_test(<name> SOURCES ... LIBS ... [LABELS ...] [TIMEOUT seconds])
+#
+# One GoogleTest executable; every TEST in it becomes a ctest case.
+function(ox_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 60)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  if(OX_SANITIZE)
+    # Optimising the sanitizers' checks takes four times as long as compiling, and it is not the
+    # tests' own speed that matters.
+    target_compile_options(${name} PRIVATE -O0)
+  endif()
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest_main GTest::gmock
+                                        ox_build_settings)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
+endfunction()

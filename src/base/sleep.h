@@ -1,0 +1,43 @@
+#pragma once
+
+#include <sys/prctl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+
+#include "base/clock.h"
+
+namespace ox {
+
+/// Sleeps until `deadline` on the steady clock; a signal does not cut the sleep short.
+inline void sleep_until_steady(SteadyClock::time_point deadline) noexcept {
+    const auto since_epoch = deadline.time_since_epoch();
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(since_epoch);
+    const timespec at{.tv_sec = seconds.count(),
+                      .tv_nsec = std::chrono::nanoseconds(since_epoch - seconds).count()};
+    while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) == EINTR) {
+    }
+}
+
+/// Sleeps until `deadline` or until `stop()` returns true, which is asked at least every 50 ms.
+/// Returns false when `stop()` ended the sleep.
+template <typename Stop>
+bool sleep_until_or(SteadyClock::time_point deadline, Stop&& stop) {
+    constexpr std::chrono::milliseconds kSlice{50};
+    for (;;) {
+        if (stop()) return false;
+        const auto now = SteadyClock::now();
+        if (now >= deadline) return true;
+        sleep_until_steady(std::min(deadline, now + kSlice));
+    }
+}
+
+/// Lets the calling thread's sleeps end on time: the kernel's default timer slack of 50 us is more
+/// than the gap between two paced datagrams.
+inline void use_minimal_timer_slack() noexcept {
+    ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+}
+
+}  // namespace ox

@@ -1,0 +1,73 @@
+#include "log/log_path.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <string_view>
+
+namespace ox {
+namespace {
+
+constexpr mode_t kPrivateFolder = 0700;
+constexpr const char* kLogFileName = "/agent.log";
+
+std::string_view environment(const char* name) {
+    const char* value = std::getenv(name);
+    return value == nullptr ? std::string_view{} : std::string_view{value};
+}
+
+void make_folder(const std::string& path) {
+    ::mkdir(path.c_str(), kPrivateFolder);
+}
+
+// Folder of the running program without a slash at its end; empty when it cannot be told.
+std::string program_folder() {
+    std::array<char, 4095> link{};
+    const ssize_t length = ::readlink("/proc/self/exe", link.data(), link.size());
+    if (length <= 0) return {};
+    const std::string_view program(link.data(), static_cast<size_t>(length));
+    const size_t slash = program.rfind('/');
+    return slash == std::string_view::npos ? std::string{} : std::string(program.substr(0, slash));
+}
+
+std::string state_folder() {
+    if (const auto state = environment("XDG_STATE_HOME"); state.starts_with('/')) {
+        return std::string(state);
+    }
+    if (const auto home = environment("HOME"); !home.empty()) {
+        const std::string local = std::string(home) + "/.local";
+        make_folder(local);
+        return local + "/state";
+    }
+    return "/tmp";
+}
+
+}  // namespace
+
+std::string default_log_path() {
+    if (const auto given = environment("OX_LOG_FILE"); !given.empty()) return std::string(given);
+    const std::string folder = program_folder();
+    if (!folder.empty() && ::access(folder.c_str(), W_OK) == 0) return folder + kLogFileName;
+    return state_log_path();
+}
+
+std::string state_log_path() {
+    const std::string state = state_folder();
+    make_folder(state);
+    const std::string folder = state + "/orvex";
+    make_folder(folder);
+    return folder + kLogFileName;
+}
+
+std::string rotated_log_name(const std::string& path, int n) {
+    const size_t slash = path.rfind('/');
+    const size_t dot = path.rfind('.');
+    const bool has_extension =
+        dot != std::string::npos && (slash == std::string::npos || dot > slash);
+    const size_t stem = has_extension ? dot : path.size();
+    return path.substr(0, stem) + "." + std::to_string(n) + path.substr(stem);
+}
+
+}  // namespace ox

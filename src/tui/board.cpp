@@ -1,0 +1,97 @@
+#include "tui/board.h"
+
+#include <utility>
+
+#include "base/clock.h"
+#include "tui/clock_text.h"
+
+namespace ox::tui {
+namespace {
+
+constexpr size_t kKeptEvents = 8;
+
+Event make_event(EventKind kind) {
+    Event event;
+    event.time_s = system_now_s();
+    event.clock = clock_text(event.time_s);
+    event.kind = kind;
+    return event;
+}
+
+void append(Snapshot& state, Event event) {
+    state.events.push_back(std::move(event));
+    while (state.events.size() > kKeptEvents)
+        state.events.pop_front();
+    ++state.events_total;
+}
+
+void append(Snapshot& state, EventKind kind, int64_t value) {
+    Event event = make_event(kind);
+    event.value = value;
+    append(state, std::move(event));
+}
+
+}  // namespace
+
+Snapshot Board::snapshot() const {
+    const std::lock_guard lock(mutex);
+    return state;
+}
+
+void Board::raise(Alert alert, uint16_t port) {
+    const std::lock_guard lock(mutex);
+    bool& active = state.alerts.at(static_cast<size_t>(alert));
+    if (alert == Alert::PortBusy) state.busy_port = port;
+    if (!active) {
+        Event event = make_event(EventKind::AlertRaised);
+        event.alert = alert;
+        event.port = port;
+        append(state, std::move(event));
+    }
+    active = true;
+    touch_locked();
+}
+
+void Board::clear(Alert alert) {
+    const std::lock_guard lock(mutex);
+    if (!std::exchange(state.alerts.at(static_cast<size_t>(alert)), false)) return;
+    touch_locked();
+}
+
+void Board::push_locked(EventKind kind, int64_t value) {
+    append(state, kind, value);
+    touch_locked();
+}
+
+void Board::push(EventKind kind, int64_t value) {
+    const std::lock_guard lock(mutex);
+    push_locked(kind, value);
+}
+
+void Board::session_ended(bool started, int64_t duration_s) {
+    const std::lock_guard lock(mutex);
+    const int64_t now_s = system_now_s();
+    if (state.session.state != SessionState::None) {
+        if (started || state.session.state == SessionState::Streaming) {
+            if (duration_s < 0) duration_s = now_s - state.session.since_s;
+            append(state, EventKind::SessionEnded, duration_s);
+        } else {
+            append(state, EventKind::SessionNotStarted, 0);
+        }
+    }
+    state.session = SessionView{};
+    state.session.since_s = now_s;
+    touch_locked();
+}
+
+void Board::touch_locked() {
+    ++state.changes;
+    changed.notify_all();
+}
+
+Board& board() {
+    static Board instance;
+    return instance;
+}
+
+}  // namespace ox::tui

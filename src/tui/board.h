@@ -1,0 +1,145 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+
+namespace ox::tui {
+
+enum class EventKind : uint8_t {
+    AgentStarted = 0,
+    PlatformConnected = 1,
+    PlatformLost = 2,
+    PcRented = 3,
+    PlayerConnected = 4,
+    SessionEnded = 5,
+    SessionNotStarted = 6,
+    PlayerDropped = 7,
+    PlayerBack = 8,
+    StreamRelayed = 9,
+    StreamDirect = 10,
+    AlertRaised = 11,
+    Stopping = 12,
+    StoppedOnError = 13,
+};
+
+enum class Alert : uint8_t {
+    NvidiaDriverMissing = 0,
+    CaptureFailed = 1,
+    EncoderFailed = 2,
+    PortBusy = 3,
+    TokenRejected = 4,
+    SecondAgent = 5,
+    UinputDenied = 6,
+};
+inline constexpr size_t kAlertCount = 7;
+
+enum class LinkState : uint8_t { None = 0, Connected = 1, Reconnecting = 2, Standalone = 3 };
+
+/// What the board knows of the session. `Streaming` also while a lost launcher is waited for.
+enum class SessionState : uint8_t { None = 0, Preparing = 1, Streaming = 2 };
+
+/// One entry of the recent-events list.
+struct Event {
+    int64_t time_s = 0;  ///< system clock, seconds
+    std::string clock;   ///< local time as "HH:MM", taken when the event was made
+    std::string detail;  ///< free text; empty for the events made by the board itself
+    EventKind kind = EventKind::AgentStarted;
+    int64_t value = 0;  ///< duration in seconds for SessionEnded and PlayerDropped, else 0
+    Alert alert = Alert::NvidiaDriverMissing;  ///< for AlertRaised
+    uint16_t port = 0;                         ///< for AlertRaised with PortBusy
+};
+
+/// The numbers and names of the running session as the screen shows them.
+struct SessionView {
+    SessionState state = SessionState::None;
+    int64_t since_s = 0;   ///< system clock when the state was entered
+    std::string id;        ///< platform session id, empty in standalone mode
+    std::string launcher;  ///< the launcher's address
+    std::string encoder;   ///< label: "NVENC", "VA-API", "x264"...
+    std::string codec;     ///< "H.264" or "HEVC"
+    uint32_t width = 0;
+    uint32_t height = 0;
+    uint32_t fps = 0;            ///< negotiated frame rate
+    double measured_mbps = 0.0;  ///< over the last two seconds
+    double measured_fps = 0.0;
+    double rtt_ms = -1.0;  ///< -1 until the launcher has reported
+    double loss_pct = -1.0;
+    bool active = false;       ///< a session was handed to this PC
+    bool holding = false;      ///< the launcher is gone, the session waits for it
+    int64_t hold_until_s = 0;  ///< system clock, end of the wait
+};
+
+/// Everything that can be painted. Copied whole by `Board::snapshot()`.
+struct Snapshot {
+    bool started = false;
+    std::string version;
+    std::string host;
+    std::string log_path;  ///< empty when no log file is open
+    std::string gpu;
+    LinkState link = LinkState::None;
+    int64_t link_since_s = 0;  ///< system clock, seconds
+    uint8_t link_detail = 0;   ///< 3 while the platform link is up, else 0
+    SessionView session;
+    std::array<bool, kAlertCount> alerts{};
+    uint16_t busy_port = 0;     ///< for Alert::PortBusy
+    std::deque<Event> events;   ///< oldest first, at most 8
+    uint64_t events_total = 0;  ///< events ever pushed; tells which of `events` are new
+    uint64_t changes = 0;       ///< grows by one with every change
+};
+
+/// The one shared model of what the owner sees. Every part of the program reports here; the screen
+/// copies it. All fields of `state` are guarded by `mutex`; every change goes through `update` or
+/// one of the functions below, which count it and wake the screen.
+class Board {
+  public:
+    /// A consistent copy, for use without the lock.
+    [[nodiscard]] Snapshot snapshot() const;
+
+    /// Runs `change(state)` under the lock, then counts the change and wakes the screen. `change`
+    /// may call `push_locked`, and nothing else of the board.
+    template <typename Change>
+    void update(Change&& change) {
+        const std::lock_guard lock(mutex);
+        change(state);
+        touch_locked();
+    }
+
+    /// Marks an alert active; the first time also pushes an event. `port` matters for PortBusy
+    /// only, whose newest port is always kept.
+    void raise(Alert alert, uint16_t port);
+
+    /// Takes an alert back. Counts as a change only when it was active.
+    void clear(Alert alert);
+
+    /// Appends an event and drops the oldest beyond 8. The caller holds `mutex`.
+    void push_locked(EventKind kind, int64_t value);
+    /// Same, taking the lock.
+    void push(EventKind kind, int64_t value = 0);
+
+    /// Closes the recorded session, if there is one: pushes SessionEnded when it was streaming (or
+    /// `started` says so), SessionNotStarted otherwise. A negative duration is replaced by the time
+    /// since the session's state was entered.
+    void session_ended(bool started, int64_t duration_s);
+
+    /// Counts a change and wakes the screen. The caller holds `mutex`.
+    void touch_locked();
+
+    mutable std::mutex mutex;
+    std::condition_variable changed;  ///< notified on every change, waited on with `mutex`
+    Snapshot state;                   ///< guarded by `mutex`
+
+    /// Tells the screen to end. A lone atomic, since signal handlers set it; they cannot notify, so
+    /// the screen looks at it at least every 100 ms.
+    std::atomic<bool> quit{false};
+};
+
+/// The process-wide board, created on first use.
+Board& board();
+
+}  // namespace ox::tui

@@ -1,0 +1,159 @@
+#include "tui/board_texts.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <string_view>
+
+namespace ox::tui {
+namespace {
+
+// One text in both languages. The no-break spaces of the Russian ones are written as \u00A0, so
+// that nobody takes them for ordinary spaces.
+struct Text {
+    const char* english;
+    const char* russian;
+
+    [[nodiscard]] const char* in(Lang lang) const {
+        return lang == Lang::Russian ? russian : english;
+    }
+};
+
+// By alert; PortBusy is put together around the port.
+constexpr std::array<Text, kAlertCount> kAlertTitles{{
+    {"NVIDIA driver not found", "Не найден драйвер NVIDIA"},
+    {"Screen capture failed", "Не удалось захватить экран"},
+    {"The encoder didn't start", "Кодировщик не\u00A0запустился"},
+    {"", ""},
+    {"Token rejected", "Токен не\u00A0принят"},
+    {"A second agent with this token", "Второй агент с\u00A0этим токеном"},
+    {"No access to /dev/uinput", "Нет доступа к\u00A0/dev/uinput"},
+}};
+
+constexpr std::array<Text, kAlertCount> kAlertTexts{{
+    {"NVIDIA driver not found. Install it from nvidia.com/drivers and restart the agent.",
+     "Не найден драйвер NVIDIA. Установите его с\u00A0nvidia.com/drivers и\u00A0перезапустите "
+     "агент."},
+    {"Can't capture the screen. Connect a monitor (or an HDMI dummy plug) and unlock the PC.",
+     "Не получается захватить экран. Подключите монитор (или HDMI-заглушку) и\u00A0разблокируйте "
+     "ПК."},
+    {"The video card couldn't start encoding. Update the GPU driver and restart the agent.",
+     "Видеокарта не\u00A0запустила кодирование. Обновите драйвер и\u00A0перезапустите агент."},
+    {"", ""},
+    {"The platform rejected this PC's token. Download start-agent again from your cabinet.",
+     "Платформа не\u00A0приняла токен этого ПК. Скачайте start-agent заново в\u00A0кабинете."},
+    {"A second agent runs with this token. Keep only one.",
+     "С\u00A0этим токеном запущен второй агент. Оставьте только один."},
+    {"Players' mouse and keyboard won't work: no access to /dev/uinput. Run sudo usermod -aG input "
+     "$USER and log in again.",
+     "Мышь и\u00A0клавиатура игроков не\u00A0заработают: нет доступа к\u00A0/dev/uinput. Выполните "
+     "sudo usermod -aG input $USER и\u00A0войдите заново."},
+}};
+
+constexpr Text kNoDesktopText{
+    "Can't capture the screen. Log in to the desktop session and restart the agent.",
+    "Не получается захватить экран. Войдите в\u00A0сеанс рабочего стола и\u00A0перезапустите "
+    "агент."};
+
+// Texts before and after the port.
+struct PortText {
+    Text before;
+    Text after;
+
+    [[nodiscard]] std::string with(uint16_t port, Lang lang) const {
+        return before.in(lang) + std::to_string(port) + after.in(lang);
+    }
+};
+
+constexpr PortText kPortBusyTitle{{"Port ", "Порт "}, {" is busy", " занят"}};
+constexpr PortText kPortBusyText{
+    {"Port ", "Порт "},
+    {" is taken by another program. Close it or change PORT_BASE in start-agent.",
+     " занят другой программой. Закройте её или поменяйте PORT_BASE в\u00A0start-agent."}};
+
+Text event_words(EventKind kind) {
+    switch (kind) {
+        case EventKind::AgentStarted:
+            return {"Agent started", "Агент запущен"};
+        case EventKind::PlatformConnected:
+            return {"Connected to the platform", "Подключились к\u00A0платформе"};
+        case EventKind::PlatformLost:
+            return {"Connection lost, reconnecting", "Связь пропала, переподключаемся"};
+        case EventKind::PcRented:
+            return {"A player rented this PC", "Игрок арендовал этот ПК"};
+        case EventKind::PlayerConnected:
+            return {"The player connected", "Игрок подключился"};
+        case EventKind::SessionEnded:
+            return {"Session ended after ", "Сессия завершена, шла "};
+        case EventKind::SessionNotStarted:
+            return {"The session couldn't start, details in the log",
+                    "Сессия не\u00A0запустилась, подробности в\u00A0логе"};
+        case EventKind::PlayerDropped:
+            return {"The player dropped, holding the session for ",
+                    "Игрок отключился, держим сессию "};
+        case EventKind::PlayerBack:
+            return {"The player is back", "Игрок вернулся"};
+        case EventKind::StreamRelayed:
+            return {"The stream moved to the relay", "Поток пошёл через релей"};
+        case EventKind::StreamDirect:
+            return {"The stream went direct", "Поток пошёл напрямую"};
+        case EventKind::Stopping:
+            return {"Stopping", "Останавливаемся"};
+        case EventKind::StoppedOnError:
+            return {"The agent stopped on an error", "Агент остановился из-за ошибки"};
+        case EventKind::AlertRaised:
+            break;
+    }
+    return {"", ""};
+}
+
+}  // namespace
+
+Lang os_language() {
+    for (const char* name : {"OX_LANG", "LC_ALL", "LC_MESSAGES", "LANG"}) {
+        const char* value = std::getenv(name);
+        if (value == nullptr || *value == '\0') continue;
+        const bool russian =
+            (value[0] == 'r' || value[0] == 'R') && (value[1] == 'u' || value[1] == 'U');
+        return russian ? Lang::Russian : Lang::English;
+    }
+    return Lang::English;
+}
+
+std::string alert_title(Alert alert, Lang lang, uint16_t port) {
+    if (alert == Alert::PortBusy) return kPortBusyTitle.with(port, lang);
+    return kAlertTitles.at(static_cast<size_t>(alert)).in(lang);
+}
+
+std::string alert_text(Alert alert, Lang lang, Host host, uint16_t port) {
+    if (alert == Alert::PortBusy) return kPortBusyText.with(port, lang);
+    if (alert == Alert::CaptureFailed && host == Host::NoDesktopSession) {
+        return kNoDesktopText.in(lang);
+    }
+    return kAlertTexts.at(static_cast<size_t>(alert)).in(lang);
+}
+
+std::string event_text(const Event& event, Lang lang, uint16_t port) {
+    if (event.kind == EventKind::AlertRaised) return alert_title(event.alert, lang, port);
+    std::string text = event_words(event.kind).in(lang);
+    if (event.kind == EventKind::SessionEnded || event.kind == EventKind::PlayerDropped) {
+        text += duration_words(event.value, lang);
+    }
+    return text;
+}
+
+std::string duration_words(int64_t seconds, Lang lang) {
+    constexpr int64_t kMinute = 60;
+    constexpr int64_t kHour = 3600;
+    const int64_t total = std::max<int64_t>(seconds, 0);
+    const Text second_unit{" s", "\u00A0с"};
+    const Text minute_unit{" min", "\u00A0мин"};
+    const Text hour_unit{" h ", "\u00A0ч "};
+    if (total < kMinute) return std::to_string(total) + second_unit.in(lang);
+    if (total < kHour) return std::to_string(total / kMinute) + minute_unit.in(lang);
+    const int64_t minutes = total % kHour / kMinute;
+    return std::to_string(total / kHour) + hour_unit.in(lang) + (minutes < 10 ? "0" : "") +
+           std::to_string(minutes) + minute_unit.in(lang);
+}
+
+}  // namespace ox::tui

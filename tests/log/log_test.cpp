@@ -1,0 +1,207 @@
+#include "log/log.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "log/log_path.h"
+#include "support/redirected_fd.h"
+#include "support/temp_dir.h"
+
+namespace ox {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::EndsWith;
+using ::testing::MatchesRegex;
+
+constexpr int64_t kLimit = 10 * 1024 * 1024;
+
+std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// Each test logs to files of its own, the console off.
+class Log : public ::testing::Test {
+  protected:
+    void SetUp() override { open(path_); }
+    void TearDown() override {
+        close();
+        log_sinks().console = true;
+        log_level() = static_cast<int32_t>(LogLevel::INFO);
+    }
+
+    static void open(const std::string& path) {
+        close();
+        log_sinks().console = false;
+        log_sinks().path = path;
+        log_sinks().file = std::fopen(path.c_str(), "ae");
+        ASSERT_NE(log_sinks().file, nullptr);
+        std::fseek(log_sinks().file, 0, SEEK_END);
+        log_sinks().bytes = std::ftell(log_sinks().file);
+    }
+    static void close() {
+        if (log_sinks().file != nullptr) std::fclose(log_sinks().file);
+        log_sinks().file = nullptr;
+        log_sinks().stderr_redirected = false;
+    }
+    [[nodiscard]] std::string text(int generation = 0) const {
+        return read_file(generation == 0 ? path_ : rotated_log_name(path_, generation));
+    }
+
+    const test::TempDir dir_;
+    const std::string path_ = dir_.file("agent.log");
+};
+
+TEST_F(Log, LineHasAPrefixAndIsCutButAlwaysEnded) {
+    OX_WARN("Component: %d%%", 42);
+    EXPECT_THAT(
+        text(),
+        MatchesRegex("\\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{6}\\] "
+                     "\\[WARN \\] Component: 42%\n"));
+    for (const size_t length : {size_t{0}, size_t{2047}, size_t{2048}, size_t{100'000}}) {
+        open(dir_.file("cut"));
+        OX_ERROR("%s", std::string(length, 'x').c_str());
+        const std::string kept(std::min<size_t>(length, 2047), 'x');
+        EXPECT_THAT(read_file(dir_.file("cut")), EndsWith("] [ERROR] " + kept + "\n"));
+        fs::remove(dir_.file("cut"));
+    }
+    open(dir_.file("long name"));
+    log_msg(LogLevel::INFO, std::string(200, 'N').c_str(), "message");
+    EXPECT_EQ(read_file(dir_.file("long name")).size(), 63 + sizeof "message");
+}
+
+TEST_F(Log, CallersErrnoIsKept) {
+    fs::create_symlink("/dev/full", dir_.file("full"));
+    open(dir_.file("full"));
+    errno = ENOENT;
+    OX_INFO("lost");
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(Log, LevelBelowTheMinimumTouchesNeitherSink) {
+    const UniqueFd console(
+        ::open(dir_.file("console").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    const test::RedirectedFd redirected(STDERR_FILENO, console.get());
+    log_sinks().console = true;
+    log_level() = static_cast<int32_t>(LogLevel::WARN);
+    OX_INFO("quiet");
+    EXPECT_EQ(text() + read_file(dir_.file("console")), "");
+    OX_WARN("loud");
+    EXPECT_THAT(text(), EndsWith("loud\n"));
+    EXPECT_EQ(read_file(dir_.file("console")), text());
+}
+
+TEST_F(Log, FileIsRotatedBeforeTheFirstLineBeyondTheLimit) {
+    for (const bool over : {false, true}) {
+        close();
+        fs::remove(rotated_log_name(path_, 1));
+        std::ofstream(path_).close();
+        fs::resize_file(path_, static_cast<uintmax_t>(kLimit + (over ? 1 : 0)));
+        open(path_);
+        OX_INFO("first");
+        EXPECT_EQ(fs::exists(rotated_log_name(path_, 1)), over);
+        EXPECT_EQ(log_sinks().bytes, static_cast<int64_t>(fs::file_size(path_)));
+        OX_INFO("second");
+        EXPECT_TRUE(fs::exists(rotated_log_name(path_, 1)));
+        EXPECT_EQ(log_sinks().bytes, static_cast<int64_t>(fs::file_size(path_)));
+        EXPECT_THAT(text(), EndsWith("second\n"));
+    }
+}
+
+TEST_F(Log, FourGenerationsAreKept) {
+    OX_INFO("generation 0");
+    for (int generation = 1; generation <= 5; ++generation) {
+        log_sinks().bytes = kLimit + 1;
+        OX_INFO("generation %d", generation);
+    }
+    for (int slot = 0; slot <= 3; ++slot) {
+        EXPECT_THAT(text(slot), EndsWith("generation " + std::to_string(5 - slot) + "\n"));
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), {}), 4);
+}
+
+TEST_F(Log, RedirectedStderrFollowsTheRotation) {
+    const test::RedirectedFd redirected(STDERR_FILENO, ::fileno(log_sinks().file));
+    log_sinks().stderr_redirected = true;
+    log_sinks().bytes = kLimit + 1;
+    OX_INFO("fresh file");
+    ASSERT_EQ(::write(STDERR_FILENO, "chatter\n", 8), 8);
+    EXPECT_THAT(text(), EndsWith("fresh file\nchatter\n"));
+    EXPECT_EQ(text(1), "");
+}
+
+TEST_F(Log, FullDiskLosesLinesAndCountsNone) {
+    // The device must not be rotated away either; the link stands for it.
+    fs::create_symlink("/dev/full", dir_.file("full.log"));
+    open(dir_.file("full.log"));
+    const int64_t before = log_sinks().bytes;
+    for (int i = 0; i < 100; ++i)
+        OX_INFO("lost %d", i);
+    EXPECT_EQ(log_sinks().bytes, before);
+    log_sinks().bytes = kLimit + 1;
+    OX_INFO("lost too");
+    EXPECT_TRUE(fs::is_symlink(dir_.file("full.log")));
+    EXPECT_FALSE(fs::is_symlink(dir_.file("full.1.log")));
+}
+
+TEST_F(Log, RemovedFolderEndsTheFileSinkOnly) {
+    fs::create_directory(dir_.file("gone"));
+    open(dir_.file("gone/agent.log"));
+    fs::remove_all(dir_.file("gone"));
+    const UniqueFd console(
+        ::open(dir_.file("console").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    const test::RedirectedFd redirected(STDERR_FILENO, console.get());
+    log_sinks().console = true;
+    log_sinks().bytes = kLimit + 1;
+    OX_INFO("first");
+    EXPECT_EQ(log_sinks().file, nullptr);
+    OX_INFO("second");
+    EXPECT_THAT(read_file(dir_.file("console")), MatchesRegex(".*first\n.*second\n"));
+}
+
+TEST_F(Log, LinesOfManyThreadsComeOutWholeAcrossRotations) {
+    constexpr int kThreads = 8;
+    constexpr int kLines = 1250;
+    constexpr size_t kFill = 2000;
+    log_sinks().bytes = kLimit / 2;  // 20 MB on top of this rotate twice
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            const std::string fill(kFill, static_cast<char>('a' + t));
+            for (int i = 0; i < kLines; ++i)
+                OX_INFO("%d %d %s", t, i, fill.c_str());
+        });
+    }
+    threads.clear();
+    ASSERT_TRUE(fs::exists(rotated_log_name(path_, 2)));
+
+    std::istringstream all(text(2) + text(1) + text());
+    std::array<int, kThreads> next{};
+    for (std::string line; std::getline(all, line);) {
+        int t = -1;
+        int i = -1;
+        int fill_at = 0;
+        ASSERT_GT(line.size(), kFill);
+        ASSERT_EQ(std::sscanf(line.c_str(), "%*s %*s [INFO ] %d %d %n", &t, &i, &fill_at), 2)
+            << line;
+        ASSERT_EQ(line.substr(static_cast<size_t>(fill_at)),
+                  std::string(kFill, static_cast<char>('a' + t)));
+        ASSERT_EQ(i, next.at(static_cast<size_t>(t))++);
+    }
+    for (const int count : next)
+        EXPECT_EQ(count, kLines);
+}
+
+}  // namespace
+}  // namespace ox

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "log/log.h"
+
+namespace ox::test {
+
+/// Collects what is logged while it lives, in place of the standard error and the log file.
+class LogCapture {
+  public:
+    explicit LogCapture(LogLevel lowest = LogLevel::DEBUG)
+        : old_level_(log_level().exchange(static_cast<int32_t>(lowest))) {
+        const std::lock_guard lock(log_mutex());
+        old_console_ = log_sinks().console;
+        old_file_ = log_sinks().file;
+        log_sinks().console = false;
+        log_sinks().file = stream_ = ::open_memstream(&text_, &size_);
+    }
+    ~LogCapture() {
+        {
+            const std::lock_guard lock(log_mutex());
+            log_sinks().console = old_console_;
+            log_sinks().file = old_file_;
+        }
+        log_level() = old_level_;
+        std::fclose(stream_);
+        std::free(text_);
+    }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    /// Everything so far, with prefixes and newlines.
+    [[nodiscard]] std::string text() const {
+        const std::lock_guard lock(log_mutex());
+        return {text_, size_};
+    }
+
+    /// How many lines carry exactly this level and message.
+    [[nodiscard]] int count(std::string_view level, std::string_view message) const {
+        std::string wanted(level);
+        wanted.resize(5, ' ');
+        wanted = "[" + wanted + "] " + std::string(message) + "\n";
+        const std::string all = text();
+        int found = 0;
+        for (size_t at = all.find(wanted); at != std::string::npos; at = all.find(wanted, at + 1)) {
+            ++found;
+        }
+        return found;
+    }
+
+  private:
+    int32_t old_level_;
+    bool old_console_ = true;
+    std::FILE* old_file_ = nullptr;
+    std::FILE* stream_ = nullptr;
+    char* text_ = nullptr;  ///< grown by the stream, current after every written line
+    size_t size_ = 0;
+};
+
+}  // namespace ox::test

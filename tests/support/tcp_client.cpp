@@ -1,0 +1,90 @@
+#include "support/tcp_client.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <stdexcept>
+#include <thread>
+
+namespace ox::test {
+
+using Clock = std::chrono::steady_clock;
+
+TcpClient::TcpClient(uint16_t port, std::chrono::milliseconds timeout) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const auto deadline = Clock::now() + timeout;
+    for (;;) {
+        socket_.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+            0) {
+            break;
+        }
+        if (Clock::now() >= deadline) {
+            throw std::runtime_error("nobody listens on port " + std::to_string(port));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    const int on = 1;  // what is sent in pieces leaves in pieces
+    ::setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+bool TcpClient::send(std::string_view bytes) {
+    while (!bytes.empty()) {
+        const auto sent = ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (sent <= 0) return false;
+        bytes.remove_prefix(static_cast<size_t>(sent));
+    }
+    return true;
+}
+
+bool TcpClient::receive(Clock::time_point deadline) {
+    if (ended_) return false;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    pollfd readable{socket_.get(), POLLIN, 0};
+    if (::poll(&readable, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) != 1) {
+        return false;
+    }
+    std::array<char, 4096> chunk;
+    const auto got = ::recv(socket_.get(), chunk.data(), chunk.size(), 0);
+    ended_ = got <= 0;
+    if (!ended_) received_.append(chunk.data(), static_cast<size_t>(got));
+    return !ended_;
+}
+
+std::optional<std::string> TcpClient::read_line(std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    for (;;) {
+        const auto end = received_.find('\n');
+        if (end != std::string::npos) {
+            auto line = received_.substr(0, end);
+            received_.erase(0, end + 1);
+            return line;
+        }
+        if (!receive(deadline)) return std::nullopt;
+    }
+}
+
+bool TcpClient::closed_within(std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    while (receive(deadline))
+        received_.clear();
+    return ended_;
+}
+
+void TcpClient::close(bool abruptly) {
+    if (abruptly) {
+        const linger at_once{1, 0};
+        ::setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+    }
+    socket_.reset();
+    ended_ = true;
+}
+
+}  // namespace ox::test

@@ -1,0 +1,46 @@
+#include "support/x_painter.h"
+
+#include <X11/Xlib.h>
+#include <X11/extensions/Xrandr.h>
+
+#include <memory>
+#include <stdexcept>
+
+namespace ox::test {
+
+XPainter::XPainter(const std::string& display) : display_(XOpenDisplay(display.c_str())) {
+    if (display_ == nullptr) throw std::runtime_error("no X server " + display);
+    // A server that is killed under a test must not take the test with it.
+    XSetIOErrorHandler([](Display*) { return 0; });
+    XSetIOErrorExitHandler(
+        display_, [](Display*, void*) {}, nullptr);
+    gc_ = XCreateGC(display_, XDefaultRootWindow(display_), 0, nullptr);
+}
+
+XPainter::~XPainter() {
+    XFreeGC(display_, gc_);
+    XCloseDisplay(display_);
+}
+
+void XPainter::fill(int x, int y, uint32_t width, uint32_t height, uint32_t pixel) {
+    XSetForeground(display_, gc_, pixel);
+    XFillRectangle(display_, XDefaultRootWindow(display_), gc_, x, y, width, height);
+    XSync(display_, False);
+}
+
+void XPainter::resize_screen(uint32_t width, uint32_t height) {
+    constexpr int kMillimetres = 100;  // any will do
+    const Window root = XDefaultRootWindow(display_);
+    const std::unique_ptr<XRRScreenResources, void (*)(XRRScreenResources*)> resources(
+        XRRGetScreenResources(display_, root), XRRFreeScreenResources);
+    // A screen cannot become smaller than what its outputs show.
+    for (int i = 0; i < resources->ncrtc; ++i) {
+        XRRSetCrtcConfig(display_, resources.get(), resources->crtcs[i], CurrentTime, 0, 0, None,
+                         RR_Rotate_0, nullptr, 0);
+    }
+    XRRSetScreenSize(display_, root, static_cast<int>(width), static_cast<int>(height),
+                     kMillimetres, kMillimetres);
+    XSync(display_, False);
+}
+
+}  // namespace ox::test

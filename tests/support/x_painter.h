@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+struct _XDisplay;
+struct _XGC;
+
+namespace ox::test {
+
+/// Paints straight onto the root window of an X server, and changes its size.
+class XPainter {
+  public:
+    /// Throws std::runtime_error when there is no such server.
+    explicit XPainter(const std::string& display);
+    ~XPainter();
+    XPainter(const XPainter&) = delete;
+    XPainter& operator=(const XPainter&) = delete;
+
+    /// Fills a rectangle with a pixel value as the screen's depth has it (0xRRGGBB at depth 24,
+    /// RGB565 at 16) and waits until it is there.
+    void fill(int x, int y, uint32_t width, uint32_t height, uint32_t pixel);
+
+    /// Resizes the screen through RandR, up to the size the server was started with, and waits
+    /// until it is done.
+    void resize_screen(uint32_t width, uint32_t height);
+
+  private:
+    _XDisplay* display_;
+    _XGC* gc_;
+};
+
+}  // namespace ox::test

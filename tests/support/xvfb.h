@@ -1,0 +1,36 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/child_process.h"
+
+namespace ox::test {
+
+/// An X server of the test's own, on a display that it has chosen itself, without anything on it.
+class Xvfb {
+  public:
+    struct Setup {
+        std::string screen = "640x480x24";   ///< width x height x depth
+        std::vector<std::string> arguments;  ///< more of them, e.g. "-extension", "MIT-SHM"
+        bool other_ipc_namespace = false;    ///< shared memory cannot be reached
+        std::chrono::milliseconds patience{20'000};
+    };
+
+    /// Null when the server does not come up: Xvfb is not installed, or the namespace is refused.
+    static std::unique_ptr<Xvfb> start(const Setup& setup);
+
+    /// ":7", for XOpenDisplay and the `DISPLAY` variable.
+    [[nodiscard]] const std::string& display() const { return display_; }
+    [[nodiscard]] ChildProcess& process() { return *process_; }
+    /// SIGKILL, and waits until the server is gone.
+    void kill();
+
+  private:
+    std::unique_ptr<ChildProcess> process_;
+    std::string display_;
+};
+
+}  // namespace ox::test

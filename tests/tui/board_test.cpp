@@ -1,0 +1,92 @@
+#include "tui/board.h"
+
+#include <gtest/gtest.h>
+
+#include "base/clock.h"
+
+namespace ox::tui {
+namespace {
+
+TEST(Board, BusyPortIsTheNewestButTellsOneEvent) {
+    Board board;
+    board.raise(Alert::PortBusy, 48001);
+    board.raise(Alert::PortBusy, 48002);
+    board.raise(Alert::EncoderFailed, 7);
+    const Snapshot state = board.snapshot();
+    EXPECT_EQ(state.busy_port, 48002);
+    EXPECT_EQ(state.changes, 3U);
+    ASSERT_EQ(state.events.size(), 2U);
+    EXPECT_EQ(state.events[0].kind, EventKind::AlertRaised);
+    EXPECT_EQ(state.events[0].alert, Alert::PortBusy);
+    EXPECT_EQ(state.events[0].port, 48001);
+    EXPECT_EQ(state.events[1].alert, Alert::EncoderFailed);
+}
+
+TEST(Board, ClearedAlertCanBeRaisedAnew) {
+    Board board;
+    board.clear(Alert::TokenRejected);
+    EXPECT_EQ(board.snapshot().changes, 0U);
+    board.raise(Alert::TokenRejected, 0);
+    board.clear(Alert::TokenRejected);
+    EXPECT_FALSE(board.snapshot().alerts[static_cast<size_t>(Alert::TokenRejected)]);
+    EXPECT_EQ(board.snapshot().changes, 2U);
+    board.raise(Alert::TokenRejected, 0);
+    EXPECT_TRUE(board.snapshot().alerts[static_cast<size_t>(Alert::TokenRejected)]);
+    EXPECT_EQ(board.snapshot().events_total, 2U);
+}
+
+TEST(Board, KeepsTheEightNewestEventsOldestFirst) {
+    Board board;
+    const int64_t before_s = system_now_s();
+    for (int64_t i = 0; i < 10; ++i)
+        board.push(EventKind::PlayerDropped, i);
+    const Snapshot state = board.snapshot();
+    ASSERT_EQ(state.events.size(), 8U);
+    EXPECT_EQ(state.events_total, 10U);
+    for (size_t i = 0; i < 8; ++i) {
+        EXPECT_EQ(state.events[i].value, static_cast<int64_t>(i) + 2);
+        EXPECT_GE(state.events[i].time_s, before_s);
+        EXPECT_EQ(state.events[i].clock.size(), 5U);
+    }
+}
+
+TEST(Board, SessionEndTellsHowItWent) {
+    struct Case {
+        SessionState state;
+        bool started;
+        int64_t duration_s;
+        std::optional<EventKind> expected;
+        int64_t value;
+    };
+    const Case cases[] = {
+        {SessionState::None, true, 5, std::nullopt, 0},
+        {SessionState::Preparing, false, -1, EventKind::SessionNotStarted, 0},
+        {SessionState::Preparing, true, 5, EventKind::SessionEnded, 5},
+        {SessionState::Streaming, false, 0, EventKind::SessionEnded, 0},
+        {SessionState::Streaming, false, -1, EventKind::SessionEnded, 90},
+    };
+    for (const Case& c : cases) {
+        Board board;
+        board.update([&](Snapshot& state) {
+            state.session.state = c.state;
+            state.session.since_s = system_now_s() - 90;
+            state.session.id = "id";
+            state.session.launcher = "10.0.0.5";
+            state.session.holding = true;
+        });
+        board.session_ended(c.started, c.duration_s);
+        const Snapshot state = board.snapshot();
+        ASSERT_EQ(state.events.size(), c.expected ? 1U : 0U);
+        if (c.expected) {
+            EXPECT_EQ(state.events[0].kind, *c.expected);
+            EXPECT_NEAR(static_cast<double>(state.events[0].value), static_cast<double>(c.value),
+                        2);
+        }
+        EXPECT_EQ(state.session.state, SessionState::None);
+        EXPECT_EQ(state.session.id + state.session.launcher, "");
+        EXPECT_FALSE(state.session.holding);
+    }
+}
+
+}  // namespace
+}  // namespace ox::tui

@@ -1,0 +1,147 @@
+#include "tui/plain_lines.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tui/clock_text.h"
+
+namespace ox::tui {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+// A board whose events all happen at 14:03, and the lines told of it.
+class Story {
+  public:
+    explicit Story(Lang lang, Host host = Host::Desktop) : lines_(lang, host) {
+        board_.update([](Snapshot& state) {
+            state.version = "0.4.448";
+            state.host = "rig";
+            state.log_path = "/var/log/agent.log";
+        });
+    }
+
+    std::vector<std::string> next() {
+        Snapshot snapshot = board_.snapshot();
+        for (Event& event : snapshot.events)
+            event.clock = "14:03";
+        std::vector<std::string> lines = lines_.news(snapshot, kNow);
+        for (std::string& line : lines) {
+            if (line.starts_with(clock_text(kNow))) line.replace(0, clock_text(kNow).size(), "now");
+        }
+        return lines;
+    }
+    template <typename Change>
+    std::vector<std::string> after(Change&& change) {
+        board_.update(change);
+        return next();
+    }
+    Board& board() { return board_; }
+    void push(EventKind kind, int64_t value = 0) { board_.push_locked(kind, value); }
+
+  private:
+    static constexpr int64_t kNow = 1'700'000'000;
+    Board board_;
+    PlainLines lines_;
+};
+
+void start_stream(Snapshot& state) {
+    state.session.state = SessionState::Streaming;
+    state.session.launcher = "10.0.0.5";
+    state.session.encoder = "x264";
+    state.session.codec = "H.264";
+    state.session.width = 1920;
+    state.session.height = 1080;
+    state.session.fps = 60;
+}
+
+TEST(PlainLines, SessionOfAStandaloneAgent) {
+    Story story(Lang::English);
+    story.board().push(EventKind::AgentStarted);
+    EXPECT_THAT(story.next(), ElementsAre("orvex-agent 0.4.448 on rig, log: /var/log/agent.log",
+                                          "14:03 Agent started"));
+    EXPECT_THAT(story.after([](Snapshot& s) { s.link = LinkState::Standalone; }),
+                ElementsAre("now Standalone mode, waiting for launchers"));
+    EXPECT_THAT(story.after([](Snapshot& s) { s.session.state = SessionState::Preparing; }),
+                ElementsAre("now Preparing a session"));
+    EXPECT_THAT(story.after([&](Snapshot& s) {
+        start_stream(s);
+        story.push(EventKind::PlayerConnected);
+    }),
+                ElementsAre("14:03 The player connected",
+                            "now Streaming to 10.0.0.5: H.264 1920x1080, 60 fps, x264"));
+    EXPECT_THAT(story.after([](Snapshot& s) { s.session.measured_mbps = 14.8; }), IsEmpty());
+    EXPECT_THAT(story.after([&](Snapshot& s) {
+        s.session.holding = true;
+        story.push(EventKind::PlayerDropped, 60);
+    }),
+                ElementsAre("14:03 The player dropped, holding the session for 1 min"));
+    EXPECT_THAT(story.after([](Snapshot& s) { s.session.holding = false; }),
+                ElementsAre("now No longer waiting for the launcher"));
+    // Over and begun anew between two looks at the board.
+    story.board().session_ended(false, 3900);
+    EXPECT_THAT(story.after([&](Snapshot& s) {
+        start_stream(s);
+        story.push(EventKind::PlayerConnected);
+    }),
+                ElementsAre("14:03 Session ended after 1 h 05 min", "14:03 The player connected",
+                            "now Streaming to 10.0.0.5: H.264 1920x1080, 60 fps, x264"));
+}
+
+TEST(PlainLines, LinkChangesAreToldOnce) {
+    Story story(Lang::Russian);
+    EXPECT_THAT(story.next(),
+                ElementsAre("orvex-agent 0.4.448 на\u00A0rig, лог: /var/log/agent.log"));
+    EXPECT_THAT(story.after([&](Snapshot&) { story.push(EventKind::PlatformConnected); }),
+                ElementsAre("14:03 Подключились к\u00A0платформе"));
+    EXPECT_THAT(story.after([](Snapshot& s) { s.link = LinkState::Connected; }), IsEmpty());
+    EXPECT_THAT(story.after([](Snapshot& s) { s.link = LinkState::Reconnecting; }),
+                ElementsAre("now Связи с\u00A0платформой нет, переподключаемся"));
+    EXPECT_THAT(story.after([](Snapshot& s) { s.link = LinkState::Connected; }),
+                ElementsAre("now Связь с\u00A0платформой есть"));
+}
+
+TEST(PlainLines, AlertsComeWithTheirRemedyAndGo) {
+    Story story(Lang::English, Host::NoDesktopSession);
+    story.next();
+    story.board().raise(Alert::CaptureFailed, 0);
+    story.board().raise(Alert::PortBusy, 48001);
+    EXPECT_THAT(story.next(),
+                ElementsAre("14:03 ! Can't capture the screen. Log in to the desktop session and "
+                            "restart the agent.",
+                            "14:03 ! Port 48001 is taken by another program. Close it or change "
+                            "PORT_BASE in start-agent."));
+    story.board().raise(Alert::PortBusy, 48001);
+    EXPECT_THAT(story.next(), IsEmpty());
+    story.board().raise(Alert::PortBusy, 48002);
+    EXPECT_THAT(story.next(),
+                ElementsAre("now ! Port 48002 is taken by another program. Close it or "
+                            "change PORT_BASE in start-agent."));
+    story.board().clear(Alert::PortBusy);
+    story.board().raise(Alert::SecondAgent, 0);
+    story.board().clear(Alert::SecondAgent);
+    EXPECT_THAT(story.next(),
+                ElementsAre("14:03 ! A second agent runs with this token. Keep only one.",
+                            "now Resolved: Port 48002 is busy",
+                            "now Resolved: A second agent with this token"));
+}
+
+TEST(PlainLines, ForeignTextCannotBreakALine) {
+    Story story(Lang::English);
+    const auto lines = story.after([&](Snapshot& s) {
+        s.host = "rig\x1B[2J\nroot";
+        s.log_path.clear();
+        start_stream(s);
+        s.session.launcher = "\x9B evil\r\xFF";
+        story.push(EventKind::PlayerConnected);
+        s.events.back().detail = "from\n\x1B]0;title\a";
+    });
+    EXPECT_THAT(
+        lines,
+        ElementsAre("orvex-agent 0.4.448 on rig[2Jroot", "14:03 The player connected: from]0;title",
+                    "now Streaming to \uFFFD evil\uFFFD: H.264 1920x1080, 60 fps, x264"));
+}
+
+}  // namespace
+}  // namespace ox::tui
