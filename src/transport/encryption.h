@@ -1,0 +1,46 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "transport/packet_header.h"
+
+namespace ox {
+
+/// Holder of one stream key; seals media payloads with ChaCha20-Poly1305 (RFC 8439), the packet
+/// header being the additional data. Used by one sending thread at a time. Neither copied nor
+/// moved, so that the key exists in one place, which the destructor wipes.
+class Encryption {
+  public:
+    static constexpr size_t kKeyBytes = 32;
+
+    Encryption();
+    ~Encryption();
+    Encryption(const Encryption&) = delete;
+    Encryption& operator=(const Encryption&) = delete;
+
+    /// Takes a key of exactly 32 bytes. Any other length: false, and the old key stays.
+    bool set_key(const uint8_t* key, size_t length);
+
+    /// The 12-byte nonce that belongs to `header`.
+    static void build_nonce(const PacketHeader& header, uint8_t out[12]);
+
+    /// Seals `length` bytes into `out`, which needs room for `length` + 16 and may be `plaintext`
+    /// itself. `out_length` receives the sealed length. False when no key is set (`out_length` 0)
+    /// or libsodium fails.
+    bool encrypt_packet(const PacketHeader& header, const uint8_t* plaintext, size_t length,
+                        uint8_t* out, size_t& out_length) const;
+
+  private:
+    std::array<uint8_t, kKeyBytes> key_{};
+    bool key_set_ = false;
+};
+
+/// Opens what `Encryption::encrypt_packet` sealed: `length` bytes of ciphertext and tag under a
+/// 32-byte key, into `out` (room for `length` - 16). False, without a log line and with
+/// `out_length` unwritten, when anything was altered or `length` is below 16.
+bool decrypt_packet_with_key(const uint8_t* key, const PacketHeader& header, const uint8_t* sealed,
+                             size_t length, uint8_t* out, size_t& out_length);
+
+}  // namespace ox

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace ox {
+
+inline constexpr uint32_t kStreamVideo = 1;
+inline constexpr uint32_t kStreamAudio = 2;
+
+/// Bits of `PacketHeader::flags`.
+namespace packet_flags {
+inline constexpr uint8_t KEYFRAME = 0x01;       ///< packet of a picture that can start a decoder
+inline constexpr uint8_t FEC_PACKET = 0x02;     ///< video repair packet
+inline constexpr uint8_t AUDIO = 0x04;          ///< packet of the audio stream
+inline constexpr uint8_t LAST_IN_FRAME = 0x08;  ///< last data packet of its frame
+inline constexpr uint8_t AUDIO_PARITY = 0x20;   ///< audio repair symbol
+}  // namespace packet_flags
+
+/// The clear header of every media datagram, as it lies on the wire: 22 bytes, packed,
+/// little-endian. It is also the additional data of the sealed payload and the source of its nonce.
+struct [[gnu::packed]] PacketHeader {
+    uint32_t stream = 0;     ///< kStreamVideo or kStreamAudio
+    uint32_t frame_id = 0;   ///< video: frame number; audio: sequence number
+    uint16_t index = 0;      ///< packet inside the frame; repair packets follow the data packets
+    uint16_t count = 0;      ///< data packets of the frame
+    uint8_t flags = 0;       ///< packet_flags
+    uint8_t group = 0;       ///< 0, or in a video repair packet 0x80 | parity group modulo 128
+    uint64_t timestamp = 0;  ///< capture time in steady-clock us, in data packet 0 of a video frame
+};
+static_assert(sizeof(PacketHeader) == 22);
+
+inline constexpr size_t kHeaderBytes = sizeof(PacketHeader);
+inline constexpr size_t kTagBytes = 16;             ///< Poly1305 tag behind every sealed payload
+inline constexpr size_t kMaxDatagramBytes = 1264;   ///< largest datagram the sender takes
+inline constexpr size_t kVideoPayloadBytes = 1162;  ///< bitstream bytes in one video packet
+
+}  // namespace ox

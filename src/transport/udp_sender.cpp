@@ -1,0 +1,308 @@
+#include "transport/udp_sender.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sodium.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <system_error>
+
+#include "base/sleep.h"
+#include "log/log.h"
+#include "transport/debug_drop.h"
+#include "tui/board.h"
+
+namespace ox {
+namespace {
+
+constexpr int kSendBufferBytes = 4 * 1024 * 1024;
+constexpr int kExpeditedForwarding = 0xB8;  // DSCP 46 in the TOS byte
+constexpr int kPollMs = 200;
+constexpr std::chrono::milliseconds kWaitSlice{100};
+
+using AddressText = std::array<char, INET_ADDRSTRLEN>;
+
+AddressText ip_text(const sockaddr_in& address) {
+    AddressText text{};
+    ::inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size());
+    return text;
+}
+
+const sockaddr* as_sockaddr(const sockaddr_in& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+bool same_endpoint(const sockaddr_in& a, const sockaddr_in& b) {
+    return a.sin_addr.s_addr == b.sin_addr.s_addr && a.sin_port == b.sin_port;
+}
+
+const char* probe_name(ProbeKind kind) {
+    return kind == ProbeKind::Legacy ? "legacy (1-byte)" : "hole-punch";
+}
+
+// Once per thread: the setting stays with the thread until it ends.
+void sleep_precisely_until(SteadyClock::time_point deadline) {
+    thread_local const bool slack_is_minimal = (use_minimal_timer_slack(), true);
+    static_cast<void>(slack_is_minimal);
+    sleep_until_steady(deadline);
+}
+
+}  // namespace
+
+UdpSender::~UdpSender() {
+    close();
+    if (probe_token_) sodium_memzero(probe_token_->data(), probe_token_->size());
+}
+
+bool UdpSender::open(const std::string& dest_ip, uint16_t dest_port, uint16_t src_port) {
+    close();
+    socket_.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!socket_) {
+        OX_ERROR("UdpSender: socket() failed: %s", std::strerror(errno));
+        return false;
+    }
+    const int on = 1;
+    ::setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    local_port_ = 0;
+    if (src_port != 0 && !bind_to(src_port)) {
+        socket_.reset();
+        return false;
+    }
+    enlarge_send_buffer();
+    ::setsockopt(socket_.get(), IPPROTO_IP, IP_TOS, &kExpeditedForwarding,
+                 sizeof kExpeditedForwarding);
+
+    configured_dest_ = {};
+    configured_dest_.sin_family = AF_INET;
+    configured_dest_.sin_port = htons(dest_port);
+    if (::inet_pton(AF_INET, dest_ip.c_str(), &configured_dest_.sin_addr) != 1) {
+        OX_ERROR("UdpSender: bad dest ip '%s'", dest_ip.c_str());
+        socket_.reset();
+        return false;
+    }
+    {
+        const std::lock_guard lock(endpoint_mutex_);
+        active_dest_ = configured_dest_;
+    }
+    {
+        const std::lock_guard lock(wait_mutex_);
+        probe_received_ = false;
+        closed_ = false;
+    }
+    OX_INFO("UdpSender: -> %s:%u (src :%u, will update on probe)", dest_ip.c_str(), dest_port,
+            src_port);
+    return true;
+}
+
+bool UdpSender::bind_to(uint16_t port) {
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(INADDR_ANY);
+    local.sin_port = htons(port);
+    if (::bind(socket_.get(), as_sockaddr(local), sizeof local) != 0) {
+        const int error = errno;
+        OX_ERROR("UdpSender: bind :%u failed: %s", port, std::strerror(error));
+        if (error == EADDRINUSE) tui::board().raise(tui::Alert::PortBusy, port);
+        return false;
+    }
+    local_port_ = port;
+    return true;
+}
+
+void UdpSender::enlarge_send_buffer() {
+    ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof kSendBufferBytes);
+    int effective = 0;
+    socklen_t size = sizeof effective;
+    if (::getsockopt(socket_.get(), SOL_SOCKET, SO_SNDBUF, &effective, &size) == 0) {
+        OX_INFO("UdpSender: SO_SNDBUF requested=4MB effective=%d KB", effective / 1024);
+    }
+}
+
+void UdpSender::set_probe_token(const uint8_t* token, size_t length) {
+    ProbeToken first_bytes;
+    if (token == nullptr || length < first_bytes.size()) {
+        OX_WARN("UdpSender: probe token too short (%zuB) — magic-only validation", length);
+        probe_token_.reset();
+        return;
+    }
+    std::copy_n(token, first_bytes.size(), first_bytes.begin());
+    probe_token_ = first_bytes;
+}
+
+void UdpSender::start_probe_listener() {
+    if (!is_open() || running_.exchange(true)) return;
+    start_listener();
+}
+
+void UdpSender::listen_for_next_probe() {
+    if (!is_open() || listening_) return;
+    running_ = true;
+    start_listener();
+}
+
+void UdpSender::start_listener() {
+    OX_INFO("UdpSender: waiting for hole-punch probe on port %u...", local_port_);
+    if (probe_thread_.joinable()) probe_thread_.join();
+    listening_ = true;
+    try {
+        probe_thread_ = std::jthread([this, again = probe_received_.load()] { probe_loop(again); });
+    } catch (const std::system_error& error) {
+        OX_ERROR("UdpSender: probe listener not started: %s", error.what());
+        listening_ = false;
+        running_ = false;
+    }
+}
+
+void UdpSender::probe_loop(bool skip_backlog) {
+    ::pthread_setname_np(::pthread_self(), "ox-probe");
+    while (running_) {
+        pollfd readable{.fd = socket_.get(), .events = POLLIN, .revents = 0};
+        const int ready = ::poll(&readable, 1, skip_backlog ? 0 : kPollMs);
+        if (ready < 0 && errno != EINTR) break;
+        if (ready == 0) skip_backlog = false;
+        if (ready > 0 && read_probe(skip_backlog)) return;
+    }
+    listening_ = false;
+}
+
+// A launcher may send its probe several times. The copies that nobody read must not be taken for
+// the sign of a launcher that came back, or the listener would end before that one shows.
+bool UdpSender::read_probe(bool skip_backlog) {
+    std::array<uint8_t, kProbeReadBytes> bytes{};
+    sockaddr_in source{};
+    socklen_t source_size = sizeof source;
+    const ssize_t length = ::recvfrom(socket_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT,
+                                      reinterpret_cast<sockaddr*>(&source), &source_size);
+    if (length <= 0) return false;
+    const ProbeKind kind = classify_probe({bytes.data(), static_cast<size_t>(length)}, probe_token_,
+                                          source.sin_addr, configured_dest_.sin_addr);
+    if (kind == ProbeKind::Invalid) {
+        OX_DEBUG("UdpSender: ignoring invalid probe (%zdB) from %s:%u", length,
+                 ip_text(source).data(), ntohs(source.sin_port));
+        return false;
+    }
+    if (skip_backlog && same_endpoint(source, active_destination())) return false;
+    lock_endpoint(source, kind);
+    return true;
+}
+
+void UdpSender::lock_endpoint(const sockaddr_in& source, ProbeKind kind) {
+    {
+        const std::lock_guard lock(endpoint_mutex_);
+        active_dest_ = source;
+    }
+    OX_INFO("UdpSender: %s probe received from %s:%u — endpoint locked", probe_name(kind),
+            ip_text(source).data(), ntohs(source.sin_port));
+    const std::lock_guard lock(wait_mutex_);
+    listening_ = false;
+    probe_received_ = true;
+    wait_cv_.notify_all();
+}
+
+bool UdpSender::wait_for_probe(int timeout_s, const std::function<bool()>& abort) {
+    using std::chrono::milliseconds;
+    if (closed_) return false;
+    if (timeout_s == 0) {
+        OX_INFO("UdpSender: probe wait skipped — using TCP-derived endpoint");
+        return false;
+    }
+    const auto deadline = SteadyClock::now() + std::chrono::seconds(timeout_s);
+    const auto woken = [this] { return probe_received_ || closed_; };
+    for (;;) {
+        // Asked without the lock: what it does is the caller's business.
+        if (!woken() && abort && abort()) {
+            OX_WARN("UdpSender: probe wait aborted (session ending)");
+            return false;
+        }
+        std::unique_lock lock(wait_mutex_);
+        milliseconds slice = kWaitSlice;
+        if (timeout_s > 0) {
+            const auto remaining = deadline - SteadyClock::now();
+            if (remaining <= remaining.zero() && !woken()) {
+                OX_WARN("UdpSender: no valid probe within %ds — using TCP-derived endpoint",
+                        timeout_s);
+                return false;
+            }
+            slice = std::clamp(std::chrono::duration_cast<milliseconds>(remaining), milliseconds(1),
+                               kWaitSlice);
+        }
+        if (wait_cv_.wait_for(lock, slice, woken)) return probe_received_ && !closed_;
+    }
+}
+
+void UdpSender::set_pacing_rate(uint32_t bits_per_second) {
+    bucket_.reset();
+    const uint32_t bytes_per_second = bits_per_second / 8;
+    if (bytes_per_second == 0) return;
+    bucket_.emplace(bytes_per_second, SteadyClock::now());
+    OX_INFO("UdpSender: pacing at %u kbps", bits_per_second / 1000);
+}
+
+void UdpSender::pace(size_t length) {
+    const auto now = SteadyClock::now();
+    const TokenBucket::Decision decision = bucket_->take(length, now);
+    if (decision.sleep.count() > 0) {
+        sleep_precisely_until(now + decision.sleep);
+        pacing_sleeps_.fetch_add(1, std::memory_order_relaxed);
+    }
+    if (decision.overrun) pacing_overruns_.fetch_add(1, std::memory_order_relaxed);
+}
+
+sockaddr_in UdpSender::active_destination() const {
+    const std::lock_guard lock(endpoint_mutex_);
+    return active_dest_;
+}
+
+bool UdpSender::send_raw(const uint8_t* bytes, size_t length) {
+    if (!socket_) return false;
+    if (bucket_) pace(length);
+    if (draw_debug_drop()) return true;
+    const sockaddr_in destination = active_destination();
+    const ssize_t sent =
+        ::sendto(socket_.get(), bytes, length, 0, as_sockaddr(destination), sizeof destination);
+    if (sent < 0) {
+        send_errors_.fetch_add(1, std::memory_order_relaxed);
+        OX_DEBUG("UdpSender: send error: %s", std::strerror(errno));
+        return false;
+    }
+    bytes_sent_.fetch_add(static_cast<uint64_t>(sent), std::memory_order_relaxed);
+    packets_sent_.fetch_add(1, std::memory_order_relaxed);
+    return true;
+}
+
+bool UdpSender::send_packet(const OutgoingPacket& packet) {
+    const std::span<const uint8_t> payload = packet.payload.bytes();
+    if (kHeaderBytes + payload.size() > kMaxDatagramBytes) return false;
+    // Filled below as far as it is sent. NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
+    std::array<uint8_t, kMaxDatagramBytes> datagram;
+    std::memcpy(datagram.data(), &packet.header, kHeaderBytes);
+    std::copy(payload.begin(), payload.end(), datagram.begin() + kHeaderBytes);
+    return send_raw(datagram.data(), kHeaderBytes + payload.size());
+}
+
+void UdpSender::close() {
+    if (!is_open()) return;
+    {
+        const std::lock_guard lock(wait_mutex_);
+        running_ = false;
+        closed_ = true;
+        wait_cv_.notify_all();
+    }
+    // Spares the listener the rest of its poll where the kernel wakes it; its time-out does where
+    // it does not.
+    ::shutdown(socket_.get(), SHUT_RD);
+    if (probe_thread_.joinable()) probe_thread_.join();
+    socket_.reset();
+    OX_INFO("UdpSender: closed (pkts=%llu bytes=%llu errs=%llu)",
+            static_cast<unsigned long long>(packets_sent_),
+            static_cast<unsigned long long>(bytes_sent_),
+            static_cast<unsigned long long>(send_errors_));
+}
+
+}  // namespace ox

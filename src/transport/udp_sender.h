@@ -1,0 +1,108 @@
+#pragma once
+
+#include <netinet/in.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <thread>
+
+#include "base/unique_fd.h"
+#include "transport/outgoing_packet.h"
+#include "transport/probe.h"
+#include "transport/token_bucket.h"
+
+namespace ox {
+
+/// One media stream's UDP socket: paced sending, and a listener for the launcher's hole-punch
+/// probe, whose source becomes the destination. `send_*` and `set_pacing_rate` belong to one
+/// sending thread; the counters may be read from any thread; everything else belongs to the owner.
+class UdpSender {
+  public:
+    UdpSender() = default;
+    ~UdpSender();
+    UdpSender(const UdpSender&) = delete;
+    UdpSender& operator=(const UdpSender&) = delete;
+
+    /// Binds `src_port` (0: the kernel picks one at the first send) and aims at `dest_ip` (dotted
+    /// IPv4) and `dest_port`. False with an error line when anything fails; a busy port also raises
+    /// the board's alert. An open sender is closed first; the counters run on.
+    bool open(const std::string& dest_ip, uint16_t dest_port, uint16_t src_port);
+    [[nodiscard]] bool is_open() const { return socket_.is_open(); }
+
+    /// Asks probes to carry the first 8 bytes of `token`. Call before `start_probe_listener`.
+    void set_probe_token(const uint8_t* token, size_t length);
+
+    /// Starts listening for the first valid probe. Does nothing while a listener is wanted already.
+    void start_probe_listener();
+
+    /// Listens for one more probe after an earlier one was taken, for a launcher that comes back
+    /// from elsewhere; the destination stays until that probe comes. A listener that still waits
+    /// for its first probe is left as it is. Probes of the current destination that came in between
+    /// and lie unread are passed over.
+    void listen_for_next_probe();
+
+    /// Waits for the first probe since `open`: true when it came, false after `timeout_s`
+    /// (negative: no limit, 0: at once), when `abort`, asked at least every 100 ms, returns true,
+    /// or when another thread closes the sender.
+    bool wait_for_probe(int timeout_s, const std::function<bool()>& abort);
+
+    /// Bits per second to pace at, with a 16 ms burst; 0 switches pacing off.
+    void set_pacing_rate(uint32_t bits_per_second);
+
+    /// Paces, then sends one datagram. False when closed or the kernel refused it.
+    bool send_raw(const uint8_t* bytes, size_t length);
+    /// Sends header and sealed payload as one datagram. False when larger than 1264 bytes.
+    bool send_packet(const OutgoingPacket& packet);
+
+    /// Ends the listener (within 200 ms) and closes the socket. Nothing happens when it is closed.
+    void close();
+
+    [[nodiscard]] uint64_t bytes_sent() const { return bytes_sent_; }
+    [[nodiscard]] uint64_t packets_sent() const { return packets_sent_; }
+    [[nodiscard]] uint64_t send_errors() const { return send_errors_; }
+    [[nodiscard]] uint64_t pacing_sleeps() const { return pacing_sleeps_; }
+    [[nodiscard]] uint64_t pacing_overruns() const { return pacing_overruns_; }
+
+  private:
+    bool bind_to(uint16_t port);
+    void enlarge_send_buffer();
+    void start_listener();
+    void probe_loop(bool skip_backlog);
+    bool read_probe(bool skip_backlog);
+    void lock_endpoint(const sockaddr_in& source, ProbeKind kind);
+    [[nodiscard]] sockaddr_in active_destination() const;
+    void pace(size_t length);
+
+    UniqueFd socket_;
+    uint16_t local_port_ = 0;
+    sockaddr_in configured_dest_{};  ///< the launcher's TCP peer address and the agreed port
+
+    mutable std::mutex endpoint_mutex_;
+    sockaddr_in active_dest_{};  ///< guarded by endpoint_mutex_
+
+    std::optional<ProbeToken> probe_token_;  ///< set before the listener starts
+    std::atomic<bool> running_{false};       ///< a probe listener is wanted
+    std::atomic<bool> listening_{false};     ///< a probe listener waits for its probe
+    std::mutex wait_mutex_;                  ///< held to change the next two
+    std::atomic<bool> probe_received_{false};
+    std::atomic<bool> closed_{true};
+    std::condition_variable wait_cv_;
+    std::jthread probe_thread_;
+
+    std::optional<TokenBucket> bucket_;  ///< sending thread only; empty: no pacing
+
+    std::atomic<uint64_t> bytes_sent_{0};
+    std::atomic<uint64_t> packets_sent_{0};
+    std::atomic<uint64_t> send_errors_{0};
+    std::atomic<uint64_t> pacing_sleeps_{0};
+    std::atomic<uint64_t> pacing_overruns_{0};
+};
+
+}  // namespace ox

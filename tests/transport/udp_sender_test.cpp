@@ -1,0 +1,278 @@
+#include "transport/udp_sender.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/eventually.h"
+#include "support/log_capture.h"
+#include "support/port_block.h"
+#include "transport/debug_drop.h"
+#include "tui/board.h"
+
+namespace ox {
+namespace {
+
+using test::eventually;
+
+sockaddr_in endpoint(const char* ip, uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = ::inet_addr(ip);
+    address.sin_port = htons(port);
+    return address;
+}
+
+/// A launcher's end: a UDP socket on a port of its own.
+class Peer {
+  public:
+    explicit Peer(const char* ip = "127.0.0.1", uint16_t wanted_port = 0)
+        : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address = endpoint(ip, wanted_port);
+        EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+                  0);
+        socklen_t size = sizeof address;
+        ::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address), &size);
+        port = ntohs(address.sin_port);
+        name = std::string(ip) + ":" + std::to_string(port);
+    }
+    void send(const std::string& bytes, uint16_t to) const {
+        const sockaddr_in address = endpoint("127.0.0.1", to);
+        ::sendto(fd_.get(), bytes.data(), bytes.size(), 0,
+                 reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    }
+    [[nodiscard]] std::string receive(int timeout_ms = 10'000) const {
+        pollfd readable{.fd = fd_.get(), .events = POLLIN, .revents = 0};
+        if (::poll(&readable, 1, timeout_ms) != 1) return "nothing";
+        std::string bytes(2048, '\0');
+        const ssize_t length = ::recv(fd_.get(), bytes.data(), bytes.size(), 0);
+        bytes.resize(static_cast<size_t>(std::max<ssize_t>(length, 0)));
+        return bytes;
+    }
+
+    uint16_t port = 0;
+    std::string name;
+
+  private:
+    UniqueFd fd_;
+};
+
+bool send_text(UdpSender& sender, const std::string& text) {
+    return sender.send_raw(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+}
+
+/// An open sender towards `launcher`.
+class UdpSenderTest : public testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(sender.open("127.0.0.1", launcher.port, port)); }
+    [[nodiscard]] int locked_on(const Peer& peer, const std::string& kind = "hole-punch") const {
+        return log.count("INFO", "UdpSender: " + kind + " probe received from " + peer.name +
+                                     " — endpoint locked");
+    }
+    [[nodiscard]] int refused(int bytes, const Peer& peer) const {
+        return log.count("DEBUG", "UdpSender: ignoring invalid probe (" + std::to_string(bytes) +
+                                      "B) from " + peer.name);
+    }
+    [[nodiscard]] int listeners_started() const {
+        return log.count("INFO", "UdpSender: waiting for hole-punch probe on port " +
+                                     std::to_string(port) + "...");
+    }
+
+    const test::LogCapture log;
+    const test::PortBlock ports;
+    const uint16_t port = ports.base();
+    const Peer launcher, other;
+    UdpSender sender;
+};
+
+TEST_F(UdpSenderTest, SendsHeaderAndPayloadUpToTheLargestDatagram) {
+    OutgoingPacket packet;
+    packet.header = {.stream = 1, .frame_id = 2, .index = 3, .count = 4, .flags = 0x09};
+    packet.payload.assign(std::vector<uint8_t>(1242, 0xee));
+    EXPECT_TRUE(sender.send_packet(packet));
+    packet.payload.resize(1243);
+    EXPECT_FALSE(sender.send_packet(packet));
+    packet.payload.resize(0);
+    EXPECT_TRUE(sender.send_packet(packet));
+
+    using namespace std::string_literals;
+    const std::string header = "\1\0\0\0\2\0\0\0\3\0\4\0\x09\0\0\0\0\0\0\0\0\0"s;
+    EXPECT_EQ(launcher.receive(), header + std::string(1242, '\xee'));
+    EXPECT_EQ(launcher.receive(), header);
+
+    sender.close();
+    EXPECT_FALSE(sender.send_packet(packet));
+    EXPECT_FALSE(sender.wait_for_probe(5, {}));
+    sender.close();
+    EXPECT_EQ(log.count("INFO", "UdpSender: closed (pkts=2 bytes=1286 errs=0)"), 1);
+    EXPECT_EQ(log.count("INFO", "UdpSender: -> " + launcher.name +
+                                    " (src :" + std::to_string(port) + ", will update on probe)"),
+              1);
+}
+
+TEST_F(UdpSenderTest, FailuresToOpenAndToSend) {
+    const Peer blocker("0.0.0.0", static_cast<uint16_t>(port + 1));
+    UdpSender unlucky;
+    EXPECT_FALSE(unlucky.open("127.0.0.1", 9, blocker.port));
+    EXPECT_EQ(log.count("ERROR", "UdpSender: bind :" + std::to_string(blocker.port) +
+                                     " failed: Address already in use"),
+              1);
+    const tui::Snapshot board = tui::board().snapshot();
+    EXPECT_TRUE(board.alerts[static_cast<size_t>(tui::Alert::PortBusy)]);
+    EXPECT_EQ(board.busy_port, blocker.port);
+
+    EXPECT_FALSE(unlucky.open("launcher.example", 9, 0));
+    EXPECT_EQ(log.count("ERROR", "UdpSender: bad dest ip 'launcher.example'"), 1);
+    EXPECT_FALSE(unlucky.is_open());
+    EXPECT_FALSE(send_text(unlucky, "x"));
+
+    ASSERT_TRUE(unlucky.open("127.0.0.1", 0, 0));
+    EXPECT_FALSE(send_text(unlucky, "x"));
+    EXPECT_EQ(log.count("DEBUG", "UdpSender: send error: Invalid argument"), 1);
+    EXPECT_EQ(unlucky.send_errors(), 1U);
+    EXPECT_EQ(unlucky.packets_sent(), 0U);
+}
+
+TEST_F(UdpSenderTest, TokenProbeMovesTheDestination) {
+    const std::string token = "TOKEN678 and what follows";
+    sender.set_probe_token(reinterpret_cast<const uint8_t*>(token.data()), token.size());
+    sender.start_probe_listener();
+    sender.start_probe_listener();
+    EXPECT_EQ(listeners_started(), 1);
+    other.send("OXP1TOKEN67", port);
+    other.send("OXP1TOKEN678x", port);
+    EXPECT_TRUE(eventually([&] { return refused(13, other) == 1; }));
+    EXPECT_EQ(refused(11, other), 1);
+    EXPECT_TRUE(send_text(sender, "before"));
+    EXPECT_EQ(launcher.receive(), "before");
+
+    other.send("OXP1TOKEN678", port);
+    EXPECT_TRUE(sender.wait_for_probe(-1, [] { return false; }));
+    EXPECT_EQ(locked_on(other), 1);
+    EXPECT_TRUE(send_text(sender, "after"));
+    EXPECT_EQ(other.receive(), "after");
+}
+
+TEST_F(UdpSenderTest, WithoutATokenTheMagicOrALegacyProbeWill) {
+    const uint8_t token[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    sender.set_probe_token(token, 8);
+    sender.set_probe_token(token, 7);
+    EXPECT_EQ(log.count("WARN", "UdpSender: probe token too short (7B) — magic-only validation"),
+              1);
+    sender.start_probe_listener();
+    const Peer stranger("127.0.0.2");
+    stranger.send(std::string(1, '\0'), port);
+    EXPECT_TRUE(eventually([&] { return refused(1, stranger) == 1; }));
+    other.send(std::string(1, '\0'), port);
+    EXPECT_TRUE(sender.wait_for_probe(10, {}));
+    EXPECT_EQ(locked_on(other, "legacy (1-byte)"), 1);
+    sender.listen_for_next_probe();
+    stranger.send("OXP1?", port);
+    EXPECT_TRUE(eventually([&] { return locked_on(stranger) == 1; }));
+}
+
+TEST_F(UdpSenderTest, WaitEndsWithoutAProbe) {
+    sender.start_probe_listener();
+    EXPECT_FALSE(sender.wait_for_probe(0, {}));
+    EXPECT_EQ(log.count("INFO", "UdpSender: probe wait skipped — using TCP-derived endpoint"), 1);
+    EXPECT_FALSE(sender.wait_for_probe(1, {}));
+    EXPECT_EQ(log.count("WARN", "UdpSender: no valid probe within 1s — using TCP-derived endpoint"),
+              1);
+    int asked = 0;
+    EXPECT_FALSE(sender.wait_for_probe(-1, [&] { return ++asked == 3; }));
+    EXPECT_EQ(log.count("WARN", "UdpSender: probe wait aborted (session ending)"), 1);
+    {
+        const std::jthread waiter([&] { EXPECT_FALSE(sender.wait_for_probe(-1, {})); });
+        sender.close();
+    }
+    // The next session on the same object starts over.
+    ASSERT_TRUE(sender.open("127.0.0.1", launcher.port, port));
+    sender.start_probe_listener();
+    EXPECT_EQ(listeners_started(), 2);
+    other.send("OXP1", port);
+    EXPECT_TRUE(sender.wait_for_probe(10, {}));
+    ASSERT_TRUE(sender.open("127.0.0.1", launcher.port, port));
+    EXPECT_FALSE(sender.wait_for_probe(-1, [] { return true; }));
+}
+
+TEST_F(UdpSenderTest, ListensAgainForALauncherThatComesBackFromElsewhere) {
+    sender.start_probe_listener();
+    sender.listen_for_next_probe();  // nobody came yet: one listener is enough
+    EXPECT_EQ(listeners_started(), 1);
+    launcher.send("OXP1", port);
+    ASSERT_TRUE(sender.wait_for_probe(10, {}));
+
+    // Copies of the first probe lie unread; they must not end the second listener.
+    for (int i = 0; i < 3; ++i)
+        launcher.send("OXP1", port);
+    sender.listen_for_next_probe();
+    EXPECT_EQ(listeners_started(), 2);
+    other.send("OXP1", port);
+    // Sending goes on meanwhile, to the old destination and then to the new one.
+    EXPECT_TRUE(eventually([&] { return send_text(sender, "x") && other.receive(0) == "x"; }));
+    EXPECT_EQ(locked_on(launcher), 1);
+    EXPECT_EQ(locked_on(other), 1);
+}
+
+TEST_F(UdpSenderTest, PacingDelaysAndCounts) {
+    sender.set_pacing_rate(8'000'000);  // 1,000,000 bytes/s: a burst of 16,000
+    EXPECT_EQ(log.count("INFO", "UdpSender: pacing at 8000 kbps"), 1);
+    const std::string datagram(1000, 'd');
+    const auto start = SteadyClock::now();
+    for (int i = 0; i < 40; ++i)
+        EXPECT_TRUE(send_text(sender, datagram));
+    const auto elapsed = SteadyClock::now() - start;
+    // 24,000 bytes above the burst, the rate granted twice over a sleep and up to 50 us forgiven.
+    EXPECT_GE(elapsed, std::chrono::milliseconds(10));
+    EXPECT_GE(sender.pacing_sleeps(), 1U);
+    EXPECT_EQ(sender.packets_sent(), 40U);
+
+    sender.set_pacing_rate(0);
+    const uint64_t sleeps = sender.pacing_sleeps();
+    const uint64_t overruns = sender.pacing_overruns();
+    for (int i = 0; i < 100; ++i)
+        EXPECT_TRUE(send_text(sender, datagram));
+    EXPECT_EQ(sender.pacing_sleeps(), sleeps);
+    EXPECT_EQ(sender.pacing_overruns(), overruns);
+}
+
+// The share of drops is read once per process, so this runs in one of its own.
+int send_with_drops() {
+    ::setenv("OX_DEBUG_DROP_PCT", "30", 1);
+    const Peer launcher;
+    UdpSender sender;
+    if (!sender.open("127.0.0.1", launcher.port, 0)) return 1;
+    for (int i = 0; i < 200; ++i) {
+        if (!send_text(sender, "12345")) return 2;
+    }
+    // 140 are to be expected, with a standard deviation of 6.5.
+    const uint64_t sent = sender.packets_sent();
+    if (sent < 85 || sent > 195 || sender.bytes_sent() != 5 * sent) return 3;
+    for (uint64_t i = 0; i < sent; ++i) {
+        if (launcher.receive() != "12345") return 4;
+    }
+    return launcher.receive(0) == "nothing" ? 0 : 5;
+}
+
+TEST(UdpSenderDeathTest, DroppedDatagramsAreNeitherSentNorCounted) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(std::exit(send_with_drops()), testing::ExitedWithCode(0), "");
+}
+
+TEST(DebugDrop, PercentFromText) {
+    const std::pair<const char*, int> cases[] = {
+        {nullptr, 0}, {"", 0},   {"0", 0},    {"1", 1},  {"99", 99}, {"100", 0},
+        {"-5", 0},    {"5%", 0}, {"0x10", 0}, {" 7", 0}, {"2.5", 0}, {"99999999999999999999", 0},
+    };
+    for (const auto& [text, percent] : cases)
+        EXPECT_EQ(parse_drop_percent(text), percent) << (text != nullptr ? text : "null");
+}
+
+}  // namespace
+}  // namespace ox
