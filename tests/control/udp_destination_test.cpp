@@ -1,0 +1,41 @@
+#include "control/udp_destination.h"
+
+#include <gtest/gtest.h>
+
+namespace ox {
+namespace {
+
+TEST(UdpDestination, PrivateAddresses) {
+    for (const char* ip : {"10.0.0.0", "10.255.255.255", "172.16.0.1", "172.31.255.255",
+                           "192.168.0.1", "127.0.0.1", "127.255.0.1"}) {
+        EXPECT_TRUE(is_private_ip(ip)) << ip;
+    }
+    for (const char* ip :
+         {"", "9.255.255.255", "11.0.0.0", "172.15.255.255", "172.32.0.0", "192.167.1.1",
+          "192.169.1.1", "128.0.0.1", "0.0.0.0", "10.1", "10.0.0.1 ", " 10.0.0.1", "010.0.0.1",
+          "10.0.0.256", "::1", "localhost"}) {
+        EXPECT_FALSE(is_private_ip(ip)) << ip;
+    }
+    EXPECT_FALSE(is_private_ip(std::string("10.0.0.1\0.evil", 14)));
+}
+
+TEST(UdpDestination, OverrideAtTheHandshake) {
+    EXPECT_EQ(judge_udp_override("", "8.8.8.8"), UdpOverride::none);
+    EXPECT_EQ(judge_udp_override("8.8.8.8", "8.8.8.8"), UdpOverride::same);
+    EXPECT_EQ(judge_udp_override("192.168.1.5", "8.8.8.8"), UdpOverride::overrides);
+    EXPECT_EQ(judge_udp_override("8.8.4.4", "8.8.8.8"), UdpOverride::ignored);
+    EXPECT_EQ(judge_udp_override("8.8.4.4", "192.168.1.5"), UdpOverride::ignored);
+    EXPECT_EQ(judge_udp_override("not an address", "8.8.8.8"), UdpOverride::ignored);
+}
+
+TEST(UdpDestination, ChoiceForTheMedia) {
+    EXPECT_EQ(choose_udp_destination("", ""), UdpDestination::unknown);
+    EXPECT_EQ(choose_udp_destination("", "8.8.8.8"), UdpDestination::tcp_remote);
+    EXPECT_EQ(choose_udp_destination("8.8.4.4", "8.8.8.8"), UdpDestination::reported);
+    EXPECT_EQ(choose_udp_destination("10.0.0.1", ""), UdpDestination::reported);
+    EXPECT_EQ(choose_udp_destination("10.0.0.1", "192.168.0.1"), UdpDestination::reported);
+    EXPECT_EQ(choose_udp_destination("10.0.0.1", "8.8.8.8"), UdpDestination::tcp_remote_not_local);
+}
+
+}  // namespace
+}  // namespace ox
