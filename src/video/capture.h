@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace ox {
+
+/// One picture: width x height pixels, 4 bytes each in the order B, G, R, A, no row padding.
+///
+/// The pixels lie in `data`, or, where a backend can lend them without a copy, in memory that
+/// `lent` keeps alive; read them through `pixels()`. Lent pixels change with the backend's next
+/// successful `capture_frame` and stay readable for as long as the frame holds them, also after the
+/// backend's shutdown. Their fourth byte is undefined; in `data` it is 255 (X11, synthetic).
+struct CapturedFrame {
+    std::vector<uint8_t> data;
+    std::shared_ptr<const uint8_t> lent;
+    uint32_t width = 0;
+    uint32_t height = 0;
+    uint64_t timestamp = 0;  ///< steady-clock us when the picture was taken; 0 when not known
+
+    [[nodiscard]] const uint8_t* pixels() const { return lent ? lent.get() : data.data(); }
+    [[nodiscard]] bool empty() const {
+        return width == 0 || height == 0 || (!lent && data.empty());
+    }
+};
+
+/// A source of screen pictures. Used by one thread.
+class ICapture {
+  public:
+    virtual ~ICapture() = default;
+    /// Prepares the backend. False, after a log line, when it cannot work.
+    virtual bool init() = 0;
+    /// Fills `frame` and returns 0; returns 1 when there is no picture (frame is left as it was).
+    virtual int capture_frame(CapturedFrame& frame) = 0;
+    [[nodiscard]] virtual uint32_t width() const = 0;
+    [[nodiscard]] virtual uint32_t height() const = 0;
+    /// Releases everything. Safe to call twice.
+    virtual void shutdown() {}
+};
+
+/// The backend for `mode` ("auto", "x11", "portal", "synthetic"). `display` is an X display name or
+/// empty for `$DISPLAY`; the size is that of the synthetic picture. Reads `XDG_SESSION_TYPE` and
+/// `WAYLAND_DISPLAY` for "auto".
+std::unique_ptr<ICapture> make_capture(const std::string& mode, const std::string& display,
+                                       uint32_t width, uint32_t height);
+
+}  // namespace ox

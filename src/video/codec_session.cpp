@@ -1,0 +1,181 @@
+#include "video/codec_session.h"
+
+extern "C" {
+#include <libavutil/error.h>
+#include <libavutil/hwcontext.h>
+}
+
+#include <array>
+#include <climits>
+
+#include "log/log.h"
+
+namespace ox {
+namespace {
+
+constexpr uint32_t kMaxSide = 1U << 14;
+constexpr uint32_t kMaxFps = 1000;
+constexpr uint32_t kMaxKbps = 10'000'000;
+constexpr uint32_t kScheduledKeyframeSeconds = 30;  // all others are made on demand
+constexpr uint32_t kBufferBitsPerKbit = 125;        // an eighth of a second of data
+constexpr int kSurfacePool = 8;
+constexpr int kBufferAlignment = 32;
+constexpr const char* kRenderNode = "/dev/dri/renderD128";
+
+bool in_range(const EncoderSettings& settings) {
+    const auto within = [](uint32_t value, uint32_t greatest) {
+        return value >= 1 && value <= greatest;
+    };
+    return within(settings.width, kMaxSide) && within(settings.height, kMaxSide) &&
+           within(settings.fps, kMaxFps) && within(settings.bitrate_kbps, kMaxKbps);
+}
+
+AVPixelFormat context_format(EncoderInput input) {
+    switch (input) {
+        case EncoderInput::Nv12:
+            return AV_PIX_FMT_NV12;
+        case EncoderInput::VaapiSurface:
+            return AV_PIX_FMT_VAAPI;
+        case EncoderInput::Yuv420p:
+            break;
+    }
+    return AV_PIX_FMT_YUV420P;
+}
+
+AvBufferRefPtr open_vaapi_device() {
+    AVBufferRef* device = nullptr;
+    for (const char* node : {kRenderNode, static_cast<const char*>(nullptr)}) {
+        if (av_hwdevice_ctx_create(&device, AV_HWDEVICE_TYPE_VAAPI, node, nullptr, 0) == 0) break;
+    }
+    return AvBufferRefPtr(device);
+}
+
+}  // namespace
+
+std::unique_ptr<CodecSession> CodecSession::open_with(const EncoderChoice& choice,
+                                                      const EncoderSettings& settings) {
+    const AVCodec* codec = avcodec_find_encoder_by_name(choice.name);
+    if (codec == nullptr || !in_range(settings)) return nullptr;
+    std::unique_ptr<CodecSession> session(new CodecSession);
+    session->context_.reset(avcodec_alloc_context3(codec));
+    if (!session->context_ || !session->configure(choice, settings) ||
+        !session->open_codec(choice, codec) || !session->allocate_buffers()) {
+        return nullptr;
+    }
+    return session;
+}
+
+bool CodecSession::configure(const EncoderChoice& choice, const EncoderSettings& settings) {
+    const int fps = static_cast<int>(settings.fps);
+    const int64_t bits_per_second = int64_t{settings.bitrate_kbps} * 1000;
+    AVCodecContext& context = *context_;
+    context.width = static_cast<int>(settings.width);
+    context.height = static_cast<int>(settings.height);
+    context.time_base = {1, fps};
+    context.framerate = {fps, 1};
+    context.max_b_frames = 0;
+    context.gop_size = static_cast<int>(kScheduledKeyframeSeconds) * fps;
+    context.flags |= AV_CODEC_FLAG_LOW_DELAY;
+    context.bit_rate = bits_per_second;
+    context.rc_max_rate = bits_per_second;
+    context.rc_buffer_size = static_cast<int>(settings.bitrate_kbps * kBufferBitsPerKbit);
+    // What the converter produces; decoders would otherwise guess by the picture's size.
+    context.color_range = AVCOL_RANGE_MPEG;
+    context.colorspace = AVCOL_SPC_SMPTE170M;
+    context.pix_fmt = context_format(choice.input);
+    if (choice.slice_threads) {
+        context.thread_count = 0;
+        context.thread_type = FF_THREAD_SLICE;  // frame threads would each hold back a picture
+    }
+    return choice.input != EncoderInput::VaapiSurface || attach_vaapi_surfaces();
+}
+
+bool CodecSession::attach_vaapi_surfaces() {
+    device_ = open_vaapi_device();
+    if (!device_) {
+        OX_DEBUG("VideoEncoder: no VAAPI device (/dev/dri missing?)");
+        return false;
+    }
+    AvBufferRefPtr frames(av_hwframe_ctx_alloc(device_.get()));
+    if (!frames) return false;
+    // libav keeps the typed context behind the reference's bytes.
+    auto* pool = static_cast<AVHWFramesContext*>(static_cast<void*>(frames->data));
+    pool->format = AV_PIX_FMT_VAAPI;
+    pool->sw_format = AV_PIX_FMT_NV12;
+    pool->width = context_->width;
+    pool->height = context_->height;
+    pool->initial_pool_size = kSurfacePool;
+    if (av_hwframe_ctx_init(frames.get()) < 0) return false;
+    context_->hw_frames_ctx = frames.release();
+    return true;
+}
+
+bool CodecSession::open_codec(const EncoderChoice& choice, const AVCodec* codec) {
+    AvDictionary options;
+    for (const auto& [key, value] : choice.options)
+        options.set(key, value);
+    const int result = avcodec_open2(context_.get(), codec, options.address());
+    if (result < 0) {
+        std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
+        av_strerror(result, text.data(), text.size());
+        OX_DEBUG("VideoEncoder: avcodec_open2(%s) failed: %s", choice.name, text.data());
+        return false;
+    }
+    const AVDictionaryEntry* unused = nullptr;
+    while ((unused = options.next(unused)) != nullptr) {
+        OX_DEBUG("VideoEncoder: %s has no option %s (%s)", choice.name, unused->key, unused->value);
+    }
+    return true;
+}
+
+bool CodecSession::allocate_buffers() {
+    packet_.reset(av_packet_alloc());
+    picture_.reset(av_frame_alloc());
+    if (context_->hw_frames_ctx != nullptr) {
+        surface_.reset(av_frame_alloc());
+        if (!surface_) return false;
+    }
+    if (!packet_ || !picture_) return false;
+    picture_->format = picture_format();
+    picture_->width = context_->width;
+    picture_->height = context_->height;
+    picture_->color_range = context_->color_range;
+    picture_->colorspace = context_->colorspace;
+    return av_frame_get_buffer(picture_.get(), kBufferAlignment) == 0;
+}
+
+AVPixelFormat CodecSession::picture_format() const {
+    return context_->hw_frames_ctx != nullptr ? AV_PIX_FMT_NV12 : context_->pix_fmt;
+}
+
+AVFrame* CodecSession::writable_picture() {
+    // An encoder may still hold the buffers of the picture before.
+    return av_frame_make_writable(picture_.get()) == 0 ? picture_.get() : nullptr;
+}
+
+bool CodecSession::send_picture(bool keyframe) {
+    AVFrame* frame = picture_.get();
+    if (surface_) {
+        frame = surface_.get();
+        av_frame_unref(frame);
+        if (av_hwframe_get_buffer(context_->hw_frames_ctx, frame, 0) < 0 ||
+            av_hwframe_transfer_data(frame, picture_.get(), 0) < 0) {
+            return false;
+        }
+    }
+    frame->pts = next_pts_++;
+    frame->pict_type = keyframe ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+    const int result = avcodec_send_frame(context_.get(), frame);
+    if (surface_) av_frame_unref(frame);
+    return result == 0;
+}
+
+const AVPacket* CodecSession::receive_packet() {
+    av_packet_unref(packet_.get());
+    const int result = avcodec_receive_packet(context_.get(), packet_.get());
+    if (result == 0) return packet_.get();
+    failed_ = result != AVERROR(EAGAIN) && result != AVERROR_EOF;
+    return nullptr;
+}
+
+}  // namespace ox

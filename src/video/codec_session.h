@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "video/av_handles.h"
+#include "video/encoder_options.h"
+
+namespace ox {
+
+/// One opened encoder of libavcodec with the frames and the packet it works with.
+class CodecSession {
+  public:
+    /// Null, after a debug line, when the encoder is missing, lacks its device or refuses.
+    static std::unique_ptr<CodecSession> open_with(const EncoderChoice& choice,
+                                                   const EncoderSettings& settings);
+
+    /// Format of the picture in memory: YUV420P or NV12.
+    [[nodiscard]] AVPixelFormat picture_format() const;
+
+    /// The frame to write the next picture into; null when memory runs out.
+    AVFrame* writable_picture();
+
+    /// Hands the written picture to the encoder. False on failure.
+    bool send_picture(bool keyframe);
+
+    /// The next finished packet, valid until the next call; null when the encoder wants a picture
+    /// or has failed (`failed` tells).
+    const AVPacket* receive_packet();
+    [[nodiscard]] bool failed() const { return failed_; }
+
+  private:
+    CodecSession() = default;
+    bool configure(const EncoderChoice& choice, const EncoderSettings& settings);
+    bool attach_vaapi_surfaces();
+    bool open_codec(const EncoderChoice& choice, const AVCodec* codec);
+    bool allocate_buffers();
+
+    AvBufferRefPtr device_;
+    AvCodecContextPtr context_;
+    AvFramePtr picture_;
+    AvFramePtr surface_;  // only with a VA-API device
+    AvPacketPtr packet_;
+    int64_t next_pts_ = 0;
+    bool failed_ = false;
+};
+
+}  // namespace ox

@@ -1,0 +1,126 @@
+#include "video/video_encoder.h"
+
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "base/clock.h"
+#include "log/log.h"
+#include "video/codec_session.h"
+#include "video/encode_backlog.h"
+#include "video/encoder_options.h"
+#include "video/libav_log.h"
+#include "video/picture_converter.h"
+
+namespace ox {
+
+struct VideoEncoder::Impl {
+    /// Opens one encoder with the current settings; its name becomes the encoder's.
+    bool open_with(const EncoderChoice& choice);
+    bool convert(const uint8_t* pixels, uint32_t source_width, uint32_t source_height);
+
+    EncoderSettings settings;
+    const EncoderChoice* choice = nullptr;  // of the open session
+    std::string name;
+    std::unique_ptr<CodecSession> session;  // null while closed
+    std::optional<PictureConverter> converter;
+    EncodeBacklog backlog;
+};
+
+bool VideoEncoder::Impl::open_with(const EncoderChoice& wanted) {
+    session = CodecSession::open_with(wanted, settings);
+    if (!session) return false;
+    choice = &wanted;
+    name = wanted.name;
+    converter.emplace(session->picture_format(), settings.width, settings.height);
+    return true;
+}
+
+bool VideoEncoder::Impl::convert(const uint8_t* pixels, uint32_t source_width,
+                                 uint32_t source_height) {
+    if (!converter->ensure_input_ready(source_width, source_height)) return false;
+    AVFrame* picture = session->writable_picture();
+    return picture != nullptr && converter->convert(pixels, *picture);
+}
+
+VideoEncoder::VideoEncoder() : impl_(std::make_unique<Impl>()) {
+    route_libav_log();
+}
+
+VideoEncoder::~VideoEncoder() = default;
+
+bool VideoEncoder::init(const EncoderSettings& settings) {
+    shutdown();
+    impl_->settings = settings;
+    for (const EncoderChoice& choice : encoder_ladder(settings.codec)) {
+        if (settings.backend != EncoderBackend::Auto && settings.backend != choice.backend) {
+            continue;
+        }
+        if (impl_->open_with(choice)) {
+            OX_INFO("VideoEncoder: using %s (%s %ux%u @%ufps %ukbps)", choice.name,
+                    settings.codec == VideoCodec::Hevc ? "hevc" : "h264", settings.width,
+                    settings.height, settings.fps, settings.bitrate_kbps);
+            return true;
+        }
+        OX_WARN("VideoEncoder: %s unavailable — trying next backend", choice.name);
+        shutdown();
+    }
+    OX_ERROR("VideoEncoder: no encoder available for codec %d", static_cast<int>(settings.codec));
+    return false;
+}
+
+bool VideoEncoder::encode_bgra(const uint8_t* pixels, uint32_t source_width, uint32_t source_height,
+                               uint64_t timestamp, EncodedFrame& out) {
+    if (!impl_->session || pixels == nullptr || source_width == 0 || source_height == 0) {
+        return false;
+    }
+    out.width = impl_->settings.width;
+    out.height = impl_->settings.height;
+    if (impl_->backlog.pop(out)) {
+        out.encoded_at = steady_now_us();
+        return true;
+    }
+
+    out.data.clear();
+    out.keyframe = false;
+    out.timestamp = timestamp;
+    if (!impl_->convert(pixels, source_width, source_height)) return false;
+    const bool keyframe = force_idr.exchange(false);
+    if (keyframe) OX_DEBUG("VideoEncoder: forcing IDR");
+    CodecSession& session = *impl_->session;
+    if (!session.send_picture(keyframe)) return false;
+    while (const AVPacket* packet = session.receive_packet()) {
+        if (!impl_->backlog.deliver({packet->data, static_cast<size_t>(packet->size)},
+                                    (packet->flags & AV_PKT_FLAG_KEY) != 0, timestamp, out)) {
+            OX_WARN("VideoEncoder: output backlog full — dropped a frame, forcing an IDR");
+            force_idr = true;
+        }
+    }
+    out.encoded_at = steady_now_us();
+    return !session.failed();
+}
+
+bool VideoEncoder::reconfigure_bitrate(uint32_t kbps) {
+    if (!impl_->session) return false;
+    impl_->settings.bitrate_kbps = kbps;
+    OX_INFO("VideoEncoder: reconfigure bitrate → %ukbps (re-init %s)", kbps, name().c_str());
+    const EncoderChoice& choice = *impl_->choice;
+    shutdown();
+    if (!impl_->open_with(choice)) return false;
+    force_idr = true;
+    return true;
+}
+
+void VideoEncoder::shutdown() {
+    impl_->backlog.clear();
+    impl_->converter.reset();
+    impl_->session.reset();
+    impl_->choice = nullptr;
+    impl_->name.clear();
+}
+
+const std::string& VideoEncoder::name() const {
+    return impl_->name;
+}
+
+}  // namespace ox

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "base/encoded_frame.h"
+
+namespace ox {
+
+enum class VideoCodec : uint32_t { H264 = 0, Hevc = 1 };
+enum class EncoderBackend : uint32_t { Auto = 0, Nvenc = 1, Vaapi = 2, Software = 3 };
+
+struct EncoderSettings {
+    VideoCodec codec = VideoCodec::H264;
+    EncoderBackend backend = EncoderBackend::Auto;
+    uint32_t width = 1920;  ///< encoded size, even
+    uint32_t height = 1080;
+    uint32_t fps = 60;
+    uint32_t bitrate_kbps = 15000;
+};
+
+/// Low-delay encoder: BGRA pictures in, one access unit per picture out, constant bitrate, no
+/// B-frames, keyframes on demand. Tries NVENC, VA-API and software in this order. Used by one
+/// thread, but for `force_idr`.
+class VideoEncoder {
+  public:
+    VideoEncoder();
+    ~VideoEncoder();
+    VideoEncoder(const VideoEncoder&) = delete;
+    VideoEncoder& operator=(const VideoEncoder&) = delete;
+
+    /// Opens the first backend that works. False when none does; each failure has its log line.
+    bool init(const EncoderSettings& settings);
+
+    /// Encodes one picture of `source_width` x `source_height` tightly packed BGRA pixels. True
+    /// with empty `out.data` while an encoder buffers. False when not open or on an encoder
+    /// failure.
+    bool encode_bgra(const uint8_t* pixels, uint32_t source_width, uint32_t source_height,
+                     uint64_t timestamp, EncodedFrame& out);
+
+    /// Re-opens the same backend at a new bitrate; the next picture is a keyframe. False when not
+    /// open or when it fails, which leaves the encoder closed.
+    bool reconfigure_bitrate(uint32_t kbps);
+
+    /// Frees everything. Safe to call twice.
+    void shutdown();
+
+    /// libavcodec's name of the backend in use; empty when none.
+    [[nodiscard]] const std::string& name() const;
+
+    /// Makes the next encoded picture a keyframe. Any thread may set it.
+    std::atomic<bool> force_idr{false};
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace ox

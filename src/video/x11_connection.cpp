@@ -1,0 +1,88 @@
+#include "video/x11_connection.h"
+
+#include "log/log.h"
+
+namespace ox {
+namespace {
+
+// Xlib calls the handler on the thread whose request the reply was read for.
+uint64_t& refused_requests() {
+    thread_local uint64_t count = 0;
+    return count;
+}
+
+int on_refused_request(Display* /*display*/, XErrorEvent* error) {
+    ++refused_requests();
+    OX_DEBUG("X11Capture: the X server refused request %d.%d with error %d", error->request_code,
+             error->minor_code, error->error_code);
+    return 0;
+}
+
+int on_lost_connection(Display* /*display*/) {
+    return 0;
+}
+
+void mark_lost(Display* /*display*/, void* lost) {
+    *static_cast<bool*>(lost) = true;
+}
+
+}  // namespace
+
+std::unique_ptr<XConnection> XConnection::open(const std::string& name) {
+    XSetErrorHandler(on_refused_request);
+    XSetIOErrorHandler(on_lost_connection);
+    Display* display = XOpenDisplay(name.empty() ? nullptr : name.c_str());
+    if (display == nullptr) return nullptr;
+    return std::unique_ptr<XConnection>(new XConnection(display));
+}
+
+XConnection::XConnection(Display* display) : display_(display) {
+    XSetIOErrorExitHandler(display_, mark_lost, &lost_);
+    XSelectInput(display_, root(), StructureNotifyMask);
+}
+
+XConnection::~XConnection() {
+    XCloseDisplay(display_);
+}
+
+Window XConnection::root() const {
+    return XDefaultRootWindow(display_);
+}
+
+std::optional<ScreenSize> XConnection::take_size_change() {
+    std::optional<ScreenSize> size;
+    while (!lost_ && XEventsQueued(display_, QueuedAfterReading) > 0) {
+        XEvent event;
+        XNextEvent(display_, &event);
+        if (event.type == ConfigureNotify && event.xconfigure.window == root()) {
+            size = {static_cast<uint32_t>(event.xconfigure.width),
+                    static_cast<uint32_t>(event.xconfigure.height)};
+        }
+    }
+    return size;
+}
+
+std::optional<ScreenSize> XConnection::query_size() {
+    Window root_of_root = 0;
+    int x = 0;
+    int y = 0;
+    unsigned int width = 0;
+    unsigned int height = 0;
+    unsigned int border = 0;
+    unsigned int depth = 0;
+    if (lost_ || XGetGeometry(display_, root(), &root_of_root, &x, &y, &width, &height, &border,
+                              &depth) == 0) {
+        return std::nullopt;
+    }
+    return ScreenSize{width, height};
+}
+
+XErrorTrap::XErrorTrap(const XConnection& connection)
+    : connection_(connection), errors_before_(refused_requests()) {}
+
+bool XErrorTrap::failed() const {
+    XSync(connection_.display(), False);
+    return connection_.lost() || refused_requests() != errors_before_;
+}
+
+}  // namespace ox

@@ -1,0 +1,64 @@
+#pragma once
+
+// Private to this folder: Xlib's macros must not reach anybody else.
+#include <X11/Xlib.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace ox {
+
+struct ScreenSize {
+    uint32_t width = 0;
+    uint32_t height = 0;
+    friend bool operator==(const ScreenSize&, const ScreenSize&) = default;
+};
+
+/// A connection to an X server that survives whatever the server does. Xlib's own handlers end the
+/// process on a refused request and on a lost connection; opening the first connection replaces
+/// them for the whole process. Used by one thread.
+class XConnection {
+  public:
+    /// `name` is a display name or empty for `$DISPLAY`. Null when there is no such server.
+    static std::unique_ptr<XConnection> open(const std::string& name);
+    ~XConnection();
+    XConnection(const XConnection&) = delete;
+    XConnection& operator=(const XConnection&) = delete;
+
+    [[nodiscard]] Display* display() const { return display_; }
+    [[nodiscard]] Window root() const;
+
+    /// True once the server is gone: every further call would fail.
+    [[nodiscard]] bool lost() const { return lost_; }
+
+    /// Empties the event queue without a round trip to the server. The root window's newest size if
+    /// one was announced since the last call.
+    std::optional<ScreenSize> take_size_change();
+
+    /// Asks the server for the root window's size; empty when it does not answer.
+    std::optional<ScreenSize> query_size();
+
+  private:
+    explicit XConnection(Display* display);
+
+    Display* display_;
+    bool lost_ = false;
+};
+
+/// Tells whether the server refused a request made since the trap was set. One at a time per
+/// thread.
+class XErrorTrap {
+  public:
+    explicit XErrorTrap(const XConnection& connection);
+    /// Waits for the server to have seen all requests. True when one was refused or the server is
+    /// gone.
+    [[nodiscard]] bool failed() const;
+
+  private:
+    const XConnection& connection_;
+    uint64_t errors_before_;
+};
+
+}  // namespace ox

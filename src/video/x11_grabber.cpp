@@ -1,0 +1,139 @@
+#include "video/x11_grabber.h"
+
+#include <X11/extensions/XShm.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+#include "log/log.h"
+
+namespace ox {
+namespace {
+
+struct XImageDeleter {
+    void operator()(XImage* image) const { XDestroyImage(image); }
+};
+using XImagePtr = std::unique_ptr<XImage, XImageDeleter>;
+
+/// A System V segment attached to this process and already marked for removal, so that it vanishes
+/// with its last user, however that ends.
+class SharedSegment {
+  public:
+    static std::shared_ptr<SharedSegment> create(size_t bytes) {
+        const int id = ::shmget(IPC_PRIVATE, bytes, IPC_CREAT | 0600);
+        if (id < 0) return nullptr;
+        void* address = ::shmat(id, nullptr, 0);
+        ::shmctl(id, IPC_RMID, nullptr);
+        // shmat reports failure by the pointer value -1.
+        if (reinterpret_cast<intptr_t>(address) == -1) return nullptr;
+        return std::make_shared<SharedSegment>(id, address);
+    }
+
+    SharedSegment(int id, void* address) : id_(id), address_(address) {}
+    ~SharedSegment() { ::shmdt(address_); }
+    SharedSegment(const SharedSegment&) = delete;
+    SharedSegment& operator=(const SharedSegment&) = delete;
+
+    [[nodiscard]] int id() const { return id_; }
+    [[nodiscard]] void* address() const { return address_; }
+
+  private:
+    int id_;
+    void* address_;
+};
+
+// The scaler's vector code may read a little past the last pixel.
+constexpr size_t kReadSlack = 64;
+
+class ShmGrabber final : public XGrabber {
+  public:
+    explicit ShmGrabber(XConnection& connection) : connection_(connection) {}
+
+    ~ShmGrabber() override {
+        if (!attached_ || connection_.lost()) return;
+        XShmDetach(connection_.display(), &info_);
+        XSync(connection_.display(), False);
+    }
+
+    bool open(ScreenSize size) {
+        Display* display = connection_.display();
+        const int screen = XDefaultScreen(display);
+        image_.reset(XShmCreateImage(display, XDefaultVisual(display, screen),
+                                     static_cast<unsigned>(XDefaultDepth(display, screen)), ZPixmap,
+                                     nullptr, &info_, size.width, size.height));
+        if (!image_) return false;
+        segment_ = SharedSegment::create(static_cast<size_t>(image_->bytes_per_line) *
+                                             static_cast<size_t>(image_->height) +
+                                         kReadSlack);
+        if (!segment_) return false;
+        info_.shmid = segment_->id();
+        info_.shmaddr = image_->data = static_cast<char*>(segment_->address());
+        info_.readOnly = False;
+
+        const XErrorTrap trap(connection_);
+        attached_ = XShmAttach(display, &info_) != 0;
+        if (trap.failed()) attached_ = false;
+        if (!attached_) OX_ERROR("X11Capture: XShmAttach failed");
+        return attached_;
+    }
+
+    bool grab() override {
+        return XShmGetImage(connection_.display(), connection_.root(), image_.get(), 0, 0,
+                            AllPlanes) != 0;
+    }
+    [[nodiscard]] const XImage& image() const override { return *image_; }
+    [[nodiscard]] std::shared_ptr<const uint8_t> lend() const override {
+        return {segment_, static_cast<const uint8_t*>(segment_->address())};
+    }
+    [[nodiscard]] const char* call_name() const override { return "XShmGetImage"; }
+
+  private:
+    XConnection& connection_;
+    std::shared_ptr<SharedSegment> segment_;
+    XShmSegmentInfo info_{};  // the image points at it
+    XImagePtr image_;         // frees only itself: the pixels are the segment's
+    bool attached_ = false;
+};
+
+class PlainGrabber final : public XGrabber {
+  public:
+    PlainGrabber(XConnection& connection, ScreenSize size) : connection_(connection), size_(size) {}
+
+    bool grab() override {
+        XImagePtr fresh(XGetImage(connection_.display(), connection_.root(), 0, 0, size_.width,
+                                  size_.height, AllPlanes, ZPixmap));
+        if (!fresh) return false;
+        image_ = std::move(fresh);
+        return true;
+    }
+    [[nodiscard]] const XImage& image() const override { return *image_; }
+    [[nodiscard]] std::shared_ptr<const uint8_t> lend() const override { return nullptr; }
+    [[nodiscard]] const char* call_name() const override { return "XGetImage"; }
+
+  private:
+    XConnection& connection_;
+    ScreenSize size_;
+    XImagePtr image_;
+};
+
+}  // namespace
+
+std::unique_ptr<XGrabber> make_shm_grabber(XConnection& connection, ScreenSize size) {
+    int major = 0;
+    int minor = 0;
+    Bool pixmaps = False;
+    if (XShmQueryExtension(connection.display()) == 0 ||
+        XShmQueryVersion(connection.display(), &major, &minor, &pixmaps) == 0) {
+        return nullptr;
+    }
+    auto grabber = std::make_unique<ShmGrabber>(connection);
+    if (!grabber->open(size)) return nullptr;
+    return grabber;
+}
+
+std::unique_ptr<XGrabber> make_plain_grabber(XConnection& connection, ScreenSize size) {
+    auto grabber = std::make_unique<PlainGrabber>(connection, size);
+    if (!grabber->grab()) return nullptr;
+    return grabber;
+}
+
+}  // namespace ox

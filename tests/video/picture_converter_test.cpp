@@ -1,0 +1,83 @@
+#include "video/picture_converter.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "support/log_capture.h"
+
+namespace ox {
+namespace {
+
+constexpr uint32_t kWidth = 64;
+constexpr uint32_t kHeight = 32;
+
+std::vector<uint8_t> flat_picture(uint32_t bgra, uint32_t width, uint32_t height) {
+    std::vector<uint8_t> picture(size_t{width} * height * 4);
+    for (size_t i = 0; i < picture.size(); i += 4)
+        std::memcpy(picture.data() + i, &bgra, 4);
+    return picture;
+}
+
+AvFramePtr make_frame(AVPixelFormat format) {
+    AvFramePtr frame(av_frame_alloc());
+    frame->format = format;
+    frame->width = kWidth;
+    frame->height = kHeight;
+    EXPECT_EQ(av_frame_get_buffer(frame.get(), 32), 0);
+    return frame;
+}
+
+// The fourth byte of lent pixels may hold anything.
+TEST(PictureConverter, ColoursComeOutRightByEitherRoad) {
+    const struct {
+        uint32_t bgra;
+        int y, cb, cr;  // BT.601, limited range
+    } colours[] = {{0xFFFFFFFF, 235, 128, 128},
+                   {0x00000000, 16, 128, 128},
+                   {0x77FF0000, 82, 90, 240},
+                   {0x0000FF00, 145, 54, 34},
+                   {0xFF0000FF, 41, 240, 110}};
+    for (const AVPixelFormat format : {AV_PIX_FMT_YUV420P, AV_PIX_FMT_NV12}) {
+        for (const uint32_t scale : {1U, 2U}) {
+            PictureConverter converter(format, kWidth, kHeight);
+            const AvFramePtr frame = make_frame(format);
+            ASSERT_TRUE(converter.ensure_input_ready(kWidth * scale, kHeight * scale));
+            for (const auto& [bgra, y, cb, cr] : colours) {
+                const auto picture = flat_picture(bgra, kWidth * scale, kHeight * scale);
+                ASSERT_TRUE(converter.convert(picture.data(), *frame));
+                const bool planar = format == AV_PIX_FMT_YUV420P;
+                for (int i = 0; i < static_cast<int>(kWidth) / 2; ++i) {
+                    const int line = 7;
+                    const uint8_t* second = frame->data[1] + line * frame->linesize[1];
+                    const uint8_t* third = frame->data[2] + line * frame->linesize[2];
+                    EXPECT_NEAR(frame->data[0][2 * line * frame->linesize[0] + 2 * i], y, 1);
+                    EXPECT_NEAR(planar ? second[i] : second[2 * i], cb, 1);
+                    EXPECT_NEAR(planar ? third[i] : second[2 * i + 1], cr, 1);
+                }
+            }
+        }
+    }
+}
+
+TEST(PictureConverter, PreparesOncePerSourceSize) {
+    const test::LogCapture log;
+    PictureConverter converter(AV_PIX_FMT_NV12, kWidth, kHeight);
+    const auto lines = [&](const char* size) {
+        return log.count("INFO",
+                         std::string("VideoEncoder: swscale BGRA ") + size + " → nv12 64x32");
+    };
+    EXPECT_TRUE(converter.ensure_input_ready(128, 72));
+    EXPECT_TRUE(converter.ensure_input_ready(128, 72));
+    EXPECT_EQ(lines("128x72"), 1);
+    EXPECT_TRUE(converter.ensure_input_ready(64, 32));
+    EXPECT_EQ(lines("64x32"), 1);
+    EXPECT_TRUE(converter.ensure_input_ready(128, 72));
+    EXPECT_EQ(lines("128x72"), 2);
+    EXPECT_FALSE(converter.ensure_input_ready(4'000'000'000U, 72));
+    EXPECT_EQ(log.count("ERROR", "VideoEncoder: sws_getContext 4000000000x72→64x32 failed"), 1);
+}
+
+}  // namespace
+}  // namespace ox

@@ -1,0 +1,70 @@
+#include "video/pixel_unpacker.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+namespace ox {
+namespace {
+
+TEST(PixelUnpacker, StretchesEveryChannelToAByte) {
+    const PixelLayout rgb565{16, false, 0xF800, 0x07E0, 0x001F};
+    const PixelLayout rgb555{16, false, 0x7C00, 0x03E0, 0x001F};
+    const PixelLayout bgr32{32, false, 0x0000FF, 0x00FF00, 0xFF0000};
+    const PixelLayout deep{32, false, 0x3FF00000, 0x000FFC00, 0x000003FF};
+    const PixelLayout grey{8, false, 0, 0, 0};
+    const PixelLayout wide{64, false, ~0ULL, 0xFFFFFFFFULL, 0xFFFFFULL};
+    const struct {
+        PixelLayout layout;
+        uint64_t pixel;
+        uint32_t bgra;  // as a little-endian word: 0xAARRGGBB
+    } cases[] = {
+        {rgb565, 0x0000, 0xFF000000},   {rgb565, 0xFFFF, 0xFFFFFFFF},
+        {rgb565, 0xF800, 0xFFFF0000},   {rgb565, 0x8410, 0xFF838183},  // 16 of 31, 32 of 63
+        {rgb565, 0x0821, 0xFF080408},                                  // 1 of 31 and 63
+        {rgb555, 0xFFFF, 0xFFFFFFFF},   {rgb555, 0x0010, 0xFF000083},
+        {bgr32, 0x112233, 0xFF332211},  {deep, 0x20080200, 0xFF7F7F7F},
+        {deep, 0x3FF00001, 0xFFFF0000}, {grey, 0xFF, 0xFF000000},
+        {wide, ~0ULL, 0xFFFFFFFF},      {wide, 0x80000, 0xFF00007F},
+    };
+    for (const auto& [layout, pixel, bgra] : cases) {
+        EXPECT_EQ(PixelUnpacker(layout).to_bgra(pixel), bgra) << std::hex << pixel;
+    }
+}
+
+TEST(PixelUnpacker, ReadsRowsInEitherByteOrder) {
+    const uint8_t bytes[] = {0x00, 0xF8, 0x1F, 0x00, 0x11, 0x22, 0x33, 0x44};
+    const struct {
+        PixelLayout layout;
+        std::vector<uint32_t> pixels;
+    } cases[] = {
+        {{16, false, 0xF800, 0x07E0, 0x001F}, {0xFFFF0000, 0xFF0000FF, 0xFF20408B, 0xFF41859C}},
+        {{16, true, 0xF800, 0x07E0, 0x001F}, {0xFF001CC5, 0xFF18E200, 0xFF102410, 0xFF316920}},
+        {{32, false, 0xFF, 0xFF00, 0xFF0000}, {0xFF00F81F, 0xFF112233}},
+        {{32, true, 0xFF0000, 0xFF00, 0xFF}, {0xFFF81F00, 0xFF223344}},
+    };
+    for (const auto& [layout, pixels] : cases) {
+        const PixelUnpacker unpacker(layout);
+        ASSERT_TRUE(unpacker.reads_rows());
+        std::vector<uint32_t> out(pixels.size());
+        unpacker.unpack_row(bytes, static_cast<uint32_t>(out.size()),
+                            reinterpret_cast<uint8_t*>(out.data()));
+        EXPECT_EQ(out, pixels) << layout.bits_per_pixel << (layout.msb_first ? " msb" : " lsb");
+    }
+    EXPECT_FALSE(PixelUnpacker(PixelLayout{24, false, 0xFF0000, 0xFF00, 0xFF}).reads_rows());
+}
+
+TEST(PixelUnpacker, CopiesBgraAndMakesItOpaque) {
+    std::vector<uint8_t> from(37 * 4);
+    for (size_t i = 0; i < from.size(); ++i)
+        from[i] = static_cast<uint8_t>(i * 7);
+    std::vector<uint8_t> to(from.size());
+    copy_bgra_opaque(from.data(), 37, to.data());
+    for (size_t i = 0; i < from.size(); ++i) {
+        ASSERT_EQ(to[i], i % 4 == 3 ? 255 : from[i]) << i;
+    }
+}
+
+}  // namespace
+}  // namespace ox
