@@ -1,0 +1,114 @@
+#include "audio/audio_capture.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "base/clock.h"
+#include "log/log.h"
+
+namespace ox {
+namespace {
+
+/// How long a blocked read takes at most to see that it is to stop.
+constexpr std::chrono::milliseconds kSlice{100};
+
+}  // namespace
+
+std::string AudioCapture::default_monitor() {
+    // A sound server that does not answer must not hold up the session.
+    constexpr std::chrono::milliseconds kLimit{2000};
+    const std::string sink = first_output_of("pactl get-default-sink 2>/dev/null", kLimit);
+    return sink.empty() ? "" : sink + ".monitor";
+}
+
+bool AudioCapture::start(int sample_rate, int channels, const std::string& source, int latency_ms) {
+    stop();
+    if (sample_rate < 1 || channels < 1) return false;
+    source_ = source.empty() ? default_monitor() : source;
+    const std::string latency = "--latency-msec=" + std::to_string(latency_ms);
+    std::vector<std::string> argv{"parec"};
+    if (!source_.empty()) argv.insert(argv.end(), {"--device", source_});
+    argv.insert(argv.end(), {"--format=s16le", "--rate", std::to_string(sample_rate), "--channels",
+                             std::to_string(channels), latency, "--raw"});
+    switch (child_.start(argv)) {
+        case PipedChild::Started::Ok:
+            break;
+        case PipedChild::Started::NoPipe:
+            OX_ERROR("AudioCapture: pipe() failed: %s", std::strerror(errno));
+            return false;
+        case PipedChild::Started::NoFork:
+            OX_ERROR("AudioCapture: fork() failed: %s", std::strerror(errno));
+            return false;
+    }
+    channels_ = channels;
+    OX_INFO("AudioCapture: parec started (source=%s, %dHz, %dch, %s, pid=%d)",
+            source_.empty() ? "default" : source_.c_str(), sample_rate, channels, latency.c_str(),
+            child_.pid());
+    return true;
+}
+
+bool AudioCapture::wait_readable(std::chrono::milliseconds limit) const {
+    const auto deadline = SteadyClock::now() + limit;
+    while (!stopping_) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
+        pollfd entry{.fd = child_.output(), .events = POLLIN, .revents = 0};
+        const auto wait = std::clamp(left, std::chrono::milliseconds{0}, kSlice);
+        const int ready = ::poll(&entry, 1, static_cast<int>(wait.count()));
+        if (ready > 0 || (ready < 0 && errno != EINTR)) return true;
+        if (left.count() <= 0) return false;
+    }
+    return false;
+}
+
+bool AudioCapture::read(std::vector<int16_t>& samples, size_t frames) {
+    if (!child_.is_open() || frames == 0) return false;
+    samples.resize(frames * static_cast<size_t>(channels_));
+    // The samples are the machine's own 16-bit integers: little-endian, as parec was asked for.
+    if (!fill(reinterpret_cast<uint8_t*>(samples.data()), samples.size() * sizeof(int16_t))) {
+        return false;
+    }
+    note_energy(samples.data(), samples.size());
+    return true;
+}
+
+bool AudioCapture::fill(uint8_t* bytes, size_t wanted) {
+    size_t have = 0;
+    while (have < wanted) {
+        if (stopping_) return false;
+        if (!wait_readable(kSlice)) continue;
+        const ssize_t length = ::read(child_.output(), bytes + have, wanted - have);
+        if (length > 0) {
+            have += static_cast<size_t>(length);
+            continue;
+        }
+        if (length < 0 && errno == EINTR) continue;
+        if (length < 0) {
+            OX_ERROR("AudioCapture: read() failed: %s", std::strerror(errno));
+        } else if (!stopping_) {
+            OX_WARN("AudioCapture: parec closed the pipe after %zu/%zu bytes", have, wanted);
+        }
+        stop();
+        return false;
+    }
+    return true;
+}
+
+void AudioCapture::note_energy(const int16_t* samples, size_t count) {
+    constexpr int16_t kSilence = 33;  // about -60 dBFS
+    ++frames_read_;
+    const bool audible = std::any_of(samples, samples + count, [](int16_t sample) {
+        return sample > kSilence || sample < -kSilence;
+    });
+    if (audible) ++audible_frames_;
+}
+
+void AudioCapture::stop() {
+    child_.stop();
+}
+
+}  // namespace ox

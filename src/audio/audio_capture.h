@@ -1,0 +1,60 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "audio/piped_child.h"
+
+namespace ox {
+
+/// Records what the PC plays: `parec` on the monitor of the default output, as interleaved 16-bit
+/// PCM through a pipe. Used by one thread, but for `request_stop` and the counters.
+class AudioCapture {
+  public:
+    /// Name of the monitor of the default output, or empty when there is none to be found.
+    static std::string default_monitor();
+
+    /// Starts recording from `source` (empty: the default output's monitor, or parec's own choice
+    /// when that is not known). False when there is nothing to start.
+    bool start(int sample_rate, int channels, const std::string& source, int latency_ms);
+
+    /// True when there is something to read within `limit`; false at the limit and after
+    /// `request_stop`.
+    bool wait_readable(std::chrono::milliseconds limit) const;
+
+    /// Fills `samples` with exactly `frames` x channels samples, or fails: end of the recording, a
+    /// read error (both logged, both stop the recording), or `request_stop` (within 100 ms).
+    bool read(std::vector<int16_t>& samples, size_t frames);
+
+    /// The loudness meter: one buffer of `count` samples. `read` calls it.
+    void note_energy(const int16_t* samples, size_t count);
+
+    /// Ends a blocked `read` soon, and every later one until `clear_stop`. Any thread; nothing is
+    /// closed.
+    void request_stop() { stopping_ = true; }
+    void clear_stop() { stopping_ = false; }
+
+    /// Ends the recording. Only when no other thread is reading. Safe to call twice.
+    void stop();
+
+    [[nodiscard]] const std::string& source() const { return source_; }
+    [[nodiscard]] pid_t pid() const { return child_.pid(); }
+    [[nodiscard]] uint64_t frames_read() const { return frames_read_; }
+    [[nodiscard]] uint64_t audible_frames() const { return audible_frames_; }
+
+  private:
+    bool fill(uint8_t* bytes, size_t wanted);
+
+    PipedChild child_;
+    int channels_ = 0;
+    std::string source_;
+    std::atomic<bool> stopping_{false};
+    std::atomic<uint64_t> frames_read_{0};     ///< buffers that went through the meter
+    std::atomic<uint64_t> audible_frames_{0};  ///< those with a sample beyond about -60 dBFS
+};
+
+}  // namespace ox

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+struct OpusEncoder;
+
+namespace ox {
+
+/// Low-delay Opus encoder (RFC 6716): 5 ms frames at a constant bitrate. Used by one thread.
+class AudioEncoder {
+  public:
+    static constexpr int kFrameMs = 5;
+
+    /// Opens the encoder for interleaved 16-bit samples, replacing an earlier one. False, after an
+    /// error line, for a rate at which 5 ms are no Opus frame and when libopus refuses.
+    bool init(int sample_rate, int channels, int bitrate_bps);
+
+    /// Encodes one frame of `samples_per_channel` into `out`. Returns the packet's length, or a
+    /// negative Opus error code with `out` empty.
+    int encode(const int16_t* pcm, int samples_per_channel, std::vector<uint8_t>& out);
+
+    void shutdown() { encoder_.reset(); }
+
+    /// Samples per channel in one frame.
+    [[nodiscard]] int frame_samples() const { return frame_samples_; }
+    // As libopus reads them back; -1 when it does not say.
+    [[nodiscard]] int application() const { return application_; }
+    [[nodiscard]] int lookahead() const { return lookahead_; }
+    [[nodiscard]] int vbr() const { return vbr_; }
+
+  private:
+    struct Destroy {
+        void operator()(OpusEncoder* encoder) const;
+    };
+
+    void configure(int bitrate_bps);
+    void log_settings(int sample_rate, int channels, int bitrate_bps) const;
+
+    std::unique_ptr<OpusEncoder, Destroy> encoder_;
+    int frame_samples_ = 0;
+    int application_ = -1;
+    int lookahead_ = -1;
+    int vbr_ = -1;
+};
+
+}  // namespace ox

@@ -1,0 +1,117 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "transport/nonce.h"
+
+/// Forward error correction of the audio stream: four consecutive audio frames form a block, for
+/// which two repair symbols are sent. Any four of the six pieces restore the block. A repair symbol
+/// travels as a shard, a 16-byte header followed by the symbol, inside a media packet flagged
+/// AUDIO_PARITY (nonce: `build_nonce`).
+///
+/// Nothing here logs or throws; failures are `Guard` values.
+namespace ox::audioparity {
+
+inline constexpr size_t kDataFrames = 4;
+inline constexpr size_t kRepairs = 2;
+inline constexpr size_t kMaxShardBytes = 1146;  ///< of one symbol, and so of one frame
+inline constexpr size_t kShardHeaderBytes = 16;
+inline constexpr size_t kMaxRepairBytes = kShardHeaderBytes + kMaxShardBytes;
+inline constexpr uint8_t kShardVersion = 1;
+
+/// Whether a switch text means on: "1", "on", "true", "yes" or "enabled" in any case of letters.
+/// Null, empty and everything else mean off.
+bool parse_switch_value(const char* text) noexcept;
+
+/// The switch in the environment variable OX_AUDIO_PARITY.
+bool audio_parity_enabled() noexcept;
+
+enum class Guard : uint8_t {
+    kOk = 0,
+    kTruncated = 1,       ///< no buffer, or shorter than a header
+    kBadBlockLen = 2,     ///< block length not 4
+    kBadRepairCount = 3,  ///< repair count not 2
+    kBadRepairIndex = 4,  ///< repair index above 1
+    kBadVersion = 5,
+    kBadShardLen = 6,    ///< outside 1 .. 1146, or other than the block's; also a frame to encode
+    kBadOrigLen = 7,     ///< above the shard length, or other than the block's
+    kBadPayloadLen = 8,  ///< missing, or not the length that the header says
+    kDuplicate = 9,      ///< the block has this piece
+    kBadIndex = 10,      ///< data index above 3
+    kEncodeFailed = 11,  ///< null argument, or the encoder failed
+    kDecodeFailed = 12,  ///< the pieces do not restore the block
+};
+
+/// The guard's name in lower_snake_case, "unknown" for a value that is none. Static text.
+const char* guard_name(Guard guard) noexcept;
+
+/// The header in front of a repair symbol, little-endian as it lies on the wire.
+struct ShardHeader {
+    uint16_t shard_len = 0;  ///< bytes of every symbol of the block: its longest frame
+    uint8_t block_len = 0;
+    uint8_t repair_count = 0;
+    uint8_t repair_index = 0;
+    uint8_t version = 0;
+    uint16_t reserved = 0;
+    std::array<uint16_t, kDataFrames> orig_len{};  ///< of each data frame, at most shard_len
+};
+static_assert(sizeof(ShardHeader) == kShardHeaderBytes);
+
+/// Reads the header at the start of `bytes` and checks it: kOk, kTruncated, kBadVersion,
+/// kBadBlockLen, kBadRepairCount, kBadRepairIndex, kBadShardLen or kBadOrigLen, the first that
+/// applies. Beyond kTruncated, `header` is filled in.
+Guard parse_shard_header(const uint8_t* bytes, size_t length, ShardHeader& header) noexcept;
+
+/// The same for a whole shard, whose length must then be the header's and the symbol's, else
+/// kBadPayloadLen.
+Guard parse_shard(const uint8_t* bytes, size_t length, ShardHeader& header) noexcept;
+
+/// Makes the two repair shards of a block.
+/// data, lens: four frames of 1 to 1146 bytes. out: two buffers of at least 1162 bytes. out_lens:
+/// two numbers, set to the shards' lengths on success.
+/// kBadShardLen: a frame is missing or of a wrong length. kEncodeFailed: anything else.
+Guard encode_block(const uint8_t* const* data, const size_t* lens, uint8_t* const* out,
+                   size_t* out_lens) noexcept;
+
+/// Collects the pieces of one block at the receiver and rebuilds its lost frames. Used by one
+/// thread; a new block takes a new decoder.
+class BlockDecoder {
+  public:
+    /// Takes the header of one of the block's repair shards. The first one becomes the reference;
+    /// false for one that disagrees with it in the shard length or in a frame's length, or whose
+    /// lengths are out of range.
+    bool init_from(const ShardHeader& header) noexcept;
+
+    /// Adds a data frame (index 0 .. 3) or a repair symbol without its header (index 0 .. 1).
+    /// `header` is that of any of the block's repair shards and is checked as by `init_from`.
+    Guard add(bool is_repair, uint8_t index, const ShardHeader& header, const uint8_t* payload,
+              size_t length) noexcept;
+
+    [[nodiscard]] bool have_all_sources() const noexcept;
+    /// True when `recover` has pieces enough.
+    [[nodiscard]] bool can_recover() const noexcept;
+
+    /// Fills `frames` with the four frames; `rebuilt` tells whether any was missing. kDecodeFailed
+    /// (and `frames` empty) when the pieces do not suffice.
+    Guard recover(std::vector<std::vector<uint8_t>>& frames, bool& rebuilt) const noexcept;
+
+  private:
+    struct Piece {
+        std::array<uint8_t, kMaxShardBytes> bytes{};  ///< padded with zeros to the shard length
+        size_t length = 0;                            ///< as it came
+        bool present = false;
+    };
+
+    [[nodiscard]] Guard check_header(const ShardHeader& header) const noexcept;
+    bool rebuild(std::vector<uint8_t>& message) const;
+
+    bool initialised_ = false;
+    ShardHeader reference_;
+    std::array<Piece, kDataFrames + kRepairs> pieces_;  ///< data frames, then repair symbols
+    size_t piece_count_ = 0;
+};
+
+}  // namespace ox::audioparity

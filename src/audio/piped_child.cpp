@@ -1,0 +1,94 @@
+#include "audio/piped_child.h"
+
+#include <fcntl.h>
+#include <linux/close_range.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+
+#include "base/clock.h"
+#include "base/sleep.h"
+
+namespace ox {
+namespace {
+
+/// The child's side of fork: only async-signal-safe calls from here to exec.
+[[noreturn]] void become(char* const* argv, int output) {
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM, 0UL, 0UL, 0UL);
+    ::signal(SIGPIPE, SIG_DFL);  // NOLINT: the macro casts
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::dup2(output, STDOUT_FILENO);
+    const int null_input = ::open("/dev/null", O_RDONLY);
+    if (null_input >= 0) ::dup2(null_input, STDIN_FILENO);
+    ::close_range(STDERR_FILENO + 1, ~0U, 0);
+    ::execvp(argv[0], argv);
+    ::_exit(127);
+}
+
+}  // namespace
+
+PipedChild::Started PipedChild::start(const std::vector<std::string>& argv) {
+    stop();
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) < 0) return Started::NoPipe;
+    UniqueFd read_end(ends[0]);
+    const UniqueFd write_end(ends[1]);
+    std::vector<char*> arguments;
+    for (const std::string& argument : argv) {
+        arguments.push_back(const_cast<char*>(argument.c_str()));  // NOLINT: exec's signature
+    }
+    arguments.push_back(nullptr);
+    const pid_t pid = ::fork();
+    if (pid < 0) return Started::NoFork;
+    if (pid == 0) become(arguments.data(), write_end.get());
+    pid_ = pid;
+    output_ = std::move(read_end);
+    return Started::Ok;
+}
+
+void PipedChild::stop() {
+    constexpr int kTries = 20;
+    constexpr std::chrono::milliseconds kPause{10};
+    output_.reset();
+    if (pid_ < 0) return;
+    ::kill(pid_, SIGTERM);
+    for (int i = 0; i < kTries; ++i) {
+        const pid_t reaped = ::waitpid(pid_, nullptr, WNOHANG);
+        if (reaped == pid_ || (reaped < 0 && errno != EINTR)) break;
+        sleep_until_steady(SteadyClock::now() + kPause);
+    }
+    pid_ = -1;
+}
+
+std::string first_output_of(const std::string& shell_command, std::chrono::milliseconds limit) {
+    constexpr size_t kMaxBytes = 255;
+    PipedChild child;
+    if (child.start({"sh", "-c", shell_command}) != PipedChild::Started::Ok) return {};
+    const auto deadline = SteadyClock::now() + limit;
+    std::string text;
+    while (text.size() < kMaxBytes) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
+        if (left.count() <= 0) return {};
+        pollfd entry{.fd = child.output(), .events = POLLIN, .revents = 0};
+        const int ready = ::poll(&entry, 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) return {};
+        std::array<char, kMaxBytes> chunk{};
+        const ssize_t length = ::read(child.output(), chunk.data(), kMaxBytes - text.size());
+        if (length < 0 && errno == EINTR) continue;
+        if (length <= 0) break;
+        text.append(chunk.data(), static_cast<size_t>(length));
+    }
+    text.erase(text.find_last_not_of(" \t\r\n") + 1);
+    return text;
+}
+
+}  // namespace ox

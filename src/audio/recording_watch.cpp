@@ -1,0 +1,181 @@
+#include "audio/recording_watch.h"
+
+#include <pulse/pulseaudio.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <optional>
+
+#include "base/clock.h"
+
+namespace ox {
+namespace {
+
+struct FreeMainloop {
+    void operator()(pa_mainloop* loop) const { ::pa_mainloop_free(loop); }
+};
+struct FreeContext {
+    void operator()(pa_context* context) const {
+        ::pa_context_disconnect(context);
+        ::pa_context_unref(context);
+    }
+};
+
+/// Lets go of an operation whose callback does the work.
+void started(pa_operation* operation) {
+    if (operation != nullptr) ::pa_operation_unref(operation);
+}
+
+}  // namespace
+
+/// The connection to the sound server and what is known through it. Every question carries the
+/// number of the round it belongs to: an event that touches the recording starts a new round, and
+/// answers of an older one count for nothing.
+class RecordingWatch::Server {
+  public:
+    void watch(pid_t pid) {
+        pid_ = std::to_string(pid);
+        output_index_.reset();
+        new_round();
+    }
+
+    Verdict poll() {
+        if (!connected_or_connecting()) return Verdict::Unknown;
+        int events = 0;
+        do {
+            events = ::pa_mainloop_iterate(loop_.get(), 0, nullptr);
+        } while (events > 0);
+        if (events < 0 || !PA_CONTEXT_IS_GOOD(::pa_context_get_state(context_.get()))) {
+            disconnect();
+            return Verdict::Unknown;
+        }
+        return verdict();
+    }
+
+  private:
+    [[nodiscard]] Verdict verdict() const {
+        if (!source_known_) return Verdict::Unknown;
+        if (monitored_sink_.empty()) return Verdict::Elsewhere;
+        const bool other_default = !default_sink_.empty() && default_sink_ != monitored_sink_;
+        return other_default ? Verdict::DefaultChanged : Verdict::OnMonitor;
+    }
+
+    bool connected_or_connecting() {
+        constexpr std::chrono::milliseconds kRetry{500};
+        if (context_) return true;
+        const auto now = SteadyClock::now();
+        if (now - last_try_ < kRetry) return false;
+        last_try_ = now;
+        loop_.reset(::pa_mainloop_new());
+        if (!loop_) return false;
+        context_.reset(::pa_context_new(::pa_mainloop_get_api(loop_.get()), "orvex-agent"));
+        if (!context_) return false;
+        ::pa_context_set_state_callback(context_.get(), &Server::on_state, this);
+        ::pa_context_set_subscribe_callback(context_.get(), &Server::on_event, this);
+        if (::pa_context_connect(context_.get(), nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+            disconnect();
+            return false;
+        }
+        return true;
+    }
+
+    void disconnect() {
+        context_.reset();
+        loop_.reset();
+        output_index_.reset();
+        default_sink_.clear();
+        new_round();
+    }
+
+    /// Forgets what the recording is attached to, and asks anew.
+    void new_round() {
+        ++round_;
+        source_known_ = false;
+        monitored_sink_.clear();
+        if (ready()) ask_for_outputs();
+    }
+
+    [[nodiscard]] bool ready() const {
+        return context_ && ::pa_context_get_state(context_.get()) == PA_CONTEXT_READY;
+    }
+
+    void ask_for_outputs() {
+        asked_round_ = round_;
+        started(::pa_context_get_source_output_info_list(context_.get(), &Server::on_output, this));
+    }
+
+    void ask_for_default() {
+        started(::pa_context_get_server_info(context_.get(), &Server::on_server, this));
+    }
+
+    static void on_state(pa_context* context, void* self) {
+        auto* server = static_cast<Server*>(self);
+        if (::pa_context_get_state(context) != PA_CONTEXT_READY) return;
+        constexpr auto kMask = static_cast<pa_subscription_mask_t>(
+            PA_SUBSCRIPTION_MASK_SOURCE_OUTPUT | PA_SUBSCRIPTION_MASK_SERVER);
+        started(::pa_context_subscribe(context, kMask, nullptr, nullptr));
+        server->ask_for_default();
+        server->new_round();
+    }
+
+    static void on_event(pa_context* /*context*/, pa_subscription_event_type_t type, uint32_t index,
+                         void* self) {
+        auto* server = static_cast<Server*>(self);
+        if ((type & PA_SUBSCRIPTION_EVENT_FACILITY_MASK) == PA_SUBSCRIPTION_EVENT_SERVER) {
+            server->ask_for_default();
+        } else if (!server->output_index_ || *server->output_index_ == index) {
+            server->new_round();
+        }
+    }
+
+    static void on_server(pa_context* /*context*/, const pa_server_info* info, void* self) {
+        if (info == nullptr || info->default_sink_name == nullptr) return;
+        static_cast<Server*>(self)->default_sink_ = info->default_sink_name;
+    }
+
+    static void on_output(pa_context* context, const pa_source_output_info* info, int end,
+                          void* self) {
+        auto* server = static_cast<Server*>(self);
+        if (end != 0 || info == nullptr || server->asked_round_ != server->round_) return;
+        const char* pid = ::pa_proplist_gets(info->proplist, PA_PROP_APPLICATION_PROCESS_ID);
+        if (pid == nullptr || server->pid_ != pid) return;
+        server->output_index_ = info->index;
+        server->source_round_ = server->round_;
+        started(
+            ::pa_context_get_source_info_by_index(context, info->source, &Server::on_source, self));
+    }
+
+    static void on_source(pa_context* /*context*/, const pa_source_info* info, int end,
+                          void* self) {
+        auto* server = static_cast<Server*>(self);
+        if (end != 0 || info == nullptr || server->source_round_ != server->round_) return;
+        server->source_known_ = true;
+        server->monitored_sink_ =
+            info->monitor_of_sink_name == nullptr ? "" : info->monitor_of_sink_name;
+    }
+
+    std::unique_ptr<pa_mainloop, FreeMainloop> loop_;
+    std::unique_ptr<pa_context, FreeContext> context_;  // goes before its loop
+    SteadyClock::time_point last_try_{};
+
+    std::string pid_;                       ///< the recording process
+    std::optional<uint32_t> output_index_;  ///< its stream at the server, once known
+    uint64_t round_ = 0;
+    uint64_t asked_round_ = 0;   ///< round of the last question for the streams
+    uint64_t source_round_ = 0;  ///< round of the last question for the source
+    bool source_known_ = false;
+    std::string monitored_sink_;  ///< output whose monitor is recorded; empty: no monitor
+    std::string default_sink_;    ///< empty until known
+};
+
+RecordingWatch::RecordingWatch() : server_(std::make_unique<Server>()) {}
+RecordingWatch::~RecordingWatch() = default;
+
+void RecordingWatch::watch(pid_t pid) {
+    server_->watch(pid);
+}
+RecordingWatch::Verdict RecordingWatch::poll() {
+    return server_->poll();
+}
+
+}  // namespace ox

@@ -1,0 +1,132 @@
+#include "audio/audio_capture.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "base/clock.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace ox {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+/// A PATH with programs of the test's own in place of the sound server's tools.
+class AudioCaptureTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        old_path_ = std::getenv("PATH");
+        ::setenv("PATH", (dir_.path().string() + ":" + old_path_).c_str(), 1);
+    }
+    void TearDown() override { ::setenv("PATH", old_path_.c_str(), 1); }
+
+    void program(const std::string& name, const std::string& script) const {
+        std::ofstream(dir_.file(name)) << "#!/bin/sh\n" << script << "\n";
+        ::chmod(dir_.file(name).c_str(), 0755);
+    }
+    [[nodiscard]] std::string arguments() const {
+        std::ostringstream text;
+        text << std::ifstream(dir_.file("args")).rdbuf();
+        return text.str();
+    }
+    /// A recorder that notes its arguments and then does `body`.
+    void recorder(const std::string& body) const {
+        program("parec", "echo \"$@\" > " + dir_.file("args") + "\n" + body);
+    }
+
+    test::TempDir dir_;
+    std::string old_path_;
+    AudioCapture capture_;
+    std::vector<int16_t> samples_;
+};
+
+TEST_F(AudioCaptureTest, RecordsTheMonitorOfTheDefaultOutput) {
+    program("pactl", "[ \"$*\" = get-default-sink ] && printf 'speakers \\n'");
+    recorder("printf '\\001\\000\\377\\377'; exec sleep 60");
+    ASSERT_TRUE(capture_.start(48000, 2, "", 5));
+    ASSERT_TRUE(capture_.read(samples_, 1));
+    EXPECT_EQ(samples_, (std::vector<int16_t>{1, -1}));
+    EXPECT_EQ(arguments(),
+              "--device speakers.monitor --format=s16le --rate 48000 --channels 2 "
+              "--latency-msec=5 --raw\n");
+}
+
+TEST_F(AudioCaptureTest, WithoutAKnownOutputTheRecorderChooses) {
+    const test::LogCapture log;
+    program("pactl", "echo error >&2; exit 1");
+    recorder("printf abcd; exec sleep 60");
+    ASSERT_TRUE(capture_.start(48000, 1, "", 5));
+    ASSERT_TRUE(capture_.read(samples_, 2));
+    EXPECT_EQ(arguments(), "--format=s16le --rate 48000 --channels 1 --latency-msec=5 --raw\n");
+    EXPECT_EQ(log.count("INFO",
+                        "AudioCapture: parec started (source=default, 48000Hz, 1ch, "
+                        "--latency-msec=5, pid=" +
+                            std::to_string(capture_.pid()) + ")"),
+              1);
+}
+
+TEST_F(AudioCaptureTest, ASoundServerThatDoesNotAnswerIsNotWaitedForLong) {
+    program("pactl", "exec sleep 60");
+    const auto before = SteadyClock::now();
+    EXPECT_EQ(AudioCapture::default_monitor(), "");
+    EXPECT_LT(SteadyClock::now() - before, seconds(10));
+}
+
+TEST_F(AudioCaptureTest, EveryEndOfTheRecordingIsToldWithItsBytes) {
+    recorder("printf abcdef");
+    {
+        const test::LogCapture log;
+        ASSERT_TRUE(capture_.start(48000, 1, "x", 5));
+        EXPECT_FALSE(capture_.read(samples_, 4));
+        EXPECT_EQ(log.count("WARN", "AudioCapture: parec closed the pipe after 6/8 bytes"), 1);
+        EXPECT_FALSE(capture_.read(samples_, 4));
+    }
+    ::setenv("PATH", "/nonexistent", 1);  // no recorder to be found
+    const test::LogCapture log;
+    ASSERT_TRUE(capture_.start(48000, 1, "x", 5));
+    EXPECT_FALSE(capture_.read(samples_, 4));
+    EXPECT_EQ(log.count("WARN", "AudioCapture: parec closed the pipe after 0/8 bytes"), 1);
+    EXPECT_FALSE(capture_.start(0, 1, "x", 5));
+    EXPECT_FALSE(capture_.start(48000, 0, "x", 5));
+}
+
+TEST_F(AudioCaptureTest, AStopIsSeenSoonAlsoByAReaderOfAStubbornRecorder) {
+    recorder("trap '' TERM; printf a; while :; do sleep 1; done");
+    const test::LogCapture log;
+    ASSERT_TRUE(capture_.start(48000, 1, "x", 5));
+    const pid_t recorder = capture_.pid();
+    std::atomic<bool> failed{false};
+    std::thread reader([&] {
+        std::vector<int16_t> samples;
+        failed = !capture_.read(samples, 240);
+    });
+    const auto before = SteadyClock::now();
+    capture_.request_stop();
+    reader.join();
+    capture_.stop();
+    EXPECT_LT(SteadyClock::now() - before, seconds(3));
+    EXPECT_TRUE(failed);
+    EXPECT_EQ(log.text().find("WARN"), std::string::npos);
+    ::kill(recorder, SIGKILL);
+}
+
+TEST(AudioMeter, CountsBuffersWithASampleBeyondTheThreshold) {
+    AudioCapture capture;
+    const std::vector<std::vector<int16_t>> buffers{{0, 0},   {33, -33},      {34, 0},
+                                                    {0, -34}, {0, INT16_MIN}, {INT16_MAX, 0}};
+    for (const auto& buffer : buffers)
+        capture.note_energy(buffer.data(), buffer.size());
+    EXPECT_EQ(capture.frames_read(), 6U);
+    EXPECT_EQ(capture.audible_frames(), 4U);
+}
+
+}  // namespace
+}  // namespace ox

@@ -1,0 +1,254 @@
+#include "audio/audio_stream.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <opus/opus.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <numbers>
+#include <optional>
+
+#include "support/eventually.h"
+#include "support/log_capture.h"
+#include "support/pulse_daemon.h"
+#include "transport/udp_sender.h"
+
+namespace ox {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr std::array<uint8_t, 32> kKey{7, 7, 7};
+constexpr int kTone = 440;
+constexpr int kOtherTone = 3000;
+/// A tone that is there at all has 8192; a click, as from a player that was late, has some hundred.
+constexpr double kHeard = 2500;
+
+/// Amplitude of one frequency in 48 kHz samples (Goertzel's algorithm).
+double amplitude(const std::vector<double>& samples, int hertz) {
+    const double c = 2 * std::cos(2 * std::numbers::pi * hertz / 48000);
+    double a = 0;
+    double b = 0;
+    for (const double sample : samples) {
+        const double next = sample + c * a - b;
+        b = a;
+        a = next;
+    }
+    return std::sqrt(std::max(0.0, a * a + b * b - c * a * b)) * 2 /
+           static_cast<double>(samples.size());
+}
+
+/// The launcher's end: receives, opens and decodes the stream.
+class Listener {
+  public:
+    Listener() : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        ::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), length);
+        ::getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+        int error = 0;
+        decoder_.reset(::opus_decoder_create(48000, 2, &error));
+    }
+    [[nodiscard]] uint16_t port() const { return port_; }
+
+    struct Packet {
+        PacketHeader header;
+        std::vector<uint8_t> payload;
+    };
+
+    /// The next packet, or nothing after `limit`.
+    std::optional<Packet> receive(milliseconds limit) {
+        pollfd entry{.fd = socket_.get(), .events = POLLIN, .revents = 0};
+        if (::poll(&entry, 1, static_cast<int>(limit.count())) <= 0) return std::nullopt;
+        std::array<uint8_t, 2048> datagram{};
+        const ssize_t length = ::recv(socket_.get(), datagram.data(), datagram.size(), 0);
+        Packet packet;
+        std::memcpy(&packet.header, datagram.data(), kHeaderBytes);
+        packet.payload.resize(datagram.size());
+        size_t opened = 0;
+        EXPECT_TRUE(decrypt_packet_with_key(
+            kKey.data(), packet.header, datagram.data() + kHeaderBytes,
+            static_cast<size_t>(length) - kHeaderBytes, packet.payload.data(), opened));
+        packet.payload.resize(opened);
+        return packet;
+    }
+
+    /// Left channel of one decoded data packet, 240 samples.
+    std::vector<double> decode(const Packet& packet) {
+        std::array<int16_t, 480> pcm{};
+        EXPECT_EQ(::opus_decode(decoder_.get(), packet.payload.data(),
+                                static_cast<opus_int32>(packet.payload.size()), pcm.data(), 240, 0),
+                  240);
+        std::vector<double> left;
+        for (size_t i = 0; i < pcm.size(); i += 2)
+            left.push_back(pcm[i]);
+        return left;
+    }
+
+    /// Decodes until 50 ms in a row carry `hertz` at about the played level. False at the limit.
+    /// Nowhere may `forbidden` be heard.
+    bool hears(int hertz, int forbidden, seconds limit) {
+        std::vector<double> window;
+        const auto deadline = SteadyClock::now() + limit;
+        while (SteadyClock::now() < deadline) {
+            const auto packet = receive(milliseconds(100));
+            if (!packet || (packet->header.flags & packet_flags::AUDIO_PARITY) != 0) continue;
+            const std::vector<double> samples = decode(*packet);
+            // Within one packet the tones are 1 and 15 periods long: far enough apart.
+            EXPECT_LT(amplitude(samples, forbidden), kHeard)
+                << "packet " << packet->header.frame_id;
+            window.insert(window.end(), samples.begin(), samples.end());
+            if (window.size() < 2400) continue;
+            if (std::abs(amplitude(window, hertz) - 8192) < 600) return true;
+            window.clear();
+        }
+        return false;
+    }
+
+    /// Listens until `condition` holds, then to what has arrived by then. False at the limit.
+    /// Nowhere may `forbidden` be heard.
+    template <typename Condition>
+    bool listens_until(Condition&& condition, int forbidden, seconds limit) {
+        const auto deadline = SteadyClock::now() + limit;
+        bool holds = false;
+        while (SteadyClock::now() < deadline) {
+            const auto packet = receive(milliseconds(20));
+            if (!packet && holds) return true;
+            holds = holds || condition();
+            if (!packet || packet->header.flags != 0x0C) continue;
+            EXPECT_LT(amplitude(decode(*packet), forbidden), kHeard);
+        }
+        return false;
+    }
+
+  private:
+    UniqueFd socket_;
+    uint16_t port_ = 0;
+    std::unique_ptr<OpusDecoder, void (*)(OpusDecoder*)> decoder_{nullptr, ::opus_decoder_destroy};
+};
+
+class AudioStreamTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(sender_.open("127.0.0.1", listener_.port(), 0));
+        stream_.set_parity_enabled(true);
+    }
+    bool start() { return stream_.start(sender_, kKey.data(), kKey.size(), 48000, 2, 128000); }
+    [[nodiscard]] static int recorder_pid(const test::LogCapture& log) {
+        const std::string text = log.text();
+        const size_t at = text.rfind(", pid=");
+        return at == std::string::npos ? -1 : std::atoi(text.c_str() + at + 6);
+    }
+
+    test::PulseDaemon pulse_;
+    Listener listener_;
+    UdpSender sender_;
+    AudioStream stream_;
+};
+
+TEST_F(AudioStreamTest, APlayedToneArrivesInEvenPacketsWithTheirParity) {
+    const auto player = pulse_.play_tone("out", kTone);
+    ASSERT_TRUE(start());
+    ASSERT_TRUE(listener_.hears(kTone, kOtherTone, seconds(30)));
+    std::optional<uint32_t> last;
+    int repairs = 0;
+    for (int i = 0; i < 300; ++i) {
+        const auto packet = listener_.receive(seconds(10));
+        ASSERT_TRUE(packet);
+        const PacketHeader h = packet->header;
+        EXPECT_EQ(+h.stream, 2U);
+        EXPECT_EQ(+h.group, 0);
+        if (h.flags == 0x24) {
+            EXPECT_EQ(+h.count, 4);
+            EXPECT_EQ(+h.frame_id, *last & ~3U);
+            EXPECT_EQ(packet->payload.size(), 96U);
+            ++repairs;
+            continue;
+        }
+        EXPECT_EQ(+h.flags, 0x0C);
+        EXPECT_EQ(+h.index, 0);
+        EXPECT_EQ(+h.count, 1);
+        EXPECT_EQ(packet->payload.size(), 80U);
+        EXPECT_EQ(+h.frame_id, last ? *last + 1 : +h.frame_id);
+        last = h.frame_id;
+    }
+    EXPECT_NEAR(repairs, 100, 2);
+    // A restart goes on counting: the key may be the same one.
+    stream_.stop();
+    while (listener_.receive(milliseconds(50))) {
+    }
+    ASSERT_TRUE(start());
+    const auto next = listener_.receive(seconds(30));
+    ASSERT_TRUE(next);
+    EXPECT_GT(+next->header.frame_id, *last);
+}
+
+TEST_F(AudioStreamTest, TheMicrophoneIsNotHeardWhenTheOutputGoes) {
+    const test::LogCapture log;
+    const auto player = pulse_.play_tone("out", kTone);
+    const auto speaker = pulse_.play_tone("hidden", kOtherTone);  // what the microphone hears
+    ASSERT_TRUE(start());
+    ASSERT_TRUE(listener_.hears(kTone, kOtherTone, seconds(30)));
+    // The server now moves the recording to the microphone and the player to the spare output.
+    ASSERT_TRUE(pulse_.remove_sink("out"));
+    EXPECT_TRUE(listener_.listens_until(
+        [&] { return log.text().find("parec started (source=spare.monitor") != std::string::npos; },
+        kOtherTone, seconds(30)));
+    EXPECT_TRUE(listener_.hears(kTone, kOtherTone, seconds(30)));
+    EXPECT_EQ(log.count("WARN",
+                        "AudioStream: the recording was moved off the output's monitor — its sound "
+                        "is dropped, opening the present output"),
+              1);
+}
+
+TEST_F(AudioStreamTest, AChangeOfTheDefaultOutputIsFollowed) {
+    const auto player = pulse_.play_tone("out", kTone);
+    const auto other = pulse_.play_tone("spare", kOtherTone);
+    ASSERT_TRUE(start());
+    ASSERT_TRUE(listener_.hears(kTone, kOtherTone, seconds(30)));
+    ASSERT_TRUE(pulse_.pactl("set-default-sink spare"));
+    EXPECT_TRUE(test::eventually(
+        [&] {
+            const auto packet = listener_.receive(milliseconds(100));
+            return packet && packet->header.flags == 0x0C &&
+                   amplitude(listener_.decode(*packet), kOtherTone) > kHeard;
+        },
+        seconds(30)));
+}
+
+TEST_F(AudioStreamTest, ARecorderThatDiesEndsTheSoundAndSaysSo) {
+    const test::LogCapture log;
+    const auto player = pulse_.play_tone("out", kTone);
+    ASSERT_TRUE(start());
+    ASSERT_TRUE(listener_.hears(kTone, kOtherTone, seconds(30)));
+    ::kill(recorder_pid(log), SIGKILL);
+    EXPECT_TRUE(test::eventually([&] { return !stream_.running(); }));
+    EXPECT_EQ(log.count("WARN", "AudioStream: capture ended — stopping audio"), 1);
+    EXPECT_NE(log.text().find("AudioCapture: parec closed the pipe after "), std::string::npos);
+}
+
+TEST(AudioStreamAlone, RefusesWhatItCannotUse) {
+    const test::LogCapture log;
+    AudioStream stream;
+    UdpSender closed;
+    EXPECT_FALSE(stream.start(closed, kKey.data(), 16, 48000, 2, 128000));
+    EXPECT_EQ(
+        log.count("ERROR", "AudioStream: refusing to start with a 16-byte audio key (want 32)"), 1);
+    EXPECT_FALSE(stream.start(closed, kKey.data(), 32, 48000, 2, 128000));
+    EXPECT_EQ(log.count("ERROR", "AudioStream: UDP sender is not open"), 1);
+    EXPECT_FALSE(stream.running());
+}
+
+}  // namespace
+}  // namespace ox
