@@ -1,0 +1,244 @@
+#include "input/input_receiver.h"
+
+#include <arpa/inet.h>
+#include <linux/input-event-codes.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sodium.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "input/key_map.h"
+#include "log/log.h"
+
+namespace ox {
+namespace {
+
+constexpr int kPollMs = 200;
+constexpr int kReceiveBufferBytes = 65536;
+constexpr int kWheelUnitsPerNotch = 120;
+constexpr std::array<uint16_t, 3> kButtons{BTN_LEFT, BTN_RIGHT, BTN_MIDDLE};
+constexpr std::array<uint16_t, 8> kModifiers{KEY_LEFTALT,   KEY_RIGHTALT,  KEY_LEFTCTRL,
+                                             KEY_RIGHTCTRL, KEY_LEFTSHIFT, KEY_RIGHTSHIFT,
+                                             KEY_LEFTMETA,  KEY_RIGHTMETA};
+
+}  // namespace
+
+InputReceiver::~InputReceiver() {
+    stop();
+    if (key_) ::sodium_memzero(key_->data(), key_->size());
+}
+
+bool InputReceiver::set_key(const uint8_t* key, size_t length) {
+    if (key == nullptr || length != kKeyBytes) {
+        OX_ERROR("InputReceiver: invalid key size %zu", length);
+        return false;
+    }
+    const std::lock_guard lock(key_mutex_);
+    key_.emplace();
+    std::copy_n(key, kKeyBytes, key_->begin());
+    return true;
+}
+
+void InputReceiver::set_feedback_callback(FeedbackCallback callback) {
+    const std::lock_guard lock(feedback_mutex_);
+    feedback_callback_ = std::move(callback);
+}
+
+bool InputReceiver::start(uint16_t port) {
+    stop();
+    if (!bind_socket(port)) return false;
+    device_.uinput_init();
+    run(port);
+    return true;
+}
+
+bool InputReceiver::start_with_device(uint16_t port, UniqueFd device) {
+    stop();
+    if (!bind_socket(port)) return false;
+    device_.adopt(std::move(device));
+    run(port);
+    return true;
+}
+
+bool InputReceiver::bind_socket(uint16_t port) {
+    UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!socket) {
+        OX_ERROR("InputReceiver: socket() failed: %s", std::strerror(errno));
+        return false;
+    }
+    const int on = 1;
+    ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    ::setsockopt(socket.get(), SOL_SOCKET, SO_RCVBUF, &kReceiveBufferBytes,
+                 sizeof kReceiveBufferBytes);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
+        OX_ERROR("InputReceiver: bind :%u failed: %s", port, std::strerror(errno));
+        return false;
+    }
+    socket_ = std::move(socket);
+    return true;
+}
+
+void InputReceiver::run(uint16_t port) {
+    window_.reset();
+    last_buttons_ = 0;
+    running_ = true;
+    thread_ = std::jthread([this] { recv_loop(); });
+    OX_INFO("InputReceiver: listening on UDP port %u%s", port,
+            device_.is_present() ? "" : " (headless — events decoded but not injected)");
+}
+
+void InputReceiver::recv_loop() {
+    std::array<uint8_t, 256> buffer;  // NOLINT: filled by recv
+    while (running_) {
+        pollfd entry{.fd = socket_.get(), .events = POLLIN, .revents = 0};
+        const int ready = ::poll(&entry, 1, kPollMs);
+        if (ready < 0 && errno != EINTR) return;
+        if (ready <= 0 || (entry.revents & POLLIN) == 0) continue;
+        const ssize_t length = ::recv(socket_.get(), buffer.data(), buffer.size(), 0);
+        if (length < 1) continue;
+        ++received_;
+        handle_datagram(buffer.data(), static_cast<size_t>(length));
+    }
+}
+
+void InputReceiver::handle_datagram(const uint8_t* bytes, size_t length) {
+    InputPacket packet;
+    if (!open_datagram(bytes, length, packet) || packet.version != InputPacket::kVersion) return;
+    if (!window_.accept_sequence(packet.seq)) return;
+    if (is_feedback(packet.kind)) {
+        ++feedback_;
+        deliver_feedback(packet);
+        return;
+    }
+    apply_input(packet);
+    ++applied_;
+}
+
+bool InputReceiver::open_datagram(const uint8_t* bytes, size_t length, InputPacket& packet) {
+    const std::lock_guard lock(key_mutex_);
+    if (!key_) {
+        static std::atomic<bool> told{false};
+        if (!told.exchange(true)) {
+            OX_ERROR("InputReceiver: no decryption key — dropping all input packets");
+        }
+        return false;
+    }
+    if (length != kInputDatagramBytes) return false;
+    std::array<uint8_t, sizeof(InputPacket)> plain{};
+    unsigned long long plain_length = 0;
+    if (::crypto_aead_chacha20poly1305_ietf_decrypt(
+            plain.data(), &plain_length, nullptr, bytes + kInputNonceBytes,
+            kInputDatagramBytes - kInputNonceBytes, nullptr, 0, bytes, key_->data()) != 0) {
+        OX_TRACE("InputReceiver: decryption failed (auth)");
+        return false;
+    }
+    std::memcpy(&packet, plain.data(), sizeof packet);
+    return true;
+}
+
+void InputReceiver::deliver_feedback(const InputPacket& packet) {
+    const std::lock_guard lock(feedback_mutex_);
+    if (feedback_callback_) feedback_callback_(packet);
+}
+
+void InputReceiver::apply_input(const InputPacket& packet) {
+    switch (static_cast<InputKind>(packet.kind)) {
+        case InputKind::MouseMotion:
+            if (packet.data0 != 0) device_.uinput_rel(REL_X, packet.data0);
+            if (packet.data1 != 0) device_.uinput_rel(REL_Y, packet.data1);
+            apply_buttons(packet.buttons);
+            device_.uinput_sync();
+            return;
+        case InputKind::MouseButtons:
+            if (apply_buttons(packet.buttons)) device_.uinput_sync();
+            return;
+        case InputKind::Wheel: {
+            const int notches = packet.data1 / kWheelUnitsPerNotch;
+            if (notches != 0) device_.uinput_rel(REL_WHEEL, notches);
+            device_.uinput_sync();
+            return;
+        }
+        case InputKind::KeyDown:
+            apply_key(packet, true);
+            return;
+        case InputKind::KeyUp:
+            apply_key(packet, false);
+            return;
+        case InputKind::KeyframeRequest:
+        case InputKind::RfiRequest:
+        case InputKind::MediaFeedback:
+            return;
+    }
+}
+
+bool InputReceiver::apply_buttons(uint8_t buttons) {
+    const auto changed = static_cast<uint8_t>(buttons ^ last_buttons_);
+    bool any = false;
+    for (size_t i = 0; i < kButtons.size(); ++i) {
+        const unsigned bit = 1U << i;
+        if ((changed & bit) == 0) continue;
+        device_.uinput_key(kButtons[i], (buttons & bit) != 0);
+        any = true;
+    }
+    last_buttons_ = buttons;
+    return any;
+}
+
+void InputReceiver::apply_key(const InputPacket& packet, bool pressed) {
+    const auto virtual_key = static_cast<uint16_t>(packet.data0);
+    const int code = linux_key_code(virtual_key, packet.scan_code(), packet.extended_key());
+    if (code == 0) {
+        OX_TRACE("InputReceiver: unmapped key vk=0x%02x scan=0x%02x ext=%d", virtual_key,
+                 packet.scan_code(), packet.extended_key() ? 1 : 0);
+        return;
+    }
+    device_.uinput_key(static_cast<uint16_t>(code), pressed);
+    {
+        const std::lock_guard lock(pressed_mutex_);
+        pressed_keys_.set(static_cast<size_t>(code), pressed);
+    }
+    device_.uinput_sync();
+}
+
+void InputReceiver::release_stuck_inputs() {
+    {
+        const std::lock_guard lock(pressed_mutex_);
+        const size_t held = pressed_keys_.count();
+        for (size_t code = 0; held > 0 && code < pressed_keys_.size(); ++code) {
+            if (pressed_keys_[code]) device_.uinput_key(static_cast<uint16_t>(code), false);
+        }
+        pressed_keys_.reset();
+        if (held > 0) OX_INFO("InputReceiver: released %zu tracked pressed keys", held);
+    }
+    for (const uint16_t code : kModifiers)
+        device_.uinput_key(code, false);
+    for (const uint16_t code : kButtons)
+        device_.uinput_key(code, false);
+    device_.uinput_sync();
+    last_buttons_ = 0;
+}
+
+void InputReceiver::stop() {
+    if (!socket_) return;
+    running_ = false;
+    // Also wakes a poll on an unconnected datagram socket, whatever the result says.
+    ::shutdown(socket_.get(), SHUT_RD);
+    if (thread_.joinable()) thread_.join();
+    release_stuck_inputs();
+    device_.destroy();
+    socket_.reset();
+    OX_INFO("InputReceiver: stopped (%llu received, %llu applied)",
+            static_cast<unsigned long long>(received_.load()),
+            static_cast<unsigned long long>(applied_.load()));
+}
+
+}  // namespace ox

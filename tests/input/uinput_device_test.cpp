@@ -1,0 +1,62 @@
+#include "input/uinput_device.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/input.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+namespace ox {
+namespace {
+
+/// The event node of the virtual device, or an empty path.
+std::string find_event_node() {
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/input")) {
+        const UniqueFd fd(::open(entry.path().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        char name[64] = {};
+        if (fd && ::ioctl(fd.get(), EVIOCGNAME(sizeof name - 1), name) > 0 &&
+            std::string(name) == "Orvex Agent") {
+            return entry.path();
+        }
+    }
+    return {};
+}
+
+TEST(UinputDevice, TheKernelMakesAKeyboardAndPointerOfIt) {
+    if (::access("/dev/uinput", W_OK) != 0) GTEST_SKIP() << "no writable /dev/uinput here";
+    UinputDevice device;
+    ASSERT_TRUE(device.uinput_init());
+    const std::string node = find_event_node();
+    if (node.empty()) GTEST_SKIP() << "the event node of the device cannot be read here";
+    const UniqueFd fd(::open(node.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    input_id id{};
+    ASSERT_EQ(::ioctl(fd.get(), EVIOCGID, &id), 0);
+    EXPECT_EQ(id.bustype, 3);
+    EXPECT_EQ(id.vendor, 0x1234);
+    EXPECT_EQ(id.product, 0x5678);
+    EXPECT_EQ(id.version, 1);
+    device.uinput_key(KEY_A, true);
+    device.uinput_sync();
+    input_event event{};
+    ASSERT_EQ(::read(fd.get(), &event, sizeof event), static_cast<ssize_t>(sizeof event));
+    EXPECT_EQ(event.code, KEY_A);
+    EXPECT_EQ(event.value, 1);
+    device.destroy();
+    EXPECT_EQ(find_event_node(), "");
+}
+
+TEST(UinputDevice, WithoutADeviceEventsGoNowhere) {
+    if (::access("/dev/uinput", W_OK) == 0) GTEST_SKIP() << "this machine has /dev/uinput";
+    UinputDevice device;
+    EXPECT_FALSE(device.uinput_init());
+    EXPECT_FALSE(device.is_present());
+    device.uinput_key(KEY_A, true);
+    device.uinput_sync();
+}
+
+}  // namespace
+}  // namespace ox
