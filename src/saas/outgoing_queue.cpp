@@ -1,0 +1,29 @@
+#include "saas/outgoing_queue.h"
+
+#include <sys/eventfd.h>
+
+#include <utility>
+
+namespace ox {
+
+OutgoingQueue::OutgoingQueue() : wake_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+void OutgoingQueue::push(std::string text) {
+    const std::lock_guard lock(mutex_);
+    if (messages_.size() == kMaxMessages) messages_.pop_front();
+    if (messages_.empty()) wake();
+    messages_.push_back(std::move(text));
+}
+
+std::deque<std::string> OutgoingQueue::take_all() {
+    const std::lock_guard lock(mutex_);
+    eventfd_t ignored = 0;
+    if (wake_fd_) ::eventfd_read(wake_fd_.get(), &ignored);
+    return std::exchange(messages_, {});
+}
+
+void OutgoingQueue::wake() const {
+    if (wake_fd_) ::eventfd_write(wake_fd_.get(), 1);
+}
+
+}  // namespace ox

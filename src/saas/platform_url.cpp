@@ -1,0 +1,33 @@
+#include "saas/platform_url.h"
+
+#include <cstdlib>
+
+namespace ox {
+
+std::variant<PlatformEndpoint, std::string> parse_platform_url(std::string_view url) {
+    constexpr std::string_view kPlain = "ws://";
+    constexpr std::string_view kTls = "wss://";
+    PlatformEndpoint endpoint;
+    endpoint.tls = url.starts_with(kTls);
+    if (!endpoint.tls && !url.starts_with(kPlain)) {
+        return "--saas-url must start with ws:// or wss:// ('" + std::string(url) + "')";
+    }
+    std::string_view authority = url.substr(endpoint.tls ? kTls.size() : kPlain.size());
+    authority = authority.substr(0, authority.find('/'));
+
+    long port = endpoint.tls ? 443 : 80;
+    size_t host_end = authority.size();
+    const size_t colon = authority.rfind(':');
+    if (colon != authority.npos && authority.find(']') == authority.npos) {
+        host_end = colon;
+        port = std::strtol(std::string(authority.substr(colon + 1)).c_str(), nullptr, 10);
+    }
+    if (host_end == 0 || port <= 0 || port > UINT16_MAX) {
+        return "--saas-url '" + std::string(url) + "': bad host/port";
+    }
+    endpoint.host = authority.substr(0, host_end);
+    endpoint.port = static_cast<uint16_t>(port);
+    return endpoint;
+}
+
+}  // namespace ox

@@ -1,0 +1,126 @@
+#include "saas/ws_link.h"
+
+#include <sodium.h>
+
+#include <algorithm>
+#include <array>
+#include <span>
+#include <utility>
+
+#include "log/log.h"
+#include "saas/log_text.h"
+#include "saas/ws_upgrade.h"
+#include "tui/board.h"
+
+namespace ox {
+namespace {
+
+using std::chrono::milliseconds;
+
+std::span<const uint8_t> bytes_of(std::string_view text) {
+    return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
+}
+
+}  // namespace
+
+WsLink::WsLink(Transport& transport, std::string secret, Limits limits)
+    : transport_(transport), secret_(std::move(secret)), limits_(limits), assembler_(secret_) {}
+
+bool WsLink::ws_handshake(const std::string& host, const std::atomic<bool>& running) {
+    std::string request = ws_build_handshake(host, make_ws_key(), secret_);
+    const bool sent = transport_.write_all(bytes_of(request)) >= 0;
+    sodium_memzero(request.data(), request.size());
+    if (!sent) return false;
+
+    UpgradeResponse response;
+    auto state = UpgradeResponse::State::Incomplete;
+    const auto deadline = SteadyClock::now() + limits_.upgrade;
+    while (state == UpgradeResponse::State::Incomplete) {
+        if (!running || SteadyClock::now() >= deadline) return false;
+        const auto ready = transport_.wait_readable(milliseconds(200));
+        if (ready == Transport::Wait::Broken) return false;
+        if (ready != Transport::Wait::Ready) continue;
+        std::array<uint8_t, 2048> buffer{};
+        const ssize_t count = transport_.read(buffer);
+        if (count == 0) return false;
+        if (count > 0) state = response.feed(std::span(buffer).first(static_cast<size_t>(count)));
+    }
+    if (state == UpgradeResponse::State::TooLong) return false;
+
+    if (const std::string_view leftover = response.leftover(); !leftover.empty()) {
+        OX_INFO(
+            "SaasConnector: %zu byte(s) arrived with the handshake response - kept for the frame "
+            "reader",
+            leftover.size());
+        decoder_.feed(bytes_of(leftover));
+        unexamined_ = true;
+    }
+    if (state == UpgradeResponse::State::Accepted) return true;
+    OX_ERROR("SaasConnector: WS handshake rejected: %.200s",
+             loggable(response.text(), 200, secret_).c_str());
+    if (response.token_refused()) tui::board().raise(tui::Alert::TokenRejected, 0);
+    return false;
+}
+
+bool WsLink::ws_send_frame(std::string_view payload, WsOpcode opcode) {
+    WsMaskKey key{};
+    randombytes_buf(key.data(), key.size());
+    return transport_.write_all(bytes_of(encode_ws_frame(opcode, payload, key))) >= 0;
+}
+
+Transport::Wait WsLink::wait(Milliseconds timeout, int wake_fd) {
+    if (unexamined_) return Transport::Wait::Ready;
+    if (!decoder_.mid_frame()) return transport_.wait_readable(timeout, wake_fd);
+    const auto start = SteadyClock::now();
+    const auto left = std::chrono::ceil<milliseconds>(limits_.frame_rest - frame_waited_);
+    const auto result =
+        transport_.wait_readable(std::clamp(left, milliseconds(0), timeout), wake_fd);
+    frame_waited_ += SteadyClock::now() - start;
+    return result;
+}
+
+bool WsLink::read_available() {
+    if (unexamined_) return true;
+    std::array<uint8_t, 16'384> buffer{};
+    const ssize_t count = transport_.read(buffer);
+    if (count > 0) {
+        decoder_.feed(std::span(buffer).first(static_cast<size_t>(count)));
+        unexamined_ = true;
+    }
+    return count != 0;
+}
+
+WsLink::Receive WsLink::ws_recv_message(std::string& message) {
+    for (WsFrame frame;;) {
+        switch (decoder_.next(frame)) {
+            case WsFrameDecoder::Result::NeedMore:
+                unexamined_ = false;
+                return Receive::NeedMore;
+            case WsFrameDecoder::Result::TooLong:
+                OX_ERROR("SaasConnector: WS frame %lluB exceeds limit — closing",
+                         static_cast<unsigned long long>(decoder_.announced()));
+                return Receive::Drop;
+            case WsFrameDecoder::Result::Frame:
+                break;
+        }
+        last_frame_at_ = SteadyClock::now();
+        frame_waited_ = {};
+        switch (assembler_.take(std::move(frame), message)) {
+            case WsAssembler::Step::Nothing:
+                break;
+            case WsAssembler::Step::Message:
+                return Receive::Message;
+            case WsAssembler::Step::Pong:
+                if (!ws_send_frame(message, WsOpcode::Pong)) return Receive::Drop;
+                break;
+            case WsAssembler::Step::Drop:
+                return Receive::Drop;
+        }
+    }
+}
+
+bool WsLink::frame_stalled() const {
+    return frame_waited_ >= limits_.frame_rest;
+}
+
+}  // namespace ox

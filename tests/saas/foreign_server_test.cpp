@@ -1,0 +1,151 @@
+// The connector against a WebSocket and TLS server of another make.
+
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <optional>
+
+#include "saas/connector_fixture.h"
+#include "support/child_process.h"
+#include "support/environment.h"
+#include "support/log_file.h"
+#include "support/temp_dir.h"
+
+namespace ox {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using test::eventually;
+using ::testing::HasSubstr;
+
+class ForeignServerTest : public test::ConnectorTest {
+  protected:
+    static void SetUpTestSuite() {
+        certificates_.emplace();
+        const std::string make = std::string(OX_SAAS_TEST_DIR) + "/make_test_certs.sh";
+        test::ChildProcess made({.argv = {make, certificates_->path().string()},
+                                 .environment = {},
+                                 .stderr_path = certificates_->file("errors")});
+        ASSERT_EQ(made.wait(seconds(30)), 0) << "see " << certificates_->file("errors");
+    }
+    static void TearDownTestSuite() { certificates_.reset(); }
+
+    /// Starts a server with the certificate of that name (none: without TLS).
+    void serve(const std::string& certificate, const std::string& fault = "") {
+        std::vector<std::string> argv{OX_TEST_PYTHON,
+                                      std::string(OX_SAAS_TEST_DIR) + "/websocket_backend.py"};
+        if (!certificate.empty()) {
+            argv.insert(argv.end(), {"--cert", certificates_->file(certificate + ".pem"), "--key",
+                                     certificates_->file(certificate + ".key")});
+        }
+        const std::string output = folder_.file("said" + std::to_string(++servers_));
+        said_ = test::LogFile(output);
+        if (!fault.empty()) argv.insert(argv.end(), {"--fault", fault});
+        server_.emplace(test::ChildProcess::Options{.argv = argv,
+                                                    .environment = {},
+                                                    .stdout_path = output,
+                                                    .stderr_path = folder_.file("errors")});
+        const auto line = said_.wait_for("port ", seconds(20));
+        ASSERT_TRUE(line) << "see " << folder_.file("errors");
+        port_ = static_cast<uint16_t>(std::stoi(line->substr(5)));
+    }
+
+    bool said(const std::string& line) { return said_.wait_for(line, seconds(10)).has_value(); }
+    bool logged(const std::string& text) {
+        return eventually([&] { return log_.text().find(text) != std::string::npos; });
+    }
+
+    SaasConfig tls(const std::string& host) const {
+        SaasConfig result = config(port_, host);
+        result.tls = true;
+        return result;
+    }
+
+    static inline std::optional<test::TempDir> certificates_;
+    const test::Environment trust_{"SSL_CERT_FILE", certificates_->file("ca.pem")};
+    test::TempDir folder_;
+    int servers_ = 0;
+    test::LogFile said_{""};  ///< what the newest server reports
+    std::optional<test::ChildProcess> server_;
+    uint16_t port_ = 0;
+};
+
+TEST_F(ForeignServerTest, TalksOverPlainTcp) {
+    serve("");
+    SaasConnector connector(config(port_), quick());
+    std::atomic<size_t> id_size{0};
+    connector.set_prepare_session_callback(
+        [&](const PrepareSessionParams& params) { id_size = params.session_id.size(); });
+    connector.start();
+    EXPECT_TRUE(said("path /agent/connect"));
+    EXPECT_TRUE(said(std::string("token ") + test::kAgentToken));
+    EXPECT_TRUE(said(R"(message {"agent_version":)"));
+    EXPECT_TRUE(said(R"(message {"type":"pong"})"));
+    EXPECT_TRUE(eventually([&] { return id_size == 70'000; }));
+    size_t sent = 0;
+    for (const size_t size : {1, 125, 126, 65'535, 65'536, 500'000}) {
+        connector.send_error("c", std::string(size, 'x'), "");
+        EXPECT_TRUE(said_.wait_for(R"(message {"code":"c")", seconds(10), ++sent)) << size;
+    }
+    connector.stop();
+    EXPECT_TRUE(said("closed 1006"));  // no close frame; the connection just ends
+}
+
+TEST_F(ForeignServerTest, TalksOverTlsToTheRightHost) {
+    for (const auto& [certificate, host, sni] :
+         {std::tuple{"name", "localhost", "sni localhost"}, {"address", "127.0.0.1", "sni None"}}) {
+        serve(certificate);
+        SaasConnector connector(tls(host), quick());
+        connector.start();
+        EXPECT_TRUE(said(sni)) << certificate;
+        EXPECT_TRUE(said(R"(message {"type":"pong"})")) << certificate << log_.text();
+        EXPECT_TRUE(logged("SaasConnector: TLS established (TLS_"));
+        connector.send_session_ended("s1", "shutdown", 1);
+        connector.stop();
+        EXPECT_TRUE(said(R"(message {"duration_sec":1,"reason":"shutdown")")) << certificate;
+        server_.reset();
+    }
+}
+
+TEST_F(ForeignServerTest, RefusesCertificatesItCannotTrust) {
+    for (const auto& [certificate, host, fault] : {
+             std::tuple{"expired", "localhost", "certificate has expired"},
+             {"self_signed", "localhost", "self-signed certificate"},
+             {"other_name", "localhost", "hostname mismatch"},
+             {"name", "127.0.0.1", "IP address mismatch"},
+         }) {
+        serve(certificate);
+        SaasConnector connector(tls(host), quick());
+        connector.start();
+        EXPECT_TRUE(
+            logged("[ERROR] SaasConnector: TLS handshake failed: error:0A000086:SSL "
+                   "routines::certificate verify failed (" +
+                   std::string(fault) + ")"))
+            << log_.text();
+        connector.stop();
+        EXPECT_EQ(said_.count("path "), 0U) << certificate;
+        server_.reset();
+    }
+}
+
+TEST_F(ForeignServerTest, LeavesAServerThatStallsInTheTlsHandshake) {
+    serve("name", "stall");
+    ConnectorTiming timing = quick();
+    timing.transport.tls_handshake = milliseconds(50);
+    SaasConnector connector(tls("localhost"), timing);
+    connector.start();
+    EXPECT_TRUE(said_.wait_for("accepted", seconds(10), 2));
+    EXPECT_TRUE(logged("[ERROR] SaasConnector: TLS handshake failed: timed out"));
+}
+
+TEST_F(ForeignServerTest, SurvivesAResetInTheMiddleOfARecord) {
+    serve("name", "reset");
+    SaasConnector connector(tls("localhost"), quick());
+    connector.start();
+    EXPECT_TRUE(said_.wait_for("reset", seconds(10), 3));
+    EXPECT_TRUE(logged("SaasConnector: disconnected, retry in 1ms"));
+}
+
+}  // namespace
+}  // namespace ox

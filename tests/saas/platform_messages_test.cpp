@@ -1,0 +1,184 @@
+#include "saas/platform_messages.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "saas/log_text.h"
+
+namespace ox {
+namespace {
+
+TEST(PlatformMessages, AreCompactWithAscendingKeys) {
+    SaasConfig config;
+    config.agent_version = "9.9";
+    config.system_info = {
+        .cpu_model = "bad \xff byte", .os_version = "os", .gpu_model = "gpu", .ram_mb = 16'000};
+    config.port_base = 47998;
+    config.supported_codecs = {"h264", "hevc"};
+    EXPECT_EQ(register_message(config),
+              R"({"agent_version":"9.9","cpu_model":"bad )"
+              "\xEF\xBF\xBD"
+              R"( byte",)"
+              R"("gpu_model":"gpu","gpu_vram_mb":0,"os_version":"os","port_base":47998,)"
+              R"("ram_mb":16000,"supported_codecs":["h264","hevc"],"type":"register"})");
+    config.max_fps = 60;
+    config.max_resolution = "1920x1080";
+    EXPECT_NE(register_message(config).find(R"("max_fps":60,"max_resolution":"1920x1080")"),
+              std::string::npos);
+
+    EXPECT_EQ(
+        heartbeat_message(12.5F, 2048.0),
+        R"({"cpu_pct":12.5,"gpu_pct":0.0,"ram_mb_free":2048.0,"status":"online","type":"heartbeat"})");
+    EXPECT_EQ(pong_message(), R"({"type":"pong"})");
+    EXPECT_EQ(
+        session_ready_message("s", "", 1, 2, 65535),
+        R"({"ports":{"audio":2,"input":65535,"video":1},"public_ip":"","session_id":"s","type":"session_ready"})");
+    EXPECT_EQ(
+        session_ended_message("s", "shutdown", UINT32_MAX),
+        R"({"duration_sec":4294967295,"reason":"shutdown","session_id":"s","type":"session_ended"})");
+    EXPECT_EQ(
+        session_stats_message("s", {.fps = 60.0F,
+                                    .bitrate_kbps = NAN,
+                                    .latency_ms = INFINITY,
+                                    .packet_loss_pct = 0.5F,
+                                    .uptime_sec = 3.0F}),
+        R"({"bitrate_kbps":0.0,"fps":60.0,"latency_ms":0.0,"packet_loss_pct":0.5,"session_id":"s","type":"session_stats","uptime_sec":3.0})");
+    EXPECT_EQ(error_message("c", "m", ""), R"({"code":"c","message":"m","type":"error"})");
+    EXPECT_EQ(error_message("c", "m", "s1"),
+              R"({"code":"c","message":"m","session_id":"s1","type":"error"})");
+}
+
+template <typename T>
+T parsed(const std::string& text) {
+    const PlatformMessage message = parse_platform_message(text);
+    EXPECT_TRUE(std::holds_alternative<T>(message)) << text;
+    return std::holds_alternative<T>(message) ? std::get<T>(message) : T{};
+}
+
+TEST(PlatformMessages, PrepareSessionFillsEveryField) {
+    const auto p = parsed<PrepareSessionParams>(
+        R"({"type":"prepare_session","session_id":"s1","client_id":"c1","max_duration_sec":60,
+            "session_token_sha256":"ab","encryption_key":"AAECAw==",
+            "constraints":{"codec":"hevc","resolution":"1x2","max_fps":30,"bitrate_kbps":9},
+            "session_isolation":{"hide_desktop":true,"launch_steam":true,"steam_app_id":"7"}})");
+    EXPECT_EQ(p.session_id + p.client_id + p.session_token_sha256 + p.codec + p.resolution,
+              "s1c1abhevc1x2");
+    EXPECT_EQ(p.encryption_key, (std::vector<uint8_t>{0, 1, 2, 3}));
+    EXPECT_EQ(p.max_duration_sec, 60U);
+    EXPECT_EQ(p.fps, 30U);
+    EXPECT_EQ(p.bitrate_kbps, 9U);
+    EXPECT_TRUE(p.hide_desktop && p.launch_steam);
+    EXPECT_EQ(p.steam_app_id, "7");
+}
+
+TEST(PlatformMessages, PrepareSessionDefaults) {
+    for (const char* extra : {"", R"(,"constraints":[1])", R"(,"constraints":"x")",
+                              R"(,"constraints":{"max_fps":null,"codec":null})",
+                              R"(,"session_isolation":3,"session_id":null)"}) {
+        const auto p =
+            parsed<PrepareSessionParams>(std::string(R"({"type":"prepare_session")") + extra + "}");
+        EXPECT_EQ(p.codec + p.resolution + p.session_id + p.session_token_sha256, "h2641920x1080");
+        EXPECT_EQ(p.fps, 60U);
+        EXPECT_EQ(p.bitrate_kbps, 15'000U);
+        EXPECT_EQ(p.max_duration_sec, 3600U);
+        EXPECT_FALSE(p.hide_desktop || p.launch_steam);
+    }
+}
+
+TEST(PlatformMessages, NumbersOfEveryKindAndSize) {
+    for (const auto& [number, expected] : std::initializer_list<std::pair<const char*, uint32_t>>{
+             {"true", 1},
+             {"60.9", 60},
+             {"-1", UINT32_MAX},  // integers are cut to 32 bits
+             {"1099511627777", 1},
+             {"-0.5", 0},  // floats are held inside the range
+             {"-1e300", 0},
+             {"1e300", UINT32_MAX},
+             {"36893488147419103232", UINT32_MAX},
+             {"4294967295.0", UINT32_MAX}}) {
+        const auto p = parsed<PrepareSessionParams>(
+            std::string(R"({"type":"prepare_session","max_duration_sec":)") + number + "}");
+        EXPECT_EQ(p.max_duration_sec, expected) << number;
+    }
+}
+
+TEST(PlatformMessages, KeyThatIsNoStandardBase64IsEmpty) {
+    for (const char* key : {"AAECAw", "AAEC Aw==", "AAE-", "AAECAw==x", "===="}) {
+        EXPECT_TRUE(
+            parsed<PrepareSessionParams>(
+                std::string(R"({"type":"prepare_session","encryption_key":")") + key + "\"}")
+                .encryption_key.empty())
+            << key;
+    }
+}
+
+TEST(PlatformMessages, WrongTypesAreRefused) {
+    using Kind = BadMessage::Kind;
+    for (const char* member :
+         {R"("session_id":1)", R"("client_id":[])", R"("max_duration_sec":"60")",
+          R"("session_token_sha256":{})", R"("encryption_key":[1,2])",
+          R"("constraints":{"max_fps":"60"})", R"("constraints":{"codec":4})",
+          R"("session_isolation":{"hide_desktop":1})",
+          R"("session_isolation":{"steam_app_id":7})"}) {
+        EXPECT_EQ(
+            parsed<BadMessage>(std::string(R"({"type":"prepare_session",)") + member + "}").kind,
+            Kind::BadPrepare)
+            << member;
+    }
+    EXPECT_NE(parsed<BadMessage>(R"({"type":"prepare_session","session_id":1})")
+                  .detail.find("type must be string, but is number"),
+              std::string::npos);
+    for (const char* text :
+         {"[]", "3", R"("ping")", R"({"type":3})", R"({"type":"terminate_session","reason":3})",
+          R"({"type":"terminate_session","session_id":[]})"}) {
+        EXPECT_EQ(parsed<BadMessage>(text).kind, Kind::WrongType) << text;
+    }
+    for (const std::string text : {"", "{", "{\"type\":NaN}", "{\"a\":\"\xff\"}", "{}{}"}) {
+        EXPECT_EQ(parsed<BadMessage>(text).kind, Kind::InvalidJson) << text;
+    }
+    const std::string deep = std::string(500'000, '[') + std::string(500'000, ']');
+    EXPECT_EQ(parsed<BadMessage>(deep).kind, Kind::WrongType);
+}
+
+TEST(PlatformMessages, OtherTypes) {
+    parsed<BackendPing>(R"({"type":"ping"})");
+    EXPECT_EQ(parsed<UnknownMessage>(R"({"type":"news"})").type, "news");
+    EXPECT_EQ(parsed<UnknownMessage>("{}").type, "");
+    EXPECT_EQ(parsed<TerminateSession>(R"({"type":"terminate_session"})").reason,
+              "saas_terminated");
+    const auto t =
+        parsed<TerminateSession>(R"({"type":"terminate_session","session_id":"s","reason":"r"})");
+    EXPECT_EQ(t.session_id + t.reason, "sr");
+}
+
+TEST(LogText, SecretMembersAreMaskedInPlace) {
+    for (const auto& [text, expected] : std::initializer_list<std::pair<const char*, const char*>>{
+             {R"({"encryption_key" : "Ab+/","id":"Ab+/"})",
+              R"({"encryption_key" : "****","id":"Ab+/"})"},
+             {R"({"x":{"session_token_sha256":"a\"b\\"},"y":1})",
+              R"({"x":{"session_token_sha256":"******"},"y":1})"},
+             {R"({"encryption\u005fkey":"k","type":"t"})",
+              R"({"encryption\u005fkey":"*","type":"t"})"},
+             {R"({"encryption_key":[1,"}k",{"a":22}],"z":"]"})",
+              R"({"encryption_key":[*,"}*",{"*":**}],"z":"]"})"},
+             {R"({"encryption_key":-12.5,"n":-12.5})", R"({"encryption_key":*****,"n":-12.5})"},
+             {R"({"a":"encryption_key","b":"encryption_key: x"})",
+              R"({"a":"encryption_key","b":"encryption_key: x"})"},
+             {R"({"encryption_key":"unfinished)", R"({"encryption_key":"**********)"},
+             {R"({"encryption_key":)", R"({"encryption_key":)"}}) {
+        EXPECT_EQ(mask_secrets(text), expected);
+    }
+    EXPECT_EQ(mask_broken_json(R"({'id':1,'encryption_key':'Ab+/', x)"),
+              R"({'id':1,'encryption_key':'****', *)");
+}
+
+TEST(LogText, NothingFromOutsideForgesALine) {
+    EXPECT_EQ(loggable("a\r\nb\x1b[2J\x7f"), "ab[2J");
+    EXPECT_EQ(loggable("t0ken and t0ken", 100, "t0ken"), "***** and *****");
+    EXPECT_EQ(loggable("xxxt0ken", 6, "t0ken"), "xxx***");
+    EXPECT_EQ(loggable("ab\xD1\x8F", 3), "ab");  // no half characters
+}
+
+}  // namespace
+}  // namespace ox

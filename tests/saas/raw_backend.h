@@ -1,0 +1,56 @@
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/unique_fd.h"
+
+namespace ox::test {
+
+/// The backend's end of one connection, byte for byte: says also what no correct server would.
+/// Whatever is waited for is given up after 10 s.
+class RawPeer {
+  public:
+    explicit RawPeer(UniqueFd socket) : socket_(std::move(socket)) {}
+
+    /// The upgrade request with its empty line; empty when the agent closes.
+    std::string read_request();
+    /// Reads the request and accepts it; `first` goes out in the same segment.
+    std::string accept_upgrade(std::string_view first = "");
+    void send(std::string_view bytes);
+    /// One unmasked final text frame.
+    void send_text(std::string_view text);
+    /// The next frame's payload (of text frames as it is, others behind their opcode and a colon),
+    /// or nothing when the agent closes. Fails the test on a frame a client must not send.
+    std::optional<std::string> read_frame();
+    bool closed();
+    /// Closes with a reset.
+    void reset();
+
+  private:
+    bool read_more();
+    std::optional<std::string> take(size_t size);
+
+    UniqueFd socket_;
+    std::string received_;
+};
+
+/// A backend on a free port of an address of this machine.
+class RawBackend {
+  public:
+    /// `receive_buffer` in bytes, 0 leaves the system's; `address` in host byte order.
+    explicit RawBackend(int receive_buffer = 0, in_addr_t address = INADDR_LOOPBACK);
+    [[nodiscard]] uint16_t port() const noexcept { return port_; }
+    /// Waits for the agent to connect.
+    RawPeer accept();
+
+  private:
+    UniqueFd listener_;
+    uint16_t port_ = 0;
+};
+
+}  // namespace ox::test

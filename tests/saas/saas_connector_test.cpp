@@ -1,0 +1,325 @@
+#include "saas/saas_connector.h"
+
+#include <gmock/gmock.h>
+
+#include <future>
+#include <vector>
+
+#include "saas/connector_fixture.h"
+#include "saas/raw_backend.h"
+
+namespace ox {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using test::eventually;
+using test::RawPeer;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr int kSmallBuffer = 4096;
+constexpr const char* kPong = R"({"type":"pong"})";
+
+class SaasConnectorTest : public test::ConnectorTest {
+  protected:
+    test::RawBackend backend_;
+
+    /// Accepts the next connection and reads the registration.
+    RawPeer accept_registered() {
+        RawPeer peer = backend_.accept();
+        peer.accept_upgrade();
+        EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr(R"("type":"register")"));
+        return peer;
+    }
+
+    static void queue_more_than_the_socket_holds(SaasConnector& connector) {
+        for (int i = 0; i < 6; ++i) {
+            connector.send_error("c", std::string(1'000'000, 'x'), "");
+        }
+    }
+
+    static std::vector<tui::EventKind> events() {
+        std::vector<tui::EventKind> kinds;
+        for (const auto& event : tui::board().snapshot().events)
+            kinds.push_back(event.kind);
+        return kinds;
+    }
+};
+
+TEST_F(SaasConnectorTest, RegistersFirstAndReadsAFrameThatCameWithTheHandshake) {
+    SaasConnector connector(config(backend_.port()), quick());
+    connector.start();
+    RawPeer peer = backend_.accept();
+    const std::string request = peer.accept_upgrade(std::string("\x81\x0F{\"type\":\"ping\"}", 17));
+    EXPECT_THAT(request, HasSubstr("\r\nHost: 127.0.0.1\r\n"));
+    EXPECT_THAT(request, HasSubstr("\r\nagent-token: agent-secret-token\r\n\r\n"));
+    EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr(R"("type":"register")"));
+    EXPECT_EQ(peer.read_frame(), kPong);
+    EXPECT_TRUE(connector.connected());
+    EXPECT_EQ(tui::board().snapshot().link_detail, 3);
+    connector.stop();
+    EXPECT_FALSE(connector.connected());
+    EXPECT_TRUE(peer.closed());
+    EXPECT_EQ(log_.count("INFO",
+                         "SaasConnector: 17 byte(s) arrived with the handshake response - "
+                         "kept for the frame reader"),
+              1);
+    EXPECT_EQ(log_.count("INFO", "SaasConnector: sent register (gpu=gpu vram=0MB port_base=47998)"),
+              1);
+    EXPECT_EQ(log_.count("INFO", "SaasConnector: stopped"), 1);
+}
+
+TEST_F(SaasConnectorTest, HandsRequestsOverAndKeepsTheLinkThroughNonsense) {
+    SaasConnector connector(config(backend_.port()), quick());
+    std::promise<PrepareSessionParams> prepared;
+    std::promise<std::string> terminated;
+    connector.set_prepare_session_callback([&](const auto& params) {
+        if (params.session_id == "throw") throw std::runtime_error("full");
+        prepared.set_value(params);
+    });
+    connector.set_terminate_session_callback(
+        [&](const auto& id, const auto& reason) { terminated.set_value(id + "/" + reason); });
+    connector.start();
+    RawPeer peer = accept_registered();
+    for (
+        const char* nonsense :
+        {"[1]", R"({"type":7})", R"({"type":"terminate_session","reason":1})", R"({"type":"news"})",
+         R"({"type":"prepare_session","session_id":"throw"})",
+         R"({"encryption_key":"S3CRETKEY","type":)",
+         R"({"type":"prepare_session","encryption_key":"S3CRETKEY","session_token_sha256":"5EC0","client_id":1})"}) {
+        peer.send_text(nonsense);
+    }
+    peer.send_text(R"({"type":"prepare_session","session_id":"s\n1","session_token_sha256":"5EC0",)"
+                   R"("encryption_key":"S3CRETKEYw=="})");
+    peer.send_text(R"({"type":"terminate_session"})");
+    EXPECT_EQ(prepared.get_future().get().encryption_key.size(), 7U);
+    EXPECT_EQ(terminated.get_future().get(), "/saas_terminated");
+    connector.stop();
+    EXPECT_EQ(log_.count("INFO",
+                         "SaasConnector: prepare_session id=s1 codec=h264 res=1920x1080 "
+                         "fps=60 bitrate=15000kbps"),
+              1);
+    const std::string log = log_.text();
+    EXPECT_THAT(log, HasSubstr("prepare_session error: full raw="));
+    EXPECT_THAT(log, HasSubstr(R"(raw={"type":"prepare_session","encryption_key":"*********",)"
+                               R"("session_token_sha256":"****","client_id":1})"));
+    EXPECT_THAT(log, HasSubstr(R"([WARN ] SaasConnector: invalid JSON: {"encryption_key":"*)"));
+    for (const char* secret : {"S3CRETKEY", "5EC0", test::kAgentToken})
+        EXPECT_THAT(log, Not(HasSubstr(secret)));
+}
+
+TEST_F(SaasConnectorTest, ReportsARefusedTokenUntilAHandshakeSucceeds) {
+    SaasConnector connector(config(backend_.port()), quick());
+    connector.start();
+    RawPeer broken = backend_.accept();
+    broken.read_request();
+    broken.send("HTTP/1.1 500 Oh no\r\n\r\n");
+    EXPECT_TRUE(broken.closed());
+    EXPECT_FALSE(alert(tui::Alert::TokenRejected));
+    for (int i = 0; i < 2; ++i) {
+        RawPeer refusing = backend_.accept();
+        refusing.send("HTTP/1.1 403 Forbidden\r\n\r\n" + refusing.read_request() +
+                      std::string(500, 'x'));
+        EXPECT_TRUE(refusing.closed());
+    }
+    EXPECT_TRUE(alert(tui::Alert::TokenRejected));
+    EXPECT_EQ(link(), tui::LinkState::Reconnecting);
+    RawPeer peer = accept_registered();
+    EXPECT_FALSE(alert(tui::Alert::TokenRejected));
+    EXPECT_THAT(log_.text(), HasSubstr("WS handshake rejected: HTTP/1.1 403 Forbidden"));
+    EXPECT_THAT(log_.text(), Not(HasSubstr(test::kAgentToken)));
+    // One event for the alert, none for connections that never were.
+    EXPECT_THAT(events(), ::testing::ElementsAre(tui::EventKind::AlertRaised,
+                                                 tui::EventKind::PlatformConnected));
+}
+
+TEST_F(SaasConnectorTest, ReportsASecondAgentAndLinkChangesOnce) {
+    SaasConnector connector(config(backend_.port()), quick());
+    connector.start();
+    for (const char* close : {"\x88\x0A\x0F\xA9replaced", "\x88\x02\x0F\xA9"}) {
+        RawPeer peer = accept_registered();
+        EXPECT_FALSE(alert(tui::Alert::SecondAgent));
+        peer.send(close);
+        EXPECT_TRUE(peer.closed());
+        EXPECT_TRUE(eventually([&] { return alert(tui::Alert::SecondAgent); }));
+        EXPECT_TRUE(eventually([&] { return link() == tui::LinkState::Reconnecting; }));
+    }
+    RawPeer peer = accept_registered();
+    for (const char* reason : {"replaced", "close code 4009"}) {
+        EXPECT_THAT(log_.text(), HasSubstr("another agent with the same server token connected (" +
+                                           std::string(reason) +
+                                           ") and replaced this one - two "
+                                           "agents must not share one server token; waiting"));
+    }
+    EXPECT_EQ(log_.count("WARN", "SaasConnector: disconnected, retry in 20ms"), 2);
+    using enum tui::EventKind;
+    EXPECT_THAT(events(), ::testing::ElementsAre(PlatformConnected, PlatformLost, AlertRaised,
+                                                 PlatformConnected, PlatformLost, AlertRaised,
+                                                 PlatformConnected));
+}
+
+TEST_F(SaasConnectorTest, TellsAgainWhatMattersAfterAReconnect) {
+    SaasConnector connector(config(backend_.port()), quick());
+    connector.send_session_stats("s0", 1, 2, 3, 4, 5);  // stale before there ever was a link
+    connector.start();
+    RawPeer first = accept_registered();
+    connector.send_session_ready("s1", "0.0.0.0", 1, 2, 3);
+    EXPECT_THAT(first.read_frame().value_or(""), HasSubstr("session_ready"));
+    connector.send_error("code", "text", "s0");
+    connector.send_error("code", "no session", "");
+    connector.send_session_ended("s0", "disconnect", 7);  // also ends the readiness
+    connector.send_session_ready("s2", "0.0.0.0", 1, 2, 3);
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_TRUE(first.read_frame());
+    }
+    first.reset();
+
+    for (int i = 0; i < 2; ++i) {  // told at every reconnect
+        RawPeer peer = accept_registered();
+        EXPECT_THAT(peer.read_frame().value_or(""),
+                    HasSubstr(R"("session_id":"s2","type":"session_ready")"));
+        EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr("\"session_ended\""));  // key "s0"
+        EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr("\"error\""));  // key "s0#err"
+        peer.send_text(R"({"type":"ping"})");
+        EXPECT_EQ(peer.read_frame(), kPong);
+    }
+    connector.clear_pending_session_ready();
+    RawPeer last = accept_registered();
+    EXPECT_THAT(last.read_frame().value_or(""), HasSubstr("\"session_ended\""));
+    EXPECT_EQ(log_.count("WARN", "SaasConnector: discarding 1 stale queued messages on reconnect"),
+              1);
+    EXPECT_EQ(log_.count("INFO", "SaasConnector: re-sending cached terminal message (s0#err)"), 3);
+}
+
+TEST_F(SaasConnectorTest, StopStillSendsHowTheSessionEnded) {
+    SaasConnector connector(config(backend_.port()), quick());
+    connector.start();
+    RawPeer peer = accept_registered();
+    connector.send_session_ended("s1", "shutdown", 7);
+    connector.stop();
+    EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr("\"reason\":\"shutdown\""));
+    EXPECT_FALSE(peer.read_frame());
+}
+
+TEST_F(SaasConnectorTest, SendsHeartbeatsWhileTheBackendIsSilent) {
+    ConnectorTiming timing = quick();
+    timing.heartbeat = milliseconds(5);
+    timing.silence = milliseconds(1);  // must not count without pings
+    SaasConnector connector(config(backend_.port()), timing);
+    connector.start();
+    RawPeer peer = accept_registered();
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr(R"("gpu_pct":0.0,"ram_mb_free":)"));
+    }
+}
+
+TEST_F(SaasConnectorTest, LeavesABackendThatPingedAndFellSilent) {
+    ConnectorTiming timing = quick();
+    timing.silence = milliseconds(30);
+    SaasConnector connector(config(backend_.port()), timing);
+    connector.start();
+    RawPeer peer = accept_registered();
+    peer.send_text(R"({"type":"ping"})");
+    EXPECT_TRUE(peer.closed());
+    RawPeer next = accept_registered();
+    EXPECT_THAT(log_.text(), HasSubstr("ms although the backend pings - closing to reconnect"));
+}
+
+TEST_F(SaasConnectorTest, NeverWaitsLongForAStalledBackend) {
+    ConnectorTiming timing = quick();
+    timing.link.upgrade = timing.link.frame_rest = milliseconds(50);
+    SaasConnector connector(config(backend_.port()), timing);
+    connector.start();
+    RawPeer mute = backend_.accept();  // never answers the upgrade request
+    EXPECT_TRUE(mute.closed());
+    RawPeer endless = backend_.accept();  // never ends its answer's head
+    endless.send(std::string(20'000, 'x'));
+    EXPECT_TRUE(endless.closed());
+    RawPeer half = accept_registered();  // never ends its frame
+    half.send("\x81\x05he");
+    EXPECT_TRUE(half.closed());
+    RawPeer huge = accept_registered();
+    huge.send(std::string("\x81\x7F\0\0\0\0\0\x10\0\x01", 10));
+    EXPECT_TRUE(huge.closed());
+    EXPECT_EQ(log_.count("ERROR", "SaasConnector: WS frame 1048577B exceeds limit — closing"), 1);
+}
+
+TEST_F(SaasConnectorTest, GivesUpOnABackendThatNeverReads) {
+    ConnectorTiming timing = quick();
+    timing.transport.write = milliseconds(50);
+    test::RawBackend deaf_backend(kSmallBuffer);
+    SaasConnector connector(config(deaf_backend.port()), timing);
+    connector.start();
+    RawPeer deaf = deaf_backend.accept();
+    deaf.accept_upgrade();
+    EXPECT_TRUE(deaf.read_frame());
+    queue_more_than_the_socket_holds(connector);
+    RawPeer next = deaf_backend.accept();
+    next.accept_upgrade();
+    EXPECT_TRUE(next.read_frame());
+    EXPECT_EQ(log_.count("WARN", "SaasConnector: the backend takes no data for 50 ms - closing"),
+              1);
+}
+
+TEST_F(SaasConnectorTest, AnswersABurstOfTenThousandMessagesInOrder) {
+    SaasConnector connector(config(backend_.port()), quick());
+    std::atomic<int> terminated{0};
+    connector.set_terminate_session_callback([&](const auto& id, const auto&) {
+        if (id == std::to_string(terminated)) ++terminated;
+    });
+    connector.start();
+    RawPeer peer = accept_registered();
+    constexpr int kBurst = 10'000;
+    auto reader = std::async(std::launch::async, [&] {
+        int pongs = 0;
+        while (pongs < kBurst && peer.read_frame() == kPong)
+            ++pongs;
+        return pongs;
+    });
+    std::string burst;
+    for (int i = 0; i < kBurst; ++i) {
+        const std::string text =
+            R"({"type":"terminate_session","session_id":")" + std::to_string(i) + "\"}";
+        burst += '\x81';
+        burst += static_cast<char>(text.size());
+        burst += text;
+        burst += "\x81\x0F{\"type\":\"ping\"}";
+    }
+    peer.send(burst);
+    EXPECT_EQ(reader.get(), kBurst);
+    EXPECT_EQ(terminated, kBurst);
+}
+
+TEST_F(SaasConnectorTest, StopsSoonInEveryState) {
+    const auto stop_takes = [](SaasConnector& connector) {
+        const auto start = SteadyClock::now();
+        connector.stop();
+        connector.stop();
+        return SteadyClock::now() - start;
+    };
+    SaasConfig in_tls_handshake = config(backend_.port());
+    in_tls_handshake.tls = true;
+    const std::string refused = "TCP connect to 127.0.0.1:1 failed";
+    for (const auto& [where, state] : {
+             std::pair{config(1), refused},
+             {config(1, "bad..name"), "cannot resolve bad..name:1"},
+             {config(backend_.port()), "connecting to 127.0.0.1:"},  // unanswered upgrade request
+             {in_tls_handshake, "(wss)"},
+         }) {
+        SaasConnector connector(where);  // with the program's own waits
+        connector.start();
+        EXPECT_TRUE(eventually([&] { return log_.text().find(state) != std::string::npos; }));
+        EXPECT_LT(stop_takes(connector), seconds(2)) << state;
+    }
+    test::RawBackend deaf_backend(kSmallBuffer);
+    SaasConnector connector(config(deaf_backend.port()));
+    connector.start();
+    RawPeer deaf = deaf_backend.accept();
+    deaf.accept_upgrade();
+    queue_more_than_the_socket_holds(connector);
+    EXPECT_LT(stop_takes(connector), seconds(3));
+}
+
+}  // namespace
+}  // namespace ox

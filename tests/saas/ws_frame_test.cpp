@@ -1,0 +1,166 @@
+#include "saas/ws_frame.h"
+
+#include <gtest/gtest.h>
+
+#include "saas/ws_assembler.h"
+#include "saas/ws_upgrade.h"
+#include "support/log_capture.h"
+
+namespace ox {
+namespace {
+
+std::span<const uint8_t> bytes_of(std::string_view text) {
+    return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
+}
+
+std::string operator""_b(const char* text, size_t size) {
+    return {text, size};
+}
+
+TEST(WsFrame, EncodesTheThreeLengthForms) {
+    const WsMaskKey key{1, 2, 3, 4};
+    EXPECT_EQ(encode_ws_frame(WsOpcode::Text, "abcde", key),
+              "\x81\x85\x01\x02\x03\x04\x60\x60\x60\x60\x64");
+    EXPECT_EQ(encode_ws_frame(WsOpcode::Pong, "", key), "\x8A\x80\x01\x02\x03\x04");
+    const auto head = [&](size_t payload, size_t size) {
+        return encode_ws_frame(WsOpcode::Text, std::string(payload, 'x'), key).substr(0, size);
+    };
+    EXPECT_EQ(head(125, 2), "\x81\xFD");
+    EXPECT_EQ(head(126, 4), "\x81\xFE\x00\x7E"_b);
+    EXPECT_EQ(head(65535, 4), "\x81\xFE\xFF\xFF");
+    EXPECT_EQ(head(65536, 10), "\x81\xFF\x00\x00\x00\x00\x00\x01\x00\x00"_b);
+}
+
+/// What a link would do with `stream`, fed in pieces of `piece` bytes: one letter and the text per
+/// frame that asks for something.
+std::string react(const std::string& stream, size_t piece) {
+    WsFrameDecoder decoder;
+    WsAssembler assembler("");
+    std::string reactions;
+    for (size_t at = 0; at < stream.size(); at += piece) {
+        decoder.feed(bytes_of(std::string_view(stream).substr(at, piece)));
+        for (WsFrame frame;;) {
+            const auto result = decoder.next(frame);
+            if (result == WsFrameDecoder::Result::TooLong) return reactions + "toolong";
+            if (result == WsFrameDecoder::Result::NeedMore) break;
+            std::string text;
+            switch (assembler.take(frame, text)) {
+                case WsAssembler::Step::Nothing:
+                    break;
+                case WsAssembler::Step::Message:
+                    reactions += "m(" + text + ")";
+                    break;
+                case WsAssembler::Step::Pong:
+                    reactions += "p(" + text + ")";
+                    break;
+                case WsAssembler::Step::Drop:
+                    return reactions + "drop" + std::to_string(assembler.close_code()) +
+                           assembler.close_reason();
+            }
+        }
+    }
+    return reactions + (decoder.mid_frame() ? "..." : "");
+}
+
+TEST(WsFrame, EveryFormWholeAndByteByByte) {
+    const test::LogCapture log;
+    struct Row {
+        std::string stream;
+        const char* reactions;
+    };
+    for (const auto& [stream, reactions] : {
+             Row{"\x81\x02hi\x82\x01!", "m(hi)m(!)"},
+             Row{"\x81\x00"_b, "m()"},
+             Row{"\x81\x7E\x00\x02hi"_b, "m(hi)"},  // longer form than needed
+             Row{"\x81\x7F\x00\x00\x00\x00\x00\x00\x00\x02hi"_b, "m(hi)"},
+             Row{"\xF1\x02hi", "m(hi)"},                        // reserved bits
+             Row{"\x81\x82\x01\x02\x03\x04\x69\x6B", "m(hi)"},  // masked server frame
+             Row{"\x01\x01"
+                 "a\x00\x01"
+                 "b\x80\x01"
+                 "c"_b,
+                 "m(abc)"},
+             Row{"\x01\x01"
+                 "a\x89\x01p\x80\x01"
+                 "c",
+                 "p(p)m(ac)"},                     // ping between fragments
+             Row{"\x80\x01x\x81\x02ok", "m(ok)"},  // orphan continuation
+             Row{"\x01\x01"
+                 "a\x81\x02ok\x80\x01x",
+                 "m(ok)"},  // stale fragment dropped
+             Row{"\x83\x01x\x8B\x01x\x8F\x00\x8A\x01x\x81\x02ok"_b,
+                 "m(ok)"},  // reserved opcodes, pong
+             Row{"\x88\x0A\x0F\xA9replaced\x81\x02no", "drop4009replaced"},
+             Row{"\x88\x00"_b, "drop0"},
+             Row{"\x88\x01\x0F", "drop0"},
+             Row{"\x81\x7F\x00\x00\x00\x00\x00\x10\x00\x01"_b, "toolong"},
+             Row{"\x81\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF", "toolong"},
+             Row{"\x81\x05hi", "..."},
+         }) {
+        EXPECT_EQ(react(stream, stream.size()), reactions);
+        EXPECT_EQ(react(stream, 1), reactions);
+    }
+    const std::string ping = "\x89\x7E\x00\xC8"_b + std::string(200, 'x');
+    EXPECT_EQ(react(ping, 7), "p(" + std::string(125, 'x') + ")");
+    EXPECT_GE(log.count("WARN", "SaasConnector: continuation with no active fragment"), 2);
+    EXPECT_EQ(log.count("DEBUG", "SaasConnector: ignoring WS opcode 0xb"), 2);
+    EXPECT_EQ(log.count("WARN", "SaasConnector: WS close frame code=4009 reason='replaced'"), 2);
+}
+
+TEST(WsFrame, OneMebibyteIsTheLimitOfAFrameAndOfAMessage) {
+    const test::LogCapture log;
+    const std::string half(kMaxWsMessage / 2, 'h');
+    const std::string length = "\x7F\x00\x00\x00\x00\x00\x08\x00\x00"_b;
+    const std::string whole(kMaxWsMessage, 'w');
+    EXPECT_EQ(react("\x81\x7F\x00\x00\x00\x00\x00\x10\x00\x00"_b + whole, 4096),
+              "m(" + whole + ")");
+    const std::string fragments = "\x01" + length + half + "\x00"_b + length + half;
+    EXPECT_EQ(react(fragments + "\x80\x00"_b, 65'536), "m(" + half + half + ")");
+    EXPECT_EQ(react(fragments + "\x80\x01x", 65'536), "drop0");
+    EXPECT_EQ(log.count("ERROR", "SaasConnector: fragmented message exceeds limit"), 1);
+}
+
+TEST(WsUpgrade, RequestIsExact) {
+    EXPECT_EQ(ws_build_handshake("host", "KEY", "tok\r\nen"),
+              "GET /agent/connect HTTP/1.1\r\nHost: host\r\nUpgrade: websocket\r\n"
+              "Connection: Upgrade\r\nSec-WebSocket-Key: KEY\r\nSec-WebSocket-Version: 13\r\n"
+              "agent-token: token\r\n\r\n");
+    EXPECT_EQ(make_ws_key().size(), 24U);
+    EXPECT_NE(make_ws_key(), make_ws_key());
+}
+
+TEST(WsUpgrade, JudgesTheAnswer) {
+    using State = UpgradeResponse::State;
+    struct Row {
+        std::string answer;
+        State state;
+        bool token_refused;
+        const char* leftover;
+    };
+    for (const auto& [answer, state, token_refused, leftover] : {
+             Row{"HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n\r\n\x81\x01x",
+                 State::Accepted, false, "\x81\x01x"},
+             Row{"HTTP/1.1 101 OK\r\nconnection: upgrade\r\n\r\n", State::Accepted, false, ""},
+             Row{"HTTP/1.1 101 OK\r\n\r\n", State::Rejected, false, ""},
+             Row{"HTTP/1.1 403 Forbidden\r\n\r\n", State::Rejected, true, ""},
+             Row{"HTTP/1.1 401 Unauthorized\r\nX: 2\r\n\r\nbody", State::Rejected, true, "body"},
+             Row{"HTTP/1.1 500 Oh\r\nX: 403 401\r\n\r\n", State::Rejected, false, ""},
+             Row{"HTTP/1.1 101 Upgrade\r\n\r", State::Incomplete, false, ""},
+             Row{std::string(16'384, 'x'), State::Incomplete, false, ""},
+             Row{std::string(16'385, 'x'), State::TooLong, false, ""},
+         }) {
+        for (const size_t piece : {size_t{1}, size_t{1000}}) {
+            UpgradeResponse response;
+            auto result = State::Incomplete;
+            for (size_t at = 0; at < answer.size(); at += piece) {
+                result = response.feed(bytes_of(std::string_view(answer).substr(at, piece)));
+            }
+            EXPECT_EQ(result, state) << answer;
+            EXPECT_EQ(response.token_refused(), token_refused) << answer;
+            EXPECT_EQ(response.leftover(), leftover) << answer;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace ox
