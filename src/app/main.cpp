@@ -1,0 +1,126 @@
+#include <sodium.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include "app/build_info.h"
+#include "app/gpu_driver_check.h"
+#include "app/options.h"
+#include "app/panic_listener.h"
+#include "app/platform_loop.h"
+#include "app/process_flags.h"
+#include "app/standalone_loop.h"
+#include "app/terminal.h"
+#include "audio/audioparity.h"
+#include "log/log.h"
+#include "saas/platform_url.h"
+#include "saas/system_info.h"
+#include "tui/board.h"
+
+namespace ox {
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitNoCrypto = 1;
+constexpr int kExitUsage = 2;
+
+/// Answers a command line that starts nothing. Returns the exit status.
+int answer(const CommandLine& command_line, const char* program) {
+    if (std::holds_alternative<ShowVersion>(command_line)) {
+        std::printf("%s\n", build::version());
+        return kExitOk;
+    }
+    const auto* error = std::get_if<UsageError>(&command_line);
+    if (error != nullptr && !error->message.empty()) OX_ERROR("%s", error->message.c_str());
+    std::printf(kUsageFormat, program);  // NOLINT: a format of our own
+    return error == nullptr ? kExitOk : kExitUsage;
+}
+
+/// Gives the terminal to the screen, or leaves it to the log.
+void start_screen(tui::ScreenRunner& screen, bool console_log, bool log_file_open) {
+    if (!log_file_open) {
+        OX_WARN("Log file %s cannot be written - logging to the terminal only",
+                log_sinks().path.c_str());
+        return;
+    }
+    if (console_log) return;
+    redirect_stderr_to_log();
+    screen.start(tui::os_language(), tui::board(), choose_colour_mode(terminal_environment()));
+}
+
+void raise_start_up_alerts(const Options& options) {
+    if (options.input && ::access("/dev/uinput", W_OK) != 0) {
+        tui::board().raise(tui::Alert::UinputDenied, 0);
+    }
+    const bool may_use_nvenc =
+        options.encoder == EncoderBackend::Auto || options.encoder == EncoderBackend::Nvenc;
+    if (may_use_nvenc && nvidia_driver_missing("/")) {
+        tui::board().raise(tui::Alert::NvidiaDriverMissing, 0);
+    }
+}
+
+void log_banner(const Options& options) {
+    OX_INFO(
+        "orvex-agent (Linux) %s starting — port_base=%u capture=%s codec=%s backend=%d "
+        "bitrate=%ukbps fps=%u",
+        build::tag(), static_cast<unsigned>(options.port_base), options.capture.c_str(),
+        options.codec == VideoCodec::Hevc ? "hevc" : "h264", static_cast<int>(options.encoder),
+        static_cast<unsigned>(options.bitrate_kbps), static_cast<unsigned>(options.fps));
+}
+
+int run(int argc, char** argv) {
+    reserve_standard_descriptors();
+    const OptionDefaults defaults{.media_rfi = parse_media_rfi_switch(std::getenv("OX_MEDIA_RFI"))};
+    const CommandLine command_line = parse_command_line(argc, argv, defaults);
+    const auto* request = std::get_if<RunRequest>(&command_line);
+    if (request == nullptr) return answer(command_line, argc > 0 ? argv[0] : "orvex-agent");
+    const Options& options = request->options;
+    if (request->log_level) log_level() = static_cast<int32_t>(*request->log_level);
+
+    const bool console_log =
+        console_log_switch(std::getenv("OX_CONSOLE_LOG")) || wants_verbose(argc, argv);
+    const bool log_file_open = open_log_and_identify();
+    std::optional<PlatformEndpoint> backend;
+    if (!options.saas_url.empty()) {
+        const auto url = parse_platform_url(options.saas_url);
+        if (const auto* error = std::get_if<std::string>(&url)) {
+            OX_ERROR("%s", error->c_str());
+            return kExitUsage;
+        }
+        backend = std::get<PlatformEndpoint>(url);
+    }
+    tui::ScreenRunner screen;
+    start_screen(screen, console_log, log_file_open);
+    raise_start_up_alerts(options);
+
+    if (::sodium_init() < 0) {
+        OX_ERROR("libsodium init failed");
+        tui::board().push(tui::EventKind::StoppedOnError);
+        return kExitNoCrypto;
+    }
+    install_signal_handler(SIGINT, on_sigint);
+    install_signal_handler(SIGUSR1, on_sigusr1);
+    const std::jthread panic_listener = start_panic_listener();
+    install_signal_handler(SIGTERM, on_sigint);
+    ignore_sigpipe();
+    log_banner(options);
+
+    const SystemInfo system_info = detect_system_info();
+    tui::board().update([&](tui::Snapshot& state) { state.gpu = system_info.gpu_model; });
+    if (backend) {
+        run_platform(options, *backend, system_info);
+    } else {
+        run_standalone(options);
+    }
+    tui::board().push(tui::EventKind::Stopping);
+    return kExitOk;
+}
+
+}  // namespace
+}  // namespace ox
+
+int main(int argc, char** argv) {
+    return ox::run(argc, argv);
+}

@@ -1,0 +1,106 @@
+#include "app/panic_listener.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "app/process_flags.h"
+#include "base/clock.h"
+#include "base/unique_fd.h"
+#include "log/log.h"
+
+namespace ox {
+namespace {
+
+constexpr int kPollMs = 200;
+constexpr size_t kReadBytes = 63;
+/// How long a client that has connected may take to say its word.
+constexpr std::chrono::milliseconds kClientTime{1000};
+
+bool wait_for_input(int fd, int timeout_ms) {
+    pollfd entry{.fd = fd, .events = POLLIN, .revents = 0};
+    return ::poll(&entry, 1, timeout_ms) > 0;
+}
+
+/// Binds and listens at `path`, readable and writable by the owner alone from the first moment on.
+UniqueFd listen_at(const std::string& path) {
+    UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket) {
+        OX_WARN("Panic: cannot create socket (%s) — SIGUSR1 still works", std::strerror(errno));
+        return {};
+    }
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        errno = ENAMETOOLONG;
+    } else {
+        std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+        // On Linux bind(2) gives the file the mode of the socket's own inode, less the umask.
+        ::fchmod(socket.get(), S_IRUSR | S_IWUSR);
+        if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+                0 &&
+            ::listen(socket.get(), 4) == 0) {
+            ::chmod(path.c_str(), S_IRUSR | S_IWUSR);
+            return socket;
+        }
+    }
+    OX_WARN("Panic: cannot listen on %s (%s) — SIGUSR1 still works", path.c_str(),
+            std::strerror(errno));
+    return {};
+}
+
+/// Reads one client's word; a client that says nothing is left after a second.
+void serve_client(int listener, const std::stop_token& stop) {
+    const UniqueFd client(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!client) return;
+    const auto deadline = SteadyClock::now() + kClientTime;
+    while (!wait_for_input(client.get(), kPollMs)) {
+        if (stop.stop_requested() || SteadyClock::now() >= deadline) return;
+    }
+    std::array<char, kReadBytes> text{};
+    const ssize_t length = ::read(client.get(), text.data(), text.size());
+    if (length < 1) return;
+    const std::string_view word(text.data(), static_cast<size_t>(length));
+    if (word.find("stop") == std::string_view::npos) return;
+    OX_ERROR("PANIC: local stop requested — ending the session now");
+    panic_flag().exchange(true);
+}
+
+void listen_for_stop(const std::stop_token& stop) {
+    const std::string path = panic_socket_path();
+    ::unlink(path.c_str());
+    const UniqueFd socket = listen_at(path);
+    if (!socket) return;
+    OX_INFO(
+        "Panic: local stop channel at %s (echo stop | socat - UNIX-CONNECT:%s) or kill -USR1 %d",
+        path.c_str(), path.c_str(), ::getpid());
+    while (!stop.stop_requested()) {
+        if (wait_for_input(socket.get(), kPollMs)) serve_client(socket.get(), stop);
+    }
+    ::unlink(path.c_str());
+}
+
+}  // namespace
+
+std::string panic_socket_path() {
+    const char* runtime_dir = std::getenv("XDG_RUNTIME_DIR");
+    if (runtime_dir != nullptr && *runtime_dir != '\0') {
+        return std::string(runtime_dir) + "/orvex-agent-panic.sock";
+    }
+    return "/tmp/orvex-agent-" + std::to_string(::getuid()) + "-panic.sock";
+}
+
+std::jthread start_panic_listener() {
+    return std::jthread([](const std::stop_token& stop) { listen_for_stop(stop); });
+}
+
+}  // namespace ox

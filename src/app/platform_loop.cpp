@@ -1,0 +1,103 @@
+#include "app/platform_loop.h"
+
+#include <atomic>
+#include <string>
+#include <utility>
+
+#include "app/build_info.h"
+#include "app/process_flags.h"
+#include "app/session/session.h"
+#include "app/session_handover.h"
+#include "base/clock.h"
+#include "log/log.h"
+#include "saas/log_text.h"
+#include "saas/saas_connector.h"
+#include "tui/board.h"
+
+namespace ox {
+namespace {
+
+constexpr std::chrono::seconds kHandoverWait{2};
+
+SaasConfig connector_config(const Options& options, const PlatformEndpoint& endpoint,
+                            const SystemInfo& system_info) {
+    const auto number = [](int32_t value) { return std::to_string(static_cast<uint32_t>(value)); };
+    return {.host = endpoint.host,
+            .port = endpoint.port,
+            .tls = endpoint.tls,
+            .agent_token = options.token,
+            .agent_version = build::version(),
+            .system_info = system_info,
+            .port_base = static_cast<uint16_t>(options.port_base),
+            .max_fps = static_cast<uint32_t>(options.fps),
+            .max_resolution = number(options.width) + "x" + number(options.height),
+            .supported_codecs = {"h264", "hevc"}};
+}
+
+void record_rented_session(const std::string& session_id) {
+    tui::board().update([&](tui::Snapshot& state) {
+        state.session = {};
+        state.session.state = tui::SessionState::Preparing;
+        state.session.since_s = system_now_s();
+        state.session.id = session_id;
+        state.session.active = true;
+        tui::board().push_locked(tui::EventKind::PcRented, 0);
+    });
+}
+
+void run_prepared(const Options& options, PrepareSessionParams params, SaasConnector& connector,
+                  const SessionHandover& handover) {
+    if (params.session_id.empty()) {
+        OX_ERROR("SaaS: prepare_session without session_id — ignoring");
+        return;
+    }
+    record_rented_session(params.session_id);
+    const std::string id = params.session_id;
+    std::atomic<unsigned> streamed_seconds{0};
+    const SessionRequest request{.session_id = id,
+                                 .connector = &connector,
+                                 .key_material = params.encryption_key,
+                                 .expected_token_sha256 = params.session_token_sha256,
+                                 .terminate_requested = &handover.terminate_requested()};
+    wipe_key(params);
+    const std::string reason = run_session(options, request, streamed_seconds);
+    connector.send_session_ended(id, reason, streamed_seconds);
+    tui::board().session_ended(false, streamed_seconds);
+    OX_INFO("SaaS: waiting for next prepare_session...");
+}
+
+}  // namespace
+
+void run_platform(const Options& options, const PlatformEndpoint& endpoint,
+                  const SystemInfo& system_info) {
+    if (options.token.empty()) {
+        OX_WARN("No --token given — SaaS will likely reject the registration");
+    }
+    if (endpoint.tls) {
+        OX_INFO("SaaS: wss://%s:%u (OpenSSL TLS)", endpoint.host.c_str(), endpoint.port);
+    } else {
+        OX_WARN("SaaS: ws://%s:%u — PLAINTEXT WebSocket (no TLS)", endpoint.host.c_str(),
+                endpoint.port);
+    }
+
+    SessionHandover handover;
+    SaasConnector connector(connector_config(options, endpoint, system_info));
+    connector.set_prepare_session_callback(
+        [&](const PrepareSessionParams& params) { handover.offer(params); });
+    connector.set_terminate_session_callback(
+        [&](const std::string& session_id, const std::string& reason) {
+            OX_WARN("SaaS terminate_session %s (%s)", loggable(session_id).c_str(),
+                    loggable(reason).c_str());
+            handover.request_terminate();
+        });
+    connector.start();
+    OX_INFO("SaaS mode: waiting for prepare_session...");
+    while (!shutdown_flag()) {
+        auto params = handover.take(kHandoverWait, [] { return shutdown_flag().load(); });
+        if (params) run_prepared(options, std::move(*params), connector, handover);
+    }
+    connector.stop();
+    OX_INFO("orvex-agent stopped");
+}
+
+}  // namespace ox

@@ -1,0 +1,49 @@
+#include "app/process_flags.h"
+
+#include <csignal>
+
+#include "tui/board.h"
+
+namespace ox {
+
+std::atomic<int> g_last_signal{0};
+
+std::atomic<bool>& shutdown_flag() {
+    static std::atomic<bool> flag{false};
+    return flag;
+}
+
+std::atomic<bool>& panic_flag() {
+    static std::atomic<bool> flag{false};
+    return flag;
+}
+
+void on_sigint(int signal) {
+    g_last_signal.exchange(signal);
+    shutdown_flag().exchange(true);
+    tui::board().quit.exchange(true);
+}
+
+void on_sigusr1(int /*signal*/) {
+    panic_flag().exchange(true);
+}
+
+void install_signal_handler(int signal, void (*handler)(int)) {
+    // The flags and the board are made on first use, which must not happen inside a handler.
+    shutdown_flag();
+    panic_flag();
+    tui::board();
+    struct sigaction action {};
+    action.sa_handler = handler;
+    ::sigemptyset(&action.sa_mask);
+    ::sigaction(signal, &action, nullptr);
+}
+
+void ignore_sigpipe() {
+    struct sigaction action {};
+    action.sa_handler = SIG_IGN;  // NOLINT: the macro casts
+    ::sigemptyset(&action.sa_mask);
+    ::sigaction(SIGPIPE, &action, nullptr);
+}
+
+}  // namespace ox

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <atomic>
+
+namespace ox {
+
+/// Set by SIGINT and SIGTERM: the whole agent is to stop.
+std::atomic<bool>& shutdown_flag();
+/// Set by SIGUSR1 and the panic channel: every session is to end, until the agent is restarted.
+std::atomic<bool>& panic_flag();
+/// Number of the last SIGINT or SIGTERM, 0 before the first.
+extern std::atomic<int> g_last_signal;
+
+/// Handlers; they only store into atomics.
+void on_sigint(int signal);
+void on_sigusr1(int signal);
+
+/// Installs `handler` for `signal`. Blocking calls are interrupted and not restarted.
+void install_signal_handler(int signal, void (*handler)(int));
+/// A write to a closed pipe or socket is to fail, not to kill.
+void ignore_sigpipe();
+
+}  // namespace ox

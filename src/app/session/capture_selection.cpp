@@ -1,0 +1,34 @@
+#include "app/session/capture_selection.h"
+
+#include "log/log.h"
+#include "tui/board.h"
+
+namespace ox {
+
+std::unique_ptr<ICapture> select_capture(const std::string& mode, const std::string& display,
+                                         uint32_t width, uint32_t height) {
+    const auto try_mode = [&](const std::string& name) -> std::unique_ptr<ICapture> {
+        auto capture = make_capture(name, display, width, height);
+        if (!capture->init()) return nullptr;
+        OX_INFO("Session: capture backend = %s", name.c_str());
+        return capture;
+    };
+
+    auto capture = try_mode(mode);
+    if (!capture && mode == "auto") {
+        OX_WARN("Session: automatic capture unavailable — falling back to synthetic");
+        tui::board().raise(tui::Alert::CaptureFailed, 0);
+        capture = try_mode("synthetic");
+    } else if (!capture && mode == "portal") {
+        OX_WARN("Session: portal capture failed — falling back to X11");
+        capture = try_mode("x11");
+        if (!capture) capture = try_mode("synthetic");
+    }
+    if (!capture) {
+        OX_ERROR("Session: capture init failed (%s)", mode.c_str());
+        tui::board().raise(tui::Alert::CaptureFailed, 0);
+    }
+    return capture;
+}
+
+}  // namespace ox

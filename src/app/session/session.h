@@ -1,0 +1,33 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "app/options.h"
+
+namespace ox {
+
+class SaasConnector;
+
+/// What one session is started with, besides the command line.
+struct SessionRequest {
+    std::string session_id{};             ///< empty in standalone mode
+    SaasConnector* connector = nullptr;   ///< null in standalone mode
+    std::vector<uint8_t> key_material{};  ///< the platform's master key, or empty
+    std::string expected_token_sha256{};  ///< hex; empty refuses every launcher
+    const std::atomic<bool>* terminate_requested = nullptr;  ///< set when the platform ends it
+};
+
+/// Runs one whole session on the calling thread: waits for a launcher, streams to it, holds the
+/// session through a short outage, tears everything down. Returns the end reason and stores the
+/// whole seconds of streaming in `streamed_seconds`. Never throws for an ordinary failure.
+std::string run_session(const Options& options, const SessionRequest& request,
+                        std::atomic<unsigned>& streamed_seconds);
+
+/// Reason of a session that ended because its control port could not be had: nobody could have
+/// connected, and trying again at once would fail the same way.
+bool ended_before_listening(const std::string& reason);
+
+}  // namespace ox

@@ -1,0 +1,60 @@
+#include "app/session/session_audio.h"
+
+#include "log/log.h"
+
+namespace ox {
+namespace {
+
+constexpr int kSampleRate = 48000;
+constexpr int kChannels = 2;
+constexpr int kBitrate = 128000;
+
+}  // namespace
+
+void SessionAudio::open(const std::string& launcher, uint16_t dest_port, uint16_t local_port) {
+    if (options_.audio) {
+        if (sender_.open(launcher, dest_port, local_port)) {
+            sender_.start_probe_listener();
+        } else {
+            OX_WARN("Session: audio sender open failed — continuing video-only");
+        }
+    }
+    if (options_.audio_parity && !options_.audio) {
+        OX_WARN("Session: --audio-parity ignored without --audio");
+    } else if (options_.audio_parity) {
+        OX_INFO(
+            "Session: P6 audio parity enabled (4 data + 2 repairs per block; launcher needs "
+            "--audio-parity too)");
+    }
+    stream_.set_parity_enabled(options_.audio && options_.audio_parity);
+}
+
+bool SessionAudio::start_stream(const std::vector<uint8_t>& key) {
+    return stream_.start(sender_, key.data(), key.size(), kSampleRate, kChannels, kBitrate);
+}
+
+void SessionAudio::start(const std::vector<uint8_t>& key) {
+    if (!options_.audio || !sender_.is_open()) return;
+    if (key.size() != Encryption::kKeyBytes) {
+        OX_WARN("Session: audio key missing or %zu bytes (want %zu) — audio disabled", key.size(),
+                Encryption::kKeyBytes);
+        return;
+    }
+    if (!start_stream(key)) {
+        OX_WARN("Session: audio pipeline failed to start — continuing video-only");
+    }
+}
+
+void SessionAudio::resume(const std::vector<uint8_t>& key) {
+    stream_.stop();
+    if (!options_.audio || !sender_.is_open() || key.size() != Encryption::kKeyBytes) return;
+    sender_.listen_for_next_probe();
+    start_stream(key);
+}
+
+void SessionAudio::close() {
+    stream_.stop();
+    sender_.close();
+}
+
+}  // namespace ox

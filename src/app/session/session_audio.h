@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "app/options.h"
+#include "audio/audio_stream.h"
+#include "transport/udp_sender.h"
+
+namespace ox {
+
+/// The sound of a session: its sender and its stream. Whatever fails here costs the sound and never
+/// the session. Used by the main thread.
+class SessionAudio {
+  public:
+    explicit SessionAudio(const Options& options) : options_(options) {}
+
+    /// With sound asked for: binds the sender. Says what parity is on or ignored.
+    void open(const std::string& launcher, uint16_t dest_port, uint16_t local_port);
+    /// Starts the stream when the sender is open. Says why when it cannot.
+    void start(const std::vector<uint8_t>& key);
+    /// After a reconnect: the stream goes on under `key`, and the sender looks out for a probe from
+    /// another place.
+    void resume(const std::vector<uint8_t>& key);
+    /// Ends the stream, then the sender.
+    void close();
+
+  private:
+    bool start_stream(const std::vector<uint8_t>& key);
+
+    const Options& options_;
+    UdpSender sender_;
+    AudioStream stream_;
+};
+
+}  // namespace ox

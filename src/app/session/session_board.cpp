@@ -1,0 +1,67 @@
+#include "app/session/session_board.h"
+
+#include "app/session/stream_settings.h"
+#include "base/clock.h"
+#include "tui/board.h"
+
+namespace ox::session_board {
+
+using tui::EventKind;
+using tui::SessionState;
+using tui::Snapshot;
+
+void launcher_authenticated(const std::string& session_id, const std::string& launcher) {
+    tui::board().update([&](Snapshot& state) {
+        if (state.session.state == SessionState::None) {
+            state.session = {};
+            state.session.state = SessionState::Preparing;
+            state.session.since_s = system_now_s();
+            state.session.active = true;
+        }
+        state.session.id = session_id;
+        state.session.launcher = launcher;
+    });
+}
+
+void streaming(const EncoderSettings& settings, const std::string& encoder_label) {
+    tui::board().update([&](Snapshot& state) {
+        state.session.state = SessionState::Streaming;
+        state.session.since_s = system_now_s();
+        state.session.encoder = encoder_label;
+        state.session.codec = codec_name(settings.codec);
+        state.session.width = settings.width;
+        state.session.height = settings.height;
+        state.session.fps = settings.fps;
+        tui::board().push_locked(EventKind::PlayerConnected, 0);
+    });
+}
+
+void holding(uint32_t grace_s) {
+    tui::board().update([&](Snapshot& state) {
+        state.session.holding = true;
+        state.session.hold_until_s = system_now_s() + grace_s;
+        tui::board().push_locked(EventKind::PlayerDropped, grace_s);
+    });
+}
+
+void resumed() {
+    tui::board().update([](Snapshot& state) {
+        state.session.holding = false;
+        state.session.hold_until_s = 0;
+        tui::board().push_locked(EventKind::StreamDirect, 0);
+        tui::board().push_locked(EventKind::PlayerBack, 0);
+    });
+}
+
+void figures(double mbps, double fps, float rtt_ms, float loss_pct) {
+    tui::board().update([&](Snapshot& state) {
+        state.session.measured_mbps = mbps;
+        state.session.measured_fps = fps;
+        if (rtt_ms > 0.0F) {
+            state.session.rtt_ms = rtt_ms;
+            state.session.loss_pct = loss_pct;
+        }
+    });
+}
+
+}  // namespace ox::session_board

@@ -1,0 +1,72 @@
+// What a session does when its launcher is gone.
+#include <algorithm>
+
+#include "app/session/session_board.h"
+#include "app/session/session_state.h"
+#include "base/sleep.h"
+#include "log/log.h"
+
+namespace ox {
+namespace {
+
+/// Pause before the control port is tried again when it could not be had.
+constexpr std::chrono::seconds kListenRetry{1};
+
+/// Whole seconds until `deadline`, rounded up, at least 1.
+int remaining_seconds(SteadyClock::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::seconds>(deadline - SteadyClock::now());
+    return static_cast<int>(std::max<int64_t>(left.count(), 1));
+}
+
+}  // namespace
+
+std::string Session::hold_for_launcher() {
+    const auto grace = static_cast<int>(options_.reconnect_grace_s);
+    OX_INFO("Session: launcher lost — holding the session for up to %ds", grace);
+    session_board::holding(options_.reconnect_grace_s);
+    control_.close();
+    if (!wait_for_reconnect()) {
+        if (leave_requested()) return {};
+        OX_WARN("Session: no reconnect within %ds — ending", grace);
+        return "disconnect_timeout";
+    }
+    return resume_with_new_keys();
+}
+
+bool Session::wait_for_reconnect() {
+    // Only the deadline ends the hold. A stranger or a refused token costs its own time, and one
+    // that connects last of all and says nothing is not waited for past the deadline.
+    constexpr std::chrono::seconds kLastAuth{1};
+    const auto deadline = SteadyClock::now() + std::chrono::seconds(options_.reconnect_grace_s);
+    const auto abort = [&] {
+        return leave_requested() || SteadyClock::now() > deadline + kLastAuth;
+    };
+    while (!leave_requested() && SteadyClock::now() < deadline) {
+        if (control_.accept_and_handshake(control_port(), abort, remaining_seconds(deadline))) {
+            return true;
+        }
+        if (control_.last_error == "AUTH_FAIL") {
+            sleep_until_or(std::min(deadline, SteadyClock::now() + kListenRetry), abort);
+        }
+    }
+    return false;
+}
+
+std::string Session::resume_with_new_keys() {
+    if (!video_.set_key(control_.keys.video_key)) {
+        OX_ERROR("Session: cannot install new video key after reconnect");
+        return "reconnect_key_error";
+    }
+    video_.sender().listen_for_next_probe();
+    audio_.resume(control_.keys.audio_key);
+    input_.stop();
+    start_input();
+    control_.start_async_read();
+    encoder_.force_idr = true;
+    pacer_.reset(SteadyClock::now());
+    OX_INFO("Session: launcher reconnected — resuming with an IDR");
+    session_board::resumed();
+    return {};
+}
+
+}  // namespace ox

@@ -1,0 +1,46 @@
+#include "app/session_handover.h"
+
+#include <sodium.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "base/clock.h"
+
+namespace ox {
+
+void wipe_key(PrepareSessionParams& params) {
+    ::sodium_memzero(params.encryption_key.data(), params.encryption_key.size());
+}
+
+SessionHandover::~SessionHandover() {
+    if (pending_) wipe_key(*pending_);
+}
+
+void SessionHandover::offer(const PrepareSessionParams& params) {
+    const std::lock_guard lock(mutex_);
+    if (pending_) wipe_key(*pending_);
+    pending_ = params;
+    terminate_.exchange(false);
+    changed_.notify_all();
+}
+
+void SessionHandover::request_terminate() {
+    terminate_.exchange(true);
+    changed_.notify_all();
+}
+
+std::optional<PrepareSessionParams> SessionHandover::take(std::chrono::milliseconds limit,
+                                                          const std::function<bool()>& stop) {
+    // A signal handler cannot notify, so its flag is looked at in slices.
+    constexpr std::chrono::milliseconds kSlice{100};
+    const auto deadline = SteadyClock::now() + limit;
+    std::unique_lock lock(mutex_);
+    while (!pending_ && !stop() && SteadyClock::now() < deadline) {
+        changed_.wait_until(lock, std::min(deadline, SteadyClock::now() + kSlice));
+    }
+    if (!pending_ || stop()) return std::nullopt;
+    return std::exchange(pending_, std::nullopt);
+}
+
+}  // namespace ox

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+
+#include "saas/platform_messages.h"
+
+namespace ox {
+
+/// The one-entry slot through which the platform's connector hands sessions to the main thread. A
+/// newer request replaces one that was not taken yet. Offered to from any thread, taken by one.
+class SessionHandover {
+  public:
+    ~SessionHandover();
+    SessionHandover() = default;
+    SessionHandover(const SessionHandover&) = delete;
+    SessionHandover& operator=(const SessionHandover&) = delete;
+
+    /// Puts `params` into the slot. Also takes back a wish to terminate: that one was meant for the
+    /// session before.
+    void offer(const PrepareSessionParams& params);
+
+    /// Asks the running session to end, and wakes the waiting thread.
+    void request_terminate();
+
+    /// Set while the running session is to end.
+    [[nodiscard]] const std::atomic<bool>& terminate_requested() const { return terminate_; }
+
+    /// Takes what is in the slot, waiting for it until `limit` has passed or `stop`, asked every
+    /// 100 ms, returns true. Nothing when neither came.
+    std::optional<PrepareSessionParams> take(std::chrono::milliseconds limit,
+                                             const std::function<bool()>& stop);
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::optional<PrepareSessionParams> pending_;  ///< guarded by mutex_
+    std::atomic<bool> terminate_{false};
+};
+
+/// Overwrites the master key in `params` with zeros.
+void wipe_key(PrepareSessionParams& params);
+
+}  // namespace ox

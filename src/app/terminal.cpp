@@ -1,0 +1,94 @@
+#include "app/terminal.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "app/build_info.h"
+#include "log/log.h"
+#include "log/log_path.h"
+
+namespace ox {
+namespace {
+
+/// Opens `path` for appending as the logger's file. False when that fails.
+bool open_log_file(const std::string& path) {
+    const std::lock_guard lock(log_mutex());
+    LogSinks& sinks = log_sinks();
+    sinks.path = path;
+    sinks.file = std::fopen(path.c_str(), "ae");  // NOLINT: closed by its owner, LogSinks
+    if (sinks.file == nullptr) return false;
+    std::fseek(sinks.file, 0, SEEK_END);
+    sinks.bytes = std::ftell(sinks.file);
+    return true;
+}
+
+std::string host_name() {
+    std::array<char, 256> name{};
+    if (::gethostname(name.data(), name.size() - 1) != 0) return {};
+    return name.data();
+}
+
+}  // namespace
+
+void reserve_standard_descriptors() {
+    int fd = -1;
+    do {
+        fd = ::open("/dev/null", O_RDWR);  // NOLINT: a standard descriptor outlives an exec
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd > STDERR_FILENO) ::close(fd);
+}
+
+TerminalEnvironment terminal_environment() {
+    return {.ox_tui = std::getenv("OX_TUI"),
+            .term = std::getenv("TERM"),
+            .colorterm = std::getenv("COLORTERM"),
+            .stdout_is_terminal = ::isatty(STDOUT_FILENO) == 1};
+}
+
+tui::ColourMode choose_colour_mode(const TerminalEnvironment& environment) {
+    const auto text = [](const char* value) { return std::string_view(value ? value : ""); };
+    if (text(environment.ox_tui) == "plain") return tui::ColourMode::Plain;
+    if (!environment.stdout_is_terminal) return tui::ColourMode::Plain;
+    const std::string_view term = text(environment.term);
+    if (term.empty() || term == "dumb") return tui::ColourMode::Plain;
+    const std::string_view colorterm = text(environment.colorterm);
+    if (colorterm == "truecolor" || colorterm == "24bit") return tui::ColourMode::TrueColour;
+    return tui::ColourMode::Ansi;
+}
+
+bool console_log_switch(const char* value) {
+    if (value == nullptr) return false;
+    constexpr std::array<std::string_view, 6> kOn{"1", "true", "TRUE", "yes", "on", "ON"};
+    return std::find(kOn.begin(), kOn.end(), value) != kOn.end();
+}
+
+bool open_log_and_identify() {
+    const std::string path = default_log_path();
+    const bool opened = open_log_file(path);
+    tui::board().update([&](tui::Snapshot& state) {
+        state.started = true;
+        state.version = build::version();
+        state.host = host_name();
+        state.log_path = opened ? path : "";
+        tui::board().push_locked(tui::EventKind::AgentStarted, 0);
+    });
+    return opened;
+}
+
+void redirect_stderr_to_log() {
+    const std::lock_guard lock(log_mutex());
+    LogSinks& sinks = log_sinks();
+    sinks.console = false;
+    std::fflush(stderr);
+    ::dup2(::fileno(sinks.file), STDERR_FILENO);
+    sinks.stderr_redirected = true;
+}
+
+}  // namespace ox

@@ -1,0 +1,164 @@
+#include "app/options.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace ox {
+namespace {
+
+CommandLine parse(std::vector<const char*> arguments, const OptionDefaults& defaults = {}) {
+    arguments.insert(arguments.begin(), "orvex-agent");
+    return parse_command_line(static_cast<int>(arguments.size()), arguments.data(), defaults);
+}
+
+Options options_of(const std::vector<const char*>& arguments, const OptionDefaults& defaults = {}) {
+    return std::get<RunRequest>(parse(arguments, defaults)).options;
+}
+
+TEST(Options, EveryValueReachesItsField) {
+    const Options o =
+        options_of({"--saas-url",        "ws://h",     "--token",     "t",
+                    "--token-sha256",    "ab",         "--display",   ":7",
+                    "--capture",         "x11",        "--port-base", "5000",
+                    "--encoder",         "vaapi",      "--codec",     "h265",
+                    "--bitrate",         "8000",       "--fps",       "30",
+                    "--reconnect-grace", "9",          "--width",     "1280",
+                    "--height",          "720",        "--audio",     "--audio-parity",
+                    "--media-rfi",       "--no-input", "--selftest"});
+    EXPECT_EQ(o.saas_url, "ws://h");
+    EXPECT_EQ(o.token, "t");
+    EXPECT_EQ(o.token_sha256, "ab");
+    EXPECT_EQ(o.display, ":7");
+    EXPECT_EQ(o.capture, "x11");
+    EXPECT_EQ(o.port_base, 5000);
+    EXPECT_EQ(o.encoder, EncoderBackend::Vaapi);
+    EXPECT_EQ(o.codec, VideoCodec::Hevc);
+    EXPECT_EQ(o.bitrate_kbps, 8000);
+    EXPECT_EQ(o.fps, 30);
+    EXPECT_EQ(o.reconnect_grace_s, 9U);
+    EXPECT_EQ(o.width, 1280);
+    EXPECT_EQ(o.height, 720);
+    EXPECT_TRUE(o.audio && o.audio_parity && o.media_rfi && o.selftest);
+    EXPECT_FALSE(o.input);
+}
+
+TEST(Options, LaterArgumentsWinAndEnvironmentDefaultsCanBeTakenBack) {
+    const OptionDefaults on{.audio_parity = true, .media_rfi = true};
+    EXPECT_TRUE(options_of({}, on).audio_parity && options_of({}, on).media_rfi);
+    const Options o = options_of({"--no-audio-parity", "--no-media-rfi", "--audio", "--no-audio",
+                                  "--fps", "30", "--fps", "144"},
+                                 on);
+    EXPECT_FALSE(o.audio_parity || o.media_rfi || o.audio);
+    EXPECT_EQ(o.fps, 144);
+}
+
+TEST(Options, NumbersAreReadLeniently) {
+    EXPECT_EQ(options_of({"--port-base", "abc"}).port_base, 0);
+    EXPECT_EQ(options_of({"--fps", "60fps"}).fps, 60);
+    EXPECT_EQ(options_of({"--reconnect-grace", "-5"}).reconnect_grace_s, 0U);
+    EXPECT_EQ(options_of({"--width", "-3"}).width, -3);
+}
+
+TEST(Options, EncoderAndCodecNames) {
+    for (const char* name : {"x264", "sw", "software"}) {
+        EXPECT_EQ(options_of({"--encoder", name}).encoder, EncoderBackend::Software) << name;
+    }
+    EXPECT_EQ(options_of({"--encoder", "nvenc"}).encoder, EncoderBackend::Nvenc);
+    EXPECT_EQ(options_of({"--encoder", "sw", "--encoder", "auto"}).encoder, EncoderBackend::Auto);
+    EXPECT_EQ(options_of({"--codec", "hevc"}).codec, VideoCodec::Hevc);
+    EXPECT_EQ(options_of({"--codec", "hevc", "--codec", "avc"}).codec, VideoCodec::H264);
+}
+
+TEST(Options, UnusableCommandLinesNameTheirFault) {
+    const std::vector<std::pair<std::vector<const char*>, std::string>> cases{
+        {{"--encoder", "x265"}, "unknown encoder 'x265'"},
+        {{"--codec", "H264"}, "unknown codec 'H264'"},
+        {{"--capture", "X11"}, "unknown capture mode 'X11'"},
+        {{"--audi"}, "unknown argument '--audi' (see --help)"},
+        {{"--port-base=5000"}, "unknown argument '--port-base=5000' (see --help)"},
+        {{""}, "unknown argument '' (see --help)"},
+        {{"--fps"}, ""},
+        {{"--audio", "--token"}, ""},
+        // The first fault counts, also before a later --help.
+        {{"--codec", "vp9", "--help"}, "unknown codec 'vp9'"},
+    };
+    for (const auto& [arguments, message] : cases) {
+        const CommandLine line = parse(arguments);
+        const auto* error = std::get_if<UsageError>(&line);
+        ASSERT_NE(error, nullptr) << arguments.front();
+        EXPECT_EQ(error->message, message);
+    }
+    const std::vector<const char*> with_null{"orvex-agent", "--fps", nullptr};
+    EXPECT_TRUE(std::holds_alternative<UsageError>(parse_command_line(3, with_null.data(), {})));
+}
+
+TEST(Options, HelpVersionAndLogLevel) {
+    EXPECT_TRUE(std::holds_alternative<ShowHelp>(parse({"-v", "-h", "--bogus"})));
+    EXPECT_TRUE(std::holds_alternative<ShowVersion>(parse({"--version"})));
+    EXPECT_EQ(std::get<RunRequest>(parse({})).log_level, std::nullopt);
+    EXPECT_EQ(std::get<RunRequest>(parse({"-v"})).log_level, LogLevel::DEBUG);
+    EXPECT_EQ(std::get<RunRequest>(parse({"-v", "-q"})).log_level, LogLevel::WARN);
+    EXPECT_EQ(std::get<RunRequest>(parse({"--quiet"})).log_level, LogLevel::WARN);
+    // A value that looks like an option is a value, but still switches the terminal.
+    const std::vector<const char*> odd{"orvex-agent", "--token", "--verbose"};
+    EXPECT_EQ(std::get<RunRequest>(parse_command_line(3, odd.data(), {})).options.token,
+              "--verbose");
+    EXPECT_TRUE(wants_verbose(3, odd.data()));
+    EXPECT_FALSE(wants_verbose(2, odd.data()));
+}
+
+TEST(Options, UsageListsEveryDocumentedOption) {
+    char text[8192];
+    ASSERT_LT(std::snprintf(text, sizeof text, kUsageFormat, "./orvex-agent"),  // NOLINT
+              static_cast<int>(sizeof text));
+    const std::string usage = text;
+    EXPECT_EQ(
+        usage.rfind("orvex-agent — Linux merchant agent\nUsage: ./orvex-agent [options]\n", 0), 0U);
+    for (const char* option : {"--saas-url",
+                               "--token ",
+                               "--token-sha256",
+                               "--display",
+                               "--port-base",
+                               "--encoder",
+                               "--codec",
+                               "--bitrate",
+                               "--reconnect-grace",
+                               "--fps",
+                               "--width",
+                               "--height",
+                               "--capture",
+                               "--audio ",
+                               "--audio-parity",
+                               "--no-audio-parity",
+                               "--media-rfi",
+                               "--no-media-rfi",
+                               "--no-input",
+                               "--selftest",
+                               "-v ",
+                               "--verbose",
+                               "-q",
+                               "--quiet",
+                               "-h",
+                               "--help",
+                               "OX_AUDIO_PARITY=1",
+                               "OX_MEDIA_RFI=1",
+                               "OX_CONSOLE_LOG=1"}) {
+        EXPECT_NE(usage.find(option), std::string::npos) << option;
+    }
+}
+
+TEST(Options, MediaRfiSwitch) {
+    for (const char* on : {"1", "on", "ON", "True", "yes", "Enabled"}) {
+        EXPECT_TRUE(parse_media_rfi_switch(on)) << on;
+    }
+    for (const char* off : {"", "0", "2", "off", "enabled ", "11"}) {
+        EXPECT_FALSE(parse_media_rfi_switch(off)) << off;
+    }
+    EXPECT_FALSE(parse_media_rfi_switch(nullptr));
+}
+
+}  // namespace
+}  // namespace ox
