@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace ox::launcher {
+
+enum class Codec : int32_t { H264 = 0, Hevc = 1 };
+
+/// A bitrate to ask for when media has been coming for `at_seconds`.
+struct BitrateChange {
+    int32_t kbps = 0;
+    double at_seconds = 0;
+};
+
+struct Options {
+    std::string host = "127.0.0.1";
+    uint16_t port_base = 47998;
+    uint16_t local_port = 0;  ///< own UDP port for video; 0 = the port base
+    std::string token;
+    std::string udp_ip;  ///< reported to the agent when not empty
+    Codec codec = Codec::H264;
+    int32_t width = 1920;
+    int32_t height = 1080;
+    int32_t fps = 60;
+    int32_t bitrate_kbps = 15000;
+    double seconds = 0;  ///< of media; 0 = until stopped
+    double connect_timeout_s = 10;
+    double media_timeout_s = 10;
+    double request_idr_every_s = 0;  ///< 0 = only after losses
+    std::vector<BitrateChange> bitrate_changes;
+    std::string save_stream;
+    std::string save_frame;
+    std::string json_file;
+    bool json = false;
+    bool check_stamps = false;
+    bool decode_damaged = false;
+    bool no_end = false;
+    bool quiet = false;
+};
+
+struct ParsedCommandLine {
+    enum class Action : uint8_t { Run, ShowHelp, ShowVersion, Fail };
+    Action action = Action::Run;
+    Options options;
+    std::string error;  ///< for Fail: one line for the user
+};
+
+/// Reads the arguments behind the program's name; `environment_token` (may be null) serves when no
+/// token is given among them. Pure.
+ParsedCommandLine parse_command_line(std::span<const char* const> arguments,
+                                     const char* environment_token);
+
+/// The usage text, with all options, their defaults and the exit statuses.
+std::string usage_text();
+
+}  // namespace ox::launcher

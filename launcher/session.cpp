@@ -1,0 +1,222 @@
+#include "launcher/session.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "base/sleep.h"
+#include "launcher/control_messages.h"
+
+namespace ox::launcher {
+
+namespace {
+
+constexpr std::chrono::milliseconds kTick{20};
+constexpr std::chrono::seconds kReportPeriod{1};
+constexpr size_t kQueuedFrames = 60;
+
+SteadyClock::time_point after(double seconds) {
+    return SteadyClock::now() + std::chrono::duration_cast<SteadyClock::duration>(
+                                    std::chrono::duration<double>(seconds));
+}
+
+Options with_changes_in_order(Options options) {
+    std::ranges::stable_sort(options.bitrate_changes, {}, &BitrateChange::at_seconds);
+    return options;
+}
+
+std::string seconds_text(double seconds) {
+    std::string text = std::to_string(seconds);
+    return text.substr(0, text.find('.') + 2) + " s";
+}
+
+}  // namespace
+
+Session::Session(const Options& options, StopPredicate stop, ProgressSink progress)
+    : options_(with_changes_in_order(options)),
+      stop_(std::move(stop)),
+      progress_(std::move(progress)),
+      queue_(kQueuedFrames),
+      decode_(queue_),
+      next_idr_s_(options.request_idr_every_s) {
+    summary_.codec = options.codec;
+    summary_.stamps_checked = options.check_stamps;
+}
+
+void Session::fail(ExitStatus status, std::string error) {
+    if (summary_.status != ExitStatus::Ok) return;
+    summary_.status = status;
+    summary_.error = std::move(error);
+}
+
+Summary Session::run() {
+    if (open_outputs() && connect()) {
+        stream();
+        finish();
+        conclude();
+    }
+    return summary_;
+}
+
+// Everything that can fail on this side fails before the agent is bothered.
+bool Session::open_outputs() {
+    std::string error;
+    const bool opened = socket_.open(options_.local_port, error) &&
+                        decode_.open({.codec = options_.codec,
+                                      .save_stream = options_.save_stream,
+                                      .keep_last_picture = !options_.save_frame.empty(),
+                                      .check_stamps = options_.check_stamps},
+                                     error);
+    if (!opened) fail(ExitStatus::Failed, error);
+    return opened;
+}
+
+bool Session::connect() {
+    const std::string auth = make_auth_line({.token = options_.token,
+                                             .codec = static_cast<int32_t>(options_.codec),
+                                             .width = options_.width,
+                                             .height = options_.height,
+                                             .fps = options_.fps,
+                                             .bitrate_kbps = options_.bitrate_kbps,
+                                             .udp_ip = options_.udp_ip});
+    const auto control_port = static_cast<uint16_t>(options_.port_base + 3);
+    switch (control_.connect(options_.host, control_port, auth, after(options_.connect_timeout_s),
+                             stop_)) {
+        case ConnectResult::Ready:
+            break;
+        case ConnectResult::Refused:
+            fail(ExitStatus::Refused, control_.error());
+            return false;
+        case ConnectResult::Rejected:
+            fail(ExitStatus::Rejected, control_.error());
+            return false;
+        case ConnectResult::NoAnswer:
+        case ConnectResult::BadAnswer:
+            fail(ExitStatus::TimedOut, control_.error());
+            return false;
+        case ConnectResult::Stopped:
+            fail(ExitStatus::TimedOut, "stopped before the agent answered");
+            return false;
+    }
+    socket_.set_agent(control_.agent_ip(), static_cast<uint16_t>(options_.port_base + 4));
+    const std::vector<uint8_t>& key = control_.keys().video_key;
+    receive_.emplace(socket_, queue_, std::span(key).first<PacketOpener::kKeyBytes>(),
+                     VideoReceiver::Config{.limits = {}, .decode_damaged = options_.decode_damaged},
+                     [this] { control_.send_line(kRequestIdrLine); });
+    return true;
+}
+
+void Session::stream() {
+    decode_.start();
+    receive_->start();
+    control_.send_ping();
+    media_deadline_ = after(options_.media_timeout_s);
+    auto next_report = SteadyClock::now() + kReportPeriod;
+    auto next_tick = SteadyClock::now();
+    for (;;) {
+        next_tick += kTick;
+        sleep_until_steady(next_tick);
+        const auto now = SteadyClock::now();
+        const ReceiveSnapshot receive = receive_->snapshot();
+        if (!check(receive, now)) return;
+        if (receive.stream.first_media_us != 0)
+            send_due_requests(static_cast<double>(steady_now_us() - receive.stream.first_media_us) /
+                              1e6);
+        if (now >= next_report) {
+            next_report += kReportPeriod;
+            if (!report(receive)) return;
+        }
+    }
+}
+
+bool Session::check(const ReceiveSnapshot& receive, SteadyClock::time_point now) {
+    const ReceiveStats& stream = receive.stream;
+    if (stop_ && stop_()) return false;
+    if (receive.broken) {
+        fail(ExitStatus::Failed, "the UDP socket failed");
+        return false;
+    }
+    if (stream.packets != last_packets_) {
+        last_packets_ = stream.packets;
+        media_deadline_ = after(options_.media_timeout_s);
+    }
+    const double media_seconds =
+        stream.first_media_us == 0
+            ? 0.0
+            : static_cast<double>(steady_now_us() - stream.first_media_us) / 1e6;
+    if (options_.seconds > 0 && media_seconds >= options_.seconds) return false;
+    if (!control_.is_connected()) {
+        fail(ExitStatus::AgentEnded,
+             "the agent ended the session after " + seconds_text(media_seconds));
+        return false;
+    }
+    if (now < media_deadline_) return true;
+    if (stream.packets > 0) {
+        fail(ExitStatus::TimedOut, "media stopped after " + seconds_text(media_seconds));
+    } else if (stream.undecryptable > 0) {
+        fail(ExitStatus::TimedOut, std::to_string(stream.undecryptable) +
+                                       " datagrams came, but none that the session's key opens");
+    } else {
+        fail(ExitStatus::TimedOut,
+             "no media came within " + seconds_text(options_.media_timeout_s));
+    }
+    return false;
+}
+
+void Session::send_due_requests(double media_seconds) {
+    const auto& changes = options_.bitrate_changes;
+    while (next_bitrate_change_ < changes.size() &&
+           media_seconds >= changes[next_bitrate_change_].at_seconds)
+        control_.send_line(make_set_bitrate_line(changes[next_bitrate_change_++].kbps));
+    if (options_.request_idr_every_s > 0 && media_seconds >= next_idr_s_) {
+        next_idr_s_ = media_seconds + options_.request_idr_every_s;
+        control_.send_line(kRequestIdrLine);
+    }
+}
+
+bool Session::report(const ReceiveSnapshot& receive) {
+    const DecodeStats decode = decode_.stats();
+    const Progress progress = meter_.update(receive, decode, control_.rtt_ms(), steady_now_us());
+    control_.send_line(make_stats_line({.rtt_ms = progress.rtt_ms,
+                                        .packet_loss_pct = progress.loss_pct,
+                                        .decoded_fps = progress.fps,
+                                        .jitter_ms = receive.stream.jitter_ms}));
+    control_.send_ping();
+    if (progress_) progress_(progress);
+    return decode.frames_decoded > 0 || progress.seconds < options_.media_timeout_s;
+}
+
+void Session::finish() {
+    if (!options_.no_end) control_.send_line(kEndSessionLine);
+    control_.close();
+    receive_->stop();
+    queue_.close();
+    decode_.join();
+    std::string error;
+    const bool recorded = decode_.finish_recording(error);
+    summary_.receive = receive_->snapshot();
+    summary_.decode = decode_.stats();
+    summary_.rtt_ms = control_.rtt_ms();
+    // Without a picture, that is the failure to tell, not what could not be saved.
+    if (summary_.decode.frames_decoded == 0) return;
+    if (recorded && !options_.save_frame.empty() &&
+        decode_.save_last_picture(options_.save_frame, error))
+        return;
+    if (!error.empty()) fail(ExitStatus::Failed, error);
+}
+
+void Session::conclude() {
+    if (summary_.decode.frames_decoded > 0) return;
+    const ReceiveStats& stream = summary_.receive.stream;
+    if (stream.assembly.frames_complete == 0) {
+        fail(ExitStatus::TimedOut, "stopped before a whole frame came");
+        return;
+    }
+    // Worse news than how the session ended.
+    summary_.status = ExitStatus::Undecodable;
+    summary_.error = "none of " + std::to_string(stream.assembly.frames_complete) +
+                     " frames could be decoded (" + std::to_string(stream.keyframes) +
+                     " keyframes, " + std::to_string(summary_.decode.decode_errors) +
+                     " refused by the decoder)";
+}
+
+}  // namespace ox::launcher

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "launcher/decode_worker.h"
+#include "launcher/exit_status.h"
+#include "launcher/options.h"
+#include "launcher/receive_worker.h"
+
+namespace ox::launcher {
+
+/// All that a run has measured.
+struct Summary {
+    ExitStatus status = ExitStatus::Ok;
+    std::string error;  ///< one line for the user; empty when all went well
+    Codec codec = Codec::H264;
+    bool stamps_checked = false;
+    ReceiveSnapshot receive;
+    DecodeStats decode;
+    double rtt_ms = 0;
+
+    /// From the first to the last packet of media.
+    [[nodiscard]] double seconds() const;
+    [[nodiscard]] double mbit_per_s() const;
+    /// Decoded pictures per second.
+    [[nodiscard]] double fps() const;
+    /// Data packets that did not come by themselves, in percent of those sent.
+    [[nodiscard]] double loss_pct() const;
+};
+
+/// The summary as one JSON object on one line, without a line feed. Latencies are null when the
+/// agent's clock is not this machine's; "stamps" is there when they were checked.
+std::string to_json(const Summary& summary);
+
+/// The summary for people: several lines, each with its line feed.
+std::string to_text(const Summary& summary);
+
+}  // namespace ox::launcher

@@ -1,0 +1,66 @@
+#include "launcher/video_receiver.h"
+
+namespace ox::launcher {
+
+void VideoReceiver::on_datagram(std::span<const uint8_t> datagram, uint64_t now_us) {
+    const auto packet = opener_.open(datagram);
+    if (!packet) {
+        ++stats_.undecryptable;
+        return;
+    }
+    if (stats_.packets == 0) {
+        stats_.first_media_us = now_us;
+        gate_.on_start(now_us);
+    }
+    ++stats_.packets;
+    stats_.bytes += datagram.size();
+    stats_.last_media_us = now_us;
+    count(assembler_.push(packet->header, packet->payload, now_us));
+    stats_.assembly = assembler_.counters();
+}
+
+void VideoReceiver::count(PacketVerdict verdict) {
+    switch (verdict) {
+        case PacketVerdict::Data:
+            ++stats_.data_packets;
+            break;
+        case PacketVerdict::Repair:
+            ++stats_.repair_packets;
+            break;
+        case PacketVerdict::Duplicate:
+            ++stats_.duplicates;
+            break;
+        case PacketVerdict::Late:
+            ++stats_.late;
+            break;
+        case PacketVerdict::Malformed:
+            ++stats_.malformed;
+            break;
+    }
+}
+
+std::optional<AssembledFrame> VideoReceiver::next_frame() {
+    while (auto frame = assembler_.pop()) {
+        if (frame->timestamp != 0) jitter_.add(frame->timestamp, frame->completed);
+        stats_.jitter_ms = jitter_.jitter_ms();
+        if (frame->keyframe) {
+            ++stats_.keyframes;
+            seen_keyframe_ = true;
+        }
+        if (frame->lost_before > 0) gate_.on_loss();
+        const bool intact = gate_.admit(frame->keyframe);
+        if (intact || (decode_damaged_ && seen_keyframe_)) return frame;
+        ++stats_.frames_withheld;
+    }
+    if (assembler_.lost_since_delivery() > 0) gate_.on_loss();
+    stats_.assembly = assembler_.counters();
+    return std::nullopt;
+}
+
+bool VideoReceiver::take_keyframe_request(uint64_t now_us) {
+    if (!gate_.take_request(now_us)) return false;
+    ++stats_.keyframe_requests;
+    return true;
+}
+
+}  // namespace ox::launcher

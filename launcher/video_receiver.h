@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "launcher/frame_assembler.h"
+#include "launcher/jitter_meter.h"
+#include "launcher/keyframe_gate.h"
+#include "launcher/packet_opener.h"
+
+namespace ox::launcher {
+
+/// What the video stream has brought so far.
+struct ReceiveStats {
+    uint64_t packets = 0;  ///< opened with the session's key
+    uint64_t bytes = 0;    ///< of their datagrams
+    uint64_t data_packets = 0;
+    uint64_t repair_packets = 0;
+    uint64_t duplicates = 0;
+    uint64_t late = 0;
+    uint64_t malformed = 0;
+    uint64_t undecryptable = 0;  ///< datagrams that the key does not open
+    uint64_t keyframes = 0;
+    uint64_t keyframe_requests = 0;  ///< made because of losses
+    uint64_t frames_withheld = 0;    ///< arrived whole, but built on a lost one
+    uint64_t first_media_us = 0;     ///< arrival of the first packet, 0 = none yet
+    uint64_t last_media_us = 0;
+    double jitter_ms = 0;
+    AssemblyCounters assembly;
+};
+
+/// From datagrams to access units that can be decoded: opens, assembles, withholds what builds on a
+/// lost picture, and decides when a keyframe must be asked for. Pure; used by one thread.
+class VideoReceiver {
+  public:
+    struct Config {
+        FrameAssembler::Limits limits;
+        bool decode_damaged = false;  ///< after a loss, hand out what builds on it all the same
+    };
+
+    VideoReceiver(std::span<const uint8_t, PacketOpener::kKeyBytes> key, const Config& config)
+        : opener_(key), assembler_(config.limits), decode_damaged_(config.decode_damaged) {}
+
+    void on_datagram(std::span<const uint8_t> datagram, uint64_t now_us);
+    /// Call every few milliseconds, also when nothing arrives.
+    void on_time(uint64_t now_us) { assembler_.expire(now_us); }
+
+    /// The next access unit for the decoder, in order. Ask until there is none, after each call
+    /// of the functions above.
+    std::optional<AssembledFrame> next_frame();
+
+    /// The frame handed out last never reached the decoder.
+    void on_frame_dropped() { gate_.on_loss(); }
+
+    /// True when the agent is to be asked for a keyframe now; counts as asked.
+    bool take_keyframe_request(uint64_t now_us);
+
+    [[nodiscard]] const ReceiveStats& stats() const { return stats_; }
+
+  private:
+    void count(PacketVerdict verdict);
+
+    PacketOpener opener_;
+    FrameAssembler assembler_;
+    KeyframeGate gate_;
+    JitterMeter jitter_;
+    bool decode_damaged_;
+    bool seen_keyframe_ = false;
+    ReceiveStats stats_;
+};
+
+}  // namespace ox::launcher

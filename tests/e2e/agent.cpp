@@ -1,0 +1,85 @@
+#include "e2e/agent.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+namespace ox::test {
+namespace {
+
+ChildProcess::Options command(const Agent::Setup& setup, const TempDir& folder) {
+    ChildProcess::Options options;
+    options.argv = {OX_AGENT_PATH,
+                    "-v",
+                    "--no-input",
+                    "--token-sha256",
+                    kTokenSha256,
+                    "--port-base",
+                    std::to_string(setup.ports->base()),
+                    "--capture",
+                    setup.capture};
+    options.argv.insert(options.argv.end(), setup.arguments.begin(), setup.arguments.end());
+    options.environment = {
+        "OX_LOG_FILE=" + folder.file("agent.log"),
+        "OX_TUI=plain",
+        "OX_LANG=en",
+        "HOME=" + folder.path().string(),
+        "XDG_RUNTIME_DIR=" + folder.path().string(),
+        "XDG_SESSION_TYPE",
+        "WAYLAND_DISPLAY",
+        "DISPLAY",
+        "OX_CONSOLE_LOG",
+        "OX_DEBUG_DROP_PCT",
+    };
+    // Of two entries for one name the later one is meant.
+    for (const auto& entry : setup.environment) {
+        const auto name = entry.substr(0, entry.find('='));
+        std::erase_if(options.environment, [&](const std::string& existing) {
+            return existing.substr(0, existing.find('=')) == name;
+        });
+        options.environment.push_back(entry);
+    }
+    options.stdout_path = folder.file("screen.txt");
+    options.stderr_path = folder.file("stderr.txt");
+    return options;
+}
+
+}  // namespace
+
+std::string auth_line(const std::string& more, const std::string& token) {
+    return R"({"type":"auth","token":")" + token + "\"" + more + "}\n";
+}
+
+Agent::Agent() : Agent(Setup{}) {}
+
+Agent::Agent(const Setup& setup)
+    : ports_(setup.ports),
+      log_(folder_.file("agent.log")),
+      screen_(folder_.file("screen.txt")),
+      process_(command(setup, folder_)) {}
+
+Agent::~Agent() {
+    if (process_.running()) expect_prompt_stop();
+    if (!testing::Test::HasFailure()) return;
+    std::string errors;
+    for (const auto& line : LogFile(folder_file("stderr.txt")).lines())
+        errors += line + "\n";
+    for (const auto& line : log_.lines())
+        errors += line + "\n";
+    ADD_FAILURE() << "the agent's last words:\n" << errors;
+}
+
+bool Agent::wait_for_log(const std::string& text, size_t times) const {
+    if (log_.wait_for(text, kPatience, times)) return true;
+    ADD_FAILURE() << "not logged " << times << " time(s): " << text;
+    return false;
+}
+
+void Agent::expect_prompt_stop() {
+    process_.signal(SIGTERM);
+    const auto status = process_.wait(kStopLimit);
+    ASSERT_TRUE(status.has_value())
+        << "still running " << kStopLimit.count() << " ms after SIGTERM";
+    EXPECT_EQ(*status, 0);
+}
+
+}  // namespace ox::test

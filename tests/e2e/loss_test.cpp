@@ -1,0 +1,116 @@
+// Streams of real size: losses on the way, and the bitrate that a launcher sets.
+
+#include <gtest/gtest.h>
+
+#include <numeric>
+#include <random>
+
+#include "e2e/mosaic.h"
+#include "e2e/player.h"
+
+namespace ox::test {
+namespace {
+
+constexpr int kHeight = 480;
+constexpr int kFps = 60 / kSlowdown;
+const Player::Setup kBusyDesktop{
+    .width = Mosaic::kWidth, .height = kHeight, .fps = kFps, .bitrate_kbps = 4000};
+
+/// A desktop on which so much moves that frames take several packets, and with so much detail that
+/// keyframes take several parity groups.
+class BusyStream : public testing::Test {
+  protected:
+    void SetUp() override {
+        Xvfb::Setup setup;
+        setup.screen = "640x480x24";
+        server_ = Xvfb::start(setup);
+        if (!server_) GTEST_SKIP() << "no Xvfb on this machine";
+        mosaic_.emplace(server_->display(), 24);
+        constexpr int kGrain = 4;
+        std::minstd_rand random(1);
+        for (int y = Mosaic::kHeight; y < kHeight; y += kGrain) {
+            for (int x = 0; x < Mosaic::kWidth; x += kGrain) {
+                mosaic_->painter().fill(x, y, kGrain, kGrain, static_cast<uint32_t>(random()));
+            }
+        }
+    }
+    [[nodiscard]] Agent::Setup capture(std::vector<std::string> environment = {}) const {
+        environment.push_back("DISPLAY=" + server_->display());
+        return {.environment = std::move(environment), .capture = "x11"};
+    }
+    bool receive_until(Player& player, const std::function<bool()>& done) {
+        // Chance has a part in what is waited for.
+        return player.receive_until(
+            [&] {
+                mosaic_->change(10);
+                return done();
+            },
+            3 * kPatience);
+    }
+
+    std::unique_ptr<Xvfb> server_;
+    std::optional<Mosaic> mosaic_;
+};
+
+TEST_F(BusyStream, SingleLossesAreRecoveredAndOthersAnsweredByAKeyframe) {
+    Agent agent(capture({"OX_DEBUG_DROP_PCT=5"}));
+    Player player(agent, kBusyDesktop);
+    ASSERT_TRUE(receive_until(player,
+                              [&] {
+                                  const auto& stats = player.stats();
+                                  return stats.assembly.packets_recovered >= 1 &&
+                                         stats.keyframe_requests > 0 &&
+                                         player.keyframes_since(0) >= 3;
+                              }))
+        << player.pictures() << " pictures, " << player.stats().assembly.packets_recovered
+        << " packets recovered, " << player.stats().keyframe_requests << " keyframe requests, "
+        << player.keyframes_since(0) << " keyframes";
+    const auto& stats = player.stats();
+    EXPECT_GT(stats.assembly.frames_lost, 0U);
+    EXPECT_EQ(stats.undecryptable, 0U);
+    EXPECT_EQ(player.pictures(), player.frames().size()) << "something broken was handed out";
+    // The screen comes to rest: in spite of all losses the launcher ends up with its picture.
+    std::optional<size_t> state;
+    player.on_picture = [&](const launcher::DecodedPicture& picture) {
+        state = mosaic_->state_of(picture, mosaic_->changes());
+    };
+    EXPECT_TRUE(player.receive_until([&] { return state.has_value(); }));
+
+    player.say("end_session");
+    const auto line = agent.log().wait_for(" forced keyframe(s), ", kPatience);
+    ASSERT_TRUE(line.has_value());
+    EXPECT_EQ(line->find(" 0 forced keyframe(s), "), std::string::npos) << *line;
+}
+
+TEST_F(BusyStream, ANewBitrateIsAppliedAndKept) {
+    Agent agent(capture());
+    Player player(agent, kBusyDesktop);
+    const auto mean_of_last = [&](size_t count) {
+        const auto begin = player.frames().end() - static_cast<ptrdiff_t>(count);
+        return std::accumulate(
+                   begin, player.frames().end(), size_t{0},
+                   [](size_t bytes, const Player::Frame& frame) { return bytes + frame.bytes; }) /
+               count;
+    };
+    ASSERT_TRUE(receive_until(player, [&] { return player.frames().size() >= 90; }));
+    const size_t before = mean_of_last(60);
+    for (const char* nothing : {R"(,"bitrate":0)", R"(,"bitrate":-5)", R"(,"fps":30)"}) {
+        player.say("set_settings", nothing);
+    }
+    player.say("set_settings", R"(,"bitrate":200)");
+    ASSERT_TRUE(receive_until(player, [&] {
+        return agent.log().count("VideoEncoder: reconfigure bitrate → 200kbps") > 0;
+    }));
+    EXPECT_EQ(agent.log().count("Session: set_settings bitrate="), 1U);
+    const size_t changed = player.frames().size();
+    ASSERT_TRUE(receive_until(player, [&] { return player.frames().size() >= changed + 120; }));
+    EXPECT_LE(player.keyframes_since(changed), 1U) << "the reopened encoder starts with one";
+    constexpr size_t kBytesPerFrame = 200'000 / 8 / kFps;
+    EXPECT_LT(mean_of_last(60), kBytesPerFrame * 11 / 10);
+    EXPECT_GT(before, 2 * mean_of_last(60)) << "too little moved for the bitrate to matter";
+    EXPECT_EQ(player.pictures(), player.frames().size());
+    agent.expect_prompt_stop();
+}
+
+}  // namespace
+}  // namespace ox::test

@@ -1,0 +1,182 @@
+// The road of rented sessions: a backend, the agent, a launcher.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sodium.h>
+
+#include <nlohmann/json.hpp>
+
+#include "e2e/player.h"
+#include "saas/raw_backend.h"
+#include "support/eventually.h"
+
+namespace ox::test {
+namespace {
+
+using nlohmann::json;
+using namespace std::chrono_literals;
+
+constexpr std::array<uint8_t, 32> kMaster{0, 1, 2, 3, 4, 5, 6, 7, 8};
+
+std::string base64(const uint8_t* bytes, size_t length) {
+    std::string text(sodium_base64_ENCODED_LEN(length, sodium_base64_VARIANT_ORIGINAL), '\0');
+    ::sodium_bin2base64(text.data(), text.size(), bytes, length, sodium_base64_VARIANT_ORIGINAL);
+    text.pop_back();
+    return text;
+}
+
+/// The video key that belongs to the master key, as libsodium derives it.
+std::string derived_video_key() {
+    std::string key(32, '\0');
+    ::crypto_kdf_derive_from_key(reinterpret_cast<uint8_t*>(key.data()), key.size(), 1, "oxvideo1",
+                                 kMaster.data());
+    return key;
+}
+
+class PlatformTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_GE(::sodium_init(), 0);
+        agent_.emplace(Agent::Setup{
+            .arguments = {"--saas-url", "ws://127.0.0.1:" + std::to_string(backend_.port()),
+                          "--token", "agent-secret", "--reconnect-grace", "2"}});
+        peer_.emplace(backend_.accept());
+        const std::string request = peer_->accept_upgrade();
+        EXPECT_NE(request.find("GET /agent/connect HTTP/1.1\r\n"), std::string::npos);
+        EXPECT_NE(request.find("\r\nagent-token: agent-secret\r\n"), std::string::npos);
+        registration_ = next("register");
+    }
+
+    /// The next message of this type; what else comes is passed over.
+    json next(const std::string& type) {
+        while (const auto frame = peer_->read_frame()) {
+            const json message = json::parse(*frame);
+            if (message["type"] == type) return message;
+        }
+        ADD_FAILURE() << "no " << type;
+        return {};
+    }
+
+    void prepare(const std::string& id) {
+        peer_->send_text(json{
+            {"type", "prepare_session"},
+            {"session_id", id},
+            {"client_id", "someone"},
+            {"encryption_key", base64(kMaster.data(), kMaster.size())},
+            {"session_token_sha256",
+             kTokenSha256}}.dump());
+    }
+
+    /// Prepares a session and brings a launcher into it.
+    Player& play(const std::string& id) {
+        const size_t before = listening_count_++;
+        prepare(id);
+        EXPECT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", before + 1));
+        player_.emplace(*agent_);
+        EXPECT_TRUE(player_->receive_frames(5));
+        const json ready = next("session_ready");
+        EXPECT_EQ(ready["session_id"], id);
+        EXPECT_EQ(ready["public_ip"], "0.0.0.0");
+        const int base = agent_->port_base();
+        EXPECT_EQ(ready["ports"],
+                  (json{{"audio", base + 1}, {"input", base + 2}, {"video", base}}));
+        return *player_;
+    }
+
+    void expect_ended(const std::string& id, const std::string& reason) {
+        const json ended = next("session_ended");
+        EXPECT_EQ(ended["session_id"], id);
+        EXPECT_EQ(ended["reason"], reason);
+        EXPECT_TRUE(ended["duration_sec"].is_number_unsigned());
+        player_.reset();
+    }
+
+    RawBackend backend_;
+    std::optional<Agent> agent_;
+    std::optional<RawPeer> peer_;
+    std::optional<Player> player_;
+    json registration_;
+    size_t listening_count_ = 0;
+};
+
+TEST_F(PlatformTest, SessionAfterSessionThroughEveryWayToEnd) {
+    EXPECT_EQ(registration_["port_base"], agent_->port_base());
+    EXPECT_EQ(registration_["max_resolution"], "1920x1080");
+    EXPECT_EQ(registration_["max_fps"], 60);
+    EXPECT_EQ(registration_["supported_codecs"], (json{"h264", "hevc"}));
+
+    EXPECT_EQ(play("s1").video_key(), derived_video_key());
+    player_->say("end_session");
+    expect_ended("s1", "client_end_session");
+
+    play("s2");
+    peer_->send_text(R"({"type":"terminate_session","session_id":"s2","reason":"over"})");
+    expect_ended("s2", "saas_terminated");
+
+    // Dropped, back under the same keys with frame numbers that run on, dropped for good.
+    play("s3");
+    const uint32_t last = player_->frames().back().frame_id;
+    player_.reset();
+    ASSERT_TRUE(agent_->wait_for_log("holding the session for up to 2s"));
+    ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", ++listening_count_));
+    player_.emplace(*agent_);
+    ASSERT_TRUE(player_->receive_frames(3));
+    EXPECT_EQ(player_->video_key(), derived_video_key());
+    EXPECT_GT(player_->frames().front().frame_id, last);
+    player_.reset();
+    expect_ended("s3", "disconnect_timeout");
+    ++listening_count_;
+
+    play("s4");
+    agent_->process().signal(SIGTERM);
+    expect_ended("s4", "shutdown");
+    EXPECT_EQ(agent_->process().wait(kPatience), 0);
+    EXPECT_TRUE(agent_->wait_for_log("orvex-agent stopped"));
+    EXPECT_EQ(agent_->log().count("agent-secret"), 0U);
+    EXPECT_EQ(agent_->log().count(base64(kMaster.data(), kMaster.size())), 0U);
+}
+
+TEST_F(PlatformTest, OnlyTheNewestPreparedSessionFollowsARunningOne) {
+    play("s1");
+    prepare("s2");
+    prepare("s3");
+    ASSERT_TRUE(agent_->wait_for_log("prepare_session id=s3"));
+    ++listening_count_;
+    player_->say("end_session");
+    expect_ended("s1", "client_end_session");
+    ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", listening_count_));
+    player_.emplace(*agent_);
+    EXPECT_EQ(next("session_ready")["session_id"], "s3");
+    agent_->process().signal(SIGTERM);
+    expect_ended("s3", "shutdown");
+    EXPECT_EQ(agent_->process().wait(kPatience), 0);
+}
+
+TEST_F(PlatformTest, ALinkThatFlapsDuringASessionLosesNothingThatMatters) {
+    play("s1");
+    peer_.reset();
+    peer_.emplace(backend_.accept());
+    peer_->accept_upgrade();
+    next("register");
+    EXPECT_EQ(next("session_ready")["session_id"], "s1");
+    ASSERT_TRUE(player_->receive_frames(3));
+    player_->say("end_session");
+    expect_ended("s1", "client_end_session");
+    agent_->process().signal(SIGTERM);
+    EXPECT_EQ(agent_->process().wait(kPatience), 0);
+}
+
+TEST_F(PlatformTest, ATerminateOrAShutdownWhileNobodyHasConnectedEndsTheWait) {
+    prepare("s1");
+    ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port"));
+    peer_->send_text(R"({"type":"terminate_session","session_id":"s1"})");
+    expect_ended("s1", "handshake_failed:SESSION_ABORTED");
+    prepare("s2");
+    ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", 2));
+    agent_->process().signal(SIGTERM);
+    expect_ended("s2", "handshake_failed:SESSION_ABORTED");
+    EXPECT_EQ(agent_->process().wait(kPatience), 0);
+}
+
+}  // namespace
+}  // namespace ox::test

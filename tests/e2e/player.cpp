@@ -1,0 +1,90 @@
+#include "e2e/player.h"
+
+#include <algorithm>
+#include <span>
+#include <stdexcept>
+
+#include "base/clock.h"
+#include "launcher/control_messages.h"
+
+namespace ox::test {
+
+Player::Player(const Agent& agent) : Player(agent, Setup{}) {}
+
+Player::Player(const Agent& agent, const Setup& setup)
+    : setup_(setup), control_(agent.control_port(), kPatience) {
+    std::string error;
+    const auto codec = setup.codec == 1 ? launcher::Codec::Hevc : launcher::Codec::H264;
+    if (!media_.open(agent.port_base(), error) || !decoder_.open(codec, error)) {
+        throw std::runtime_error(error);
+    }
+    const launcher::AuthRequest request{.token = kToken,
+                                        .codec = setup.codec,
+                                        .width = setup.width,
+                                        .height = setup.height,
+                                        .fps = setup.fps,
+                                        .bitrate_kbps = setup.bitrate_kbps,
+                                        .udp_ip = {}};
+    SessionKeySet keys;
+    const auto deadline = SteadyClock::now() + kPatience;
+    // Between two sessions the port is closed for a moment, and what waited there is reset.
+    for (;;) {
+        control_.send(launcher::make_auth_line(request) + "\n");
+        const auto answer = control_.read_line(kPatience);
+        if (answer && launcher::parse_session_ready(*answer, keys, error)) break;
+        if (answer || SteadyClock::now() >= deadline) {
+            throw std::runtime_error("not let in: " + error);
+        }
+        control_ = TcpClient(agent.control_port(), kPatience);
+    }
+    video_key_.assign(keys.video_key.begin(), keys.video_key.end());
+    receiver_.emplace(std::span<const uint8_t, 32>(keys.video_key),
+                      launcher::VideoReceiver::Config{});
+    media_.set_agent("127.0.0.1", static_cast<uint16_t>(agent.port_base() + 4));
+}
+
+bool Player::receive_until(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+    const auto deadline = SteadyClock::now() + timeout;
+    while (!done()) {
+        if (SteadyClock::now() >= deadline) return false;
+        if (setup_.probe && receiver_->stats().packets == 0) media_.send_probe();
+        media_.receive(std::chrono::milliseconds(5), [&](std::span<const uint8_t> datagram) {
+            receiver_->on_datagram(datagram, steady_now_us());
+            take_frames();
+        });
+        receiver_->on_time(steady_now_us());
+        take_frames();
+        if (receiver_->take_keyframe_request(steady_now_us()) && setup_.request_keyframes) {
+            say("request_idr");
+        }
+    }
+    return true;
+}
+
+bool Player::receive_frames(size_t count) {
+    const size_t wanted = frames_.size() + count;
+    return receive_until([&] { return frames_.size() >= wanted; });
+}
+
+void Player::take_frames() {
+    while (const auto frame = receiver_->next_frame()) {
+        frames_.push_back({frame->frame_id, frame->keyframe, frame->data.size()});
+        decoder_.decode(*frame, [&](const launcher::DecodedPicture& picture) {
+            ++pictures_;
+            stamps_.add(picture.frame_id, launcher::read_frame_stamp(picture.luma));
+            if (on_picture) on_picture(picture);
+        });
+    }
+}
+
+void Player::say(const std::string& type, const std::string& more) {
+    control_.send(R"({"type":")" + type + "\"" + more + "}\n");
+}
+
+size_t Player::keyframes_since(size_t first_frame) const {
+    return static_cast<size_t>(std::count_if(frames_.begin() + static_cast<ptrdiff_t>(first_frame),
+                                             frames_.end(),
+                                             [](const Frame& frame) { return frame.keyframe; }));
+}
+
+}  // namespace ox::test

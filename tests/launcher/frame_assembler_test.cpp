@@ -1,0 +1,232 @@
+#include "launcher/frame_assembler.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "transport/packetizer.h"
+
+namespace ox::launcher {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Packets = std::vector<OutgoingPacket>;
+
+Bytes random_unit(size_t size, std::mt19937& random) {
+    Bytes bytes(size);
+    std::ranges::generate(bytes, [&] { return static_cast<uint8_t>(random()); });
+    bytes.back() |= 0x80;  // as in a real access unit, the last byte is not zero
+    return bytes;
+}
+
+Packets packets_of(const Bytes& data, uint32_t frame_id, bool keyframe) {
+    Packets packets;
+    Packetizer().packetize(
+        {.data = data, .frame_id = frame_id, .timestamp = 1000 + frame_id, .keyframe = keyframe}, 1,
+        packets);
+    return packets;
+}
+
+PacketVerdict push(FrameAssembler& assembler, const OutgoingPacket& packet, uint64_t now = 1) {
+    return assembler.push(packet.header, packet.payload.bytes(), now);
+}
+
+PacketHeader header(uint16_t index, uint16_t count, uint8_t flags = 0, uint32_t frame_id = 7) {
+    return {.stream = kStreamVideo,
+            .frame_id = frame_id,
+            .index = index,
+            .count = count,
+            .flags = flags};
+}
+
+TEST(FrameAssembler, RebuildsAnySingleLossOfEachGroup) {
+    std::mt19937 random(1);
+    for (const size_t size :
+         {1163U, 2U * 1162, 8U * 1162, 8U * 1162 + 1, 9U * 1162, 20U * 1162 - 7, 2100U * 1162}) {
+        const Bytes unit = random_unit(size, random);
+        const Packets packets = packets_of(unit, 5, true);
+        const size_t count = packets[0].header.count;
+        const size_t covered = std::min<size_t>(count, 255 * 8);
+        // Place by place, the same place of every group is lost, and the rest comes in reverse
+        // before the parity.
+        for (size_t place = 0; place < std::min<size_t>(8, covered); ++place) {
+            FrameAssembler assembler;
+            for (size_t i = count; i-- > 0;)
+                if (i >= covered || i % 8 != place) push(assembler, packets[i]);
+            for (size_t i = count; i < packets.size(); ++i)
+                push(assembler, packets[i]);
+            const auto frame = assembler.pop();
+            ASSERT_TRUE(frame) << size << " bytes, place " << place;
+            EXPECT_EQ(frame->data, unit) << size << " bytes, place " << place;
+            EXPECT_EQ(frame->timestamp, place == 0 ? 0U : 1005U);
+            EXPECT_EQ(assembler.counters().packets_recovered, (covered + 7 - place) / 8);
+            EXPECT_EQ(assembler.pending_bytes(), 0U);
+        }
+    }
+}
+
+TEST(FrameAssembler, TwoLossesInOneGroupLoseTheFrameAndNothingElse) {
+    std::mt19937 random(2);
+    const Bytes first = random_unit(20000, random);
+    FrameAssembler assembler;
+    for (const auto& packet : packets_of(first, 0, true))
+        if (packet.header.index != 9 && packet.header.index != 12) push(assembler, packet, 1000);
+    EXPECT_FALSE(assembler.pop());
+    for (const uint32_t id : {1U, 2U}) {
+        EXPECT_FALSE(assembler.pop()) << "must wait for frame 0 within the reordering window";
+        for (const auto& packet : packets_of(first, id, false))
+            push(assembler, packet, 1000 + id);
+    }
+    const auto frame = assembler.pop();
+    ASSERT_TRUE(frame) << "two whole successors end the wait";
+    EXPECT_EQ(frame->frame_id, 1U);
+    EXPECT_EQ(frame->lost_before, 1U);
+    EXPECT_EQ(assembler.pop()->lost_before, 0U);
+    EXPECT_EQ(push(assembler, packets_of(first, 0, true)[9]), PacketVerdict::Late);
+    EXPECT_EQ(push(assembler, packets_of(first, 1, false)[3]), PacketVerdict::Duplicate);
+    EXPECT_EQ(assembler.counters().frames_lost, 1U);
+    EXPECT_EQ(assembler.counters().packets_lost, 2U);
+}
+
+TEST(FrameAssembler, TimeEndsTheWaitForAGap) {
+    const Bytes unit{1, 2, 3};
+    FrameAssembler assembler({.reorder_frames = 100, .reorder_us = 15'000});
+    push(assembler, packets_of(unit, 10, false)[0], 1000);
+    EXPECT_EQ(assembler.pop()->frame_id, 10U);
+    push(assembler, packets_of(unit, 14, false)[0], 2000);  // 11 to 13 are missing altogether
+    assembler.expire(16'999);
+    EXPECT_FALSE(assembler.pop());
+    EXPECT_EQ(assembler.lost_since_delivery(), 0U);
+    assembler.expire(17'000);
+    EXPECT_EQ(assembler.pop()->lost_before, 3U);
+
+    // Losses show before any later frame is whole.
+    const Packets torn = packets_of(Bytes(5000, 9), 16, false);
+    push(assembler, torn[0], 20'000);
+    assembler.expire(40'000);
+    EXPECT_EQ(assembler.lost_since_delivery(), 1U);
+    EXPECT_FALSE(assembler.pop());
+}
+
+TEST(FrameAssembler, StartsWithAnOvertakenFirstFrame) {
+    FrameAssembler assembler;
+    const Packets key = packets_of(Bytes(3000, 7), UINT32_MAX, true);
+    const Packets next = packets_of(Bytes(3000, 8), 0, false);
+    for (const auto* packet : {&next[0], &key[0], &key[1], &next[1], &key[2], &next[2]})
+        push(assembler, *packet);
+    EXPECT_EQ(assembler.pop()->frame_id, UINT32_MAX);
+    EXPECT_EQ(assembler.pop()->frame_id, 0U);
+}
+
+// A long stream over a bad network: whatever is delivered is right, in order, and accounted for.
+TEST(FrameAssembler, NeverDeliversWrongBytes) {
+    for (uint32_t seed = 0; seed < 12; ++seed) {
+        std::mt19937 random(seed);
+        const uint32_t loss_pct = seed % 4 * 4;  // 0, 4, 8, 12
+        constexpr uint32_t kFrames = 150;
+        const uint32_t first_id = UINT32_MAX - 100;  // wraps on the way
+        std::map<uint32_t, Bytes> sent;
+        std::vector<std::pair<uint64_t, OutgoingPacket>> wire;  // by arrival time
+        for (uint32_t n = 0; n < kFrames; ++n) {
+            const uint32_t id = first_id + n;
+            const bool lossless = n == 0 || n + 1 == kFrames;  // what is lost there, none can know
+            sent[id] = random_unit(1 + random() % 20000, random);
+            uint64_t clock = n * 4000;  // up to two later frames overtake parts of one
+            for (const auto& packet : packets_of(sent[id], id, n % 3 == 0)) {
+                clock += 50;
+                const uint64_t arrival = clock + random() % 6000;
+                if (!lossless && random() % 100 < loss_pct) continue;
+                wire.emplace_back(arrival, packet);
+                if (random() % 20 == 0) wire.emplace_back(arrival + 700, packet);
+            }
+        }
+        std::ranges::stable_sort(wire, {}, [](const auto& entry) { return entry.first; });
+
+        FrameAssembler assembler;
+        uint64_t delivered = 0;
+        uint64_t lost = 0;
+        uint32_t expected_id = first_id;
+        const auto take_all = [&] {
+            while (const auto frame = assembler.pop()) {
+                expected_id += static_cast<uint32_t>(frame->lost_before);
+                ASSERT_EQ(frame->frame_id, expected_id++) << "seed " << seed;
+                ASSERT_EQ(frame->data, sent[frame->frame_id]) << "seed " << seed;
+                ++delivered;
+                lost += frame->lost_before;
+            }
+        };
+        for (const auto& [now, packet] : wire) {
+            EXPECT_NE(push(assembler, packet, now), PacketVerdict::Malformed);
+            take_all();
+        }
+        assembler.expire(wire.back().first + 1'000'000);
+        take_all();
+        EXPECT_EQ(delivered + lost, kFrames) << "seed " << seed;
+        EXPECT_EQ(assembler.pending_bytes(), 0U);
+        if (loss_pct == 0) {
+            EXPECT_EQ(lost, 0U) << "reordering alone must lose nothing, seed " << seed;
+        }
+        EXPECT_GT(delivered, kFrames / 8U) << "seed " << seed;
+    }
+}
+
+TEST(FrameAssembler, RefusesWhatNoAgentSends) {
+    using namespace packet_flags;
+    const Bytes full(kVideoPayloadBytes, 1);
+    const Bytes longer(kVideoPayloadBytes + 1, 1);
+    const struct {
+        const char* what;
+        PacketHeader header;
+        const Bytes& payload;
+    } cases[] = {
+        {"no packets", header(0, 0), full},
+        {"index at count", header(3, 3), full},
+        {"short packet inside", header(0, 2), Bytes(500, 1)},
+        {"empty last packet", header(1, 2), {}},
+        {"long last packet", header(1, 2), longer},
+        {"parity among the data", header(1, 3, FEC_PACKET), full},
+        {"parity of a group that is not there", header(5, 3, FEC_PACKET), full},
+        {"256th parity packet", header(3000 + 255, 3000, FEC_PACKET), full},
+        {"short parity", header(3, 3, FEC_PACKET), Bytes(500, 1)},
+        {"audio bit", header(0, 1, AUDIO), full},
+        {"other stream", {.stream = kStreamAudio, .count = 1}, full},
+    };
+    FrameAssembler assembler;
+    for (const auto& c : cases)
+        EXPECT_EQ(assembler.push(c.header, c.payload, 1), PacketVerdict::Malformed) << c.what;
+    EXPECT_EQ(assembler.pending_frames(), 0U);
+
+    // Packets of one frame that contradict each other: the first word counts.
+    EXPECT_EQ(assembler.push(header(0, 3), full, 1), PacketVerdict::Data);
+    EXPECT_EQ(assembler.push(header(1, 4), full, 1), PacketVerdict::Malformed);
+    EXPECT_EQ(assembler.push(header(1, 3, KEYFRAME), full, 1), PacketVerdict::Malformed);
+}
+
+TEST(FrameAssembler, StaysWithinItsMemoryWhateverComes) {
+    std::mt19937 random(3);
+    const FrameAssembler::Limits limits{.pending_frames = 16, .pending_bytes = 4'000'000};
+    FrameAssembler assembler(limits);
+    const Bytes full(kVideoPayloadBytes, 1);
+    for (int i = 0; i < 5000; ++i) {
+        PacketHeader h =
+            header(static_cast<uint16_t>(random() % 800), 0, static_cast<uint8_t>(random() % 4),
+                   static_cast<uint32_t>(random()));
+        h.count = static_cast<uint16_t>(random() % 800);
+        assembler.push(h, full, static_cast<uint64_t>(i));
+        ASSERT_LE(assembler.pending_frames(), limits.pending_frames);
+        ASSERT_LE(assembler.pending_bytes(), limits.pending_bytes);
+        while (assembler.pop()) {
+        }
+    }
+    // The largest frame that a header can announce, of which only the end comes.
+    FrameAssembler roomy;
+    for (uint32_t id = 0; id < 4; ++id)
+        roomy.push(header(65534, 65535, 0, id), full, 1);
+    EXPECT_LE(roomy.pending_bytes(), 96U * 1024 * 1024);
+}
+
+}  // namespace
+}  // namespace ox::launcher

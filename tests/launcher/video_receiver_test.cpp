@@ -1,0 +1,137 @@
+#include "launcher/video_receiver.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <vector>
+
+#include "launcher/sealed_datagrams.h"
+
+namespace ox::launcher {
+namespace {
+
+constexpr std::array<uint8_t, 32> kKey = {1, 2, 3};
+
+using test::Datagram;
+
+std::vector<Datagram> seal_frame(uint32_t id, bool keyframe, size_t size = 3000) {
+    EncodedFrame frame;
+    frame.data.assign(size, 0x55);
+    frame.frame_id = id;
+    frame.timestamp = 1;
+    frame.keyframe = keyframe;
+    return test::sealed_datagrams(frame, kKey.data());
+}
+
+// A receiver, and the ids of the frames that it lets through.
+struct Fixture {
+    explicit Fixture(const VideoReceiver::Config& config = {}) : receiver(kKey, config) {}
+
+    void feed(const std::vector<Datagram>& datagrams, size_t without = SIZE_MAX) {
+        for (size_t i = 0; i < datagrams.size(); ++i)
+            if (i != without) receiver.on_datagram(datagrams[i], now);
+        collect();
+    }
+    void pass_time(uint64_t us) {
+        now += us;
+        receiver.on_time(now);
+        collect();
+    }
+    void collect() {
+        while (const auto frame = receiver.next_frame())
+            passed.push_back(frame->frame_id);
+    }
+
+    VideoReceiver receiver;
+    uint64_t now = 1'000'000;
+    std::vector<uint32_t> passed;
+};
+
+TEST(VideoReceiver, WithholdsWhatBuildsOnALossUntilAKeyframe) {
+    for (const bool decode_damaged : {false, true}) {
+        Fixture f({.limits = {}, .decode_damaged = decode_damaged});
+        f.feed(seal_frame(0, true));
+        f.feed(seal_frame(1, false));
+        f.feed(seal_frame(2, false), 1);  // no parity on this one: lost
+        f.feed(seal_frame(3, false));
+        EXPECT_FALSE(f.receiver.take_keyframe_request(f.now)) << "may still be on its way";
+        f.pass_time(300'000);
+        EXPECT_TRUE(f.receiver.take_keyframe_request(f.now));
+        EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 249'999));
+        EXPECT_TRUE(f.receiver.take_keyframe_request(f.now + 250'000))
+            << "the keyframe may be lost";
+        f.feed(seal_frame(4, false));
+        f.feed(seal_frame(5, true), 2);  // repaired from parity
+        f.feed(seal_frame(6, false));
+        EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 900'000));
+        const std::vector<uint32_t> expected = decode_damaged
+                                                   ? std::vector<uint32_t>{0, 1, 3, 4, 5, 6}
+                                                   : std::vector<uint32_t>{0, 1, 5, 6};
+        EXPECT_EQ(f.passed, expected);
+        EXPECT_EQ(f.receiver.stats().assembly.frames_lost, 1U);
+        EXPECT_EQ(f.receiver.stats().assembly.frames_repaired, 1U);
+        EXPECT_EQ(f.receiver.stats().keyframe_requests, 2U);
+    }
+}
+
+TEST(VideoReceiver, FramesBeforeALossPassInTheSameBreath) {
+    Fixture f;
+    f.feed(seal_frame(0, true));
+    // 1 waits for its last packet while 2 is lost in part and 3 and 4 are whole.
+    const auto late = seal_frame(1, false);
+    f.feed(late, 2);
+    f.feed(seal_frame(2, false), 0);
+    f.feed(seal_frame(3, true));
+    f.receiver.on_datagram(late[2], f.now);
+    f.pass_time(20'000);
+    EXPECT_EQ(f.passed, (std::vector<uint32_t>{0, 1, 3}));
+    EXPECT_EQ(f.receiver.stats().frames_withheld, 0U);
+}
+
+TEST(VideoReceiver, AsksBeforeAnotherFrameIsWhole) {
+    Fixture f;
+    f.feed(seal_frame(0, true));
+    f.pass_time(300'000);
+    EXPECT_FALSE(f.receiver.take_keyframe_request(f.now));
+    f.feed(seal_frame(1, false), 0);
+    f.feed(seal_frame(2, false), 0);
+    f.pass_time(14'000);
+    EXPECT_FALSE(f.receiver.take_keyframe_request(f.now));
+    f.pass_time(1'000);
+    EXPECT_TRUE(f.receiver.take_keyframe_request(f.now));
+    EXPECT_EQ(f.passed.size(), 1U);
+}
+
+TEST(VideoReceiver, AsksForAKeyframeWhenTheFirstOneNeverComes) {
+    Fixture f;
+    EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 9'000'000)) << "no media, no request";
+    f.feed(seal_frame(7, false));
+    EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 249'000));
+    EXPECT_TRUE(f.receiver.take_keyframe_request(f.now + 250'000));
+    f.receiver.on_frame_dropped();
+    EXPECT_TRUE(f.passed.empty());
+    EXPECT_EQ(f.receiver.stats().frames_withheld, 1U);
+}
+
+TEST(VideoReceiver, CountsWhatItCannotOpenAndNothingElseHappens) {
+    Fixture f;
+    auto datagrams = seal_frame(0, true);
+    for (size_t i = 0; i < datagrams[0].size(); i += 97) {
+        Datagram flipped = datagrams[0];
+        flipped[i] ^= 1;
+        f.receiver.on_datagram(flipped, f.now);
+    }
+    const size_t flips = (datagrams[0].size() + 96) / 97;
+    f.receiver.on_datagram({}, f.now);
+    f.receiver.on_datagram(std::span(datagrams[0]).first(37), f.now);
+    f.receiver.on_datagram(Datagram(1500, 0), f.now);
+    EXPECT_EQ(f.receiver.stats().undecryptable, flips + 3);
+    EXPECT_EQ(f.receiver.stats().packets, 0U);
+    // A lone packet comes twice; the second copy changes nothing.
+    f.feed(seal_frame(0, true, 40));
+    EXPECT_EQ(f.receiver.stats().duplicates, 1U);
+    EXPECT_EQ(f.passed.size(), 1U);
+}
+
+}  // namespace
+}  // namespace ox::launcher
