@@ -1,0 +1,273 @@
+// Runs one sender of the pipeline comparison, receives and decodes what it sends, and measures it
+// over a window after a warm-up. The sender's picture carries the painter's time strip.
+//
+//   pipeline_probe agent PORT-BASE WxH FPS KBPS WARM-UP-S WINDOW-S COMMAND...
+//   pipeline_probe rtp   PORT      WxH FPS KBPS WARM-UP-S WINDOW-S COMMAND...
+//
+// The agent's session token comes from ORVEX_TOKEN. Prints one line of name=value pairs.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "base/clock.h"
+#include "base/sleep.h"
+#include "launcher/control_client.h"
+#include "launcher/control_messages.h"
+#include "launcher/latency_histogram.h"
+#include "launcher/media_socket.h"
+#include "launcher/video_decoder.h"
+#include "launcher/video_receiver.h"
+#include "rtp_h264.h"
+#include "support/child_process.h"
+#include "time_strip.h"
+
+namespace ox::bench {
+namespace {
+
+struct Plan {
+    bool agent = false;
+    uint16_t port = 0;
+    int width = 0;
+    int height = 0;
+    int fps = 0;
+    int kbps = 0;
+    double warm_up_s = 0;
+    double window_s = 0;
+    std::vector<std::string> command;
+};
+
+/// Access units from the network, in order.
+class Source {
+  public:
+    using Sink = std::function<void(const launcher::AssembledFrame&)>;
+    virtual ~Source() = default;
+    /// Called once the sender runs.
+    virtual void start() = 0;
+    virtual void receive(const Sink& sink) = 0;
+    [[nodiscard]] virtual uint64_t lost() const = 0;
+};
+
+constexpr std::chrono::milliseconds kPoll{5};
+
+void open_socket(launcher::MediaSocket& socket, uint16_t port) {
+    std::string error;
+    if (!socket.open(port, error)) throw std::runtime_error(error);
+}
+
+class RtpSource final : public Source {
+  public:
+    explicit RtpSource(uint16_t port) { open_socket(socket_, port); }
+    void start() override {}
+    void receive(const Sink& sink) override {
+        socket_.receive(kPoll, [&](std::span<const uint8_t> datagram) {
+            if (auto unit = units_.push(datagram)) {
+                launcher::AssembledFrame frame;
+                frame.data = std::move(*unit);
+                sink(frame);
+            }
+        });
+    }
+    [[nodiscard]] uint64_t lost() const override { return units_.lost(); }
+
+  private:
+    launcher::MediaSocket socket_;
+    RtpH264 units_;
+};
+
+class AgentSource final : public Source {
+  public:
+    explicit AgentSource(const Plan& plan) : plan_(plan) { open_socket(socket_, plan.port); }
+    void start() override {
+        const char* token = std::getenv("ORVEX_TOKEN");
+        const launcher::AuthRequest request{.token = token != nullptr ? token : "",
+                                            .codec = 0,
+                                            .width = plan_.width,
+                                            .height = plan_.height,
+                                            .fps = plan_.fps,
+                                            .bitrate_kbps = plan_.kbps,
+                                            .udp_ip = {}};
+        const auto result = control_.connect(
+            "127.0.0.1", static_cast<uint16_t>(plan_.port + 3), launcher::make_auth_line(request),
+            SteadyClock::now() + std::chrono::seconds(10), [] { return false; });
+        if (result != launcher::ConnectResult::Ready) throw std::runtime_error(control_.error());
+        socket_.set_agent("127.0.0.1", static_cast<uint16_t>(plan_.port + 4));
+        receiver_.emplace(std::span<const uint8_t, 32>(control_.keys().video_key),
+                          launcher::VideoReceiver::Config{});
+    }
+    void receive(const Sink& sink) override {
+        if (receiver_->stats().packets == 0) socket_.send_probe();
+        socket_.receive(kPoll, [&](std::span<const uint8_t> datagram) {
+            receiver_->on_datagram(datagram, steady_now_us());
+            hand_out(sink);
+        });
+        receiver_->on_time(steady_now_us());
+        hand_out(sink);
+        if (receiver_->take_keyframe_request(steady_now_us())) {
+            control_.send_line(launcher::kRequestIdrLine);
+        }
+    }
+    [[nodiscard]] uint64_t lost() const override {
+        return receiver_->stats().assembly.packets_lost;
+    }
+
+  private:
+    void hand_out(const Sink& sink) {
+        while (const auto frame = receiver_->next_frame())
+            sink(*frame);
+    }
+
+    const Plan plan_;
+    launcher::MediaSocket socket_;
+    launcher::ControlClient control_;
+    std::optional<launcher::VideoReceiver> receiver_;
+};
+
+// The senders are single processes, so their own times are those of the whole tree.
+class Measurement {
+  public:
+    explicit Measurement(const test::ChildProcess& sender)
+        : sender_(sender), begin_(SteadyClock::now()), cpu_(sender.cpu_time()) {}
+
+    void add(const launcher::DecodedPicture& picture) {
+        const uint64_t now = steady_now_us();
+        ++frames_;
+        const auto painted =
+            read_strip(picture.luma.bytes.data(), static_cast<ptrdiff_t>(picture.luma.stride),
+                       picture.luma.width, picture.luma.height);
+        if (painted && *painted <= now) {
+            latency_.add(now - *painted);
+        } else {
+            ++unreadable_;
+        }
+    }
+    /// A frame is whole; from the agent it tells when its picture was taken.
+    void add_whole(const launcher::AssembledFrame& frame) {
+        if (frame.timestamp != 0 && frame.completed >= frame.timestamp) {
+            wire_.add(frame.completed - frame.timestamp);
+        }
+    }
+    [[nodiscard]] double seconds() const {
+        return std::chrono::duration<double>(SteadyClock::now() - begin_).count();
+    }
+    void print(uint64_t lost_packets) const {
+        const double time = seconds();
+        const auto cpu = static_cast<double>((sender_.cpu_time() - cpu_).count());
+        const auto frames = static_cast<double>(frames_);
+        const auto ms = [](const launcher::LatencyHistogram& times, double percent) {
+            return static_cast<double>(times.percentile_us(percent)) / 1000;
+        };
+        std::printf(
+            "frames=%llu fps=%.1f cpu_ms=%.3f p50_ms=%.1f p99_ms=%.1f wire_p50_ms=%.1f "
+            "wire_p99_ms=%.1f rss_mb=%.0f lost=%llu unreadable=%llu\n",
+            static_cast<unsigned long long>(frames_), frames / time, cpu / frames, ms(latency_, 50),
+            ms(latency_, 99), ms(wire_, 50), ms(wire_, 99), peak_resident_mb(),
+            static_cast<unsigned long long>(lost_packets),
+            static_cast<unsigned long long>(unreadable_));
+    }
+    [[nodiscard]] uint64_t frames() const { return frames_; }
+
+  private:
+    [[nodiscard]] double peak_resident_mb() const {
+        std::ifstream status("/proc/" + std::to_string(sender_.pid()) + "/status");
+        for (std::string name; status >> name;) {
+            double kilobytes = 0;
+            if (name == "VmHWM:" && status >> kilobytes) return kilobytes / 1024;
+        }
+        return 0;
+    }
+
+    const test::ChildProcess& sender_;
+    SteadyClock::time_point begin_;
+    std::chrono::milliseconds cpu_;
+    launcher::LatencyHistogram latency_;  ///< painted to decoded
+    launcher::LatencyHistogram wire_;     ///< captured to last datagram; the agent's streams only
+    uint64_t frames_ = 0;
+    uint64_t unreadable_ = 0;
+};
+
+int run(const Plan& plan) {
+    std::unique_ptr<Source> source;
+    if (plan.agent) {
+        source = std::make_unique<AgentSource>(plan);
+    } else {
+        source = std::make_unique<RtpSource>(plan.port);
+    }
+    launcher::VideoDecoder decoder;
+    std::string error;
+    if (!decoder.open(launcher::Codec::H264, error)) throw std::runtime_error(error);
+
+    test::ChildProcess sender(
+        {.argv = plan.command, .environment = {}, .stderr_path = "/dev/stderr"});
+    source->start();
+    std::optional<Measurement> measurement;
+    std::optional<SteadyClock::time_point> first_picture;
+    const auto give_up = SteadyClock::now() + std::chrono::seconds(20) +
+                         std::chrono::duration_cast<SteadyClock::duration>(
+                             std::chrono::duration<double>(plan.warm_up_s + plan.window_s));
+    while (!measurement || measurement->seconds() < plan.window_s) {
+        if (!sender.running() || SteadyClock::now() > give_up) {
+            std::fprintf(stderr, "pipeline_probe: no stream from %s\n", plan.command[0].c_str());
+            return 1;
+        }
+        source->receive([&](const launcher::AssembledFrame& frame) {
+            if (measurement) measurement->add_whole(frame);
+            decoder.decode(frame, [&](const launcher::DecodedPicture& picture) {
+                const auto now = SteadyClock::now();
+                if (!first_picture) first_picture = now;
+                if (measurement) measurement->add(picture);
+                if (!measurement &&
+                    std::chrono::duration<double>(now - *first_picture).count() >= plan.warm_up_s) {
+                    measurement.emplace(sender);
+                }
+            });
+        });
+    }
+    if (measurement->frames() == 0) {
+        std::fprintf(stderr, "pipeline_probe: the stream stopped\n");
+        return 1;
+    }
+    measurement->print(source->lost());
+    sender.signal(SIGINT);
+    if (!sender.wait(std::chrono::seconds(5))) sender.signal(SIGKILL);
+    return 0;
+}
+
+}  // namespace
+}  // namespace ox::bench
+
+int main(int argc, char** argv) {
+    if (argc < 9) {
+        std::fprintf(stderr,
+                     "usage: %s agent|rtp PORT WxH FPS KBPS WARM-UP-S WINDOW-S COMMAND...\n",
+                     argv[0]);
+        return 2;
+    }
+    ox::bench::Plan plan;
+    plan.agent = std::string(argv[1]) == "agent";
+    plan.port = static_cast<uint16_t>(std::atoi(argv[2]));
+    if (std::sscanf(argv[3], "%dx%d", &plan.width, &plan.height) != 2) return 2;
+    plan.fps = std::atoi(argv[4]);
+    plan.kbps = std::atoi(argv[5]);
+    plan.warm_up_s = std::atof(argv[6]);
+    plan.window_s = std::atof(argv[7]);
+    plan.command.assign(argv + 8, argv + argc);
+    try {
+        return ox::bench::run(plan);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "pipeline_probe: %s\n", error.what());
+        return 1;
+    }
+}

@@ -1,0 +1,145 @@
+// The lower bound of the pipeline comparison: x264 with the agent's settings, paced, on pictures of
+// the painter's scene that lie ready in its own format. Nothing is captured, converted or sent.
+//
+//   x264_alone DISPLAY FPS KBPS WARM-UP-S WINDOW-S
+
+#include <sys/resource.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "base/clock.h"
+#include "base/sleep.h"
+#include "log/log.h"
+#include "video/av_handles.h"
+#include "video/encoder_options.h"
+#include "video/picture_converter.h"
+#include "video/x11_capture.h"
+
+namespace {
+
+constexpr size_t kPictures = 60;
+
+double cpu_ms() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    const auto ms = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_usec) / 1e3;
+    };
+    return ms(usage.ru_utime) + ms(usage.ru_stime);
+}
+
+class Pacer {
+  public:
+    explicit Pacer(int fps) : interval_(std::chrono::nanoseconds(1'000'000'000 / fps)) {}
+    void wait() {
+        next_ += interval_;
+        ox::sleep_until_steady(next_);
+    }
+
+  private:
+    std::chrono::nanoseconds interval_;
+    ox::SteadyClock::time_point next_ = ox::SteadyClock::now();
+};
+
+std::vector<ox::AvFramePtr> record(ox::X11Capture& capture, int fps) {
+    std::vector<ox::AvFramePtr> pictures;
+    ox::PictureConverter converter(AV_PIX_FMT_YUV420P, capture.width(), capture.height());
+    ox::CapturedFrame frame;
+    Pacer pacer(fps);
+    while (pictures.size() < kPictures) {
+        ox::AvFramePtr picture(av_frame_alloc());
+        picture->format = AV_PIX_FMT_YUV420P;
+        picture->width = static_cast<int>(capture.width());
+        picture->height = static_cast<int>(capture.height());
+        pacer.wait();
+        if (av_frame_get_buffer(picture.get(), 32) < 0 || capture.capture_frame(frame) != 0 ||
+            !converter.ensure_input_ready(frame.width, frame.height) ||
+            !converter.convert(frame.pixels(), *picture)) {
+            return {};
+        }
+        pictures.push_back(std::move(picture));
+    }
+    return pictures;
+}
+
+// The agent's set-up of this encoder.
+ox::AvCodecContextPtr open_encoder(int width, int height, int fps, int kbps) {
+    const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
+    if (codec == nullptr) return nullptr;
+    ox::AvCodecContextPtr context(avcodec_alloc_context3(codec));
+    context->width = width;
+    context->height = height;
+    context->pix_fmt = AV_PIX_FMT_YUV420P;
+    context->time_base = {1, fps};
+    context->framerate = {fps, 1};
+    context->max_b_frames = 0;
+    context->gop_size = 30 * fps;
+    context->flags |= AV_CODEC_FLAG_LOW_DELAY;
+    context->bit_rate = context->rc_max_rate = int64_t{kbps} * 1000;
+    context->rc_buffer_size = kbps * 125;
+    context->thread_count = 0;
+    context->thread_type = FF_THREAD_SLICE;
+    ox::AvDictionary options;
+    for (const auto& choice : ox::encoder_ladder(ox::VideoCodec::H264)) {
+        if (choice.backend != ox::EncoderBackend::Software) continue;
+        for (const auto& [key, value] : choice.options)
+            options.set(key, value);
+    }
+    if (avcodec_open2(context.get(), codec, options.address()) < 0) return nullptr;
+    return context;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 6) {
+        std::fprintf(stderr, "usage: %s DISPLAY FPS KBPS WARM-UP-S WINDOW-S\n", argv[0]);
+        return 2;
+    }
+    const int fps = std::atoi(argv[2]);
+    const int kbps = std::atoi(argv[3]);
+    ox::log_level() = static_cast<int32_t>(ox::LogLevel::WARN);
+    av_log_set_level(AV_LOG_ERROR);
+    ox::X11Capture capture(argv[1]);
+    if (fps < 1 || kbps < 1 || !capture.init()) return 1;
+    const auto pictures = record(capture, fps);
+    const auto encoder = open_encoder(static_cast<int>(capture.width()),
+                                      static_cast<int>(capture.height()), fps, kbps);
+    capture.shutdown();
+    if (pictures.empty() || !encoder) {
+        std::fprintf(stderr, "%s: cannot capture or cannot encode\n", argv[0]);
+        return 1;
+    }
+    const ox::AvPacketPtr packet(av_packet_alloc());
+    const auto warm_up = static_cast<int64_t>(std::atof(argv[4]) * fps);
+    const auto window = static_cast<int64_t>(std::atof(argv[5]) * fps);
+    double begin_ms = 0;
+    size_t bytes = 0;
+    Pacer pacer(fps);
+    for (int64_t n = 0; n < warm_up + window; ++n) {
+        if (n == warm_up) {
+            begin_ms = cpu_ms();
+            bytes = 0;
+        }
+        // To and fro, so that no jump costs a scene change.
+        const size_t phase = static_cast<size_t>(n) % (2 * kPictures - 2);
+        AVFrame* picture = pictures[phase < kPictures ? phase : 2 * kPictures - 2 - phase].get();
+        picture->pts = n;
+        pacer.wait();
+        if (avcodec_send_frame(encoder.get(), picture) < 0 ||
+            avcodec_receive_packet(encoder.get(), packet.get()) < 0) {
+            std::fprintf(stderr, "%s: the encoder failed or held a picture back\n", argv[0]);
+            return 1;
+        }
+        bytes += static_cast<size_t>(packet->size);
+        av_packet_unref(packet.get());
+    }
+    const double mbps = static_cast<double>(bytes) * 8 * fps / 1e6 / static_cast<double>(window);
+    std::printf("frames=%lld cpu_ms=%.3f mbps=%.1f\n", static_cast<long long>(window),
+                (cpu_ms() - begin_ms) / static_cast<double>(window), mbps);
+    return 0;
+}
