@@ -27,7 +27,9 @@ DecodeWorker::~DecodeWorker() {
 bool DecodeWorker::open(const Config& config, std::string& error) {
     config_ = config;
     if (!decoder_.open(config.codec, error)) return false;
-    return config.save_stream.empty() || recorder_.open(config.save_stream, config.codec, error);
+    return config.save_stream.empty() ||
+           recorder_.open(config.save_stream, {.codec = config.codec, .sound = config.record_sound},
+                          error);
 }
 
 void DecodeWorker::start() {
@@ -40,7 +42,9 @@ void DecodeWorker::join() {
 
 DecodeStats DecodeWorker::stats() const {
     const std::lock_guard lock(mutex_);
-    return stats_;
+    DecodeStats stats = stats_;
+    stats.audio_frames_recorded = recorder_.audio_frames();
+    return stats;
 }
 
 void DecodeWorker::run() {

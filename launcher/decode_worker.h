@@ -30,6 +30,7 @@ struct DecodeStats {
     uint64_t without_latency = 0;      ///< no capture time, or not on this machine's clock
     StampChecker::Report stamps;
     uint64_t frames_recorded = 0;
+    uint64_t audio_frames_recorded = 0;
 };
 
 /// The decoding thread: records, decodes and measures what the queue brings, until that is closed
@@ -39,6 +40,7 @@ class DecodeWorker {
     struct Config {
         Codec codec = Codec::H264;
         std::string save_stream;  ///< empty: no recording
+        bool record_sound = false;
         bool keep_last_picture = false;
         bool check_stamps = false;
     };
@@ -53,6 +55,9 @@ class DecodeWorker {
     void start();
     /// Waits until everything in the queue, which the caller has closed, is worked off.
     void join();
+
+    /// Adds sound to the recording, if there is one. Any thread, until `finish_recording`.
+    void record_audio(const AudioFrame& frame) { recorder_.write_audio(frame); }
 
     [[nodiscard]] DecodeStats stats() const;
 
@@ -70,7 +75,7 @@ class DecodeWorker {
     FrameQueue& queue_;
     Config config_;
     VideoDecoder decoder_;                         ///< decoding thread
-    StreamRecorder recorder_;                      ///< decoding thread
+    StreamRecorder recorder_;                      ///< decoding thread, but for the sound
     StampChecker stamps_;                          ///< decoding thread
     std::unique_ptr<PictureHolder> last_picture_;  ///< decoding thread
     mutable std::mutex mutex_;

@@ -56,7 +56,7 @@ bool set_port_base(Options& options, std::string_view text) {
 }
 
 bool set_local_port(Options& options, std::string_view text) {
-    return read_number<uint16_t>(text, 1, 65535, options.local_port);
+    return read_number<uint16_t>(text, 1, 65534, options.local_port);
 }
 
 bool set_codec(Options& options, std::string_view text) {
@@ -83,7 +83,8 @@ constexpr std::array kOptions = {
     OptionSpec{"--host", "NAME", "the agent's host name or IPv4 address (127.0.0.1)",
                set_text<&Options::host>},
     OptionSpec{"--port-base", "N", "the agent's port base (47998)", set_port_base},
-    OptionSpec{"--local-port", "N", "own UDP port for video (the port base)", set_local_port},
+    OptionSpec{"--local-port", "N", "own UDP port for video, sound on the next one (the port base)",
+               set_local_port},
     OptionSpec{"--token", "TEXT", "session token; better given as ORVEX_TOKEN, which is not in ps",
                set_text<&Options::token>},
     OptionSpec{"--udp-ip", "IP", "own address to report to the agent for media (none)",
@@ -97,6 +98,8 @@ constexpr std::array kOptions = {
                set_int<&Options::fps, 1, 1000>},
     OptionSpec{"--bitrate", "KBPS", "bitrate to ask for (15000)",
                set_int<&Options::bitrate_kbps, 1, 1'000'000>},
+    OptionSpec{"--audio", "", "receive sound too, and save it with the stream",
+               set_flag<&Options::audio>},
     OptionSpec{"--seconds", "S", "end after S seconds of media; 0 = until Ctrl+C (0)",
                set_seconds<&Options::seconds>},
     OptionSpec{"--connect-timeout", "S", "for the connection and the answer to the token (10)",
@@ -182,8 +185,8 @@ std::string usage_text() {
     text +=
         "  --help, --version          print this text or the version and exit\n"
         "\n"
-        "Ports, from the port base P: control TCP P+3 and video probes UDP P+4 at the agent,\n"
-        "video UDP P here.\n"
+        "Ports, from the port base P: control TCP P+3, video probes UDP P+4 and sound probes UDP\n"
+        "P+5 at the agent; video UDP P and sound UDP P+1 here.\n"
         "\n"
         "Exit status: 0 pictures were decoded; 1 local failure (port taken, file not written);\n"
         "2 bad command line; 3 connection refused; 4 token rejected; 5 timeout (no answer, no\n"

@@ -18,7 +18,7 @@ struct BitrateChange {
 struct Options {
     std::string host = "127.0.0.1";
     uint16_t port_base = 47998;
-    uint16_t local_port = 0;  ///< own UDP port for video; 0 = the port base
+    uint16_t local_port = 0;  ///< own UDP port for video, sound on the next; 0 = the port base
     std::string token;
     std::string udp_ip;  ///< reported to the agent when not empty
     Codec codec = Codec::H264;
@@ -34,6 +34,7 @@ struct Options {
     std::string save_stream;
     std::string save_frame;
     std::string json_file;
+    bool audio = false;
     bool json = false;
     bool check_stamps = false;
     bool decode_damaged = false;

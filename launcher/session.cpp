@@ -40,6 +40,7 @@ Session::Session(const Options& options, StopPredicate stop, ProgressSink progre
       next_idr_s_(options.request_idr_every_s) {
     summary_.codec = options.codec;
     summary_.stamps_checked = options.check_stamps;
+    summary_.audio_wanted = options.audio;
 }
 
 void Session::fail(ExitStatus status, std::string error) {
@@ -60,9 +61,12 @@ Summary Session::run() {
 // Everything that can fail on this side fails before the agent is bothered.
 bool Session::open_outputs() {
     std::string error;
+    const auto audio_port = static_cast<uint16_t>(options_.local_port + 1);
     const bool opened = socket_.open(options_.local_port, error) &&
+                        (!options_.audio || audio_socket_.open(audio_port, error)) &&
                         decode_.open({.codec = options_.codec,
                                       .save_stream = options_.save_stream,
+                                      .record_sound = options_.audio,
                                       .keep_last_picture = !options_.save_frame.empty(),
                                       .check_stamps = options_.check_stamps},
                                      error);
@@ -102,7 +106,18 @@ bool Session::connect() {
     receive_.emplace(socket_, queue_, std::span(key).first<PacketOpener::kKeyBytes>(),
                      VideoReceiver::Config{.limits = {}, .decode_damaged = options_.decode_damaged},
                      [this] { control_.send_line(kRequestIdrLine); });
-    return true;
+    return !options_.audio || connect_audio();
+}
+
+bool Session::connect_audio() {
+    audio_socket_.set_agent(control_.agent_ip(), static_cast<uint16_t>(options_.port_base + 5));
+    const std::vector<uint8_t>& key = control_.keys().audio_key;
+    audio_.emplace(audio_socket_, std::span(key).first<PacketOpener::kKeyBytes>(),
+                   [this](const AudioFrame& frame) { decode_.record_audio(frame); });
+    std::string error;
+    if (audio_->start(error)) return true;
+    fail(ExitStatus::Failed, error);
+    return false;
 }
 
 void Session::stream() {
@@ -189,6 +204,10 @@ void Session::finish() {
     if (!options_.no_end) control_.send_line(kEndSessionLine);
     control_.close();
     receive_->stop();
+    if (audio_) {
+        audio_->stop();
+        summary_.audio = audio_->snapshot();
+    }
     queue_.close();
     decode_.join();
     std::string error;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "base/clock.h"
+#include "launcher/audio_worker.h"
 #include "launcher/control_client.h"
 #include "launcher/decode_worker.h"
 #include "launcher/frame_queue.h"
@@ -18,7 +19,8 @@
 namespace ox::launcher {
 
 /// One session with an agent, from the connection to the summary. The owner's thread drives it; a
-/// receiving, a decoding and a control thread work below it and are gone when `run` returns.
+/// receiving, a decoding, a control and, with sound, an audio thread work below it and are gone
+/// when `run` returns.
 class Session {
   public:
     using StopPredicate = std::function<bool()>;
@@ -34,6 +36,7 @@ class Session {
   private:
     bool open_outputs();
     bool connect();
+    bool connect_audio();
     void stream();
     /// Ends the loop of `stream` when something is over; true = go on.
     bool check(const ReceiveSnapshot& receive, SteadyClock::time_point now);
@@ -50,10 +53,12 @@ class Session {
 
     Summary summary_;
     MediaSocket socket_;
+    MediaSocket audio_socket_;
     ControlClient control_;
     FrameQueue queue_;
     DecodeWorker decode_;
     std::optional<ReceiveWorker> receive_;
+    std::optional<AudioWorker> audio_;
 
     ProgressMeter meter_;
     SteadyClock::time_point media_deadline_;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "launcher/audio_track.h"
 #include "launcher/av_handles.h"
 
 namespace ox::launcher {
@@ -41,13 +42,13 @@ bool picture_size(AVCodecID codec, const AVPacket& packet, int& width, int& heig
     return width > 0 && height > 0;
 }
 
-AvPtr<AVPacket> packet_of(const AssembledFrame& frame) {
+AvPtr<AVPacket> packet_of(const std::vector<uint8_t>& bytes, bool keyframe) {
     AvPtr<AVPacket> packet(av_packet_alloc());
-    if (!packet || frame.data.size() > INT32_MAX / 2 ||
-        av_new_packet(packet.get(), static_cast<int>(frame.data.size())) < 0)
+    if (!packet || bytes.size() > INT32_MAX / 2 ||
+        av_new_packet(packet.get(), static_cast<int>(bytes.size())) < 0)
         return nullptr;
-    std::ranges::copy(frame.data, packet->data);
-    if (frame.keyframe) packet->flags |= AV_PKT_FLAG_KEY;
+    std::ranges::copy(bytes, packet->data);
+    if (keyframe) packet->flags |= AV_PKT_FLAG_KEY;
     return packet;
 }
 
@@ -56,10 +57,13 @@ AvPtr<AVPacket> packet_of(const AssembledFrame& frame) {
 struct StreamRecorder::Impl {
     AvPtr<AVFormatContext> format;
     AVCodecID codec = AV_CODEC_ID_NONE;
+    bool sound = false;
     bool header_written = false;
     uint64_t start_timestamp = 0;  ///< capture time of time 0, agent's clock in us
     uint64_t previous_arrival = 0;
     int64_t previous_ms = -1;
+    AudioClock audio_clock;
+    int64_t previous_audio_ms = -1;
 };
 
 StreamRecorder::StreamRecorder() = default;
@@ -70,9 +74,26 @@ bool StreamRecorder::fail(const std::string& what) {
     return false;
 }
 
-bool StreamRecorder::open(const std::string& path, Codec codec, std::string& error) {
+uint64_t StreamRecorder::frames() const {
+    const std::lock_guard lock(mutex_);
+    return frames_;
+}
+
+uint64_t StreamRecorder::audio_frames() const {
+    const std::lock_guard lock(mutex_);
+    return audio_frames_;
+}
+
+std::string StreamRecorder::error() const {
+    const std::lock_guard lock(mutex_);
+    return error_;
+}
+
+bool StreamRecorder::open(const std::string& path, const Tracks& tracks, std::string& error) {
+    const std::lock_guard lock(mutex_);
     auto impl = std::make_unique<Impl>();
-    impl->codec = codec_id(codec);
+    impl->codec = codec_id(tracks.codec);
+    impl->sound = tracks.sound;
     AVFormatContext* made = nullptr;
     int result = avformat_alloc_output_context2(&made, nullptr, "matroska", path.c_str());
     impl->format.reset(made);
@@ -87,7 +108,7 @@ bool StreamRecorder::open(const std::string& path, Codec codec, std::string& err
 
 bool StreamRecorder::write_header(const AssembledFrame& keyframe) {
     Impl& impl = *impl_;
-    const AvPtr<AVPacket> packet = packet_of(keyframe);
+    const AvPtr<AVPacket> packet = packet_of(keyframe.data, true);
     AVStream* stream = packet ? avformat_new_stream(impl.format.get(), nullptr) : nullptr;
     if (stream == nullptr) return fail("cannot record: out of memory");
     AVCodecParameters& parameters = *stream->codecpar;
@@ -102,6 +123,10 @@ bool StreamRecorder::write_header(const AssembledFrame& keyframe) {
     parameters.extradata = extradata;  // freed with the stream
     parameters.extradata_size = static_cast<int>(sets.size());
     stream->time_base = {1, 1000};
+    if (impl.sound && add_opus_stream(*impl.format) == nullptr)
+        return fail("cannot record: out of memory");
+    // Sound may come late or never; pictures do not wait for it longer than this.
+    impl.format->max_interleave_delta = 1'000'000;
     if (const int result = avformat_write_header(impl.format.get(), nullptr); result < 0)
         return fail("cannot write the recording: " + av_error_text(result));
     impl.header_written = true;
@@ -129,23 +154,46 @@ int64_t StreamRecorder::presentation_ms(const AssembledFrame& frame) {
     return ms;
 }
 
+bool StreamRecorder::write_packet(AVPacket& packet, int stream, int64_t ms) {
+    AVFormatContext& format = *impl_->format;
+    packet.stream_index = stream;
+    packet.pts = packet.dts = ms;
+    av_packet_rescale_ts(&packet, {1, 1000}, format.streams[stream]->time_base);
+    // With sound, libavformat sorts the two streams by time.
+    const int result = impl_->sound ? av_interleaved_write_frame(&format, &packet)
+                                    : av_write_frame(&format, &packet);
+    return result >= 0 || fail("cannot write the recording: " + av_error_text(result));
+}
+
 bool StreamRecorder::write(const AssembledFrame& frame) {
+    const std::lock_guard lock(mutex_);
     if (!impl_ || !error_.empty()) return false;
     if (!impl_->header_written) {
         if (!frame.keyframe) return true;
         if (!write_header(frame)) return false;
     }
-    const AvPtr<AVPacket> packet = packet_of(frame);
+    const AvPtr<AVPacket> packet = packet_of(frame.data, frame.keyframe);
     if (!packet) return fail("cannot record: out of memory");
-    packet->pts = packet->dts = presentation_ms(frame);
-    av_packet_rescale_ts(packet.get(), {1, 1000}, impl_->format->streams[0]->time_base);
-    if (const int result = av_write_frame(impl_->format.get(), packet.get()); result < 0)
-        return fail("cannot write the recording: " + av_error_text(result));
+    if (!write_packet(*packet, 0, presentation_ms(frame))) return false;
     ++frames_;
     return true;
 }
 
+void StreamRecorder::write_audio(const AudioFrame& frame) {
+    const std::lock_guard lock(mutex_);
+    if (!impl_ || !impl_->sound || !error_.empty()) return;
+    const auto time = impl_->audio_clock.place(frame);
+    if (!time || impl_->start_timestamp == 0 || *time < impl_->start_timestamp) return;
+    const auto ms = static_cast<int64_t>(*time - impl_->start_timestamp) / 1000;
+    if (ms <= impl_->previous_audio_ms) return;
+    const AvPtr<AVPacket> packet = packet_of(frame.opus, true);
+    if (!packet || !write_packet(*packet, 1, ms)) return;
+    impl_->previous_audio_ms = ms;
+    ++audio_frames_;
+}
+
 bool StreamRecorder::finish() {
+    const std::lock_guard lock(mutex_);
     if (!impl_) return error_.empty();
     const std::unique_ptr<Impl> impl = std::move(impl_);
     if (!impl->header_written) return fail("nothing recorded: no keyframe came");

@@ -39,6 +39,35 @@ Json stamps_json(const StampChecker::Report& stamps) {
             {"invented", stamps.invented}};
 }
 
+Json audio_json(const Summary& summary) {
+    const AudioSnapshot& audio = summary.audio;
+    const AudioStats& stream = audio.stream;
+    return {{"packets", stream.packets},
+            {"data_packets", stream.data_packets},
+            {"repair_packets", stream.repair_packets},
+            {"packets_per_s", summary.audio_packets_per_s()},
+            {"frame_bytes", summary.audio_frame_bytes()},
+            {"duplicates", stream.duplicates},
+            {"late", stream.late},
+            {"malformed", stream.malformed},
+            {"undecryptable", stream.undecryptable},
+            {"kernel_drops", audio.kernel_drops},
+            {"packets_lost", stream.frames.repaired + stream.frames.lost},
+            {"frames_repaired", stream.frames.repaired},
+            {"frames_lost", stream.frames.lost},
+            {"frames_decoded", audio.frames_decoded},
+            {"frames_concealed", audio.frames_concealed},
+            {"frames_recorded", summary.decode.audio_frames_recorded},
+            {"decode_errors", audio.decode_errors},
+            {"first_sequence", stream.first_sequence},
+            {"last_sequence", stream.last_sequence},
+            {"seconds", audio.seconds},
+            {"jitter_ms", stream.jitter_ms},
+            {"level_dbfs", audio.sound.level_dbfs},
+            {"peak_dbfs", audio.sound.peak_dbfs},
+            {"pitch_hz", audio.sound.pitch_hz}};
+}
+
 __attribute__((format(printf, 2, 3))) void append(std::string& text, const char* format, ...) {
     std::array<char, 256> line{};
     va_list arguments;
@@ -57,6 +86,26 @@ void append_latency(std::string& text, const char* name, const LatencyHistogram&
     append(text, "%s p50 %.1f ms, p99 %.1f ms, max %.1f ms (%llu frames)\n", name,
            to_ms(latency.percentile_us(50)), to_ms(latency.percentile_us(99)),
            to_ms(latency.max_us()), static_cast<unsigned long long>(latency.samples()));
+}
+
+void append_audio(std::string& text, const Summary& summary) {
+    using Count = unsigned long long;
+    const AudioSnapshot& audio = summary.audio;
+    const AudioCounters& frames = audio.stream.frames;
+    if (audio.stream.packets == 0) {
+        append(text, "sound      none came\n");
+        return;
+    }
+    append(text, "sound      Opus 48 kHz stereo, %.1f s, %.1f packets/s of %.0f bytes\n",
+           audio.seconds, summary.audio_packets_per_s(), summary.audio_frame_bytes());
+    append(text, "           %llu frames decoded, %llu lost, %llu repaired, %llu errors\n",
+           Count{audio.frames_decoded}, Count{frames.lost}, Count{frames.repaired},
+           Count{audio.decode_errors});
+    if (audio.sound.pitch_hz > 0)
+        append(text, "           level %.1f dBFS, peak %.1f dBFS, strongest pitch %.1f Hz\n",
+               audio.sound.level_dbfs, audio.sound.peak_dbfs, audio.sound.pitch_hz);
+    else
+        append(text, "           silent\n");
 }
 
 }  // namespace
@@ -104,6 +153,19 @@ double Summary::loss_pct() const {
            static_cast<double>(counters.packets_expected);
 }
 
+double Summary::audio_packets_per_s() const {
+    const AudioStats& stream = audio.stream;
+    const double time = span_seconds(stream.first_media_us, stream.last_media_us);
+    return time > 0 ? static_cast<double>(stream.data_packets) / time : 0.0;
+}
+
+double Summary::audio_frame_bytes() const {
+    const AudioStats& stream = audio.stream;
+    return stream.data_packets == 0
+               ? 0.0
+               : static_cast<double>(stream.data_bytes) / static_cast<double>(stream.data_packets);
+}
+
 std::string to_json(const Summary& summary) {
     const ReceiveStats& stream = summary.receive.stream;
     const AssemblyCounters& assembly = stream.assembly;
@@ -148,6 +210,7 @@ std::string to_json(const Summary& summary) {
         {"latency_ms", latency_json(decode.latency)},
         {"arrival_latency_ms", latency_json(decode.arrival_latency)},
     };
+    if (summary.audio_wanted) json["audio"] = audio_json(summary);
     if (summary.stamps_checked) json["stamps"] = stamps_json(decode.stamps);
     return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
@@ -173,6 +236,7 @@ std::string to_text(const Summary& summary) {
     append(text, "network    rtt %.2f ms, jitter %.2f ms\n", summary.rtt_ms, stream.jitter_ms);
     append_latency(text, "latency    capture to decoded", decode.latency);
     append_latency(text, "           capture to arrival", decode.arrival_latency);
+    if (summary.audio_wanted) append_audio(text, summary);
     if (summary.stamps_checked)
         append(text,
                "stamps     %llu read (%u to %u), %llu unreadable, %llu out of order, "

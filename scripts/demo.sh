@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The main job on this machine: builds agent and reference launcher, streams for some seconds over
 # loopback and prints what arrived. The picture is this desktop when there is one, else a test
-# picture whose frames are numbered and checked. Leaves demo-out/stream.mkv and demo-out/frame.png;
-# ends with status 0 only if pictures were decoded.
+# picture whose frames are numbered and checked; the sound is what this machine plays, where a
+# PulseAudio server runs. Leaves demo-out/stream.mkv and demo-out/frame.png; ends with status 0 only
+# if pictures were decoded.
 #
 #   scripts/demo.sh [options]
 #     --seconds N        how long to stream (default 10)
@@ -21,7 +22,7 @@ seconds=10 capture=auto codec=h264 keep=false
 while [ $# -gt 0 ]; do
   case "$1" in
     --keep) keep=true ;;
-    -h | --help) sed -n '2,12s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    -h | --help) sed -n '2,13s/^# \{0,1\}//p' "$0"; exit 0 ;;
     --seconds | --capture | --codec)
       [ $# -ge 2 ] || fail_usage "$1 needs a value"
       printf -v "${1#--}" %s "$2"
@@ -83,8 +84,16 @@ port_base=$(find_port_base)
 token=$(od -An -N16 -tx1 /dev/urandom | tr -d ' \n')
 token_hash=$(printf %s "$token" | sha256sum | cut -c1-64)
 
+agent_sound=() launcher_sound=()
+if command -v parec >/dev/null && timeout 5 pactl info >/dev/null 2>&1; then
+  agent_sound=(--audio --audio-parity) launcher_sound=(--audio)
+else
+  echo "Sound is off: no PulseAudio server (or no parec) on this machine"
+fi
+
 OX_LOG_FILE=$out/agent.log OX_TUI=plain build/release/src/app/orvex-agent \
   --token-sha256 "$token_hash" --port-base "$port_base" --capture "$capture" --no-input \
+  "${agent_sound[@]}" \
   >"$out/agent.out" 2>&1 </dev/null &
 agent=$!
 
@@ -92,7 +101,8 @@ picture_options=()
 [ "$capture" = synthetic ] && picture_options=(--check-stamps)
 ORVEX_TOKEN=$token build/release/launcher/orvex-launcher --port-base "$port_base" \
   --codec "$codec" --seconds "$seconds" --json-file "$out/summary.json" \
-  --save-stream "$out/stream.mkv" --save-frame "$out/frame.png" "${picture_options[@]}" </dev/null &
+  --save-stream "$out/stream.mkv" --save-frame "$out/frame.png" "${picture_options[@]}" \
+  "${launcher_sound[@]}" </dev/null &
 launcher=$!
 
 status=0

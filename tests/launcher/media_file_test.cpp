@@ -61,6 +61,8 @@ TEST_P(MediaFile, EachUnitGivesItsPictureAtOnce) {
 
 // What libavformat finds in a recording.
 struct Recording {
+    std::vector<int64_t> sound_ms;
+    AVCodecID sound_codec = AV_CODEC_ID_NONE;
     std::vector<int64_t> times_ms;
     int keyframes = 0;
     int pictures = 0;
@@ -83,6 +85,13 @@ Recording read_recording(const std::string& path) {
     const AvPtr<AVFrame> picture(av_frame_alloc());
     for (bool more = true; more;) {
         more = av_read_frame(input, packet.get()) >= 0;
+        if (more && packet->stream_index == 1) {
+            const AVStream& sound = *input->streams[1];
+            found.sound_codec = sound.codecpar->codec_id;
+            found.sound_ms.push_back(av_rescale_q(packet->pts, sound.time_base, {1, 1000}));
+            av_packet_unref(packet.get());
+            continue;
+        }
         if (more) {
             found.times_ms.push_back(av_rescale_q(packet->pts, stream.time_base, {1, 1000}));
             if ((packet->flags & AV_PKT_FLAG_KEY) != 0) ++found.keyframes;
@@ -102,7 +111,7 @@ TEST_P(MediaFile, RecordingOpensWithAllPicturesAndTheirTimes) {
     StampedEncoder encoder(GetParam());
     StreamRecorder recorder;
     std::string error;
-    ASSERT_TRUE(recorder.open(path, GetParam(), error)) << error;
+    ASSERT_TRUE(recorder.open(path, {.codec = GetParam()}, error)) << error;
     // An uneven rate, a frame before the first keyframe, and one that lost its capture time.
     const std::vector<int64_t> times{0, 16, 50, 67, 1067, 1083};
     const EncodedFrame key = encoder.encode(0, 0, 1, true);
@@ -124,15 +133,50 @@ TEST_P(MediaFile, RecordingOpensWithAllPicturesAndTheirTimes) {
     EXPECT_EQ(found.pictures, static_cast<int>(times.size()));
 }
 
+TEST(MediaFileSound, LiesBesideThePicturesInTime) {
+    const test::TempDir folder;
+    const std::string path = folder.file("stream.mkv");
+    StampedEncoder encoder(Codec::H264);
+    StreamRecorder recorder;
+    std::string error;
+    ASSERT_TRUE(recorder.open(path, {.codec = Codec::H264, .sound = true}, error)) << error;
+    constexpr uint64_t kStart = 7'000'000;
+    // The times of sending waver; one frame is rebuilt and has none, two are lost, and once the
+    // recording has paused for 300 ms.
+    const auto sound = [&](uint32_t sequence, int64_t ms) {
+        const uint64_t sent = ms < 0 ? 0 : kStart + static_cast<uint64_t>(ms) * 1000;
+        recorder.write_audio({.opus = std::vector<uint8_t>{0xFC, 0xFF, 0xFE},
+                              .sequence = sequence,
+                              .timestamp = sent,
+                              .repaired = sent == 0});
+    };
+    sound(10, 0);  // before the first picture
+    for (uint32_t n = 0; n < 30; ++n)
+        recorder.write(
+            frame_of(encoder.encode(n, n, kStart + 20'000 + uint64_t{n} * 16'000, n == 0)));
+    sound(15, 26);
+    sound(16, -1);
+    sound(17, 37);
+    sound(20, 50);
+    sound(21, 355);
+    ASSERT_TRUE(recorder.finish()) << recorder.error();
+    EXPECT_EQ(recorder.audio_frames(), 5U);
+    const Recording found = read_recording(path);
+    EXPECT_EQ(found.pictures, 30);
+    EXPECT_EQ(found.sound_codec, AV_CODEC_ID_OPUS);
+    // A decoder's output lags behind by the 2.5 ms that the encoder looked ahead.
+    EXPECT_EQ(found.sound_ms, (std::vector<int64_t>{2, 7, 12, 27, 332}));
+}
+
 TEST(MediaFileErrors, AreTold) {
     const test::TempDir folder;
     std::string error;
     StreamRecorder nowhere;
-    EXPECT_FALSE(nowhere.open(folder.file("missing/stream.mkv"), Codec::H264, error));
+    EXPECT_FALSE(nowhere.open(folder.file("missing/stream.mkv"), {}, error));
     EXPECT_NE(error.find("No such file"), std::string::npos) << error;
 
     StreamRecorder bare;
-    ASSERT_TRUE(bare.open(folder.file("bare.mkv"), Codec::H264, error)) << error;
+    ASSERT_TRUE(bare.open(folder.file("bare.mkv"), {}, error)) << error;
     EXPECT_FALSE(bare.write({.data = {0, 0, 0, 1, 0x65, 9, 9}, .keyframe = true}));
     EXPECT_EQ(bare.error(), "cannot record: the keyframe has no parameter sets");
 }

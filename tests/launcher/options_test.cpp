@@ -24,7 +24,7 @@ TEST(LauncherOptions, EveryOptionReachesItsField) {
         "--width 640 --height 360 --fps 30 --bitrate 900 --seconds 2.5 --connect-timeout 3 "
         "--media-timeout 4 --save-stream a.mkv --save-frame a.png --json --json-file a.json "
         "--set-bitrate 700@5 --set-bitrate 800@1.5 --request-idr-every 0.5 --decode-damaged "
-        "--check-stamps --no-end --quiet");
+        "--check-stamps --no-end --quiet --audio");
     ASSERT_EQ(parsed.action, Action::Run) << parsed.error;
     const Options& o = parsed.options;
     EXPECT_EQ(o.host, "pc");
@@ -42,7 +42,7 @@ TEST(LauncherOptions, EveryOptionReachesItsField) {
     ASSERT_EQ(o.bitrate_changes.size(), 2U);
     EXPECT_EQ(o.bitrate_changes[1].kbps, 800);
     EXPECT_EQ(o.bitrate_changes[1].at_seconds, 1.5);
-    EXPECT_TRUE(o.json && o.decode_damaged && o.check_stamps && o.no_end && o.quiet);
+    EXPECT_TRUE(o.audio && o.json && o.decode_damaged && o.check_stamps && o.no_end && o.quiet);
 }
 
 TEST(LauncherOptions, TokenFromTheEnvironmentAndPortFromTheBase) {
@@ -58,7 +58,7 @@ TEST(LauncherOptions, RefusesBadValuesWithTheirName) {
          {"--port-base 65531", "--port-base 0", "--port-base x", "--codec av1", "--width 0",
           "--width 12x", "--fps -1", "--seconds nan", "--seconds -1", "--bitrate 99999999999",
           "--seconds", "--unknown 1", "--set-bitrate 700", "--set-bitrate @5", "--set-bitrate 700@",
-          "--local-port 70000"}) {
+          "--local-port 65535"}) {
         const auto parsed = parse(std::string("--token t ") + line);
         EXPECT_EQ(parsed.action, Action::Fail) << line;
         const std::string name = std::string(line).substr(0, std::string(line).find(' '));

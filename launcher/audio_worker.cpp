@@ -1,0 +1,82 @@
+#include "launcher/audio_worker.h"
+
+#include <utility>
+
+#include "base/clock.h"
+
+namespace ox::launcher {
+
+namespace {
+
+constexpr std::chrono::milliseconds kPollPeriod{5};
+constexpr uint64_t kProbePeriodUs = 100'000;
+constexpr uint64_t kSilenceUs = 1'000'000;  // sound that pauses this long may want a new probe
+// Many agents send no sound at all: after this time they are asked less often.
+constexpr uint64_t kEagerUs = 5'000'000;
+constexpr uint64_t kPatientPeriodUs = 1'000'000;
+
+}  // namespace
+
+AudioWorker::AudioWorker(MediaSocket& socket, std::span<const uint8_t, PacketOpener::kKeyBytes> key,
+                         FrameSink sink)
+    : socket_(socket), receiver_(key), sink_(std::move(sink)) {}
+
+bool AudioWorker::start(std::string& error) {
+    if (!decoder_.open(error)) return false;
+    thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
+    return true;
+}
+
+void AudioWorker::stop() {
+    thread_.request_stop();
+    if (thread_.joinable()) thread_.join();
+}
+
+AudioSnapshot AudioWorker::snapshot() const {
+    const std::lock_guard lock(mutex_);
+    return snapshot_;
+}
+
+void AudioWorker::run(const std::stop_token& stop) {
+    first_probe_us_ = steady_now_us();
+    bool broken = false;
+    while (!stop.stop_requested() && !broken) {
+        probe_if_silent(steady_now_us());
+        broken = !socket_.receive(kPollPeriod, [this](std::span<const uint8_t> datagram) {
+            receiver_.on_datagram(datagram, steady_now_us());
+            take_frames();
+        });
+        receiver_.on_time(steady_now_us());
+        take_frames();
+        publish();
+    }
+}
+
+void AudioWorker::probe_if_silent(uint64_t now_us) {
+    const uint64_t last_media = receiver_.stats().last_media_us;
+    if (now_us < next_probe_us_ || (last_media != 0 && now_us < last_media + kSilenceUs)) return;
+    const bool eager = now_us < first_probe_us_ + kEagerUs;
+    next_probe_us_ = now_us + (eager ? kProbePeriodUs : kPatientPeriodUs);
+    socket_.send_probe();
+}
+
+void AudioWorker::take_frames() {
+    while (const auto frame = receiver_.next_frame()) {
+        meter_.add(decoder_.decode(*frame));
+        if (sink_) sink_(*frame);
+    }
+}
+
+void AudioWorker::publish() {
+    const std::lock_guard lock(mutex_);
+    snapshot_ = {.stream = receiver_.stats(),
+                 .kernel_drops = socket_.kernel_drops(),
+                 .frames_decoded = decoder_.frames(),
+                 .frames_concealed = decoder_.concealed(),
+                 .decode_errors = decoder_.errors(),
+                 .seconds = static_cast<double>(meter_.samples()) / ToneMeter::kSampleRate,
+                 .sound = meter_.whole(),
+                 .latest = meter_.latest()};
+}
+
+}  // namespace ox::launcher
