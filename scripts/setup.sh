@@ -4,6 +4,7 @@
 #   scripts/setup.sh            everything to build and to test
 #   scripts/setup.sh --build    only what building and running the demo takes
 #   scripts/setup.sh --bench    in addition the programs that the pipeline comparison runs against
+#   scripts/setup.sh --package  what building and checking the Debian package takes
 set -euo pipefail
 
 build_packages=(
@@ -24,12 +25,15 @@ bench_packages=(
   gstreamer1.0-tools gstreamer1.0-x xvfb
 )
 
+package_packages=(debootstrap dpkg-dev file)
+
 wanted=("${build_packages[@]}" "${test_packages[@]}")
 for argument in "$@"; do
   case "$argument" in
     --build) wanted=("${build_packages[@]}") ;;
     --bench) wanted+=("${bench_packages[@]}") ;;
-    -h | --help) sed -n '2,6s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    --package) wanted=("${build_packages[@]}" "${package_packages[@]}") ;;
+    -h | --help) sed -n '2,7s/^# \{0,1\}//p' "$0"; exit 0 ;;
     *) echo "setup.sh: unknown argument '$argument' (see --help)" >&2; exit 2 ;;
   esac
 done

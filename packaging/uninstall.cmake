@@ -1,0 +1,17 @@
+# Removes what `cmake --install` of this build folder has put in place, and the folders that it
+# leaves empty.
+if(NOT EXISTS install_manifest.txt)
+  message(FATAL_ERROR "nothing is installed from this build folder")
+endif()
+file(STRINGS install_manifest.txt files)
+foreach(file ${files})
+  set(path "$ENV{DESTDIR}${file}")
+  message(STATUS "Removing ${path}")
+  file(REMOVE "${path}")
+  cmake_path(GET path PARENT_PATH folder)
+  file(GLOB rest "${folder}/*")
+  if(NOT rest AND folder MATCHES "orvex-agent")
+    file(REMOVE_RECURSE "${folder}")
+  endif()
+endforeach()
+file(REMOVE install_manifest.txt)

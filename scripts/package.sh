@@ -1,0 +1,79 @@
+#!/usr/bin/env bash
+# Builds the Debian package; with --check installs it in a clean Debian root, uses it there as a
+# merchant would (self-test, a streamed session, start-agent) and removes it again.
+#
+#   scripts/package.sh            build/release/orvex-agent_<version>_<architecture>.deb
+#   scripts/package.sh --check    needs root and debootstrap (scripts/setup.sh --package)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+check=false
+case "${1:-}" in
+  '') ;;
+  --check) check=true ;;
+  -h | --help) sed -n '2,6s/^# \{0,1\}//p' "$0"; exit 0 ;;
+  *) echo "package.sh: unknown argument '$1' (see --help)" >&2; exit 2 ;;
+esac
+
+scripts/setup.sh --package
+scripts/build.sh release orvex-agent orvex-launcher
+rm -f build/release/orvex-agent_*.deb
+(cd build/release && cpack >cpack.log) || { cat build/release/cpack.log >&2; exit 1; }
+package=$(echo build/release/orvex-agent_*.deb)
+echo "package.sh: built $package"
+$check || exit 0
+
+root=$(mktemp -d)
+agent=
+cleanup() {
+  [ -z "$agent" ] || kill "$agent" 2>/dev/null || true
+  wait 2>/dev/null || true
+  umount "$root/proc" 2>/dev/null || true
+  rm -rf --one-file-system "$root"
+}
+trap cleanup EXIT
+
+echo "package.sh: making a clean Debian root"
+debootstrap --variant=minbase bookworm "$root" >"$root.log" 2>&1 ||
+  { tail -5 "$root.log" >&2; exit 1; }
+rm -f "$root.log"
+mount -t proc proc "$root/proc"
+# A command line, not a function: in the background its process id is the program's.
+inside=(chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root)
+everything() { (cd "$root" && find . -xdev \( -path ./proc -o -path ./var -o -path ./tmp \) -prune -o -print | sort); }
+
+# The package's dependencies first, so that what is compared is the package alone.
+cp "$package" "$root/tmp/agent.deb"
+"${inside[@]}" apt-get -qq update
+"${inside[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq install -y --no-install-recommends \
+  "/tmp/agent.deb" >"$root/tmp/apt.log" 2>&1 || { tail -20 "$root/tmp/apt.log" >&2; exit 1; }
+"${inside[@]}" dpkg --purge orvex-agent >/dev/null
+everything >"$root/tmp/before"
+"${inside[@]}" dpkg -i /tmp/agent.deb >/dev/null
+
+echo "package.sh: self-test"
+"${inside[@]}" orvex-agent --selftest | tail -1
+
+echo "package.sh: a streamed session"
+token=check-$RANDOM$RANDOM
+"${inside[@]}" env OX_TUI=plain OX_LOG_FILE=/tmp/agent.log orvex-agent --capture synthetic --port-base 46110 \
+  --token-sha256 "$(printf %s "$token" | sha256sum | cut -c1-64)" &
+agent=$!
+sleep 1
+"${inside[@]}" env ORVEX_TOKEN="$token" orvex-launcher --port-base 46110 --local-port 46210 --width 1280 \
+  --height 720 --seconds 3 --quiet --json >"$root/tmp/summary.json"
+kill "$agent"
+wait "$agent"
+agent=
+grep -o '"frames_decoded":[0-9]*' "$root/tmp/summary.json" || cat "$root/tmp/summary.json"
+
+echo "package.sh: start-agent without settings"
+status=0
+"${inside[@]}" start-agent --check || status=$?
+[ "$status" -eq 2 ] || { echo "package.sh: start-agent ended with status $status" >&2; exit 1; }
+
+"${inside[@]}" dpkg --purge orvex-agent >/dev/null
+everything >"$root/tmp/after"
+diff "$root/tmp/before" "$root/tmp/after" ||
+  { echo "package.sh: the package left the files above behind" >&2; exit 1; }
+echo "package.sh: installed, used and removed without a trace"
