@@ -17,7 +17,7 @@ build_packages=(
   libbenchmark-dev libgmock-dev libgtest-dev
 )
 test_packages=(
-  clang-format clang-tidy
+  clang-format clang-tidy shellcheck
   iproute2 openssl pulseaudio pulseaudio-utils python3 python3-websockets xauth xvfb
 )
 bench_packages=(

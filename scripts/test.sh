@@ -7,7 +7,7 @@
 #   scripts/test.sh            everything
 #   scripts/test.sh --quick    the format check and the Release suite only
 set -uo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit
 
 quick=false
 for argument in "$@"; do
@@ -73,6 +73,11 @@ check_format() {
   sources '*.cpp' '*.h' | xargs -r clang-format --dry-run --Werror
 }
 
+check_scripts() {
+  sources '*.sh' .ci/run packaging/start-agent 'packaging/debian/*' 'packaging/completions/*.bash' |
+    xargs -r shellcheck --severity=warning
+}
+
 # One source file; a stamp keeps the result until the file, a header or the configuration changes.
 tidy_one() {
   local file=$1 stamp
@@ -91,6 +96,7 @@ check_tidy() {
 
 check "set-up" scripts/setup.sh
 check "format" check_format
+check "scripts" check_scripts
 suite release
 if ! $quick; then
   export ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1
