@@ -25,6 +25,8 @@ class KeyframeGate {
         return open_;
     }
 
+    [[nodiscard]] bool is_open() const { return open_; }
+
     /// True when a keyframe is to be asked for now; counts as asked.
     bool take_request(uint64_t now_us) {
         if (open_ || now_us < next_request_) return false;

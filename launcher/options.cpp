@@ -100,6 +100,11 @@ constexpr std::array kOptions = {
                set_int<&Options::bitrate_kbps, 1, 1'000'000>},
     OptionSpec{"--audio", "", "receive sound too, and save it with the stream",
                set_flag<&Options::audio>},
+    OptionSpec{"--input", "SCRIPT",
+               "input to send, see below, or \"demo\"; once media comes (none)",
+               set_text<&Options::input_script>},
+    OptionSpec{"--no-feedback", "", "ask for keyframes and report over the control channel alone",
+               set_flag<&Options::no_feedback>},
     OptionSpec{"--seconds", "S", "end after S seconds of media; 0 = until Ctrl+C (0)",
                set_seconds<&Options::seconds>},
     OptionSpec{"--connect-timeout", "S", "for the connection and the answer to the token (10)",
@@ -185,8 +190,15 @@ std::string usage_text() {
     text +=
         "  --help, --version          print this text or the version and exit\n"
         "\n"
-        "Ports, from the port base P: control TCP P+3, video probes UDP P+4 and sound probes UDP\n"
-        "P+5 at the agent; video UDP P and sound UDP P+1 here.\n"
+        "An input script is a list of commands, separated by semicolons or line ends:\n"
+        "  move DX DY | wheel NOTCHES | wait MS | press, release or click left, right or middle |\n"
+        "  down, up or key KEY, where KEY is a letter, a digit, f1 to f12, enter, esc, space, "
+        "tab,\n"
+        "  backspace, shift, ctrl, alt, meta, left, right, up, down, home, end, page_up, ...\n"
+        "\n"
+        "Ports, from the port base P: control TCP P+3, input UDP P+2, video probes UDP P+4 and "
+        "sound\n"
+        "probes UDP P+5 at the agent; video UDP P and sound UDP P+1 here.\n"
         "\n"
         "Exit status: 0 pictures were decoded; 1 local failure (port taken, file not written);\n"
         "2 bad command line; 3 connection refused; 4 token rejected; 5 timeout (no answer, no\n"

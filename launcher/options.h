@@ -31,12 +31,14 @@ struct Options {
     double media_timeout_s = 10;
     double request_idr_every_s = 0;  ///< 0 = only after losses
     std::vector<BitrateChange> bitrate_changes;
+    std::string input_script;  ///< as `parse_input_script` reads it; empty = no input
     std::string save_stream;
     std::string save_frame;
     std::string json_file;
     bool audio = false;
     bool json = false;
     bool check_stamps = false;
+    bool no_feedback = false;  ///< keyframe requests and reports over the control channel alone
     bool decode_damaged = false;
     bool no_end = false;
     bool quiet = false;

@@ -16,7 +16,7 @@ constexpr uint64_t kSilenceUs = 1'000'000;  // media that pauses this long may w
 
 ReceiveWorker::ReceiveWorker(MediaSocket& socket, FrameQueue& queue,
                              std::span<const uint8_t, PacketOpener::kKeyBytes> key,
-                             const VideoReceiver::Config& config, KeyframeRequest request_keyframe)
+                             const VideoReceiver::Config& config, RequestSink request_keyframe)
     : socket_(socket),
       queue_(queue),
       receiver_(key, config),
@@ -47,7 +47,7 @@ void ReceiveWorker::run(const std::stop_token& stop) {
         const uint64_t now = steady_now_us();
         receiver_.on_time(now);
         hand_out_frames();
-        if (receiver_.take_keyframe_request(now)) request_keyframe_();
+        if (const auto request = receiver_.take_keyframe_request(now)) request_keyframe_(*request);
 
         const std::lock_guard lock(mutex_);
         snapshot_ = {.stream = receiver_.stats(),

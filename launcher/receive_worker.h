@@ -26,12 +26,12 @@ struct ReceiveSnapshot {
 class ReceiveWorker {
   public:
     /// Called on the receiving thread when a keyframe must be asked for.
-    using KeyframeRequest = std::function<void()>;
+    using RequestSink = std::function<void(const KeyframeRequest&)>;
 
     /// `socket` and `queue` outlive the worker; the socket is the worker's until `stop`.
     ReceiveWorker(MediaSocket& socket, FrameQueue& queue,
                   std::span<const uint8_t, PacketOpener::kKeyBytes> key,
-                  const VideoReceiver::Config& config, KeyframeRequest request_keyframe);
+                  const VideoReceiver::Config& config, RequestSink request_keyframe);
     ~ReceiveWorker() { stop(); }
     ReceiveWorker(const ReceiveWorker&) = delete;
     ReceiveWorker& operator=(const ReceiveWorker&) = delete;
@@ -49,10 +49,10 @@ class ReceiveWorker {
 
     MediaSocket& socket_;
     FrameQueue& queue_;
-    VideoReceiver receiver_;            ///< receiving thread
-    KeyframeRequest request_keyframe_;  ///< receiving thread
-    uint64_t next_probe_us_ = 0;        ///< receiving thread
-    uint64_t queue_drops_ = 0;          ///< receiving thread
+    VideoReceiver receiver_;        ///< receiving thread
+    RequestSink request_keyframe_;  ///< receiving thread
+    uint64_t next_probe_us_ = 0;    ///< receiving thread
+    uint64_t queue_drops_ = 0;      ///< receiving thread
     mutable std::mutex mutex_;
     ReceiveSnapshot snapshot_;  ///< guarded by mutex_
     std::jthread thread_;

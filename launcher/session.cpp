@@ -5,6 +5,7 @@
 
 #include "base/sleep.h"
 #include "launcher/control_messages.h"
+#include "launcher/feedback_packets.h"
 
 namespace ox::launcher {
 
@@ -61,6 +62,10 @@ Summary Session::run() {
 // Everything that can fail on this side fails before the agent is bothered.
 bool Session::open_outputs() {
     std::string error;
+    if (!parse_input_script(options_.input_script, input_steps_, error)) {
+        fail(ExitStatus::Usage, error);
+        return false;
+    }
     const auto audio_port = static_cast<uint16_t>(options_.local_port + 1);
     const bool opened = socket_.open(options_.local_port, error) &&
                         (!options_.audio || audio_socket_.open(audio_port, error)) &&
@@ -101,12 +106,31 @@ bool Session::connect() {
             fail(ExitStatus::TimedOut, "stopped before the agent answered");
             return false;
     }
+    return start_media();
+}
+
+bool Session::start_media() {
+    const SessionKeySet& keys = control_.keys();
+    std::string error;
+    if (!input_.open(control_.agent_ip(), static_cast<uint16_t>(options_.port_base + 2),
+                     std::span(keys.input_key).first<InputSealer::kKeyBytes>(), error)) {
+        fail(ExitStatus::Failed, error);
+        return false;
+    }
     socket_.set_agent(control_.agent_ip(), static_cast<uint16_t>(options_.port_base + 4));
-    const std::vector<uint8_t>& key = control_.keys().video_key;
-    receive_.emplace(socket_, queue_, std::span(key).first<PacketOpener::kKeyBytes>(),
+    receive_.emplace(socket_, queue_, std::span(keys.video_key).first<PacketOpener::kKeyBytes>(),
                      VideoReceiver::Config{.limits = {}, .decode_damaged = options_.decode_damaged},
-                     [this] { control_.send_line(kRequestIdrLine); });
+                     [this](const KeyframeRequest& request) { ask_for_keyframe(request); });
     return !options_.audio || connect_audio();
+}
+
+// The input port is quicker, but may be closed: the agent's owner can do without input. A request
+// that arrives twice counts once.
+void Session::ask_for_keyframe(const KeyframeRequest& request) {
+    if (!options_.no_feedback)
+        input_.send(request.lost ? make_lost_frames_request(*request.lost)
+                                 : make_keyframe_request());
+    control_.send_line(kRequestIdrLine);
 }
 
 bool Session::connect_audio() {
@@ -133,9 +157,11 @@ void Session::stream() {
         const auto now = SteadyClock::now();
         const ReceiveSnapshot receive = receive_->snapshot();
         if (!check(receive, now)) return;
-        if (receive.stream.first_media_us != 0)
-            send_due_requests(static_cast<double>(steady_now_us() - receive.stream.first_media_us) /
-                              1e6);
+        if (receive.stream.first_media_us != 0) {
+            const auto media_us = steady_now_us() - receive.stream.first_media_us;
+            send_due_requests(static_cast<double>(media_us) / 1e6);
+            send_due_input(static_cast<double>(media_us) / 1e6);
+        }
         if (now >= next_report) {
             next_report += kReportPeriod;
             if (!report(receive)) return;
@@ -188,6 +214,12 @@ void Session::send_due_requests(double media_seconds) {
     }
 }
 
+void Session::send_due_input(double media_seconds) {
+    const auto elapsed = std::chrono::duration<double>(media_seconds);
+    while (next_input_step_ < input_steps_.size() && elapsed >= input_steps_[next_input_step_].at)
+        input_.send(input_steps_[next_input_step_++].packet);
+}
+
 bool Session::report(const ReceiveSnapshot& receive) {
     const DecodeStats decode = decode_.stats();
     const Progress progress = meter_.update(receive, decode, control_.rtt_ms(), steady_now_us());
@@ -195,6 +227,11 @@ bool Session::report(const ReceiveSnapshot& receive) {
                                         .packet_loss_pct = progress.loss_pct,
                                         .decoded_fps = progress.fps,
                                         .jitter_ms = receive.stream.jitter_ms}));
+    if (!options_.no_feedback)
+        input_.send(make_media_feedback({.loss_pct = progress.loss_pct,
+                                         .rtt_ms = progress.rtt_ms,
+                                         .decoded_fps = progress.fps,
+                                         .keyframe_wanted = receive.stream.awaiting_keyframe}));
     control_.send_ping();
     if (progress_) progress_(progress);
     return decode.frames_decoded > 0 || progress.seconds < options_.media_timeout_s;
@@ -215,6 +252,7 @@ void Session::finish() {
     summary_.receive = receive_->snapshot();
     summary_.decode = decode_.stats();
     summary_.rtt_ms = control_.rtt_ms();
+    summary_.input = input_.counters();
     // Without a picture, that is the failure to tell, not what could not be saved.
     if (summary_.decode.frames_decoded == 0) return;
     if (recorded && !options_.save_frame.empty() &&

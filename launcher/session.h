@@ -10,6 +10,8 @@
 #include "launcher/control_client.h"
 #include "launcher/decode_worker.h"
 #include "launcher/frame_queue.h"
+#include "launcher/input_channel.h"
+#include "launcher/input_script.h"
 #include "launcher/media_socket.h"
 #include "launcher/options.h"
 #include "launcher/progress_meter.h"
@@ -36,11 +38,14 @@ class Session {
   private:
     bool open_outputs();
     bool connect();
+    bool start_media();
     bool connect_audio();
     void stream();
     /// Ends the loop of `stream` when something is over; true = go on.
     bool check(const ReceiveSnapshot& receive, SteadyClock::time_point now);
     void send_due_requests(double media_seconds);
+    void send_due_input(double media_seconds);
+    void ask_for_keyframe(const KeyframeRequest& request);
     /// Tells agent and user how it goes. False when nothing that comes can be decoded.
     bool report(const ReceiveSnapshot& receive);
     void finish();
@@ -55,6 +60,9 @@ class Session {
     MediaSocket socket_;
     MediaSocket audio_socket_;
     ControlClient control_;
+    InputChannel input_;
+    std::vector<InputStep> input_steps_;
+    size_t next_input_step_ = 0;
     FrameQueue queue_;
     DecodeWorker decode_;
     std::optional<ReceiveWorker> receive_;

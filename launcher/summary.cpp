@@ -205,6 +205,11 @@ std::string to_json(const Summary& summary) {
         {"last_frame_id", decode.last_frame_id},
         {"keyframes", stream.keyframes},
         {"keyframe_requests", stream.keyframe_requests},
+        {"input_events_sent", summary.input.events},
+        {"feedback_sent",
+         {{"keyframe_requests", summary.input.keyframe_requests},
+          {"lost_frames_requests", summary.input.lost_frames_requests},
+          {"media_feedback", summary.input.media_feedback}}},
         {"jitter_ms", stream.jitter_ms},
         {"rtt_ms", summary.rtt_ms},
         {"latency_ms", latency_json(decode.latency)},
@@ -233,6 +238,8 @@ std::string to_text(const Summary& summary) {
            Count{assembly.packets_recovered}, Count{stream.late});
     append(text, "keyframes  %llu received, %llu asked for after losses\n", Count{stream.keyframes},
            Count{stream.keyframe_requests});
+    if (summary.input.events > 0)
+        append(text, "input      %llu events sent\n", Count{summary.input.events});
     append(text, "network    rtt %.2f ms, jitter %.2f ms\n", summary.rtt_ms, stream.jitter_ms);
     append_latency(text, "latency    capture to decoded", decode.latency);
     append_latency(text, "           capture to arrival", decode.arrival_latency);

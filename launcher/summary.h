@@ -6,6 +6,7 @@
 #include "launcher/audio_worker.h"
 #include "launcher/decode_worker.h"
 #include "launcher/exit_status.h"
+#include "launcher/input_channel.h"
 #include "launcher/options.h"
 #include "launcher/receive_worker.h"
 
@@ -21,6 +22,7 @@ struct Summary {
     ReceiveSnapshot receive;
     AudioSnapshot audio;
     DecodeStats decode;
+    InputCounters input;
     double rtt_ms = 0;
 
     /// From the first to the last packet of media.

@@ -47,20 +47,29 @@ std::optional<AssembledFrame> VideoReceiver::next_frame() {
             ++stats_.keyframes;
             seen_keyframe_ = true;
         }
-        if (frame->lost_before > 0) gate_.on_loss();
+        last_assembled_ = frame->frame_id;
+        if (frame->lost_before > 0) {
+            gate_.on_loss();
+            lost_.on_lost(frame->frame_id - 1);
+        }
         const bool intact = gate_.admit(frame->keyframe);
+        if (intact) lost_.on_intact(frame->frame_id);
         if (intact || (decode_damaged_ && seen_keyframe_)) return frame;
         ++stats_.frames_withheld;
     }
-    if (assembler_.lost_since_delivery() > 0) gate_.on_loss();
+    if (const uint64_t lost = assembler_.lost_since_delivery(); lost > 0) {
+        gate_.on_loss();
+        lost_.on_lost(last_assembled_ + static_cast<uint32_t>(lost));
+    }
     stats_.assembly = assembler_.counters();
     return std::nullopt;
 }
 
-bool VideoReceiver::take_keyframe_request(uint64_t now_us) {
-    if (!gate_.take_request(now_us)) return false;
+std::optional<KeyframeRequest> VideoReceiver::take_keyframe_request(uint64_t now_us) {
+    stats_.awaiting_keyframe = !gate_.is_open();
+    if (!gate_.take_request(now_us)) return std::nullopt;
     ++stats_.keyframe_requests;
-    return true;
+    return KeyframeRequest{.lost = lost_.next_request()};
 }
 
 }  // namespace ox::launcher

@@ -7,6 +7,7 @@
 #include "launcher/frame_assembler.h"
 #include "launcher/jitter_meter.h"
 #include "launcher/keyframe_gate.h"
+#include "launcher/lost_range.h"
 #include "launcher/packet_opener.h"
 
 namespace ox::launcher {
@@ -23,11 +24,17 @@ struct ReceiveStats {
     uint64_t undecryptable = 0;  ///< datagrams that the key does not open
     uint64_t keyframes = 0;
     uint64_t keyframe_requests = 0;  ///< made because of losses
+    bool awaiting_keyframe = false;  ///< nothing can be decoded before one
     uint64_t frames_withheld = 0;    ///< arrived whole, but built on a lost one
     uint64_t first_media_us = 0;     ///< arrival of the first packet, 0 = none yet
     uint64_t last_media_us = 0;
     double jitter_ms = 0;
     AssemblyCounters assembly;
+};
+
+/// A keyframe must be asked for.
+struct KeyframeRequest {
+    std::optional<LostFrames> lost;  ///< which frames are missing, where that can be told
 };
 
 /// From datagrams to access units that can be decoded: opens, assembles, withholds what builds on a
@@ -51,10 +58,13 @@ class VideoReceiver {
     std::optional<AssembledFrame> next_frame();
 
     /// The frame handed out last never reached the decoder.
-    void on_frame_dropped() { gate_.on_loss(); }
+    void on_frame_dropped() {
+        gate_.on_loss();
+        lost_.on_unknown_loss();
+    }
 
-    /// True when the agent is to be asked for a keyframe now; counts as asked.
-    bool take_keyframe_request(uint64_t now_us);
+    /// What to ask the agent for now, if anything; counts as asked.
+    std::optional<KeyframeRequest> take_keyframe_request(uint64_t now_us);
 
     [[nodiscard]] const ReceiveStats& stats() const { return stats_; }
 
@@ -64,6 +74,8 @@ class VideoReceiver {
     PacketOpener opener_;
     FrameAssembler assembler_;
     KeyframeGate gate_;
+    LostRange lost_;
+    uint32_t last_assembled_ = 0;  ///< number of the last whole frame
     JitterMeter jitter_;
     bool decode_damaged_;
     bool seen_keyframe_ = false;

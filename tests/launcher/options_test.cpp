@@ -24,7 +24,7 @@ TEST(LauncherOptions, EveryOptionReachesItsField) {
         "--width 640 --height 360 --fps 30 --bitrate 900 --seconds 2.5 --connect-timeout 3 "
         "--media-timeout 4 --save-stream a.mkv --save-frame a.png --json --json-file a.json "
         "--set-bitrate 700@5 --set-bitrate 800@1.5 --request-idr-every 0.5 --decode-damaged "
-        "--check-stamps --no-end --quiet --audio");
+        "--check-stamps --no-end --quiet --audio --no-feedback --input demo");
     ASSERT_EQ(parsed.action, Action::Run) << parsed.error;
     const Options& o = parsed.options;
     EXPECT_EQ(o.host, "pc");
@@ -42,7 +42,9 @@ TEST(LauncherOptions, EveryOptionReachesItsField) {
     ASSERT_EQ(o.bitrate_changes.size(), 2U);
     EXPECT_EQ(o.bitrate_changes[1].kbps, 800);
     EXPECT_EQ(o.bitrate_changes[1].at_seconds, 1.5);
-    EXPECT_TRUE(o.audio && o.json && o.decode_damaged && o.check_stamps && o.no_end && o.quiet);
+    EXPECT_EQ(o.input_script, "demo");
+    EXPECT_TRUE(o.audio && o.no_feedback && o.json && o.decode_damaged && o.check_stamps &&
+                o.no_end && o.quiet);
 }
 
 TEST(LauncherOptions, TokenFromTheEnvironmentAndPortFromTheBase) {

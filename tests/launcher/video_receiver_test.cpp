@@ -113,6 +113,55 @@ TEST(VideoReceiver, AsksForAKeyframeWhenTheFirstOneNeverComes) {
     EXPECT_EQ(f.receiver.stats().frames_withheld, 1U);
 }
 
+TEST(VideoReceiver, TellsWhichFramesAreMissing) {
+    Fixture f;
+    const auto ask = [&] { return f.receiver.take_keyframe_request(f.now); };
+    for (const uint32_t id : {100U, 101U})
+        f.feed(seal_frame(id, id == 100));
+    f.pass_time(300'000);
+    f.feed(seal_frame(102, false), 1);  // lost in part; 103 never comes
+    f.feed(seal_frame(104, false));
+    f.pass_time(300'000);
+    f.feed(seal_frame(105, false), 1);
+    f.pass_time(300'000);
+    // Of 105 it is not certain yet that it will not be completed.
+    for (uint8_t attempt = 0; attempt < 3; ++attempt) {
+        const auto request = ask();
+        ASSERT_TRUE(request && request->lost) << +attempt;
+        EXPECT_EQ(request->lost->last_delivered, 101U);
+        EXPECT_EQ(request->lost->first_missing, 102U);
+        EXPECT_EQ(request->lost->last_missing, attempt < 2 ? 103U : 105U);
+        EXPECT_EQ(request->lost->attempt, attempt);
+        f.pass_time(300'000);
+        if (attempt == 1) {
+            f.feed(seal_frame(106, false));
+            f.pass_time(300'000);
+        }
+    }
+    const auto plain = ask();
+    ASSERT_TRUE(plain);
+    EXPECT_FALSE(plain->lost) << "three attempts are all that an agent takes";
+    EXPECT_TRUE(f.receiver.stats().awaiting_keyframe);
+    f.feed(seal_frame(107, true));
+    EXPECT_FALSE(ask());
+    EXPECT_FALSE(f.receiver.stats().awaiting_keyframe);
+
+    // What an agent would refuse is asked for in the plain way: 300 frames, or a good frame 0.
+    f.feed(seal_frame(408, false));
+    f.pass_time(300'000);
+    const auto too_many = ask();
+    ASSERT_TRUE(too_many);
+    EXPECT_FALSE(too_many->lost);
+    Fixture start;
+    start.feed(seal_frame(0, true));
+    start.feed(seal_frame(1, false), 1);
+    start.feed(seal_frame(2, false));
+    start.pass_time(300'000);
+    const auto early = start.receiver.take_keyframe_request(start.now);
+    ASSERT_TRUE(early);
+    EXPECT_FALSE(early->lost);
+}
+
 TEST(VideoReceiver, CountsWhatItCannotOpenAndNothingElseHappens) {
     Fixture f;
     auto datagrams = seal_frame(0, true);

@@ -55,17 +55,75 @@ def subkey(master, number, context):
                            person=context + bytes(8)).digest()
 
 
-KEYFRAME, FEC_PACKET, LAST_IN_FRAME = 0x01, 0x02, 0x08
+KEYFRAME, FEC_PACKET, AUDIO, LAST_IN_FRAME, AUDIO_PARITY = 0x01, 0x02, 0x04, 0x08, 0x20
 
 
-def header(frame_id, index, count, flags, group=0, timestamp=0):
-    return struct.pack("<IIHHBBQ", 1, frame_id, index, count, flags, group, timestamp)
+def header(frame_id, index, count, flags, group=0, timestamp=0, stream=1):
+    return struct.pack("<IIHHBBQ", stream, frame_id, index, count, flags, group, timestamp)
+
+
+def media_nonce(head):
+    stream, frame_id, index, _, flags = struct.unpack("<IIHHB", head[:13])
+    return struct.pack("<IIHH", stream, frame_id, index, 0xA5C3 if flags & AUDIO_PARITY else 0)
 
 
 def datagram(key, head, plaintext):
-    stream, frame_id, index = struct.unpack("<IIH", head[:10])
-    nonce = struct.pack("<IIHH", stream, frame_id, index, 0)
-    return head + seal(key, nonce, plaintext, head)
+    return head + seal(key, media_nonce(head), plaintext, head)
+
+
+REPAIR_FACTORS = (bytes.fromhex("92 2b 67 3c"), bytes.fromhex("ee 77 85 a1"))
+
+
+def field_product(a, b):
+    product = 0
+    for bit in range(8):
+        if b >> bit & 1:
+            product ^= a << bit
+    for bit in range(15, 7, -1):
+        if product >> bit & 1:
+            product ^= 0x14D << (bit - 8)
+    return product
+
+
+def sound_vectors(key):
+    frames = [bytes.fromhex(text) for text in ("1122334455", "aabbcc", "01020304", "f0e1d2c3b4")]
+    longest = max(map(len, frames))
+    shards = []
+    for number, factors in enumerate(REPAIR_FACTORS):
+        symbol = bytearray(longest)
+        for factor, frame in zip(factors, frames):
+            for i, byte in enumerate(frame):
+                symbol[i] ^= field_product(factor, byte)
+        shards.append(struct.pack("<HBBBBH4H", longest, 4, 2, number, 1, 0, *map(len, frames)) + symbol)
+    data = header(257, 0, 1, AUDIO | LAST_IN_FRAME, timestamp=5005000, stream=2)
+    repair = header(256, 1, 4, AUDIO | AUDIO_PARITY, timestamp=5015000, stream=2)
+    return {"repair-factors-0": REPAIR_FACTORS[0], "repair-factors-1": REPAIR_FACTORS[1],
+            "sound-datagram": datagram(key, data, frames[1]),
+            "sound-repair-0": shards[0], "sound-repair-1": shards[1],
+            "sound-repair-nonce": media_nonce(repair),
+            "sound-repair-datagram": datagram(key, repair, shards[1])}
+
+
+def input_packet(kind, count, payload):
+    return struct.pack("<BBH8x", 1, kind, count % 65536) + payload.ljust(16, b"\0")
+
+
+def input_datagram(key, count, packet):
+    nonce = bytes(range(0xA0, 0xA8)) + struct.pack("<I", count)
+    return nonce + seal(key, nonce, packet, b"")
+
+
+def input_vectors(key):
+    move = input_packet(0, 0, struct.pack("<hhB", -3, 5, 1))
+    press = input_packet(3, 65535, struct.pack("<HBB", 0xA3, 29, 2))
+    wheel = input_packet(2, 65536, struct.pack("<hh", 0, -240))
+    lost = input_packet(7, 2, struct.pack("<IIIBB", 100, 101, 103, 1, 1))
+    return {"input-move-packet": move, "input-move-datagram": input_datagram(key, 0, move),
+            "input-key-packet": press, "input-key-datagram": input_datagram(key, 65535, press),
+            "input-wheel-datagram": input_datagram(key, 65536, wheel),
+            "feedback-keyframe-packet": input_packet(6, 1, b""),
+            "feedback-lost-packet": lost, "feedback-lost-datagram": input_datagram(key, 2, lost),
+            "feedback-media-packet": input_packet(8, 3, struct.pack("<HHHB", 125, 18, 599, 1))}
 
 
 def vectors():
@@ -101,6 +159,9 @@ def vectors():
     out["repair-200-header"] = header(8, 1700 + 200, 1700, FEC_PACKET, group=0x80 | 200 & 0x7F)
     out["probe"] = b"OXP1"
     out["probe-legacy"] = bytes(1)
+
+    out.update(sound_vectors(keys["audio"]))
+    out.update(input_vectors(keys["input"]))
 
     ready = {"type": "session_ready", "caps": 0}
     ready.update({name + "_key": base64.b64encode(key).decode() for name, key in keys.items()})

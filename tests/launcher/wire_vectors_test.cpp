@@ -14,12 +14,18 @@
 #include <string>
 #include <vector>
 
+#include "audio/audioparity.h"
 #include "control/control_message.h"
 #include "control/session_keys.h"
 #include "control/session_ready.h"
 #include "control/token_check.h"
+#include "input/feedback.h"
+#include "launcher/audio_receiver.h"
 #include "launcher/control_messages.h"
+#include "launcher/feedback_packets.h"
 #include "launcher/frame_assembler.h"
+#include "launcher/input_script.h"
+#include "launcher/input_sealer.h"
 #include "launcher/packet_opener.h"
 #include "launcher/sealed_datagrams.h"
 #include "transport/probe.h"
@@ -204,6 +210,135 @@ void check_large_group_number(Document& doc) {
     EXPECT_EQ(header, doc.hex("repair-200-header"));
 }
 
+using Block = std::vector<Bytes>;
+
+// The repair shards of a block, as an agent makes them.
+Block repair_shards(const Block& frames) {
+    std::array<const uint8_t*, 4> data{};
+    std::array<size_t, 4> lengths{};
+    for (size_t i = 0; i < 4; ++i) {
+        data[i] = frames[i].data();
+        lengths[i] = frames[i].size();
+    }
+    Block shards(2, Bytes(audioparity::kMaxRepairBytes));
+    std::array<uint8_t*, 2> out{shards[0].data(), shards[1].data()};
+    std::array<size_t, 2> out_lengths{};
+    EXPECT_EQ(
+        audioparity::encode_block(data.data(), lengths.data(), out.data(), out_lengths.data()),
+        audioparity::Guard::kOk);
+    for (size_t i = 0; i < 2; ++i)
+        shards[i].resize(out_lengths[i]);
+    return shards;
+}
+
+Bytes seal_media(const PacketHeader& header, const Bytes& payload, const Bytes& key) {
+    Encryption encryption;
+    encryption.set_key(key.data(), key.size());
+    Bytes datagram(kHeaderBytes + payload.size() + kTagBytes);
+    std::memcpy(datagram.data(), &header, kHeaderBytes);
+    size_t sealed = 0;
+    encryption.encrypt_packet(header, payload.data(), payload.size(),
+                              datagram.data() + kHeaderBytes, sealed);
+    return datagram;
+}
+
+void check_sound(Document& doc) {
+    // A block of unit frames gives the factors.
+    for (size_t i = 0; i < 4; ++i) {
+        Block units(4, Bytes{0});
+        units[i] = {1};
+        const Block shards = repair_shards(units);
+        EXPECT_EQ(shards[0].back(), doc.hex("repair-factors-0")[i]);
+        EXPECT_EQ(shards[1].back(), doc.hex("repair-factors-1")[i]);
+    }
+    const Bytes key = doc.hex("audio-key");
+    const Block frames{{0x11, 0x22, 0x33, 0x44, 0x55},
+                       {0xaa, 0xbb, 0xcc},
+                       {1, 2, 3, 4},
+                       {0xf0, 0xe1, 0xd2, 0xc3, 0xb4}};
+    const Block shards = repair_shards(frames);
+    EXPECT_EQ(shards[0], doc.hex("sound-repair-0"));
+    EXPECT_EQ(shards[1], doc.hex("sound-repair-1"));
+    const auto data_header = [](uint32_t sequence) {
+        return PacketHeader{.stream = 2,
+                            .frame_id = sequence,
+                            .index = 0,
+                            .count = 1,
+                            .flags = 0x0C,
+                            .group = 0,
+                            .timestamp = 5'000'000 + (sequence - 256) * 5000ULL};
+    };
+    const PacketHeader repair{.stream = 2,
+                              .frame_id = 256,
+                              .index = 1,
+                              .count = 4,
+                              .flags = 0x24,
+                              .group = 0,
+                              .timestamp = 5'015'000};
+    EXPECT_EQ(seal_media(data_header(257), frames[1], key), doc.hex("sound-datagram"));
+    EXPECT_EQ(seal_media(repair, shards[1], key), doc.hex("sound-repair-datagram"));
+    Bytes nonce(12);
+    Encryption::build_nonce(repair, nonce.data());
+    EXPECT_EQ(nonce, doc.hex("sound-repair-nonce"));
+
+    // Frame 258 is lost; the document's two datagrams and the other two frames bring it back.
+    AudioReceiver receiver{std::span(key).first<32>()};
+    receiver.on_datagram(seal_media(data_header(256), frames[0], key), 1);
+    receiver.on_datagram(doc.hex("sound-datagram"), 1);
+    receiver.on_datagram(seal_media(data_header(259), frames[3], key), 1);
+    receiver.on_datagram(doc.hex("sound-repair-datagram"), 1);
+    for (const Bytes& expected : frames) {
+        const auto frame = receiver.next_frame();
+        ASSERT_TRUE(frame);
+        EXPECT_EQ(frame->opus, expected);
+    }
+}
+
+// `packet` as it lies inside the datagram with this count, and that datagram.
+std::pair<Bytes, Bytes> sealed_input(const Bytes& key, const InputPacket& packet, uint32_t count) {
+    InputSealer sealer{
+        std::span(key).first<32>(), {0xa0, 0xa1, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6, 0xa7}, count};
+    const auto datagram = sealer.seal(packet);
+    if (!datagram) return {};
+    Bytes opened(sizeof(InputPacket));
+    EXPECT_EQ(crypto_aead_chacha20poly1305_ietf_decrypt(
+                  opened.data(), nullptr, nullptr, datagram->data() + 12, datagram->size() - 12,
+                  nullptr, 0, datagram->data(), key.data()),
+              0);
+    return {opened, Bytes(datagram->begin(), datagram->end())};
+}
+
+void check_input(Document& doc) {
+    const Bytes key = doc.hex("input-key");
+    std::vector<InputStep> steps;
+    std::string error;
+    ASSERT_TRUE(parse_input_script("press left; move -3 5; release left; down right_ctrl; wheel -2",
+                                   steps, error))
+        << error;
+    const auto [move, move_datagram] = sealed_input(key, steps.at(1).packet, 0);
+    EXPECT_EQ(move, doc.hex("input-move-packet"));
+    EXPECT_EQ(move_datagram, doc.hex("input-move-datagram"));
+    const auto [press, press_datagram] = sealed_input(key, steps.at(3).packet, 65535);
+    EXPECT_EQ(press, doc.hex("input-key-packet"));
+    EXPECT_EQ(press_datagram, doc.hex("input-key-datagram"));
+    EXPECT_EQ(sealed_input(key, steps.at(4).packet, 65536).second, doc.hex("input-wheel-datagram"));
+
+    EXPECT_EQ(sealed_input(key, make_keyframe_request(), 1).first,
+              doc.hex("feedback-keyframe-packet"));
+    const InputPacket lost = make_lost_frames_request(
+        {.last_delivered = 100, .first_missing = 101, .last_missing = 103, .attempt = 1});
+    EXPECT_EQ(sealed_input(key, lost, 2).first, doc.hex("feedback-lost-packet"));
+    EXPECT_EQ(sealed_input(key, lost, 2).second, doc.hex("feedback-lost-datagram"));
+    EXPECT_EQ(rfi_rejection(parse_rfi_request(lost)), "");
+    const InputPacket media = make_media_feedback(
+        {.loss_pct = 1.25, .rtt_ms = 18, .decoded_fps = 59.9, .keyframe_wanted = true});
+    EXPECT_EQ(sealed_input(key, media, 3).first, doc.hex("feedback-media-packet"));
+    const MediaFeedback read = parse_media_feedback(media);
+    EXPECT_EQ((std::array{read.loss_pct, read.rtt_ms, read.decoded_fps}),
+              (std::array{1.25F, 18.0F, 59.9F}));
+    EXPECT_TRUE(read.keyframe_wanted);
+}
+
 TEST(WireVectors, CodeAndDocumentAgree) {
     Document doc;
     check_keys_and_lines(doc);
@@ -211,6 +346,8 @@ TEST(WireVectors, CodeAndDocumentAgree) {
     check_small_frame(doc);
     check_keyframe(doc);
     check_large_group_number(doc);
+    check_sound(doc);
+    check_input(doc);
     EXPECT_TRUE(doc.unused().empty()) << "vectors without a check: " << *doc.unused().begin();
 }
 
