@@ -11,14 +11,16 @@ build_packages=(
   # tools
   ca-certificates ccache cmake g++ git ninja-build pkg-config
   # libraries of the program
-  libavcodec-dev libavformat-dev libavutil-dev libopus-dev libpulse-dev libsodium-dev libssl-dev
-  libswscale-dev libx11-dev libxext-dev libxrandr-dev libyuv-dev nlohmann-json3-dev
+  libavcodec-dev libavformat-dev libavutil-dev libdbus-1-dev libopus-dev libpipewire-0.3-dev
+  libpulse-dev libsodium-dev libssl-dev libswscale-dev libx11-dev libxext-dev libxrandr-dev
+  libyuv-dev nlohmann-json3-dev
   # test and benchmark frameworks: the release build has both
   libbenchmark-dev libgmock-dev libgtest-dev
 )
 test_packages=(
   clang-format clang-tidy shellcheck
-  iproute2 openssl pulseaudio pulseaudio-utils python3 python3-websockets xauth xvfb
+  dbus-daemon iproute2 openssl pipewire pulseaudio pulseaudio-utils python3 python3-dbus python3-gi
+  python3-websockets wireplumber xauth xvfb
 )
 bench_packages=(
   ffmpeg gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly

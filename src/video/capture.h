@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,7 +14,7 @@ namespace ox {
 /// The pixels lie in `data`, or, where a backend can lend them without a copy, in memory that
 /// `lent` keeps alive; read them through `pixels()`. Lent pixels change with the backend's next
 /// successful `capture_frame` and stay readable for as long as the frame holds them, also after the
-/// backend's shutdown. Their fourth byte is undefined; in `data` it is 255 (X11, synthetic).
+/// backend's shutdown. Their fourth byte is undefined; in `data` it is 255.
 struct CapturedFrame {
     std::vector<uint8_t> data;
     std::shared_ptr<const uint8_t> lent;
@@ -42,9 +43,11 @@ class ICapture {
 };
 
 /// The backend for `mode` ("auto", "x11", "portal", "synthetic"). `display` is an X display name or
-/// empty for `$DISPLAY`; the size is that of the synthetic picture. Reads `XDG_SESSION_TYPE` and
-/// `WAYLAND_DISPLAY` for "auto".
+/// empty for `$DISPLAY`; the size is that of the synthetic picture. `cancelled` is asked, on the
+/// same thread, while the portal's `init` waits for the user: true makes it fail at once. Reads
+/// `XDG_SESSION_TYPE` and `WAYLAND_DISPLAY` for "auto".
 std::unique_ptr<ICapture> make_capture(const std::string& mode, const std::string& display,
-                                       uint32_t width, uint32_t height);
+                                       uint32_t width, uint32_t height,
+                                       std::function<bool()> cancelled = {});
 
 }  // namespace ox

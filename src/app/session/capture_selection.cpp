@@ -6,15 +6,17 @@
 namespace ox {
 
 std::unique_ptr<ICapture> select_capture(const std::string& mode, const std::string& display,
-                                         uint32_t width, uint32_t height) {
+                                         uint32_t width, uint32_t height,
+                                         const std::function<bool()>& cancelled) {
     const auto try_mode = [&](const std::string& name) -> std::unique_ptr<ICapture> {
-        auto capture = make_capture(name, display, width, height);
+        auto capture = make_capture(name, display, width, height, cancelled);
         if (!capture->init()) return nullptr;
         OX_INFO("Session: capture backend = %s", name.c_str());
         return capture;
     };
 
     auto capture = try_mode(mode);
+    if (!capture && cancelled()) return nullptr;
     if (!capture && mode == "auto") {
         OX_WARN("Session: automatic capture unavailable — falling back to synthetic");
         tui::board().raise(tui::Alert::CaptureFailed, 0);

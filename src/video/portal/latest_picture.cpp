@@ -1,0 +1,117 @@
+#include "video/portal/latest_picture.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace ox {
+namespace {
+
+constexpr size_t kPixelBytes = 4;
+constexpr size_t kMaxFree = 2;  // one picture is the latest, one is being shown
+
+void copy_rows(const uint8_t* from, size_t stride, size_t row_bytes, uint32_t rows, uint8_t* to) {
+    if (stride == row_bytes) {
+        std::memcpy(to, from, row_bytes * rows);
+        return;
+    }
+    for (uint32_t row = 0; row < rows; ++row) {
+        std::memcpy(to + row * row_bytes, from + row * stride, row_bytes);
+    }
+}
+
+}  // namespace
+
+LatestPicture::LatestPicture() : pool_(std::make_shared<Pool>()) {
+    pool_->free.reserve(kMaxFree);  // so that giving back never fails
+}
+
+void LatestPicture::set_size(uint32_t width, uint32_t height) {
+    const std::lock_guard lock(mutex_);
+    width_ = width;
+    height_ = height;
+}
+
+uint32_t LatestPicture::width() const {
+    const std::lock_guard lock(mutex_);
+    return width_;
+}
+
+uint32_t LatestPicture::height() const {
+    const std::lock_guard lock(mutex_);
+    return height_;
+}
+
+std::unique_ptr<LatestPicture::Buffer> LatestPicture::take_buffer(size_t bytes) const {
+    std::unique_ptr<Buffer> buffer;
+    {
+        const std::lock_guard lock(pool_->mutex);
+        if (!pool_->free.empty()) {
+            buffer = std::move(pool_->free.back());
+            pool_->free.pop_back();
+        }
+    }
+    // One of another size goes; what remains of the old size goes the same way.
+    if (!buffer || buffer->size() != bytes) buffer = std::make_unique<Buffer>(bytes);
+    return buffer;
+}
+
+std::shared_ptr<const uint8_t> LatestPicture::share(std::unique_ptr<Buffer> buffer,
+                                                    std::shared_ptr<Pool> pool) {
+    const uint8_t* pixels = buffer->data();
+    return {pixels, [owned = std::move(buffer), to = std::move(pool)](const uint8_t*) mutable {
+                const std::lock_guard lock(to->mutex);
+                if (to->free.size() < kMaxFree) to->free.push_back(std::move(owned));
+            }};
+}
+
+void LatestPicture::put(const uint8_t* rows, size_t stride) {
+    Picture picture;
+    {
+        const std::lock_guard lock(mutex_);
+        picture.width = width_;
+        picture.height = height_;
+    }
+    if (picture.width == 0 || picture.height == 0) return;
+    const size_t row_bytes = picture.width * kPixelBytes;
+    auto buffer = take_buffer(row_bytes * picture.height);
+    copy_rows(rows, stride, row_bytes, picture.height, buffer->data());
+    picture.pixels = share(std::move(buffer), pool_);
+    {
+        const std::lock_guard lock(mutex_);
+        std::swap(latest_, picture);
+    }
+    arrived_.notify_all();
+}
+
+bool LatestPicture::get(CapturedFrame& frame) const {
+    Picture picture;
+    {
+        const std::lock_guard lock(mutex_);
+        picture = latest_;
+    }
+    if (!picture.pixels) return false;
+    frame.data.clear();
+    frame.lent = std::move(picture.pixels);
+    frame.width = picture.width;
+    frame.height = picture.height;
+    frame.timestamp = 0;
+    return true;
+}
+
+bool LatestPicture::wait_for_first(SteadyClock::time_point deadline,
+                                   const std::function<bool()>& give_up) const {
+    constexpr std::chrono::milliseconds kSlice{50};
+    for (;;) {
+        {
+            std::unique_lock lock(mutex_);
+            const auto until = std::min(deadline, SteadyClock::now() + kSlice);
+            if (arrived_.wait_until(lock, until, [this] { return latest_.pixels != nullptr; })) {
+                return true;
+            }
+        }
+        if (SteadyClock::now() >= deadline || give_up()) return false;
+    }
+}
+
+}  // namespace ox

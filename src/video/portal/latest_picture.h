@@ -1,0 +1,66 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "base/clock.h"
+#include "video/capture.h"
+
+namespace ox {
+
+/// Hands the newest picture from the thread that gets them to the thread that shows them. A picture
+/// is copied once, by the writer and outside the lock, into a buffer that readers borrow; a buffer
+/// that nobody borrows any more is used again. Any thread may call; one writer.
+class LatestPicture {
+  public:
+    LatestPicture();
+
+    /// The size of the pictures to come, as agreed with the source.
+    void set_size(uint32_t width, uint32_t height);
+    [[nodiscard]] uint32_t width() const;
+    [[nodiscard]] uint32_t height() const;
+
+    /// Takes a picture of the agreed size (nothing happens before there is one): rows of
+    /// width x 4 bytes, `stride` bytes (at least that many) apart. May throw std::bad_alloc.
+    void put(const uint8_t* rows, size_t stride);
+
+    /// Lends the newest picture to `frame`, with timestamp 0. False, and `frame` as it was, when
+    /// none has come yet. It can be read for as long as the frame holds it.
+    bool get(CapturedFrame& frame) const;
+
+    /// Waits until a picture is there. False when `deadline` passes or `give_up`, asked every
+    /// 50 ms, returns true.
+    bool wait_for_first(SteadyClock::time_point deadline,
+                        const std::function<bool()>& give_up) const;
+
+  private:
+    using Buffer = std::vector<uint8_t>;
+    /// Where the buffers come back to; outlives this object for as long as one is borrowed.
+    struct Pool {
+        std::mutex mutex;
+        std::vector<std::unique_ptr<Buffer>> free;  ///< guarded by `mutex`
+    };
+    struct Picture {
+        std::shared_ptr<const uint8_t> pixels;
+        uint32_t width = 0;
+        uint32_t height = 0;
+    };
+
+    std::unique_ptr<Buffer> take_buffer(size_t bytes) const;
+    static std::shared_ptr<const uint8_t> share(std::unique_ptr<Buffer> buffer,
+                                                std::shared_ptr<Pool> pool);
+
+    std::shared_ptr<Pool> pool_;
+    mutable std::mutex mutex_;  ///< guards everything below
+    mutable std::condition_variable arrived_;
+    uint32_t width_ = 0;
+    uint32_t height_ = 0;
+    Picture latest_;
+};
+
+}  // namespace ox

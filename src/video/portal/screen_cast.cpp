@@ -1,0 +1,159 @@
+#include "video/portal/screen_cast.h"
+
+#include "log/log.h"
+
+namespace ox::portal {
+namespace {
+
+constexpr uint32_t kMonitor = 1;              // of the source types
+constexpr uint32_t kCursorInPicture = 2;      // of the cursor modes
+constexpr uint32_t kPersistUntilRevoked = 2;  // of the persist modes
+constexpr const char* kNoParentWindow = "";
+
+std::string request_token() {
+    return next_token("oxreq_");
+}
+
+DBusMessagePtr select_sources_call(const std::string& session,
+                                   const std::optional<std::string>& token) {
+    Options options{{"handle_token", request_token()},
+                    {"types", kMonitor},
+                    {"multiple", false},
+                    {"cursor_mode", kCursorInPicture},
+                    {"persist_mode", kPersistUntilRevoked}};
+    if (token) options.emplace_back("restore_token", *token);
+    return make_call("SelectSources", session, options);
+}
+
+}  // namespace
+
+ScreenCast::ScreenCast(PortalBus& bus, const RestoreTokenFile& token_file,
+                       const PortalLimits& limits)
+    : bus_(bus), token_file_(token_file), limits_(limits) {}
+
+ScreenCast::~ScreenCast() {
+    if (!session_.empty()) bus_.close_object(session_, "org.freedesktop.portal.Session");
+}
+
+std::optional<SharedScreen> ScreenCast::share_monitor() {
+    token_ = token_file_.read();
+    if (!token_) {
+        OX_WARN(
+            "PortalCapture: first run on this machine — approve the screen-share dialog once; the "
+            "choice is stored in %s and reused afterwards",
+            token_file_.path().c_str());
+    }
+    if (!create_session() || !select_sources()) return std::nullopt;
+    const auto node = start();
+    if (!node) return std::nullopt;
+    UniqueFd remote = open_remote();
+    if (!remote) return std::nullopt;
+    return SharedScreen{.node = *node, .remote = std::move(remote), .by_token = token_.has_value()};
+}
+
+std::optional<Response> ScreenCast::ask(const char* method, const DBusMessagePtr& call,
+                                        std::chrono::milliseconds limit) {
+    return accept(method, call ? bus_.request(*call, limit) : RequestResult{}, limit);
+}
+
+/// The response of a request that was granted; else nothing, after a log line.
+std::optional<Response> ScreenCast::accept(const char* method, const RequestResult& result,
+                                           std::chrono::milliseconds limit) {
+    switch (result.outcome) {
+        case Outcome::Answered:
+            if (result.response.code == 0) return result.response;
+            OX_ERROR("PortalCapture: portal refused %s (response=%u)", method,
+                     result.response.code);
+            break;
+        case Outcome::Refused:
+            if (!result.error.empty()) OX_WARN("PortalCapture: %s", result.error.c_str());
+            OX_ERROR("PortalCapture: %s returned no request handle", method);
+            break;
+        case Outcome::TimedOut:
+            OX_ERROR("PortalCapture: no Response for %s within %d ms", method,
+                     static_cast<int>(limit.count()));
+            break;
+        case Outcome::Cancelled:
+            OX_INFO("PortalCapture: %s cancelled", method);
+            break;
+        case Outcome::Lost:
+            OX_ERROR("PortalCapture: session bus connection lost during %s", method);
+            break;
+    }
+    return std::nullopt;
+}
+
+bool ScreenCast::create_session() {
+    const auto call = make_call("CreateSession", {{"handle_token", request_token()},
+                                                  {"session_handle_token", next_token("oxsess_")}});
+    const auto response = ask("CreateSession", call, limits_.create_session);
+    if (!response) return false;
+    if (response->session_handle.empty()) {
+        OX_ERROR("PortalCapture: CreateSession did not return a session handle");
+        return false;
+    }
+    session_ = response->session_handle;
+    return true;
+}
+
+bool ScreenCast::select_sources() {
+    if (token_) {
+        OX_INFO("PortalCapture: using saved restore token");
+        const auto call = select_sources_call(session_, token_);
+        const auto result = call ? bus_.request(*call, limits_.select_sources) : RequestResult{};
+        if (result.outcome != Outcome::Refused) {
+            return accept("SelectSources", result, limits_.select_sources).has_value();
+        }
+        // That is how a portal answers a token in another form than its own.
+        OX_WARN("PortalCapture: saved restore token not accepted (%s) — asking without it",
+                result.error.c_str());
+        token_.reset();
+        if (!ask("SelectSources", select_sources_call(session_, token_), limits_.select_sources)) {
+            return false;
+        }
+        token_file_.remove();
+        return true;
+    }
+    return ask("SelectSources", select_sources_call(session_, token_), limits_.select_sources)
+        .has_value();
+}
+
+std::optional<uint32_t> ScreenCast::start() {
+    const auto limit = limits_.start(token_.has_value());
+    const auto call =
+        make_call("Start", session_, kNoParentWindow, {{"handle_token", request_token()}});
+    const auto result = call ? bus_.request(*call, limit) : RequestResult{};
+    const auto response = accept("Start", result, limit);
+    if (!response) {
+        if (result.outcome == Outcome::Answered || result.outcome == Outcome::TimedOut) {
+            OX_ERROR(
+                "PortalCapture: screen sharing was not approved in time. Either approve the dialog "
+                "once on this machine, run an X11 session, or capture a dedicated virtual display "
+                "for unattended hosts.");
+        }
+        return std::nullopt;
+    }
+    if (!response->node) {
+        OX_ERROR("PortalCapture: Start returned no stream node");
+        return std::nullopt;
+    }
+    if (!response->restore_token.empty()) keep_token(response->restore_token);
+    return response->node;
+}
+
+void ScreenCast::keep_token(const std::string& token) const {
+    if (token_file_.write(token)) {
+        OX_INFO("PortalCapture: restore token saved (next sessions skip the dialog)");
+    } else {
+        OX_WARN("PortalCapture: cannot persist restore token to %s", token_file_.path().c_str());
+    }
+}
+
+UniqueFd ScreenCast::open_remote() {
+    const auto call = make_call("OpenPipeWireRemote", session_, Options{});
+    UniqueFd remote = call ? bus_.request_fd(*call, limits_.open_remote) : UniqueFd{};
+    if (!remote) OX_ERROR("PortalCapture: OpenPipeWireRemote returned no fd");
+    return remote;
+}
+
+}  // namespace ox::portal

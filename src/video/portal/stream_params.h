@@ -1,0 +1,44 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+struct spa_data;
+struct spa_pod;
+
+// What is told to and read from PipeWire about the screen's pictures, as its parameter objects.
+// Nothing here touches a stream.
+namespace ox::portal {
+
+/// Memory for the parameter objects below, which point into it.
+using ParamMemory = std::array<uint8_t, 1024>;
+
+/// The formats that a stream can take: raw video in B, G, R and a fourth byte, up to 16384 pixels a
+/// side, at any frame rate including 0, which stands for pictures that come when something changes.
+const spa_pod* offered_format(ParamMemory& memory);
+
+/// The buffers that a stream can take: one block of memory that this process can read.
+const spa_pod* wanted_buffers(ParamMemory& memory);
+
+struct PictureSize {
+    uint32_t width = 0;
+    uint32_t height = 0;
+};
+
+/// The size in an agreed format; nothing when it is no raw video of the offered kind.
+std::optional<PictureSize> agreed_size(const spa_pod& format);
+
+/// A picture in a buffer's memory.
+struct MappedPicture {
+    const uint8_t* rows = nullptr;
+    size_t stride = 0;  ///< bytes from row to row
+};
+
+/// Finds a picture of `size` in one block of a buffer. Nothing when the block brings no picture (no
+/// mapped memory, nothing in it, marked as damaged) or would not hold it whole; what the other
+/// process says of its memory is not trusted.
+std::optional<MappedPicture> picture_in(const spa_data& block, PictureSize size);
+
+}  // namespace ox::portal

@@ -1,0 +1,82 @@
+#include "support/wayland_desktop.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include "support/eventually.h"
+#include "support/unix_socket.h"
+
+namespace ox::test {
+namespace {
+
+constexpr std::chrono::seconds kStartLimit{30};
+
+// Without service folders: what is not started here is not there.
+std::string bus_config(const std::string& socket) {
+    return "<busconfig><type>session</type><listen>unix:path=" + socket +
+           "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+           "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow "
+           "own=\"*\"/>"
+           "</policy></busconfig>\n";
+}
+
+}  // namespace
+
+std::vector<std::string> WaylandDesktop::environment() const {
+    const std::string folder = dir_.path().string();
+    return {"DBUS_SESSION_BUS_ADDRESS=" + bus_address(),
+            "XDG_RUNTIME_DIR=" + folder,
+            "XDG_CONFIG_HOME=" + folder,
+            "XDG_STATE_HOME=" + folder,
+            "HOME=" + folder,
+            "XDG_SESSION_TYPE=wayland",
+            "PIPEWIRE_REMOTE",
+            "PIPEWIRE_RUNTIME_DIR",
+            "DISPLAY"};
+}
+
+bool WaylandDesktop::run(std::unique_ptr<ChildProcess>& process,
+                         std::vector<std::string> argv) const {
+    process.reset();
+    const std::string errors =
+        dir_.file(std::filesystem::path(argv[0]).filename().string() + ".err");
+    try {
+        process = std::make_unique<ChildProcess>(ChildProcess::Options{
+            .argv = std::move(argv), .environment = environment(), .stderr_path = errors});
+    } catch (const std::system_error&) {
+        return false;
+    }
+    return true;
+}
+
+std::unique_ptr<WaylandDesktop> WaylandDesktop::start() {
+    std::unique_ptr<WaylandDesktop> desktop(new WaylandDesktop);
+    const std::string config = desktop->dir_.file("bus.conf");
+    const std::string bus = desktop->dir_.file("bus");
+    std::ofstream(config) << bus_config(bus);
+    const auto listening = [](const std::string& socket) {
+        return eventually([&] { return connect_unix(socket).is_open(); }, kStartLimit);
+    };
+    if (!desktop->run(desktop->bus_, {"dbus-daemon", "--nofork", "--config-file=" + config}) ||
+        !listening(bus) || !desktop->run(desktop->pipewire_, {"pipewire"}) ||
+        !listening(desktop->pipewire_socket()) ||
+        !desktop->run(desktop->session_manager_, {"wireplumber"})) {
+        return nullptr;
+    }
+    return desktop;
+}
+
+bool WaylandDesktop::start_portal(std::vector<std::string> behaviours) {
+    std::vector<std::string> argv{OX_TEST_PORTAL, dir_.file("portal-report")};
+    argv.insert(argv.end(), behaviours.begin(), behaviours.end());
+    portal_.reset();
+    std::filesystem::remove(dir_.file("portal-report"));
+    return run(portal_, std::move(argv)) && report_.wait_for("ready", kStartLimit).has_value();
+}
+
+}  // namespace ox::test

@@ -1,0 +1,103 @@
+#include "video/portal/restore_token.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "support/environment.h"
+#include "support/temp_dir.h"
+#include "video/portal/portal_limits.h"
+
+namespace ox::test {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+mode_t mode_of(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 07777U : 0;
+}
+
+TEST(RestoreToken, IsReplacedAsAWholeAndReadableByItsOwnerOnly) {
+    const TempDir dir;
+    const RestoreTokenFile file(dir.file("config/orvex/portal_restore_token"));
+    EXPECT_EQ(file.read(), std::nullopt);
+    ASSERT_TRUE(file.write("a much longer first token"));
+    EXPECT_EQ(mode_of(file.path()), 0600U);
+    EXPECT_EQ(mode_of(dir.file("config/orvex")), 0700U);
+    EXPECT_EQ(file.read(), "a much longer first token");
+
+    // Whoever has the old file open or linked keeps the old one, whole.
+    fs::create_hard_link(file.path(), dir.file("old"));
+    fs::permissions(file.path(), fs::perms::all);
+    ASSERT_TRUE(file.write("second\n"));
+    EXPECT_EQ(file.read(), "second\n");
+    EXPECT_EQ(mode_of(file.path()), 0600U);
+    EXPECT_EQ(RestoreTokenFile(dir.file("old")).read(), "a much longer first token");
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path() / "config/orvex"), {}), 1)
+        << "something was left behind";
+    file.remove();
+    EXPECT_EQ(file.read(), std::nullopt);
+}
+
+TEST(RestoreToken, OnlyWhatCanBeSentIsAToken) {
+    const TempDir dir;
+    const RestoreTokenFile file(dir.file("token"));
+    const struct {
+        std::string content;
+        std::optional<std::string> token;
+    } cases[] = {
+        {"", std::nullopt},
+        {std::string(300, 'x'), std::string(255, 'x')},
+        {std::string(254, 'x') + "é", std::nullopt},  // cut in the middle of a letter
+        {"\xFF\xFE", std::nullopt},
+        {std::string("a\0b", 3), std::nullopt},
+        {"ключ", "ключ"},
+    };
+    for (const auto& [content, token] : cases) {
+        std::ofstream(file.path()) << content;
+        EXPECT_EQ(file.read(), token) << content;
+    }
+    const RestoreTokenFile folder(dir.path().string());
+    EXPECT_EQ(folder.read(), std::nullopt);
+    EXPECT_FALSE(folder.write("x"));
+    EXPECT_FALSE(RestoreTokenFile("/proc/no/such/folder").write("x"));
+    const RestoreTokenFile pipe(dir.file("pipe"));
+    ASSERT_EQ(::mkfifo(pipe.path().c_str(), 0600), 0);
+    EXPECT_EQ(pipe.read(), std::nullopt) << "and does not wait for a writer";
+}
+
+TEST(RestoreToken, LiesInTheUsersConfigurationFolder) {
+    const Environment home("HOME", "/home/anna");
+    for (const auto& [config, path] :
+         {std::pair<std::optional<std::string>, const char*>{"/cfg", "/cfg/orvex/"},
+          {"relative", "/home/anna/.config/orvex/"},
+          {"", "/home/anna/.config/orvex/"},
+          {std::nullopt, "/home/anna/.config/orvex/"}}) {
+        const Environment variable("XDG_CONFIG_HOME", config);
+        EXPECT_EQ(RestoreTokenFile::of_user().path(), std::string(path) + "portal_restore_token");
+    }
+}
+
+TEST(PortalLimits, TheStartCallWaitsAsLongAsTheEnvironmentSays) {
+    const struct {
+        const char* text;
+        std::chrono::milliseconds with_token, without;
+    } cases[] = {
+        {nullptr, 20s, 45s}, {"5000", 5s, 5s}, {"0", 20s, 45s},    {"-1", 20s, 45s},
+        {"", 20s, 45s},      {"5s", 20s, 45s}, {"soon", 20s, 45s}, {"99999999999", 20s, 45s},
+    };
+    for (const auto& [text, with_token, without] : cases) {
+        const PortalLimits limits = portal_limits(text);
+        EXPECT_EQ(limits.start(true), with_token) << (text ? text : "-");
+        EXPECT_EQ(limits.start(false), without) << (text ? text : "-");
+        EXPECT_EQ(limits.first_frame(true), 10s);
+        EXPECT_EQ(limits.first_frame(false), 30s);
+    }
+}
+
+}  // namespace
+}  // namespace ox::test
