@@ -13,7 +13,6 @@
 #include "app/process_flags.h"
 #include "app/standalone_loop.h"
 #include "app/terminal.h"
-#include "audio/audioparity.h"
 #include "log/log.h"
 #include "saas/platform_url.h"
 #include "saas/system_info.h"
@@ -72,8 +71,8 @@ void log_banner(const Options& options) {
 
 int run(int argc, char** argv) {
     reserve_standard_descriptors();
-    const OptionDefaults defaults{.media_rfi = parse_media_rfi_switch(std::getenv("OX_MEDIA_RFI"))};
-    const CommandLine command_line = parse_command_line(argc, argv, defaults);
+    const CommandLine command_line =
+        parse_command_line(argc, argv, option_defaults_from_environment());
     const auto* request = std::get_if<RunRequest>(&command_line);
     if (request == nullptr) return answer(command_line, argc > 0 ? argv[0] : "orvex-agent");
     const Options& options = request->options;

@@ -1,11 +1,11 @@
 #include "app/options.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <string_view>
+
+#include "audio/audioparity.h"
 
 namespace ox {
 namespace {
@@ -117,10 +117,12 @@ const typename Table::value_type* find_option(const Table& table, std::string_vi
 }  // namespace
 
 bool parse_media_rfi_switch(const char* value) {
-    if (value == nullptr) return false;
-    constexpr std::array<const char*, 5> kOn{"1", "on", "true", "yes", "enabled"};
-    return std::any_of(kOn.begin(), kOn.end(),
-                       [&](const char* on) { return ::strcasecmp(value, on) == 0; });
+    return audioparity::parse_switch_value(value);
+}
+
+OptionDefaults option_defaults_from_environment() {
+    return {.audio_parity = audioparity::audio_parity_enabled(),
+            .media_rfi = parse_media_rfi_switch(std::getenv("OX_MEDIA_RFI"))};
 }
 
 CommandLine parse_command_line(int argc, const char* const* argv, const OptionDefaults& defaults) {

@@ -38,8 +38,12 @@ struct OptionDefaults {
     bool media_rfi = false;
 };
 
-/// True for "1", "on", "true", "yes" and "enabled" in any mix of ASCII case.
+/// True for "1", "on", "true", "yes" and "enabled" in any mix of ASCII case; the words of
+/// OX_AUDIO_PARITY.
 bool parse_media_rfi_switch(const char* value);
+
+/// Reads OX_AUDIO_PARITY and OX_MEDIA_RFI.
+OptionDefaults option_defaults_from_environment();
 
 /// What the command line asks for. `log_level` is set when an option changed it.
 struct RunRequest {

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "support/environment.h"
+
 namespace ox {
 namespace {
 
@@ -158,6 +160,15 @@ TEST(Options, MediaRfiSwitch) {
         EXPECT_FALSE(parse_media_rfi_switch(off)) << off;
     }
     EXPECT_FALSE(parse_media_rfi_switch(nullptr));
+}
+
+TEST(Options, EachSwitchOfTheEnvironmentHasItsOwnDefault) {
+    for (const bool parity : {false, true}) {
+        const test::Environment one("OX_AUDIO_PARITY", parity ? "Yes" : "no");
+        const test::Environment other("OX_MEDIA_RFI", parity ? "no" : "ENABLED");
+        EXPECT_EQ(option_defaults_from_environment().audio_parity, parity);
+        EXPECT_EQ(option_defaults_from_environment().media_rfi, !parity);
+    }
 }
 
 }  // namespace
