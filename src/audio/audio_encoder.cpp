@@ -30,6 +30,7 @@ bool AudioEncoder::init(int sample_rate, int channels, int bitrate_bps) {
     shutdown();
     if (sample_rate < 1 || channels < 1) return false;
     const int64_t frame = int64_t{sample_rate} * kFrameMs / 1000;
+    sample_rate_ = sample_rate;
     frame_samples_ = static_cast<int>(frame);
     if (frame < 1 || !is_opus_frame(frame_samples_, sample_rate)) {
         OX_ERROR("AudioEncoder: %d samples is not an Opus frame at %dHz", frame_samples_,
@@ -45,7 +46,7 @@ bool AudioEncoder::init(int sample_rate, int channels, int bitrate_bps) {
         return false;
     }
     configure(bitrate_bps);
-    log_settings(sample_rate, channels, bitrate_bps);
+    log_settings(channels, bitrate_bps);
     return true;
 }
 
@@ -67,15 +68,18 @@ void AudioEncoder::configure(int bitrate_bps) {
     // NOLINTEND
 }
 
-void AudioEncoder::log_settings(int sample_rate, int channels, int bitrate_bps) const {
-    const double lookahead_ms = lookahead_ < 1 ? 0.0 : lookahead_ * 1000.0 / sample_rate;
+double AudioEncoder::lookahead_ms() const {
+    return lookahead_ < 1 ? 0.0 : lookahead_ * 1000.0 / sample_rate_;
+}
+
+void AudioEncoder::log_settings(int channels, int bitrate_bps) const {
     OX_INFO(
         "AudioEncoder: Opus %dHz %dch %dbps %s, %s, %d-sample frames (%d ms), lookahead %.1f ms -> "
         "codec delay %.1f ms",
-        sample_rate, channels, bitrate_bps,
+        sample_rate_, channels, bitrate_bps,
         application_ == OPUS_APPLICATION_RESTRICTED_LOWDELAY ? "RESTRICTED_LOWDELAY"
                                                              : "NOT low-delay",
-        vbr_ != 0 ? "VBR" : "CBR", frame_samples_, kFrameMs, lookahead_ms, kFrameMs + lookahead_ms);
+        vbr_ != 0 ? "VBR" : "CBR", frame_samples_, kFrameMs, lookahead_ms(), codec_delay_ms());
 }
 
 int AudioEncoder::encode(const int16_t* pcm, int samples_per_channel, std::vector<uint8_t>& out) {

@@ -31,15 +31,20 @@ class AudioEncoder {
     [[nodiscard]] int lookahead() const { return lookahead_; }
     [[nodiscard]] int vbr() const { return vbr_; }
 
+    /// Delay from the first sample's arrival to the decoded sound: a frame and the lookahead.
+    [[nodiscard]] double codec_delay_ms() const { return kFrameMs + lookahead_ms(); }
+
   private:
     struct Destroy {
         void operator()(OpusEncoder* encoder) const;
     };
 
     void configure(int bitrate_bps);
-    void log_settings(int sample_rate, int channels, int bitrate_bps) const;
+    void log_settings(int channels, int bitrate_bps) const;
+    [[nodiscard]] double lookahead_ms() const;
 
     std::unique_ptr<OpusEncoder, Destroy> encoder_;
+    int sample_rate_ = 0;
     int frame_samples_ = 0;
     int application_ = -1;
     int lookahead_ = -1;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "audio/audio_headers.h"
 #include "base/clock.h"
 #include "base/sleep.h"
 #include "log/log.h"
@@ -174,14 +175,7 @@ void AudioStream::send_frame() {
 }
 
 bool AudioStream::send_data_packet(uint32_t sequence, uint64_t timestamp) {
-    packet_.header = {
-        .stream = kStreamAudio,
-        .frame_id = sequence,
-        .index = 0,
-        .count = 1,
-        .flags = static_cast<uint8_t>(packet_flags::AUDIO | packet_flags::LAST_IN_FRAME),
-        .group = 0,
-        .timestamp = timestamp};
+    packet_.header = audio_data_header(sequence, timestamp);
     packet_.payload.assign(opus_);
     return seal_and_send();
 }
@@ -212,14 +206,7 @@ void AudioStream::send_parity_block() {
     }
     bool any_sent = false;
     for (size_t i = 0; i < audioparity::kRepairs; ++i) {
-        packet_.header = {
-            .stream = kStreamAudio,
-            .frame_id = block_.base(),
-            .index = static_cast<uint16_t>(i),
-            .count = audioparity::kDataFrames,
-            .flags = static_cast<uint8_t>(packet_flags::AUDIO_PARITY | packet_flags::AUDIO),
-            .group = 0,
-            .timestamp = block_.last_timestamp()};
+        packet_.header = audio_repair_header(block_.base(), i, block_.last_timestamp());
         packet_.payload.assign({shards_.bytes[i].data(), shards_.lengths[i]});
         if (seal_and_send()) {
             ++parity_symbols_;

@@ -15,6 +15,7 @@
 #include "base/clock.h"
 #include "control/auth_message.h"
 #include "control/auth_reader.h"
+#include "control/capabilities.h"
 #include "control/client_socket.h"
 #include "control/log_text.h"
 #include "control/session_ready.h"
@@ -31,7 +32,6 @@ namespace {
 constexpr int kDefaultAcceptTimeoutS = 60;
 constexpr std::chrono::seconds kAuthTimeout{15};
 constexpr size_t kLongestControlLine = 8192;
-constexpr uint32_t kKnownCaps = 3;
 
 }  // namespace
 
@@ -190,7 +190,7 @@ void TcpControlServer::take_request(const AuthMessage& message) {
                  .fps = message.fps,
                  .bitrate = message.bitrate};
     launcher_caps = message.caps;
-    granted_caps = launcher_caps & host_caps & kKnownCaps;
+    granted_caps = grant_caps(launcher_caps, host_caps);
     choose_udp_ip(message.udp_ip);
     OX_INFO("TcpControlServer: auth request — codec=%d %dx%d @%dfps %dkbps", requested.codec,
             requested.width, requested.height, requested.fps, requested.bitrate);

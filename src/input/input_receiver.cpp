@@ -12,6 +12,7 @@
 #include <cstring>
 #include <utility>
 
+#include "input/input_datagram.h"
 #include "input/key_map.h"
 #include "log/log.h"
 
@@ -133,15 +134,10 @@ bool InputReceiver::open_datagram(const uint8_t* bytes, size_t length, InputPack
         return false;
     }
     if (length != kInputDatagramBytes) return false;
-    std::array<uint8_t, sizeof(InputPacket)> plain{};
-    unsigned long long plain_length = 0;
-    if (::crypto_aead_chacha20poly1305_ietf_decrypt(
-            plain.data(), &plain_length, nullptr, bytes + kInputNonceBytes,
-            kInputDatagramBytes - kInputNonceBytes, nullptr, 0, bytes, key_->data()) != 0) {
+    if (!open_input_datagram(key_->data(), {bytes, length}, packet)) {
         OX_TRACE("InputReceiver: decryption failed (auth)");
         return false;
     }
-    std::memcpy(&packet, plain.data(), sizeof packet);
     return true;
 }
 

@@ -10,11 +10,12 @@ inline constexpr uint32_t kStreamAudio = 2;
 
 /// Bits of `PacketHeader::flags`.
 namespace packet_flags {
-inline constexpr uint8_t KEYFRAME = 0x01;       ///< packet of a picture that can start a decoder
-inline constexpr uint8_t FEC_PACKET = 0x02;     ///< video repair packet
-inline constexpr uint8_t AUDIO = 0x04;          ///< packet of the audio stream
-inline constexpr uint8_t LAST_IN_FRAME = 0x08;  ///< last data packet of its frame
-inline constexpr uint8_t AUDIO_PARITY = 0x20;   ///< audio repair symbol
+inline constexpr uint8_t KEYFRAME = 0x01;        ///< packet of a picture that can start a decoder
+inline constexpr uint8_t FEC_PACKET = 0x02;      ///< video repair packet
+inline constexpr uint8_t AUDIO = 0x04;           ///< packet of the audio stream
+inline constexpr uint8_t LAST_IN_FRAME = 0x08;   ///< last data packet of its frame
+inline constexpr uint8_t RECOVERY_POINT = 0x10;  ///< kept free for recovery without a keyframe
+inline constexpr uint8_t AUDIO_PARITY = 0x20;    ///< audio repair symbol
 }  // namespace packet_flags
 
 /// The clear header of every media datagram, as it lies on the wire: 22 bytes, packed,

@@ -25,6 +25,7 @@ struct EncoderChoice {
     EncoderInput input;
     bool slice_threads;  ///< libavcodec's threads setting applies
     std::span<const EncoderOption> options;
+    bool invalidates_refs = false;  ///< can be told not to refer to pictures any more
 };
 
 /// The encoders for a codec in the order in which they are tried.

@@ -1,5 +1,6 @@
 #include "video/video_encoder.h"
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <utility>
@@ -117,6 +118,26 @@ void VideoEncoder::shutdown() {
     impl_->session.reset();
     impl_->choice = nullptr;
     impl_->name.clear();
+}
+
+bool VideoEncoder::can_invalidate_refs() const {
+    return impl_->session && impl_->choice->invalidates_refs;
+}
+
+bool VideoEncoder::any_backend_invalidates_refs() {
+    const auto invalidates = [](VideoCodec codec) {
+        return std::ranges::any_of(encoder_ladder(codec), &EncoderChoice::invalidates_refs);
+    };
+    return invalidates(VideoCodec::H264) || invalidates(VideoCodec::Hevc);
+}
+
+bool VideoEncoder::invalidate_refs(uint32_t /*first*/, uint32_t /*last*/) {
+    return false;
+}
+
+const char* VideoEncoder::rfi_status() const {
+    return can_invalidate_refs() ? "reference invalidation"
+                                 : "no reference invalidation API; IDR path";
 }
 
 const std::string& VideoEncoder::name() const {

@@ -47,6 +47,19 @@ class VideoEncoder {
     /// Frees everything. Safe to call twice.
     void shutdown();
 
+    /// Whether the open encoder can be told that pictures were lost, so that later ones refer to
+    /// none of them. libavcodec passes that on to none of its encoders so far.
+    [[nodiscard]] bool can_invalidate_refs() const;
+    /// The same of any encoder that might be opened.
+    [[nodiscard]] static bool any_backend_invalidates_refs();
+
+    /// Gives up the pictures `first` to `last` (frame ids) as references. False when the encoder
+    /// cannot; the launcher then needs a keyframe.
+    bool invalidate_refs(uint32_t first, uint32_t last);
+
+    /// For the log: how lost pictures are made up for.
+    [[nodiscard]] const char* rfi_status() const;
+
     /// libavcodec's name of the backend in use; empty when none.
     [[nodiscard]] const std::string& name() const;
 

@@ -58,6 +58,7 @@ bool Session::leave_requested() const {
 std::string Session::wait_for_launcher() {
     control_.master_key = request_.key_material;
     control_.expected_token_sha256 = request_.expected_token_sha256;
+    control_.host_caps = host_caps(options_.media_rfi);
     if (!control_.accept_and_handshake(
             control_port(), [this] { return stop_requested(); }, 0)) {
         return kHandshakeFailed + control_.last_error;
@@ -143,7 +144,7 @@ std::string Session::open_encoder() {
         tui::board().raise(tui::Alert::EncoderFailed, 0);
         return "encoder_failed";
     }
-    if (options_.media_rfi) {
+    if (options_.media_rfi && !encoder_.can_invalidate_refs()) {
         OX_WARN(
             "Session: P5 RFI enabled but the active backend has no reference invalidation — "
             "CAP_RFI answers 0, the IDR path is unchanged");
@@ -212,8 +213,8 @@ void Session::log_summary(const std::string& reason) const {
     if (options_.media_rfi) {
         const FeedbackHandler::RfiCounters rfi = feedback_.rfi_counters();
         OX_INFO("Session end: P5 RFI requests=%llu valid=%llu idr_fallbacks=%llu supported=%d — %s",
-                count(rfi.requests), count(rfi.valid), count(rfi.idr_fallbacks), 0,
-                "no reference invalidation API; IDR path");
+                count(rfi.requests), count(rfi.valid), count(rfi.idr_fallbacks),
+                encoder_.can_invalidate_refs() ? 1 : 0, encoder_.rfi_status());
     }
 }
 

@@ -3,13 +3,6 @@
 #include "log/log.h"
 
 namespace ox {
-namespace {
-
-constexpr int kSampleRate = 48000;
-constexpr int kChannels = 2;
-constexpr int kBitrate = 128000;
-
-}  // namespace
 
 void SessionAudio::open(const std::string& launcher, uint16_t dest_port, uint16_t local_port) {
     if (options_.audio) {
@@ -30,7 +23,7 @@ void SessionAudio::open(const std::string& launcher, uint16_t dest_port, uint16_
 }
 
 bool SessionAudio::start_stream(const std::vector<uint8_t>& key) {
-    return stream_.start(sender_, key.data(), key.size(), kSampleRate, kChannels, kBitrate);
+    return stream_.start(sender_, key.data(), key.size(), kSampleRate, kChannels, kBitrateBps);
 }
 
 void SessionAudio::start(const std::vector<uint8_t>& key) {

@@ -14,6 +14,10 @@ namespace ox {
 /// the session. Used by the main thread.
 class SessionAudio {
   public:
+    static constexpr int kSampleRate = 48000;
+    static constexpr int kChannels = 2;
+    static constexpr int kBitrateBps = 128000;
+
     explicit SessionAudio(const Options& options) : options_(options) {}
 
     /// With sound asked for: binds the sender. Says what parity is on or ignored.

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "control/capabilities.h"
+
 namespace ox {
 namespace {
 
@@ -31,6 +33,10 @@ EncoderSettings encoder_settings(const TcpControlServer::RequestedStream& reques
 
 uint32_t clamp_bitrate_kbps(int64_t kbps) {
     return clamp_to(kbps, 200, 200'000);
+}
+
+uint32_t host_caps(bool media_rfi) {
+    return media_rfi && VideoEncoder::any_backend_invalidates_refs() ? caps::RFI : 0;
 }
 
 const char* codec_name(VideoCodec codec) {

@@ -19,6 +19,10 @@ EncoderSettings encoder_settings(const TcpControlServer::RequestedStream& reques
 /// A bitrate within what can be encoded, in kbit/s.
 uint32_t clamp_bitrate_kbps(int64_t kbps);
 
+/// What the agent can do for a launcher, as `caps` bits: nothing but reference invalidation, when
+/// it is switched on and some encoder of this build has it.
+uint32_t host_caps(bool media_rfi);
+
 /// "H.264" or "HEVC".
 const char* codec_name(VideoCodec codec);
 
