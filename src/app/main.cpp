@@ -11,6 +11,7 @@
 #include "app/panic_listener.h"
 #include "app/platform_loop.h"
 #include "app/process_flags.h"
+#include "app/selftest/selftest.h"
 #include "app/standalone_loop.h"
 #include "app/terminal.h"
 #include "log/log.h"
@@ -77,6 +78,11 @@ int run(int argc, char** argv) {
     if (request == nullptr) return answer(command_line, argc > 0 ? argv[0] : "orvex-agent");
     const Options& options = request->options;
     if (request->log_level) log_level() = static_cast<int32_t>(*request->log_level);
+    if (options.selftest) {
+        // The components' progress lines would stand between the results.
+        if (!request->log_level) log_level() = static_cast<int32_t>(LogLevel::WARN);
+        return run_selftest();
+    }
 
     const bool console_log =
         console_log_switch(std::getenv("OX_CONSOLE_LOG")) || wants_verbose(argc, argv);
