@@ -4,6 +4,7 @@
 #   scripts/setup.sh            everything to build and to test
 #   scripts/setup.sh --build    only what building and running the demo takes
 #   scripts/setup.sh --bench    in addition the programs that the pipeline comparison runs against
+#   scripts/setup.sh --fuzz     what building and running the fuzz targets takes
 #   scripts/setup.sh --package  what building and checking the Debian package takes
 set -euo pipefail
 
@@ -27,6 +28,7 @@ bench_packages=(
   gstreamer1.0-tools gstreamer1.0-x xvfb
 )
 
+fuzz_packages=(clang libclang-rt-dev)
 package_packages=(debootstrap dpkg-dev file)
 
 wanted=("${build_packages[@]}" "${test_packages[@]}")
@@ -34,8 +36,9 @@ for argument in "$@"; do
   case "$argument" in
     --build) wanted=("${build_packages[@]}") ;;
     --bench) wanted+=("${bench_packages[@]}") ;;
+    --fuzz) wanted=("${build_packages[@]}" "${fuzz_packages[@]}") ;;
     --package) wanted=("${build_packages[@]}" "${package_packages[@]}") ;;
-    -h | --help) sed -n '2,7s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    -h | --help) sed -n '2,8s/^# \{0,1\}//p' "$0"; exit 0 ;;
     *) echo "setup.sh: unknown argument '$argument' (see --help)" >&2; exit 2 ;;
   esac
 done

@@ -105,6 +105,7 @@ if ! $quick; then
   suite asan
   suite tsan
   check "static analysis" check_tidy
+  check "fuzz targets" scripts/fuzz.sh 20
 fi
 
 if [ "$tests_run" -eq 0 ]; then

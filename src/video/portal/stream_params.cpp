@@ -80,7 +80,8 @@ std::optional<MappedPicture> picture_in(const spa_data& block, PictureSize size)
     const uint32_t offset = chunk->offset;
     const uint32_t bytes = chunk->size;
     const int32_t given_stride = chunk->stride;
-    if (bytes == 0 || (chunk->flags & SPA_CHUNK_FLAG_CORRUPTED) != 0) return std::nullopt;
+    if (bytes == 0 || (static_cast<uint32_t>(chunk->flags) & SPA_CHUNK_FLAG_CORRUPTED) != 0)
+        return std::nullopt;
     const size_t row_bytes = size.width * kPixelBytes;
     const size_t stride = given_stride == 0 ? row_bytes : static_cast<size_t>(given_stride);
     if (given_stride < 0 || stride < row_bytes) return std::nullopt;

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "log/log.h"
+
+/// Ends the run like a crash: an invariant does not hold.
+#define OX_FUZZ_REQUIRE(condition)      \
+    do {                                \
+        if (!(condition)) std::abort(); \
+    } while (false)
+
+extern "C" inline int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+    ox::log_level() = static_cast<int>(ox::LogLevel::ERROR) + 1;
+    return 0;
+}
