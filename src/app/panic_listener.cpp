@@ -58,6 +58,19 @@ UniqueFd listen_at(const std::string& path) {
     return {};
 }
 
+struct FileIdentity {
+    dev_t device = 0;
+    ino_t inode = 0;
+
+    bool operator==(const FileIdentity&) const = default;
+};
+
+FileIdentity identify(const std::string& path) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) return {};
+    return {status.st_dev, status.st_ino};
+}
+
 /// Reads one client's word; a client that says nothing is left after a second.
 void serve_client(int listener, const std::stop_token& stop) {
     const UniqueFd client(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
@@ -80,13 +93,15 @@ void listen_for_stop(const std::stop_token& stop) {
     ::unlink(path.c_str());
     const UniqueFd socket = listen_at(path);
     if (!socket) return;
+    const FileIdentity own = identify(path);
     OX_INFO(
         "Panic: local stop channel at %s (echo stop | socat - UNIX-CONNECT:%s) or kill -USR1 %d",
         path.c_str(), path.c_str(), ::getpid());
     while (!stop.stop_requested()) {
         if (wait_for_input(socket.get(), kPollMs)) serve_client(socket.get(), stop);
     }
-    ::unlink(path.c_str());
+    // An agent that was started later has put its own socket there, which has to stay.
+    if (identify(path) == own) ::unlink(path.c_str());
 }
 
 }  // namespace

@@ -92,6 +92,13 @@ TEST_F(PanicListener, OnlyTheOwnerMayUseItAndItGoesWithTheAgent) {
         EXPECT_EQ(info.st_mode & 0777U, 0600U);
     }
     EXPECT_NE(::access(panic_socket_path().c_str(), F_OK), 0);
+    {
+        const std::jthread listener = start_panic_listener();
+        const UniqueFd client = connect();
+        ::unlink(panic_socket_path().c_str());
+        std::ofstream(panic_socket_path()) << "the next agent's";
+    }
+    EXPECT_EQ(::access(panic_socket_path().c_str(), F_OK), 0);
 }
 
 TEST_F(PanicListener, ASilentClientBlocksNeitherOthersForGoodNorTheEnd) {
