@@ -41,6 +41,7 @@ class Agent {
         std::vector<std::string> arguments = {};
         std::vector<std::string> environment = {};  ///< as in ChildProcess::Options
         std::string capture = "synthetic";
+        bool input = false;  ///< takes input; where there is /dev/uinput, this injects
         std::shared_ptr<PortBlock> ports = std::make_shared<PortBlock>();
     };
 

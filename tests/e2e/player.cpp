@@ -25,20 +25,18 @@ Player::Player(const Agent& agent, const Setup& setup)
                                         .fps = setup.fps,
                                         .bitrate_kbps = setup.bitrate_kbps,
                                         .udp_ip = {}};
-    SessionKeySet keys;
     const auto deadline = SteadyClock::now() + kPatience;
     // Between two sessions the port is closed for a moment, and what waited there is reset.
     for (;;) {
         control_.send(launcher::make_auth_line(request) + "\n");
         const auto answer = control_.read_line(kPatience);
-        if (answer && launcher::parse_session_ready(*answer, keys, error)) break;
+        if (answer && launcher::parse_session_ready(*answer, keys_, error)) break;
         if (answer || SteadyClock::now() >= deadline) {
             throw std::runtime_error("not let in: " + error);
         }
         control_ = TcpClient(agent.control_port(), kPatience);
     }
-    video_key_.assign(keys.video_key.begin(), keys.video_key.end());
-    receiver_.emplace(std::span<const uint8_t, 32>(keys.video_key),
+    receiver_.emplace(std::span<const uint8_t, 32>(keys_.video_key),
                       launcher::VideoReceiver::Config{});
     media_.set_agent("127.0.0.1", static_cast<uint16_t>(agent.port_base() + 4));
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "control/session_keys.h"
 #include "e2e/agent.h"
 #include "launcher/media_socket.h"
 #include "launcher/video_decoder.h"
@@ -53,7 +54,10 @@ class Player {
     [[nodiscard]] size_t pictures() const { return pictures_; }
     [[nodiscard]] const launcher::StampChecker::Report& stamps() const { return stamps_.report(); }
     [[nodiscard]] const launcher::ReceiveStats& stats() const { return receiver_->stats(); }
-    [[nodiscard]] const std::string& video_key() const { return video_key_; }
+    [[nodiscard]] const SessionKeySet& keys() const { return keys_; }
+    [[nodiscard]] std::string video_key() const {
+        return {keys_.video_key.begin(), keys_.video_key.end()};
+    }
 
     /// Called with each decoded picture.
     std::function<void(const launcher::DecodedPicture&)> on_picture;
@@ -64,7 +68,7 @@ class Player {
     Setup setup_;
     TcpClient control_;
     launcher::MediaSocket media_;
-    std::string video_key_;
+    SessionKeySet keys_;
     std::optional<launcher::VideoReceiver> receiver_;
     launcher::VideoDecoder decoder_;
     launcher::StampChecker stamps_;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <numbers>
@@ -27,6 +28,18 @@ class PulseDaemon {
         ::setenv("XDG_RUNTIME_DIR", dir_.path().c_str(), 1);
         ::setenv("HOME", dir_.path().c_str(), 1);
         ::unsetenv("PULSE_SERVER");
+        // While it is down, no client may start a server of its own.
+        const std::string folder = dir_.file(".config/pulse");
+        std::filesystem::create_directories(folder);
+        std::ofstream(folder + "/client.conf") << "autospawn = no\n";
+        start();
+    }
+
+    /// Ends the server, as a crash does. Its clients lose their connections.
+    void kill() { daemon_.reset(); }
+
+    /// Starts it, with the outputs above.
+    void start() {
         daemon_ = std::make_unique<ChildProcess>(ChildProcess::Options{
             .argv = {"pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "-L",
                      "module-native-protocol-unix", "-L", "module-null-sink sink_name=out", "-L",
@@ -41,6 +54,12 @@ class PulseDaemon {
     /// Runs a pactl command. False when it fails.
     bool pactl(const std::string& command) const {
         return std::system(("pactl " + command + " >/dev/null 2>&1").c_str()) == 0;  // NOLINT
+    }
+
+    /// Waits until a program plays into an output. False when none does.
+    [[nodiscard]] bool wait_for_playback() const {
+        return eventually([this] { return pactl("list short sink-inputs | grep -q ."); },
+                          std::chrono::seconds(20));
     }
 
     /// Takes a sink away, as when a headset is unplugged.
