@@ -33,6 +33,15 @@ void append(Snapshot& state, EventKind kind, int64_t value) {
 
 }  // namespace
 
+void SessionView::keep_figures() {
+    history.push_back({.mbps = static_cast<float>(measured_mbps),
+                       .fps = static_cast<float>(measured_fps),
+                       .rtt_ms = static_cast<float>(rtt_ms),
+                       .loss_pct = static_cast<float>(loss_pct)});
+    while (history.size() > kKeptFigures)
+        history.pop_front();
+}
+
 Snapshot Board::snapshot() const {
     const std::lock_guard lock(mutex);
     return state;

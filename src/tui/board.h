@@ -55,6 +55,16 @@ struct Event {
     uint16_t port = 0;                         ///< for AlertRaised with PortBusy
 };
 
+/// What was measured of a stream at one moment. Readings that nobody has reported are -1.
+struct Figures {
+    float mbps = 0.0F;
+    float fps = 0.0F;
+    float rtt_ms = -1.0F;
+    float loss_pct = -1.0F;
+};
+/// Figures that a session keeps for its graphs: a little over three minutes at one in two seconds.
+inline constexpr size_t kKeptFigures = 100;
+
 /// The numbers and names of the running session as the screen shows them.
 struct SessionView {
     SessionState state = SessionState::None;
@@ -70,9 +80,13 @@ struct SessionView {
     double measured_fps = 0.0;
     double rtt_ms = -1.0;  ///< -1 until the launcher has reported
     double loss_pct = -1.0;
-    bool active = false;       ///< a session was handed to this PC
-    bool holding = false;      ///< the launcher is gone, the session waits for it
-    int64_t hold_until_s = 0;  ///< system clock, end of the wait
+    std::deque<Figures> history;  ///< of the readings above; oldest first, at most kKeptFigures
+    bool active = false;          ///< a session was handed to this PC
+    bool holding = false;         ///< the launcher is gone, the session waits for it
+    int64_t hold_until_s = 0;     ///< system clock, end of the wait
+
+    /// Appends the present readings to the history.
+    void keep_figures();
 };
 
 /// Everything that can be painted. Copied whole by `Board::snapshot()`.

@@ -64,7 +64,7 @@ std::vector<std::string> PlainLines::news(const Snapshot& snapshot, int64_t now_
 }
 
 void PlainLines::add(const std::string& clock, const std::string& text) {
-    lines_.push_back(text::sanitize(clock + " " + text));
+    lines_.push_back(text::printable(clock + " " + text));
 }
 
 void PlainLines::add_identity(const Snapshot& snapshot) {
@@ -72,7 +72,7 @@ void PlainLines::add_identity(const Snapshot& snapshot) {
     std::string line = "orvex-agent " + snapshot.version;
     if (!snapshot.host.empty()) line += in(lang_, " on ", " на\u00A0") + snapshot.host;
     if (!snapshot.log_path.empty()) line += in(lang_, ", log: ", ", лог: ") + snapshot.log_path;
-    lines_.push_back(text::sanitize(line));
+    lines_.push_back(text::printable(line));
 }
 
 void PlainLines::add_events(const Snapshot& snapshot) {

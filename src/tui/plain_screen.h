@@ -1,8 +1,8 @@
 #pragma once
 
-#include "tui/line_output.h"
 #include "tui/plain_lines.h"
 #include "tui/screen.h"
+#include "tui/terminal_output.h"
 
 namespace ox::tui {
 

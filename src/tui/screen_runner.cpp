@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "log/log.h"
+#include "tui/full_screen.h"
 #include "tui/plain_screen.h"
 
 namespace ox::tui {
@@ -31,14 +32,18 @@ ScreenRunner::~ScreenRunner() {
     stop();
 }
 
-void ScreenRunner::start(Lang lang, Board& board, ColourMode /*mode*/) {
+void ScreenRunner::start(Lang lang, Board& board, ColourMode mode) {
     board_ = &board;
-    // Lines are the one view there is so far; it does for every terminal.
-    screen_ = std::make_unique<PlainScreen>(STDOUT_FILENO, lang, detect_host());
+    if (mode == ColourMode::Plain) {
+        screen_ = std::make_unique<PlainScreen>(STDOUT_FILENO, lang, detect_host());
+    } else {
+        screen_ = std::make_unique<FullScreen>(STDOUT_FILENO, lang, detect_host(), mode);
+    }
     try {
         thread_ = std::jthread([this] { run(); });
     } catch (const std::system_error& error) {
         OX_WARN("Screen: no thread (%s) - the log tells the story", error.what());
+        screen_.reset();
     }
 }
 

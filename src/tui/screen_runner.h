@@ -8,12 +8,10 @@
 
 #include "tui/board.h"
 #include "tui/board_texts.h"
+#include "tui/palette.h"
 #include "tui/screen.h"
 
 namespace ox::tui {
-
-/// How the terminal is used: one line per event, or the full screen in one of two palettes.
-enum class ColourMode { Plain, Ansi, TrueColour };
 
 /// Owner of the thread that shows the board on standard output. Nothing else writes there while it
 /// runs. Ends when the board's quit mark is set; the destructor sets it and joins (at most about
@@ -25,7 +23,8 @@ class ScreenRunner {
     ScreenRunner(const ScreenRunner&) = delete;
     ScreenRunner& operator=(const ScreenRunner&) = delete;
 
-    /// Starts the thread. Call once. `board` must outlive the runner.
+    /// Starts the thread. Call once, before other threads start; `stop` from the same thread. In a
+    /// colour the terminal belongs to the screen until then. `board` must outlive the runner.
     void start(Lang lang, Board& board, ColourMode mode);
 
     /// Sets the quit mark, joins, and shows what was reported since the thread saw the mark. Safe

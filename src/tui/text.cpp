@@ -26,13 +26,6 @@ bool contains(Range range, char32_t cp) {
     return cp >= range.first && cp <= range.last;
 }
 
-int columns(char32_t cp) {
-    if (cp == 0 || contains(kCombining, cp)) return 0;
-    const bool wide =
-        std::any_of(std::begin(kWide), std::end(kWide), [cp](Range r) { return contains(r, cp); });
-    return wide ? 2 : 1;
-}
-
 unsigned byte_at(std::string_view s, size_t index) {
     return static_cast<unsigned char>(s[index]);
 }
@@ -46,7 +39,37 @@ size_t sequence_length(unsigned lead) {
     return 0;
 }
 
-void append_utf8(std::string& out, char32_t cp) {
+bool is_control(char32_t cp) {
+    return cp < 0x20 || (cp >= 0x7F && cp <= 0x9F);
+}
+
+std::vector<std::string_view> split_words(std::string_view s) {
+    std::vector<std::string_view> words;
+    for (size_t begin = s.find_first_not_of(' '); begin != std::string_view::npos;) {
+        const size_t end = std::min(s.find(' ', begin), s.size());
+        words.push_back(s.substr(begin, end - begin));
+        begin = s.find_first_not_of(' ', end);
+    }
+    return words;
+}
+
+// Invisible: soft hyphen, zero-width and directional marks, variation selectors, tags.
+constexpr Range kInvisible[] = {
+    {0x00AD, 0x00AD}, {0x061C, 0x061C}, {0x180B, 0x180F}, {0x200B, 0x200F}, {0x2028, 0x202E},
+    {0x2060, 0x206F}, {0xFE00, 0xFE0F}, {0xFEFF, 0xFEFF}, {0xFFF9, 0xFFFB}, {0xE0000, 0xE0FFF},
+};
+constexpr Range kSurrogates{0xD800, 0xDFFF};
+constexpr char32_t kLastCodePoint = 0x10FFFF;
+
+bool is_invisible(char32_t cp) {
+    if (cp < kInvisible[0].first) return false;
+    return std::any_of(std::begin(kInvisible), std::end(kInvisible),
+                       [cp](Range r) { return contains(r, cp); });
+}
+
+}  // namespace
+
+void append_cp(std::string& out, char32_t cp) {
     const auto put = [&out](char32_t byte) { out += static_cast<char>(byte); };
     const auto put_continuation = [&](unsigned shift) { put(0x80 | ((cp >> shift) & 0x3F)); };
     if (cp < 0x80) {
@@ -66,21 +89,14 @@ void append_utf8(std::string& out, char32_t cp) {
     }
 }
 
-bool is_control(char32_t cp) {
-    return cp < 0x20 || (cp >= 0x7F && cp <= 0x9F);
+int columns(char32_t cp) {
+    if (cp < kCombining.first) return cp == 0 ? 0 : 1;
+    if (contains(kCombining, cp)) return 0;
+    if (cp < kWide[0].first) return 1;
+    const bool wide =
+        std::any_of(std::begin(kWide), std::end(kWide), [cp](Range r) { return contains(r, cp); });
+    return wide ? 2 : 1;
 }
-
-std::vector<std::string_view> split_words(std::string_view s) {
-    std::vector<std::string_view> words;
-    for (size_t begin = s.find_first_not_of(' '); begin != std::string_view::npos;) {
-        const size_t end = std::min(s.find(' ', begin), s.size());
-        words.push_back(s.substr(begin, end - begin));
-        begin = s.find_first_not_of(' ', end);
-    }
-    return words;
-}
-
-}  // namespace
 
 char32_t next_cp(std::string_view s, size_t& index) {
     const unsigned lead = byte_at(s, index);
@@ -145,7 +161,18 @@ std::string sanitize(std::string_view s) {
     out.reserve(s.size());
     for (size_t index = 0; index < s.size();) {
         const char32_t cp = next_cp(s, index);
-        if (!is_control(cp)) append_utf8(out, cp);
+        if (!is_control(cp)) append_cp(out, cp);
+    }
+    return out;
+}
+
+std::string printable(std::string_view s) {
+    std::string out;
+    out.reserve(s.size());
+    for (size_t index = 0; index < s.size();) {
+        char32_t cp = next_cp(s, index);
+        if (cp > kLastCodePoint || contains(kSurrogates, cp)) cp = kReplacement;
+        if (!is_control(cp) && !is_invisible(cp)) append_cp(out, cp);
     }
     return out;
 }

@@ -61,6 +61,7 @@ void figures(double mbps, double fps, float rtt_ms, float loss_pct) {
             state.session.rtt_ms = rtt_ms;
             state.session.loss_pct = loss_pct;
         }
+        state.session.keep_figures();
     });
 }
 

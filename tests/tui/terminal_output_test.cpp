@@ -1,4 +1,4 @@
-#include "tui/line_output.h"
+#include "tui/terminal_output.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>

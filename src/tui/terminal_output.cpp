@@ -1,4 +1,4 @@
-#include "tui/line_output.h"
+#include "tui/terminal_output.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -62,25 +62,21 @@ bool takes_data(int fd, int timeout_ms) {
 
 }  // namespace
 
-LineOutput::LineOutput(int fd) {
+TerminalOutput::TerminalOutput(int fd) {
     struct stat info {};
     if (::fstat(fd, &info) != 0) return;
     if (S_ISSOCK(info.st_mode)) kind_ = Kind::Socket;
     if (S_ISFIFO(info.st_mode) || S_ISCHR(info.st_mode)) fd_.reset(reopen_non_blocking(fd));
+    shared_handle_ = !fd_;
     if (!fd_) fd_.reset(::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
-void LineOutput::add(std::string_view line) {
-    if (!fd_ || waiting_.size() + line.size() + 1 > kMostWaiting) return;
-    waiting_.append(line).append(1, '\n');
-}
-
-void LineOutput::flush() {
+void TerminalOutput::flush() {
     while (!waiting_.empty() && write_some()) {
     }
 }
 
-void LineOutput::flush_within(std::chrono::milliseconds limit) {
+void TerminalOutput::flush_within(std::chrono::milliseconds limit) {
     const auto deadline = SteadyClock::now() + limit;
     for (flush(); !waiting_.empty(); flush()) {
         const auto left =
@@ -89,10 +85,11 @@ void LineOutput::flush_within(std::chrono::milliseconds limit) {
     }
 }
 
-bool LineOutput::write_some() {
+bool TerminalOutput::write_some() {
     if (!takes_data(fd_.get(), 0)) return false;
-    // What a writable pipe takes without waiting, should it have to be used by the shared handle.
-    const size_t size = std::min<size_t>(waiting_.size(), PIPE_BUF);
+    // By the shared handle, only what a writable pipe takes without waiting.
+    const size_t size =
+        shared_handle_ ? std::min<size_t>(waiting_.size(), PIPE_BUF) : waiting_.size();
     const SigpipeGuard guard;
     const ssize_t written = kind_ == Kind::Socket ? ::send(fd_.get(), waiting_.data(), size,
                                                            MSG_DONTWAIT | MSG_NOSIGNAL)
@@ -105,6 +102,12 @@ bool LineOutput::write_some() {
     const bool later = written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
     if (!later) waiting_.clear();
     return false;
+}
+
+void LineOutput::add(std::string_view line) {
+    if (output_.waiting() + line.size() + 1 > kMostWaiting) return;
+    output_.add(line);
+    output_.add("\n");
 }
 
 }  // namespace ox::tui

@@ -1,0 +1,168 @@
+// The agent in a terminal: what the owner sees, and what is left when it ends.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "e2e/agent.h"
+#include "support/eventually.h"
+#include "support/pseudo_terminal.h"
+#include "support/terminal_model.h"
+
+namespace ox::test {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+/// The real program in a terminal of its own.
+class AgentInTerminal {
+  public:
+    explicit AgentInTerminal(const std::vector<std::string>& environment = {})
+        : modes_before_(window_.modes()), process_(command(environment)) {}
+
+    /// Waits until the terminal shows `text`.
+    bool shows(const std::string& text) {
+        return eventually(
+            [&] {
+                take_output();
+                return terminal_.text().find(text) != std::string::npos;
+            },
+            kPatience);
+    }
+    /// Waits until the agent has written `text`.
+    bool writes(const std::string& text) {
+        return eventually(
+            [&] {
+                take_output();
+                return written_.find(text) != std::string::npos;
+            },
+            kPatience);
+    }
+    void take_output() {
+        const std::string bytes = window_.read_all();
+        written_ += bytes;
+        terminal_.feed(bytes);
+    }
+    void forget_written() { written_.clear(); }
+    /// As a shell gives it.
+    std::optional<int> end_by(int signal) {
+        process_.signal(signal);
+        const auto status = process_.wait(kPatience);
+        take_output();
+        return status;
+    }
+    [[nodiscard]] bool is_given_back() const {
+        return !terminal_.alternate_screen() && terminal_.cursor_visible() && terminal_.wraps() &&
+               same_modes(window_.modes(), modes_before_);
+    }
+    [[nodiscard]] const TerminalModel& terminal() const { return terminal_; }
+    [[nodiscard]] const std::string& written() const { return written_; }
+    [[nodiscard]] PseudoTerminal& window() { return window_; }
+    ChildProcess& process() { return process_; }
+
+  private:
+    ChildProcess::Options command(const std::vector<std::string>& environment) {
+        ChildProcess::Options options;
+        options.argv = {
+            OX_AGENT_PATH, "--no-input", "--port-base",    std::to_string(ports_.base()),
+            "--capture",   "synthetic",  "--token-sha256", kTokenSha256};
+        options.environment = {"OX_LOG_FILE=" + folder_.file("agent.log"),
+                               "HOME=" + folder_.path().string(),
+                               "XDG_RUNTIME_DIR=" + folder_.path().string(),
+                               "TERM=xterm-256color",
+                               "OX_LANG=ru",
+                               "OX_TUI",
+                               "OX_CONSOLE_LOG",
+                               "COLORTERM"};
+        for (const std::string& entry : environment) {
+            const std::string name = entry.substr(0, entry.find('='));
+            std::erase_if(options.environment, [&](const std::string& existing) {
+                return existing.substr(0, existing.find('=')) == name;
+            });
+            options.environment.push_back(entry);
+        }
+        options.stdout_path = window_.path();
+        options.stderr_path = window_.path();
+        return options;
+    }
+
+    PortBlock ports_;
+    TempDir folder_;
+    PseudoTerminal window_{80, 24};
+    TerminalModel terminal_{80, 24};
+    std::string written_;
+    termios modes_before_;
+    ChildProcess process_;
+};
+
+TEST(ScreenOfTheAgent, TerminalIsGivenBackWhateverSignalEndsIt) {
+    struct Case {
+        int signal;
+        int status;
+    };
+    const Case cases[] = {{SIGINT, 0},
+                          {SIGTERM, 0},
+                          {SIGHUP, 128 + SIGHUP},
+                          {SIGQUIT, 128 + SIGQUIT},
+                          {SIGABRT, 128 + SIGABRT},
+                          {SIGSEGV, 128 + SIGSEGV},
+                          {SIGALRM, 128 + SIGALRM}};
+    for (const auto& [signal, status] : cases) {
+        SCOPED_TRACE(signal);
+        AgentInTerminal agent;
+        ASSERT_TRUE(agent.shows("ЖДЁМ ЛАУНЧЕР")) << agent.terminal().text();
+        EXPECT_FALSE(agent.is_given_back());
+        EXPECT_TRUE(agent.terminal().alternate_screen());
+        const auto ended = agent.end_by(signal);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        // The sanitizer reports a crash its own way.
+        if (signal != SIGSEGV && signal != SIGABRT) EXPECT_EQ(ended, status);
+#else
+        EXPECT_EQ(ended, status);
+#endif
+        EXPECT_TRUE(agent.is_given_back());
+        EXPECT_EQ(agent.terminal().unknown(), "");
+        EXPECT_FALSE(agent.terminal().overran());
+    }
+}
+
+TEST(ScreenOfTheAgent, PaintsEverythingAnewAfterAStop) {
+    AgentInTerminal agent;
+    ASSERT_TRUE(agent.shows("ЖДЁМ ЛАУНЧЕР"));
+    agent.process().signal(SIGSTOP);
+    // As a shell does; and what it has shown meanwhile covers the picture.
+    const termios screen_modes = agent.window().modes();
+    termios modes = screen_modes;
+    modes.c_lflag |= static_cast<tcflag_t>(ECHO | ICANON);
+    ASSERT_EQ(::tcsetattr(agent.window().program.get(), TCSANOW, &modes), 0);
+    agent.take_output();
+    agent.forget_written();
+    agent.process().signal(SIGCONT);
+    EXPECT_TRUE(agent.writes("\x1B[2J"));
+    EXPECT_TRUE(same_modes(agent.window().modes(), screen_modes));
+    EXPECT_EQ(agent.end_by(SIGTERM), 0);
+    EXPECT_TRUE(agent.is_given_back());
+}
+
+TEST(ScreenOfTheAgent, SimpleTerminalsGetPlainLines) {
+    for (const char* setting : {"OX_TUI=plain", "TERM=dumb", "TERM=", "TERM"}) {
+        SCOPED_TRACE(setting);
+        AgentInTerminal agent({setting});
+        EXPECT_TRUE(agent.writes("Автономный режим, ждём лаунчер"));
+        EXPECT_EQ(agent.end_by(SIGTERM), 0);
+        EXPECT_THAT(agent.written(), HasSubstr("Останавливаемся"));
+        EXPECT_THAT(agent.written(), Not(HasSubstr("\x1B")));
+    }
+}
+
+TEST(ScreenOfTheAgent, RedirectedOutputIsPlainLinesInAnyTerminal) {
+    Agent agent({.environment = {"OX_TUI", "TERM=xterm", "COLORTERM=truecolor"}});
+    EXPECT_TRUE(agent.screen().wait_for("Standalone mode, waiting for launchers", kPatience));
+    agent.expect_prompt_stop();
+    for (const std::string& line : agent.screen().lines())
+        EXPECT_THAT(line, Not(HasSubstr("\x1B")));
+}
+
+}  // namespace
+}  // namespace ox::test

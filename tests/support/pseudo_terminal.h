@@ -1,0 +1,71 @@
+#pragma once
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+
+#include <algorithm>
+#include <array>
+#include <string>
+#include <system_error>
+
+#include "base/unique_fd.h"
+
+namespace ox::test {
+
+/// A terminal without a window: what a program writes to `path()` is read here.
+class PseudoTerminal {
+  public:
+    PseudoTerminal(int columns, int rows) {
+        user.reset(::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+        if (!user || ::grantpt(user.get()) != 0 || ::unlockpt(user.get()) != 0) {
+            throw std::system_error(errno, std::generic_category(), "posix_openpt");
+        }
+        std::array<char, 64> name{};
+        ::ptsname_r(user.get(), name.data(), name.size());
+        path_ = name.data();
+        // Also keeps the terminal alive when the program has ended.
+        program.reset(::open(path_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+        resize(columns, rows);
+    }
+
+    [[nodiscard]] const std::string& path() const { return path_; }
+
+    void resize(int columns, int rows) const {
+        const winsize size{.ws_row = static_cast<unsigned short>(rows),
+                           .ws_col = static_cast<unsigned short>(columns),
+                           .ws_xpixel = 0,
+                           .ws_ypixel = 0};
+        ::ioctl(user.get(), TIOCSWINSZ, &size);
+    }
+
+    /// What was written since the call before.
+    [[nodiscard]] std::string read_all() const {
+        std::string text;
+        std::array<char, 4096> buffer;
+        for (ssize_t n = 0; (n = ::read(user.get(), buffer.data(), buffer.size())) > 0;) {
+            text.append(buffer.data(), static_cast<size_t>(n));
+        }
+        return text;
+    }
+
+    [[nodiscard]] termios modes() const {
+        termios now{};
+        ::tcgetattr(program.get(), &now);
+        return now;
+    }
+
+    UniqueFd user;     ///< the window's end
+    UniqueFd program;  ///< the program's end
+
+  private:
+    std::string path_;
+};
+
+inline bool same_modes(const termios& a, const termios& b) {
+    return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_lflag == b.c_lflag &&
+           std::equal(std::begin(a.c_cc), std::end(a.c_cc), std::begin(b.c_cc));
+}
+
+}  // namespace ox::test

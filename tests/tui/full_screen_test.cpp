@@ -1,0 +1,113 @@
+#include "tui/full_screen.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include "support/eventually.h"
+#include "support/pseudo_terminal.h"
+#include "support/redirected_fd.h"
+#include "support/terminal_model.h"
+#include "tui/output_pipe.h"
+#include "tui/sample_boards.h"
+#include "tui/screen_runner.h"
+
+namespace ox::tui {
+namespace {
+
+using ::testing::HasSubstr;
+
+TEST(FullScreen, FollowsTheBoardAndTheWindowAndGivesTheTerminalBack) {
+    const ox::test::PseudoTerminal window(80, 24);
+    ox::test::TerminalModel terminal(80, 24);
+    const termios before = window.modes();
+    const auto shows = [&](const std::string& text) {
+        return ox::test::eventually([&] {
+            terminal.feed(window.read_all());
+            return terminal.text().find(text) != std::string::npos;
+        });
+    };
+    const ox::test::RedirectedFd redirected(STDOUT_FILENO, window.program.get());
+    Board board;
+    ScreenRunner runner;
+    runner.start(Lang::English, board, ColourMode::TrueColour);
+    EXPECT_TRUE(shows("Connecting to the platform"));
+    EXPECT_TRUE(terminal.alternate_screen());
+    EXPECT_FALSE(terminal.cursor_visible());
+    EXPECT_EQ(window.modes().c_lflag & static_cast<tcflag_t>(ECHO | ICANON), 0U);
+    EXPECT_NE(window.modes().c_lflag & static_cast<tcflag_t>(ISIG), 0U) << "Ctrl+C must stop";
+
+    board.update([](Snapshot& state) { state = test::streaming_board(); });
+    EXPECT_TRUE(shows("PLAYER CONNECTED"));
+    EXPECT_FALSE(terminal.overran());
+    terminal.resize(40, 12);
+    window.resize(40, 12);
+    EXPECT_TRUE(shows("23.4\u00A0Mbit/s"));
+    EXPECT_TRUE(shows("ORVEX 0.4.448"));
+
+    runner.stop();
+    terminal.feed(window.read_all());
+    EXPECT_FALSE(terminal.alternate_screen());
+    EXPECT_TRUE(terminal.cursor_visible());
+    EXPECT_TRUE(terminal.wraps());
+    EXPECT_FALSE(terminal.overran());
+    EXPECT_EQ(terminal.unknown(), "");
+    EXPECT_TRUE(ox::test::same_modes(window.modes(), before));
+}
+
+TEST(FullScreen, CrashGivesTheTerminalBackAndStaysACrash) {
+    const ox::test::PseudoTerminal window(80, 24);
+    ox::test::TerminalModel terminal(80, 24);
+    const termios before = window.modes();
+    const ox::test::OutputPipe order;
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const ox::test::RedirectedFd redirected(STDOUT_FILENO, window.program.get());
+        ScreenRunner runner;
+        Board board;
+        runner.start(Lang::English, board, ColourMode::Ansi);
+        while (order.read_all().empty())
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        __builtin_trap();
+    }
+    EXPECT_TRUE(ox::test::eventually([&] {
+        terminal.feed(window.read_all());
+        return terminal.text().find("Connecting") != std::string::npos;
+    }));
+    EXPECT_TRUE(terminal.alternate_screen());
+    ASSERT_EQ(::write(order.writer.get(), "x", 1), 1);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    terminal.feed(window.read_all());
+    EXPECT_FALSE(terminal.alternate_screen());
+    EXPECT_TRUE(terminal.cursor_visible());
+    EXPECT_TRUE(ox::test::same_modes(window.modes(), before));
+}
+
+TEST(FullScreen, StalledTerminalMissesPicturesButNeverGetsPartsOfThem) {
+    const ox::test::OutputPipe pipe;
+    pipe.fill();
+    Snapshot board = test::streaming_board();
+    FullScreen screen(pipe.writer.get(), Lang::English, Host::Desktop, ColourMode::Ansi);
+    // A screen that waits would never come back from the first of these.
+    for (int i = 0; i < 1000; ++i) {
+        board.session.width = static_cast<uint32_t>(i);
+        screen.paint(board);
+    }
+    EXPECT_EQ(pipe.read_all(), "");
+    board.session.width = 1234;
+    screen.paint(board);
+    ox::test::TerminalModel terminal(80, 24);
+    EXPECT_TRUE(ox::test::eventually([&] {
+        screen.idle();
+        terminal.feed(pipe.read_all());
+        return terminal.text().find("1234×1440") != std::string::npos;
+    })) << terminal.text();
+    EXPECT_EQ(terminal.unknown(), "");
+    EXPECT_FALSE(terminal.overran());
+}
+
+}  // namespace
+}  // namespace ox::tui

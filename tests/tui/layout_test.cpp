@@ -1,0 +1,174 @@
+#include "tui/layout.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tui/sample_boards.h"
+#include "tui/text.h"
+
+namespace ox::tui {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+View view(int columns, int rows, Lang lang = Lang::English) {
+    View result;
+    result.size = {.columns = columns, .rows = rows};
+    result.lang = lang;
+    result.now_s = test::kNow;
+    result.pid = 4711;
+    return result;
+}
+
+std::string text_of(const Line& line) {
+    std::string text;
+    for (const Span& span : line.spans())
+        text += span.text;
+    return text;
+}
+
+std::string text_of(const std::vector<Line>& lines) {
+    std::string text;
+    for (const Line& line : lines)
+        text += text_of(line) + "\n";
+    return text;
+}
+
+// Without frames, and with every run of spaces and line ends as one space.
+std::string running_text(const std::vector<Line>& lines) {
+    std::string text;
+    for (const char c : text_of(lines)) {
+        if (c != ' ' && c != '\n') {
+            text += c;
+        } else if (!text.ends_with(' ')) {
+            text += ' ';
+        }
+    }
+    return text;
+}
+
+Snapshot preparing_board() {
+    Snapshot board = test::connected_board();
+    board.session.state = SessionState::Preparing;
+    board.session.since_s = test::kNow - 4;
+    return board;
+}
+
+std::vector<Snapshot> boards_of_all_states() {
+    Snapshot reconnecting = test::connected_board();
+    reconnecting.link = LinkState::Reconnecting;
+    return {Snapshot{},         test::connected_board(), reconnecting,
+            preparing_board(),  test::streaming_board(), test::holding_board(),
+            test::nasty_board()};
+}
+
+TEST(Layout, NothingIsEverOutsideTheTerminal) {
+    const auto check = [](const Snapshot& board, const View& at) {
+        const std::vector<Line> lines = lay_out(board, at);
+        ASSERT_LE(static_cast<int>(lines.size()), at.size.rows);
+        for (const Line& line : lines) {
+            const std::string text = text_of(line);
+            ASSERT_LE(text::width(text), at.size.columns)
+                << at.size.columns << "x" << at.size.rows << ": " << text;
+            ASSERT_EQ(text::width(text), line.width());
+            ASSERT_EQ(text::printable(text), text);
+        }
+    };
+    for (const Snapshot& board : boards_of_all_states()) {
+        for (int columns = 1; columns <= 300; columns += columns < 45 ? 1 : 13) {
+            for (const int rows : {1, 4, 12, 24, 100})
+                check(board, view(columns, rows, columns % 2 ? Lang::English : Lang::Russian));
+        }
+        for (int rows = 1; rows <= 100; rows += rows < 45 ? 1 : 13) {
+            for (const int columns : {1, 40, 80, 300})
+                check(board, view(columns, rows, rows % 2 ? Lang::English : Lang::Russian));
+        }
+    }
+}
+
+TEST(Layout, EveryAlertIsReadableInFullAt80x24) {
+    std::vector<std::vector<Alert>> sets{
+        {Alert::NvidiaDriverMissing, Alert::CaptureFailed, Alert::PortBusy, Alert::UinputDenied},
+        test::all_alerts()};
+    for (const Alert alert : test::all_alerts())
+        sets.push_back({alert});
+    for (const Lang lang : {Lang::English, Lang::Russian}) {
+        for (const Snapshot& board : boards_of_all_states()) {
+            for (const std::vector<Alert>& alerts : sets) {
+                const Snapshot alarmed = test::with_alerts(board, alerts);
+                const std::string shown = running_text(lay_out(alarmed, view(80, 24, lang)));
+                for (const Alert alert : alerts) {
+                    EXPECT_THAT(shown, HasSubstr(alert_text(alert, lang, Host::Desktop, 48'001)));
+                }
+            }
+        }
+    }
+}
+
+TEST(Layout, SmallTerminalKeepsLinkSessionAndAlerts) {
+    for (const Lang lang : {Lang::English, Lang::Russian}) {
+        const bool english = lang == Lang::English;
+        const Snapshot board = test::with_alerts(
+            test::streaming_board(), {Alert::CaptureFailed, Alert::PortBusy, Alert::SecondAgent});
+        const std::string shown = running_text(lay_out(board, view(40, 12, lang)));
+        EXPECT_THAT(shown, HasSubstr(english ? "Platform connected" : "Платформа на\u00A0связи"));
+        EXPECT_THAT(shown, HasSubstr(english ? "PLAYER CONNECTED" : "ИГРОК ПОДКЛЮЧЁН"));
+        EXPECT_THAT(shown, HasSubstr(english ? "23.4\u00A0Mbit/s" : "23,4\u00A0Мбит/с"));
+        for (const Alert alert : {Alert::CaptureFailed, Alert::PortBusy, Alert::SecondAgent})
+            EXPECT_THAT(shown, HasSubstr(alert_title(alert, lang, 48'001)));
+        // The most important line is the last to go.
+        EXPECT_THAT(running_text(lay_out(board, view(40, 1, lang))),
+                    HasSubstr(english ? "Platform connected" : "Платформа на\u00A0связи"));
+    }
+}
+
+TEST(Layout, TellsWhatMattersOfAStreamAndOfAHold) {
+    const std::string stream = running_text(lay_out(test::streaming_board(), view(80, 24)));
+    for (const char* fact :
+         {"rig", "Some GPU", "0.4.448", "Platform connected 1 h 05 min", "PLAYER CONNECTED",
+          " 1:02:05 ", "2560×1440 · 120 fps · HEVC · NVENC", "player 10.0.0.5", "23.4 Mbit/s",
+          "119.2 fps", "17 ms", "0.3 %", "Session ended after 12 min", "/var/log/agent.log",
+          "Ctrl+C stops the agent", "kill -USR1 4711"}) {
+        EXPECT_THAT(stream, HasSubstr(fact));
+    }
+    const std::string hold =
+        running_text(lay_out(test::holding_board(), view(80, 24, Lang::Russian)));
+    EXPECT_THAT(hold, HasSubstr("ИГРОК ОТКЛЮЧИЛСЯ"));
+    EXPECT_THAT(hold, HasSubstr("Держим сессию ещё 42\u00A0с"));
+    // Of the meter, 42 of 60 seconds are left.
+    const auto count = [&hold](std::string_view glyph) {
+        int found = 0;
+        for (size_t at = hold.find(glyph); at != std::string::npos; at = hold.find(glyph, at + 1))
+            ++found;
+        return found;
+    };
+    const int whole = 72 - text::width("Держим сессию ещё 42 с  ");
+    EXPECT_NEAR(count("━"), whole * 42.0 / 60.0, 1.0);
+}
+
+TEST(Layout, UnknownReadingsAreNotShownAsZero) {
+    Snapshot board = test::streaming_board();
+    board.session.rtt_ms = board.session.loss_pct = -1;
+    const std::string shown = running_text(lay_out(board, view(80, 24)));
+    EXPECT_THAT(shown, HasSubstr("— ms"));
+    EXPECT_THAT(shown, HasSubstr("— %"));
+    EXPECT_THAT(running_text(lay_out(board, view(40, 12))), Not(HasSubstr("loss")));
+}
+
+TEST(Layout, WideTerminalDoesNotStretchTheText) {
+    int left = 300;
+    int right = 0;
+    for (const Line& line : lay_out(test::streaming_board(), view(300, 100))) {
+        const std::string text = text_of(line);
+        const size_t begin = text.find_first_not_of(' ');
+        if (begin == std::string::npos) continue;
+        left = std::min(left, static_cast<int>(begin));
+        right = std::max(right, line.width());
+    }
+    EXPECT_EQ(right - left, 100);
+    EXPECT_EQ(left, 100);
+}
+
+}  // namespace
+}  // namespace ox::tui

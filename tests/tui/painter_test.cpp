@@ -1,0 +1,91 @@
+#include "tui/painter.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "support/terminal_model.h"
+#include "tui/layout.h"
+#include "tui/sample_boards.h"
+
+namespace ox::tui {
+namespace {
+
+using ox::test::TerminalModel;
+
+void expect_shows(const TerminalModel& terminal, const Frame& frame, ColourMode mode) {
+    EXPECT_EQ(terminal.unknown(), "");
+    EXPECT_FALSE(terminal.overran());
+    for (int row = 0; row < frame.size().rows; ++row) {
+        for (int column = 0; column < frame.size().columns; ++column) {
+            const Cell& wanted = frame.at(column, row);
+            const TerminalModel::Cell cell{
+                .cp = wanted.cp,
+                .mark = wanted.mark,
+                .style = wanted.cp == U' ' ? "" : sgr(wanted.style, mode)};
+            ASSERT_EQ(terminal.at(column, row), cell)
+                << column << "," << row << ": " << terminal.row(row);
+        }
+    }
+}
+
+// Any text at any place in any style, of one and two columns and with marks.
+std::vector<Line> random_lines(std::mt19937& random, Size size) {
+    const std::string_view pieces[] = {"a", "b",       " ", "  ", "Ж",       "漢",
+                                       "🎮", "e\u0301", "─", "☕",  "\x1B[2J", "\xD0"};
+    std::uniform_int_distribution<size_t> piece(0, std::size(pieces) - 1);
+    std::uniform_int_distribution<int> number(0, 7);
+    std::vector<Line> lines(static_cast<size_t>(size.rows));
+    for (Line& line : lines) {
+        for (int i = number(random) * 3; i > 0; --i) {
+            line.add(pieces[piece(random)], {.tone = static_cast<Tone>(number(random)),
+                                             .bold = number(random) > 4,
+                                             .shade = static_cast<uint8_t>(number(random))});
+        }
+    }
+    return lines;
+}
+
+TEST(Painter, TerminalShowsEachFrameAfterItsChanges) {
+    std::mt19937 random(20240611);  // NOLINT: the same frames in each run
+    for (const ColourMode mode : {ColourMode::Ansi, ColourMode::TrueColour}) {
+        const Size size{.columns = 17, .rows = 3};
+        TerminalModel terminal(size.columns, size.rows);
+        Frame shown(size, random_lines(random, size));
+        terminal.feed("leftovers\x1B[31m");
+        terminal.feed(paint_all(shown, mode));
+        expect_shows(terminal, shown, mode);
+        for (int round = 0; round < 500 && !HasFailure(); ++round) {
+            const Frame next(size, random_lines(random, size));
+            terminal.feed(paint_changes(shown, next, mode));
+            expect_shows(terminal, next, mode);
+            shown = next;
+        }
+    }
+}
+
+TEST(Painter, SecondsClockCostsAFewBytes) {
+    View view;
+    view.now_s = test::kNow;
+    const Snapshot board = test::streaming_board();
+    const Frame before(view.size, lay_out(board, view));
+    EXPECT_EQ(paint_changes(before, before, ColourMode::TrueColour), "");
+    ++view.now_s;
+    const Frame after(view.size, lay_out(board, view));
+    const std::string bytes = paint_changes(before, after, ColourMode::TrueColour);
+    EXPECT_NE(bytes, "");
+    EXPECT_LT(bytes.size(), 80U);
+}
+
+TEST(Painter, CharacterOfDoubtfulWidthDoesNotShiftItsLine) {
+    const Size size{.columns = 10, .rows = 1};
+    const Frame frame(size, {Line("a☕b c", {})});
+    TerminalModel terminal(size.columns, size.rows);
+    terminal.treat_as_wide(U"☕");
+    terminal.feed(paint_all(frame, ColourMode::Ansi));
+    EXPECT_EQ(terminal.at(2, 0).cp, U'b');
+    EXPECT_EQ(terminal.at(4, 0).cp, U'c');
+}
+
+}  // namespace
+}  // namespace ox::tui
