@@ -6,6 +6,7 @@
 #   scripts/setup.sh --bench    in addition the programs that the pipeline comparison runs against
 #   scripts/setup.sh --fuzz     what building and running the fuzz targets takes
 #   scripts/setup.sh --package  what building and checking the Debian package takes
+#   scripts/setup.sh --pictures what scripts/screenshots.sh takes
 set -euo pipefail
 
 build_packages=(
@@ -29,6 +30,7 @@ bench_packages=(
 )
 
 fuzz_packages=(clang libclang-rt-dev)
+picture_packages=(fonts-dejavu-core imagemagick tmux xterm xvfb)
 package_packages=(debootstrap dpkg-dev file)
 
 wanted=("${build_packages[@]}" "${test_packages[@]}")
@@ -38,7 +40,8 @@ for argument in "$@"; do
     --bench) wanted+=("${bench_packages[@]}") ;;
     --fuzz) wanted=("${build_packages[@]}" "${fuzz_packages[@]}") ;;
     --package) wanted=("${build_packages[@]}" "${package_packages[@]}") ;;
-    -h | --help) sed -n '2,8s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    --pictures) wanted=("${build_packages[@]}" "${picture_packages[@]}") ;;
+    -h | --help) sed -n '2,9s/^# \{0,1\}//p' "$0"; exit 0 ;;
     *) echo "setup.sh: unknown argument '$argument' (see --help)" >&2; exit 2 ;;
   esac
 done
