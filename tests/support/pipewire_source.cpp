@@ -1,9 +1,12 @@
 #include "support/pipewire_source.h"
 
+#include <fcntl.h>
 #include <pipewire/pipewire.h>
 #include <spa/param/buffers.h>
 #include <spa/param/video/format-utils.h>
 #include <spa/pod/builder.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
@@ -20,8 +23,10 @@ namespace {
 
 constexpr uint32_t kPixelBytes = 4;
 constexpr int kBuffers = 4;
+constexpr int kMemFd = 1 << SPA_DATA_MemFd;
+constexpr int kDmaBuf = 1 << SPA_DATA_DmaBuf;
 constexpr uint32_t kMemory = 1024;  // for one parameter object
-using Memory = std::array<uint8_t, kMemory>;
+using ParamMemory = std::array<uint8_t, kMemory>;
 
 }  // namespace
 
@@ -39,8 +44,11 @@ struct PipewireSource::Impl {
 
     bool connect(const std::string& socket);
     [[nodiscard]] uint32_t stride() const { return width * kPixelBytes + setup.padding; }
-    const spa_pod* format(Memory& memory) const;
+    [[nodiscard]] uint32_t block_bytes() const { return setup.offset + stride() * height; }
+    const spa_pod* format(ParamMemory& memory) const;
     void format_changed(const spa_pod* param);
+    void add_memory(spa_data& block) const;
+    static void remove_memory(spa_data& block);
     void tick();
     void process();
     void fill(spa_data& block);
@@ -82,12 +90,18 @@ bool PipewireSource::Impl::connect(const std::string& socket) {
     events.param_changed = [](void* self, uint32_t id, const spa_pod* param) {
         if (id == SPA_PARAM_Format) static_cast<Impl*>(self)->format_changed(param);
     };
+    events.add_buffer = [](void* self, pw_buffer* buffer) {
+        static_cast<Impl*>(self)->add_memory(buffer->buffer->datas[0]);
+    };
+    events.remove_buffer = [](void* /*self*/, pw_buffer* buffer) {
+        remove_memory(buffer->buffer->datas[0]);
+    };
     events.process = [](void* self) { static_cast<Impl*>(self)->process(); };
     pw_stream_add_listener(stream, &listener, &events, this);
-    Memory memory;
+    ParamMemory memory;
     const spa_pod* params[] = {format(memory)};
     constexpr auto kFlags =
-        static_cast<pw_stream_flags>(PW_STREAM_FLAG_DRIVER | PW_STREAM_FLAG_MAP_BUFFERS);
+        static_cast<pw_stream_flags>(PW_STREAM_FLAG_DRIVER | PW_STREAM_FLAG_ALLOC_BUFFERS);
     if (pw_stream_connect(stream, PW_DIRECTION_OUTPUT, PW_ID_ANY, kFlags, params, 1) < 0) {
         return false;
     }
@@ -101,7 +115,7 @@ bool PipewireSource::Impl::connect(const std::string& socket) {
 }
 
 /// As compositors offer it: one size, no fixed rate.
-const spa_pod* PipewireSource::Impl::format(Memory& memory) const {
+const spa_pod* PipewireSource::Impl::format(ParamMemory& memory) const {
     const spa_rectangle size{width, height};
     const spa_fraction rate{0, 1};
     spa_pod_builder builder{};
@@ -122,19 +136,38 @@ void PipewireSource::Impl::format_changed(const spa_pod* param) {
     if (param == nullptr || spa_format_video_raw_parse(param, &info) < 0) return;
     agreed_width = info.size.width;
     agreed_height = info.size.height;
-    Memory memory;
+    const int data_types = (setup.memory != Memory::Shared ? kDmaBuf : 0) |
+                           (setup.memory != Memory::Graphics ? kMemFd : 0);
+    ParamMemory memory;
     spa_pod_builder builder{};
     spa_pod_builder_init(&builder, memory.data(), kMemory);
     spa_pod_frame object{};
     spa_pod_builder_push_object(&builder, &object, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers);
     spa_pod_builder_add(&builder, SPA_PARAM_BUFFERS_buffers, SPA_POD_Int(kBuffers),
                         SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1), SPA_PARAM_BUFFERS_size,
-                        SPA_POD_Int(static_cast<int>(setup.offset + stride() * height)),
-                        SPA_PARAM_BUFFERS_stride, SPA_POD_Int(static_cast<int>(stride())),
-                        SPA_PARAM_BUFFERS_dataType,
-                        SPA_POD_CHOICE_FLAGS_Int(static_cast<int>(setup.data_types)), 0);
+                        SPA_POD_Int(static_cast<int>(block_bytes())), SPA_PARAM_BUFFERS_stride,
+                        SPA_POD_Int(static_cast<int>(stride())), SPA_PARAM_BUFFERS_dataType,
+                        SPA_POD_CHOICE_FLAGS_Int(data_types), 0);
     const spa_pod* params[] = {static_cast<const spa_pod*>(spa_pod_builder_pop(&builder, &object))};
     pw_stream_update_params(stream, params, 1);
+}
+
+/// `block.type` comes in as the types that the other end takes.
+void PipewireSource::Impl::add_memory(spa_data& block) const {
+    const bool graphics = (block.type & kDmaBuf) != 0 && setup.memory != Memory::Shared;
+    block.type = graphics ? SPA_DATA_DmaBuf : SPA_DATA_MemFd;
+    block.flags = SPA_DATA_FLAG_READWRITE;
+    block.maxsize = block_bytes();
+    block.mapoffset = 0;
+    const int fd = ::memfd_create("picture", MFD_CLOEXEC);
+    if (::ftruncate(fd, block.maxsize) != 0) throw std::runtime_error("no shared memory");
+    block.fd = fd;
+    block.data = ::mmap(nullptr, block.maxsize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+}
+
+void PipewireSource::Impl::remove_memory(spa_data& block) {
+    ::munmap(block.data, block.maxsize);
+    ::close(static_cast<int>(block.fd));
 }
 
 void PipewireSource::Impl::tick() {
@@ -146,7 +179,7 @@ void PipewireSource::Impl::tick() {
     if (picture.width != width || picture.height != height) {
         width = picture.width;
         height = picture.height;
-        Memory memory;
+        ParamMemory memory;
         const spa_pod* params[] = {format(memory)};
         pw_stream_update_params(stream, params, 1);
         return;
@@ -168,7 +201,7 @@ void PipewireSource::Impl::fill(spa_data& block) {
     chunk.stride = static_cast<int32_t>(stride());
     chunk.size = stride() * height;
     chunk.flags = SPA_CHUNK_FLAG_NONE;
-    if (block.data == nullptr || block.maxsize < setup.offset + chunk.size) return;
+    if (block.maxsize < block_bytes()) return;     // of the size before
     std::memset(block.data, 0x5A, block.maxsize);  // nothing of this may ever be seen
     if (blanks_to_come > 0 && --blanks_to_come > 0) {
         blanks_to_come == 2 ? chunk.size = 0 : chunk.flags = SPA_CHUNK_FLAG_CORRUPTED;

@@ -12,16 +12,19 @@ namespace ox::test {
 /// backend, and follows their size. Destroying it is what a compositor's death is.
 class PipewireSource {
   public:
+    enum class Memory {
+        Shared,         ///< a file in memory, for whoever asks
+        Graphics,       ///< a DMA-BUF
+        GraphicsFirst,  ///< a DMA-BUF for whoever takes one, shared for others
+    };
     struct Setup {
         int fps = 60;
-        uint32_t padding = 0;           ///< bytes behind each row
-        uint32_t offset = 0;            ///< bytes before the first row
-        bool bgrx = true;               ///< false: R, G, B and a fourth byte
-        bool blanks = false;            ///< a damaged and an empty buffer before each picture
-        uint32_t data_types = kMapped;  ///< bits of SPA_DATA_*
+        uint32_t padding = 0;  ///< bytes behind each row
+        uint32_t offset = 0;   ///< bytes before the first row
+        bool bgrx = true;      ///< false: R, G, B and a fourth byte
+        bool blanks = false;   ///< a damaged and an empty buffer before each picture
+        Memory memory = Memory::Shared;
     };
-    static constexpr uint32_t kMapped = 1U << 2U;  ///< SPA_DATA_MemFd
-    static constexpr uint32_t kDmaBuf = 1U << 3U;  ///< SPA_DATA_DmaBuf
 
     /// `pictures` is initialised; its `capture_frame` is called `fps` times a second from another
     /// thread while somebody watches, and says 1 when nothing has changed. Throws

@@ -14,8 +14,7 @@ matter, and for Close calls what was closed. BEHAVIOURs:
   mute=CALL        CALL gets not even a reply
   fail=CALL        CALL fails with a D-Bus error
   early=CALL       CALL's Response comes before its reply
-  foreign=CALL     before its Response there is one for somebody else's request, and a false one for
-                   this request from another sender
+  foreign=CALL     before its Response there is one for another request
   no-token         SelectSources fails for a call with a restore token
   empty=CALL       CALL's results are empty
   no-fd            OpenPipeWireRemote fails
@@ -43,7 +42,6 @@ class Portal(dbus.service.Object):
         self.bus = bus
         self.report_file = report
         self.behaviours = behaviours
-        self.impostor = dbus.bus.BusConnection(os.environ["DBUS_SESSION_BUS_ADDRESS"])
         bus.add_message_filter(self.note_close)
 
     def report(self, *words):
@@ -62,12 +60,12 @@ class Portal(dbus.service.Object):
         self.report("Close", message.get_interface().rsplit(".", 1)[1], message.get_path())
         return dbus.lowlevel.HANDLER_RESULT_HANDLED
 
-    def respond(self, bus, path, receiver, code, results):
+    def respond(self, path, receiver, code, results):
         signal = dbus.lowlevel.SignalMessage(path, REQUEST, "Response")
         signal.set_destination(receiver)
         signal.append(dbus.UInt32(code), dbus.Dictionary(results, signature="sv"), signature="ua{sv}")
-        bus.send_message(signal)
-        bus.flush()
+        self.bus.send_message(signal)
+        self.bus.flush()
 
     def serve(self, call, options, sender, reply, fail, results):
         if self.told(f"mute={call}"):
@@ -85,9 +83,8 @@ class Portal(dbus.service.Object):
             if self.told(f"silent={call}"):
                 return False
             if self.told(f"foreign={call}"):
-                self.respond(self.bus, path + "x", sender, 2, {})
-                self.respond(self.impostor, path, sender, 2, {})
-            self.respond(self.bus, path, sender, code, results)
+                self.respond(path + "x", sender, 2, {})
+            self.respond(path, sender, code, results)
             return False
 
         if self.told(f"early={call}"):

@@ -35,6 +35,7 @@ std::vector<std::string> WaylandDesktop::environment() const {
             "XDG_STATE_HOME=" + folder,
             "HOME=" + folder,
             "XDG_SESSION_TYPE=wayland",
+            "WAYLAND_DISPLAY=wayland-0",
             "PIPEWIRE_REMOTE",
             "PIPEWIRE_RUNTIME_DIR",
             "DISPLAY"};

@@ -11,8 +11,8 @@
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/pipewire_source.h"
+#include "support/screen_pictures.h"
 #include "support/wayland_desktop.h"
-#include "video/synthetic_capture.h"
 
 namespace ox::test {
 namespace {
@@ -32,46 +32,6 @@ PortalLimits patient() {
             limits.first_frame_without_token = kPatience;
     return limits;
 }
-
-std::unique_ptr<ICapture> moving(uint32_t width, uint32_t height) {
-    auto pictures = std::make_unique<SyntheticCapture>(width, height);
-    pictures->init();
-    return pictures;
-}
-
-/// Shows what another backend does, at first in one size and from `change()` on in another.
-class ResizedPictures final : public ICapture {
-  public:
-    ResizedPictures(std::unique_ptr<ICapture> first, std::unique_ptr<ICapture> second,
-                    const std::atomic<bool>& changed)
-        : first_(std::move(first)), second_(std::move(second)), changed_(changed) {}
-    bool init() override { return true; }
-    int capture_frame(CapturedFrame& frame) override { return now().capture_frame(frame); }
-    [[nodiscard]] uint32_t width() const override { return now().width(); }
-    [[nodiscard]] uint32_t height() const override { return now().height(); }
-
-  private:
-    [[nodiscard]] ICapture& now() const { return changed_ ? *second_ : *first_; }
-    std::unique_ptr<ICapture> first_;
-    std::unique_ptr<ICapture> second_;
-    const std::atomic<bool>& changed_;
-};
-
-/// A desktop on which nothing ever moves.
-class StillPicture final : public ICapture {
-  public:
-    explicit StillPicture(std::unique_ptr<ICapture> pictures) : pictures_(std::move(pictures)) {}
-    bool init() override { return true; }
-    int capture_frame(CapturedFrame& frame) override {
-        return std::exchange(shown_, true) ? 1 : pictures_->capture_frame(frame);
-    }
-    [[nodiscard]] uint32_t width() const override { return pictures_->width(); }
-    [[nodiscard]] uint32_t height() const override { return pictures_->height(); }
-
-  private:
-    std::unique_ptr<ICapture> pictures_;
-    bool shown_ = false;
-};
 
 /// Tells byte by byte whether pictures are the synthetic ones, in order.
 class SyntheticReference {
@@ -212,7 +172,7 @@ TEST_F(Portal, EveryCallThatFailsIsToldAndNothingElseIsAsked) {
 }
 
 TEST_F(Portal, SharesWithWhateverOrderOfAnswersAndRemembersTheToken) {
-    PipewireSource source(desktop_->pipewire_socket(), moving(320, 180));
+    PipewireSource source(desktop_->pipewire_socket(), moving_pictures(320, 180));
     const LogCapture log;
     const std::string& path = token_file_.path();
     start_portal(source.node(), {"early=CreateSession", "early=SelectSources", "early=Start",
@@ -285,11 +245,11 @@ TEST_F(Portal, PicturesArriveToTheByteHoweverTheyLieInMemory) {
              {"graphics memory offered as well",
               320,
               180,
-              {.data_types = PipewireSource::kMapped | PipewireSource::kDmaBuf}},
+              {.memory = PipewireSource::Memory::GraphicsFirst}},
          }) {
         SCOPED_TRACE(name);
         const LogCapture log;
-        PipewireSource source(desktop_->pipewire_socket(), moving(width, height), setup);
+        PipewireSource source(desktop_->pipewire_socket(), moving_pictures(width, height), setup);
         start_portal(source.node());
         PortalCapture capture(config());
         ASSERT_TRUE(capture.init()) << log.text();
@@ -321,8 +281,8 @@ TEST_F(Portal, WhatCannotBeReadGivesNoFrame) {
     int expected = 0;
     for (const PipewireSource::Setup setup :
          {PipewireSource::Setup{.bgrx = false},
-          PipewireSource::Setup{.data_types = PipewireSource::kDmaBuf}}) {
-        PipewireSource source(desktop_->pipewire_socket(), moving(320, 180), setup);
+          PipewireSource::Setup{.memory = PipewireSource::Memory::Graphics}}) {
+        PipewireSource source(desktop_->pipewire_socket(), moving_pictures(320, 180), setup);
         start_portal(source.node());
         auto with = config();
         with.limits.first_frame_without_token = kShort;
@@ -334,7 +294,7 @@ TEST_F(Portal, WhatCannotBeReadGivesNoFrame) {
             << log.text();
     }
     // A node that is not there: no other takes its place, and nobody waits for it.
-    PipewireSource camera(desktop_->pipewire_socket(), moving(320, 180));
+    PipewireSource camera(desktop_->pipewire_socket(), moving_pictures(320, 180));
     start_portal(camera.node() + 1000);
     EXPECT_FALSE(PortalCapture(config()).init());
     EXPECT_FALSE(camera.streaming());
@@ -342,10 +302,10 @@ TEST_F(Portal, WhatCannotBeReadGivesNoFrame) {
 
 TEST_F(Portal, TheSizeFollowsTheMonitorWithoutATornPicture) {
     std::atomic<bool> changed{false};
-    PipewireSource source(
-        desktop_->pipewire_socket(),
-        std::make_unique<ResizedPictures>(moving(320, 180), moving(500, 90), changed),
-        {.padding = 16});
+    PipewireSource source(desktop_->pipewire_socket(),
+                          std::make_unique<ResizedPictures>(moving_pictures(320, 180),
+                                                            moving_pictures(500, 90), changed),
+                          {.padding = 16});
     start_portal(source.node());
     const LogCapture log;
     PortalCapture capture(config());
@@ -369,9 +329,11 @@ TEST_F(Portal, TheSizeFollowsTheMonitorWithoutATornPicture) {
 }
 
 TEST_F(Portal, WhenTheScreenGoesItsLastPictureStaysAndNothingElseIsShown) {
-    PipewireSource camera(desktop_->pipewire_socket(), moving(64, 64));
+    PipewireSource camera(desktop_->pipewire_socket(), moving_pictures(64, 64));
+    const std::atomic<bool> still{true};
     auto screen = std::make_unique<PipewireSource>(
-        desktop_->pipewire_socket(), std::make_unique<StillPicture>(moving(320, 180)));
+        desktop_->pipewire_socket(),
+        std::make_unique<FrozenPictures>(moving_pictures(320, 180), still));
     start_portal(screen->node());
     const LogCapture log;
     PortalCapture capture(config());
@@ -400,7 +362,7 @@ TEST_F(Portal, WhenTheScreenGoesItsLastPictureStaysAndNothingElseIsShown) {
 }
 
 TEST_F(Portal, CancellingEndsEveryWait) {
-    PipewireSource source(desktop_->pipewire_socket(), moving(320, 180), {.bgrx = false});
+    PipewireSource source(desktop_->pipewire_socket(), moving_pictures(320, 180), {.bgrx = false});
     for (const char* behaviour : {"mute=CreateSession", "silent=Start", "no frame"}) {
         SCOPED_TRACE(behaviour);
         start_portal(source.node(), {behaviour});
