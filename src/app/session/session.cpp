@@ -1,5 +1,7 @@
 #include "app/session/session.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 
 #include "app/process_flags.h"
@@ -241,8 +243,11 @@ std::string Session::run(std::atomic<unsigned>& streamed_seconds_out) {
 
 std::string run_session(const Options& options, const SessionRequest& request,
                         std::atomic<unsigned>& streamed_seconds) {
-    Session session(options, request);
-    return session.run(streamed_seconds);
+    std::string reason = Session(options, request).run(streamed_seconds);
+    // The agent idles for hours between sessions: what pictures and encoder took goes back to the
+    // games.
+    ::malloc_trim(0);
+    return reason;
 }
 
 bool ended_before_listening(const std::string& reason) {
