@@ -35,16 +35,21 @@ double noise(size_t /*sample*/) {
     return std::uniform_real_distribution<double>(-32000, 32000)(random);
 }
 
-/// Packets of quiet, tonal and noisy sound; none when the encoder refuses a frame.
+/// Packets of quiet, tonal and noisy sound in frames as the audio stream makes them; none when the
+/// encoder refuses one.
 std::vector<Bytes> encode_sounds(AudioEncoder& encoder) {
+    const int samples = encoder.frame_samples();
+    if (samples < 1) return {};
     std::vector<Bytes> packets;
+    std::vector<int16_t> pcm(static_cast<size_t>(samples) * kChannels);
     for (const Sound sound : {silence, tone, noise}) {
         for (size_t frame = 0; frame < kFramesPerSound; ++frame) {
-            std::array<int16_t, size_t{kFrameSamples} * kChannels> pcm{};
-            for (size_t i = 0; i < pcm.size(); ++i)
-                pcm[i] = static_cast<int16_t>(sound(frame * kFrameSamples + i / kChannels));
+            for (size_t i = 0; i < pcm.size(); ++i) {
+                const size_t sample = (frame * pcm.size() + i) / kChannels;
+                pcm[i] = static_cast<int16_t>(sound(sample));
+            }
             Bytes packet;
-            if (encoder.encode(pcm.data(), kFrameSamples, packet) < 1) return {};
+            if (encoder.encode(pcm.data(), samples, packet) < 1) return {};
             packets.push_back(std::move(packet));
         }
     }
@@ -122,7 +127,8 @@ void check_low_delay_audio() {
     check_encoder(encoder);
 
     int error = OPUS_OK;
-    const Decoder decoder(::opus_decoder_create(kRate, kChannels, &error));
+    const Decoder decoder(
+        ::opus_decoder_create(SessionAudio::kSampleRate, SessionAudio::kChannels, &error));
     check(decoder != nullptr && error == OPUS_OK, "reference Opus decoder created");
 
     const std::vector<Bytes> packets = encode_sounds(encoder);
