@@ -156,10 +156,13 @@ std::optional<Reaction> react(const InputBytes& bytes) {
 }
 
 bool legacy_request_asks_for_keyframe() {
+    constexpr InputBytes kAllZero{1, 7};
+    const auto packet = through_the_wire(kAllZero);
     const auto plain = react({1, 6});
-    const auto zero = react({1, 7});
-    return plain && plain->keyframe && zero && zero->keyframe && zero->counters.requests == 1 &&
-           zero->counters.valid == 0 && zero->counters.idr_fallbacks == 0;
+    const auto zero = react(kAllZero);
+    return packet && parse_rfi_request(*packet).all_zero && plain && plain->keyframe && zero &&
+           zero->keyframe && zero->counters.requests == 1 && zero->counters.valid == 0 &&
+           zero->counters.idr_fallbacks == 0;
 }
 
 bool is_refused(const Request& request, std::string_view reason) {
