@@ -26,7 +26,7 @@ test_packages=(
 )
 bench_packages=(
   ffmpeg gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly
-  gstreamer1.0-tools gstreamer1.0-x xvfb
+  gstreamer1.0-tools gstreamer1.0-x libisal-dev xvfb
 )
 
 fuzz_packages=(clang libclang-rt-dev)
