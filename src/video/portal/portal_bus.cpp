@@ -64,7 +64,8 @@ Outcome PortalBus::read_until(SteadyClock::time_point deadline,
     }
 }
 
-RequestResult PortalBus::request(DBusMessage& call, std::chrono::milliseconds limit) {
+RequestResult PortalBus::request(DBusMessage& call, const std::string& token,
+                                 std::chrono::milliseconds limit) {
     const auto deadline = SteadyClock::now() + limit;
     uint32_t serial = 0;
     if (!send(call, serial)) return {.outcome = Outcome::Lost};
@@ -77,7 +78,12 @@ RequestResult PortalBus::request(DBusMessage& call, std::chrono::milliseconds li
     });
     if (refused) return {.outcome = Outcome::Refused, .error = pending.error()};
     if (outcome != Outcome::Answered) {
-        close_object(pending.handle(), "org.freedesktop.portal.Request");
+        // Also when nobody has said yet that the request is there.
+        const std::string path =
+            pending.handle().empty()
+                ? request_path(dbus_bus_get_unique_name(connection_.get()), token)
+                : pending.handle();
+        close_object(path, "org.freedesktop.portal.Request");
     }
     return {.outcome = outcome, .response = pending.response()};
 }

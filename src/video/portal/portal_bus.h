@@ -39,9 +39,10 @@ class PortalBus {
     bool open(const std::string& address, std::string& error);
     void close() { connection_.reset(); }
 
-    /// Sends a call that makes a request and waits for the request's Response. A request that is
-    /// given up is closed, so that no dialog stays behind.
-    RequestResult request(DBusMessage& call, std::chrono::milliseconds limit);
+    /// Sends a call that makes a request with this handle token and waits for the request's
+    /// Response. A request that is given up is closed, so that no dialog stays behind.
+    RequestResult request(DBusMessage& call, const std::string& token,
+                          std::chrono::milliseconds limit);
 
     /// Sends a call that is answered by a descriptor and waits for it; none when there is none.
     UniqueFd request_fd(DBusMessage& call, std::chrono::milliseconds limit);

@@ -121,6 +121,12 @@ std::string next_token(const char* prefix) {
     return prefix + std::to_string(++counter);
 }
 
+std::string request_path(const std::string& unique_name, const std::string& token) {
+    std::string sender(unique_name, unique_name.starts_with(':') ? 1 : 0);
+    std::ranges::replace(sender, '.', '_');
+    return std::string(kObjectPath) + "/request/" + sender + "/" + token;
+}
+
 DBusMessagePtr make_call(const char* method, const Options& options) {
     return make_screen_cast_call(
         method, [&](DBusMessageIter& arguments) { return append_options(arguments, options); });

@@ -23,6 +23,10 @@ using Options = std::vector<Option>;
 /// Names a request or a session: `prefix` and the next number of a counter of this process.
 std::string next_token(const char* prefix);
 
+/// The object path at which the portal makes the request with this handle token for the bus
+/// connection `unique_name` (":1.42").
+std::string request_path(const std::string& unique_name, const std::string& token);
+
 /// A call of the ScreenCast interface with options only, or for a session, or for a session and a
 /// parent window. Null when libdbus has no memory or a text is not UTF-8 or no object path.
 DBusMessagePtr make_call(const char* method, const Options& options);

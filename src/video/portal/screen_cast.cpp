@@ -14,17 +14,6 @@ std::string request_token() {
     return next_token("oxreq_");
 }
 
-DBusMessagePtr select_sources_call(const std::string& session,
-                                   const std::optional<std::string>& token) {
-    Options options{{"handle_token", request_token()},
-                    {"types", kMonitor},
-                    {"multiple", false},
-                    {"cursor_mode", kCursorInPicture},
-                    {"persist_mode", kPersistUntilRevoked}};
-    if (token) options.emplace_back("restore_token", *token);
-    return make_call("SelectSources", session, options);
-}
-
 }  // namespace
 
 ScreenCast::ScreenCast(PortalBus& bus, const RestoreTokenFile& token_file,
@@ -52,8 +41,9 @@ std::optional<SharedScreen> ScreenCast::share_monitor() {
 }
 
 std::optional<Response> ScreenCast::ask(const char* method, const DBusMessagePtr& call,
+                                        const std::string& request,
                                         std::chrono::milliseconds limit) {
-    return accept(method, call ? bus_.request(*call, limit) : RequestResult{}, limit);
+    return accept(method, call ? bus_.request(*call, request, limit) : RequestResult{}, limit);
 }
 
 /// The response of a request that was granted; else nothing, after a log line.
@@ -84,9 +74,10 @@ std::optional<Response> ScreenCast::accept(const char* method, const RequestResu
 }
 
 bool ScreenCast::create_session() {
-    const auto call = make_call("CreateSession", {{"handle_token", request_token()},
+    const std::string request = request_token();
+    const auto call = make_call("CreateSession", {{"handle_token", request},
                                                   {"session_handle_token", next_token("oxsess_")}});
-    const auto response = ask("CreateSession", call, limits_.create_session);
+    const auto response = ask("CreateSession", call, request, limits_.create_session);
     if (!response) return false;
     if (response->session_handle.empty()) {
         OX_ERROR("PortalCapture: CreateSession did not return a session handle");
@@ -96,33 +87,39 @@ bool ScreenCast::create_session() {
     return true;
 }
 
+RequestResult ScreenCast::request_sources(const std::optional<std::string>& token) {
+    const std::string request = request_token();
+    Options options{{"handle_token", request},
+                    {"types", kMonitor},
+                    {"multiple", false},
+                    {"cursor_mode", kCursorInPicture},
+                    {"persist_mode", kPersistUntilRevoked}};
+    if (token) options.emplace_back("restore_token", *token);
+    const auto call = make_call("SelectSources", session_, options);
+    return call ? bus_.request(*call, request, limits_.select_sources) : RequestResult{};
+}
+
 bool ScreenCast::select_sources() {
-    if (token_) {
-        OX_INFO("PortalCapture: using saved restore token");
-        const auto call = select_sources_call(session_, token_);
-        const auto result = call ? bus_.request(*call, limits_.select_sources) : RequestResult{};
-        if (result.outcome != Outcome::Refused) {
-            return accept("SelectSources", result, limits_.select_sources).has_value();
-        }
-        // That is how a portal answers a token in another form than its own.
+    if (token_) OX_INFO("PortalCapture: using saved restore token");
+    auto result = request_sources(token_);
+    // That is how a portal answers a token in another form than its own.
+    const bool token_refused = token_ && result.outcome == Outcome::Refused;
+    if (token_refused) {
         OX_WARN("PortalCapture: saved restore token not accepted (%s) — asking without it",
                 result.error.c_str());
         token_.reset();
-        if (!ask("SelectSources", select_sources_call(session_, token_), limits_.select_sources)) {
-            return false;
-        }
-        token_file_.remove();
-        return true;
+        result = request_sources(token_);
     }
-    return ask("SelectSources", select_sources_call(session_, token_), limits_.select_sources)
-        .has_value();
+    if (!accept("SelectSources", result, limits_.select_sources)) return false;
+    if (token_refused) token_file_.remove();
+    return true;
 }
 
 std::optional<uint32_t> ScreenCast::start() {
     const auto limit = limits_.start(token_.has_value());
-    const auto call =
-        make_call("Start", session_, kNoParentWindow, {{"handle_token", request_token()}});
-    const auto result = call ? bus_.request(*call, limit) : RequestResult{};
+    const std::string request = request_token();
+    const auto call = make_call("Start", session_, kNoParentWindow, {{"handle_token", request}});
+    const auto result = call ? bus_.request(*call, request, limit) : RequestResult{};
     const auto response = accept("Start", result, limit);
     if (!response) {
         if (result.outcome == Outcome::Answered || result.outcome == Outcome::TimedOut) {

@@ -34,9 +34,10 @@ class ScreenCast {
 
   private:
     std::optional<Response> ask(const char* method, const DBusMessagePtr& call,
-                                std::chrono::milliseconds limit);
+                                const std::string& request, std::chrono::milliseconds limit);
     std::optional<Response> accept(const char* method, const RequestResult& result,
                                    std::chrono::milliseconds limit);
+    RequestResult request_sources(const std::optional<std::string>& token);
     bool create_session();
     bool select_sources();
     std::optional<uint32_t> start();
