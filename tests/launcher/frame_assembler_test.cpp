@@ -68,59 +68,6 @@ TEST(FrameAssembler, RebuildsAnySingleLossOfEachGroup) {
     }
 }
 
-TEST(FrameAssembler, TwoLossesInOneGroupLoseTheFrameAndNothingElse) {
-    std::mt19937 random(2);
-    const Bytes first = random_unit(20000, random);
-    FrameAssembler assembler;
-    for (const auto& packet : packets_of(first, 0, true))
-        if (packet.header.index != 9 && packet.header.index != 12) push(assembler, packet, 1000);
-    EXPECT_FALSE(assembler.pop());
-    for (const uint32_t id : {1U, 2U}) {
-        EXPECT_FALSE(assembler.pop()) << "must wait for frame 0 within the reordering window";
-        for (const auto& packet : packets_of(first, id, false))
-            push(assembler, packet, 1000 + id);
-    }
-    const auto frame = assembler.pop();
-    ASSERT_TRUE(frame) << "two whole successors end the wait";
-    EXPECT_EQ(frame->frame_id, 1U);
-    EXPECT_EQ(frame->lost_before, 1U);
-    EXPECT_EQ(assembler.pop()->lost_before, 0U);
-    EXPECT_EQ(push(assembler, packets_of(first, 0, true)[9]), PacketVerdict::Late);
-    EXPECT_EQ(push(assembler, packets_of(first, 1, false)[3]), PacketVerdict::Duplicate);
-    EXPECT_EQ(assembler.counters().frames_lost, 1U);
-    EXPECT_EQ(assembler.counters().packets_lost, 2U);
-}
-
-TEST(FrameAssembler, TimeEndsTheWaitForAGap) {
-    const Bytes unit{1, 2, 3};
-    FrameAssembler assembler({.reorder_frames = 100, .reorder_us = 15'000});
-    push(assembler, packets_of(unit, 10, false)[0], 1000);
-    EXPECT_EQ(assembler.pop()->frame_id, 10U);
-    push(assembler, packets_of(unit, 14, false)[0], 2000);  // 11 to 13 are missing altogether
-    assembler.expire(16'999);
-    EXPECT_FALSE(assembler.pop());
-    EXPECT_EQ(assembler.lost_since_delivery(), 0U);
-    assembler.expire(17'000);
-    EXPECT_EQ(assembler.pop()->lost_before, 3U);
-
-    // Losses show before any later frame is whole.
-    const Packets torn = packets_of(Bytes(5000, 9), 16, false);
-    push(assembler, torn[0], 20'000);
-    assembler.expire(40'000);
-    EXPECT_EQ(assembler.lost_since_delivery(), 1U);
-    EXPECT_FALSE(assembler.pop());
-}
-
-TEST(FrameAssembler, StartsWithAnOvertakenFirstFrame) {
-    FrameAssembler assembler;
-    const Packets key = packets_of(Bytes(3000, 7), UINT32_MAX, true);
-    const Packets next = packets_of(Bytes(3000, 8), 0, false);
-    for (const auto* packet : {&next[0], &key[0], &key[1], &next[1], &key[2], &next[2]})
-        push(assembler, *packet);
-    EXPECT_EQ(assembler.pop()->frame_id, UINT32_MAX);
-    EXPECT_EQ(assembler.pop()->frame_id, 0U);
-}
-
 // A long stream over a bad network: whatever is delivered is right, in order, and accounted for.
 TEST(FrameAssembler, NeverDeliversWrongBytes) {
     for (uint32_t seed = 0; seed < 12; ++seed) {

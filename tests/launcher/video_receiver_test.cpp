@@ -74,34 +74,6 @@ TEST(VideoReceiver, WithholdsWhatBuildsOnALossUntilAKeyframe) {
     }
 }
 
-TEST(VideoReceiver, FramesBeforeALossPassInTheSameBreath) {
-    Fixture f;
-    f.feed(seal_frame(0, true));
-    // 1 waits for its last packet while 2 is lost in part and 3 and 4 are whole.
-    const auto late = seal_frame(1, false);
-    f.feed(late, 2);
-    f.feed(seal_frame(2, false), 0);
-    f.feed(seal_frame(3, true));
-    f.receiver.on_datagram(late[2], f.now);
-    f.pass_time(20'000);
-    EXPECT_EQ(f.passed, (std::vector<uint32_t>{0, 1, 3}));
-    EXPECT_EQ(f.receiver.stats().frames_withheld, 0U);
-}
-
-TEST(VideoReceiver, AsksBeforeAnotherFrameIsWhole) {
-    Fixture f;
-    f.feed(seal_frame(0, true));
-    f.pass_time(300'000);
-    EXPECT_FALSE(f.receiver.take_keyframe_request(f.now));
-    f.feed(seal_frame(1, false), 0);
-    f.feed(seal_frame(2, false), 0);
-    f.pass_time(14'000);
-    EXPECT_FALSE(f.receiver.take_keyframe_request(f.now));
-    f.pass_time(1'000);
-    EXPECT_TRUE(f.receiver.take_keyframe_request(f.now));
-    EXPECT_EQ(f.passed.size(), 1U);
-}
-
 TEST(VideoReceiver, AsksForAKeyframeWhenTheFirstOneNeverComes) {
     Fixture f;
     EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 9'000'000)) << "no media, no request";

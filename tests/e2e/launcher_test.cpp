@@ -1,0 +1,164 @@
+// The reference launcher's session with the real agent, and the files that it leaves.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <nlohmann/json.hpp>
+
+#include "e2e/agent.h"
+#include "launcher/av_handles.h"
+#include "launcher/session.h"
+
+namespace ox::launcher {
+namespace {
+
+using namespace std::chrono_literals;
+using test::Agent;
+using test::kPatience;
+
+Options options_for(uint16_t port_base) {
+    Options options;
+    options.port_base = options.local_port = port_base;
+    options.token = test::kToken;
+    options.width = 320;
+    options.height = 180;
+    options.bitrate_kbps = 2000;
+    options.check_stamps = true;
+    return options;
+}
+
+/// What libavformat and libavcodec find in a file.
+struct MediaFile {
+    std::vector<int64_t> times_ms;
+    int pictures = 0;
+    AVCodecID codec = AV_CODEC_ID_NONE;
+    AvPtr<AVFrame> last{av_frame_alloc()};
+};
+
+MediaFile read_file(const std::string& path) {
+    MediaFile found;
+    AVFormatContext* input = nullptr;
+    if (avformat_open_input(&input, path.c_str(), nullptr, nullptr) < 0) return found;
+    avformat_find_stream_info(input, nullptr);
+    const AVStream& stream = *input->streams[0];
+    found.codec = stream.codecpar->codec_id;
+    const AvPtr<AVCodecContext> decoder(avcodec_alloc_context3(avcodec_find_decoder(found.codec)));
+    avcodec_parameters_to_context(decoder.get(), stream.codecpar);
+    avcodec_open2(decoder.get(), nullptr, nullptr);
+    const AvPtr<AVPacket> packet(av_packet_alloc());
+    const AvPtr<AVFrame> picture(av_frame_alloc());
+    for (bool more = true; more;) {
+        more = av_read_frame(input, packet.get()) >= 0;
+        if (more)
+            found.times_ms.push_back(av_rescale_q(packet->pts, stream.time_base, {1, 1000}));
+        avcodec_send_packet(decoder.get(), more ? packet.get() : nullptr);
+        for (; avcodec_receive_frame(decoder.get(), picture.get()) >= 0; ++found.pictures) {
+            av_frame_unref(found.last.get());
+            av_frame_move_ref(found.last.get(), picture.get());
+        }
+        av_packet_unref(packet.get());
+    }
+    avformat_close_input(&input);
+    return found;
+}
+
+/// The number in a picture's corner, by the first bytes of its pixels.
+std::optional<uint32_t> stamp_of(const AVFrame& picture, size_t bytes_per_pixel) {
+    std::vector<uint8_t> levels;
+    for (size_t at = 0; at < size_t{8 * 256}; ++at)
+        levels.push_back(picture.data[0][at / 256 * static_cast<size_t>(picture.linesize[0]) +
+                                         at % 256 * bytes_per_pixel]);
+    return read_frame_stamp({.bytes = levels, .stride = 256, .width = 256, .height = 8});
+}
+
+class LauncherSession : public testing::TestWithParam<Codec> {};
+INSTANTIATE_TEST_SUITE_P(Codecs, LauncherSession, testing::Values(Codec::H264, Codec::Hevc),
+                         [](const auto& codec) {
+                             return codec.param == Codec::H264 ? "H264" : "Hevc";
+                         });
+
+TEST_P(LauncherSession, DecodesAsksCountsAndSaves) {
+#if defined(__SANITIZE_THREAD__)
+    if (GetParam() == Codec::Hevc) GTEST_SKIP() << "x265, built without ThreadSanitizer, stalls";
+#endif
+    const bool lossy = GetParam() == Codec::H264;
+    const test::TempDir folder;
+    Agent agent({.environment = {lossy ? "OX_DEBUG_DROP_PCT=20" : "OX_DEBUG_DROP_PCT=0"}});
+    Options options = options_for(agent.port_base());
+    options.codec = GetParam();
+    options.seconds = lossy ? 3 : 1.5;
+    options.save_stream = folder.file("stream.mkv");
+    options.save_frame = folder.file("frame.png");
+    options.bitrate_changes = {{.kbps = 1234, .at_seconds = 0.3}};
+    int reports = 0;
+    const Summary summary = Session(options, nullptr, [&](const Progress&) { ++reports; }).run();
+    ASSERT_EQ(summary.status, ExitStatus::Ok) << summary.error;
+    EXPECT_TRUE(agent.wait_for_log("Session: set_settings bitrate=1234kbps"));
+    EXPECT_TRUE(agent.wait_for_log("Standalone session ended: client_end_session"));
+
+    const ReceiveStats& stream = summary.receive.stream;
+    const DecodeStats& decode = summary.decode;
+    EXPECT_EQ(stream.assembly.frames_lost > 0, lossy);
+    EXPECT_EQ(stream.keyframe_requests > 0, lossy);
+    EXPECT_EQ(decode.frames_decoded + stream.frames_withheld, stream.assembly.frames_complete);
+    EXPECT_GE(decode.frames_decoded, 5U);
+    EXPECT_EQ(decode.stamps.read, decode.frames_decoded);
+    EXPECT_EQ(decode.decode_errors + decode.stamps.invented + decode.stamps.out_of_order, 0U);
+    EXPECT_GT(decode.latency.samples(), 0U);
+    EXPECT_GT(summary.rtt_ms, 0.0);
+    EXPECT_GE(reports, 1);
+    const auto json = nlohmann::json::parse(to_json(summary));
+    EXPECT_EQ(json["result"], "ok");
+    EXPECT_EQ(json["frames_lost"], stream.assembly.frames_lost);
+    EXPECT_EQ(json["latency_ms"]["samples"], decode.latency.samples());
+
+    const MediaFile recording = read_file(options.save_stream);
+    EXPECT_EQ(recording.codec, codec_id(GetParam()));
+    EXPECT_EQ(recording.pictures, static_cast<int>(decode.frames_decoded));
+    ASSERT_EQ(recording.times_ms.size(), decode.frames_decoded);
+    EXPECT_TRUE(std::ranges::is_sorted(recording.times_ms));
+    const auto pictures_apart = static_cast<int64_t>(decode.stamps.last - decode.stamps.first);
+    EXPECT_NEAR(static_cast<double>(recording.times_ms.back()),
+                static_cast<double>(pictures_apart * 1000) / 60, 200 * test::kSlowdown);
+    EXPECT_EQ(stamp_of(*recording.last, 1), decode.stamps.last);
+    const MediaFile png = read_file(options.save_frame);
+    ASSERT_EQ(png.pictures, 1);
+    EXPECT_EQ(png.last->width, options.width);
+    EXPECT_EQ(stamp_of(*png.last, 3), decode.stamps.last);
+}
+
+TEST(LauncherFailures, AreToldApart) {
+    silence_libav();
+    Agent agent;
+    Options options = options_for(agent.port_base());
+    const auto expect = [&](ExitStatus status, const std::string& error) {
+        const Summary summary =
+            Session(options, nullptr, [&](const Progress&) { agent.process().signal(SIGTERM); })
+                .run();
+        EXPECT_EQ(summary.status, status) << summary.error;
+        EXPECT_NE(summary.error.find(error), std::string::npos) << summary.error;
+    };
+    // What fails on this side fails before the agent is bothered.
+    options.save_stream = "/nonexistent/stream.mkv";
+    expect(ExitStatus::Failed, "No such file");
+    options.save_stream.clear();
+    EXPECT_EQ(agent.log().count("client connected"), 0U);
+
+    options.token = "wrong";
+    expect(ExitStatus::Rejected, "token rejected");
+    options.token = test::kToken;
+    options.no_end = true;
+    options.seconds = 0.1;
+    expect(ExitStatus::Ok, "");
+    EXPECT_TRUE(agent.wait_for_log("launcher lost — holding the session"));
+    options.seconds = 0;
+    expect(ExitStatus::AgentEnded, "the agent ended the session");
+    EXPECT_EQ(agent.process().wait(kPatience), 0);
+    options.connect_timeout_s = 0.2;
+    expect(ExitStatus::Refused, "Connection refused");
+    const UniqueFd mute = test::occupy_tcp_port(agent.control_port());
+    expect(ExitStatus::TimedOut, "");
+}
+
+}  // namespace
+}  // namespace ox::launcher
