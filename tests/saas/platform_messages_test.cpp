@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <sstream>
 
 #include "saas/log_text.h"
 
@@ -56,59 +57,42 @@ T parsed(const std::string& text) {
     return std::holds_alternative<T>(message) ? std::get<T>(message) : T{};
 }
 
-TEST(PlatformMessages, PrepareSessionFillsEveryField) {
-    const auto p = parsed<PrepareSessionParams>(
-        R"({"type":"prepare_session","session_id":"s1","client_id":"c1","max_duration_sec":60,
-            "session_token_sha256":"ab","encryption_key":"AAECAw==",
-            "constraints":{"codec":"hevc","resolution":"1x2","max_fps":30,"bitrate_kbps":9},
-            "session_isolation":{"hide_desktop":true,"launch_steam":true,"steam_app_id":"7"}})");
-    EXPECT_EQ(p.session_id + p.client_id + p.session_token_sha256 + p.codec + p.resolution,
-              "s1c1abhevc1x2");
-    EXPECT_EQ(p.encryption_key, (std::vector<uint8_t>{0, 1, 2, 3}));
-    EXPECT_EQ(p.max_duration_sec, 60U);
-    EXPECT_EQ(p.fps, 30U);
-    EXPECT_EQ(p.bitrate_kbps, 9U);
-    EXPECT_TRUE(p.hide_desktop && p.launch_steam);
-    EXPECT_EQ(p.steam_app_id, "7");
-}
-
-TEST(PlatformMessages, PrepareSessionDefaults) {
-    for (const char* extra : {"", R"(,"constraints":[1])", R"(,"constraints":"x")",
-                              R"(,"constraints":{"max_fps":null,"codec":null})",
-                              R"(,"session_isolation":3,"session_id":null)"}) {
+TEST(PlatformMessages, PrepareSessionFieldsAndDefaults) {
+    for (const auto& [extra, text] : {
+             std::pair{"", "h264 1920x1080 60 15000 3600"},
+             {R"(,"constraints":[1],"session_isolation":3,"session_id":null)",
+              "h264 1920x1080 60 15000 3600"},
+             {R"(,"session_id":"s1","session_token_sha256":"ab","max_duration_sec":60,
+                 "constraints":{"codec":"hevc","resolution":"1x2","max_fps":30,"bitrate_kbps":9})",
+              "s1abhevc 1x2 30 9 60"},
+         }) {
         const auto p =
             parsed<PrepareSessionParams>(std::string(R"({"type":"prepare_session")") + extra + "}");
-        EXPECT_EQ(p.codec + p.resolution + p.session_id + p.session_token_sha256, "h2641920x1080");
-        EXPECT_EQ(p.fps, 60U);
-        EXPECT_EQ(p.bitrate_kbps, 15'000U);
-        EXPECT_EQ(p.max_duration_sec, 3600U);
-        EXPECT_FALSE(p.hide_desktop || p.launch_steam);
+        std::ostringstream got;
+        got << p.session_id << p.session_token_sha256 << p.codec << " " << p.resolution << " "
+            << p.fps << " " << p.bitrate_kbps << " " << p.max_duration_sec;
+        EXPECT_EQ(got.str(), text);
     }
 }
 
-TEST(PlatformMessages, NumbersOfEveryKindAndSize) {
+TEST(PlatformMessages, NumbersOfEveryKindAndKeysThatAreNoBase64) {
+    const auto prepare = [](const std::string& member) {
+        return parsed<PrepareSessionParams>(R"({"type":"prepare_session",)" + member + "}");
+    };
     for (const auto& [number, expected] : std::initializer_list<std::pair<const char*, uint32_t>>{
              {"true", 1},
              {"60.9", 60},
              {"-1", UINT32_MAX},  // integers are cut to 32 bits
              {"1099511627777", 1},
-             {"-0.5", 0},  // floats are held inside the range
-             {"-1e300", 0},
-             {"1e300", UINT32_MAX},
-             {"36893488147419103232", UINT32_MAX},
-             {"4294967295.0", UINT32_MAX}}) {
-        const auto p = parsed<PrepareSessionParams>(
-            std::string(R"({"type":"prepare_session","max_duration_sec":)") + number + "}");
-        EXPECT_EQ(p.max_duration_sec, expected) << number;
+             {"-1e300", 0},  // floats are held inside the range
+             {"36893488147419103232", UINT32_MAX}}) {
+        EXPECT_EQ(prepare(R"("max_duration_sec":)" + std::string(number)).max_duration_sec,
+                  expected)
+            << number;
     }
-}
-
-TEST(PlatformMessages, KeyThatIsNoStandardBase64IsEmpty) {
     for (const char* key : {"AAECAw", "AAEC Aw==", "AAE-", "AAECAw==x", "===="}) {
         EXPECT_TRUE(
-            parsed<PrepareSessionParams>(
-                std::string(R"({"type":"prepare_session","encryption_key":")") + key + "\"}")
-                .encryption_key.empty())
+            prepare(R"("encryption_key":")" + std::string(key) + "\"").encryption_key.empty())
             << key;
     }
 }
@@ -126,9 +110,6 @@ TEST(PlatformMessages, WrongTypesAreRefused) {
             Kind::BadPrepare)
             << member;
     }
-    EXPECT_NE(parsed<BadMessage>(R"({"type":"prepare_session","session_id":1})")
-                  .detail.find("type must be string, but is number"),
-              std::string::npos);
     for (const char* text :
          {"[]", "3", R"("ping")", R"({"type":3})", R"({"type":"terminate_session","reason":3})",
           R"({"type":"terminate_session","session_id":[]})"}) {
@@ -137,19 +118,11 @@ TEST(PlatformMessages, WrongTypesAreRefused) {
     for (const std::string text : {"", "{", "{\"type\":NaN}", "{\"a\":\"\xff\"}", "{}{}"}) {
         EXPECT_EQ(parsed<BadMessage>(text).kind, Kind::InvalidJson) << text;
     }
-    const std::string deep = std::string(500'000, '[') + std::string(500'000, ']');
-    EXPECT_EQ(parsed<BadMessage>(deep).kind, Kind::WrongType);
-}
-
-TEST(PlatformMessages, OtherTypes) {
-    parsed<BackendPing>(R"({"type":"ping"})");
-    EXPECT_EQ(parsed<UnknownMessage>(R"({"type":"news"})").type, "news");
-    EXPECT_EQ(parsed<UnknownMessage>("{}").type, "");
+    parsed<UnknownMessage>("{}");
     EXPECT_EQ(parsed<TerminateSession>(R"({"type":"terminate_session"})").reason,
               "saas_terminated");
-    const auto t =
-        parsed<TerminateSession>(R"({"type":"terminate_session","session_id":"s","reason":"r"})");
-    EXPECT_EQ(t.session_id + t.reason, "sr");
+    const std::string deep = std::string(500'000, '[') + std::string(500'000, ']');
+    EXPECT_EQ(parsed<BadMessage>(deep).kind, Kind::WrongType);
 }
 
 TEST(LogText, SecretMembersAreMaskedInPlace) {

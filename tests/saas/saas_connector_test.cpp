@@ -7,6 +7,7 @@
 
 #include "saas/connector_fixture.h"
 #include "saas/raw_backend.h"
+#include "support/dead_peer.h"
 
 namespace ox {
 namespace {
@@ -57,17 +58,10 @@ TEST_F(SaasConnectorTest, RegistersFirstAndReadsAFrameThatCameWithTheHandshake) 
     EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr(R"("type":"register")"));
     EXPECT_EQ(peer.read_frame(), kPong);
     EXPECT_TRUE(connector.connected());
-    EXPECT_EQ(tui::board().snapshot().link_detail, 3);
+    test::expect_vanished_peer_is_noticed(backend_.port(), true, 20'000);  // after a heartbeat
     connector.stop();
     EXPECT_FALSE(connector.connected());
     EXPECT_TRUE(peer.closed());
-    EXPECT_EQ(log_.count("INFO",
-                         "SaasConnector: 17 byte(s) arrived with the handshake response - "
-                         "kept for the frame reader"),
-              1);
-    EXPECT_EQ(log_.count("INFO", "SaasConnector: sent register (gpu=gpu vram=0MB port_base=47998)"),
-              1);
-    EXPECT_EQ(log_.count("INFO", "SaasConnector: stopped"), 1);
 }
 
 TEST_F(SaasConnectorTest, HandsRequestsOverAndKeepsTheLinkThroughNonsense) {
@@ -96,10 +90,6 @@ TEST_F(SaasConnectorTest, HandsRequestsOverAndKeepsTheLinkThroughNonsense) {
     EXPECT_EQ(prepared.get_future().get().encryption_key.size(), 7U);
     EXPECT_EQ(terminated.get_future().get(), "/saas_terminated");
     connector.stop();
-    EXPECT_EQ(log_.count("INFO",
-                         "SaasConnector: prepare_session id=s1 codec=h264 res=1920x1080 "
-                         "fps=60 bitrate=15000kbps"),
-              1);
     const std::string log = log_.text();
     EXPECT_THAT(log, HasSubstr("prepare_session error: full raw="));
     EXPECT_THAT(log, HasSubstr(R"(raw={"type":"prepare_session","encryption_key":"*********",)"
@@ -192,34 +182,15 @@ TEST_F(SaasConnectorTest, TellsAgainWhatMattersAfterAReconnect) {
     EXPECT_EQ(log_.count("INFO", "SaasConnector: re-sending cached terminal message (s0#err)"), 3);
 }
 
-TEST_F(SaasConnectorTest, StopStillSendsHowTheSessionEnded) {
-    SaasConnector connector(config(backend_.port()), quick());
-    connector.start();
-    RawPeer peer = accept_registered();
-    connector.send_session_ended("s1", "shutdown", 7);
-    connector.stop();
-    EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr("\"reason\":\"shutdown\""));
-    EXPECT_FALSE(peer.read_frame());
-}
-
-TEST_F(SaasConnectorTest, SendsHeartbeatsWhileTheBackendIsSilent) {
+TEST_F(SaasConnectorTest, SilenceCountsOnlyFromABackendThatHasPinged) {
     ConnectorTiming timing = quick();
     timing.heartbeat = milliseconds(5);
-    timing.silence = milliseconds(1);  // must not count without pings
-    SaasConnector connector(config(backend_.port()), timing);
-    connector.start();
-    RawPeer peer = accept_registered();
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr(R"("gpu_pct":0.0,"ram_mb_free":)"));
-    }
-}
-
-TEST_F(SaasConnectorTest, LeavesABackendThatPingedAndFellSilent) {
-    ConnectorTiming timing = quick();
     timing.silence = milliseconds(30);
     SaasConnector connector(config(backend_.port()), timing);
     connector.start();
     RawPeer peer = accept_registered();
+    for (int i = 0; i < 20; ++i)
+        EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr(R"("gpu_pct":0.0,"ram_mb_free":)"));
     peer.send_text(R"({"type":"ping"})");
     EXPECT_TRUE(peer.closed());
     RawPeer next = accept_registered();
@@ -260,35 +231,6 @@ TEST_F(SaasConnectorTest, GivesUpOnABackendThatNeverReads) {
     EXPECT_TRUE(next.read_frame());
     EXPECT_EQ(log_.count("WARN", "SaasConnector: the backend takes no data for 50 ms - closing"),
               1);
-}
-
-TEST_F(SaasConnectorTest, AnswersABurstOfTenThousandMessagesInOrder) {
-    SaasConnector connector(config(backend_.port()), quick());
-    std::atomic<int> terminated{0};
-    connector.set_terminate_session_callback([&](const auto& id, const auto&) {
-        if (id == std::to_string(terminated)) ++terminated;
-    });
-    connector.start();
-    RawPeer peer = accept_registered();
-    constexpr int kBurst = 10'000;
-    auto reader = std::async(std::launch::async, [&] {
-        int pongs = 0;
-        while (pongs < kBurst && peer.read_frame() == kPong)
-            ++pongs;
-        return pongs;
-    });
-    std::string burst;
-    for (int i = 0; i < kBurst; ++i) {
-        const std::string text =
-            R"({"type":"terminate_session","session_id":")" + std::to_string(i) + "\"}";
-        burst += '\x81';
-        burst += static_cast<char>(text.size());
-        burst += text;
-        burst += "\x81\x0F{\"type\":\"ping\"}";
-    }
-    peer.send(burst);
-    EXPECT_EQ(reader.get(), kBurst);
-    EXPECT_EQ(terminated, kBurst);
 }
 
 TEST_F(SaasConnectorTest, StopsSoonInEveryState) {
