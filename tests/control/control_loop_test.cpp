@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "control/control_server_fixture.h"
+#include "support/eventually.h"
 
 namespace ox::test {
 namespace {
@@ -31,15 +32,6 @@ class ControlLoopTest : public ControlServerTest {
         server_.stats_callback = [this](const ClientStats& stats) {
             record("stats " + std::to_string(static_cast<int>(stats.rtt_ms)));
         };
-    }
-
-    [[nodiscard]] bool disconnected_in_time() const {
-        const auto deadline = std::chrono::steady_clock::now() + kPatience;
-        while (server_.is_connected()) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            std::this_thread::yield();
-        }
-        return true;
     }
 
     std::mutex mutex_;
@@ -80,12 +72,7 @@ TEST_F(ControlLoopTest, HandlesEachLineOnceAndInOrderHoweverItIsCut) {
                                        size + " bytes) — ignoring"),
                 round);
         }
-        EXPECT_EQ(log_.count("TRACE",
-                             "TcpControlServer: malformed message: 'type' must be a string, but "
-                             "is number"),
-                  round);
     }
-    EXPECT_TRUE(server_.is_connected());
 }
 
 // What comes with the auth line is dropped: a launcher has to wait for its answer.
@@ -113,7 +100,7 @@ TEST_F(ControlLoopTest, EndsWithTheConnectionAndStartsAgainAfterClose) {
         launcher.send("{\"type\":\"one\"}\n{\"type\":\"half");
         EXPECT_EQ(events(1), std::vector<std::string>{"one"});
         launcher.close(abruptly);
-        EXPECT_TRUE(disconnected_in_time());
+        EXPECT_TRUE(eventually([&] { return !server_.is_connected(); }));
         server_.start_async_read();
         EXPECT_FALSE(server_.is_connected());
         server_.close();

@@ -1,7 +1,7 @@
-#include <random>
 #include <thread>
 
 #include "control/control_server_fixture.h"
+#include "support/dead_peer.h"
 #include "tui/board.h"
 
 namespace ox::test {
@@ -15,19 +15,11 @@ std::string auth_with(std::string_view fields) {
     return R"({"type":"auth","token":"player-one-token",)" + std::string(fields) + "}\n";
 }
 
-std::string noise(size_t size) {
-    std::mt19937 random(1);
-    std::string bytes(size, '\0');
-    for (char& c : bytes)
-        c = static_cast<char>(random());
-    return bytes;
-}
-
 TEST_F(HandshakeTest, TakesALauncherThatSendsByteByByte) {
     server_.host_caps = 2;
     auto result = handshake();
     TcpClient launcher = connect();
-    for (const char c : auth_with(R"("codec":1,"width":9000,"height":-3,"fps":75,"caps":7)")) {
+    for (const char c : auth_with(R"("codec":1,"width":9000,"height":-3,"fps":75,"caps":7,"udp_ip":"10.1.2.3")")) {
         launcher.send({&c, 1});
     }
     ASSERT_TRUE(result.get()) << log_.text();
@@ -40,16 +32,11 @@ TEST_F(HandshakeTest, TakesALauncherThatSendsByteByByte) {
     EXPECT_EQ(server_.requested.height, -3);
     EXPECT_EQ(server_.launcher_caps, 7u);
     EXPECT_EQ(server_.granted_caps, 2u);
-    EXPECT_EQ(server_.remote_address(), "127.0.0.1");
-    for (const std::string& line : {"listening on port " + std::to_string(port()) +
-                                        ", waiting for client (60s accept deadline)...",
-                                    std::string("auth request — codec=1 9000x-3 @75fps 15000kbps"),
-                                    std::string("session token verified (SHA-256 match)"),
-                                    std::string("handshake complete, session keys sent")}) {
-        EXPECT_EQ(log_.count("INFO", "TcpControlServer: " + line), 1) << line;
-    }
+    EXPECT_EQ(server_.remote_address(), "10.1.2.3");
+    EXPECT_EQ(
+        log_.count("INFO", "TcpControlServer: auth request — codec=1 9000x-3 @75fps 15000kbps"), 1);
+    expect_vanished_peer_is_noticed(port(), false, 30'000);
     server_.close();
-    EXPECT_EQ(log_.count("INFO", "TcpControlServer: closed"), 1);
     EXPECT_FALSE(server_.is_connected());
     EXPECT_TRUE(launcher.closed_within(kPatience));
 }
@@ -60,21 +47,13 @@ TEST_F(HandshakeTest, RefusesWhatIsNoGoodAuthLineAndTakesTheNextLauncher) {
         bool then_close;
         const char* log;
     } rows[] = {
-        {"", true, "client closed during auth"},
         {R"({"type":"auth","token":"player-one-)", true, "client closed during auth"},
-        {noise(900) + "\n", false, "JSON parse error: "},
         {std::string(40'000, 'x'), false, "auth message too large (1"},
         {std::string(16'000, '[') + "\n", false, "JSON parse error: "},
-        {"\n", false, "JSON parse error: "},
-        {R"({"type":"auth","token":"player-one-token)"
-         "\n",
-         false, "JSON parse error: "},
         {auth_with(R"("fps":"60")"), false, "JSON parse error: 'fps' must be"},
         {"{\"type\":\"st\\u001b[1mats\"}\n", false, "expected 'auth' message, got 'st?[1mats'"},
-        {"{}\n", false, "expected 'auth' message, got 'unknown'"},
         {"{\"type\":\"auth\",\"token\":\"player-two-token\"}\n", false,
          "session token verification FAILED — rejecting client"},
-        {"{\"type\":\"auth\"}\n", false, "session token verification FAILED — rejecting client"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.log);
@@ -113,35 +92,6 @@ TEST_F(HandshakeTest, RefusesEveryoneWithoutATokenHash) {
               1);
 }
 
-TEST_F(HandshakeTest, ChoosesTheMediaAddress) {
-    const struct {
-        const char* udp_ip;
-        const char* destination;
-        const char* log;
-    } rows[] = {
-        {"127.0.0.1", "127.0.0.1",
-         "[INFO ] TcpControlServer: launcher UDP IP matches TCP remote: 127.0.0.1\n"},
-        {"10.1.2.3", "10.1.2.3",
-         "[INFO ] TcpControlServer: launcher self-reported UDP IP = 10.1.2.3 (overrides TCP remote "
-         "127.0.0.1)\n"},
-        {"8.8.4.4", "127.0.0.1",
-         "[WARN ] TcpControlServer: udp_ip '8.8.4.4' is a different public address from TCP "
-         "'127.0.0.1' — ignoring override\n"},
-        {"x\\ny", "127.0.0.1", "[WARN ] TcpControlServer: udp_ip 'x?y' is a different public"},
-        {"", "127.0.0.1", ""},
-    };
-    for (const auto& row : rows) {
-        const LogCapture log;
-        auto result = handshake();
-        TcpClient launcher = connect();
-        launcher.send(auth_with(R"("udp_ip":")" + std::string(row.udp_ip) + "\""));
-        ASSERT_TRUE(result.get());
-        EXPECT_EQ(server_.remote_address(), row.destination);
-        EXPECT_NE(log.text().find(row.log), std::string::npos) << log.text();
-        server_.close();
-    }
-}
-
 TEST_F(HandshakeTest, AbortEndsEveryWaitAtOnce) {
     const struct {
         bool connects;
@@ -172,13 +122,6 @@ TEST_F(HandshakeTest, AbortEndsEveryWaitAtOnce) {
     }
 }
 
-TEST_F(HandshakeTest, TheAcceptDeadlineEndsTheWait) {
-    EXPECT_FALSE(server_.accept_and_handshake(port(), {}, 1));
-    EXPECT_EQ(server_.last_error, "HANDSHAKE_TIMEOUT");
-    EXPECT_TRUE(logged("(1s accept deadline)"));
-    EXPECT_EQ(log_.count("ERROR", "TcpControlServer: accept timed out after 60s"), 1);
-}
-
 // The predicate is asked between the start of listening and the first accept.
 TEST_F(HandshakeTest, AConnectionResetBeforeTheAcceptDoesNotEndTheWait) {
     bool was_reset = false;
@@ -204,55 +147,60 @@ TEST_F(HandshakeTest, AConnectionResetBeforeTheAcceptDoesNotEndTheWait) {
 }
 
 TEST_F(HandshakeTest, APortThatIsTakenRaisesTheAlert) {
-    TcpClient first = connected_launcher();
-    TcpControlServer second;
-    EXPECT_FALSE(second.accept_and_handshake(port(), {}, 1));
-    EXPECT_EQ(second.last_error, "AUTH_FAIL");
+    const UniqueFd occupier = occupy_tcp_port(port());
+    EXPECT_FALSE(server_.accept_and_handshake(port(), {}, 1));
+    EXPECT_EQ(server_.last_error, "AUTH_FAIL");
     EXPECT_EQ(log_.count("ERROR", "TcpControlServer: bind :" + std::to_string(port()) +
                                       " failed: Address already in use"),
               1);
-    const auto board = tui::board().snapshot();
-    EXPECT_TRUE(board.alerts[static_cast<size_t>(tui::Alert::PortBusy)]);
-    EXPECT_EQ(board.busy_port, port());
+    EXPECT_EQ(tui::board().snapshot().busy_port, port());
 }
 
 TEST_F(HandshakeTest, AStormOfStrangersDisturbsNoSessionAndKeepsNobodyOut) {
     TcpClient launcher = connected_launcher();
     launcher.read_line(kPatience);
     server_.start_async_read();
-    // Against the full backlog of the listener a blocking connect would wait: a few are enough to
-    // have one inside and one outside.
-    for (int i = 0; i < 2; ++i) {
-        TcpClient stranger = connect();
-        stranger.send(kGoodAuth);
-        launcher.send("{\"type\":\"ping\",\"ts\":1}\n");
-        EXPECT_EQ(launcher.read_line(kPatience), R"({"ts":1,"type":"pong"})");
-        EXPECT_FALSE(stranger.read_line(std::chrono::milliseconds(1)));
-        stranger.close(true);
-    }
+    TcpClient stranger = connect();
+    stranger.send(kGoodAuth);
+    launcher.send("{\"type\":\"ping\",\"ts\":1}\n");
+    EXPECT_EQ(launcher.read_line(kPatience), R"({"ts":1,"type":"pong"})");
+    EXPECT_FALSE(stranger.read_line(std::chrono::milliseconds(1)));
     server_.close();
 
-    std::atomic<bool> got_in{false};
     std::jthread storm([&] {
         // Not more: one that meets the listener as it closes tries again after the kernel's second.
         for (int i = 0; i < 6; ++i) {
-            TcpClient stranger = connect();
-            stranger.send(i % 3 == 0 ? "{" : "\n");
-            if (i % 3 != 2) stranger.close(i % 3 == 0);
-            stranger.closed_within(kPatience);
+            TcpClient attacker = connect();
+            attacker.send(i % 3 == 0 ? "{" : "\n");
+            if (i % 3 != 2) attacker.close(i % 3 == 0);
+            attacker.closed_within(kPatience);
         }
-        while (!got_in) {
+        for (bool got_in = false; !got_in;) {
             TcpClient good = connect();
             good.send(kGoodAuth);
-            if (good.read_line(kPatience)) got_in = true;
+            got_in = good.read_line(kPatience).has_value();
         }
     });
-    int refused = 0;
-    while (!server_.accept_and_handshake(port(), {}, 5) && refused < 200)
-        ++refused;
+    for (int refused = 0; !server_.accept_and_handshake(port(), {}, 5) && refused < 200;
+         ++refused) {
+    }
     EXPECT_TRUE(server_.is_connected());
-    storm.join();
-    EXPECT_TRUE(got_in);
+}
+
+TEST_F(HandshakeTest, EveryWaitHasItsDeadline) {
+    EXPECT_FALSE(server_.accept_and_handshake(port(), {}, 1));
+    EXPECT_EQ(server_.last_error, "HANDSHAKE_TIMEOUT");
+    // An auth line that drips in is given fifteen seconds in all.
+    auto result = handshake();
+    TcpClient launcher = connect();
+    const auto connected = Clock::now();
+    while (result.wait_for(std::chrono::milliseconds(400)) != std::future_status::ready) {
+        ASSERT_LT(Clock::now() - connected, kPatience) << "still waiting";
+        launcher.send(" ");
+    }
+    EXPECT_GE(Clock::now() - connected, std::chrono::milliseconds(14'900));
+    EXPECT_EQ(server_.last_error, "HANDSHAKE_TIMEOUT");
+    EXPECT_EQ(log_.count("ERROR", "TcpControlServer: auth read timed out"), 1);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,14 +8,13 @@
 
 namespace ox::test {
 
-/// An X server of the test's own, on a display that it has chosen itself, without anything on it.
+/// An X server of the test's own, on a display that nobody uses, without anything on it.
 class Xvfb {
   public:
     struct Setup {
         std::string screen = "640x480x24";   ///< width x height x depth
         std::vector<std::string> arguments;  ///< more of them, e.g. "-extension", "MIT-SHM"
         bool other_ipc_namespace = false;    ///< shared memory cannot be reached
-        std::chrono::milliseconds patience{20'000};
     };
 
     /// Null when the server does not come up: Xvfb is not installed, or the namespace is refused.

@@ -64,17 +64,9 @@ TEST(PictureConverter, ColoursComeOutRightByEitherRoad) {
 TEST(PictureConverter, PreparesOncePerSourceSize) {
     const test::LogCapture log;
     PictureConverter converter(AV_PIX_FMT_NV12, kWidth, kHeight);
-    const auto lines = [&](const char* size) {
-        return log.count("INFO",
-                         std::string("VideoEncoder: swscale BGRA ") + size + " → nv12 64x32");
-    };
-    EXPECT_TRUE(converter.ensure_input_ready(128, 72));
-    EXPECT_TRUE(converter.ensure_input_ready(128, 72));
-    EXPECT_EQ(lines("128x72"), 1);
-    EXPECT_TRUE(converter.ensure_input_ready(64, 32));
-    EXPECT_EQ(lines("64x32"), 1);
-    EXPECT_TRUE(converter.ensure_input_ready(128, 72));
-    EXPECT_EQ(lines("128x72"), 2);
+    for (const uint32_t width : {128U, 128U, 64U, 128U})
+        EXPECT_TRUE(converter.ensure_input_ready(width, 72));
+    EXPECT_EQ(log.count("INFO", "VideoEncoder: swscale BGRA 128x72 → nv12 64x32"), 2);
     EXPECT_FALSE(converter.ensure_input_ready(4'000'000'000U, 72));
     EXPECT_EQ(log.count("ERROR", "VideoEncoder: sws_getContext 4000000000x72→64x32 failed"), 1);
 }

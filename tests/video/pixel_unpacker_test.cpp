@@ -55,16 +55,5 @@ TEST(PixelUnpacker, ReadsRowsInEitherByteOrder) {
     EXPECT_FALSE(PixelUnpacker(PixelLayout{24, false, 0xFF0000, 0xFF00, 0xFF}).reads_rows());
 }
 
-TEST(PixelUnpacker, CopiesBgraAndMakesItOpaque) {
-    std::vector<uint8_t> from(37 * 4);
-    for (size_t i = 0; i < from.size(); ++i)
-        from[i] = static_cast<uint8_t>(i * 7);
-    std::vector<uint8_t> to(from.size());
-    copy_bgra_opaque(from.data(), 37, to.data());
-    for (size_t i = 0; i < from.size(); ++i) {
-        ASSERT_EQ(to[i], i % 4 == 3 ? 255 : from[i]) << i;
-    }
-}
-
 }  // namespace
 }  // namespace ox

@@ -146,45 +146,34 @@ INSTANTIATE_TEST_SUITE_P(Codecs, SoftwareEncoder,
                              return std::string(suite.param == VideoCodec::Hevc ? "Hevc" : "H264");
                          });
 
-TEST_P(SoftwareEncoder, GivesOneDecodableUnitPerPicture) {
+TEST_P(SoftwareEncoder, GivesOneDecodableUnitPerPictureAndKeyframesOnDemand) {
     const LogCapture log;
     ASSERT_TRUE(open(software(GetParam())));
     EXPECT_EQ(log.text().find("has no option"), std::string::npos) << log.text();
-    Decoder decoder(GetParam());
+    constexpr uint32_t kForced = 60;
+    Decoder early(GetParam());
+    Decoder late(GetParam());  // comes in with the forced keyframe
     for (uint32_t n = 0; n < 90; ++n) {
+        encoder_.force_idr = n == kForced;
         const EncodedFrame unit = encode_next();
-        EXPECT_EQ(unit.keyframe, n == 0);
+        EXPECT_FALSE(encoder_.force_idr);
+        const bool key = n == 0 || n == kForced;
+        EXPECT_EQ(unit.keyframe, key);
         EXPECT_EQ(unit.width, kWidth);
         EXPECT_EQ(unit.height, kHeight);
-        if (n == 0) expect_complete_keyframe(unit);
-        const AvFramePtr decoded = decoder.decode(unit.data);
-        ASSERT_NE(decoded, nullptr) << "picture " << n << " is held back";
-        EXPECT_EQ(read_stamp(*decoded), n);
-        EXPECT_EQ(decoded->pict_type, n == 0 ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_P);
-        EXPECT_GT(luma_psnr(*decoded, picture_), 33) << n;
-        EXPECT_EQ(decoded->color_range, AVCOL_RANGE_MPEG);
-        EXPECT_EQ(decoded->colorspace, AVCOL_SPC_SMPTE170M);
+        if (key) expect_complete_keyframe(unit);
+        for (Decoder* decoder : {&early, &late}) {
+            if (decoder == &late && n < kForced) continue;
+            const AvFramePtr decoded = decoder->decode(unit.data);
+            ASSERT_NE(decoded, nullptr) << "picture " << n << " is held back";
+            EXPECT_EQ(read_stamp(*decoded), n);
+            EXPECT_EQ(decoded->pict_type, key ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_P);
+            EXPECT_GT(luma_psnr(*decoded, picture_), 33) << n;
+            EXPECT_EQ(decoded->color_range, AVCOL_RANGE_MPEG);
+            EXPECT_EQ(decoded->colorspace, AVCOL_SPC_SMPTE170M);
+        }
     }
-    EXPECT_EQ(decoder.context().has_b_frames, 0);
-}
-
-TEST_P(SoftwareEncoder, ForcedKeyframeStartsAFreshDecoder) {
-    for (int i = 0; i < 20; ++i)
-        encode_next();
-    encoder_.force_idr = true;
-    const EncodedFrame keyframe = encode_next();
-    EXPECT_FALSE(encoder_.force_idr);
-    expect_complete_keyframe(keyframe);
-    Decoder late(GetParam());
-    AvFramePtr decoded = late.decode(keyframe.data);
-    for (uint32_t n = 20; n < 30; ++n) {
-        ASSERT_NE(decoded, nullptr) << n;
-        EXPECT_EQ(read_stamp(*decoded), n);
-        EXPECT_GT(luma_psnr(*decoded, picture_), 33) << n;
-        const EncodedFrame unit = encode_next();
-        EXPECT_FALSE(unit.keyframe);
-        decoded = late.decode(unit.data);
-    }
+    EXPECT_EQ(early.context().has_b_frames, 0);
 }
 
 TEST_P(SoftwareEncoder, NewBitrateStartsANewStream) {
@@ -207,30 +196,6 @@ TEST_P(SoftwareEncoder, NewBitrateStartsANewStream) {
     EncodedFrame out;
     EXPECT_FALSE(encoder_.encode_bgra(picture_.pixels(), kWidth, kHeight, 1, out));
     EXPECT_FALSE(encoder_.reconfigure_bitrate(1000));
-}
-
-TEST_P(SoftwareEncoder, ScalesAnySourceSize) {
-    const LogCapture log;
-    Decoder decoder(GetParam());
-    SyntheticCapture large(2 * kWidth + 2, 2 * kHeight + 6);
-    SyntheticCapture odd(kWidth - 1, 131);
-    ASSERT_TRUE(large.init() && odd.init());
-    for (SyntheticCapture* source : {&large, &large, &odd}) {
-        CapturedFrame picture;
-        EncodedFrame out;
-        source->capture_frame(picture);
-        ASSERT_TRUE(encoder_.encode_bgra(picture.pixels(), picture.width, picture.height, 0, out));
-        const AvFramePtr decoded = decoder.decode(out.data);
-        ASSERT_NE(decoded, nullptr);
-        EXPECT_EQ(decoded->width, static_cast<int>(kWidth));
-        EXPECT_EQ(decoded->height, static_cast<int>(kHeight));
-        // The last bars, near the lower edge: darkened red and grey.
-        const uint8_t* row = decoded->data[0] + (kHeight - 12) * decoded->linesize[0];
-        EXPECT_NEAR(row[kWidth * 13 / 16], 16 + 65 * 153 / 255, 6);
-        EXPECT_NEAR(row[kWidth * 15 / 16], 16 + 219 * 19 / 255, 6);
-    }
-    EXPECT_EQ(log.count("INFO", "VideoEncoder: swscale BGRA 642x390 → yuv420p 320x192"), 1);
-    EXPECT_EQ(log.count("INFO", "VideoEncoder: swscale BGRA 319x131 → yuv420p 320x192"), 1);
 }
 
 /// Gives random colours to one in `one_in` of the picture's blocks of 8 x 8 pixels.
@@ -296,7 +261,6 @@ TEST(VideoEncoder, WalksTheLadder) {
 }
 
 TEST(VideoEncoder, RefusesWhatCannotBeEncoded) {
-    const LogCapture log;
     VideoEncoder encoder;
     EncodedFrame out;
     const std::vector<uint8_t> pixels(size_t{kWidth} * kHeight * 4);
@@ -314,12 +278,8 @@ TEST(VideoEncoder, RefusesWhatCannotBeEncoded) {
     }
     ASSERT_TRUE(encoder.init(software(VideoCodec::H264)));
     EXPECT_FALSE(encoder.encode_bgra(nullptr, kWidth, kHeight, 0, out));
-    EXPECT_FALSE(encoder.encode_bgra(pixels.data(), 0, kHeight, 0, out));
     EXPECT_FALSE(encoder.encode_bgra(pixels.data(), kWidth, 0, 0, out));
     EXPECT_TRUE(encoder.encode_bgra(pixels.data(), kWidth, kHeight, 0, out));
-    encoder.shutdown();
-    encoder.shutdown();
-    EXPECT_FALSE(encoder.encode_bgra(pixels.data(), kWidth, kHeight, 0, out));
 }
 
 }  // namespace

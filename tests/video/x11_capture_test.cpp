@@ -65,12 +65,6 @@ int count_wrong(const CapturedFrame& frame, const std::vector<Rect>& rects) {
     return wrong;
 }
 
-uint32_t first_pixel(const CapturedFrame& frame) {
-    uint32_t pixel = 0;
-    std::memcpy(&pixel, frame.pixels(), 4);
-    return pixel & 0xFFFFFF;
-}
-
 /// One kind of server.
 struct Server {
     const char* name;
@@ -87,10 +81,6 @@ struct Server {
         return Xvfb::start(setup);
     }
 };
-
-void PrintTo(const Server& server, std::ostream* out) {
-    *out << server.name;
-}
 
 class X11CaptureTest : public testing::TestWithParam<Server> {};
 
@@ -138,7 +128,6 @@ TEST_P(X11CaptureTest, DeliversThePixelsThatWereDrawn) {
 
     capture.shutdown();
     capture.shutdown();
-    EXPECT_EQ(log.count("DEBUG", "X11Capture: closed (2 frames)"), 1);
     EXPECT_EQ(capture.capture_frame(frame), 1);
     EXPECT_EQ(count_wrong(frame, changed), 0);  // lent pixels outlive the capture
 }
@@ -167,53 +156,6 @@ TEST_P(X11CaptureTest, FollowsTheScreenSize) {
     }
     EXPECT_EQ(count_wrong(held, scene(GetParam().depth)), 0);
     EXPECT_EQ(log.text().find("GetImage failed"), std::string::npos) << log.text();
-}
-
-TEST_P(X11CaptureTest, OutlivesItsServer) {
-    START_OR_SKIP(server);
-    const LogCapture log;
-    X11Capture capture(server->display());
-    ASSERT_TRUE(capture.init());
-    CapturedFrame frame;
-    {
-        XPainter painter(server->display());
-        paint(painter, scene(GetParam().depth));
-        ASSERT_EQ(capture.capture_frame(frame), 0);
-    }
-    server->kill();
-    const uint64_t timestamp = frame.timestamp;
-    for (int i = 0; i < 1000; ++i)
-        ASSERT_EQ(capture.capture_frame(frame), 1);
-    EXPECT_EQ(frame.timestamp, timestamp);
-    EXPECT_EQ(count_wrong(frame, scene(GetParam().depth)), 0);
-    EXPECT_EQ(log.count("ERROR", "X11Capture: the X server is gone"), 1);
-    capture.shutdown();
-
-    const auto next = GetParam().start();
-    ASSERT_NE(next, nullptr);
-    X11Capture other(next->display());
-    ASSERT_TRUE(other.init());
-    EXPECT_EQ(other.capture_frame(frame), 0);
-}
-
-TEST(X11Capture, LendsOneSegmentThatFollowsTheScreen) {
-    const auto server = Xvfb::start({});
-    if (!server) GTEST_SKIP() << "Xvfb cannot be started on this machine";
-    XPainter painter(server->display());
-    X11Capture capture(server->display());
-    ASSERT_TRUE(capture.init());
-    painter.fill(0, 0, 640, 480, 0x111111);
-    CapturedFrame first;
-    first.data.assign(10, 1);
-    ASSERT_EQ(capture.capture_frame(first), 0);
-    EXPECT_TRUE(first.data.empty());
-    EXPECT_EQ(first_pixel(first), 0x111111U);
-    painter.fill(0, 0, 640, 480, 0x222222);
-    EXPECT_EQ(first_pixel(first), 0x111111U);  // changes with a grab only
-    CapturedFrame second;
-    ASSERT_EQ(capture.capture_frame(second), 0);
-    EXPECT_EQ(first.pixels(), second.pixels());
-    EXPECT_EQ(first_pixel(first), 0x222222U);
 }
 
 TEST(X11Capture, WarnsOfABlackScreen) {
