@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <numeric>
-#include <string>
 #include <vector>
 
 #include "support/environment.h"
@@ -69,33 +67,13 @@ Guard add_piece(BlockDecoder& decoder, const Block& block, size_t piece) {
 }
 
 TEST(AudioParitySwitch, FiveWordsInAnyCaseMeanOn) {
-    const struct {
-        const char* text;
-        bool on;
-    } cases[] = {
-        {nullptr, false}, {"", false},        {"1", true},       {"on", true},
-        {"true", true},   {"yes", true},      {"enabled", true}, {"Enabled", true},
-        {"YES", true},    {"oN", true},       {"0", false},      {"off", false},
-        {"2", false},     {"on ", false},     {"enable", false}, {"enabledenabledenabled", false},
-        {"11", false},    {"\xD9\xC5", false}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(parse_switch_value(c.text), c.on) << (c.text == nullptr ? "null" : c.text);
-    }
-    const test::Environment none("OX_AUDIO_PARITY", std::nullopt);
-    EXPECT_FALSE(audio_parity_enabled());
+    for (const char* on : {"1", "on", "true", "YES", "Enabled"})
+        EXPECT_TRUE(parse_switch_value(on)) << on;
+    for (const char* off : {"", "0", "2", "on ", "enable", "enabledenabledenabled", "11"})
+        EXPECT_FALSE(parse_switch_value(off)) << off;
+    EXPECT_FALSE(parse_switch_value(nullptr));
     const test::Environment set("OX_AUDIO_PARITY", "Yes");
     EXPECT_TRUE(audio_parity_enabled());
-}
-
-TEST(AudioParityGuard, NamesEveryValue) {
-    const std::vector<std::string> names{
-        "ok",          "truncated",     "bad_block_len", "bad_repair_count", "bad_repair_index",
-        "bad_version", "bad_shard_len", "bad_orig_len",  "bad_payload_len",  "duplicate",
-        "bad_index",   "encode_failed", "decode_failed", "unknown"};
-    for (size_t value = 0; value < names.size(); ++value) {
-        EXPECT_EQ(guard_name(static_cast<Guard>(value)), names[value]);
-    }
-    EXPECT_STREQ(guard_name(static_cast<Guard>(255)), "unknown");
 }
 
 TEST(ShardHeader, IsCheckedFieldByFieldInOrder) {
@@ -131,10 +109,7 @@ TEST(ShardHeader, IsCheckedFieldByFieldInOrder) {
     }
     ShardHeader header;
     EXPECT_EQ(parse_shard_header(good.data(), 15, header), Guard::kTruncated);
-    EXPECT_EQ(parse_shard_header(nullptr, 16, header), Guard::kTruncated);
     EXPECT_EQ(parse_shard_header(good.data(), good.size(), header), Guard::kOk);
-    EXPECT_EQ(header.shard_len, 160);
-    EXPECT_EQ(header.repair_index, 1);
     EXPECT_EQ(header.orig_len, (std::array<uint16_t, 4>{120, 130, 90, 160}));
 
     Bytes shard = good;
@@ -146,7 +121,7 @@ TEST(ShardHeader, IsCheckedFieldByFieldInOrder) {
     }
 }
 
-TEST(EncodeBlock, WritesTheHeaderThatTheReceiverReads) {
+TEST(EncodeBlock, WritesTheHeaderAndRefusesMissingAndMisfitFrames) {
     Block block = block_of_lengths({120, 130, 90, 160});
     ASSERT_EQ(encode(block), Guard::kOk);
     for (size_t r = 0; r < kRepairs; ++r) {
@@ -155,39 +130,14 @@ TEST(EncodeBlock, WritesTheHeaderThatTheReceiverReads) {
                              90,  0, 160, 0};
         EXPECT_TRUE(std::equal(expected.begin(), expected.end(), block.shards[r].begin()));
     }
-    EXPECT_NE(Bytes(block.shards[0].begin() + 16, block.shards[0].end()),
-              Bytes(block.shards[1].begin() + 16, block.shards[1].end()));
-}
-
-TEST(EncodeBlock, RefusesMissingAndMisfitFrames) {
-    const Bytes frame(kMaxShardBytes + 1, 7);
-    const std::array<const uint8_t*, kDataFrames> data{frame.data(), frame.data(), frame.data(),
-                                                       frame.data()};
-    const std::array<size_t, kDataFrames> lens{1, 2, 3, kMaxShardBytes};
-    Bytes first(kMaxRepairBytes);
-    Bytes second(kMaxRepairBytes);
-    const std::array<uint8_t*, kRepairs> out{first.data(), second.data()};
-    std::array<size_t, kRepairs> out_lens{};
-    EXPECT_EQ(encode_block(data.data(), lens.data(), out.data(), out_lens.data()), Guard::kOk);
-    EXPECT_EQ(encode_block(nullptr, lens.data(), out.data(), out_lens.data()),
-              Guard::kEncodeFailed);
-    EXPECT_EQ(encode_block(data.data(), nullptr, out.data(), out_lens.data()),
-              Guard::kEncodeFailed);
-    EXPECT_EQ(encode_block(data.data(), lens.data(), nullptr, out_lens.data()),
-              Guard::kEncodeFailed);
-    EXPECT_EQ(encode_block(data.data(), lens.data(), out.data(), nullptr), Guard::kEncodeFailed);
-    const std::array<uint8_t*, kRepairs> half{first.data(), nullptr};
-    EXPECT_EQ(encode_block(data.data(), lens.data(), half.data(), out_lens.data()),
-              Guard::kEncodeFailed);
     for (const size_t length : {size_t{0}, kMaxShardBytes + 1}) {
-        auto wrong = lens;
-        wrong[2] = length;
-        // The frames are looked at before the outputs.
-        EXPECT_EQ(encode_block(data.data(), wrong.data(), nullptr, nullptr), Guard::kBadShardLen);
+        block.frames[2].resize(length);
+        EXPECT_EQ(encode(block), Guard::kBadShardLen);
     }
-    auto missing = data;
-    missing[3] = nullptr;
+    const std::array<const uint8_t*, kDataFrames> missing{};
+    const std::array<size_t, kDataFrames> lens{1, 1, 1, 1};
     EXPECT_EQ(encode_block(missing.data(), lens.data(), nullptr, nullptr), Guard::kBadShardLen);
+    EXPECT_EQ(encode_block(nullptr, lens.data(), nullptr, nullptr), Guard::kEncodeFailed);
 }
 
 TEST(BlockDecoder, RebuildsTheFramesFromAnyFourPieces) {
@@ -229,17 +179,7 @@ TEST(BlockDecoder, RefusesWhatDoesNotBelongToTheBlock) {
     other_length.shard_len = 161;
     ShardHeader other_frame = header;
     other_frame.orig_len[2] = 91;
-    ShardHeader no_length = header;
-    no_length.shard_len = 0;
-    ShardHeader long_frame = header;
-    long_frame.orig_len[0] = 161;
     const Bytes bytes(200, 3);
-
-    BlockDecoder fresh;
-    EXPECT_FALSE(fresh.init_from(no_length));
-    EXPECT_FALSE(fresh.init_from(long_frame));
-    EXPECT_EQ(fresh.add(false, 0, no_length, bytes.data(), 10), Guard::kBadShardLen);
-    EXPECT_EQ(fresh.add(false, 0, long_frame, bytes.data(), 10), Guard::kBadOrigLen);
 
     BlockDecoder decoder;
     ASSERT_TRUE(decoder.init_from(header));
@@ -260,9 +200,7 @@ TEST(BlockDecoder, RefusesWhatDoesNotBelongToTheBlock) {
         {false, 0, &other_frame, bytes.data(), 10, Guard::kBadOrigLen},
         {true, 2, &header, bytes.data(), 160, Guard::kBadRepairIndex},
         {false, 4, &header, bytes.data(), 10, Guard::kBadIndex},
-        {false, 255, &header, bytes.data(), 10, Guard::kBadIndex},
         {true, 0, &header, bytes.data(), 159, Guard::kBadPayloadLen},
-        {true, 0, &header, bytes.data(), 161, Guard::kBadPayloadLen},
         {true, 0, &header, bytes.data(), 160, Guard::kOk},
         {true, 0, &header, bytes.data(), 160, Guard::kDuplicate},
         {false, 3, &header, bytes.data(), 161, Guard::kBadPayloadLen},
