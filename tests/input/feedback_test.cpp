@@ -32,23 +32,30 @@ TEST(Feedback, RfiRequestFieldsLieWhereTheWireSays) {
 }
 
 TEST(Feedback, TheFirstBrokenRuleNamesTheRejection) {
-    const auto request = [](uint32_t last, uint32_t first, uint32_t end, bool epoch,
-                            uint8_t attempt) {
-        return RfiRequest{.last_delivered = last,
-                          .first_missing = first,
-                          .last_missing = end,
-                          .epoch = epoch,
-                          .attempt = attempt};
+    const struct {
+        uint32_t last, first, end;
+        bool epoch;
+        uint8_t attempt;
+        const char* rejection;
+    } cases[] = {
+        {0, 5, 1, false, 9, "last_delivered == 0"},
+        {UINT32_MAX, 0, 0, true, 0, "last_delivered + 1 overflows"},
+        {7, 9, 1, false, 9, "first_missing != L + 1"},
+        {7, 8, 7, false, 9, "last_missing < first_missing"},
+        {7, 8, 8 + 255, false, 9, "span > 255"},
+        {7, 8, 8 + 254, false, 9, "epoch bit unset"},
+        {7, 8, 8, true, 3, "attempt > 2"},
+        {7, 8, 8 + 254, true, 2, ""},
+        {UINT32_MAX - 1, UINT32_MAX, UINT32_MAX, true, 0, ""},
     };
-    EXPECT_EQ(rfi_rejection(request(0, 5, 1, false, 9)), "last_delivered == 0");
-    EXPECT_EQ(rfi_rejection(request(UINT32_MAX, 0, 0, true, 0)), "last_delivered + 1 overflows");
-    EXPECT_EQ(rfi_rejection(request(7, 9, 1, false, 9)), "first_missing != L + 1");
-    EXPECT_EQ(rfi_rejection(request(7, 8, 7, false, 9)), "last_missing < first_missing");
-    EXPECT_EQ(rfi_rejection(request(7, 8, 8 + 255, false, 9)), "span > 255");
-    EXPECT_EQ(rfi_rejection(request(7, 8, 8 + 254, false, 9)), "epoch bit unset");
-    EXPECT_EQ(rfi_rejection(request(7, 8, 8, true, 3)), "attempt > 2");
-    EXPECT_EQ(rfi_rejection(request(7, 8, 8 + 254, true, 2)), "");
-    EXPECT_EQ(rfi_rejection(request(UINT32_MAX - 1, UINT32_MAX, UINT32_MAX, true, 0)), "");
+    for (const auto& c : cases) {
+        const RfiRequest request{.last_delivered = c.last,
+                                 .first_missing = c.first,
+                                 .last_missing = c.end,
+                                 .epoch = c.epoch,
+                                 .attempt = c.attempt};
+        EXPECT_EQ(rfi_rejection(request), c.rejection);
+    }
 }
 
 TEST(Feedback, MediaFeedbackUnits) {
