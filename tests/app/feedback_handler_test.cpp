@@ -42,12 +42,13 @@ TEST_F(FeedbackHandlerTest, MediaFeedbackReplacesWhatTheControlChannelSaid) {
 
 TEST_F(FeedbackHandlerTest, EveryFeedbackWishGoesThroughTheInFlightTest) {
     signals_.last_keyframe_sent_us = 1'000'000;
-    const int64_t soon = 1'100'000;
-    EXPECT_FALSE(asks(feedback_packet(InputKind::KeyframeRequest), soon));
-    EXPECT_FALSE(asks(feedback_packet(InputKind::RfiRequest), soon));
-    EXPECT_FALSE(asks(feedback_packet(InputKind::RfiRequest, kRejectedRfi), soon));
-    EXPECT_FALSE(asks(feedback_packet(InputKind::RfiRequest, kValidRfi), soon));
-    EXPECT_FALSE(asks(feedback_packet(InputKind::MediaFeedback, {0, 0, 0, 0, 0, 0, 1}), soon));
+    for (const InputPacket& wish :
+         {feedback_packet(InputKind::KeyframeRequest), feedback_packet(InputKind::RfiRequest),
+          feedback_packet(InputKind::RfiRequest, kRejectedRfi),
+          feedback_packet(InputKind::RfiRequest, kValidRfi),
+          feedback_packet(InputKind::MediaFeedback, {0, 0, 0, 0, 0, 0, 1})}) {
+        EXPECT_FALSE(asks(wish, 1'100'000));
+    }
     EXPECT_EQ(signals_.answered_in_flight, 5U);
     EXPECT_TRUE(asks(feedback_packet(InputKind::KeyframeRequest), 2'000'000));
 }
@@ -60,10 +61,7 @@ TEST_F(FeedbackHandlerTest, ValidRfiRequestsAskAtMostOnceASecond) {
     // Plain and rejected ones are not held back.
     EXPECT_TRUE(asks(feedback_packet(InputKind::RfiRequest), 6'000'001));
     EXPECT_TRUE(asks(feedback_packet(InputKind::RfiRequest, kRejectedRfi), 6'000'002));
-    const auto counters = handler_.rfi_counters();
-    EXPECT_EQ(counters.requests, 5U);
-    EXPECT_EQ(counters.valid, 3U);
-    EXPECT_EQ(counters.idr_fallbacks, 3U);
+    EXPECT_EQ(handler_.rfi_counters().valid, 3U);
 }
 
 }  // namespace

@@ -7,56 +7,39 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <string>
 
 #include "app/process_flags.h"
-#include "base/sleep.h"
+#include "base/clock.h"
 #include "base/unique_fd.h"
+#include "support/environment.h"
+#include "support/eventually.h"
 #include "support/temp_dir.h"
 
 namespace ox {
 namespace {
 
-using std::chrono::milliseconds;
 using std::chrono::seconds;
-
-bool wait_until(const std::function<bool()>& condition, milliseconds limit) {
-    const auto deadline = SteadyClock::now() + limit;
-    while (SteadyClock::now() < deadline) {
-        if (condition()) return true;
-        sleep_until_steady(SteadyClock::now() + milliseconds(2));
-    }
-    return condition();
-}
 
 /// A runtime directory of the test's own, and the flag as it was before.
 class PanicListener : public testing::Test {
   protected:
-    void SetUp() override {
-        ::setenv("XDG_RUNTIME_DIR", std::string(dir_.path()).c_str(), 1);
-        panic_flag() = false;
-    }
-    void TearDown() override {
-        ::unsetenv("XDG_RUNTIME_DIR");
-        panic_flag() = false;
-    }
+    PanicListener() { panic_flag() = false; }
+    ~PanicListener() override { panic_flag() = false; }
 
     [[nodiscard]] UniqueFd connect() const {
         UniqueFd client;
-        wait_until(
-            [&] {
-                client.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-                sockaddr_un address{};
-                address.sun_family = AF_UNIX;
-                const std::string path = panic_socket_path();
-                std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-                return ::connect(client.get(), reinterpret_cast<const sockaddr*>(&address),
-                                 sizeof address) == 0;
-            },
-            seconds(5));
+        test::eventually([&] {
+            client.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            const std::string path = panic_socket_path();
+            std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+            return ::connect(client.get(), reinterpret_cast<const sockaddr*>(&address),
+                             sizeof address) == 0;
+        });
         return client;
     }
 
@@ -70,6 +53,7 @@ class PanicListener : public testing::Test {
     }
 
     test::TempDir dir_;
+    test::Environment runtime_{"XDG_RUNTIME_DIR", dir_.path().string()};
 };
 
 TEST_F(PanicListener, TheWordMustStandInTheFirst63Bytes) {
@@ -113,15 +97,9 @@ TEST_F(PanicListener, ASilentClientBlocksNeitherOthersForGoodNorTheEnd) {
 }
 
 TEST_F(PanicListener, PathWithoutARuntimeDirectory) {
-    for (const char* value : {static_cast<const char*>(nullptr), ""}) {
-        if (value) {
-            ::setenv("XDG_RUNTIME_DIR", value, 1);
-        } else {
-            ::unsetenv("XDG_RUNTIME_DIR");
-        }
-        EXPECT_EQ(panic_socket_path(),
-                  "/tmp/orvex-agent-" + std::to_string(::getuid()) + "-panic.sock");
-    }
+    const test::Environment none("XDG_RUNTIME_DIR", std::nullopt);
+    EXPECT_EQ(panic_socket_path(),
+              "/tmp/orvex-agent-" + std::to_string(::getuid()) + "-panic.sock");
 }
 
 }  // namespace
