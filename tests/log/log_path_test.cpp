@@ -22,13 +22,9 @@ TEST(LogPath, RotatedNamesKeepTheExtensionOfTheFileOnly) {
     };
     const Case cases[] = {
         {"agent.log", 1, "agent.1.log"},
-        {"agent", 1, "agent.1"},
-        {"/var/log/x", 3, "/var/log/x.3"},
         {"/srv/my.logs/agent", 2, "/srv/my.logs/agent.2"},
-        {"/srv/my.logs/agent.log", 2, "/srv/my.logs/agent.2.log"},
         {"a.b.log", 12, "a.b.12.log"},
         {"/logs/.hidden", 1, "/logs/.1.hidden"},
-        {"agent.", 1, "agent.1."},
     };
     for (const Case& c : cases)
         EXPECT_EQ(rotated_log_name(c.path, c.n), c.expected) << c.path;
@@ -53,9 +49,7 @@ TEST(LogPath, StateFolderFollowsTheEnvironmentAndIsPrivate) {
     const Case cases[] = {
         {base + "/state", base + "/unused", base + "/state"},
         {"relative", base, base + "/.local/state"},
-        {"", base, base + "/.local/state"},
         {std::nullopt, base, base + "/.local/state"},
-        {std::nullopt, "", "/tmp"},
         {std::nullopt, std::nullopt, "/tmp"},
     };
     for (const Case& c : cases) {
