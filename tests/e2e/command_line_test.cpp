@@ -41,77 +41,57 @@ TEST(CommandLine, HelpAndVersionGoToStandardOutputWithStatusZero) {
     const auto help = run({"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_TRUE(help.out.starts_with(std::string(kUsageStart) + OX_AGENT_PATH)) << help.out;
-    for (const char* option : {"--saas-url",
-                               "--token",
-                               "--token-sha256",
-                               "--display",
-                               "--capture",
-                               "--port-base",
-                               "--encoder",
-                               "--codec",
-                               "--bitrate",
-                               "--reconnect-grace",
-                               "--fps",
-                               "--width",
-                               "--height",
-                               "--audio",
-                               "--audio-parity",
-                               "--no-audio-parity",
-                               "--media-rfi",
-                               "--no-media-rfi",
-                               "--no-input",
-                               "--selftest",
-                               "-v",
-                               "--verbose",
-                               "-q",
-                               "--quiet",
-                               "-h",
-                               "--help"}) {
+    const char* const options[] = {"--saas-url",
+                                   "--token",
+                                   "--token-sha256",
+                                   "--display",
+                                   "--capture",
+                                   "--port-base",
+                                   "--encoder",
+                                   "--codec",
+                                   "--bitrate",
+                                   "--reconnect-grace",
+                                   "--fps",
+                                   "--width",
+                                   "--height",
+                                   "--audio",
+                                   "--audio-parity",
+                                   "--no-audio-parity",
+                                   "--media-rfi",
+                                   "--no-media-rfi",
+                                   "--no-input",
+                                   "--selftest",
+                                   "-v",
+                                   "--verbose",
+                                   "-q",
+                                   "--quiet",
+                                   "-h",
+                                   "--help"};
+    for (const char* option : options)
         EXPECT_NE(help.out.find(option), std::string::npos) << option;
-    }
     EXPECT_EQ(run({"-h"}).out, help.out);
 }
 
-TEST(CommandLine, EveryErrorPrintsTheUsageAndEndsWithStatusTwo) {
-    struct Case {
+TEST(CommandLine, EveryErrorEndsWithStatusTwo) {
+    const struct {
         std::vector<std::string> arguments;
         std::string error;  ///< logged; empty: the usage text alone
-    };
-    const std::vector<Case> cases = {
-        {{"--bogus"}, "unknown argument '--bogus' (see --help)"},
-        {{"--encoder", "quicksync"}, "unknown encoder 'quicksync'"},
-        {{"--codec", "av1"}, "unknown codec 'av1'"},
-        {{"--capture", "X11"}, "unknown capture mode 'X11'"},
-        {{"--fps"}, ""},
-        {{"--codec", "hevc", "--token-sha256"}, ""},
-        // Left to right: what stands before the error has had its effect, what stands behind not.
+        bool usage = true;
+    } cases[] = {
+        // Left to right: what stands behind the error has no effect.
         {{"--bogus", "--version"}, "unknown argument '--bogus' (see --help)"},
+        {{"--codec", "hevc", "--token-sha256"}, ""},
+        {{"--saas-url", "ftp://x"},
+         "--saas-url must start with ws:// or wss:// ('ftp://x')",
+         false},
     };
-    for (const auto& [arguments, error] : cases) {
+    for (const auto& [arguments, error, usage] : cases) {
         SCOPED_TRACE(testing::PrintToString(arguments));
         const auto outcome = run(arguments);
         EXPECT_EQ(outcome.status, 2);
-        EXPECT_TRUE(outcome.out.starts_with(kUsageStart)) << outcome.out;
-        if (error.empty()) {
-            EXPECT_EQ(outcome.err, "");
-        } else {
-            EXPECT_NE(outcome.err.find("[ERROR] " + error + "\n"), std::string::npos)
-                << outcome.err;
-        }
-    }
-}
-
-TEST(CommandLine, AnUnusableBackendAddressEndsWithStatusTwo) {
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {"ftp://x", "--saas-url must start with ws:// or wss:// ('ftp://x')"},
-        {"ws://:9000", "--saas-url 'ws://:9000': bad host/port"},
-        {"wss://host:0", "--saas-url 'wss://host:0': bad host/port"},
-    };
-    for (const auto& [url, error] : cases) {
-        const auto outcome = run({"--saas-url", url});
-        EXPECT_EQ(outcome.status, 2) << url;
-        EXPECT_NE(outcome.err.find("[ERROR] " + error + "\n"), std::string::npos) << outcome.err;
-        EXPECT_EQ(outcome.out, "") << "the screen was started";
+        EXPECT_EQ(outcome.out.starts_with(kUsageStart), usage) << outcome.out;
+        EXPECT_EQ(outcome.err.find("[ERROR] " + error + "\n") == std::string::npos, error.empty())
+            << outcome.err;
     }
 }
 

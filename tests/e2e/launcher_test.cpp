@@ -49,8 +49,7 @@ MediaFile read_file(const std::string& path) {
     const AvPtr<AVFrame> picture(av_frame_alloc());
     for (bool more = true; more;) {
         more = av_read_frame(input, packet.get()) >= 0;
-        if (more)
-            found.times_ms.push_back(av_rescale_q(packet->pts, stream.time_base, {1, 1000}));
+        if (more) found.times_ms.push_back(av_rescale_q(packet->pts, stream.time_base, {1, 1000}));
         avcodec_send_packet(decoder.get(), more ? packet.get() : nullptr);
         for (; avcodec_receive_frame(decoder.get(), picture.get()) >= 0; ++found.pictures) {
             av_frame_unref(found.last.get());
@@ -132,9 +131,9 @@ TEST(LauncherFailures, AreToldApart) {
     Agent agent;
     Options options = options_for(agent.port_base());
     const auto expect = [&](ExitStatus status, const std::string& error) {
-        const Summary summary =
-            Session(options, nullptr, [&](const Progress&) { agent.process().signal(SIGTERM); })
-                .run();
+        const Summary summary = Session(options, nullptr, [&](const Progress&) {
+                                    agent.process().signal(SIGTERM);
+                                }).run();
         EXPECT_EQ(summary.status, status) << summary.error;
         EXPECT_NE(summary.error.find(error), std::string::npos) << summary.error;
     };

@@ -27,33 +27,6 @@ void expect_faithful(const Player& player) {
     EXPECT_EQ(player.stats().malformed, 0U);
 }
 
-class Streaming : public testing::TestWithParam<int> {};
-INSTANTIATE_TEST_SUITE_P(Codecs, Streaming, testing::Values(0, 1),
-                         [](const auto& codec) { return codec.param == 0 ? "H264" : "Hevc"; });
-
-TEST_P(Streaming, EveryPictureArrivesInOrderAndNoneIsInvented) {
-#if defined(__SANITIZE_THREAD__)
-    if (GetParam() == 1) GTEST_SKIP() << "x265, built without ThreadSanitizer, stalls under it";
-#endif
-    Agent agent;
-    Player player(agent, {.codec = GetParam()});
-    ASSERT_TRUE(player.receive_frames(90));
-    expect_faithful(player);
-    // Of the first pictures only those are missing that were sent before the launcher listened.
-    EXPECT_EQ(player.stamps().first, player.frames().front().frame_id);
-    // Nothing else asked for a keyframe, so there is the first one alone.
-    EXPECT_EQ(player.keyframes_since(0), 1U);
-
-    const auto begin = SteadyClock::now();
-    player.say("end_session");
-    ASSERT_TRUE(player.receive_until([&] { return player.control().closed_within(0ms); }));
-    EXPECT_LT(SteadyClock::now() - begin, 1s * kSlowdown);
-    EXPECT_TRUE(agent.wait_for_log("Session: launcher requested end_session"));
-    EXPECT_TRUE(agent.wait_for_log("Session end (client_end_session): "));
-    EXPECT_TRUE(agent.wait_for_log("Standalone session ended: client_end_session"));
-    EXPECT_TRUE(agent.wait_for_log("Listening for next launcher..."));
-}
-
 TEST(StreamingSession, TheNextLauncherGetsANewSession) {
     Agent agent;
     std::string first_key;
@@ -122,18 +95,6 @@ TEST(StreamingSession, TenKeyframeRequestsInASecondGiveAtMostTwoKeyframes) {
     EXPECT_NE(line->find(std::string(" ") + std::to_string(keyframes) + " forced keyframe(s), "),
               std::string::npos)
         << *line;
-}
-
-TEST(StreamingSession, GarbageOnTheControlChannelIsDroppedAndPingsAreAnswered) {
-    Agent agent;
-    Player player(agent);
-    ASSERT_TRUE(player.receive_frames(5));
-    player.control().send("not json\n\n[]\n{\"type\":5}\n" + std::string(9000, 'x') + "\n");
-    player.say("ping", R"(,"ts":12345)");
-    EXPECT_EQ(player.control().read_line(kPatience), R"({"ts":12345,"type":"pong"})");
-    EXPECT_TRUE(agent.wait_for_log("TcpControlServer: oversized control message (9000 bytes)"));
-    ASSERT_TRUE(player.receive_frames(30));
-    expect_faithful(player);
 }
 
 }  // namespace
