@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <system_error>
 
 #include "app/process_flags.h"
 #include "base/clock.h"
@@ -115,7 +116,12 @@ std::string panic_socket_path() {
 }
 
 std::jthread start_panic_listener() {
-    return std::jthread([](const std::stop_token& stop) { listen_for_stop(stop); });
+    try {
+        return std::jthread([](const std::stop_token& stop) { listen_for_stop(stop); });
+    } catch (const std::system_error& error) {
+        OX_WARN("Panic: cannot start the listener (%s) — SIGUSR1 still works", error.what());
+        return {};
+    }
 }
 
 }  // namespace ox

@@ -1,6 +1,7 @@
 #include "audio/audio_stream.h"
 
 #include <algorithm>
+#include <system_error>
 
 #include "audio/audio_headers.h"
 #include "base/clock.h"
@@ -64,7 +65,13 @@ bool AudioStream::start(UdpSender& sender, const uint8_t* key, size_t key_length
     sample_rate_ = sample_rate;
     channels_ = channels;
     running_ = true;
-    thread_ = std::jthread([this](const std::stop_token& token) { loop(token); });
+    try {
+        thread_ = std::jthread([this](const std::stop_token& token) { loop(token); });
+    } catch (const std::system_error& error) {
+        OX_ERROR("AudioStream: cannot start the audio thread: %s", error.what());
+        stop();
+        return false;
+    }
     OX_INFO("AudioStream: started (%dHz %dch, %d-sample frames, %s, parity %s)", sample_rate,
             channels, encoder_.frame_samples(),
             source_.empty() ? "default source" : source_.c_str(),

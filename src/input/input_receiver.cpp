@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 #include <utility>
 
 #include "input/input_datagram.h"
@@ -54,16 +55,14 @@ bool InputReceiver::start(uint16_t port) {
     stop();
     if (!bind_socket(port)) return false;
     device_.uinput_init();
-    run(port);
-    return true;
+    return run(port);
 }
 
 bool InputReceiver::start_with_device(uint16_t port, UniqueFd device) {
     stop();
     if (!bind_socket(port)) return false;
     device_.adopt(std::move(device));
-    run(port);
-    return true;
+    return run(port);
 }
 
 bool InputReceiver::bind_socket(uint16_t port) {
@@ -88,13 +87,20 @@ bool InputReceiver::bind_socket(uint16_t port) {
     return true;
 }
 
-void InputReceiver::run(uint16_t port) {
+bool InputReceiver::run(uint16_t port) {
     window_.reset();
     last_buttons_ = 0;
     running_ = true;
-    thread_ = std::jthread([this] { recv_loop(); });
+    try {
+        thread_ = std::jthread([this] { recv_loop(); });
+    } catch (const std::system_error& error) {
+        OX_ERROR("InputReceiver: cannot start the receive thread: %s", error.what());
+        stop();
+        return false;
+    }
     OX_INFO("InputReceiver: listening on UDP port %u%s", port,
             device_.is_present() ? "" : " (headless — events decoded but not injected)");
+    return true;
 }
 
 void InputReceiver::recv_loop() {

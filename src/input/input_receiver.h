@@ -55,7 +55,7 @@ class InputReceiver {
     using Key = std::array<uint8_t, kKeyBytes>;
 
     bool bind_socket(uint16_t port);
-    void run(uint16_t port);
+    bool run(uint16_t port);
     void recv_loop();
     void handle_datagram(const uint8_t* bytes, size_t length);
     [[nodiscard]] bool open_datagram(const uint8_t* bytes, size_t length, InputPacket& packet);
