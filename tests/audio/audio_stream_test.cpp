@@ -142,7 +142,6 @@ class AudioStreamTest : public testing::Test {
   protected:
     void SetUp() override {
         ASSERT_TRUE(sender_.open("127.0.0.1", listener_.port(), 0));
-        stream_.set_parity_enabled(true);
     }
     bool start() { return stream_.start(sender_, kKey.data(), kKey.size(), 48000, 2, 128000); }
 
@@ -151,49 +150,6 @@ class AudioStreamTest : public testing::Test {
     UdpSender sender_;
     AudioStream stream_;
 };
-
-TEST_F(AudioStreamTest, APlayedToneArrivesInEvenPacketsWithTheirParity) {
-    const test::LogCapture log;
-    const auto player = pulse_.play_tone("out", kTone);
-    ASSERT_TRUE(start());
-    ASSERT_TRUE(listener_.hears(kTone, kOtherTone, seconds(30)));
-    std::optional<uint32_t> last;
-    int repairs = 0;
-    for (int i = 0; i < 300; ++i) {
-        const auto packet = listener_.receive(seconds(10));
-        ASSERT_TRUE(packet);
-        const PacketHeader h = packet->header;
-        EXPECT_EQ(+h.stream, 2U);
-        EXPECT_EQ(+h.group, 0);
-        if (h.flags == 0x24) {
-            EXPECT_EQ(+h.count, 4);
-            EXPECT_EQ(+h.frame_id, *last & ~3U);
-            EXPECT_EQ(packet->payload.size(), 96U);
-            ++repairs;
-            continue;
-        }
-        EXPECT_EQ(+h.flags, 0x0C);
-        EXPECT_EQ(+h.index, 0);
-        EXPECT_EQ(+h.count, 1);
-        EXPECT_EQ(packet->payload.size(), 80U);
-        EXPECT_EQ(+h.frame_id, last ? *last + 1 : +h.frame_id);
-        last = h.frame_id;
-    }
-    EXPECT_NEAR(repairs, 100, 2);
-    // A restart goes on counting: the key may be the same one.
-    stream_.stop();
-    while (listener_.receive(milliseconds(50))) {
-    }
-    ASSERT_TRUE(start());
-    const auto next = listener_.receive(seconds(30));
-    ASSERT_TRUE(next);
-    EXPECT_GT(+next->header.frame_id, *last);
-    // A recorder that dies ends the sound, and that is told.
-    const std::string text = log.text();
-    ::kill(std::atoi(text.c_str() + text.rfind(", pid=") + 6), SIGKILL);
-    EXPECT_TRUE(test::eventually([&] { return !stream_.running(); }));
-    EXPECT_EQ(log.count("WARN", "AudioStream: capture ended — stopping audio"), 1);
-}
 
 TEST_F(AudioStreamTest, TheMicrophoneIsNotHeardWhenTheOutputGoes) {
     const test::LogCapture log;

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "control/control_server_fixture.h"
-#include "support/eventually.h"
 
 namespace ox::test {
 namespace {
@@ -73,40 +72,6 @@ TEST_F(ControlLoopTest, HandlesEachLineOnceAndInOrderHoweverItIsCut) {
                 round);
         }
     }
-}
-
-// What comes with the auth line is dropped: a launcher has to wait for its answer.
-TEST_F(ControlLoopTest, StartsBehindTheAuthLineAndFallsBackOnTheMessageCallback) {
-    server_.message_callback = [this](const std::string& type) { record(type); };
-    auto result = handshake();
-    TcpClient launcher = connect();
-    launcher.send(std::string(kGoodAuth) + "{\"type\":\"ping\",\"ts\":1}\n");
-    ASSERT_TRUE(result.get());
-    launcher.read_line(kPatience);
-    server_.start_async_read();
-    launcher.send("{\"type\":\"stats\"}\n{\"type\":\"set_settings\"}\n");
-    EXPECT_EQ(events(2), (std::vector<std::string>{"stats", "set_settings"}));
-    launcher.send("{\"type\":\"ping\",\"ts\":2}\n");
-    EXPECT_EQ(launcher.read_line(kPatience), R"({"ts":2,"type":"pong"})");
-}
-
-TEST_F(ControlLoopTest, EndsWithTheConnectionAndStartsAgainAfterClose) {
-    server_.start_async_read();  // nothing to read yet: does nothing
-    EXPECT_FALSE(server_.send_line("{}"));
-    record_everything();
-    for (const bool abruptly : {false, true}) {
-        TcpClient launcher = connected_launcher();
-        server_.start_async_read();
-        launcher.send("{\"type\":\"one\"}\n{\"type\":\"half");
-        EXPECT_EQ(events(1), std::vector<std::string>{"one"});
-        launcher.close(abruptly);
-        EXPECT_TRUE(eventually([&] { return !server_.is_connected(); }));
-        server_.start_async_read();
-        EXPECT_FALSE(server_.is_connected());
-        server_.close();
-        server_.close();
-    }
-    EXPECT_EQ(log_.count("INFO", "TcpControlServer: client disconnected"), 2);
 }
 
 // More than the socket's buffers hold, so that lines leave in parts.

@@ -2,7 +2,6 @@
 
 #include "control/control_server_fixture.h"
 #include "support/dead_peer.h"
-#include "tui/board.h"
 
 namespace ox::test {
 namespace {
@@ -19,7 +18,8 @@ TEST_F(HandshakeTest, TakesALauncherThatSendsByteByByte) {
     server_.host_caps = 2;
     auto result = handshake();
     TcpClient launcher = connect();
-    for (const char c : auth_with(R"("codec":1,"width":9000,"height":-3,"fps":75,"caps":7,"udp_ip":"10.1.2.3")")) {
+    for (const char c :
+         auth_with(R"("codec":1,"width":9000,"height":-3,"fps":75,"caps":7,"udp_ip":"10.1.2.3")")) {
         launcher.send({&c, 1});
     }
     ASSERT_TRUE(result.get()) << log_.text();
@@ -92,36 +92,6 @@ TEST_F(HandshakeTest, RefusesEveryoneWithoutATokenHash) {
               1);
 }
 
-TEST_F(HandshakeTest, AbortEndsEveryWaitAtOnce) {
-    const struct {
-        bool connects;
-        const char* log;
-    } rows[] = {
-        {false, "TcpControlServer: accept aborted (session ending / shutdown)"},
-        {true, "TcpControlServer: auth read aborted"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.log);
-        abort_ = false;
-        const LogCapture log;
-        auto result = handshake();
-        std::optional<TcpClient> half_open;
-        const char* waiting = "listening on port";
-        if (row.connects) {
-            half_open.emplace(connect()).send(kGoodAuth.substr(0, 20));
-            waiting = "client connected from";
-        }
-        while (log.text().find(waiting) == std::string::npos)
-            std::this_thread::yield();
-        const auto asked = Clock::now();
-        abort_ = true;
-        EXPECT_FALSE(result.get());
-        EXPECT_LT(Clock::now() - asked, std::chrono::milliseconds(500)) << "100 ms and some slack";
-        EXPECT_EQ(server_.last_error, "SESSION_ABORTED");
-        EXPECT_EQ(log.count("WARN", row.log), 1) << log.text();
-    }
-}
-
 // The predicate is asked between the start of listening and the first accept.
 TEST_F(HandshakeTest, AConnectionResetBeforeTheAcceptDoesNotEndTheWait) {
     bool was_reset = false;
@@ -144,16 +114,6 @@ TEST_F(HandshakeTest, AConnectionResetBeforeTheAcceptDoesNotEndTheWait) {
                          "accepting"),
               1)
         << log_.text();
-}
-
-TEST_F(HandshakeTest, APortThatIsTakenRaisesTheAlert) {
-    const UniqueFd occupier = occupy_tcp_port(port());
-    EXPECT_FALSE(server_.accept_and_handshake(port(), {}, 1));
-    EXPECT_EQ(server_.last_error, "AUTH_FAIL");
-    EXPECT_EQ(log_.count("ERROR", "TcpControlServer: bind :" + std::to_string(port()) +
-                                      " failed: Address already in use"),
-              1);
-    EXPECT_EQ(tui::board().snapshot().busy_port, port());
 }
 
 TEST_F(HandshakeTest, AStormOfStrangersDisturbsNoSessionAndKeepsNobodyOut) {

@@ -39,14 +39,5 @@ TEST(SessionKeys, RandomWithoutAMasterKeyOfTheRightLength) {
     }
 }
 
-// RFC 4648 section 10.
-TEST(SessionKeys, Base64) {
-    const std::pair<std::string_view, std::string_view> rows[] = {
-        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"\xfb\xff\xbf", "+/+/"}};
-    for (const auto& [bytes, text] : rows) {
-        EXPECT_EQ(to_base64(Bytes(bytes.begin(), bytes.end())), text);
-    }
-}
-
 }  // namespace
 }  // namespace ox

@@ -116,9 +116,11 @@ TEST_P(LauncherSession, DecodesAsksCountsAndSaves) {
     EXPECT_EQ(recording.pictures, static_cast<int>(decode.frames_decoded));
     ASSERT_EQ(recording.times_ms.size(), decode.frames_decoded);
     EXPECT_TRUE(std::ranges::is_sorted(recording.times_ms));
-    EXPECT_NEAR(static_cast<double>(recording.times_ms.back()),
-                static_cast<double>(decode.last_decoded_us - decode.first_decoded_us) / 1000,
-                300 * test::kSlowdown);
+    // Capture times, so about as long as decoding took; on a busy machine that comes in bursts.
+    const auto decoding_ms =
+        static_cast<int64_t>(decode.last_decoded_us - decode.first_decoded_us) / 1000;
+    EXPECT_GT(recording.times_ms.back(), decoding_ms / 2);
+    EXPECT_LT(recording.times_ms.back(), decoding_ms * 2 + 1000);
     EXPECT_EQ(stamp_of(*recording.last, 1), decode.stamps.last);
     const MediaFile png = read_file(options.save_frame);
     ASSERT_EQ(png.pictures, 1);

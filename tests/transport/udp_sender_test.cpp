@@ -12,8 +12,6 @@
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/port_block.h"
-#include "transport/debug_drop.h"
-#include "tui/board.h"
 
 namespace ox {
 namespace {
@@ -110,19 +108,6 @@ TEST_F(UdpSenderTest, SendsHeaderAndPayloadUpToTheLargestDatagram) {
     EXPECT_EQ(log.count("INFO", "UdpSender: closed (pkts=2 bytes=1286 errs=0)"), 1);
 }
 
-TEST_F(UdpSenderTest, FailuresToOpen) {
-    const Peer blocker("0.0.0.0", static_cast<uint16_t>(port + 1));
-    UdpSender unlucky;
-    EXPECT_FALSE(unlucky.open("127.0.0.1", 9, blocker.port));
-    EXPECT_EQ(log.count("ERROR", "UdpSender: bind :" + std::to_string(blocker.port) +
-                                     " failed: Address already in use"),
-              1);
-    EXPECT_EQ(tui::board().snapshot().busy_port, blocker.port);
-    EXPECT_FALSE(unlucky.open("launcher.example", 9, 0));
-    EXPECT_EQ(log.count("ERROR", "UdpSender: bad dest ip 'launcher.example'"), 1);
-    EXPECT_FALSE(unlucky.is_open() || send_text(unlucky, "x"));
-}
-
 TEST_F(UdpSenderTest, TokenProbeMovesTheDestination) {
     const std::string token = "TOKEN678 and what follows";
     sender.set_probe_token(reinterpret_cast<const uint8_t*>(token.data()), token.size());
@@ -205,13 +190,6 @@ TEST_F(UdpSenderTest, PacingDelaysAndCounts) {
     EXPECT_GE(elapsed, std::chrono::milliseconds(10));
     EXPECT_GE(sender.pacing_sleeps(), 1U);
     EXPECT_EQ(sender.packets_sent(), 40U);
-}
-
-TEST(DebugDrop, PercentFromText) {
-    const std::pair<const char*, int> cases[] = {{nullptr, 0}, {"", 0},   {"1", 1},  {"99", 99},
-                                                 {"100", 0},   {"-5", 0}, {"5%", 0}, {"2.5", 0}};
-    for (const auto& [text, percent] : cases)
-        EXPECT_EQ(parse_drop_percent(text), percent) << (text != nullptr ? text : "null");
 }
 
 }  // namespace

@@ -89,19 +89,6 @@ TEST(PlainLines, SessionOfAStandaloneAgent) {
                             "now Streaming to 10.0.0.5: H.264 1920x1080, 60 fps, x264"));
 }
 
-TEST(PlainLines, LinkChangesAreToldOnce) {
-    Story story(Lang::Russian);
-    EXPECT_THAT(story.next(),
-                ElementsAre("orvex-agent 0.4.448 на\u00A0rig, лог: /var/log/agent.log"));
-    EXPECT_THAT(story.after([&](Snapshot&) { story.push(EventKind::PlatformConnected); }),
-                ElementsAre("14:03 Подключились к\u00A0платформе"));
-    EXPECT_THAT(story.after([](Snapshot& s) { s.link = LinkState::Connected; }), IsEmpty());
-    EXPECT_THAT(story.after([](Snapshot& s) { s.link = LinkState::Reconnecting; }),
-                ElementsAre("now Связи с\u00A0платформой нет, переподключаемся"));
-    EXPECT_THAT(story.after([](Snapshot& s) { s.link = LinkState::Connected; }),
-                ElementsAre("now Связь с\u00A0платформой есть"));
-}
-
 TEST(PlainLines, AlertsComeWithTheirRemedyAndGo) {
     Story story(Lang::English, Host::NoDesktopSession);
     story.next();

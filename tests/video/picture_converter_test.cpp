@@ -61,15 +61,5 @@ TEST(PictureConverter, ColoursComeOutRightByEitherRoad) {
     }
 }
 
-TEST(PictureConverter, PreparesOncePerSourceSize) {
-    const test::LogCapture log;
-    PictureConverter converter(AV_PIX_FMT_NV12, kWidth, kHeight);
-    for (const uint32_t width : {128U, 128U, 64U, 128U})
-        EXPECT_TRUE(converter.ensure_input_ready(width, 72));
-    EXPECT_EQ(log.count("INFO", "VideoEncoder: swscale BGRA 128x72 → nv12 64x32"), 2);
-    EXPECT_FALSE(converter.ensure_input_ready(4'000'000'000U, 72));
-    EXPECT_EQ(log.count("ERROR", "VideoEncoder: sws_getContext 4000000000x72→64x32 failed"), 1);
-}
-
 }  // namespace
 }  // namespace ox

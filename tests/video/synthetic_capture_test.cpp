@@ -55,28 +55,6 @@ TEST(SyntheticCapture, DrawsDarkeningBarsAndTheFrameNumber) {
     EXPECT_EQ(at(reused, 639, 359), at(frame, 639, 359));
 }
 
-TEST(SyntheticCapture, MovesTheBoxToAndFro) {
-    // The box is 10 x 30 and moves within 70 x 210; rows below the stamp are looked at.
-    SyntheticCapture capture(80, 240);
-    ASSERT_TRUE(capture.init());
-    const struct {
-        uint32_t n, left, top;
-    } cases[] = {{4, 20, 12}, {14, 70, 42},  {15, 65, 45},  {28, 0, 84},
-                 {29, 5, 87}, {70, 70, 210}, {71, 65, 207}, {140, 0, 0}};
-    CapturedFrame frame;
-    uint32_t next = 0;
-    for (const auto& [n, left, top] : cases) {
-        for (; next <= n; ++next)
-            capture.capture_frame(frame);
-        for (uint32_t y = 8; y < 240; ++y) {
-            for (uint32_t x = 0; x < 80; ++x) {
-                const bool inside = x >= left && x < left + 10 && y >= top && y < top + 30;
-                ASSERT_EQ(at(frame, x, y) == kWhite, inside) << n << ": " << x << "," << y;
-            }
-        }
-    }
-}
-
 TEST(SyntheticCapture, TakesSidesFrom1To8192) {
     const test::LogCapture log;
     for (const auto& [width, height, good] : {std::tuple{1U, 1U, true},
