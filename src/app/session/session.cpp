@@ -65,6 +65,7 @@ std::string Session::wait_for_launcher() {
             control_port(), [this] { return stop_requested(); }, 0)) {
         return kHandshakeFailed + control_.last_error;
     }
+    awake_.emplace();
     launcher_ = control_.remote_address();
     if (launcher_.empty()) {
         OX_ERROR("Session: no UDP destination (no TCP peer?) — aborting");

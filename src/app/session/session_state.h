@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "app/options.h"
@@ -11,6 +12,7 @@
 #include "app/session/session.h"
 #include "app/session/session_audio.h"
 #include "app/session/session_signals.h"
+#include "app/sleep_inhibitor.h"
 #include "control/tcp_control_server.h"
 #include "input/input_receiver.h"
 #include "video/capture.h"
@@ -87,6 +89,7 @@ class Session {
     std::unique_ptr<ICapture> capture_;
     VideoEncoder encoder_;
     EncoderSettings settings_;
+    std::optional<SleepInhibitor> awake_;  ///< from the launcher's arrival on
 
     std::string launcher_;   ///< IPv4 address the media goes to
     CapturedFrame picture_;  ///< the latest picture, encoded again when no new one comes

@@ -4,8 +4,8 @@
 #include <functional>
 #include <string>
 
-#include "base/clock.h"
 #include "base/unique_fd.h"
+#include "dbus/bus_connection.h"
 #include "video/portal/pending_request.h"
 
 namespace ox::portal {
@@ -30,14 +30,12 @@ struct RequestResult {
 /// over this connection when it closes, so it has to live as long as the stream.
 class PortalBus {
   public:
-    using Cancelled = std::function<bool()>;
-
-    explicit PortalBus(Cancelled cancelled) : cancelled_(std::move(cancelled)) {}
+    explicit PortalBus(BusConnection::Cancelled cancelled) : bus_(std::move(cancelled)) {}
 
     /// Connects to `address`, or to the session bus when it is empty. False, with the bus's words
     /// in `error`, when there is none.
     bool open(const std::string& address, std::string& error);
-    void close() { connection_.reset(); }
+    void close() { bus_.close(); }
 
     /// Sends a call that makes a request with this handle token and waits for the request's
     /// Response. A request that is given up is closed, so that no dialog stays behind.
@@ -51,12 +49,7 @@ class PortalBus {
     void close_object(const std::string& path, const char* interface);
 
   private:
-    bool send(DBusMessage& call, uint32_t& serial);
-    Outcome read_until(SteadyClock::time_point deadline,
-                       const std::function<bool(DBusMessage&)>& done);
-
-    Cancelled cancelled_;
-    DBusConnectionPtr connection_;
+    BusConnection bus_;
 };
 
 }  // namespace ox::portal

@@ -7,7 +7,7 @@
 #include <variant>
 #include <vector>
 
-#include "video/portal/dbus_handles.h"
+#include "dbus/dbus_handles.h"
 
 // The messages of the org.freedesktop.portal.ScreenCast interface, and what is read from their
 // answers. Nothing here touches a connection. Formats: the "XDG Desktop Portal" documentation of

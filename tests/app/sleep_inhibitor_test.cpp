@@ -1,0 +1,126 @@
+#include "app/sleep_inhibitor.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <future>
+
+#include "dbus/bus_connection.h"
+#include "support/child_process.h"
+#include "support/environment.h"
+#include "support/eventually.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace ox {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// A message bus of the test's own that stands in for the system's.
+class Bus {
+  public:
+    Bus()
+        : daemon_({.argv = {"dbus-daemon", "--session", "--nofork", "--nopidfile",
+                            "--address=" + address()},
+                   .environment = {}}) {}
+    [[nodiscard]] std::string address() const { return "unix:path=" + dir_.file("bus"); }
+
+  private:
+    test::TempDir dir_;
+    test::ChildProcess daemon_;
+};
+
+/// logind as far as it matters here: gives out one lock. Returns what was asked for, and the end
+/// that sees the lock go.
+std::pair<std::string, UniqueFd> serve_one_lock(BusConnection& bus) {
+    std::string asked;
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    UniqueFd watched(ends[0]);
+    const UniqueFd lock(ends[1]);
+    bus.read_until(SteadyClock::now() + 10s, [&](DBusMessage& call) {
+        if (dbus_message_is_method_call(&call, "org.freedesktop.login1.Manager", "Inhibit") ==
+            FALSE) {
+            return false;
+        }
+        const char* what = "";
+        const char* who = "";
+        const char* why = "";
+        const char* mode = "";
+        dbus_message_get_args(&call, nullptr, DBUS_TYPE_STRING, &what, DBUS_TYPE_STRING, &who,
+                              DBUS_TYPE_STRING, &why, DBUS_TYPE_STRING, &mode, DBUS_TYPE_INVALID);
+        asked = std::string(what) + " " + who + " " + mode;
+        const DBusMessagePtr reply(dbus_message_new_method_return(&call));
+        const int fd = lock.get();
+        dbus_message_append_args(reply.get(), DBUS_TYPE_UNIX_FD, &fd, DBUS_TYPE_INVALID);
+        bus.post(*reply);
+        return true;
+    });
+    return {asked, std::move(watched)};
+}
+
+bool is_held(const UniqueFd& watched) {
+    pollfd entry{.fd = watched.get(), .events = POLLIN, .revents = 0};
+    return ::poll(&entry, 1, 0) == 0;
+}
+
+TEST(SleepInhibitor, HoldsTheLockForAsLongAsItLives) {
+    const Bus daemon;
+    const test::Environment system_bus("DBUS_SYSTEM_BUS_ADDRESS", daemon.address());
+    BusConnection logind({});
+    std::string error;
+    ASSERT_TRUE(test::eventually([&] { return logind.open(daemon.address(), 5s, error); }))
+        << error;
+    const DBusMessagePtr name(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                           DBUS_INTERFACE_DBUS, "RequestName"));
+    const char* wanted = "org.freedesktop.login1";
+    const dbus_uint32_t flags = 0;
+    dbus_message_append_args(name.get(), DBUS_TYPE_STRING, &wanted, DBUS_TYPE_UINT32, &flags,
+                             DBUS_TYPE_INVALID);
+    ASSERT_NE(logind.call(*name, 5s), nullptr);
+
+    auto served = std::async(std::launch::async, [&] { return serve_one_lock(logind); });
+    const test::LogCapture log;
+    std::optional<SleepInhibitor> inhibitor(std::in_place);
+    const auto [asked, watched] = served.get();
+    EXPECT_EQ(asked, "sleep:idle orvex-agent block");
+    EXPECT_TRUE(test::eventually([&] {
+        return log.count("INFO", "Session: the PC stays awake until the session ends") == 1;
+    })) << log.text();
+    EXPECT_TRUE(is_held(watched));
+    inhibitor.reset();
+    EXPECT_FALSE(is_held(watched));
+}
+
+TEST(SleepInhibitor, NoBusCostsOneLineAndADeafOneNoTime) {
+    const test::TempDir dir;
+    const test::LogCapture log;
+    {
+        const test::Environment nowhere("DBUS_SYSTEM_BUS_ADDRESS",
+                                        "unix:path=" + dir.file("nothing"));
+        const SleepInhibitor inhibitor;
+        EXPECT_TRUE(test::eventually([&] {
+            return log.text().find("Session: the PC may fall asleep under the player (") !=
+                   std::string::npos;
+        }));
+    }
+    const std::string path = dir.file("deaf");
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+              0);
+    ASSERT_EQ(::listen(listener.get(), 1), 0);
+    const test::Environment deaf("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + path);
+    const auto before = SteadyClock::now();
+    { const SleepInhibitor inhibitor; }
+    EXPECT_LT(SteadyClock::now() - before, 1s);
+}
+
+}  // namespace
+}  // namespace ox
