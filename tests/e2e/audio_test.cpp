@@ -7,6 +7,7 @@
 
 #include "e2e/player.h"
 #include "launcher/audio_worker.h"
+#include "launcher/av_handles.h"
 #include "launcher/session.h"
 #include "support/pulse_daemon.h"
 
@@ -69,6 +70,27 @@ launcher::Summary run_launcher(const Agent& agent, const std::string& recording)
     return launcher::Session(options, nullptr, nullptr).run();
 }
 
+/// Packets of sound in a recording; none when they are no Opus or out of order.
+size_t recorded_frames(const std::string& path) {
+    AVFormatContext* input = nullptr;
+    if (avformat_open_input(&input, path.c_str(), nullptr, nullptr) < 0) return 0;
+    size_t frames = 0;
+    const launcher::AvPtr<AVPacket> packet(av_packet_alloc());
+    int64_t previous = -1'000;
+    bool right =
+        input->nb_streams == 2 && input->streams[1]->codecpar->codec_id == AV_CODEC_ID_OPUS;
+    while (right && av_read_frame(input, packet.get()) >= 0) {
+        if (packet->stream_index == 1) {
+            ++frames;
+            right = packet->pts > previous;
+            previous = packet->pts;
+        }
+        av_packet_unref(packet.get());
+    }
+    avformat_close_input(&input);
+    return right ? frames : 0;
+}
+
 TEST_F(Sound, APlayedToneComesOutOfTheLauncherAlsoWithLosses) {
     const TempDir folder;
     for (const bool losses : {false, true}) {
@@ -98,6 +120,7 @@ TEST_F(Sound, APlayedToneComesOutOfTheLauncherAlsoWithLosses) {
                         static_cast<double>(stream.data_packets) / 2, 4);
         }
         EXPECT_GT(summary.decode.audio_frames_recorded, stream.frames.delivered * 9 / 10);
+        EXPECT_EQ(recorded_frames(folder.file("stream.mkv")), summary.decode.audio_frames_recorded);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <random>
 
 #include "audio/parity_block.h"
+#include "launcher/audio_track.h"
 
 namespace ox::launcher {
 namespace {
@@ -163,37 +164,37 @@ TEST(AudioAssembler, ALongPauseIsBridgedAtOnce) {
 
 TEST(AudioAssembler, RefusesWhatNoAgentSends) {
     const auto sent = stream(0, 4, true);
-    const Sent& data = sent[0];
-    const Sent& repair = sent[4];
-    const struct {
-        const char* what;
-        const Sent& packet;
-        void (*change)(Sent&);
-    } cases[] = {
-        {"another stream", data, [](Sent& p) { p.header.stream = 1; }},
-        {"not flagged as sound", data, [](Sent& p) { p.header.flags = 8; }},
-        {"empty", data, [](Sent& p) { p.payload.clear(); }},
-        {"second packet of a frame", data, [](Sent& p) { p.header.index = 1; }},
-        {"repair of no block", repair, [](Sent& p) { p.header.frame_id = 2; }},
-        {"repair 1 as 0", repair, [](Sent& p) { p.payload[4] = 1; }},
-        {"another version", repair, [](Sent& p) { p.payload[5] = 2; }},
-        {"cut repair", repair, [](Sent& p) { p.payload.pop_back(); }},
+    const std::pair<size_t, void (*)(Sent&)> cases[] = {
+        {0, [](Sent& p) { p.header.stream = 1; }},
+        {0, [](Sent& p) { p.header.flags = 8; }},
+        {0, [](Sent& p) { p.payload.clear(); }},
+        {0, [](Sent& p) { p.header.index = 1; }},
+        {4, [](Sent& p) { p.header.frame_id = 2; }},  // no block begins there
+        {4, [](Sent& p) { p.payload[4] = 1; }},       // says it is the other one
+        {4, [](Sent& p) { p.payload.pop_back(); }},
+        {5, [](Sent& p) { p.payload[8] ^= 1; }},  // other lengths than the block's first says
     };
-    for (const auto& c : cases) {
+    for (const auto& [index, change] : cases) {
         AudioAssembler assembler;
         assembler.push(sent[1].header, sent[1].payload, 1);
-        Sent changed = c.packet;
-        c.change(changed);
+        if (index == 5) assembler.push(sent[4].header, sent[4].payload, 1);
+        Sent changed = sent[index];
+        change(changed);
         EXPECT_EQ(assembler.push(changed.header, changed.payload, 1), PacketVerdict::Malformed)
-            << c.what;
+            << "packet " << index;
     }
-    // A repair symbol whose frame lengths are not those of its block's first one.
-    AudioAssembler assembler;
-    assembler.push(data.header, data.payload, 1);
-    assembler.push(repair.header, repair.payload, 1);
-    Sent other = sent[5];
-    other.payload[8] ^= 1;
-    EXPECT_EQ(assembler.push(other.header, other.payload, 1), PacketVerdict::Malformed);
+}
+
+TEST(AudioClock, FollowsTheCountAndNewStartsButNoJitter) {
+    AudioClock clock;
+    const auto place = [&](uint32_t sequence, uint64_t sent) {
+        return clock.place({.opus = {}, .sequence = sequence, .timestamp = sent});
+    };
+    EXPECT_FALSE(place(9, 0)) << "rebuilt, so without a time";
+    EXPECT_EQ(place(10, 1'000'000), 1'000'000U);
+    EXPECT_EQ(place(11, 1'009'000), 1'005'000U);
+    EXPECT_EQ(place(13, 0), 1'015'000U);
+    EXPECT_EQ(place(14, 1'400'000), 1'400'000U) << "the recording has paused";
 }
 
 }  // namespace
