@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <map>
 #include <string>
+#include <utility>
 
 #include "tui/layout_sections.h"
 #include "tui/session_card.h"
@@ -38,6 +40,8 @@ constexpr int kTallestPicture = 40;
 constexpr int kLogoColumns = 64;
 // Below that, lines are too dear to be left empty.
 constexpr int kAiryRows = 16;
+// From that on the session may take more than it needs, and does not shrink with each event.
+constexpr int kRoomyRows = 32;
 
 /// How much detail each part gets.
 struct Plan {
@@ -76,86 +80,116 @@ constexpr Step kSteps[] = {
     [](Plan& plan) { plan.card.details = false; },
 };
 
-std::vector<Line> upper_part(const Snapshot& board, const View& view, int width, const Plan& plan) {
-    std::vector<Line> lines;
-    const auto add = [&](std::vector<Line> part) {
-        if (part.empty()) return;
-        if (plan.airy && !lines.empty()) lines.emplace_back();
-        std::move(part.begin(), part.end(), std::back_inserter(lines));
-    };
-    if (plan.header && plan.logo) {
-        add(logo_header(board, view, width));
-    } else if (plan.header) {
-        add({header_line(board, view, width)});
-    }
-    add({link_line(board, view, width)});
-    add(session_card(board, view, width, plan.card));
-    add(alert_lines(board, view, width, plan.alerts,
-                    plan.airy && plan.alerts == AlertDetail::TitleAndText));
-    add(event_lines(board, view, width, plan.events));
-    if (plan.margin_above) lines.emplace(lines.begin());
-    return lines;
-}
-
-// The lower part stands at the bottom, apart from the upper one where there is room.
-bool fits(const std::vector<Line>& upper, const Plan& plan, int rows) {
-    const int apart = plan.airy && plan.footer > 0 ? 1 : 0;
-    return static_cast<int>(upper.size()) + apart + plan.footer <= rows;
-}
-
-/// Chooses what is shown in `rows` lines.
-class Fitting {
+/// Makes the parts of the picture, each once in every form that is asked for.
+class Parts {
   public:
-    Fitting(const Snapshot& board, const View& view, int width, int rows)
-        : board_(board), view_(view), width_(width), rows_(rows) {
-        full_.logo = width >= kLogoColumns;
-        const bool roomy = rows >= kAiryRows;
-        full_.airy = full_.margin_above = full_.card.padded = full_.card.airy = roomy;
+    Parts(const Snapshot& board, const View& view, int width)
+        : board_(board), view_(view), width_(width) {}
+
+    /// Lines that the picture of `plan` takes.
+    int height(const Plan& plan) {
+        const int apart = plan.airy ? 1 : 0;
+        int total = plan.footer > 0 ? plan.footer + apart : 0;
+        total += plan.margin_above ? 1 : 0;
+        for (const std::vector<Line>* part : upper(plan))
+            total += static_cast<int>(part->size()) + apart;
+        return total - apart;
     }
 
-    std::vector<Line> lines() {
-        size_t taken = 0;
-        while (!try_plan() && taken < given_up_.size())
-            given_up_.at(taken++) = true;
-        // The last step may have made more room than was needed.
-        while (found_ && taken-- > 0) {
-            given_up_.at(taken) = false;
-            if (!try_plan()) given_up_.at(taken) = true;
+    /// The picture of `plan`, cut or filled up to `rows` lines; the footer stands at the bottom.
+    std::vector<Line> picture(const Plan& plan, int rows) {
+        std::vector<Line> lines(plan.margin_above ? 1 : 0);
+        bool first = true;
+        for (const std::vector<Line>* part : upper(plan)) {
+            if (plan.airy && !first) lines.emplace_back();
+            first = false;
+            lines.insert(lines.end(), part->begin(), part->end());
         }
-        upper_.resize(static_cast<size_t>(rows_));
-        std::vector<Line> footer = footer_lines(board_, view_, width_, plan_.footer);
-        std::move(footer.begin(), footer.end(), upper_.end() - plan_.footer);
-        return std::move(upper_);
+        lines.resize(static_cast<size_t>(rows));
+        std::vector<Line> footer = footer_lines(board_, view_, width_, plan.footer);
+        std::move(footer.begin(), footer.end(), lines.end() - plan.footer);
+        return lines;
     }
 
   private:
-    // Makes the picture without what is given up. False, and the one before is kept, when it does
-    // not fit; when none ever did, it is kept and will be cut.
-    bool try_plan() {
-        Plan plan = full_;
-        for (size_t i = 0; i < given_up_.size(); ++i) {
-            if (given_up_.at(i)) kSteps[i](plan);
-        }
-        std::vector<Line> upper = upper_part(board_, view_, width_, plan);
-        const bool good = fits(upper, plan, rows_);
-        if (good || !found_) {
-            plan_ = plan;
-            upper_ = std::move(upper);
-        }
-        found_ |= good;
-        return good;
+    // Those that are not empty, from the top.
+    std::vector<const std::vector<Line>*> upper(const Plan& plan) {
+        std::vector<const std::vector<Line>*> parts;
+        if (plan.header) parts.push_back(&header(plan.logo));
+        parts.push_back(&link());
+        parts.push_back(&card(plan.card));
+        parts.push_back(&alerts(plan.alerts, plan.airy));
+        parts.push_back(&events(plan.events));
+        std::erase_if(parts, [](const std::vector<Line>* part) { return part->empty(); });
+        return parts;
+    }
+
+    // Under each key the result of `make()`, called at the first time only.
+    template <typename Key, typename Make>
+    static const std::vector<Line>& once(std::map<Key, std::vector<Line>>& made, const Key& key,
+                                         Make&& make) {
+        const auto found = made.find(key);
+        return found != made.end() ? found->second : made.emplace(key, make()).first->second;
+    }
+    const std::vector<Line>& header(bool logo) {
+        return once(headers_, logo, [&] {
+            return logo ? logo_header(board_, view_, width_)
+                        : std::vector<Line>{header_line(board_, view_, width_)};
+        });
+    }
+    const std::vector<Line>& link() {
+        return once(links_, 0, [&] { return std::vector<Line>{link_line(board_, view_, width_)}; });
+    }
+    const std::vector<Line>& card(const CardPlan& plan) {
+        return once(cards_, plan, [&] { return session_card(board_, view_, width_, plan); });
+    }
+    const std::vector<Line>& alerts(AlertDetail detail, bool airy) {
+        const bool apart = airy && detail == AlertDetail::TitleAndText;
+        return once(alerts_, std::pair(detail, apart),
+                    [&] { return alert_lines(board_, view_, width_, detail, apart); });
+    }
+    const std::vector<Line>& events(size_t count) {
+        return once(events_, count, [&] { return event_lines(board_, view_, width_, count); });
     }
 
     const Snapshot& board_;
     const View& view_;
     int width_;
-    int rows_;
-    Plan full_;
-    std::array<bool, std::size(kSteps)> given_up_{};
-    bool found_ = false;
-    Plan plan_;  // of the lines below
-    std::vector<Line> upper_;
+    std::map<bool, std::vector<Line>> headers_;
+    std::map<int, std::vector<Line>> links_;
+    std::map<CardPlan, std::vector<Line>> cards_;
+    std::map<std::pair<AlertDetail, bool>, std::vector<Line>> alerts_;
+    std::map<size_t, std::vector<Line>> events_;
 };
+
+/// The richest plan with a picture of at most `rows` lines; the poorest one when none is so low.
+Plan fitting_plan(Parts& parts, int width, int rows) {
+    Plan full;
+    full.logo = width >= kLogoColumns;
+    full.airy = full.margin_above = full.card.airy = rows >= kAiryRows;
+    full.card.padded = rows >= kRoomyRows;
+    full.card.graph_rows = rows >= kRoomyRows ? 3 : 1;
+
+    std::array<bool, std::size(kSteps)> given_up{};
+    const auto plan = [&] {
+        Plan result = full;
+        for (size_t i = 0; i < given_up.size(); ++i) {
+            if (given_up.at(i)) kSteps[i](result);
+        }
+        return result;
+    };
+    const auto fits = [&] { return parts.height(plan()) <= rows; };
+    size_t taken = 0;
+    while (!fits() && taken < given_up.size())
+        given_up.at(taken++) = true;
+    if (!fits()) return plan();
+    // The last step may have made more room than was needed.
+    while (taken-- > 0) {
+        given_up.at(taken) = false;
+        given_up.at(taken) = !fits();
+    }
+    return plan();
+}
 
 Snapshot with_printable_texts(Snapshot board) {
     const auto clean = [](std::string& words) { words = text::printable(words); };
@@ -188,7 +222,8 @@ std::vector<Line> lay_out(const Snapshot& snapshot, const View& view) {
 
     const Snapshot board = with_printable_texts(snapshot);
     std::vector<Line> lines(static_cast<size_t>(above));
-    for (const Line& line : Fitting(board, view, width, height).lines()) {
+    Parts parts(board, view, width);
+    for (const Line& line : parts.picture(fitting_plan(parts, width, height), height)) {
         Line placed;
         if (!line.empty()) placed.pad_to(left).add(line.clipped(width));
         lines.push_back(std::move(placed));

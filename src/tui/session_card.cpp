@@ -61,8 +61,9 @@ std::vector<Quantity> quantities(const SessionView& session, Lang lang) {
         {in(lang, "Frame rate", "Кадры"), in(lang, "fps", "кадр/с"), 1, session.measured_fps,
          &Figures::fps, highest(history, &Figures::fps, std::max(expected_fps, 1.0F)), rate_tone,
          expected_fps},
-        {in(lang, "Round trip", "Задержка"), in(lang, "ms", "мс"), 0, session.rtt_ms,
-         &Figures::rtt_ms, highest(history, &Figures::rtt_ms, 40.0F), round_trip_tone},
+        {in(lang, "Round trip", "Задержка"), in(lang, "ms", "мс"), session.rtt_ms < 10 ? 1 : 0,
+         session.rtt_ms, &Figures::rtt_ms, highest(history, &Figures::rtt_ms, 40.0F),
+         round_trip_tone},
         {in(lang, "Loss", "Потери"), "%", 1, session.loss_pct, &Figures::loss_pct,
          highest(history, &Figures::loss_pct, 4.0F), loss_tone},
     };
