@@ -91,20 +91,25 @@ TEST(FullScreen, StalledTerminalMissesPicturesButNeverGetsPartsOfThem) {
     pipe.fill();
     Snapshot board = test::streaming_board();
     FullScreen screen(pipe.writer.get(), Lang::English, Host::Desktop, ColourMode::Ansi);
-    // A screen that waits would never come back from the first of these.
-    for (int i = 0; i < 1000; ++i) {
-        board.session.width = static_cast<uint32_t>(i);
+    screen.paint(board);
+    // Long enough for several more pictures. A screen that waits would never come back.
+    board.session.width = 77'777;
+    const auto end = SteadyClock::now() + std::chrono::milliseconds(250);
+    while (SteadyClock::now() < end)
         screen.paint(board);
-    }
     EXPECT_EQ(pipe.read_all(), "");
     board.session.width = 1234;
     screen.paint(board);
+    std::string written;
     ox::test::TerminalModel terminal(80, 24);
     EXPECT_TRUE(ox::test::eventually([&] {
         screen.idle();
-        terminal.feed(pipe.read_all());
+        const std::string bytes = pipe.read_all();
+        written += bytes;
+        terminal.feed(bytes);
         return terminal.text().find("1234×1440") != std::string::npos;
     })) << terminal.text();
+    EXPECT_EQ(written.find("77777"), std::string::npos) << "pictures pile up";
     EXPECT_EQ(terminal.unknown(), "");
     EXPECT_FALSE(terminal.overran());
 }
