@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tui/board.h"
@@ -81,8 +82,9 @@ inline std::vector<Alert> all_alerts() {
 /// Every text from outside is hostile, every number absurd.
 inline Snapshot nasty_board() {
     Snapshot board = with_alerts(holding_board(), all_alerts());
+    using std::string_view_literals::operator""sv;
     const std::string nasty = "\x1B[2J\x1B]0;title\x07" +
-                              std::string("\xD0 漢字🎮 e\u0301\r\n\t\0", 24) +
+                              std::string("\xD0 漢字🎮 e\u0301\r\n\t\0"sv) +
                               "\u202Eevil\u200B \xED\xA0\x80 \xF7\xBF\xBF\xBF \u009B31m";
     for (std::string* text :
          {&board.version, &board.host, &board.gpu, &board.log_path, &board.session.launcher,
