@@ -31,7 +31,7 @@ const Glyphs kConsoleGlyphs{.corners = {"┌", "┐", "└", "┘"},
                             .alert = "!",
                             .meter_full = "█",
                             .meter_empty = "░",
-                            .bars = {" ", "_", "▄", "▄", "▄", "▄", "█", "█", "█"}};
+                            .bars = {" ", "_", "_", "▄", "▄", "▄", "▄", "█", "█"}};
 
 namespace {
 
@@ -59,6 +59,8 @@ struct Plan {
 using Step = void (*)(Plan&);
 constexpr Step kSteps[] = {
     [](Plan& plan) { plan.card.padded = false; },
+    [](Plan& plan) { plan.events = 7; },
+    [](Plan& plan) { plan.events = 6; },
     [](Plan& plan) { plan.events = 5; },
     [](Plan& plan) { plan.card.graph_rows = 1; },
     [](Plan& plan) { plan.events = 4; },

@@ -117,7 +117,9 @@ TEST(ScreenOfTheAgent, TerminalIsGivenBackWhateverSignalEndsIt) {
         const auto ended = agent.end_by(signal);
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
         // The sanitizer reports a crash its own way.
-        if (signal != SIGSEGV && signal != SIGABRT) EXPECT_EQ(ended, status);
+        if (signal != SIGSEGV && signal != SIGABRT) {
+            EXPECT_EQ(ended, status);
+        }
 #else
         EXPECT_EQ(ended, status);
 #endif
