@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cmath>
+#include <fstream>
 
 #include "e2e/player.h"
 #include "support/eventually.h"
@@ -256,6 +257,34 @@ TEST_F(Wayland, NobodyHasToWaitForAnApprovalDialog) {
         EXPECT_EQ(agent.log().count("falling back"), 0U);
         EXPECT_EQ(agent.log().count("[ERROR]"), 0U);
     }
+}
+
+TEST_F(Wayland, ARealCompositorIsStreamedThroughItsRealPortalWhereTheyRun) {
+    if (!desktop_->start_sway("#336699", kWidth, kHeight)) {
+        GTEST_SKIP() << "sway, xdg-desktop-portal or its wlr backend is not here or does not run";
+    }
+    std::ofstream(desktop_->config_file("orvex/portal_restore_token")) << "from another desktop";
+    Agent agent(setup("portal"));
+    Player player(agent, kLauncher);
+    std::array<double, 3> seen{};
+    player.on_picture = [&](const launcher::DecodedPicture& picture) {
+        seen = cell_of(picture.image, kWidth / 2, kHeight / 2);
+    };
+    ASSERT_TRUE(player.receive_frames(5));
+    EXPECT_TRUE(agent.wait_for_log(
+        "PortalCapture: saved restore token not accepted (org.freedesktop.portal.Error."
+        "InvalidArgument: "));
+    if (agent.log().count("PortalCapture: portal refused Start (response=2)") == 1) {
+        agent.expect_prompt_stop();
+        GTEST_SKIP() << "the portal took every call, but its backend cannot capture without a GPU";
+    }
+    CapturedFrame wanted{.data = {}, .lent = {}, .width = 16, .height = 16};
+    for (int i = 0; i < 256; ++i)
+        wanted.data.insert(wanted.data.end(), {0x99, 0x66, 0x33, 0xFF});
+    for (size_t plane = 0; plane < 3; ++plane)
+        EXPECT_NEAR(seen[plane], cell_of(wanted, 0, 0)[plane], 6.0);
+    EXPECT_TRUE(agent.wait_for_log("Session: capture backend = portal"));
+    agent.expect_prompt_stop();
 }
 
 }  // namespace
