@@ -140,9 +140,7 @@ class Listener {
 
 class AudioStreamTest : public testing::Test {
   protected:
-    void SetUp() override {
-        ASSERT_TRUE(sender_.open("127.0.0.1", listener_.port(), 0));
-    }
+    void SetUp() override { ASSERT_TRUE(sender_.open("127.0.0.1", listener_.port(), 0)); }
     bool start() { return stream_.start(sender_, kKey.data(), kKey.size(), 48000, 2, 128000); }
 
     test::PulseDaemon pulse_;

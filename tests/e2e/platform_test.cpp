@@ -146,6 +146,7 @@ TEST_F(PlatformTest, OnlyTheNewestPreparedSessionFollowsARunningOne) {
     expect_ended("s1", "client_end_session");
     ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", listening_count_));
     player_.emplace(*agent_);
+    EXPECT_TRUE(player_->receive_frames(1));
     EXPECT_EQ(next("session_ready")["session_id"], "s3");
     agent_->process().signal(SIGTERM);
     expect_ended("s3", "shutdown");
