@@ -33,7 +33,7 @@ ChildProcess::Options command(const Agent::Setup& setup, const TempDir& folder) 
         });
         options.environment.push_back(entry);
     }
-    options.stdout_path = folder.file("screen.txt");
+    options.stdout_path = setup.terminal.empty() ? folder.file("screen.txt") : setup.terminal;
     options.stderr_path = folder.file("stderr.txt");
     return options;
 }

@@ -41,7 +41,8 @@ class Agent {
         std::vector<std::string> arguments = {};
         std::vector<std::string> environment = {};  ///< as in ChildProcess::Options
         std::string capture = "synthetic";
-        bool input = false;  ///< takes input; where there is /dev/uinput, this injects
+        std::string terminal = {};  ///< path of a terminal for standard output; else a file
+        bool input = false;         ///< takes input; where there is /dev/uinput, this injects
         std::shared_ptr<PortBlock> ports = std::make_shared<PortBlock>();
     };
 

@@ -18,8 +18,10 @@ using ::testing::Not;
 /// The real program in a terminal of its own.
 class AgentInTerminal {
   public:
-    explicit AgentInTerminal(const std::vector<std::string>& environment = {})
-        : modes_before_(window_.modes()), process_(command(environment)) {}
+    /// `variable` is set in addition, or instead ("NAME=value", or "NAME" to unset).
+    explicit AgentInTerminal(const std::string& variable = {})
+        : agent_({.environment = with({"OX_TUI", "TERM=xterm", "OX_LANG=ru"}, variable),
+                  .terminal = window_.path()}) {}
 
     /// Waits until the terminal shows `text`.
     bool shows(const std::string& text) {
@@ -47,8 +49,8 @@ class AgentInTerminal {
     void forget_written() { written_.clear(); }
     /// As a shell gives it.
     std::optional<int> end_by(int signal) {
-        process_.signal(signal);
-        const auto status = process_.wait(kPatience);
+        process().signal(signal);
+        const auto status = process().wait(kPatience);
         take_output();
         return status;
     }
@@ -59,41 +61,19 @@ class AgentInTerminal {
     [[nodiscard]] const TerminalModel& terminal() const { return terminal_; }
     [[nodiscard]] const std::string& written() const { return written_; }
     [[nodiscard]] PseudoTerminal& window() { return window_; }
-    ChildProcess& process() { return process_; }
+    ChildProcess& process() { return agent_.process(); }
 
   private:
-    ChildProcess::Options command(const std::vector<std::string>& environment) {
-        ChildProcess::Options options;
-        options.argv = {
-            OX_AGENT_PATH, "--no-input", "--port-base",    std::to_string(ports_.base()),
-            "--capture",   "synthetic",  "--token-sha256", kTokenSha256};
-        options.environment = {"OX_LOG_FILE=" + folder_.file("agent.log"),
-                               "HOME=" + folder_.path().string(),
-                               "XDG_RUNTIME_DIR=" + folder_.path().string(),
-                               "TERM=xterm-256color",
-                               "OX_LANG=ru",
-                               "OX_TUI",
-                               "OX_CONSOLE_LOG",
-                               "COLORTERM"};
-        for (const std::string& entry : environment) {
-            const std::string name = entry.substr(0, entry.find('='));
-            std::erase_if(options.environment, [&](const std::string& existing) {
-                return existing.substr(0, existing.find('=')) == name;
-            });
-            options.environment.push_back(entry);
-        }
-        options.stdout_path = window_.path();
-        options.stderr_path = window_.path();
-        return options;
+    static std::vector<std::string> with(std::vector<std::string> basis, const std::string& entry) {
+        if (!entry.empty()) basis.push_back(entry);
+        return basis;
     }
 
-    PortBlock ports_;
-    TempDir folder_;
     PseudoTerminal window_{80, 24};
     TerminalModel terminal_{80, 24};
     std::string written_;
-    termios modes_before_;
-    ChildProcess process_;
+    termios modes_before_ = window_.modes();
+    Agent agent_;
 };
 
 TEST(ScreenOfTheAgent, TerminalIsGivenBackWhateverSignalEndsIt) {
@@ -150,7 +130,7 @@ TEST(ScreenOfTheAgent, PaintsEverythingAnewAfterAStop) {
 TEST(ScreenOfTheAgent, SimpleTerminalsGetPlainLines) {
     for (const char* setting : {"OX_TUI=plain", "TERM=dumb", "TERM=", "TERM"}) {
         SCOPED_TRACE(setting);
-        AgentInTerminal agent({setting});
+        AgentInTerminal agent(setting);
         EXPECT_TRUE(agent.writes("Автономный режим, ждём лаунчер"));
         EXPECT_EQ(agent.end_by(SIGTERM), 0);
         EXPECT_THAT(agent.written(), HasSubstr("Останавливаемся"));
