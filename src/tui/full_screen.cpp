@@ -3,10 +3,12 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <string>
 #include <string_view>
+#include <utility>
 
-#include "tui/crash_restore.h"
 #include "tui/painter.h"
+#include "tui/text.h"
 
 namespace ox::tui {
 namespace {
@@ -34,6 +36,11 @@ FullScreen::FullScreen(int fd, Lang lang, Host host, ColourMode mode)
 FullScreen::~FullScreen() {
     output_.drop();
     output_.add(TerminalSession::leave_bytes());
+    // The picture is gone, and with it what it told of an error.
+    if (!snapshot_.events.empty() && snapshot_.events.back().kind == EventKind::StoppedOnError) {
+        const std::string words = event_text(snapshot_.events.back(), view_.lang, 0);
+        output_.add(text::printable(words + ": " + snapshot_.log_path) + "\n");
+    }
     output_.flush_within(kLastFlush);
 }
 

@@ -45,8 +45,12 @@ TEST(FullScreen, FollowsTheBoardAndTheWindowAndGivesTheTerminalBack) {
     EXPECT_TRUE(shows("23.4\u00A0Mbit/s"));
     EXPECT_TRUE(shows("ORVEX 0.4.448"));
 
+    board.push(EventKind::StoppedOnError);
     runner.stop();
-    terminal.feed(window.read_all());
+    const std::string end = window.read_all();
+    const size_t last_words = end.rfind("The agent");
+    EXPECT_EQ(end.substr(last_words), "The agent stopped on an error: /var/log/agent.log\r\n");
+    terminal.feed(end.substr(0, last_words));
     EXPECT_FALSE(terminal.alternate_screen());
     EXPECT_TRUE(terminal.cursor_visible());
     EXPECT_TRUE(terminal.wraps());
