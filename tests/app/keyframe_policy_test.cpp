@@ -7,8 +7,6 @@
 namespace ox {
 namespace {
 
-using std::chrono::milliseconds;
-
 TEST(KeyframeRequest, OneAlreadyUnderWayAnswersIt) {
     struct Case {
         float rtt_ms;
@@ -33,20 +31,6 @@ TEST(KeyframeRequest, OneAlreadyUnderWayAnswersIt) {
     SessionSignals fresh;
     request_keyframe(fresh, 10);
     EXPECT_TRUE(fresh.keyframe_requested);
-}
-
-TEST(KeyframePolicy, ForcesTheFirstAtOnceAndLaterOnesOnceASecond) {
-    KeyframePolicy policy;
-    const SteadyClock::time_point start{std::chrono::seconds(100)};
-    EXPECT_FALSE(policy.should_force(false, start));
-    EXPECT_TRUE(policy.should_force(true, start));
-    policy.keyframe_sent();
-    EXPECT_FALSE(policy.should_force(true, start + milliseconds(999)));
-    EXPECT_TRUE(policy.should_force(false, start + milliseconds(1000)));
-    EXPECT_FALSE(policy.should_force(true, start + milliseconds(1500)));
-    policy.keyframe_sent();  // of whatever origin, it settles what is pending
-    EXPECT_FALSE(policy.should_force(false, start + milliseconds(5000)));
-    EXPECT_EQ(policy.forced(), 2U);
 }
 
 }  // namespace

@@ -28,15 +28,5 @@ TEST(LiveEdge, AStallOfFiftyMillisecondsIsPlayedAndMoreIsDroppedUpToTheNewest) {
     }
 }
 
-TEST(LiveEdge, LiveSoundInPairsAndAGapInTheRecordingAreNoBacklog) {
-    LiveEdge edge;
-    SteadyClock::time_point now{};
-    for (const auto wait : {10, 10, 10, 10, 10, 10, 3000, 10, 10}) {
-        now += milliseconds(wait);
-        EXPECT_TRUE(edge.keep(kBuffer, milliseconds(wait), now));
-        EXPECT_TRUE(edge.keep(kBuffer, microseconds(3), now));
-    }
-}
-
 }  // namespace
 }  // namespace ox

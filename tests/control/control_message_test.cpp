@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <limits>
 #include <string>
 
 namespace ox {
@@ -38,16 +37,6 @@ TEST(ControlMessage, ReadsEachKind) {
         EXPECT_EQ(read(line), message) << line;
     }
     EXPECT_EQ(make_pong(-12345), R"({"ts":-12345,"type":"pong"})");
-}
-
-TEST(ControlMessage, StatsTakeAnyNumberAndStayFinite) {
-    const auto message = parse_control_line(
-        R"({"decoded_fps":1e300,"jitter_ms":-1e300,"rtt_ms":12,"type":"stats"})");
-    const auto& stats = std::get<ClientStats>(message);
-    EXPECT_EQ(stats.rtt_ms, 12.0f);
-    EXPECT_EQ(stats.packet_loss_pct, 0.0f);
-    EXPECT_EQ(stats.decoded_fps, std::numeric_limits<float>::max());
-    EXPECT_EQ(stats.jitter_ms, std::numeric_limits<float>::lowest());
 }
 
 }  // namespace

@@ -16,15 +16,6 @@ TEST(UdpDestination, PrivateAddresses) {
     }
 }
 
-TEST(UdpDestination, OverrideAtTheHandshake) {
-    EXPECT_EQ(judge_udp_override("", "8.8.8.8"), UdpOverride::none);
-    EXPECT_EQ(judge_udp_override("8.8.8.8", "8.8.8.8"), UdpOverride::same);
-    EXPECT_EQ(judge_udp_override("192.168.1.5", "8.8.8.8"), UdpOverride::overrides);
-    EXPECT_EQ(judge_udp_override("8.8.4.4", "8.8.8.8"), UdpOverride::ignored);
-    EXPECT_EQ(judge_udp_override("8.8.4.4", "192.168.1.5"), UdpOverride::ignored);
-    EXPECT_EQ(judge_udp_override("not an address", "8.8.8.8"), UdpOverride::ignored);
-}
-
 TEST(UdpDestination, ChoiceForTheMedia) {
     EXPECT_EQ(choose_udp_destination("", ""), UdpDestination::unknown);
     EXPECT_EQ(choose_udp_destination("", "8.8.8.8"), UdpDestination::tcp_remote);

@@ -120,38 +120,6 @@ TEST(FrameAssembler, NeverDeliversWrongBytes) {
     }
 }
 
-TEST(FrameAssembler, RefusesWhatNoAgentSends) {
-    using namespace packet_flags;
-    const Bytes full(kVideoPayloadBytes, 1);
-    const Bytes longer(kVideoPayloadBytes + 1, 1);
-    const struct {
-        const char* what;
-        PacketHeader header;
-        const Bytes& payload;
-    } cases[] = {
-        {"no packets", header(0, 0), full},
-        {"index at count", header(3, 3), full},
-        {"short packet inside", header(0, 2), Bytes(500, 1)},
-        {"empty last packet", header(1, 2), {}},
-        {"long last packet", header(1, 2), longer},
-        {"parity among the data", header(1, 3, FEC_PACKET), full},
-        {"parity of a group that is not there", header(5, 3, FEC_PACKET), full},
-        {"256th parity packet", header(3000 + 255, 3000, FEC_PACKET), full},
-        {"short parity", header(3, 3, FEC_PACKET), Bytes(500, 1)},
-        {"audio bit", header(0, 1, AUDIO), full},
-        {"other stream", {.stream = kStreamAudio, .count = 1}, full},
-    };
-    FrameAssembler assembler;
-    for (const auto& c : cases)
-        EXPECT_EQ(assembler.push(c.header, c.payload, 1), PacketVerdict::Malformed) << c.what;
-    EXPECT_EQ(assembler.pending_frames(), 0U);
-
-    // Packets of one frame that contradict each other: the first word counts.
-    EXPECT_EQ(assembler.push(header(0, 3), full, 1), PacketVerdict::Data);
-    EXPECT_EQ(assembler.push(header(1, 4), full, 1), PacketVerdict::Malformed);
-    EXPECT_EQ(assembler.push(header(1, 3, KEYFRAME), full, 1), PacketVerdict::Malformed);
-}
-
 TEST(FrameAssembler, StaysWithinItsMemoryWhateverComes) {
     std::mt19937 random(3);
     const FrameAssembler::Limits limits{.pending_frames = 16, .pending_bytes = 4'000'000};

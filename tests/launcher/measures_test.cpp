@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "launcher/frame_stamp.h"
-#include "launcher/jitter_meter.h"
 #include "launcher/latency_histogram.h"
 #include "launcher/tone_meter.h"
 
@@ -35,17 +34,6 @@ TEST(LatencyHistogram, PercentilesAreWithinABucketOfTheSortedSamples) {
             EXPECT_LE(got, exact + exact / 128 + 1) << percent << " of " << limit;
         }
     }
-}
-
-TEST(JitterMeter, MeasuresSpacingWhateverTheClocks) {
-    JitterMeter even;
-    JitterMeter uneven;
-    for (uint64_t n = 0; n < 500; ++n) {
-        even.add(n * 16'667, UINT64_MAX - 1'000'000 + n * 16'667);  // arrivals wrap on the way
-        uneven.add(n * 16'667, 5'000'000 + n * 16'667 + n % 2 * 3'000);
-    }
-    EXPECT_EQ(even.jitter_ms(), 0.0);
-    EXPECT_NEAR(uneven.jitter_ms(), 3.0, 0.001);
 }
 
 std::vector<int16_t> tone(double hertz, double amplitude, size_t pairs) {

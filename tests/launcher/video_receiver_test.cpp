@@ -134,25 +134,5 @@ TEST(VideoReceiver, TellsWhichFramesAreMissing) {
     EXPECT_FALSE(early->lost);
 }
 
-TEST(VideoReceiver, CountsWhatItCannotOpenAndNothingElseHappens) {
-    Fixture f;
-    auto datagrams = seal_frame(0, true);
-    for (size_t i = 0; i < datagrams[0].size(); i += 97) {
-        Datagram flipped = datagrams[0];
-        flipped[i] ^= 1;
-        f.receiver.on_datagram(flipped, f.now);
-    }
-    const size_t flips = (datagrams[0].size() + 96) / 97;
-    f.receiver.on_datagram({}, f.now);
-    f.receiver.on_datagram(std::span(datagrams[0]).first(37), f.now);
-    f.receiver.on_datagram(Datagram(1500, 0), f.now);
-    EXPECT_EQ(f.receiver.stats().undecryptable, flips + 3);
-    EXPECT_EQ(f.receiver.stats().packets, 0U);
-    // A lone packet comes twice; the second copy changes nothing.
-    f.feed(seal_frame(0, true, 40));
-    EXPECT_EQ(f.receiver.stats().duplicates, 1U);
-    EXPECT_EQ(f.passed.size(), 1U);
-}
-
 }  // namespace
 }  // namespace ox::launcher

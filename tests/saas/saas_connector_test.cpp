@@ -216,23 +216,6 @@ TEST_F(SaasConnectorTest, NeverWaitsLongForAStalledBackend) {
     EXPECT_EQ(log_.count("ERROR", "SaasConnector: WS frame 1048577B exceeds limit — closing"), 1);
 }
 
-TEST_F(SaasConnectorTest, GivesUpOnABackendThatNeverReads) {
-    ConnectorTiming timing = quick();
-    timing.transport.write = milliseconds(50);
-    test::RawBackend deaf_backend(kSmallBuffer);
-    SaasConnector connector(config(deaf_backend.port()), timing);
-    connector.start();
-    RawPeer deaf = deaf_backend.accept();
-    deaf.accept_upgrade();
-    EXPECT_TRUE(deaf.read_frame());
-    queue_more_than_the_socket_holds(connector);
-    RawPeer next = deaf_backend.accept();
-    next.accept_upgrade();
-    EXPECT_TRUE(next.read_frame());
-    EXPECT_EQ(log_.count("WARN", "SaasConnector: the backend takes no data for 50 ms - closing"),
-              1);
-}
-
 TEST_F(SaasConnectorTest, StopsSoonInEveryState) {
     const auto stop_takes = [](SaasConnector& connector) {
         const auto start = SteadyClock::now();

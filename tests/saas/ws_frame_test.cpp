@@ -104,14 +104,6 @@ TEST(WsFrame, OneMebibyteIsTheLimitOfAFrameAndOfAMessage) {
     EXPECT_EQ(log.count("ERROR", "SaasConnector: fragmented message exceeds limit"), 1);
 }
 
-TEST(WsUpgrade, RequestIsExact) {
-    EXPECT_EQ(ws_build_handshake("host", "KEY", "tok\r\nen"),
-              "GET /agent/connect HTTP/1.1\r\nHost: host\r\nUpgrade: websocket\r\n"
-              "Connection: Upgrade\r\nSec-WebSocket-Key: KEY\r\nSec-WebSocket-Version: 13\r\n"
-              "agent-token: token\r\n\r\n");
-    EXPECT_NE(make_ws_key(), make_ws_key());
-}
-
 TEST(WsUpgrade, JudgesTheAnswer) {
     using State = UpgradeResponse::State;
     struct Row {

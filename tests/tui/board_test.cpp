@@ -7,18 +7,6 @@
 namespace ox::tui {
 namespace {
 
-TEST(Board, KeepsTheEightNewestEventsOldestFirst) {
-    Board board;
-    for (int64_t i = 0; i < 10; ++i)
-        board.push(EventKind::PlayerDropped, i);
-    const Snapshot state = board.snapshot();
-    ASSERT_EQ(state.events.size(), 8U);
-    EXPECT_EQ(state.events_total, 10U);
-    for (size_t i = 0; i < 8; ++i) {
-        EXPECT_EQ(state.events[i].value, static_cast<int64_t>(i) + 2);
-    }
-}
-
 TEST(Board, SessionEndTellsHowItWent) {
     struct Case {
         SessionState state;

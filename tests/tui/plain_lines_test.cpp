@@ -89,31 +89,6 @@ TEST(PlainLines, SessionOfAStandaloneAgent) {
                             "now Streaming to 10.0.0.5: H.264 1920x1080, 60 fps, x264"));
 }
 
-TEST(PlainLines, AlertsComeWithTheirRemedyAndGo) {
-    Story story(Lang::English, Host::NoDesktopSession);
-    story.next();
-    story.board().raise(Alert::CaptureFailed, 0);
-    story.board().raise(Alert::PortBusy, 48001);
-    EXPECT_THAT(story.next(),
-                ElementsAre("14:03 ! Can't capture the screen. Log in to the desktop session and "
-                            "restart the agent.",
-                            "14:03 ! Port 48001 is taken by another program. Close it or change "
-                            "PORT_BASE in start-agent."));
-    story.board().raise(Alert::PortBusy, 48001);
-    EXPECT_THAT(story.next(), IsEmpty());
-    story.board().raise(Alert::PortBusy, 48002);
-    EXPECT_THAT(story.next(),
-                ElementsAre("now ! Port 48002 is taken by another program. Close it or "
-                            "change PORT_BASE in start-agent."));
-    story.board().clear(Alert::PortBusy);
-    story.board().raise(Alert::SecondAgent, 0);
-    story.board().clear(Alert::SecondAgent);
-    EXPECT_THAT(story.next(),
-                ElementsAre("14:03 ! A second agent runs with this token. Keep only one.",
-                            "now Resolved: Port 48002 is busy",
-                            "now Resolved: A second agent with this token"));
-}
-
 TEST(PlainLines, ForeignTextCannotBreakALine) {
     Story story(Lang::English);
     const auto lines = story.after([&](Snapshot& s) {

@@ -33,27 +33,5 @@ TEST(PixelUnpacker, StretchesEveryChannelToAByte) {
     }
 }
 
-TEST(PixelUnpacker, ReadsRowsInEitherByteOrder) {
-    const uint8_t bytes[] = {0x00, 0xF8, 0x1F, 0x00, 0x11, 0x22, 0x33, 0x44};
-    const struct {
-        PixelLayout layout;
-        std::vector<uint32_t> pixels;
-    } cases[] = {
-        {{16, false, 0xF800, 0x07E0, 0x001F}, {0xFFFF0000, 0xFF0000FF, 0xFF20408B, 0xFF41859C}},
-        {{16, true, 0xF800, 0x07E0, 0x001F}, {0xFF001CC5, 0xFF18E200, 0xFF102410, 0xFF316920}},
-        {{32, false, 0xFF, 0xFF00, 0xFF0000}, {0xFF00F81F, 0xFF112233}},
-        {{32, true, 0xFF0000, 0xFF00, 0xFF}, {0xFFF81F00, 0xFF223344}},
-    };
-    for (const auto& [layout, pixels] : cases) {
-        const PixelUnpacker unpacker(layout);
-        ASSERT_TRUE(unpacker.reads_rows());
-        std::vector<uint32_t> out(pixels.size());
-        unpacker.unpack_row(bytes, static_cast<uint32_t>(out.size()),
-                            reinterpret_cast<uint8_t*>(out.data()));
-        EXPECT_EQ(out, pixels) << layout.bits_per_pixel << (layout.msb_first ? " msb" : " lsb");
-    }
-    EXPECT_FALSE(PixelUnpacker(PixelLayout{24, false, 0xFF0000, 0xFF00, 0xFF}).reads_rows());
-}
-
 }  // namespace
 }  // namespace ox

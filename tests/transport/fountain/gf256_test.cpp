@@ -8,27 +8,6 @@
 namespace ox::fountain {
 namespace {
 
-// Multiplication of polynomials over GF(2), reduced bit by bit.
-uint8_t slow_product(unsigned a, unsigned b) {
-    unsigned product = 0;
-    for (unsigned bit = 0; bit < 8; ++bit)
-        product ^= (b >> bit & 1U) * (a << bit);
-    for (unsigned bit = 15; bit >= 8; --bit)
-        product ^= (product >> bit & 1U) * (0x14DU << (bit - 8));
-    return static_cast<uint8_t>(product);
-}
-
-TEST(Gf256, MultipliesAndDividesAsPolynomials) {
-    for (unsigned i = 0; i < 65536; ++i) {
-        const auto a = static_cast<uint8_t>(i);
-        const auto b = static_cast<uint8_t>(i >> 8U);
-        ASSERT_EQ(gf256_mul(a, b), slow_product(a, b)) << +a << " * " << +b;
-        if (b == 0) continue;
-        ASSERT_EQ(gf256_div(gf256_mul(a, b), b), a);
-        ASSERT_EQ(gf256_mul(b, gf256_inv(b)), 1);
-    }
-}
-
 class Gf256KernelTest : public testing::TestWithParam<Gf256Path> {};
 
 // Every length up to several vectors, at every alignment, and the bytes behind stay untouched.
