@@ -5,6 +5,7 @@
 #include <iterator>
 #include <map>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include "tui/layout_sections.h"
@@ -143,7 +144,8 @@ class Parts {
         return once(links_, 0, [&] { return std::vector<Line>{link_line(board_, view_, width_)}; });
     }
     const std::vector<Line>& card(const CardPlan& plan) {
-        return once(cards_, plan, [&] { return session_card(board_, view_, width_, plan); });
+        const CardKey key(plan.box, plan.padded, plan.airy, plan.graph_rows, plan.details);
+        return once(cards_, key, [&] { return session_card(board_, view_, width_, plan); });
     }
     const std::vector<Line>& alerts(AlertDetail detail, bool airy) {
         const bool apart = airy && detail == AlertDetail::TitleAndText;
@@ -154,12 +156,14 @@ class Parts {
         return once(events_, count, [&] { return event_lines(board_, view_, width_, count); });
     }
 
+    using CardKey = std::tuple<bool, bool, bool, int, bool>;
+
     const Snapshot& board_;
     const View& view_;
     int width_;
     std::map<bool, std::vector<Line>> headers_;
     std::map<int, std::vector<Line>> links_;
-    std::map<CardPlan, std::vector<Line>> cards_;
+    std::map<CardKey, std::vector<Line>> cards_;
     std::map<std::pair<AlertDetail, bool>, std::vector<Line>> alerts_;
     std::map<size_t, std::vector<Line>> events_;
 };

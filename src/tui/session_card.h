@@ -1,6 +1,5 @@
 #pragma once
 
-#include <compare>
 #include <vector>
 
 #include "tui/layout.h"
@@ -14,8 +13,6 @@ struct CardPlan {
     bool airy = true;    ///< with empty lines between the groups
     int graph_rows = 1;  ///< height of the bit rate's graph; 0: all figures side by side, no graphs
     bool details = true;  ///< more than the headline
-
-    auto operator<=>(const CardPlan&) const = default;
 };
 
 /// The session in `width` columns: headline, picture format, figures with their recent history; or
