@@ -27,7 +27,7 @@ bool is_plausible(const PacketHeader& header, std::span<const uint8_t> payload) 
     return header.count == kDataFrames && header.frame_id % kDataFrames == 0 &&
            audioparity::parse_shard(payload.data(), payload.size(), shard) ==
                audioparity::Guard::kOk &&
-           shard.repair_index == header.index;
+           shard.repair_index == header.index && std::ranges::count(shard.orig_len, 0) == 0;
 }
 
 }  // namespace

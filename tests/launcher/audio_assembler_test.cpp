@@ -172,6 +172,7 @@ TEST(AudioAssembler, RefusesWhatNoAgentSends) {
         {4, [](Sent& p) { p.header.frame_id = 2; }},  // no block begins there
         {4, [](Sent& p) { p.payload[4] = 1; }},       // says it is the other one
         {4, [](Sent& p) { p.payload.pop_back(); }},
+        {4, [](Sent& p) { p.payload[8] = 0; }},   // an empty frame
         {5, [](Sent& p) { p.payload[8] ^= 1; }},  // other lengths than the block's first says
     };
     for (const auto& [index, change] : cases) {
