@@ -36,7 +36,11 @@ bool PortalCapture::init() {
     auto share = std::make_unique<Share>(config_);
     std::string error;
     if (!share->bus.open(config_.bus_address, error)) {
-        OX_ERROR("PortalCapture: no session bus: %s", error.c_str());
+        if (cancelled()) {
+            OX_INFO("PortalCapture: connecting to the session bus cancelled");
+        } else {
+            OX_ERROR("PortalCapture: no session bus: %s", error.c_str());
+        }
         return false;
     }
     auto screen = share->screen_cast.share_monitor();
@@ -49,7 +53,6 @@ bool PortalCapture::init() {
 }
 
 bool PortalCapture::wait_for_first_frame(const Share& share, bool by_token) const {
-    const auto cancelled = [&] { return config_.cancelled && config_.cancelled(); };
     const auto deadline = SteadyClock::now() + config_.limits.first_frame(by_token);
     if (share.pictures.wait_for_first(deadline,
                                       [&] { return share.stream.over() || cancelled(); })) {

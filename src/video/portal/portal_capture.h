@@ -44,6 +44,7 @@ class PortalCapture final : public ICapture {
   private:
     struct Share;
 
+    [[nodiscard]] bool cancelled() const { return config_.cancelled && config_.cancelled(); }
     bool wait_for_first_frame(const Share& share, bool by_token) const;
 
     Config config_;

@@ -12,6 +12,7 @@
 #include "support/log_capture.h"
 #include "support/pipewire_source.h"
 #include "support/screen_pictures.h"
+#include "support/unix_socket.h"
 #include "support/wayland_desktop.h"
 
 namespace ox::test {
@@ -363,29 +364,39 @@ TEST_F(Portal, WhenTheScreenGoesItsLastPictureStaysAndNothingElseIsShown) {
 
 TEST_F(Portal, CancellingEndsEveryWait) {
     PipewireSource source(desktop_->pipewire_socket(), moving_pictures(320, 180), {.bgrx = false});
-    for (const char* behaviour : {"mute=CreateSession", "silent=Start", "no frame"}) {
+    const UniqueFd silent_bus = listen_unix(dir_.file("silent"));
+    struct Case {
+        const char* behaviour;
+        const char* last_call;
+        size_t dialogs;
+    };
+    for (const auto& [behaviour, last_call, dialogs] :
+         {Case{"silent bus", "ready", 0}, Case{"mute=CreateSession", "CreateSession", 1},
+          Case{"silent=Start", "Start", 1}, Case{"no frame", "OpenPipeWireRemote", 0}}) {
         SCOPED_TRACE(behaviour);
         start_portal(source.node(), {behaviour});
         std::atomic<bool> cancelled{false};
         std::atomic<bool> ended{false};
+        std::atomic<bool> asked{false};
         auto with = config();
-        with.cancelled = [&] { return cancelled.load(); };
+        with.cancelled = [&] {
+            asked = true;
+            return cancelled.load();
+        };
+        if (std::string(last_call) == "ready") {
+            with.bus_address = "unix:path=" + dir_.file("silent");
+        }
         const LogCapture log;
         PortalCapture capture(with);
         std::jthread owner([&] {
             EXPECT_FALSE(capture.init());
             ended = true;
         });
-        const std::string reached =
-            behaviour == std::string("mute=CreateSession")
-                ? "CreateSession"
-                : (behaviour == std::string("silent=Start") ? "Start" : "OpenPipeWireRemote");
-        EXPECT_TRUE(
-            eventually([&] { return desktop_->portal_report().count(reached) == 1; }, kPatience));
+        EXPECT_TRUE(eventually(
+            [&] { return asked && desktop_->portal_report().count(last_call) == 1; }, kPatience));
         EXPECT_FALSE(ended);
         cancelled = true;
         EXPECT_TRUE(eventually([&] { return ended.load(); }, 2s));
-        const size_t dialogs = behaviour == std::string("no frame") ? 0 : 1;
         EXPECT_TRUE(eventually(
             [&] { return desktop_->portal_report().count("Close Request") == dialogs; }));
         EXPECT_EQ(log.text().find("[ERROR]"), std::string::npos) << log.text();
