@@ -169,25 +169,6 @@ TEST_F(Wayland, ACompositorThatDiesLeavesTheLastPictureAndTheSessionAlive) {
     agent.expect_prompt_stop();
 }
 
-TEST_F(Wayland, TheStreamFollowsAMonitorThatChangesItsSize) {
-    std::atomic<bool> resized{false};
-    PipewireSource screen(
-        desktop_->pipewire_socket(),
-        std::make_unique<ResizedPictures>(moving_pictures(320, 200),
-                                          moving_pictures(kWidth, kHeight), resized));
-    start_portal(screen.node());
-    Agent agent(setup("portal"));
-    Player player(agent, kLauncher);
-    ASSERT_TRUE(player.receive_frames(10));
-    resized = true;
-    ASSERT_TRUE(agent.wait_for_log("VideoEncoder: swscale BGRA 640x352 → yuv420p 640x352"));
-    ASSERT_TRUE(player.receive_frames(10));  // what was on its way
-    Watcher watcher(player);
-    EXPECT_TRUE(player.receive_until([&] { return watcher.different() >= 20; }, 3 * kPatience));
-    watcher.expect_faithful();
-    agent.expect_prompt_stop();
-}
-
 TEST_F(Wayland, WithoutItsApprovalTheNextBestPictureIsStreamed) {
     struct Case {
         const char* behaviour;  // null: no portal at all

@@ -94,11 +94,5 @@ TEST(LatestPicture, BuffersAreUsedAgain) {
     EXPECT_LE(seen.size(), 3U);
 }
 
-TEST(LatestPicture, TheWaitForTheFirstEndsWithItsDeadlineOrWhenGivenUp) {
-    const LatestPicture pictures;
-    EXPECT_FALSE(pictures.wait_for_first(SteadyClock::now() + 10ms, [] { return false; }));
-    EXPECT_FALSE(pictures.wait_for_first(SteadyClock::now() + 1h, [] { return true; }));
-}
-
 }  // namespace
 }  // namespace ox::test

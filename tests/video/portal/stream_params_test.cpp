@@ -2,68 +2,12 @@
 
 #include <gtest/gtest.h>
 #include <spa/buffer/buffer.h>
-#include <spa/param/param.h>
-#include <spa/param/video/format-utils.h>
-#include <spa/pod/builder.h>
-#include <spa/pod/filter.h>
 
 #include <limits>
 #include <vector>
 
 namespace ox::portal {
 namespace {
-
-const spa_pod* source_format(ParamMemory& memory, uint32_t format, spa_rectangle size,
-                             spa_fraction rate) {
-    spa_pod_builder builder{};
-    spa_pod_builder_init(&builder, memory.data(), static_cast<uint32_t>(memory.size()));
-    spa_pod_frame object{};
-    spa_pod_builder_push_object(&builder, &object, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat);
-    spa_pod_builder_add(&builder, SPA_FORMAT_mediaType, SPA_POD_Id(SPA_MEDIA_TYPE_video),
-                        SPA_FORMAT_mediaSubtype, SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw),
-                        SPA_FORMAT_VIDEO_format, SPA_POD_Id(format), SPA_FORMAT_VIDEO_size,
-                        SPA_POD_Rectangle(&size), SPA_FORMAT_VIDEO_framerate,
-                        SPA_POD_Fraction(&rate), 0);
-    return static_cast<const spa_pod*>(spa_pod_builder_pop(&builder, &object));
-}
-
-TEST(StreamParams, TheOfferMeetsWhatDesktopsHaveAndTheAgreedSizeIsRead) {
-    const struct {
-        uint32_t format;
-        spa_rectangle size;
-        spa_fraction rate;
-        bool agrees;
-    } cases[] = {
-        {SPA_VIDEO_FORMAT_BGRx, {1920, 1080}, {0, 1}, true},
-        {SPA_VIDEO_FORMAT_BGRx, {1, 1}, {30, 1}, true},
-        {SPA_VIDEO_FORMAT_BGRx, {16384, 16384}, {60000, 1001}, true},
-        {SPA_VIDEO_FORMAT_BGRx, {5120, 1440}, {240, 1}, true},
-        {SPA_VIDEO_FORMAT_BGRx, {16385, 16385}, {0, 1}, false},
-        {SPA_VIDEO_FORMAT_RGBx, {1920, 1080}, {0, 1}, false},
-    };
-    for (const auto& [format, size, rate, agrees] : cases) {
-        ParamMemory ours;
-        ParamMemory theirs;
-        ParamMemory both;
-        spa_pod_builder builder{};
-        spa_pod_builder_init(&builder, both.data(), static_cast<uint32_t>(both.size()));
-        spa_pod* agreed = nullptr;
-        const int result = spa_pod_filter(&builder, &agreed, offered_format(ours),
-                                          source_format(theirs, format, size, rate));
-        ASSERT_EQ(result >= 0, agrees) << size.width << " at " << rate.num;
-        if (!agrees) continue;
-        spa_pod_fixate(agreed);
-        const auto read = agreed_size(*agreed);
-        ASSERT_TRUE(read.has_value());
-        EXPECT_EQ(read->width, size.width);
-        EXPECT_EQ(read->height, size.height);
-    }
-    ParamMemory memory;
-    EXPECT_FALSE(agreed_size(*wanted_buffers(memory)));
-    EXPECT_FALSE(agreed_size(*source_format(memory, SPA_VIDEO_FORMAT_RGBx, {8, 8}, {0, 1})));
-    EXPECT_FALSE(agreed_size(*source_format(memory, SPA_VIDEO_FORMAT_BGRx, {0, 8}, {0, 1})));
-    EXPECT_FALSE(agreed_size(*source_format(memory, SPA_VIDEO_FORMAT_BGRx, {16385, 8}, {0, 1})));
-}
 
 TEST(StreamParams, APictureIsTakenOnlyWhereItLiesWholeInTheMemory) {
     constexpr PictureSize kSize{10, 4};  // rows of 40 bytes
