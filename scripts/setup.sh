@@ -21,7 +21,7 @@ build_packages=(
 )
 test_packages=(
   clang-format clang-tidy shellcheck
-  dbus-daemon iproute2 openssl pipewire pulseaudio pulseaudio-utils python3 python3-dbus python3-gi
+  dbus-daemon openssl pipewire pulseaudio pulseaudio-utils python3 python3-dbus python3-gi
   python3-websockets sway wireplumber xauth xdg-desktop-portal xdg-desktop-portal-wlr xvfb
 )
 bench_packages=(

@@ -70,11 +70,6 @@ TEST(Options, LaterArgumentsWinAndNumbersAreReadLeniently) {
     EXPECT_EQ(o.reconnect_grace_s, 0U);
     EXPECT_EQ(o.encoder, EncoderBackend::Software);
     EXPECT_EQ(o.codec, VideoCodec::H264);
-    for (const char* text : {"1", "on", "True", "yes", "Enabled"})
-        EXPECT_TRUE(parse_media_rfi_switch(text)) << text;
-    for (const char* text : {"", "0", "2", "off", "enabled ", "11"})
-        EXPECT_FALSE(parse_media_rfi_switch(text)) << text;
-    EXPECT_FALSE(parse_media_rfi_switch(nullptr));
 }
 
 TEST(Options, UnusableCommandLinesNameTheirFault) {
