@@ -6,6 +6,7 @@
 #include "audio/audio_headers.h"
 #include "base/clock.h"
 #include "base/sleep.h"
+#include "base/thread_priority.h"
 #include "log/log.h"
 #include "transport/udp_sender.h"
 
@@ -90,6 +91,7 @@ void AudioStream::stop() {
 
 void AudioStream::loop(const std::stop_token& stop) {
     use_minimal_timer_slack();
+    OX_DEBUG("AudioStream: %s thread priority", to_text(ask_for_priority()));
     last_report_ = SteadyClock::now();
     reported_frames_ = capture_.frames_read();
     reported_audible_ = capture_.audible_frames();

@@ -13,6 +13,7 @@
 #include <system_error>
 #include <utility>
 
+#include "base/thread_priority.h"
 #include "input/input_datagram.h"
 #include "input/key_map.h"
 #include "log/log.h"
@@ -104,6 +105,7 @@ bool InputReceiver::run(uint16_t port) {
 }
 
 void InputReceiver::recv_loop() {
+    OX_DEBUG("InputReceiver: %s thread priority", to_text(ask_for_priority()));
     std::array<uint8_t, 256> buffer;  // NOLINT: filled by recv
     while (running_) {
         pollfd entry{.fd = socket_.get(), .events = POLLIN, .revents = 0};
