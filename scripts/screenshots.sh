@@ -29,7 +29,13 @@ mkdir -p "$out"
 
 scratch=$(mktemp -d)
 server='' terminal=''
+# Ends what is shown; tmux and the terminal around it then end by themselves.
+stop_gallery() {
+  [ ! -s "$scratch/gallery" ] || kill "$(cat "$scratch/gallery")" 2>/dev/null || true
+  rm -f "$scratch/gallery"
+}
 cleanup() {
+  stop_gallery
   [ -z "$terminal" ] || kill "$terminal" 2>/dev/null || true
   [ -z "$server" ] || kill "$server" 2>/dev/null || true
   rm -rf "$scratch"
@@ -55,11 +61,15 @@ picture() {
     light) colours=(-bg white -fg '#1c2026') ;;
     linux) depth='' term=linux ;;
   esac
-  inner="env TERM=$term COLORTERM=$depth OX_LANG=$3 $gallery $1"
+  [ "$4" = tmux ] && term=tmux-256color
+  cat >"$scratch/show" <<EOF
+echo \$\$ >$scratch/gallery
+exec env TERM=$term COLORTERM=$depth OX_LANG=$3 $gallery $1 60
+EOF
+  inner="sh $scratch/show"
   if [ "$4" = tmux ]; then
     printf '%s\n' 'set -g status off' 'set -ga terminal-overrides ",*:Tc"' >"$scratch/tmux.conf"
-    inner="tmux -S $scratch/tmux -f $scratch/tmux.conf new-session \
-      'env COLORTERM=truecolor OX_LANG=$3 $gallery $1'"
+    inner="tmux -S $scratch/tmux -f $scratch/tmux.conf new-session 'sh $scratch/show'"
   fi
   rm -f "$scratch/window"
   LC_ALL=C.UTF-8 xterm -u8 -fa 'DejaVu Sans Mono' -fs 12 -b 8 -bw 0 +sb -geometry "$2+0+0" \
@@ -71,7 +81,7 @@ picture() {
   done
   sleep 1.5  # until it is drawn; nothing tells
   import -window "$(cat "$scratch/window")" -strip "$out/$name.png"
-  kill "$terminal"
+  stop_gallery
   wait "$terminal" 2>/dev/null || true
   terminal=''
 }
