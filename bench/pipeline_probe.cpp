@@ -3,8 +3,10 @@
 //
 //   pipeline_probe agent PORT-BASE WxH FPS KBPS WARM-UP-S WINDOW-S COMMAND...
 //   pipeline_probe rtp   PORT      WxH FPS KBPS WARM-UP-S WINDOW-S COMMAND...
+//   pipeline_probe srtp  PORT      WxH FPS KBPS WARM-UP-S WINDOW-S COMMAND...
 //
-// The agent's session token comes from ORVEX_TOKEN. Prints one line of name=value pairs.
+// The agent's session token comes from ORVEX_TOKEN, the key of srtp from SRTP_KEY (hex). Prints one
+// line of name=value pairs.
 
 #include <signal.h>
 #include <unistd.h>
@@ -31,6 +33,7 @@
 #include "launcher/video_decoder.h"
 #include "launcher/video_receiver.h"
 #include "rtp_h264.h"
+#include "srtp_opener.h"
 #include "support/child_process.h"
 #include "time_strip.h"
 
@@ -38,7 +41,7 @@ namespace ox::bench {
 namespace {
 
 struct Plan {
-    bool agent = false;
+    std::string kind;  ///< agent, rtp, srtp
     uint16_t port = 0;
     int width = 0;
     int height = 0;
@@ -69,10 +72,15 @@ void open_socket(launcher::MediaSocket& socket, uint16_t port) {
 
 class RtpSource final : public Source {
   public:
-    explicit RtpSource(uint16_t port) { open_socket(socket_, port); }
+    /// With a key (hex) the packets are SRTP's.
+    explicit RtpSource(uint16_t port, const std::optional<std::string>& key) {
+        open_socket(socket_, port);
+        if (key) opener_.emplace(*key);
+    }
     void start() override {}
     void receive(const Sink& sink) override {
         socket_.receive(kPoll, [&](std::span<const uint8_t> datagram) {
+            if (opener_) datagram = opener_->open(datagram);
             if (auto unit = units_.push(datagram)) {
                 launcher::AssembledFrame frame;
                 frame.data = std::move(*unit);
@@ -84,6 +92,7 @@ class RtpSource final : public Source {
 
   private:
     launcher::MediaSocket socket_;
+    std::optional<SrtpOpener> opener_;
     RtpH264 units_;
 };
 
@@ -198,13 +207,18 @@ class Measurement {
     uint64_t unreadable_ = 0;
 };
 
-int run(const Plan& plan) {
-    std::unique_ptr<Source> source;
-    if (plan.agent) {
-        source = std::make_unique<AgentSource>(plan);
-    } else {
-        source = std::make_unique<RtpSource>(plan.port);
+std::unique_ptr<Source> make_source(const Plan& plan) {
+    if (plan.kind == "agent") return std::make_unique<AgentSource>(plan);
+    std::optional<std::string> key;
+    if (plan.kind == "srtp") {
+        const char* text = std::getenv("SRTP_KEY");
+        key = text != nullptr ? text : "";
     }
+    return std::make_unique<RtpSource>(plan.port, key);
+}
+
+int run(const Plan& plan) {
+    const std::unique_ptr<Source> source = make_source(plan);
     launcher::VideoDecoder decoder;
     std::string error;
     if (!decoder.open(launcher::Codec::H264, error)) throw std::runtime_error(error);
@@ -251,12 +265,12 @@ int run(const Plan& plan) {
 int main(int argc, char** argv) {
     if (argc < 9) {
         std::fprintf(stderr,
-                     "usage: %s agent|rtp PORT WxH FPS KBPS WARM-UP-S WINDOW-S COMMAND...\n",
+                     "usage: %s agent|rtp|srtp PORT WxH FPS KBPS WARM-UP-S WINDOW-S COMMAND...\n",
                      argv[0]);
         return 2;
     }
     ox::bench::Plan plan;
-    plan.agent = std::string(argv[1]) == "agent";
+    plan.kind = argv[1];
     plan.port = static_cast<uint16_t>(std::atoi(argv[2]));
     if (std::sscanf(argv[3], "%dx%d", &plan.width, &plan.height) != 2) return 2;
     plan.fps = std::atoi(argv[4]);

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -165,13 +166,14 @@ class Painter {
 
 int main(int argc, char** argv) {
     if (argc < 2) {
-        std::fprintf(stderr, "usage: %s DISPLAY [FPS [STRIPS-PER-SECOND]]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s DISPLAY [FPS [STRIPS-PER-SECOND]]   FPS 0: a still scene\n",
+                     argv[0]);
         return 2;
     }
     const double fps = argc > 2 ? std::atof(argv[2]) : 60.0;
     const double strips = argc > 3 ? std::atof(argv[3]) : 400.0;
-    if (!(fps >= 1.0) || !(strips >= fps)) {
-        std::fprintf(stderr, "%s: rates must be 1 <= FPS <= STRIPS-PER-SECOND\n", argv[0]);
+    if (!(fps >= 0.0) || !(strips >= std::max(fps, 1.0))) {
+        std::fprintf(stderr, "%s: rates must be 0 <= FPS <= STRIPS-PER-SECOND\n", argv[0]);
         return 2;
     }
     const std::unique_ptr<Display, DisplayCloser> display(XOpenDisplay(argv[1]));
@@ -192,7 +194,8 @@ int main(int argc, char** argv) {
         const double now = Seconds(ox::SteadyClock::now() - start).count();
         if (now >= next_scene) {
             painter.paint_scene(now);
-            next_scene = std::max(next_scene + 1.0 / fps, now);
+            next_scene = fps > 0.0 ? std::max(next_scene + 1.0 / fps, now)
+                                   : std::numeric_limits<double>::infinity();
         }
         painter.paint_strip();
         tick = std::max(

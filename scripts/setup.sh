@@ -25,8 +25,8 @@ test_packages=(
   python3-websockets sway wireplumber xauth xdg-desktop-portal xdg-desktop-portal-wlr xvfb
 )
 bench_packages=(
-  ffmpeg gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly
-  gstreamer1.0-tools gstreamer1.0-x libisal-dev xvfb
+  ffmpeg gstreamer1.0-plugins-bad gstreamer1.0-plugins-base gstreamer1.0-plugins-good
+  gstreamer1.0-plugins-ugly gstreamer1.0-tools gstreamer1.0-x libisal-dev libsrtp2-dev xvfb
 )
 
 fuzz_packages=(clang libclang-rt-dev)
