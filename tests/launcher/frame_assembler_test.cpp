@@ -34,14 +34,6 @@ PacketVerdict push(FrameAssembler& assembler, const OutgoingPacket& packet, uint
     return assembler.push(packet.header, packet.payload.bytes(), now);
 }
 
-PacketHeader header(uint16_t index, uint16_t count, uint8_t flags = 0, uint32_t frame_id = 7) {
-    return {.stream = kStreamVideo,
-            .frame_id = frame_id,
-            .index = index,
-            .count = count,
-            .flags = flags};
-}
-
 TEST(FrameAssembler, RebuildsAnySingleLossOfEachGroup) {
     std::mt19937 random(1);
     for (const size_t size :
@@ -118,29 +110,6 @@ TEST(FrameAssembler, NeverDeliversWrongBytes) {
         }
         EXPECT_GT(delivered, kFrames / 8U) << "seed " << seed;
     }
-}
-
-TEST(FrameAssembler, StaysWithinItsMemoryWhateverComes) {
-    std::mt19937 random(3);
-    const FrameAssembler::Limits limits{.pending_frames = 16, .pending_bytes = 4'000'000};
-    FrameAssembler assembler(limits);
-    const Bytes full(kVideoPayloadBytes, 1);
-    for (int i = 0; i < 5000; ++i) {
-        PacketHeader h =
-            header(static_cast<uint16_t>(random() % 800), 0, static_cast<uint8_t>(random() % 4),
-                   static_cast<uint32_t>(random()));
-        h.count = static_cast<uint16_t>(random() % 800);
-        assembler.push(h, full, static_cast<uint64_t>(i));
-        ASSERT_LE(assembler.pending_frames(), limits.pending_frames);
-        ASSERT_LE(assembler.pending_bytes(), limits.pending_bytes);
-        while (assembler.pop()) {
-        }
-    }
-    // The largest frame that a header can announce, of which only the end comes.
-    FrameAssembler roomy;
-    for (uint32_t id = 0; id < 4; ++id)
-        roomy.push(header(65534, 65535, 0, id), full, 1);
-    EXPECT_LE(roomy.pending_bytes(), 96U * 1024 * 1024);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <set>
 #include <sstream>
 
-#include "input/key_map.h"
 #include "launcher/input_script.h"
 #include "launcher/input_sealer.h"
 
@@ -46,26 +45,6 @@ TEST(InputScript, BecomesTimedPackets) {
     };
     for (const auto& [script, expected] : cases)
         EXPECT_EQ(steps_of(script), expected) << script;
-}
-
-TEST(InputScript, NamesTheKeysThatTheAgentPresses) {
-    // Linux key codes, from linux/input-event-codes.h: the ends of each row, and the extended ones.
-    const std::pair<const char*, int> cases[] = {
-        {"1", 2},      {"0", 11},     {"q", 16},          {"p", 25},     {"a", 30},
-        {"l", 38},     {"z", 44},     {"m", 50},          {"f1", 59},    {"f10", 68},
-        {"f12", 88},   {"ctrl", 29},  {"right_ctrl", 97}, {"home", 102}, {"page_up", 104},
-        {"left", 105}, {"down", 108}, {"insert", 110},    {"meta", 125},
-    };
-    for (const auto& [name, code] : cases) {
-        std::vector<InputStep> steps;
-        std::string error;
-        ASSERT_TRUE(parse_input_script(std::string("down ") + name, steps, error)) << error;
-        const InputPacket& packet = steps.at(0).packet;
-        EXPECT_EQ(linux_key_code(static_cast<uint16_t>(packet.data0), packet.scan_code(),
-                                 packet.extended_key()),
-                  code)
-            << name;
-    }
 }
 
 TEST(InputSealer, NeverUsesANonceTwice) {

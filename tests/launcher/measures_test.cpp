@@ -1,16 +1,14 @@
-// What the launcher's figures are made of: latencies, spacing, sound, frame numbers in pictures.
+// What the launcher's figures are made of: latencies, frame numbers in pictures.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <numbers>
 #include <random>
 #include <vector>
 
 #include "launcher/frame_stamp.h"
 #include "launcher/latency_histogram.h"
-#include "launcher/tone_meter.h"
 
 namespace ox::launcher {
 namespace {
@@ -33,34 +31,6 @@ TEST(LatencyHistogram, PercentilesAreWithinABucketOfTheSortedSamples) {
             EXPECT_GE(got, exact) << percent << " of " << limit;
             EXPECT_LE(got, exact + exact / 128 + 1) << percent << " of " << limit;
         }
-    }
-}
-
-std::vector<int16_t> tone(double hertz, double amplitude, size_t pairs) {
-    std::vector<int16_t> samples;
-    for (size_t i = 0; i < pairs; ++i) {
-        const double phase = 2 * std::numbers::pi * hertz * static_cast<double>(i) / 48000;
-        const auto sample = static_cast<int16_t>(std::lround(amplitude * std::sin(phase)));
-        samples.insert(samples.end(), {sample, sample});
-    }
-    return samples;
-}
-
-TEST(ToneMeter, TellsLevelAndPitchOfTheWholeAndOfTheLatest) {
-    for (const double hertz : {55.0, 440.0, 997.3, 15000.0}) {
-        ToneMeter meter;
-        for (int i = 0; i < 3; ++i)
-            meter.add(tone(hertz, 8192, ToneMeter::kWindow));
-        for (const ToneReport& report : {meter.whole(), meter.latest()}) {
-            EXPECT_NEAR(report.pitch_hz, hertz, 2.0);
-            EXPECT_NEAR(report.level_dbfs, -12.04, 0.1) << hertz;
-            EXPECT_NEAR(report.peak_dbfs, -12.04, 0.1) << hertz;
-        }
-        meter.add(std::vector<int16_t>(6 * ToneMeter::kWindow, 0));  // as many pairs of silence
-        EXPECT_EQ(meter.latest().pitch_hz, 0.0);
-        EXPECT_EQ(meter.latest().level_dbfs, ToneReport::kSilenceDbfs);
-        EXPECT_NEAR(meter.whole().pitch_hz, hertz, 2.0);
-        EXPECT_NEAR(meter.whole().level_dbfs, -15.05, 0.1);
     }
 }
 

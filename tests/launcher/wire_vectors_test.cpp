@@ -20,10 +20,8 @@
 #include "control/session_ready.h"
 #include "control/token_check.h"
 #include "input/feedback.h"
-#include "launcher/audio_receiver.h"
 #include "launcher/control_messages.h"
 #include "launcher/feedback_packets.h"
-#include "launcher/frame_assembler.h"
 #include "launcher/input_script.h"
 #include "launcher/input_sealer.h"
 #include "launcher/packet_opener.h"
@@ -88,6 +86,12 @@ Bytes sha256(const Bytes& bytes) {
     return digest;
 }
 
+Bytes nonce_of(const PacketHeader& header) {
+    Bytes nonce(12);
+    Encryption::build_nonce(header, nonce.data());
+    return nonce;
+}
+
 void check_keys_and_lines(Document& doc) {
     SessionKeySet keys;
     keys.generate(doc.hex("master-key"));
@@ -150,15 +154,9 @@ void check_small_frame(Document& doc) {
     frame.timestamp = 0x1122334455;
     const Bytes expected = doc.hex("small-datagram");
     EXPECT_EQ(test::sealed_datagrams(frame, key.data()), (std::vector<Bytes>{expected, expected}));
-
-    PacketOpener opener{std::span(key).first<32>()};
-    const auto packet = opener.open(expected);
-    ASSERT_TRUE(packet);
-    EXPECT_EQ(Bytes(packet->payload.begin(), packet->payload.end()), payload);
-    EXPECT_EQ(packet->header.timestamp, frame.timestamp);
-    Bytes nonce(12);
-    Encryption::build_nonce(packet->header, nonce.data());
-    EXPECT_EQ(nonce, doc.hex("small-nonce"));
+    PacketHeader header;
+    std::memcpy(&header, expected.data(), kHeaderBytes);
+    EXPECT_EQ(nonce_of(header), doc.hex("small-nonce"));
 }
 
 void check_keyframe(Document& doc) {
@@ -183,18 +181,6 @@ void check_keyframe(Document& doc) {
     ASSERT_TRUE(parity);
     const auto around_end = parity->payload.subspan(96, 16);
     EXPECT_EQ(Bytes(around_end.begin(), around_end.end()), doc.hex("key-parity-end"));
-    for (const size_t lost : {0U, 1U, 2U}) {
-        FrameAssembler assembler;
-        for (size_t i = 0; i < 4; ++i) {
-            if (i == lost) continue;
-            const auto packet = opener.open(datagrams[i]);
-            ASSERT_TRUE(packet);
-            assembler.push(packet->header, packet->payload, 1);
-        }
-        const auto rebuilt = assembler.pop();
-        ASSERT_TRUE(rebuilt) << "without packet " << lost;
-        EXPECT_EQ(rebuilt->data, frame.data) << "without packet " << lost;
-    }
 }
 
 void check_large_group_number(Document& doc) {
@@ -259,39 +245,17 @@ void check_sound(Document& doc) {
     const Block shards = repair_shards(frames);
     EXPECT_EQ(shards[0], doc.hex("sound-repair-0"));
     EXPECT_EQ(shards[1], doc.hex("sound-repair-1"));
-    const auto data_header = [](uint32_t sequence) {
-        return PacketHeader{.stream = 2,
-                            .frame_id = sequence,
-                            .index = 0,
-                            .count = 1,
-                            .flags = 0x0C,
-                            .group = 0,
-                            .timestamp = 5'000'000 + (sequence - 256) * 5000ULL};
-    };
+    const PacketHeader data{
+        .stream = 2, .frame_id = 257, .count = 1, .flags = 0x0C, .timestamp = 5'005'000};
     const PacketHeader repair{.stream = 2,
                               .frame_id = 256,
                               .index = 1,
                               .count = 4,
                               .flags = 0x24,
-                              .group = 0,
                               .timestamp = 5'015'000};
-    EXPECT_EQ(seal_media(data_header(257), frames[1], key), doc.hex("sound-datagram"));
+    EXPECT_EQ(seal_media(data, frames[1], key), doc.hex("sound-datagram"));
     EXPECT_EQ(seal_media(repair, shards[1], key), doc.hex("sound-repair-datagram"));
-    Bytes nonce(12);
-    Encryption::build_nonce(repair, nonce.data());
-    EXPECT_EQ(nonce, doc.hex("sound-repair-nonce"));
-
-    // Frame 258 is lost; the document's two datagrams and the other two frames bring it back.
-    AudioReceiver receiver{std::span(key).first<32>()};
-    receiver.on_datagram(seal_media(data_header(256), frames[0], key), 1);
-    receiver.on_datagram(doc.hex("sound-datagram"), 1);
-    receiver.on_datagram(seal_media(data_header(259), frames[3], key), 1);
-    receiver.on_datagram(doc.hex("sound-repair-datagram"), 1);
-    for (const Bytes& expected : frames) {
-        const auto frame = receiver.next_frame();
-        ASSERT_TRUE(frame);
-        EXPECT_EQ(frame->opus, expected);
-    }
+    EXPECT_EQ(nonce_of(repair), doc.hex("sound-repair-nonce"));
 }
 
 // `packet` as it lies inside the datagram with this count, and that datagram.

@@ -1,6 +1,7 @@
 #include "saas/raw_backend.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -17,7 +18,7 @@ bool wait_readable(int fd) {
 
 }  // namespace
 
-RawBackend::RawBackend(int receive_buffer, in_addr_t ip)
+RawBackend::RawBackend(int receive_buffer)
     : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     if (receive_buffer > 0) {
         ::setsockopt(listener_.get(), SOL_SOCKET, SO_RCVBUF, &receive_buffer,
@@ -25,7 +26,7 @@ RawBackend::RawBackend(int receive_buffer, in_addr_t ip)
     }
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(ip);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     auto* generic = reinterpret_cast<sockaddr*>(&address);
     socklen_t size = sizeof address;
     if (::bind(listener_.get(), generic, size) != 0 || ::listen(listener_.get(), 16) != 0 ||
@@ -72,14 +73,9 @@ void RawPeer::send(std::string_view bytes) {
 }
 
 void RawPeer::send_text(std::string_view text) {
-    const auto byte = [](size_t value) { return static_cast<char>(static_cast<uint8_t>(value)); };
-    std::string head = "\x81";
-    if (text.size() < 126) {
-        head += byte(text.size());
-    } else {
-        head += std::string("\x7E") + byte(text.size() >> 8U) + byte(text.size());
-    }
-    send(head + std::string(text));
+    // In the form for up to 64 KiB, whatever the length.
+    const std::string length{static_cast<char>(text.size() / 256), static_cast<char>(text.size())};
+    send("\x81\x7E" + length + std::string(text));
 }
 
 std::optional<std::string> RawPeer::take(size_t size) {

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <netinet/in.h>
-
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -39,11 +37,11 @@ class RawPeer {
     std::string received_;
 };
 
-/// A backend on a free port of an address of this machine.
+/// A backend on a free port of this machine.
 class RawBackend {
   public:
-    /// `receive_buffer` in bytes, 0 leaves the system's; `address` in host byte order.
-    explicit RawBackend(int receive_buffer = 0, in_addr_t address = INADDR_LOOPBACK);
+    /// `receive_buffer` in bytes, 0 leaves the system's.
+    explicit RawBackend(int receive_buffer = 0);
     [[nodiscard]] uint16_t port() const noexcept { return port_; }
     /// Waits for the agent to connect.
     RawPeer accept();

@@ -2,7 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <filesystem>
 #include <future>
+#include <random>
+#include <thread>
 #include <vector>
 
 #include "saas/connector_fixture.h"
@@ -19,8 +22,11 @@ using test::RawPeer;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-constexpr int kSmallBuffer = 4096;
 constexpr const char* kPong = R"({"type":"pong"})";
+
+size_t entries(const char* folder) {
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
+}
 
 class SaasConnectorTest : public test::ConnectorTest {
   protected:
@@ -32,12 +38,6 @@ class SaasConnectorTest : public test::ConnectorTest {
         peer.accept_upgrade();
         EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr(R"("type":"register")"));
         return peer;
-    }
-
-    static void queue_more_than_the_socket_holds(SaasConnector& connector) {
-        for (int i = 0; i < 6; ++i) {
-            connector.send_error("c", std::string(1'000'000, 'x'), "");
-        }
     }
 
     static std::vector<tui::EventKind> events() {
@@ -214,6 +214,16 @@ TEST_F(SaasConnectorTest, NeverWaitsLongForAStalledBackend) {
     huge.send(std::string("\x81\x7F\0\0\0\0\0\x10\0\x01", 10));
     EXPECT_TRUE(huge.closed());
     EXPECT_EQ(log_.count("ERROR", "SaasConnector: WS frame 1048577B exceeds limit — closing"), 1);
+    connector.stop();
+
+    SaasConfig encrypted = config(backend_.port());
+    encrypted.tls = true;
+    timing.transport.tls_handshake = milliseconds(50);
+    SaasConnector other(encrypted, timing);
+    other.start();
+    RawPeer speechless = backend_.accept();  // never answers the TLS hello
+    EXPECT_TRUE(speechless.closed());
+    EXPECT_THAT(log_.text(), HasSubstr("[ERROR] SaasConnector: TLS handshake failed: timed out"));
 }
 
 TEST_F(SaasConnectorTest, StopsSoonInEveryState) {
@@ -237,13 +247,79 @@ TEST_F(SaasConnectorTest, StopsSoonInEveryState) {
         EXPECT_TRUE(eventually([&] { return log_.text().find(state) != std::string::npos; }));
         EXPECT_LT(stop_takes(connector), seconds(2)) << state;
     }
-    test::RawBackend deaf_backend(kSmallBuffer);
+    test::RawBackend deaf_backend(4096);
     SaasConnector connector(config(deaf_backend.port()));
     connector.start();
     RawPeer deaf = deaf_backend.accept();
     deaf.accept_upgrade();
-    queue_more_than_the_socket_holds(connector);
+    for (int i = 0; i < 6; ++i)  // more than the socket holds
+        connector.send_error("c", std::string(1'000'000, 'x'), "");
     EXPECT_LT(stop_takes(connector), seconds(3));
+}
+
+TEST_F(SaasConnectorTest, AThousandLostConnectionsLeaveNothingBehind) {
+    SaasConnector connector(config(backend_.port()), quick());
+    connector.start();
+    size_t threads = 0;
+    size_t descriptors = 0;
+    for (int i = 0; i < 1000; ++i) {  // lost at different points of their life
+        if (i == 100) {
+            threads = entries("/proc/self/task");
+            descriptors = entries("/proc/self/fd");
+        }
+        RawPeer peer = backend_.accept();
+        if (i % 4 == 0) continue;  // at once
+        peer.accept_upgrade();
+        if (i % 4 == 1) peer.read_frame();
+        if (i % 4 == 2) peer.send("\x81\x20half");
+        if (i % 2 == 1) peer.reset();
+    }
+    // The connection that is just being made or cleared away has one descriptor.
+    EXPECT_LE(entries("/proc/self/fd"), descriptors + 1);
+    EXPECT_EQ(entries("/proc/self/task"), threads);
+}
+
+TEST_F(SaasConnectorTest, StopsCleanlyAtRandomMoments) {
+    std::mt19937 random(7);  // NOLINT: the same moments in each run
+    std::jthread flapping([this](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
+            RawPeer peer = backend_.accept();
+            if (peer.accept_upgrade().empty()) continue;
+            peer.send_text(R"({"type":"ping"})");
+            peer.send_text(R"({"type":"terminate_session"})");
+            peer.read_frame();
+        }
+    });
+    for (int i = 0; i < 150; ++i) {
+        SaasConnector connector(config(backend_.port()), quick());
+        connector.set_terminate_session_callback([&](const auto& id, const auto& reason) {
+            connector.send_session_ended(id, reason, 1);
+        });
+        connector.start();
+        std::jthread sender([&] {
+            for (int n = 0; n < 20; ++n)
+                connector.send_session_stats("s", 1, 2, 3, 4, 5);
+        });
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+        connector.stop();
+    }
+    flapping.request_stop();
+    SaasConnector last(config(backend_.port()), quick());  // wakes the flapping backend's accept
+    last.start();
+    flapping.join();
+}
+
+TEST(ReconnectBackoff, DoublesUpToTheLimitAndStartsAgainAfterAConnection) {
+    ReconnectBackoff backoff({});
+    const auto wait = [&](bool handshaken, uint16_t code = 0) {
+        return backoff.next_wait(handshaken, code).count();
+    };
+    for (const int expected : {1, 2, 4, 8, 16, 30, 30})
+        EXPECT_EQ(wait(false), 1000 * expected);
+    EXPECT_EQ(wait(true, 1006), 1000);
+    EXPECT_EQ(wait(false), 2000);
+    EXPECT_EQ(wait(true, kCloseReplaced), 30'000);
+    EXPECT_EQ(wait(false), 2000);
 }
 
 }  // namespace

@@ -14,17 +14,15 @@ namespace ox {
 namespace {
 
 /// A folder that stands for the root of a PC.
-class FakeRoot {
-  public:
+struct FakeRoot {
     void write(const std::string& path, const std::string& text) const {
-        const std::filesystem::path file = dir_.file(path);
+        const std::filesystem::path file = dir.file(path);
         std::filesystem::create_directories(file.parent_path());
-        std::ofstream(file, std::ios::trunc) << text;
+        std::ofstream(file) << text;
     }
-    [[nodiscard]] std::string path() const { return dir_.path().string(); }
+    std::string path() const { return dir.path().string(); }
 
-  private:
-    test::TempDir dir_;
+    test::TempDir dir;
 };
 
 TEST(SystemInfo, ReadsAWholePcAndPrefersTheNvidiaDriversName) {
@@ -55,11 +53,6 @@ TEST(SystemInfo, ReadsAWholePcAndPrefersTheNvidiaDriversName) {
     EXPECT_DOUBLE_EQ(LoadProbe(root.path()).ram_free_mb(), 1.5);
     root.write("proc/driver/nvidia/gpus/1/information", "IRQ: 1\nModel: \t NV 9\n");
     EXPECT_EQ(detect_system_info(root.path()).gpu_model, "NV 9");
-    for (const auto& [value, expected] :
-         {std::pair{"plain", "plain"}, {"\"", "\""}, {"\"\"", ""}, {"\"x", "\"x"}}) {
-        root.write("etc/os-release", std::string("PRETTY_NAME=") + value + "\n");
-        EXPECT_EQ(detect_system_info(root.path()).os_version, expected) << value;
-    }
 }
 
 TEST(LoadProbe, ComparesWithThePreviousCall) {

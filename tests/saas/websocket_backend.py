@@ -2,15 +2,12 @@
 """A backend for the connector's tests, on a WebSocket library that is not ours.
 
 Prints one line per thing that happens: "port <n>", "sni <name>", "path <path>", "token <token>",
-"message <text>", "closed <code>". With --fault reset it resets every connection after the
-registration; with --fault stall it is no WebSocket server at all and never says a word.
+"message <text>", "closed <code>".
 """
 
 import argparse
 import asyncio
-import socket
 import ssl
-import struct
 
 import websockets
 
@@ -32,12 +29,6 @@ async def converse(connection):
     report("path", connection.path)
     report("token", connection.request_headers.get("agent-token"))
     report("message", await connection.recv())
-    if args.fault == "reset":
-        link = connection.transport.get_extra_info("socket")
-        link.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        connection.transport.abort()
-        report("reset")
-        return
     await connection.send('{"type":"ping"}')
     # One message in three frames, with a control frame in between.
     await connection.send(['{"type":"prepare_session",', '"session_id":"' + "s" * 70000, '"}'])
@@ -50,16 +41,8 @@ async def converse(connection):
     report("closed", connection.close_code)
 
 
-async def keep_silent(_reader, _writer):
-    report("accepted")
-    await asyncio.Future()
-
-
 async def serve():
-    if args.fault == "stall":
-        server = await asyncio.start_server(keep_silent, "127.0.0.1", 0)
-    else:
-        server = await websockets.serve(converse, "127.0.0.1", 0, ssl=server_context())
+    server = await websockets.serve(converse, "127.0.0.1", 0, ssl=server_context())
     report("port", list(server.sockets)[0].getsockname()[1])
     await asyncio.Future()
 
@@ -67,6 +50,5 @@ async def serve():
 parser = argparse.ArgumentParser()
 parser.add_argument("--cert")
 parser.add_argument("--key")
-parser.add_argument("--fault", choices=["stall", "reset"])
 args = parser.parse_args()
 asyncio.run(serve())
