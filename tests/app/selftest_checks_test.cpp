@@ -7,21 +7,14 @@
 namespace ox::selftest {
 namespace {
 
-int crypto_works() {
-    return 0;
-}
-int crypto_fails() {
-    return -1;
-}
-
 struct Outcome {
     int status;
     std::string output;
 };
 
-Outcome run(int (*init_crypto)(), std::span<const Group> groups) {
+Outcome run(std::span<const Group> groups) {
     testing::internal::CaptureStdout();
-    const int status = run_groups(init_crypto, groups);
+    const int status = run_groups([] { return 0; }, groups);
     return {status, testing::internal::GetCapturedStdout()};
 }
 
@@ -37,7 +30,7 @@ void mixed_group() {
 TEST(SelftestChecks, OneFailureAmongPassesFailsTheRunAndEndsNothing) {
     constexpr std::array<Group, 3> kGroups{
         {{"[1] a", passing_group}, {"[2] b", mixed_group}, {"[3] c", passing_group}}};
-    const Outcome failed = run(crypto_works, kGroups);
+    const Outcome failed = run(kGroups);
     EXPECT_EQ(failed.status, 1);
     EXPECT_EQ(failed.output,
               "orvex-agent self-test\n"
@@ -58,19 +51,9 @@ TEST(SelftestChecks, OneFailureAmongPassesFailsTheRunAndEndsNothing) {
     EXPECT_EQ(g_fail, 1);
 
     // The counters belong to one run.
-    const Outcome passed = run(crypto_works, std::span(kGroups).first(1));
+    const Outcome passed = run(std::span(kGroups).first(1));
     EXPECT_EQ(passed.status, 0);
     EXPECT_TRUE(passed.output.ends_with("1 passed, 0 failed\nSELFTEST PASS\n")) << passed.output;
-}
-
-TEST(SelftestChecks, WithoutCryptoNothingElseRuns) {
-    constexpr std::array<Group, 1> kGroups{{{"[1] a", passing_group}}};
-    const Outcome failed = run(crypto_fails, kGroups);
-    EXPECT_EQ(failed.status, 1);
-    EXPECT_EQ(failed.output,
-              "orvex-agent self-test\n"
-              "===========================\n"
-              "  FAIL  libsodium init\n");
 }
 
 }  // namespace

@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <future>
@@ -15,25 +13,12 @@
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
+#include "support/unix_socket.h"
 
 namespace ox {
 namespace {
 
 using namespace std::chrono_literals;
-
-/// A message bus of the test's own that stands in for the system's.
-class Bus {
-  public:
-    Bus()
-        : daemon_({.argv = {"dbus-daemon", "--session", "--nofork", "--nopidfile",
-                            "--address=" + address()},
-                   .environment = {}}) {}
-    [[nodiscard]] std::string address() const { return "unix:path=" + dir_.file("bus"); }
-
-  private:
-    test::TempDir dir_;
-    test::ChildProcess daemon_;
-};
 
 /// logind as far as it matters here: gives out one lock. Returns what was asked for, and the end
 /// that sees the lock go.
@@ -70,12 +55,15 @@ bool is_held(const UniqueFd& watched) {
 }
 
 TEST(SleepInhibitor, HoldsTheLockForAsLongAsItLives) {
-    const Bus daemon;
-    const test::Environment system_bus("DBUS_SYSTEM_BUS_ADDRESS", daemon.address());
+    const test::TempDir dir;
+    const std::string address = "unix:path=" + dir.file("bus");
+    const test::ChildProcess daemon(
+        {.argv = {"dbus-daemon", "--session", "--nofork", "--nopidfile", "--address=" + address},
+         .environment = {}});
+    const test::Environment system_bus("DBUS_SYSTEM_BUS_ADDRESS", address);
     BusConnection logind({});
     std::string error;
-    ASSERT_TRUE(test::eventually([&] { return logind.open(daemon.address(), 5s, error); }))
-        << error;
+    ASSERT_TRUE(test::eventually([&] { return logind.open(address, 5s, error); })) << error;
     const DBusMessagePtr name(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
                                                            DBUS_INTERFACE_DBUS, "RequestName"));
     const char* wanted = "org.freedesktop.login1";
@@ -110,12 +98,8 @@ TEST(SleepInhibitor, NoBusCostsOneLineAndADeafOneNoTime) {
         }));
     }
     const std::string path = dir.file("deaf");
-    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
-              0);
-    ASSERT_EQ(::listen(listener.get(), 1), 0);
+    const UniqueFd listener = test::listen_unix(path);
+    ASSERT_TRUE(listener);
     const test::Environment deaf("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + path);
     const auto before = SteadyClock::now();
     { const SleepInhibitor inhibitor; }

@@ -1,20 +1,17 @@
 #include "audio/audio_stream.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <opus/opus.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstring>
 #include <memory>
 #include <numbers>
-#include <optional>
+#include <vector>
 
+#include "launcher/media_socket.h"
+#include "launcher/packet_opener.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/pulse_daemon.h"
@@ -49,46 +46,64 @@ double amplitude(const std::vector<double>& samples, int hertz) {
 /// The launcher's end: receives, opens and decodes the stream.
 class Listener {
   public:
-    Listener() : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        ::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), length);
-        ::getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&address), &length);
-        port_ = ntohs(address.sin_port);
+    Listener() {
+        std::string text;
+        EXPECT_TRUE(socket_.open(0, text)) << text;
         int error = 0;
         decoder_.reset(::opus_decoder_create(48000, 2, &error));
     }
-    [[nodiscard]] uint16_t port() const { return port_; }
+    [[nodiscard]] uint16_t port() const { return socket_.port(); }
 
-    struct Packet {
-        PacketHeader header;
-        std::vector<uint8_t> payload;
-    };
-
-    /// The next packet, or nothing after `limit`.
-    std::optional<Packet> receive(milliseconds limit) {
-        pollfd entry{.fd = socket_.get(), .events = POLLIN, .revents = 0};
-        if (::poll(&entry, 1, static_cast<int>(limit.count())) <= 0) return std::nullopt;
-        std::array<uint8_t, 2048> datagram{};
-        const ssize_t length = ::recv(socket_.get(), datagram.data(), datagram.size(), 0);
-        Packet packet;
-        std::memcpy(&packet.header, datagram.data(), kHeaderBytes);
-        packet.payload.resize(datagram.size());
-        size_t opened = 0;
-        EXPECT_TRUE(decrypt_packet_with_key(
-            kKey.data(), packet.header, datagram.data() + kHeaderBytes,
-            static_cast<size_t>(length) - kHeaderBytes, packet.payload.data(), opened));
-        packet.payload.resize(opened);
-        return packet;
+    /// The left channels of the data packets that lie there, 240 samples each. Waits up to `limit`
+    /// for the first one.
+    std::vector<std::vector<double>> receive(milliseconds limit) {
+        std::vector<std::vector<double>> packets;
+        socket_.receive(limit, [&](std::span<const uint8_t> datagram) {
+            const auto packet = opener_.open(datagram);
+            ASSERT_TRUE(packet);
+            if (packet->header.flags == 0x0C) packets.push_back(decode(packet->payload));
+        });
+        return packets;
     }
 
-    /// Left channel of one decoded data packet, 240 samples.
-    std::vector<double> decode(const Packet& packet) {
+    /// Decodes until 50 ms in a row carry `hertz` at about the played level. False at the limit.
+    /// Nowhere may `forbidden` be heard.
+    bool hears(int hertz, int forbidden, seconds limit) {
+        std::vector<double> window;
+        bool heard = false;
+        for (const auto deadline = SteadyClock::now() + limit;
+             !heard && SteadyClock::now() < deadline;) {
+            for (const auto& samples : receive(milliseconds(100))) {
+                // Within one packet the tones are 1 and 15 periods long: far enough apart.
+                EXPECT_LT(amplitude(samples, forbidden), kHeard);
+                window.insert(window.end(), samples.begin(), samples.end());
+                if (window.size() < 2400) continue;
+                heard = heard || std::abs(amplitude(window, hertz) - 8192) < 600;
+                window.clear();
+            }
+        }
+        return heard;
+    }
+
+    /// Listens until `condition` holds and nothing more lies there. False at the limit. Nowhere may
+    /// `forbidden` be heard.
+    template <typename Condition>
+    bool listens_until(Condition&& condition, int forbidden, seconds limit) {
+        const auto deadline = SteadyClock::now() + limit;
+        while (SteadyClock::now() < deadline) {
+            const auto packets = receive(milliseconds(20));
+            if (packets.empty() && condition()) return true;
+            for (const auto& samples : packets)
+                EXPECT_LT(amplitude(samples, forbidden), kHeard);
+        }
+        return false;
+    }
+
+  private:
+    std::vector<double> decode(std::span<const uint8_t> payload) {
         std::array<int16_t, 480> pcm{};
-        EXPECT_EQ(::opus_decode(decoder_.get(), packet.payload.data(),
-                                static_cast<opus_int32>(packet.payload.size()), pcm.data(), 240, 0),
+        EXPECT_EQ(::opus_decode(decoder_.get(), payload.data(),
+                                static_cast<opus_int32>(payload.size()), pcm.data(), 240, 0),
                   240);
         std::vector<double> left;
         for (size_t i = 0; i < pcm.size(); i += 2)
@@ -96,45 +111,8 @@ class Listener {
         return left;
     }
 
-    /// Decodes until 50 ms in a row carry `hertz` at about the played level. False at the limit.
-    /// Nowhere may `forbidden` be heard.
-    bool hears(int hertz, int forbidden, seconds limit) {
-        std::vector<double> window;
-        const auto deadline = SteadyClock::now() + limit;
-        while (SteadyClock::now() < deadline) {
-            const auto packet = receive(milliseconds(100));
-            if (!packet || (packet->header.flags & packet_flags::AUDIO_PARITY) != 0) continue;
-            const std::vector<double> samples = decode(*packet);
-            // Within one packet the tones are 1 and 15 periods long: far enough apart.
-            EXPECT_LT(amplitude(samples, forbidden), kHeard)
-                << "packet " << packet->header.frame_id;
-            window.insert(window.end(), samples.begin(), samples.end());
-            if (window.size() < 2400) continue;
-            if (std::abs(amplitude(window, hertz) - 8192) < 600) return true;
-            window.clear();
-        }
-        return false;
-    }
-
-    /// Listens until `condition` holds, then to what has arrived by then. False at the limit.
-    /// Nowhere may `forbidden` be heard.
-    template <typename Condition>
-    bool listens_until(Condition&& condition, int forbidden, seconds limit) {
-        const auto deadline = SteadyClock::now() + limit;
-        bool holds = false;
-        while (SteadyClock::now() < deadline) {
-            const auto packet = receive(milliseconds(20));
-            if (!packet && holds) return true;
-            holds = holds || condition();
-            if (!packet || packet->header.flags != 0x0C) continue;
-            EXPECT_LT(amplitude(decode(*packet), forbidden), kHeard);
-        }
-        return false;
-    }
-
-  private:
-    UniqueFd socket_;
-    uint16_t port_ = 0;
+    launcher::MediaSocket socket_;
+    launcher::PacketOpener opener_{kKey};
     std::unique_ptr<OpusDecoder, void (*)(OpusDecoder*)> decoder_{nullptr, ::opus_decoder_destroy};
 };
 
@@ -175,9 +153,9 @@ TEST_F(AudioStreamTest, AChangeOfTheDefaultOutputIsFollowed) {
     ASSERT_TRUE(pulse_.pactl("set-default-sink spare"));
     EXPECT_TRUE(test::eventually(
         [&] {
-            const auto packet = listener_.receive(milliseconds(100));
-            return packet && packet->header.flags == 0x0C &&
-                   amplitude(listener_.decode(*packet), kOtherTone) > kHeard;
+            return std::ranges::any_of(
+                listener_.receive(milliseconds(100)),
+                [](const auto& samples) { return amplitude(samples, kOtherTone) > kHeard; });
         },
         seconds(30)));
 }

@@ -116,7 +116,7 @@ TEST_F(HandshakeTest, AConnectionResetBeforeTheAcceptDoesNotEndTheWait) {
         << log_.text();
 }
 
-TEST_F(HandshakeTest, AStormOfStrangersDisturbsNoSessionAndKeepsNobodyOut) {
+TEST_F(HandshakeTest, AStrangerDisturbsNoSession) {
     TcpClient launcher = connected_launcher();
     launcher.read_line(kPatience);
     server_.start_async_read();
@@ -125,26 +125,6 @@ TEST_F(HandshakeTest, AStormOfStrangersDisturbsNoSessionAndKeepsNobodyOut) {
     launcher.send("{\"type\":\"ping\",\"ts\":1}\n");
     EXPECT_EQ(launcher.read_line(kPatience), R"({"ts":1,"type":"pong"})");
     EXPECT_FALSE(stranger.read_line(std::chrono::milliseconds(1)));
-    server_.close();
-
-    std::jthread storm([&] {
-        // Not more: one that meets the listener as it closes tries again after the kernel's second.
-        for (int i = 0; i < 6; ++i) {
-            TcpClient attacker = connect();
-            attacker.send(i % 3 == 0 ? "{" : "\n");
-            if (i % 3 != 2) attacker.close(i % 3 == 0);
-            attacker.closed_within(kPatience);
-        }
-        for (bool got_in = false; !got_in;) {
-            TcpClient good = connect();
-            good.send(kGoodAuth);
-            got_in = good.read_line(kPatience).has_value();
-        }
-    });
-    for (int refused = 0; !server_.accept_and_handshake(port(), {}, 5) && refused < 200;
-         ++refused) {
-    }
-    EXPECT_TRUE(server_.is_connected());
 }
 
 TEST_F(HandshakeTest, EveryWaitHasItsDeadline) {

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <future>
 #include <vector>
 
 #include "support/log_capture.h"
@@ -176,46 +175,6 @@ TEST_F(InputReceiverTest, NothingStaysPressedAfterTheEnd) {
     EXPECT_EQ(rest_after_stop(), "1:17=0 1:30=0 " + kReleaseAll);
     EXPECT_EQ(log.count("INFO", "InputReceiver: released 2 tracked pressed keys"), 1);
     EXPECT_EQ(log.count("INFO", "InputReceiver: stopped (6 received, 6 applied)"), 1);
-}
-
-TEST_F(InputReceiverTest, FeedbackGoesToTheCallbackAndNotToTheDevice) {
-    std::promise<InputPacket> arrived;
-    receiver_.set_feedback_callback([&](const InputPacket& packet) {
-        if (packet.kind == static_cast<uint8_t>(InputKind::MediaFeedback))
-            arrived.set_value(packet);
-    });
-    send(InputKind::KeyframeRequest);
-    send(InputKind::RfiRequest, 5);
-    send(InputKind::MediaFeedback, 250, 30);
-    EXPECT_EQ(arrived.get_future().get().data0, 250);
-    EXPECT_EQ(rest_after_stop(), kReleaseAll);
-    EXPECT_EQ(receiver_.feedback(), 3U);
-    EXPECT_EQ(receiver_.applied(), 0U);
-}
-
-TEST_F(InputReceiverTest, ARestartCountsAnewAndStopIsPrompt) {
-    send_marker(100);
-    events_until_marker(100);
-    const auto before = std::chrono::steady_clock::now();
-    receiver_.stop();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(1));
-    int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    events_ = UniqueFd(ends[0]);
-    ASSERT_TRUE(receiver_.start_with_device(port_, UniqueFd(ends[1])));
-    seq_ = 65530;  // as a launcher that came back
-    send_marker(101);
-    EXPECT_EQ(events_until_marker(101), "");
-}
-
-TEST(InputReceiverAlone, KeysThatCannotBeTaken) {
-    const test::LogCapture log;
-    InputReceiver receiver;
-    const std::array<uint8_t, 33> bytes{};
-    EXPECT_FALSE(receiver.set_key(bytes.data(), 31));
-    EXPECT_FALSE(receiver.set_key(bytes.data(), 33));
-    EXPECT_FALSE(receiver.set_key(nullptr, 32));
-    EXPECT_EQ(log.count("ERROR", "InputReceiver: invalid key size 31"), 1);
 }
 
 }  // namespace

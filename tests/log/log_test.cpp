@@ -2,10 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "log/log_path.h"
+#include "support/environment.h"
 #include "support/redirected_fd.h"
 #include "support/temp_dir.h"
 
@@ -108,22 +109,6 @@ TEST_F(Log, RedirectedStderrFollowsTheRotation) {
     EXPECT_EQ(text(1), "");
 }
 
-TEST_F(Log, FullDiskLosesLinesAndTouchesNothingElse) {
-    // The device must not be rotated away either; the link stands for it.
-    fs::create_symlink("/dev/full", dir_.file("full.log"));
-    open(dir_.file("full.log"));
-    const int64_t before = log_sinks().bytes;
-    errno = ENOENT;
-    for (int i = 0; i < 100; ++i)
-        OX_INFO("lost %d", i);
-    EXPECT_EQ(errno, ENOENT) << "the caller's errno";
-    EXPECT_EQ(log_sinks().bytes, before);
-    log_sinks().bytes = kLimit + 1;
-    OX_INFO("lost too");
-    EXPECT_TRUE(fs::is_symlink(dir_.file("full.log")));
-    EXPECT_FALSE(fs::is_symlink(dir_.file("full.1.log")));
-}
-
 TEST_F(Log, RemovedFolderEndsTheFileSinkOnlyAndTheLevelHoldsForBoth) {
     fs::create_directory(dir_.file("gone"));
     open(dir_.file("gone/agent.log"));
@@ -172,6 +157,35 @@ TEST_F(Log, LinesOfManyThreadsComeOutWholeAcrossRotations) {
     }
     for (const int count : next)
         EXPECT_EQ(count, kLines);
+}
+
+TEST(LogPath, StateFolderFollowsTheEnvironmentAndIsPrivate) {
+    const test::TempDir dir;
+    const std::string base = dir.path().string();
+    struct Case {
+        std::optional<std::string> state;
+        std::optional<std::string> home;
+        std::string folder;
+    };
+    const Case cases[] = {
+        {base + "/state", base + "/unused", base + "/state"},
+        {"relative", base, base + "/.local/state"},
+        {std::nullopt, base, base + "/.local/state"},
+        {std::nullopt, std::nullopt, "/tmp"},
+    };
+    for (const Case& c : cases) {
+        const test::Environment state("XDG_STATE_HOME", c.state);
+        const test::Environment home("HOME", c.home);
+        const fs::path expected = c.folder + "/orvex/agent.log";
+        EXPECT_EQ(state_log_path(), expected);
+        EXPECT_TRUE(fs::is_directory(expected.parent_path()));
+    }
+    for (const char* made : {"/state", "/state/orvex", "/.local", "/.local/state/orvex"}) {
+        struct stat info {};
+        ASSERT_EQ(::stat((base + made).c_str(), &info), 0) << made;
+        EXPECT_EQ(info.st_mode & 0777U, 0700U) << made;
+    }
+    EXPECT_FALSE(fs::exists(base + "/unused"));
 }
 
 }  // namespace
