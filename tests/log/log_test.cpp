@@ -109,6 +109,14 @@ TEST_F(Log, RedirectedStderrFollowsTheRotation) {
     EXPECT_EQ(text(1), "");
 }
 
+TEST_F(Log, LinesThatAFullDiskRefusesDoNotCountTowardsTheRotation) {
+    fs::create_symlink("/dev/full", dir_.file("full.log"));
+    open(dir_.file("full.log"));
+    const int64_t before = log_sinks().bytes;
+    OX_INFO("lost");
+    EXPECT_EQ(log_sinks().bytes, before);
+}
+
 TEST_F(Log, RemovedFolderEndsTheFileSinkOnlyAndTheLevelHoldsForBoth) {
     fs::create_directory(dir_.file("gone"));
     open(dir_.file("gone/agent.log"));
