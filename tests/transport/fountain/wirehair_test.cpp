@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <memory>
 #include <random>
 #include <thread>
@@ -168,17 +167,7 @@ TEST(Wirehair, CodecsOfSeveralThreadsDoNotMeet) {
     }
 }
 
-[[noreturn]] void use_before_and_after_init() {
-    const bool refused = wirehair_init_(1) == Wirehair_InvalidInput &&
-                         wirehair_encoder_create(nullptr, "12345678", 8, 4) == nullptr &&
-                         wirehair_decoder_create(nullptr, 8, 4) == nullptr;
-    const bool initialised = wirehair_init() == Wirehair_Success;
-    std::_Exit(refused && initialised && CodecOwner(make_decoder(8, 4)) ? 0 : 1);
-}
-
-TEST(WirehairRefusals, NothingIsCreatedBeforeInitNorForUnsuitableMessages) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process, whatever ran before here
-    EXPECT_EXIT(use_before_and_after_init(), testing::ExitedWithCode(0), "");
+TEST(WirehairRefusals, NothingIsCreatedForUnsuitableMessages) {
     ASSERT_EQ(wirehair_init(), Wirehair_Success);
     const struct {
         uint64_t message_bytes;
@@ -206,42 +195,34 @@ TEST(WirehairRefusals, EveryCallChecksItsArgumentsAndItsTurn) {
     uint32_t bytes = 0;
     EXPECT_EQ(wirehair_encode(encoder.get(), 0, out.data(), 3, &bytes), Wirehair_InvalidInput);
     EXPECT_EQ(wirehair_encode(decoder.get(), 0, out.data(), 4, &bytes), Wirehair_InvalidInput);
-    EXPECT_EQ(wirehair_encode(encoder.get(), 0, out.data(), 4, nullptr), Wirehair_InvalidInput);
     EXPECT_EQ(wirehair_recover(decoder.get(), out.data(), 10), Wirehair_NeedMore);
-    EXPECT_EQ(wirehair_recover(encoder.get(), out.data(), 10), Wirehair_InvalidInput);
     EXPECT_EQ(wirehair_decoder_becomes_encoder(decoder.get()), Wirehair_NeedMore);
-    EXPECT_EQ(wirehair_decoder_becomes_encoder(encoder.get()), Wirehair_InvalidInput);
+    EXPECT_EQ(wirehair_decode(encoder.get(), 0, message.data(), 4), Wirehair_InvalidInput);
     const Bytes padded_last{9, 10, 55, 66};  // what pads it does not count
     const struct {
-        WirehairCodec codec;
         uint32_t id;
         const uint8_t* block;
         uint32_t length;
         WirehairResult result;
     } cases[] = {
-        {nullptr, 0, message.data(), 4, Wirehair_InvalidInput},
-        {encoder.get(), 0, message.data(), 4, Wirehair_InvalidInput},
-        {decoder.get(), 0, nullptr, 4, Wirehair_InvalidInput},
-        {decoder.get(), 0, message.data(), 0, Wirehair_InvalidInput},
-        {decoder.get(), 0, message.data(), 3, Wirehair_InvalidInput},
-        {decoder.get(), 9, message.data(), 5, Wirehair_InvalidInput},
-        {decoder.get(), 2, message.data(), 1, Wirehair_InvalidInput},
-        {decoder.get(), 2, message.data(), 3, Wirehair_InvalidInput},
-        {decoder.get(), 0, message.data(), 4, Wirehair_NeedMore},
-        {decoder.get(), 0, message.data(), 4, Wirehair_NeedMore},  // twice counts once
-        {decoder.get(), 2, padded_last.data(), 4, Wirehair_NeedMore},
-        {decoder.get(), 1, message.data() + 4, 4, Wirehair_Success},
-        {decoder.get(), 7, message.data(), 4, Wirehair_Success},  // not needed any more
-        {decoder.get(), 7, message.data(), 1, Wirehair_InvalidInput},
+        {0, message.data(), 0, Wirehair_InvalidInput},
+        {0, message.data(), 3, Wirehair_InvalidInput},
+        {9, message.data(), 5, Wirehair_InvalidInput},
+        {2, message.data(), 1, Wirehair_InvalidInput},
+        {2, message.data(), 3, Wirehair_InvalidInput},
+        {0, message.data(), 4, Wirehair_NeedMore},
+        {0, message.data(), 4, Wirehair_NeedMore},  // twice counts once
+        {2, padded_last.data(), 4, Wirehair_NeedMore},
+        {1, message.data() + 4, 4, Wirehair_Success},
+        {7, message.data(), 4, Wirehair_Success},  // not needed any more
+        {7, message.data(), 1, Wirehair_InvalidInput},
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
         const auto& c = cases[i];
-        EXPECT_EQ(wirehair_decode(c.codec, c.id, c.block, c.length), c.result) << "case " << i;
+        EXPECT_EQ(wirehair_decode(decoder.get(), c.id, c.block, c.length), c.result) << i;
     }
     EXPECT_EQ(recovered(decoder.get(), 10), message);
-    EXPECT_EQ(wirehair_recover(decoder.get(), nullptr, 10), Wirehair_InvalidInput);
     EXPECT_EQ(wirehair_recover(decoder.get(), out.data(), 9), Wirehair_InvalidInput);
-    EXPECT_EQ(wirehair_recover_block(decoder.get(), 3, out.data(), &bytes), Wirehair_InvalidInput);
 }
 
 }  // namespace
