@@ -31,27 +31,17 @@ namespace ox {
 namespace {
 
 constexpr uint32_t kFps = 60;
-constexpr int kSourceFps = 61;  // not kFps, so that every phase between the two occurs
 constexpr uint32_t kKbps = 15'000;
 
 /// The moving test picture with the time at which it was made in its first eight bytes.
-class StampedPictures final : public ICapture {
-  public:
-    StampedPictures(uint32_t width, uint32_t height)
-        : pictures_(test::moving_pictures(width, height)) {}
-    bool init() override { return true; }
-    int capture_frame(CapturedFrame& frame) override {
-        pictures_->capture_frame(frame);
+test::ScreenPictures stamped_pictures(uint32_t width, uint32_t height) {
+    return [moving = test::moving_pictures(width, height)](CapturedFrame& frame) {
+        const bool made = moving(frame);
         const uint64_t now = steady_now_us();
         std::memcpy(frame.data.data(), &now, sizeof now);
-        return 0;
-    }
-    [[nodiscard]] uint32_t width() const override { return pictures_->width(); }
-    [[nodiscard]] uint32_t height() const override { return pictures_->height(); }
-
-  private:
-    std::unique_ptr<ICapture> pictures_;
-};
+        return made;
+    };
+}
 
 uint64_t stamp_of(const CapturedFrame& frame) {
     uint64_t stamp = 0;
@@ -137,9 +127,8 @@ bool measure_size(test::WaylandDesktop& desktop, const char* self, uint32_t widt
     const auto side = [](const char* text) {
         return static_cast<uint32_t>(std::strtoul(text, nullptr, 10));
     };
-    const test::PipewireSource source(
-        arguments[0], std::make_unique<StampedPictures>(side(arguments[1]), side(arguments[2])),
-        {.fps = kSourceFps});
+    const test::PipewireSource source(arguments[0],
+                                      stamped_pictures(side(arguments[1]), side(arguments[2])));
     std::printf("node=%u\n", source.node());
     std::fflush(stdout);
     for (;;)

@@ -4,8 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cmath>
+#include <atomic>
 #include <fstream>
 
 #include "e2e/player.h"
@@ -14,10 +13,6 @@
 #include "support/screen_pictures.h"
 #include "support/wayland_desktop.h"
 #include "support/xvfb.h"
-
-extern "C" {
-#include <libavutil/frame.h>
-}
 
 namespace ox::test {
 namespace {
@@ -30,76 +25,27 @@ constexpr uint32_t kHeight = 352;
 const Player::Setup kLauncher{
     .width = kWidth, .height = kHeight, .fps = 60 / kSlowdown, .bitrate_kbps = 8000 / kSlowdown};
 
-/// Mean Y, U and V (BT.601, limited range) of the 16 x 16 pixels from (x, y) on.
-std::array<double, 3> cell_of(const CapturedFrame& picture, uint32_t x, uint32_t y) {
-    double blue = 0;
-    double green = 0;
-    double red = 0;
-    for (uint32_t i = 0; i < 256; ++i) {
-        const size_t pixel = size_t{y + i / 16} * picture.width + x + i % 16;
-        blue += picture.pixels()[pixel * 4] / 256.0 / 255.0;
-        green += picture.pixels()[pixel * 4 + 1] / 256.0 / 255.0;
-        red += picture.pixels()[pixel * 4 + 2] / 256.0 / 255.0;
-    }
-    const double luma = 0.299 * red + 0.587 * green + 0.114 * blue;
-    return {16 + 219 * luma, 128 + 224 * (blue - luma) / 1.772, 128 + 224 * (red - luma) / 1.402};
-}
-std::array<double, 3> cell_of(const AVFrame& picture, uint32_t x, uint32_t y) {
-    std::array<double, 3> means{};
-    for (size_t plane = 0; plane < 3; ++plane) {
-        const uint32_t side = plane == 0 ? 16 : 8;
-        const uint32_t scale = 16 / side;
-        for (uint32_t i = 0; i < side * side; ++i) {
-            const size_t row = y / scale + i / side;
-            means[plane] += picture.data[plane][row * static_cast<size_t>(picture.linesize[plane]) +
-                                                x / scale + i % side];
-        }
-        means[plane] /= side * side;
-    }
-    return means;
-}
-
-/// Watches a stream of the moving test picture: every decoded picture has to be the one whose
-/// number it carries, in all its cells, and the numbers never go back.
+/// Watches a stream of the moving test picture: every decoded picture carries a number, and the
+/// numbers never go back.
 class Watcher {
   public:
-    explicit Watcher(Player& player) : reference_(kWidth, kHeight) {
-        reference_.init();
-        player.on_picture = [this](const launcher::DecodedPicture& picture) { look_at(picture); };
+    explicit Watcher(Player& player) {
+        player.on_picture = [this](const launcher::DecodedPicture& picture) {
+            const auto stamp = launcher::read_frame_stamp(picture.luma);
+            wrong_ += !stamp || *stamp < last_ ? 1 : 0;
+            different_ += stamp && *stamp > last_ ? 1 : 0;
+            last_ = stamp.value_or(last_);
+        };
     }
-
-    void look_at(const launcher::DecodedPicture& picture) {
-        const auto stamp = launcher::read_frame_stamp(picture.luma);
-        if (!stamp || *stamp + 1 < next_ || *stamp > next_ + 10'000) {
-            ++wrong_;
-            return;
-        }
-        different_ += *stamp + 1 > next_ ? 1 : 0;
-        for (; next_ <= *stamp; ++next_)
-            reference_.capture_frame(expected_);
-        for (uint32_t y = 0; y < kHeight; y += 16) {
-            for (uint32_t x = 0; x < kWidth; x += 16) {
-                const auto wanted = cell_of(expected_, x, y);
-                const auto seen = cell_of(picture.image, x, y);
-                for (size_t plane = 0; plane < 3; ++plane)
-                    worst_ = std::max(worst_, std::abs(wanted[plane] - seen[plane]));
-            }
-        }
-    }
-
+    ~Watcher() { EXPECT_EQ(wrong_, 0); }
+    Watcher(const Watcher&) = delete;
+    Watcher& operator=(const Watcher&) = delete;
     [[nodiscard]] int different() const { return different_; }
-    void expect_faithful() const {
-        EXPECT_EQ(wrong_, 0);
-        EXPECT_LT(worst_, 12.0) << "in brightness or colour of some cell";
-    }
 
   private:
-    SyntheticCapture reference_;
-    CapturedFrame expected_;
-    uint32_t next_ = 0;  ///< number of the picture that the reference makes next
+    uint32_t last_ = 0;
     int different_ = 0;
     int wrong_ = 0;
-    double worst_ = 0;
 };
 
 class Wayland : public testing::Test {
@@ -127,7 +73,6 @@ TEST_F(Wayland, TheDesktopIsStreamedAndAskedForOnce) {
         Player player(agent, kLauncher);
         Watcher watcher(player);
         EXPECT_TRUE(player.receive_until([&] { return watcher.different() >= 40; }, 3 * kPatience));
-        watcher.expect_faithful();
         EXPECT_EQ(player.pictures(), player.frames().size());
         EXPECT_GE(desktop_->portal_report().count(token), 1U);
         player.say("end_session");
@@ -144,7 +89,9 @@ TEST_F(Wayland, ACompositorThatDiesLeavesTheLastPictureAndTheSessionAlive) {
     std::atomic<bool> frozen{false};
     auto screen = std::make_unique<PipewireSource>(
         desktop_->pipewire_socket(),
-        std::make_unique<FrozenPictures>(moving_pictures(kWidth, kHeight), frozen));
+        [&, moving = moving_pictures(kWidth, kHeight)](CapturedFrame& frame) {
+            return !frozen && moving(frame);
+        });
     start_portal(screen->node());
     Agent agent(setup("portal"));
     Player player(agent, kLauncher);
@@ -162,7 +109,6 @@ TEST_F(Wayland, ACompositorThatDiesLeavesTheLastPictureAndTheSessionAlive) {
     EXPECT_TRUE(player.receive_until([&] { return player.keyframes_since(before) > 0; }));
     ASSERT_TRUE(player.receive_frames(30));
     EXPECT_EQ(watcher.different(), different);
-    watcher.expect_faithful();
     EXPECT_EQ(agent.log().count("the last picture stays"), 1U);
     player.say("end_session");
     EXPECT_TRUE(agent.wait_for_log("Standalone session ended: client_end_session"));
@@ -170,41 +116,37 @@ TEST_F(Wayland, ACompositorThatDiesLeavesTheLastPictureAndTheSessionAlive) {
 }
 
 TEST_F(Wayland, WithoutItsApprovalTheNextBestPictureIsStreamed) {
-    struct Case {
-        const char* behaviour;  // null: no portal at all
-        const char* capture;
-        bool with_x11;
-        std::vector<std::string> log;
-    };
+    const auto server = Xvfb::start({});
+    if (!server) GTEST_SKIP() << "no Xvfb on this machine";
     const std::string to_x11 = "Session: portal capture failed — falling back to X11";
-    const std::string to_synthetic =
-        "Session: automatic capture unavailable — falling back to synthetic";
     const std::string synthetic = "Session: capture backend = synthetic";
-    const std::vector<Case> cases = {
-        {"refuse=Start:1",
+    const struct {
+        std::string behaviour;
+        const char* capture;
+        std::string display;
+        std::vector<std::string> log;
+    } cases[] = {
+        {"Start=1",
          "portal",
-         true,
+         server->display(),
          {"PortalCapture: portal refused Start (response=1)", to_x11,
           "Session: capture backend = x11"}},
-        {"silent=Start",
+        {"Start=silent",
          "portal",
-         false,
+         ":64999",
          {"PortalCapture: no Response for Start within 300 ms", to_x11, synthetic}},
-        {nullptr,
+        {"CreateSession=fail",
          "auto",
-         false,
-         {"PortalCapture: CreateSession returned", to_synthetic, synthetic}},
+         ":64999",
+         {"PortalCapture: CreateSession returned",
+          "Session: automatic capture unavailable — falling back to synthetic", synthetic}},
     };
-    Xvfb::Setup screen;
-    screen.screen = "320x240x24";
-    const auto server = Xvfb::start(screen);
-    for (const auto& [behaviour, capture, with_x11, log] : cases) {
-        if (with_x11 && !server) continue;
-        SCOPED_TRACE(log.front());
-        behaviour != nullptr ? start_portal(0, {behaviour}) : desktop_->kill_portal();
+    for (const auto& [behaviour, capture, display, log] : cases) {
+        SCOPED_TRACE(behaviour);
+        start_portal(0, {behaviour});
         auto how = setup(capture);
-        how.environment.emplace_back("OX_PORTAL_TIMEOUT_MS=300");
-        if (with_x11) how.environment.push_back("DISPLAY=" + server->display());
+        how.environment.insert(how.environment.end(),
+                               {"OX_PORTAL_TIMEOUT_MS=300", "DISPLAY=" + display});
         Agent agent(how);
         Player player(agent, kLauncher);
         EXPECT_TRUE(player.receive_frames(5));
@@ -219,7 +161,7 @@ TEST_F(Wayland, WithoutItsApprovalTheNextBestPictureIsStreamed) {
 
 TEST_F(Wayland, NobodyHasToWaitForAnApprovalDialog) {
     for (const bool by_signal : {true, false}) {
-        start_portal(0, {"silent=Start"});
+        start_portal(0, {"Start=silent"});
         Agent agent(setup("auto"));
         TcpClient launcher(agent.control_port(), kPatience);
         launcher.send(auth_line());
@@ -247,9 +189,9 @@ TEST_F(Wayland, ARealCompositorIsStreamedThroughItsRealPortalWhereTheyRun) {
     std::ofstream(desktop_->config_file("orvex/portal_restore_token")) << "from another desktop";
     Agent agent(setup("portal"));
     Player player(agent, kLauncher);
-    std::array<double, 3> seen{};
+    int luma = -1;
     player.on_picture = [&](const launcher::DecodedPicture& picture) {
-        seen = cell_of(picture.image, kWidth / 2, kHeight / 2);
+        luma = picture.luma.bytes[kHeight / 2 * picture.luma.stride + kWidth / 2];
     };
     ASSERT_TRUE(player.receive_frames(5));
     EXPECT_TRUE(agent.wait_for_log(
@@ -259,11 +201,7 @@ TEST_F(Wayland, ARealCompositorIsStreamedThroughItsRealPortalWhereTheyRun) {
         agent.expect_prompt_stop();
         GTEST_SKIP() << "the portal took every call, but its backend cannot capture without a GPU";
     }
-    CapturedFrame wanted{.data = {}, .lent = {}, .width = 16, .height = 16};
-    for (int i = 0; i < 256; ++i)
-        wanted.data.insert(wanted.data.end(), {0x99, 0x66, 0x33, 0xFF});
-    for (size_t plane = 0; plane < 3; ++plane)
-        EXPECT_NEAR(seen[plane], cell_of(wanted, 0, 0)[plane], 6.0);
+    EXPECT_NEAR(luma, 95.5, 6);  // of that colour: 16 + 0.257 R + 0.504 G + 0.098 B
     EXPECT_TRUE(agent.wait_for_log("Session: capture backend = portal"));
     agent.expect_prompt_stop();
 }

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/shm.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -38,19 +37,15 @@ bool fails(const char* name) {
 
 }  // namespace
 
-// Wraps a function whose failure is the value -1.
-#define OX_WRAP(result, name, parameters, arguments)                    \
-    result name parameters {                                            \
-        static auto* const real = next<result parameters>(#name);       \
-        return fails(#name) ? static_cast<result>(-1) : real arguments; \
-    }
-
-// The same for the variant that the compiler takes when it knows the buffer's size.
+// Wraps a function whose failure is the value -1: in the variant that the compiler takes when it
+// knows the buffer's size, or the only one.
 #define OX_WRAP_CHECKED(result, name, checked, parameters, arguments)   \
     result checked parameters {                                         \
         static auto* const real = next<result parameters>(#checked);    \
         return fails(#name) ? static_cast<result>(-1) : real arguments; \
     }
+#define OX_WRAP(result, name, parameters, arguments) \
+    OX_WRAP_CHECKED(result, name, name, parameters, arguments)
 
 extern "C" {
 
@@ -59,10 +54,7 @@ OX_WRAP(int, bind, (int fd, const sockaddr* address, socklen_t length), (fd, add
 OX_WRAP(int, listen, (int fd, int backlog), (fd, backlog))
 OX_WRAP(int, accept4, (int fd, sockaddr* address, socklen_t* length, int flags),
         (fd, address, length, flags))
-OX_WRAP(int, accept, (int fd, sockaddr* address, socklen_t* length), (fd, address, length))
 OX_WRAP(int, setsockopt, (int fd, int level, int name, const void* value, socklen_t length),
-        (fd, level, name, value, length))
-OX_WRAP(int, getsockopt, (int fd, int level, int name, void* value, socklen_t* length),
         (fd, level, name, value, length))
 OX_WRAP(int, getpeername, (int fd, sockaddr* address, socklen_t* length), (fd, address, length))
 OX_WRAP(ssize_t, sendto,
@@ -86,17 +78,6 @@ OX_WRAP_CHECKED(int, poll, __poll_chk,
                 (pollfd * entries, nfds_t count, int timeout_ms, size_t room),
                 (entries, count, timeout_ms, room))
 OX_WRAP(ssize_t, write, (int fd, const void* bytes, size_t size), (fd, bytes, size))
-OX_WRAP(ssize_t, read, (int fd, void* bytes, size_t size), (fd, bytes, size))
-OX_WRAP_CHECKED(ssize_t, read, __read_chk, (int fd, void* bytes, size_t size, size_t room),
-                (fd, bytes, size, room))
-OX_WRAP(int, pipe2, (int fds[2], int flags), (fds, flags))
-OX_WRAP(pid_t, fork, (), ())
-OX_WRAP(int, shmget, (key_t key, size_t size, int flags), (key, size, flags))
-
-void* shmat(int id, const void* address, int flags) {
-    static auto* const real = next<void*(int, const void*, int)>("shmat");
-    return fails("shmat") ? reinterpret_cast<void*>(-1) : real(id, address, flags);
-}
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
                    void* argument) {

@@ -2,20 +2,16 @@
 
 #include <algorithm>
 #include <fstream>
-#include <iterator>
-#include <thread>
+
+#include "support/eventually.h"
 
 namespace ox::test {
 
 std::vector<std::string> LogFile::lines() const {
     std::ifstream in(path_, std::ios::binary);
-    const std::string all{std::istreambuf_iterator<char>(in), {}};
     std::vector<std::string> result;
-    size_t begin = 0;
-    for (size_t end = all.find('\n'); end != std::string::npos; end = all.find('\n', begin)) {
-        result.push_back(all.substr(begin, end - begin));
-        begin = end + 1;
-    }
+    for (std::string line; std::getline(in, line) && !in.eof();)
+        result.push_back(line);
     return result;
 }
 
@@ -29,16 +25,17 @@ size_t LogFile::count(std::string_view text) const {
 std::optional<std::string> LogFile::wait_for(std::string_view text,
                                              std::chrono::milliseconds timeout,
                                              size_t times) const {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        const bool last_look = std::chrono::steady_clock::now() >= deadline;
-        size_t seen = 0;
-        for (const auto& line : lines()) {
-            if (line.find(text) != std::string::npos && ++seen == times) return line;
-        }
-        if (last_look) return std::nullopt;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    std::optional<std::string> found;
+    eventually(
+        [&] {
+            size_t seen = 0;
+            for (const auto& line : lines()) {
+                if (line.find(text) != std::string::npos && ++seen == times) found = line;
+            }
+            return found.has_value();
+        },
+        timeout);
+    return found;
 }
 
 }  // namespace ox::test

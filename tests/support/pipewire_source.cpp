@@ -23,6 +23,7 @@ namespace {
 
 constexpr uint32_t kPixelBytes = 4;
 constexpr int kBuffers = 4;
+constexpr int kPerSecond = 61;
 constexpr int kMemFd = 1 << SPA_DATA_MemFd;
 constexpr int kDmaBuf = 1 << SPA_DATA_DmaBuf;
 constexpr uint32_t kMemory = 1024;  // for one parameter object
@@ -31,7 +32,7 @@ using ParamMemory = std::array<uint8_t, kMemory>;
 }  // namespace
 
 struct PipewireSource::Impl {
-    Impl(std::unique_ptr<ICapture> source, Setup how) : pictures(std::move(source)), setup(how) {}
+    Impl(ScreenPictures source, Setup how) : pictures(std::move(source)), setup(how) {}
     ~Impl() {
         if (loop != nullptr) pw_thread_loop_stop(loop);
         if (stream != nullptr) pw_stream_destroy(stream);
@@ -48,12 +49,11 @@ struct PipewireSource::Impl {
     const spa_pod* format(ParamMemory& memory) const;
     void format_changed(const spa_pod* param);
     void add_memory(spa_data& block) const;
-    static void remove_memory(spa_data& block);
     void tick();
     void process();
     void fill(spa_data& block);
 
-    std::unique_ptr<ICapture> pictures;
+    ScreenPictures pictures;
     Setup setup;
     CapturedFrame picture;
     int blanks_to_come = 0;
@@ -72,8 +72,9 @@ struct PipewireSource::Impl {
 };
 
 bool PipewireSource::Impl::connect(const std::string& socket) {
-    width = pictures->width();
-    height = pictures->height();
+    if (!pictures(picture)) return false;
+    width = picture.width;
+    height = picture.height;
     UniqueFd fd = connect_unix(socket);
     loop = pw_thread_loop_new("source", nullptr);
     context = pw_context_new(pw_thread_loop_get_loop(loop), nullptr, 0);
@@ -94,7 +95,8 @@ bool PipewireSource::Impl::connect(const std::string& socket) {
         static_cast<Impl*>(self)->add_memory(buffer->buffer->datas[0]);
     };
     events.remove_buffer = [](void* /*self*/, pw_buffer* buffer) {
-        remove_memory(buffer->buffer->datas[0]);
+        ::munmap(buffer->buffer->datas[0].data, buffer->buffer->datas[0].maxsize);
+        ::close(static_cast<int>(buffer->buffer->datas[0].fd));
     };
     events.process = [](void* self) { static_cast<Impl*>(self)->process(); };
     pw_stream_add_listener(stream, &listener, &events, this);
@@ -109,7 +111,7 @@ bool PipewireSource::Impl::connect(const std::string& socket) {
     spa_source* timer = pw_loop_add_timer(
         inner, [](void* self, uint64_t /*expirations*/) { static_cast<Impl*>(self)->tick(); },
         this);
-    timespec period{.tv_sec = 0, .tv_nsec = 1'000'000'000L / setup.fps};
+    timespec period{.tv_sec = 0, .tv_nsec = 1'000'000'000L / kPerSecond};
     pw_loop_update_timer(inner, timer, &period, &period, false);
     return pw_thread_loop_start(loop) == 0;
 }
@@ -136,8 +138,6 @@ void PipewireSource::Impl::format_changed(const spa_pod* param) {
     if (param == nullptr || spa_format_video_raw_parse(param, &info) < 0) return;
     agreed_width = info.size.width;
     agreed_height = info.size.height;
-    const int data_types = (setup.memory != Memory::Shared ? kDmaBuf : 0) |
-                           (setup.memory != Memory::Graphics ? kMemFd : 0);
     ParamMemory memory;
     spa_pod_builder builder{};
     spa_pod_builder_init(&builder, memory.data(), kMemory);
@@ -147,15 +147,14 @@ void PipewireSource::Impl::format_changed(const spa_pod* param) {
                         SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1), SPA_PARAM_BUFFERS_size,
                         SPA_POD_Int(static_cast<int>(block_bytes())), SPA_PARAM_BUFFERS_stride,
                         SPA_POD_Int(static_cast<int>(stride())), SPA_PARAM_BUFFERS_dataType,
-                        SPA_POD_CHOICE_FLAGS_Int(data_types), 0);
+                        SPA_POD_CHOICE_FLAGS_Int(kDmaBuf | kMemFd), 0);
     const spa_pod* params[] = {static_cast<const spa_pod*>(spa_pod_builder_pop(&builder, &object))};
     pw_stream_update_params(stream, params, 1);
 }
 
 /// `block.type` comes in as the types that the other end takes.
 void PipewireSource::Impl::add_memory(spa_data& block) const {
-    const bool graphics = (block.type & kDmaBuf) != 0 && setup.memory != Memory::Shared;
-    block.type = graphics ? SPA_DATA_DmaBuf : SPA_DATA_MemFd;
+    block.type = (block.type & kDmaBuf) != 0 ? SPA_DATA_DmaBuf : SPA_DATA_MemFd;
     block.flags = SPA_DATA_FLAG_READWRITE;
     block.maxsize = block_bytes();
     block.mapoffset = 0;
@@ -165,15 +164,10 @@ void PipewireSource::Impl::add_memory(spa_data& block) const {
     block.data = ::mmap(nullptr, block.maxsize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
 }
 
-void PipewireSource::Impl::remove_memory(spa_data& block) {
-    ::munmap(block.data, block.maxsize);
-    ::close(static_cast<int>(block.fd));
-}
-
 void PipewireSource::Impl::tick() {
     if (!streaming) return;
     if (blanks_to_come == 0) {
-        if (pictures->capture_frame(picture) != 0) return;
+        if (!pictures(picture)) return;
         if (setup.blanks) blanks_to_come = 3;
     }
     if (picture.width != width || picture.height != height) {
@@ -207,6 +201,7 @@ void PipewireSource::Impl::fill(spa_data& block) {
         blanks_to_come == 2 ? chunk.size = 0 : chunk.flags = SPA_CHUNK_FLAG_CORRUPTED;
         return;
     }
+    if (block.type != SPA_DATA_MemFd) return;  // cannot be read by mapping it
     auto* rows = static_cast<uint8_t*>(block.data) + setup.offset;
     const size_t row_bytes = size_t{width} * kPixelBytes;
     for (uint32_t y = 0; y < height; ++y) {
@@ -214,8 +209,7 @@ void PipewireSource::Impl::fill(spa_data& block) {
     }
 }
 
-PipewireSource::PipewireSource(const std::string& socket, std::unique_ptr<ICapture> pictures,
-                               Setup setup)
+PipewireSource::PipewireSource(const std::string& socket, ScreenPictures pictures, Setup setup)
     : impl_(std::make_unique<Impl>(std::move(pictures), setup)) {
     pw_init(nullptr, nullptr);
     if (!impl_->connect(socket)) throw std::runtime_error("no PipeWire daemon at " + socket);

@@ -4,33 +4,27 @@
 #include <memory>
 #include <string>
 
-#include "video/capture.h"
+#include "support/screen_pictures.h"
 
 namespace ox::test {
 
-/// A compositor's end of a screen share: a PipeWire node that shows the pictures of a capture
-/// backend, and follows their size. Destroying it is what a compositor's death is.
+/// A compositor's end of a screen share: a PipeWire node that shows pictures, and follows their
+/// size. It has them in graphics memory (DMA-BUF) for whoever takes that, and in shared memory for
+/// everybody else. Destroying it is what a compositor's death is.
 class PipewireSource {
   public:
-    enum class Memory {
-        Shared,         ///< a file in memory, for whoever asks
-        Graphics,       ///< a DMA-BUF
-        GraphicsFirst,  ///< a DMA-BUF for whoever takes one, shared for others
-    };
     struct Setup {
-        int fps = 60;
         uint32_t padding = 0;  ///< bytes behind each row
         uint32_t offset = 0;   ///< bytes before the first row
         bool bgrx = true;      ///< false: R, G, B and a fourth byte
         bool blanks = false;   ///< a damaged and an empty buffer before each picture
-        Memory memory = Memory::Shared;
     };
 
-    /// `pictures` is initialised; its `capture_frame` is called `fps` times a second from another
-    /// thread while somebody watches, and says 1 when nothing has changed. Throws
-    /// std::runtime_error when there is no daemon at `socket`.
-    PipewireSource(const std::string& socket, std::unique_ptr<ICapture> pictures, Setup setup);
-    PipewireSource(const std::string& socket, std::unique_ptr<ICapture> pictures)
+    /// `pictures` is asked at once, and while somebody watches 61 times a second from another
+    /// thread: not 60, so that every phase between the two ends occurs. Throws std::runtime_error
+    /// when there is no daemon at `socket`.
+    PipewireSource(const std::string& socket, ScreenPictures pictures, Setup setup);
+    PipewireSource(const std::string& socket, ScreenPictures pictures)
         : PipewireSource(socket, std::move(pictures), Setup{}) {}
     ~PipewireSource();
     PipewireSource(const PipewireSource&) = delete;

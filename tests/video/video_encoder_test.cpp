@@ -1,11 +1,10 @@
 #include "video/video_encoder.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
-#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -81,33 +80,13 @@ uint32_t read_stamp(const AVFrame& frame) {
     return number;
 }
 
-double luma_psnr(const AVFrame& frame, const CapturedFrame& source) {
-    double squares = 0;
-    for (uint32_t y = 0; y < source.height; ++y) {
-        for (uint32_t x = 0; x < source.width; ++x) {
-            const uint8_t* pixel = source.pixels() + (size_t{y} * source.width + x) * 4;
-            const double luma =
-                16 + (24.966 * pixel[0] + 128.553 * pixel[1] + 65.481 * pixel[2]) / 255;
-            const double error =
-                frame.data[0][static_cast<int>(y) * frame.linesize[0] + static_cast<int>(x)] - luma;
-            squares += error * error;
-        }
-    }
-    return 10 * std::log10(255 * 255 * source.width * source.height / std::max(squares, 1.0));
-}
-
 class SoftwareEncoder : public testing::TestWithParam<VideoCodec> {
   protected:
-    void SetUp() override { ASSERT_TRUE(open(software(GetParam()))); }
-
-    bool open(const EncoderSettings& settings) {
-        capture_.emplace(settings.width, settings.height);
-        return capture_->init() && encoder_.init(settings);
-    }
+    void SetUp() override { ASSERT_TRUE(capture_.init() && encoder_.init(software(GetParam()))); }
     /// Encodes the next synthetic picture.
     EncodedFrame encode_next() {
         EncodedFrame out;
-        EXPECT_EQ(capture_->capture_frame(picture_), 0);
+        EXPECT_EQ(capture_.capture_frame(picture_), 0);
         EXPECT_TRUE(encoder_.encode_bgra(picture_.pixels(), picture_.width, picture_.height,
                                          picture_.timestamp, out));
         EXPECT_FALSE(out.data.empty());
@@ -124,19 +103,17 @@ class SoftwareEncoder : public testing::TestWithParam<VideoCodec> {
         });
         // Parallel slices make several units of the picture.
         types.erase(std::unique(types.begin(), types.end()), types.end());
+        using testing::AnyOf;
+        using testing::ElementsAre;
         if (GetParam() == VideoCodec::Hevc) {
-            ASSERT_EQ(types.size(), 4U);
-            EXPECT_EQ(types[0], 32);
-            EXPECT_EQ(types[1], 33);
-            EXPECT_EQ(types[2], 34);
-            EXPECT_TRUE(types[3] == 19 || types[3] == 20) << types[3];  // IDR
+            EXPECT_THAT(types, ElementsAre(32, 33, 34, AnyOf(19, 20)));  // the last is the IDR
         } else {
-            EXPECT_EQ(types, (std::vector<int>{7, 8, 5}));
+            EXPECT_THAT(types, ElementsAre(7, 8, 5));
         }
     }
 
     VideoEncoder encoder_;
-    std::optional<SyntheticCapture> capture_;
+    SyntheticCapture capture_{kWidth, kHeight};
     CapturedFrame picture_;
 };
 
@@ -147,9 +124,6 @@ INSTANTIATE_TEST_SUITE_P(Codecs, SoftwareEncoder,
                          });
 
 TEST_P(SoftwareEncoder, GivesOneDecodableUnitPerPictureAndKeyframesOnDemand) {
-    const LogCapture log;
-    ASSERT_TRUE(open(software(GetParam())));
-    EXPECT_EQ(log.text().find("has no option"), std::string::npos) << log.text();
     constexpr uint32_t kForced = 60;
     Decoder early(GetParam());
     Decoder late(GetParam());  // comes in with the forced keyframe
@@ -168,7 +142,6 @@ TEST_P(SoftwareEncoder, GivesOneDecodableUnitPerPictureAndKeyframesOnDemand) {
             ASSERT_NE(decoded, nullptr) << "picture " << n << " is held back";
             EXPECT_EQ(read_stamp(*decoded), n);
             EXPECT_EQ(decoded->pict_type, key ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_P);
-            EXPECT_GT(luma_psnr(*decoded, picture_), 33) << n;
             EXPECT_EQ(decoded->color_range, AVCOL_RANGE_MPEG);
             EXPECT_EQ(decoded->colorspace, AVCOL_SPC_SMPTE170M);
         }
