@@ -1,8 +1,6 @@
 #include "tui/full_screen.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include "support/eventually.h"
 #include "support/pseudo_terminal.h"
@@ -14,8 +12,6 @@
 
 namespace ox::tui {
 namespace {
-
-using ::testing::HasSubstr;
 
 TEST(FullScreen, FollowsTheBoardAndTheWindowAndGivesTheTerminalBack) {
     const ox::test::PseudoTerminal window(80, 24);
@@ -56,37 +52,6 @@ TEST(FullScreen, FollowsTheBoardAndTheWindowAndGivesTheTerminalBack) {
     EXPECT_TRUE(terminal.wraps());
     EXPECT_FALSE(terminal.overran());
     EXPECT_EQ(terminal.unknown(), "");
-    EXPECT_TRUE(ox::test::same_modes(window.modes(), before));
-}
-
-TEST(FullScreen, CrashGivesTheTerminalBackAndStaysACrash) {
-    const ox::test::PseudoTerminal window(80, 24);
-    ox::test::TerminalModel terminal(80, 24);
-    const termios before = window.modes();
-    const ox::test::OutputPipe order;
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        const ox::test::RedirectedFd redirected(STDOUT_FILENO, window.program.get());
-        ScreenRunner runner;
-        Board board;
-        runner.start(Lang::English, board, ColourMode::Ansi);
-        while (order.read_all().empty())
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        __builtin_trap();
-    }
-    EXPECT_TRUE(ox::test::eventually([&] {
-        terminal.feed(window.read_all());
-        return terminal.text().find("Connecting") != std::string::npos;
-    }));
-    EXPECT_TRUE(terminal.alternate_screen());
-    ASSERT_EQ(::write(order.writer.get(), "x", 1), 1);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    terminal.feed(window.read_all());
-    EXPECT_FALSE(terminal.alternate_screen());
-    EXPECT_TRUE(terminal.cursor_visible());
     EXPECT_TRUE(ox::test::same_modes(window.modes(), before));
 }
 

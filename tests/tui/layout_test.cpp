@@ -13,12 +13,8 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 View view(int columns, int rows, Lang lang = Lang::English) {
-    View result;
-    result.size = {.columns = columns, .rows = rows};
-    result.lang = lang;
-    result.now_s = test::kNow;
-    result.pid = 4711;
-    return result;
+    return {
+        .size = {.columns = columns, .rows = rows}, .lang = lang, .now_s = test::kNow, .pid = 4711};
 }
 
 std::string text_of(const Line& line) {
@@ -28,21 +24,12 @@ std::string text_of(const Line& line) {
     return text;
 }
 
-std::string text_of(const std::vector<Line>& lines) {
-    std::string text;
-    for (const Line& line : lines)
-        text += text_of(line) + "\n";
-    return text;
-}
-
-// Without frames, and with every run of spaces and line ends as one space.
+// With every run of spaces and line ends as one space.
 std::string running_text(const std::vector<Line>& lines) {
     std::string text;
-    for (const char c : text_of(lines)) {
-        if (c != ' ' && c != '\n') {
-            text += c;
-        } else if (!text.ends_with(' ')) {
-            text += ' ';
+    for (const Line& line : lines) {
+        for (const char c : text_of(line) + " ") {
+            if (c != ' ' || !text.ends_with(' ')) text += c;
         }
     }
     return text;
@@ -107,20 +94,15 @@ TEST(Layout, EveryAlertIsReadableInFullAt80x24) {
 }
 
 TEST(Layout, SmallTerminalKeepsLinkSessionAndAlerts) {
-    for (const Lang lang : {Lang::English, Lang::Russian}) {
-        const bool english = lang == Lang::English;
-        const Snapshot board = test::with_alerts(
-            test::streaming_board(), {Alert::CaptureFailed, Alert::PortBusy, Alert::SecondAgent});
-        const std::string shown = running_text(lay_out(board, view(40, 12, lang)));
-        EXPECT_THAT(shown, HasSubstr(english ? "Platform connected" : "Платформа на\u00A0связи"));
-        EXPECT_THAT(shown, HasSubstr(english ? "PLAYER CONNECTED" : "ИГРОК ПОДКЛЮЧЁН"));
-        EXPECT_THAT(shown, HasSubstr(english ? "23.4\u00A0Mbit/s" : "23,4\u00A0Мбит/с"));
-        for (const Alert alert : {Alert::CaptureFailed, Alert::PortBusy, Alert::SecondAgent})
-            EXPECT_THAT(shown, HasSubstr(alert_title(alert, lang, 48'001)));
-        // The most important line is the last to go.
-        EXPECT_THAT(running_text(lay_out(board, view(40, 1, lang))),
-                    HasSubstr(english ? "Platform connected" : "Платформа на\u00A0связи"));
-    }
+    const std::vector<Alert> alerts{Alert::CaptureFailed, Alert::PortBusy, Alert::SecondAgent};
+    const Snapshot board = test::with_alerts(test::streaming_board(), alerts);
+    const std::string shown = running_text(lay_out(board, view(40, 12, Lang::Russian)));
+    for (const char* fact : {"Платформа на\u00A0связи", "ИГРОК ПОДКЛЮЧЁН", "23,4\u00A0Мбит/с"})
+        EXPECT_THAT(shown, HasSubstr(fact));
+    for (const Alert alert : alerts)
+        EXPECT_THAT(shown, HasSubstr(alert_title(alert, Lang::Russian, 48'001)));
+    // The most important line is the last to go.
+    EXPECT_THAT(running_text(lay_out(board, view(40, 1))), HasSubstr("Platform connected"));
 }
 
 TEST(Layout, TellsWhatMattersOfAStreamAndOfAHold) {
@@ -136,15 +118,6 @@ TEST(Layout, TellsWhatMattersOfAStreamAndOfAHold) {
         running_text(lay_out(test::holding_board(), view(80, 24, Lang::Russian)));
     EXPECT_THAT(hold, HasSubstr("ИГРОК ОТКЛЮЧИЛСЯ"));
     EXPECT_THAT(hold, HasSubstr("Держим сессию ещё 42\u00A0с"));
-    // Of the meter, 42 of 60 seconds are left.
-    const auto count = [&hold](std::string_view glyph) {
-        int found = 0;
-        for (size_t at = hold.find(glyph); at != std::string::npos; at = hold.find(glyph, at + 1))
-            ++found;
-        return found;
-    };
-    const int whole = 72 - text::width("Держим сессию ещё 42 с  ");
-    EXPECT_NEAR(count("━"), whole * 42.0 / 60.0, 1.0);
 }
 
 TEST(Layout, UnknownReadingsAreNotShownAsZero) {
@@ -154,20 +127,6 @@ TEST(Layout, UnknownReadingsAreNotShownAsZero) {
     EXPECT_THAT(shown, HasSubstr("— ms"));
     EXPECT_THAT(shown, HasSubstr("— %"));
     EXPECT_THAT(running_text(lay_out(board, view(40, 12))), Not(HasSubstr("loss")));
-}
-
-TEST(Layout, WideTerminalDoesNotStretchTheText) {
-    int left = 300;
-    int right = 0;
-    for (const Line& line : lay_out(test::streaming_board(), view(300, 100))) {
-        const std::string text = text_of(line);
-        const size_t begin = text.find_first_not_of(' ');
-        if (begin == std::string::npos) continue;
-        left = std::min(left, static_cast<int>(begin));
-        right = std::max(right, line.width());
-    }
-    EXPECT_EQ(right - left, 100);
-    EXPECT_EQ(left, 100);
 }
 
 }  // namespace

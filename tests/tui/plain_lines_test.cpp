@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "base/clock.h"
 #include "tui/clock_text.h"
+#include "tui/sample_boards.h"
 
 namespace ox::tui {
 namespace {
@@ -14,7 +16,7 @@ using ::testing::IsEmpty;
 // A board whose events all happen at 14:03, and the lines told of it.
 class Story {
   public:
-    explicit Story(Lang lang, Host host = Host::Desktop) : lines_(lang, host) {
+    Story() {
         board_.update([](Snapshot& state) {
             state.version = "0.4.448";
             state.host = "rig";
@@ -43,34 +45,34 @@ class Story {
   private:
     static constexpr int64_t kNow = 1'700'000'000;
     Board board_;
-    PlainLines lines_;
+    PlainLines lines_{Lang::English, Host::Desktop};
 };
 
 void start_stream(Snapshot& state) {
-    state.session.state = SessionState::Streaming;
-    state.session.launcher = "10.0.0.5";
-    state.session.encoder = "x264";
-    state.session.codec = "H.264";
-    state.session.width = 1920;
-    state.session.height = 1080;
-    state.session.fps = 60;
+    state.session = test::streaming_board().session;
+    state.session.since_s = system_now_s() - 90;
 }
 
 TEST(PlainLines, SessionOfAStandaloneAgent) {
-    Story story(Lang::English);
+    Story story;
     story.board().push(EventKind::AgentStarted);
     EXPECT_THAT(story.next(), ElementsAre("orvex-agent 0.4.448 on rig, log: /var/log/agent.log",
                                           "14:03 Agent started"));
     EXPECT_THAT(story.after([](Snapshot& s) { s.link = LinkState::Standalone; }),
                 ElementsAre("now Standalone mode, waiting for launchers"));
-    EXPECT_THAT(story.after([](Snapshot& s) { s.session.state = SessionState::Preparing; }),
-                ElementsAre("now Preparing a session"));
+    const auto prepare = [](Snapshot& s) { s.session.state = SessionState::Preparing; };
+    EXPECT_THAT(story.after(prepare), ElementsAre("now Preparing a session"));
+    story.board().session_ended(false, -1);
+    EXPECT_THAT(story.next(), ElementsAre("14:03 The session couldn't start, details in the log"));
+    story.board().session_ended(true, 5);
+    EXPECT_THAT(story.next(), IsEmpty()) << "there is none";
+    EXPECT_THAT(story.after(prepare), ElementsAre("now Preparing a session"));
     EXPECT_THAT(story.after([&](Snapshot& s) {
         start_stream(s);
         story.push(EventKind::PlayerConnected);
     }),
                 ElementsAre("14:03 The player connected",
-                            "now Streaming to 10.0.0.5: H.264 1920x1080, 60 fps, x264"));
+                            "now Streaming to 10.0.0.5: HEVC 2560x1440, 120 fps, NVENC"));
     EXPECT_THAT(story.after([](Snapshot& s) { s.session.measured_mbps = 14.8; }), IsEmpty());
     EXPECT_THAT(story.after([&](Snapshot& s) {
         s.session.holding = true;
@@ -86,11 +88,14 @@ TEST(PlainLines, SessionOfAStandaloneAgent) {
         story.push(EventKind::PlayerConnected);
     }),
                 ElementsAre("14:03 Session ended after 1 h 05 min", "14:03 The player connected",
-                            "now Streaming to 10.0.0.5: H.264 1920x1080, 60 fps, x264"));
+                            "now Streaming to 10.0.0.5: HEVC 2560x1440, 120 fps, NVENC"));
+    story.board().session_ended(false, -1);  // the board has watched the time itself
+    EXPECT_THAT(story.next(), ElementsAre("14:03 Session ended after 1 min"));
+    EXPECT_FALSE(story.board().snapshot().session.holding);
 }
 
 TEST(PlainLines, ForeignTextCannotBreakALine) {
-    Story story(Lang::English);
+    Story story;
     const auto lines = story.after([&](Snapshot& s) {
         s.host = "rig\x1B[2J\nroot";
         s.log_path.clear();
@@ -102,7 +107,7 @@ TEST(PlainLines, ForeignTextCannotBreakALine) {
     EXPECT_THAT(
         lines,
         ElementsAre("orvex-agent 0.4.448 on rig[2Jroot", "14:03 The player connected: from]0;title",
-                    "now Streaming to \uFFFD evil\uFFFD: H.264 1920x1080, 60 fps, x264"));
+                    "now Streaming to \uFFFD evil\uFFFD: HEVC 2560x1440, 120 fps, NVENC"));
 }
 
 }  // namespace

@@ -11,11 +11,10 @@ namespace ox::tui {
 namespace {
 
 struct Channel {
-    const char* name;
-    UniqueFd reader;
-    UniqueFd writer;
+    UniqueFd reader, writer;
 };
 
+/// A pipe, a terminal and a socket.
 std::array<Channel, 3> channels() {
     test::OutputPipe pipe;
     UniqueFd user(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
@@ -23,15 +22,14 @@ std::array<Channel, 3> channels() {
     UniqueFd terminal(::open(::ptsname(user.get()), O_WRONLY | O_NOCTTY | O_CLOEXEC));
     std::array<int, 2> ends{};
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
-    return {Channel{"pipe", std::move(pipe.reader), std::move(pipe.writer)},
-            Channel{"terminal", std::move(user), std::move(terminal)},
-            Channel{"socket", UniqueFd(ends[0]), UniqueFd(ends[1])}};
+    return {Channel{std::move(pipe.reader), std::move(pipe.writer)},
+            Channel{std::move(user), std::move(terminal)},
+            Channel{UniqueFd(ends[0]), UniqueFd(ends[1])}};
 }
 
 // More than any of them holds: a write that waits would never come back.
 TEST(LineOutput, WaitsForNobodyAndDropsWholeLines) {
-    for (const auto& [name, reader, writer] : channels()) {
-        SCOPED_TRACE(name);
+    for (const auto& [reader, writer] : channels()) {
         const std::string line(99, 'x');
         LineOutput output(writer.get());
         for (int i = 0; i < 20; ++i) {

