@@ -85,18 +85,8 @@ TEST(SleepInhibitor, HoldsTheLockForAsLongAsItLives) {
     EXPECT_FALSE(is_held(watched));
 }
 
-TEST(SleepInhibitor, NoBusCostsOneLineAndADeafOneNoTime) {
+TEST(SleepInhibitor, ADeafBusCostsNoTime) {
     const test::TempDir dir;
-    const test::LogCapture log;
-    {
-        const test::Environment nowhere("DBUS_SYSTEM_BUS_ADDRESS",
-                                        "unix:path=" + dir.file("nothing"));
-        const SleepInhibitor inhibitor;
-        EXPECT_TRUE(test::eventually([&] {
-            return log.text().find("Session: the PC may fall asleep under the player (") !=
-                   std::string::npos;
-        }));
-    }
     const std::string path = dir.file("deaf");
     const UniqueFd listener = test::listen_unix(path);
     ASSERT_TRUE(listener);
