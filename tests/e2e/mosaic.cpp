@@ -12,6 +12,10 @@ namespace {
 /// Largest difference that the codec may make to a cell's mean.
 constexpr double kTolerance = 12.0;
 
+struct Colour {
+    uint32_t red, green, blue;  ///< 5, 6 and 5 bits, so that both depths have it exactly
+};
+
 double mean(const uint8_t* plane, int stride, int x, int y, int size) {
     int sum = 0;
     for (int row = y; row < y + size; ++row) {
@@ -21,6 +25,15 @@ double mean(const uint8_t* plane, int stride, int x, int y, int size) {
     return static_cast<double>(sum) / (size * size);
 }
 
+// Neighbours in time and the successive colours of one cell are far apart: the brightness goes
+// between dark and bright with each of the `turn`s through the cells, the hue with each change.
+Colour colour_of(size_t change, size_t turn) {
+    const bool bright = (turn + change) % 2 == 0;
+    const auto hash = static_cast<uint32_t>(change) * 2654435761U;
+    const uint32_t base = bright ? 20 : 2;
+    return {base + (hash >> 8) % 10, 2 * (base + (hash >> 16) % 10), base + (hash >> 24) % 10};
+}
+
 }  // namespace
 
 std::string Mosaic::screen(int depth) {
@@ -28,24 +41,14 @@ std::string Mosaic::screen(int depth) {
 }
 
 Mosaic::Mosaic(const std::string& display, int depth) : depth_(depth), painter_(display) {
-    for (size_t i = 0; i < kCells; ++i)
-        change();
-}
-
-// Neighbours in time and the successive colours of one cell are far apart: the brightness goes
-// between dark and bright with each turn through the cells, the hue changes with each change.
-Mosaic::Colour Mosaic::colour_of(size_t change) {
-    const bool bright = (change / kCells + change) % 2 == 0;
-    const auto hash = static_cast<uint32_t>(change) * 2654435761U;
-    const uint32_t base = bright ? 20 : 2;
-    return {base + (hash >> 8) % 10, 2 * (base + (hash >> 16) % 10), base + (hash >> 24) % 10};
+    change(kCells);
 }
 
 void Mosaic::change(size_t count) {
     for (; count > 0; --count) {
         const size_t number = history_.size();
         const size_t cell = number * 7 % kCells;  // 7 and kCells have no common factor
-        const auto [red, green, blue] = colour_of(number);
+        const auto [red, green, blue] = colour_of(number, number / kCells);
         const uint32_t pixel =
             depth_ == 16 ? red << 11 | green << 5 | blue
                          : (red * 255 / 31) << 16 | (green * 255 / 63) << 8 | blue * 255 / 31;
@@ -56,42 +59,34 @@ void Mosaic::change(size_t count) {
 }
 
 // BT.601, limited range.
-Mosaic::Yuv Mosaic::to_yuv(const Colour& colour) {
-    const double r = colour.red / 31.0;
-    const double g = colour.green / 63.0;
-    const double b = colour.blue / 31.0;
-    const double y = 0.299 * r + 0.587 * g + 0.114 * b;
-    return {16 + 219 * y, 128 + 224 * (b - y) / 1.772, 128 + 224 * (r - y) / 1.402};
-}
-
-Mosaic::Means Mosaic::cell_means(const launcher::DecodedPicture& picture) {
-    const AVFrame& image = picture.image;
-    Means means;
-    for (size_t cell = 0; cell < kCells; ++cell) {
-        const int x = static_cast<int>(cell % kColumns) * kCell;
-        const int y = static_cast<int>(cell / kColumns) * kCell;
-        means[cell] = {mean(image.data[0], image.linesize[0], x, y, kCell),
-                       mean(image.data[1], image.linesize[1], x / 2, y / 2, kCell / 2),
-                       mean(image.data[2], image.linesize[2], x / 2, y / 2, kCell / 2)};
-    }
-    return means;
+bool Mosaic::fits(const Yuv& seen, size_t change) {
+    const auto [red, green, blue] = colour_of(change, change / kCells);
+    const double r = red / 31.0;
+    const double b = blue / 31.0;
+    const double y = 0.299 * r + 0.587 * green / 63.0 + 0.114 * b;
+    return std::abs(seen[0] - (16 + 219 * y)) < kTolerance &&
+           std::abs(seen[1] - (128 + 224 * (b - y) / 1.772)) < kTolerance &&
+           std::abs(seen[2] - (128 + 224 * (r - y) / 1.402)) < kTolerance;
 }
 
 std::optional<size_t> Mosaic::state_of(const launcher::DecodedPicture& picture, size_t from) const {
     if (picture.width < kWidth || picture.height < kHeight) return std::nullopt;
-    const Means means = cell_means(picture);
-    const auto fits = [&](size_t cell, size_t change) {
-        const Yuv wanted = to_yuv(colour_of(change));
-        const Yuv& seen = means[cell];
-        return std::abs(seen.y - wanted.y) < kTolerance &&
-               std::abs(seen.u - wanted.u) < kTolerance && std::abs(seen.v - wanted.v) < kTolerance;
-    };
+    const AVFrame& image = picture.image;
+    std::array<Yuv, kCells> means;
+    for (size_t cell = 0; cell < kCells; ++cell) {
+        for (size_t plane = 0; plane < 3; ++plane) {
+            const int size = plane == 0 ? kCell : kCell / 2;
+            means[cell][plane] = mean(image.data[plane], image.linesize[plane],
+                                      static_cast<int>(cell % kColumns) * size,
+                                      static_cast<int>(cell / kColumns) * size, size);
+        }
+    }
     std::array<bool, kCells> fitting{};
     size_t fitting_cells = 0;
     for (size_t change = 0; change < history_.size(); ++change) {
         const size_t cell = history_[change];
         fitting_cells -= fitting[cell] ? 1 : 0;
-        fitting[cell] = fits(cell, change);
+        fitting[cell] = fits(means[cell], change);
         fitting_cells += fitting[cell] ? 1 : 0;
         if (change + 1 >= from && fitting_cells == kCells) return change + 1;
     }

@@ -43,17 +43,10 @@ class Mosaic {
     static constexpr int kRows = kHeight / kCell;
     static constexpr size_t kCells = size_t{kColumns} * kRows;
 
-    struct Colour {
-        uint32_t red, green, blue;  ///< 5, 6 and 5 bits, so that both depths have it exactly
-    };
-    struct Yuv {
-        double y, u, v;
-    };
-    using Means = std::array<Yuv, kCells>;
+    /// Mean Y, U and V of a cell.
+    using Yuv = std::array<double, 3>;
 
-    static Colour colour_of(size_t change);
-    static Yuv to_yuv(const Colour& colour);
-    static Means cell_means(const launcher::DecodedPicture& picture);
+    [[nodiscard]] static bool fits(const Yuv& seen, size_t change);
 
     int depth_;
     XPainter painter_;

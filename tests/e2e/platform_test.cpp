@@ -8,22 +8,14 @@
 
 #include "e2e/player.h"
 #include "saas/raw_backend.h"
-#include "support/eventually.h"
 
 namespace ox::test {
 namespace {
 
 using nlohmann::json;
-using namespace std::chrono_literals;
 
 constexpr std::array<uint8_t, 32> kMaster{0, 1, 2, 3, 4, 5, 6, 7, 8};
-
-std::string base64(const uint8_t* bytes, size_t length) {
-    std::string text(sodium_base64_ENCODED_LEN(length, sodium_base64_VARIANT_ORIGINAL), '\0');
-    ::sodium_bin2base64(text.data(), text.size(), bytes, length, sodium_base64_VARIANT_ORIGINAL);
-    text.pop_back();
-    return text;
-}
+constexpr const char* kMasterBase64 = "AAECAwQFBgcIAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=";
 
 /// The video key that belongs to the master key, as libsodium derives it.
 std::string derived_video_key() {
@@ -40,6 +32,12 @@ class PlatformTest : public testing::Test {
         agent_.emplace(Agent::Setup{
             .arguments = {"--saas-url", "ws://127.0.0.1:" + std::to_string(backend_.port()),
                           "--token", "agent-secret", "--reconnect-grace", "2"}});
+        connect();
+    }
+
+    /// Takes the agent's next connection; ends the previous one.
+    void connect() {
+        peer_.reset();
         peer_.emplace(backend_.accept());
         const std::string request = peer_->accept_upgrade();
         EXPECT_NE(request.find("GET /agent/connect HTTP/1.1\r\n"), std::string::npos);
@@ -62,7 +60,7 @@ class PlatformTest : public testing::Test {
             {"type", "prepare_session"},
             {"session_id", id},
             {"client_id", "someone"},
-            {"encryption_key", base64(kMaster.data(), kMaster.size())},
+            {"encryption_key", kMasterBase64},
             {"session_token_sha256",
              kTokenSha256}}.dump());
     }
@@ -106,6 +104,10 @@ TEST_F(PlatformTest, SessionAfterSessionThroughEveryWayToEnd) {
     EXPECT_EQ(registration_["supported_codecs"], (json{"h264", "hevc"}));
 
     EXPECT_EQ(play("s1").video_key(), derived_video_key());
+    // A link that flaps during a session loses nothing that matters.
+    connect();
+    EXPECT_EQ(next("session_ready")["session_id"], "s1");
+    ASSERT_TRUE(player_->receive_frames(3));
     player_->say("end_session");
     expect_ended("s1", "client_end_session");
 
@@ -133,49 +135,23 @@ TEST_F(PlatformTest, SessionAfterSessionThroughEveryWayToEnd) {
     EXPECT_EQ(agent_->process().wait(kPatience), 0);
     EXPECT_TRUE(agent_->wait_for_log("orvex-agent stopped"));
     EXPECT_EQ(agent_->log().count("agent-secret"), 0U);
-    EXPECT_EQ(agent_->log().count(base64(kMaster.data(), kMaster.size())), 0U);
+    EXPECT_EQ(agent_->log().count(kMasterBase64), 0U);
 }
 
-TEST_F(PlatformTest, OnlyTheNewestPreparedSessionFollowsARunningOne) {
+TEST_F(PlatformTest, OnlyTheNewestPreparedSessionFollowsAndItsWaitCanBeEnded) {
     play("s1");
     prepare("s2");
     prepare("s3");
     ASSERT_TRUE(agent_->wait_for_log("prepare_session id=s3"));
-    ++listening_count_;
     player_->say("end_session");
     expect_ended("s1", "client_end_session");
-    ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", listening_count_));
-    player_.emplace(*agent_);
-    EXPECT_TRUE(player_->receive_frames(1));
-    EXPECT_EQ(next("session_ready")["session_id"], "s3");
-    agent_->process().signal(SIGTERM);
-    expect_ended("s3", "shutdown");
-    EXPECT_EQ(agent_->process().wait(kPatience), 0);
-}
-
-TEST_F(PlatformTest, ALinkThatFlapsDuringASessionLosesNothingThatMatters) {
-    play("s1");
-    peer_.reset();
-    peer_.emplace(backend_.accept());
-    peer_->accept_upgrade();
-    next("register");
-    EXPECT_EQ(next("session_ready")["session_id"], "s1");
-    ASSERT_TRUE(player_->receive_frames(3));
-    player_->say("end_session");
-    expect_ended("s1", "client_end_session");
-    agent_->process().signal(SIGTERM);
-    EXPECT_EQ(agent_->process().wait(kPatience), 0);
-}
-
-TEST_F(PlatformTest, ATerminateOrAShutdownWhileNobodyHasConnectedEndsTheWait) {
-    prepare("s1");
-    ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port"));
-    peer_->send_text(R"({"type":"terminate_session","session_id":"s1"})");
-    expect_ended("s1", "handshake_failed:SESSION_ABORTED");
-    prepare("s2");
     ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", 2));
+    peer_->send_text(R"({"type":"terminate_session","session_id":"s3"})");
+    expect_ended("s3", "handshake_failed:SESSION_ABORTED");
+    prepare("s4");
+    ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", 3));
     agent_->process().signal(SIGTERM);
-    expect_ended("s2", "handshake_failed:SESSION_ABORTED");
+    expect_ended("s4", "handshake_failed:SESSION_ABORTED");
     EXPECT_EQ(agent_->process().wait(kPatience), 0);
 }
 

@@ -14,12 +14,10 @@ Player::Player(const Agent& agent) : Player(agent, Setup{}) {}
 Player::Player(const Agent& agent, const Setup& setup)
     : setup_(setup), control_(agent.control_port(), kPatience) {
     std::string error;
-    const auto codec = setup.codec == 1 ? launcher::Codec::Hevc : launcher::Codec::H264;
-    if (!media_.open(agent.port_base(), error) || !decoder_.open(codec, error)) {
+    if (!media_.open(agent.port_base(), error) || !decoder_.open(launcher::Codec::H264, error)) {
         throw std::runtime_error(error);
     }
     const launcher::AuthRequest request{.token = kToken,
-                                        .codec = setup.codec,
                                         .width = setup.width,
                                         .height = setup.height,
                                         .fps = setup.fps,
@@ -52,9 +50,7 @@ bool Player::receive_until(const std::function<bool()>& done, std::chrono::milli
         });
         receiver_->on_time(steady_now_us());
         take_frames();
-        if (receiver_->take_keyframe_request(steady_now_us()) && setup_.request_keyframes) {
-            say("request_idr");
-        }
+        if (receiver_->take_keyframe_request(steady_now_us())) say("request_idr");
     }
     return true;
 }

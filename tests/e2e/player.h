@@ -24,9 +24,7 @@ class Player {
         int height = 180;
         int fps = 60;
         int bitrate_kbps = 1500;
-        int codec = 0;
         bool probe = true;  ///< punches the hole, so that the agent need not wait for it
-        bool request_keyframes = true;  ///< after losses, as a launcher should
     };
 
     /// One access unit in the order of arrival.
