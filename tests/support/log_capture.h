@@ -41,15 +41,17 @@ class LogCapture {
     }
 
     /// How many lines carry exactly this level and message.
-    [[nodiscard]] int count(std::string_view level, std::string_view message) const {
-        std::string wanted(level);
-        wanted.resize(5, ' ');
-        wanted = "[" + wanted + "] " + std::string(message) + "\n";
+    [[nodiscard]] int count(std::string level, std::string_view message) const {
+        level.resize(5, ' ');
+        return times("[" + level + "] " + std::string(message) + "\n");
+    }
+
+    /// How often `wanted` is in the text.
+    [[nodiscard]] int times(std::string_view wanted) const {
         const std::string all = text();
         int found = 0;
-        for (size_t at = all.find(wanted); at != std::string::npos; at = all.find(wanted, at + 1)) {
+        for (size_t at = 0; (at = all.find(wanted, at)) != std::string::npos; ++at)
             ++found;
-        }
         return found;
     }
 

@@ -2,23 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <vector>
-
-#include "support/log_capture.h"
 
 namespace ox {
 namespace {
 
 constexpr uint32_t kWidth = 64;
 constexpr uint32_t kHeight = 32;
-
-std::vector<uint8_t> flat_picture(uint32_t bgra, uint32_t width, uint32_t height) {
-    std::vector<uint8_t> picture(size_t{width} * height * 4);
-    for (size_t i = 0; i < picture.size(); i += 4)
-        std::memcpy(picture.data() + i, &bgra, 4);
-    return picture;
-}
 
 AvFramePtr make_frame(AVPixelFormat format) {
     AvFramePtr frame(av_frame_alloc());
@@ -45,8 +35,9 @@ TEST(PictureConverter, ColoursComeOutRightByEitherRoad) {
             const AvFramePtr frame = make_frame(format);
             ASSERT_TRUE(converter.ensure_input_ready(kWidth * scale, kHeight * scale));
             for (const auto& [bgra, y, cb, cr] : colours) {
-                const auto picture = flat_picture(bgra, kWidth * scale, kHeight * scale);
-                ASSERT_TRUE(converter.convert(picture.data(), *frame));
+                const std::vector<uint32_t> picture(size_t{kWidth} * kHeight * scale * scale, bgra);
+                const auto* bytes = reinterpret_cast<const uint8_t*>(picture.data());
+                ASSERT_TRUE(converter.convert(bytes, *frame));
                 const bool planar = format == AV_PIX_FMT_YUV420P;
                 for (int i = 0; i < static_cast<int>(kWidth) / 2; ++i) {
                     const int line = 7;

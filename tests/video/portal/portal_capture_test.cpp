@@ -94,14 +94,6 @@ class Portal : public testing::Test {
     RestoreTokenFile token_file_{dir_.file("config/orvex/portal_restore_token")};
 };
 
-size_t times(const std::string& word, const LogCapture& log) {
-    const std::string text = log.text();
-    size_t found = 0;
-    for (size_t at = 0; (at = text.find(word, at)) != std::string::npos; ++at)
-        ++found;
-    return found;
-}
-
 constexpr const char* kNotApproved =
     "PortalCapture: screen sharing was not approved in time. Either approve the dialog once on "
     "this machine, run an X11 session, or capture a dedicated virtual display for unattended "
@@ -147,7 +139,7 @@ TEST_F(Portal, EveryCallThatFailsIsToldAndNothingElseIsAsked) {
         EXPECT_FALSE(capture.init());
         for (const auto& error : errors)
             EXPECT_EQ(log.count("ERROR", error), 1) << log.text();
-        EXPECT_EQ(times("[ERROR]", log), errors.size()) << log.text();
+        EXPECT_EQ(log.times("[ERROR]"), static_cast<int>(errors.size())) << log.text();
         // A dialog that nobody waits for any more, and the session, are closed.
         const size_t sessions = std::string(last_call) == "CreateSession" ? 0 : 1;
         const size_t abandoned = short_limit != nullptr ? 1 : 0;
@@ -193,10 +185,10 @@ TEST_F(Portal, SharesWithWhateverOrderOfAnswersAndRemembersTheToken) {
               std::string("restore token saved (next sessions skip the dialog)"),
               std::string("negotiated 320x180 BGRx"), std::string("PipeWire stream is streaming"),
               "streaming 320x180 (node=" + std::to_string(source.node()) + ")"}) {
-            EXPECT_EQ(times("PortalCapture: " + line + "\n", log), 1U) << log.text();
+            EXPECT_EQ(log.times("PortalCapture: " + line + "\n"), 1) << log.text();
         }
     }
-    EXPECT_EQ(times("the last picture stays", log) + times("[ERROR]", log), 0U) << log.text();
+    EXPECT_EQ(log.times("the last picture stays") + log.times("[ERROR]"), 0) << log.text();
     EXPECT_EQ(token_file_.read(), "first token");
 
     start_portal(source.node(), {"foreign", "token=second token"});
@@ -304,16 +296,16 @@ TEST_F(Portal, WhenTheScreenGoesItsLastPictureStaysAndNothingElseIsShown) {
         return capture.capture_frame(frame) == 0 && SyntheticReference(320, 180).matches(frame);
     };
     EXPECT_TRUE(shows_the_screen());
-    const auto stops = [&] { return times("the last picture stays", log); };
-    EXPECT_EQ(stops(), 0U);
+    const auto stops = [&] { return log.times("the last picture stays"); };
+    EXPECT_EQ(stops(), 0);
     screen.reset();
-    EXPECT_TRUE(eventually([&] { return stops() == 1U; }, kPatience)) << log.text();
+    EXPECT_TRUE(eventually([&] { return stops() == 1; }, kPatience)) << log.text();
     desktop_->kill_portal();
     desktop_->kill_pipewire();
     desktop_->kill_bus();
     EXPECT_FALSE(eventually([&] { return camera.streaming(); }, kShort));
     EXPECT_TRUE(shows_the_screen());
-    EXPECT_EQ(stops(), 1U) << log.text();
+    EXPECT_EQ(stops(), 1) << log.text();
 }
 
 TEST_F(Portal, CancellingEndsEveryWait) {
@@ -349,7 +341,7 @@ TEST_F(Portal, CancellingEndsEveryWait) {
         EXPECT_TRUE(eventually([&] { return ended.load(); }, 2s));
         EXPECT_TRUE(eventually(
             [&] { return desktop_->portal_report().count("Close Request") == dialogs; }));
-        EXPECT_EQ(times("[ERROR]", log), 0U) << log.text();
+        EXPECT_EQ(log.times("[ERROR]"), 0) << log.text();
     }
 }
 
