@@ -115,6 +115,9 @@ TEST_F(Log, LinesThatAFullDiskRefusesDoNotCountTowardsTheRotation) {
     const int64_t before = log_sinks().bytes;
     OX_INFO("lost");
     EXPECT_EQ(log_sinks().bytes, before);
+    log_sinks().bytes = kLimit + 1;
+    OX_INFO("lost too");
+    EXPECT_TRUE(fs::is_symlink(dir_.file("full.log"))) << "a device is not rotated away";
 }
 
 TEST_F(Log, RemovedFolderEndsTheFileSinkOnlyAndTheLevelHoldsForBoth) {

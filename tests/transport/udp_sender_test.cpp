@@ -29,9 +29,9 @@ sockaddr_in endpoint(const char* ip, uint16_t port) {
 /// A launcher's end: a UDP socket on a port of its own.
 class Peer {
   public:
-    explicit Peer(const char* ip = "127.0.0.1", uint16_t wanted_port = 0)
+    explicit Peer(const char* ip = "127.0.0.1")
         : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address = endpoint(ip, wanted_port);
+        sockaddr_in address = endpoint(ip, 0);
         EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
                   0);
         socklen_t size = sizeof address;
