@@ -99,7 +99,8 @@ void expect_the_tone(const Summary& summary, const MediaFile& recording) {
     EXPECT_GT(recorded, stream.frames.delivered * 9 / 10);
     EXPECT_EQ(recording.sound_codec, AV_CODEC_ID_OPUS);
     EXPECT_EQ(recording.sound_times.size(), recorded);
-    EXPECT_TRUE(std::ranges::is_sorted(recording.sound_times, std::ranges::less_equal{}));
+    EXPECT_EQ(std::ranges::adjacent_find(recording.sound_times, std::ranges::greater_equal{}),
+              recording.sound_times.end());
 }
 
 void expect_all_of_a_session(bool lossy) {
@@ -112,7 +113,7 @@ void expect_all_of_a_session(bool lossy) {
         tone = pulse->play_tone("out", 440);
         ASSERT_TRUE(pulse->wait_for_playback());
         setup = {.arguments = {"--audio", "--audio-parity"},
-                 .environment = {"OX_DEBUG_DROP_PCT=15", std::string("HOME=") + std::getenv("HOME"),
+                 .environment = {"OX_DEBUG_DROP_PCT=20", std::string("HOME=") + std::getenv("HOME"),
                                  std::string("XDG_RUNTIME_DIR=") + std::getenv("XDG_RUNTIME_DIR")}};
     }
     Agent agent(setup);

@@ -74,6 +74,7 @@ TEST(Session, IsHeldForItsLauncherAloneWhichGetsFreshKeysAndTheNextFrameNumbers)
     EXPECT_NE(player->video_key(), key);
     ASSERT_TRUE(player->receive_frames(30));
     EXPECT_TRUE(player->frames().front().keyframe);
+    EXPECT_EQ(player->stats().frames_withheld + player->stats().keyframe_requests, 0U);
     EXPECT_GT(player->frames().front().frame_id, last_frame);
     EXPECT_EQ(player->pictures(), player->frames().size());
     EXPECT_EQ(player->stamps().out_of_order + player->stamps().invented, 0U);
