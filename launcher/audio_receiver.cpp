@@ -8,30 +8,10 @@ void AudioReceiver::on_datagram(std::span<const uint8_t> datagram, uint64_t now_
         ++stats_.undecryptable;
         return;
     }
-    if (stats_.packets++ == 0) stats_.first_media_us = now_us;
-    stats_.last_media_us = now_us;
-    count(assembler_.push(packet->header, packet->payload, now_us), *packet);
-}
-
-void AudioReceiver::count(PacketVerdict verdict, const PacketOpener::Packet& packet) {
-    switch (verdict) {
-        case PacketVerdict::Data:
-            ++stats_.data_packets;
-            stats_.data_bytes += packet.payload.size();
-            break;
-        case PacketVerdict::Repair:
-            ++stats_.repair_packets;
-            break;
-        case PacketVerdict::Duplicate:
-            ++stats_.duplicates;
-            break;
-        case PacketVerdict::Late:
-            ++stats_.late;
-            break;
-        case PacketVerdict::Malformed:
-            ++stats_.malformed;
-            break;
-    }
+    stats_.count_arrival(now_us);
+    const PacketVerdict verdict = assembler_.push(packet->header, packet->payload, now_us);
+    stats_.count(verdict);
+    if (verdict == PacketVerdict::Data) stats_.data_bytes += packet->payload.size();
 }
 
 std::optional<AudioFrame> AudioReceiver::next_frame() {

@@ -6,22 +6,14 @@
 
 #include "launcher/audio_assembler.h"
 #include "launcher/jitter_meter.h"
+#include "launcher/packet_counters.h"
 #include "launcher/packet_opener.h"
 
 namespace ox::launcher {
 
 /// What the audio stream has brought so far.
-struct AudioStats {
-    uint64_t packets = 0;  ///< opened with the session's key
-    uint64_t data_packets = 0;
-    uint64_t data_bytes = 0;  ///< of Opus in them
-    uint64_t repair_packets = 0;
-    uint64_t duplicates = 0;
-    uint64_t late = 0;
-    uint64_t malformed = 0;
-    uint64_t undecryptable = 0;   ///< datagrams that the key does not open
-    uint64_t first_media_us = 0;  ///< arrival of the first packet, 0 = none yet
-    uint64_t last_media_us = 0;
+struct AudioStats : PacketCounters {
+    uint64_t data_bytes = 0;      ///< of Opus in the data packets
     uint32_t first_sequence = 0;  ///< of the frames handed out
     uint32_t last_sequence = 0;
     double jitter_ms = 0;
@@ -44,8 +36,6 @@ class AudioReceiver {
     [[nodiscard]] const AudioStats& stats() const { return stats_; }
 
   private:
-    void count(PacketVerdict verdict, const PacketOpener::Packet& packet);
-
     PacketOpener opener_;
     AudioAssembler assembler_;
     JitterMeter jitter_;

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "launcher/packet_counters.h"
 #include "transport/packet_header.h"
 
 namespace ox::launcher {
@@ -22,15 +23,6 @@ struct AssembledFrame {
     uint64_t first_seen = 0;    ///< arrival of its first packet, own steady clock in us
     uint64_t completed = 0;     ///< arrival of the packet that made it whole
     uint64_t lost_before = 0;   ///< frames given up between the previous delivered one and this
-};
-
-/// What became of one packet.
-enum class PacketVerdict : uint8_t {
-    Data,       ///< a data packet that was needed
-    Repair,     ///< a parity packet, needed or not
-    Duplicate,  ///< a data packet whose place is filled or whose frame has been delivered
-    Late,       ///< a data packet of a frame that has been given up
-    Malformed,  ///< a header or a size that no agent sends
 };
 
 /// Counters since the start. Packets count as expected and lost when their frame is delivered or

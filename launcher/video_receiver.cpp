@@ -8,35 +8,11 @@ void VideoReceiver::on_datagram(std::span<const uint8_t> datagram, uint64_t now_
         ++stats_.undecryptable;
         return;
     }
-    if (stats_.packets == 0) {
-        stats_.first_media_us = now_us;
-        gate_.on_start(now_us);
-    }
-    ++stats_.packets;
+    if (stats_.packets == 0) gate_.on_start(now_us);
+    stats_.count_arrival(now_us);
     stats_.bytes += datagram.size();
-    stats_.last_media_us = now_us;
-    count(assembler_.push(packet->header, packet->payload, now_us));
+    stats_.count(assembler_.push(packet->header, packet->payload, now_us));
     stats_.assembly = assembler_.counters();
-}
-
-void VideoReceiver::count(PacketVerdict verdict) {
-    switch (verdict) {
-        case PacketVerdict::Data:
-            ++stats_.data_packets;
-            break;
-        case PacketVerdict::Repair:
-            ++stats_.repair_packets;
-            break;
-        case PacketVerdict::Duplicate:
-            ++stats_.duplicates;
-            break;
-        case PacketVerdict::Late:
-            ++stats_.late;
-            break;
-        case PacketVerdict::Malformed:
-            ++stats_.malformed;
-            break;
-    }
 }
 
 std::optional<AssembledFrame> VideoReceiver::next_frame() {

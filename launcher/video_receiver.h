@@ -8,26 +8,18 @@
 #include "launcher/jitter_meter.h"
 #include "launcher/keyframe_gate.h"
 #include "launcher/lost_range.h"
+#include "launcher/packet_counters.h"
 #include "launcher/packet_opener.h"
 
 namespace ox::launcher {
 
 /// What the video stream has brought so far.
-struct ReceiveStats {
-    uint64_t packets = 0;  ///< opened with the session's key
-    uint64_t bytes = 0;    ///< of their datagrams
-    uint64_t data_packets = 0;
-    uint64_t repair_packets = 0;
-    uint64_t duplicates = 0;
-    uint64_t late = 0;
-    uint64_t malformed = 0;
-    uint64_t undecryptable = 0;  ///< datagrams that the key does not open
+struct ReceiveStats : PacketCounters {
+    uint64_t bytes = 0;  ///< of the opened packets' datagrams
     uint64_t keyframes = 0;
     uint64_t keyframe_requests = 0;  ///< made because of losses
     bool awaiting_keyframe = false;  ///< nothing can be decoded before one
     uint64_t frames_withheld = 0;    ///< arrived whole, but built on a lost one
-    uint64_t first_media_us = 0;     ///< arrival of the first packet, 0 = none yet
-    uint64_t last_media_us = 0;
     double jitter_ms = 0;
     AssemblyCounters assembly;
 };
@@ -69,8 +61,6 @@ class VideoReceiver {
     [[nodiscard]] const ReceiveStats& stats() const { return stats_; }
 
   private:
-    void count(PacketVerdict verdict);
-
     PacketOpener opener_;
     FrameAssembler assembler_;
     KeyframeGate gate_;
