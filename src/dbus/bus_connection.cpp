@@ -5,11 +5,18 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <mutex>
 
 namespace ox {
 namespace {
 
 constexpr std::chrono::milliseconds kSlice{50};  // between two looks at the cancel condition
+
+/// libdbus looks without a lock whether it has been made ready for threads.
+void prepare_for_threads() {
+    static std::once_flag once;
+    std::call_once(once, [] { dbus_threads_init_default(); });
+}
 
 const char* set_variable(const char* name) {
     const char* value = std::getenv(name);
@@ -46,6 +53,7 @@ UniqueFd descriptor_in(DBusMessage& reply) {
 
 bool BusConnection::open(const std::string& address, std::chrono::milliseconds limit,
                          std::string& error) {
+    prepare_for_threads();
     DBusErrorText failure;
     connection_.reset(dbus_connection_open_private(address.c_str(), failure.fill()));
     if (!connection_) {
