@@ -9,11 +9,6 @@ namespace ox::launcher {
 namespace {
 
 constexpr std::chrono::milliseconds kPollPeriod{5};
-constexpr uint64_t kProbePeriodUs = 100'000;
-constexpr uint64_t kSilenceUs = 1'000'000;  // sound that pauses this long may want a new probe
-// Many agents send no sound at all: after this time they are asked less often.
-constexpr uint64_t kEagerUs = 5'000'000;
-constexpr uint64_t kPatientPeriodUs = 1'000'000;
 
 }  // namespace
 
@@ -38,10 +33,9 @@ AudioSnapshot AudioWorker::snapshot() const {
 }
 
 void AudioWorker::run(const std::stop_token& stop) {
-    first_probe_us_ = steady_now_us();
     bool broken = false;
     while (!stop.stop_requested() && !broken) {
-        probe_if_silent(steady_now_us());
+        if (probes_.due(steady_now_us(), receiver_.stats().last_media_us)) socket_.send_probe();
         broken = !socket_.receive(kPollPeriod, [this](std::span<const uint8_t> datagram) {
             receiver_.on_datagram(datagram, steady_now_us());
             take_frames();
@@ -50,14 +44,6 @@ void AudioWorker::run(const std::stop_token& stop) {
         take_frames();
         publish();
     }
-}
-
-void AudioWorker::probe_if_silent(uint64_t now_us) {
-    const uint64_t last_media = receiver_.stats().last_media_us;
-    if (now_us < next_probe_us_ || (last_media != 0 && now_us < last_media + kSilenceUs)) return;
-    const bool eager = now_us < first_probe_us_ + kEagerUs;
-    next_probe_us_ = now_us + (eager ? kProbePeriodUs : kPatientPeriodUs);
-    socket_.send_probe();
 }
 
 void AudioWorker::take_frames() {

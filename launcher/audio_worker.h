@@ -9,6 +9,7 @@
 #include "launcher/audio_decoder.h"
 #include "launcher/audio_receiver.h"
 #include "launcher/media_socket.h"
+#include "launcher/probe_timer.h"
 #include "launcher/tone_meter.h"
 
 namespace ox::launcher {
@@ -48,7 +49,6 @@ class AudioWorker {
 
   private:
     void run(const std::stop_token& stop);
-    void probe_if_silent(uint64_t now_us);
     void take_frames();
     void publish();
 
@@ -57,8 +57,9 @@ class AudioWorker {
     AudioDecoder decoder_;
     ToneMeter meter_;
     FrameSink sink_;
-    uint64_t first_probe_us_ = 0;
-    uint64_t next_probe_us_ = 0;
+    // Many agents send no sound at all.
+    static constexpr uint64_t kEagerProbesUs = 5'000'000;
+    ProbeTimer probes_{kEagerProbesUs};
     mutable std::mutex mutex_;
     AudioSnapshot snapshot_;  ///< guarded by mutex_
     std::jthread thread_;

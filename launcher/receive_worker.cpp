@@ -9,8 +9,6 @@ namespace ox::launcher {
 namespace {
 
 constexpr std::chrono::milliseconds kPollPeriod{5};
-constexpr uint64_t kProbePeriodUs = 100'000;
-constexpr uint64_t kSilenceUs = 1'000'000;  // media that pauses this long may want a new probe
 
 }  // namespace
 
@@ -39,7 +37,7 @@ ReceiveSnapshot ReceiveWorker::snapshot() const {
 void ReceiveWorker::run(const std::stop_token& stop) {
     bool broken = false;
     while (!stop.stop_requested() && !broken) {
-        probe_if_silent(steady_now_us());
+        if (probes_.due(steady_now_us(), receiver_.stats().last_media_us)) socket_.send_probe();
         broken = !socket_.receive(kPollPeriod, [this](std::span<const uint8_t> datagram) {
             receiver_.on_datagram(datagram, steady_now_us());
             hand_out_frames();
@@ -55,13 +53,6 @@ void ReceiveWorker::run(const std::stop_token& stop) {
                      .queue_drops = queue_drops_,
                      .broken = broken};
     }
-}
-
-void ReceiveWorker::probe_if_silent(uint64_t now_us) {
-    const uint64_t last_media = receiver_.stats().last_media_us;
-    if (now_us < next_probe_us_ || (last_media != 0 && now_us < last_media + kSilenceUs)) return;
-    next_probe_us_ = now_us + kProbePeriodUs;
-    socket_.send_probe();
 }
 
 void ReceiveWorker::hand_out_frames() {

@@ -8,6 +8,7 @@
 
 #include "launcher/frame_queue.h"
 #include "launcher/media_socket.h"
+#include "launcher/probe_timer.h"
 #include "launcher/video_receiver.h"
 
 namespace ox::launcher {
@@ -44,14 +45,13 @@ class ReceiveWorker {
 
   private:
     void run(const std::stop_token& stop);
-    void probe_if_silent(uint64_t now_us);
     void hand_out_frames();
 
     MediaSocket& socket_;
     FrameQueue& queue_;
     VideoReceiver receiver_;        ///< receiving thread
     RequestSink request_keyframe_;  ///< receiving thread
-    uint64_t next_probe_us_ = 0;    ///< receiving thread
+    ProbeTimer probes_;             ///< receiving thread
     uint64_t queue_drops_ = 0;      ///< receiving thread
     mutable std::mutex mutex_;
     ReceiveSnapshot snapshot_;  ///< guarded by mutex_
