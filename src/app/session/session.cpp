@@ -1,7 +1,5 @@
 #include "app/session/session.h"
 
-#include <malloc.h>
-
 #include <algorithm>
 
 #include "app/process_flags.h"
@@ -9,6 +7,7 @@
 #include "app/session/session_board.h"
 #include "app/session/session_state.h"
 #include "app/session/stream_settings.h"
+#include "base/memory_trim.h"
 #include "base/sleep.h"
 #include "log/log.h"
 #include "saas/saas_connector.h"
@@ -234,6 +233,7 @@ std::string Session::run(std::atomic<unsigned>& streamed_seconds_out) {
     use_minimal_timer_slack();
     std::string reason = set_up();
     if (reason.empty()) {
+        trim_memory();
         reason = end_reason(stream_frames());
         streamed_seconds_out = static_cast<unsigned>(streamed_seconds());
         log_summary(reason);
@@ -247,7 +247,7 @@ std::string run_session(const Options& options, const SessionRequest& request,
     std::string reason = Session(options, request).run(streamed_seconds);
     // The agent idles for hours between sessions: what pictures and encoder took goes back to the
     // games.
-    ::malloc_trim(0);
+    trim_memory();
     return reason;
 }
 
