@@ -6,25 +6,30 @@
 # scene. docs/performance.md tells how it is measured. Needs an otherwise idle machine and
 # `scripts/setup.sh --bench`.
 #
-#   bench/compare_pipelines.sh [--size WxH] [--fps N] [--bitrate KBPS] [--rounds N]
-#                              [--warm-up S] [--window S] [--still] [--agent-only]
+#   bench/compare_pipelines.sh [--size WxH] [--fps N] [--still] [--matrix] [--bitrate KBPS]
+#                              [--rounds N] [--warm-up S] [--window S] [--agent-only]
+#                              [--results FILE]
 #
 # --still shows a scene that does not move, but for the strip that the latency is read from.
+# --matrix runs 1280x720 and 1920x1080, 30 and 60 fps, moving and still, one after the other.
 # --agent-only leaves the ready-made tools out: the agent's CPU per streamed frame, x264's share of
 # it, and the time from a capture to its last datagram.
+# --results keeps the figures of every round, for bench/plot_comparison.sh.
 #
 # Defaults: 1920x1080 at 60 fps, 15000 kbit/s, 3 rounds of 3 s warm-up and 10 s window each.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-size=1920x1080 fps=60 bitrate=15000 rounds=3 warm_up=3 window=10
-peers=(ffmpeg ffmpeg-srtp gstreamer gstreamer-srtp) still=false
+size=1920x1080 fps=60 scene=moving matrix=false results=
+bitrate=15000 rounds=3 warm_up=3 window=10
+peers=(ffmpeg ffmpeg-srtp gstreamer gstreamer-srtp)
 while [ $# -gt 0 ]; do
   case "$1" in
-    -h | --help) sed -n '2,17s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    -h | --help) sed -n '2,21s/^# \{0,1\}//p' "$0"; exit 0 ;;
     --agent-only) peers=() ;;
-    --still) still=true ;;
-    --size | --fps | --bitrate | --rounds | --warm-up | --window)
+    --still) scene=still ;;
+    --matrix) matrix=true ;;
+    --size | --fps | --bitrate | --rounds | --warm-up | --window | --results)
       [ $# -ge 2 ] || { echo "compare_pipelines.sh: $1 needs a value" >&2; exit 2; }
       name=${1#--}
       printf -v "${name//-/_}" %s "$2"
@@ -49,35 +54,46 @@ scripts/build.sh release orvex-agent pipeline_probe x_painter x264_alone >/dev/n
 bin=$PWD/build/release
 
 scratch=$(mktemp -d)
+results=${results:-$scratch/results}
+: >"$results"
 started=()
-cleanup() {
+stop_started() {
   [ ${#started[@]} -eq 0 ] || kill "${started[@]}" 2>/dev/null || true
   wait 2>/dev/null || true
+  started=()
+}
+cleanup() {
+  stop_started
   rm -rf "$scratch"
 }
 trap cleanup EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM HUP
 
-mkfifo "$scratch/display"
-Xvfb -displayfd 3 -screen 0 "${size}x24" -noreset -nolisten tcp 3<>"$scratch/display" \
-  >/dev/null 2>&1 &
-started+=($!)
-read -r -t 20 number <"$scratch/display"
-display=:$number
-painted_fps=$fps
-! $still || painted_fps=0
-"$bin/bench/x_painter" "$display" "$painted_fps" >"$scratch/painter" &
-started+=($!)
-for _ in {1..200}; do
-  grep -qs painting "$scratch/painter" && break
-  sleep 0.1
-done
-grep -q painting "$scratch/painter" || { echo "compare_pipelines.sh: no painter" >&2; exit 1; }
+# Starts an X server of $size with the painter of $scene.
+start_screen() {
+  local number painted_fps=$fps
+  [ "$scene" = moving ] || painted_fps=0
+  rm -f "$scratch/display"
+  mkfifo "$scratch/display"
+  Xvfb -displayfd 3 -screen 0 "${size}x24" -noreset -nolisten tcp 3<>"$scratch/display" \
+    >/dev/null 2>&1 &
+  started+=($!)
+  read -r -t 20 number <"$scratch/display"
+  display=:$number
+  "$bin/bench/x_painter" "$display" "$painted_fps" >"$scratch/painter" &
+  started+=($!)
+  for _ in {1..200}; do
+    grep -qs painting "$scratch/painter" && return
+    sleep 0.1
+  done
+  echo "compare_pipelines.sh: no painter" >&2
+  exit 1
+}
 
 port=$((20000 + RANDOM % 1200 * 10))
 buffer_ms=125 # an eighth of a second of data, as the agent's encoder has it
-keyframe_distance=$((30 * fps))
+keyframe_s=30
 SRTP_KEY=$(od -An -N30 -tx1 /dev/urandom | tr -d ' \n')
 export SRTP_KEY
 probe() { "$bin/bench/pipeline_probe" "$1" "$port" "$size" "$fps" "$bitrate" "$warm_up" "$window" "${@:2}"; }
@@ -101,7 +117,7 @@ ffmpeg_to() {
     -framerate "$fps" -video_size "$size" -i "$display" -c:v libx264 -preset ultrafast
     -tune zerolatency -thread_type slice -sws_flags fast_bilinear -pix_fmt yuv420p
     -b:v "${bitrate}k" -maxrate "${bitrate}k" -bufsize $((bitrate * buffer_ms)) -bf 0
-    -g "$keyframe_distance" -flush_packets 1 "$@")
+    -g $((keyframe_s * fps)) -flush_packets 1 "$@")
 }
 run_ffmpeg() {
   ffmpeg_to -f rtp "rtp://127.0.0.1:$port?pkt_size=1200"
@@ -119,7 +135,7 @@ gstreamer_to() {
   gstreamer_command=(gst-launch-1.0 -q ximagesrc display-name="$display" use-damage=false
     show-pointer=false ! "video/x-raw,framerate=$fps/1" ! videoconvert ! video/x-raw,format=I420
     ! x264enc tune=zerolatency speed-preset=ultrafast pass=cbr bitrate="$bitrate"
-    vbv-buf-capacity="$buffer_ms" bframes=0 key-int-max="$keyframe_distance"
+    vbv-buf-capacity="$buffer_ms" bframes=0 key-int-max=$((keyframe_s * fps))
     ! rtph264pay mtu="$1" config-interval=-1 aggregate-mode=zero-latency "${@:2}"
     ! udpsink host=127.0.0.1 port="$port" sync=false async=false)
 }
@@ -133,52 +149,29 @@ run_gstreamer-srtp() {
 }
 run_x264() { "$bin/bench/x264_alone" "$display" "$fps" "$bitrate" "$warm_up" "$window"; }
 
-echo "$size at $fps fps, $bitrate kbit/s; $(nproc) cores; $rounds rounds of $window s"
-for round in $(seq "$rounds"); do
-  for pipeline in agent "${peers[@]}" x264; do
-    result=$("run_$pipeline")
-    printf 'round %d  %-14s  %s\n' "$round" "$pipeline" "$result"
-    echo "$pipeline $result" >>"$scratch/results"
+# One row per run: size, fps, scene, round, pipeline, then name=value pairs.
+compare() {
+  local round pipeline result
+  start_screen
+  for round in $(seq "$rounds"); do
+    for pipeline in agent "${peers[@]}" x264; do
+      result=$("run_$pipeline")
+      echo "$size $fps $scene $round $pipeline $result" | tee -a "$results"
+    done
   done
-done
+  stop_started
+}
 
-awk -v peers="${peers[*]}" '
-  {
-    for (i = 2; i <= NF; i++) {
-      split($i, pair, "=")
-      values[$1, pair[1], ++count[$1, pair[1]]] = pair[2]
-    }
-  }
-  function median(who, what,    n, i, j, t, v) {
-    n = count[who, what]
-    if (n == 0) return 0
-    for (i = 1; i <= n; i++) v[i] = values[who, what, i] + 0
-    for (i = 2; i <= n; i++)
-      for (j = i; j > 1 && v[j - 1] > v[j]; j--) { t = v[j]; v[j] = v[j - 1]; v[j - 1] = t }
-    return n % 2 ? v[(n + 1) / 2] : (v[n / 2] + v[n / 2 + 1]) / 2
-  }
-  END {
-    printf "\n%-14s %12s %10s %10s %10s %8s\n", "medians", "CPU ms/frame", "p50 ms", "p99 ms", "peak MB", "fps"
-    n = split("agent " peers, who, " ")
-    for (k = 1; k <= n; k++)
-      printf "%-14s %12.2f %10.1f %10.1f %10.0f %8.1f\n", who[k], median(who[k], "cpu_ms"),
-        median(who[k], "p50_ms"), median(who[k], "p99_ms"), median(who[k], "rss_mb"), median(who[k], "fps")
-    printf "%-14s %12.2f\n\n", "x264 alone", median("x264", "cpu_ms")
-    printf "capture to last datagram of the agent  p50 %.1f ms, p99 %.1f ms\n",
-      median("agent", "wire_p50_ms"), median("agent", "wire_p99_ms")
-    printf "share of x264 in the CPU of the agent  %.0f %%\n",
-      100 * median("x264", "cpu_ms") / median("agent", "cpu_ms")
-    n = split("x264 " peers, other, " ")
-    printf "\nagent / ...       CPU, median and spread of the rounds    latency p50\n"
-    for (k = 1; k <= n; k++) {
-      low = 1e9; high = 0
-      for (i = 1; i <= count["agent", "cpu_ms"]; i++) {
-        ratio = values["agent", "cpu_ms", i] / values[other[k], "cpu_ms", i]
-        if (ratio < low) low = ratio
-        if (ratio > high) high = ratio
-      }
-      printf "  %-14s  %.2f (%.2f to %.2f)", other[k], median("agent", "cpu_ms") / median(other[k], "cpu_ms"), low, high
-      if (k > 1) printf "                    %.2f", median("agent", "p50_ms") / median(other[k], "p50_ms")
-      printf "\n"
-    }
-  }' "$scratch/results"
+echo "$bitrate kbit/s; $(nproc) cores; $rounds rounds of $window s"
+if $matrix; then
+  for size in 1280x720 1920x1080; do
+    for fps in 30 60; do
+      for scene in moving still; do
+        compare
+      done
+    done
+  done
+else
+  compare
+fi
+awk -f bench/comparison.awk "$results"

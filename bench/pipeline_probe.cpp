@@ -1,5 +1,6 @@
 // Runs one sender of the pipeline comparison, receives and decodes what it sends, and measures it
-// over a window after a warm-up. The sender's picture carries the painter's time strip.
+// over a window after a warm-up, bursts from the start. The sender's picture carries the painter's
+// time strip.
 //
 //   pipeline_probe agent PORT-BASE WxH FPS KBPS WARM-UP-S WINDOW-S COMMAND...
 //   pipeline_probe rtp   PORT      WxH FPS KBPS WARM-UP-S WINDOW-S COMMAND...
@@ -26,6 +27,7 @@
 
 #include "base/clock.h"
 #include "base/sleep.h"
+#include "burst_meter.h"
 #include "launcher/control_client.h"
 #include "launcher/control_messages.h"
 #include "launcher/latency_histogram.h"
@@ -61,25 +63,40 @@ class Source {
     virtual void start() = 0;
     virtual void receive(const Sink& sink) = 0;
     [[nodiscard]] virtual uint64_t lost() const = 0;
+    [[nodiscard]] size_t largest_burst() const { return burst_.largest(); }
+
+  protected:
+    void open_socket(uint16_t port) {
+        std::string error;
+        if (!socket_.open(port, error)) throw std::runtime_error(error);
+        socket_.note_arrival_times();
+    }
+    /// Hands over what comes within `kPoll`.
+    void receive_datagrams(const launcher::MediaSocket::Sink& sink) {
+        socket_.receive(kPoll, [&](std::span<const uint8_t> datagram) {
+            burst_.add(socket_.arrival_ns(), datagram.size());
+            sink(datagram);
+        });
+    }
+
+    launcher::MediaSocket socket_;
+
+  private:
+    static constexpr std::chrono::milliseconds kPoll{5};
+
+    BurstMeter burst_;
 };
-
-constexpr std::chrono::milliseconds kPoll{5};
-
-void open_socket(launcher::MediaSocket& socket, uint16_t port) {
-    std::string error;
-    if (!socket.open(port, error)) throw std::runtime_error(error);
-}
 
 class RtpSource final : public Source {
   public:
     /// With a key (hex) the packets are SRTP's.
     explicit RtpSource(uint16_t port, const std::optional<std::string>& key) {
-        open_socket(socket_, port);
+        open_socket(port);
         if (key) opener_.emplace(*key);
     }
     void start() override {}
     void receive(const Sink& sink) override {
-        socket_.receive(kPoll, [&](std::span<const uint8_t> datagram) {
+        receive_datagrams([&](std::span<const uint8_t> datagram) {
             if (opener_) datagram = opener_->open(datagram);
             if (auto unit = units_.push(datagram)) {
                 launcher::AssembledFrame frame;
@@ -91,14 +108,13 @@ class RtpSource final : public Source {
     [[nodiscard]] uint64_t lost() const override { return units_.lost(); }
 
   private:
-    launcher::MediaSocket socket_;
     std::optional<SrtpOpener> opener_;
     RtpH264 units_;
 };
 
 class AgentSource final : public Source {
   public:
-    explicit AgentSource(const Plan& plan) : plan_(plan) { open_socket(socket_, plan.port); }
+    explicit AgentSource(const Plan& plan) : plan_(plan) { open_socket(plan.port); }
     void start() override {
         const char* token = std::getenv("ORVEX_TOKEN");
         const launcher::AuthRequest request{.token = token != nullptr ? token : "",
@@ -118,7 +134,7 @@ class AgentSource final : public Source {
     }
     void receive(const Sink& sink) override {
         if (receiver_->stats().packets == 0) socket_.send_probe();
-        socket_.receive(kPoll, [&](std::span<const uint8_t> datagram) {
+        receive_datagrams([&](std::span<const uint8_t> datagram) {
             receiver_->on_datagram(datagram, steady_now_us());
             hand_out(sink);
         });
@@ -139,7 +155,6 @@ class AgentSource final : public Source {
     }
 
     const Plan plan_;
-    launcher::MediaSocket socket_;
     launcher::ControlClient control_;
     std::optional<launcher::VideoReceiver> receiver_;
 };
@@ -171,7 +186,7 @@ class Measurement {
     [[nodiscard]] double seconds() const {
         return std::chrono::duration<double>(SteadyClock::now() - begin_).count();
     }
-    void print(uint64_t lost_packets) const {
+    void print(const Source& source) const {
         const double time = seconds();
         const auto cpu = static_cast<double>((sender_.cpu_time() - cpu_).count());
         const auto frames = static_cast<double>(frames_);
@@ -180,10 +195,11 @@ class Measurement {
         };
         std::printf(
             "frames=%llu fps=%.1f cpu_ms=%.3f p50_ms=%.1f p99_ms=%.1f wire_p50_ms=%.1f "
-            "wire_p99_ms=%.1f rss_mb=%.0f lost=%llu unreadable=%llu\n",
+            "wire_p99_ms=%.1f rss_mb=%.1f burst_kb=%.0f lost=%llu unreadable=%llu\n",
             static_cast<unsigned long long>(frames_), frames / time, cpu / frames, ms(latency_, 50),
             ms(latency_, 99), ms(wire_, 50), ms(wire_, 99), peak_resident_mb(),
-            static_cast<unsigned long long>(lost_packets),
+            static_cast<double>(source.largest_burst()) / 1000,
+            static_cast<unsigned long long>(source.lost()),
             static_cast<unsigned long long>(unreadable_));
     }
     [[nodiscard]] uint64_t frames() const { return frames_; }
@@ -253,7 +269,7 @@ int run(const Plan& plan) {
         std::fprintf(stderr, "pipeline_probe: the stream stopped\n");
         return 1;
     }
-    measurement->print(source->lost());
+    measurement->print(*source);
     sender.signal(SIGINT);
     if (!sender.wait(std::chrono::seconds(5))) sender.signal(SIGKILL);
     return 0;

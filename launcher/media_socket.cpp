@@ -43,6 +43,11 @@ bool MediaSocket::open(uint16_t port, std::string& error) {
     return true;
 }
 
+void MediaSocket::note_arrival_times() {
+    const int on = 1;
+    ::setsockopt(socket_.get(), SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
+}
+
 uint16_t MediaSocket::port() const {
     sockaddr_in local{};
     socklen_t size = sizeof local;
@@ -73,20 +78,26 @@ bool MediaSocket::receive(std::chrono::milliseconds timeout, const Sink& sink) {
         const int got = ::recvmmsg(socket_.get(), messages_.data(), kBatch, 0, nullptr);
         if (got < 0) return errno == EAGAIN || errno == EINTR || errno == ECONNREFUSED;
         for (size_t i = 0; i < static_cast<size_t>(got); ++i) {
-            note_drops(messages_[i].msg_hdr);
+            read_control(messages_[i].msg_hdr);
             sink({bytes_[i].data(), messages_[i].msg_len});
         }
         if (static_cast<size_t>(got) < kBatch) return true;
     }
 }
 
-void MediaSocket::note_drops(msghdr& message) {
+void MediaSocket::read_control(msghdr& message) {
     for (cmsghdr* item = CMSG_FIRSTHDR(&message); item != nullptr;
          item = CMSG_NXTHDR(&message, item)) {
-        if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SO_RXQ_OVFL) continue;
-        uint32_t drops = 0;
-        std::memcpy(&drops, CMSG_DATA(item), sizeof drops);
-        kernel_drops_ = drops;
+        if (item->cmsg_level != SOL_SOCKET) continue;
+        if (item->cmsg_type == SO_RXQ_OVFL) {
+            uint32_t drops = 0;
+            std::memcpy(&drops, CMSG_DATA(item), sizeof drops);
+            kernel_drops_ = drops;
+        } else if (item->cmsg_type == SCM_TIMESTAMPNS) {
+            timespec time{};
+            std::memcpy(&time, CMSG_DATA(item), sizeof time);
+            arrival_ns_ = int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+        }
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <time.h>
 
 #include <array>
 #include <chrono>
@@ -34,6 +35,12 @@ class MediaSocket {
     /// Sends one probe. Failures do not matter: the next one follows.
     void send_probe();
 
+    /// Asks the kernel to note when each datagram came. Once open.
+    void note_arrival_times();
+    /// When the datagram last handed out came, by the kernel's real-time clock, in nanoseconds; 0
+    /// unless asked for.
+    [[nodiscard]] int64_t arrival_ns() const { return arrival_ns_; }
+
     /// Waits up to `timeout` for datagrams and hands all that are there to `sink`, one by one, each
     /// for the length of the call. False when the socket is broken.
     bool receive(std::chrono::milliseconds timeout, const Sink& sink);
@@ -45,16 +52,19 @@ class MediaSocket {
     static constexpr size_t kBatch = 64;
     static constexpr size_t kSlotBytes = 1536;  // above any datagram of an agent
 
-    void note_drops(msghdr& message);
+    static constexpr size_t kControlBytes =
+        CMSG_SPACE(sizeof(uint32_t)) + CMSG_SPACE(sizeof(timespec));
+
+    void read_control(msghdr& message);
 
     UniqueFd socket_;
     sockaddr_in agent_{};
     uint64_t kernel_drops_ = 0;
+    int64_t arrival_ns_ = 0;
     std::array<mmsghdr, kBatch> messages_{};
     std::array<iovec, kBatch> slots_{};
     std::array<std::array<uint8_t, kSlotBytes>, kBatch> bytes_{};
-    alignas(
-        cmsghdr) std::array<std::array<uint8_t, CMSG_SPACE(sizeof(uint32_t))>, kBatch> control_{};
+    alignas(cmsghdr) std::array<std::array<uint8_t, kControlBytes>, kBatch> control_{};
 };
 
 }  // namespace ox::launcher
