@@ -13,7 +13,8 @@
         if (!(condition)) std::abort(); \
     } while (false)
 
-extern "C" inline int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+// Without the attribute the compiler leaves it out: nothing in the target itself calls it.
+extern "C" __attribute__((used)) inline int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     ox::log_level() = static_cast<int>(ox::LogLevel::ERROR) + 1;
     return 0;
 }

@@ -5,6 +5,7 @@
 #include <spa/param/param.h>
 #include <spa/param/video/format-utils.h>
 #include <spa/pod/builder.h>
+#include <spa/pod/parser.h>
 
 namespace ox::portal {
 namespace {
@@ -58,17 +59,24 @@ const spa_pod* wanted_buffers(ParamMemory& memory) {
 std::optional<PictureSize> agreed_size(const spa_pod& format) {
     uint32_t type = 0;
     uint32_t subtype = 0;
-    spa_video_info_raw info{};
-    if (spa_format_parse(&format, &type, &subtype) < 0 || type != SPA_MEDIA_TYPE_video ||
-        subtype != SPA_MEDIA_SUBTYPE_raw || spa_format_video_raw_parse(&format, &info) < 0) {
+    uint32_t layout = 0;  // as a number: it may be one that the enumeration does not hold
+    spa_rectangle size{};
+    spa_pod_parser parser{};
+    spa_pod_frame object{};
+    spa_pod_parser_pod(&parser, &format);
+    if (spa_pod_parser_push_object(&parser, &object, SPA_TYPE_OBJECT_Format, nullptr) < 0 ||
+        spa_pod_parser_get(&parser, SPA_FORMAT_mediaType, SPA_POD_Id(&type),
+                           SPA_FORMAT_mediaSubtype, SPA_POD_Id(&subtype), SPA_FORMAT_VIDEO_format,
+                           SPA_POD_Id(&layout), SPA_FORMAT_VIDEO_size, SPA_POD_Rectangle(&size),
+                           0) < 0) {
         return std::nullopt;
     }
-    const auto [width, height] = info.size;
-    if (info.format != SPA_VIDEO_FORMAT_BGRx || width == 0 || height == 0 || width > kMaxSide ||
-        height > kMaxSide) {
+    if (type != SPA_MEDIA_TYPE_video || subtype != SPA_MEDIA_SUBTYPE_raw ||
+        layout != SPA_VIDEO_FORMAT_BGRx || size.width == 0 || size.height == 0 ||
+        size.width > kMaxSide || size.height > kMaxSide) {
         return std::nullopt;
     }
-    return PictureSize{width, height};
+    return PictureSize{size.width, size.height};
 }
 
 std::optional<MappedPicture> picture_in(const spa_data& block, PictureSize size) {
