@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The agent over many sessions: descriptors, threads, child processes and memory must not grow.
 # First whole sessions one after the other, then one session whose launcher is lost and comes back
-# again and again, then one long session.
+# again and again, then one long rented session (a minute or more) beside a backend that breaks its connection every few
+# seconds.
 #
 #   bench/soak.sh [--sessions N] [--reconnects N] [--minutes N] [agent option ...]
 #
@@ -13,7 +14,7 @@ cd "$(dirname "$0")/.."
 sessions=100 reconnects=100 minutes=1
 while [ $# -gt 0 ]; do
   case "$1" in
-    -h | --help) sed -n '2,9s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    -h | --help) sed -n '2,10s/^# \{0,1\}//p' "$0"; exit 0 ;;
     --sessions) sessions=$2; shift 2 ;;
     --reconnects) reconnects=$2; shift 2 ;;
     --minutes) minutes=$2; shift 2 ;;
@@ -22,20 +23,27 @@ while [ $# -gt 0 ]; do
 done
 
 scripts/build.sh release orvex-agent orvex-launcher >/dev/null
-base=$((30000 + RANDOM % 20000))
 folder=$(mktemp -d)
 ORVEX_TOKEN=soak-$RANDOM$RANDOM
 export ORVEX_TOKEN
-OX_TUI=plain OX_LOG_FILE=$folder/agent.log build/release/src/app/orvex-agent --capture synthetic \
-  --port-base "$base" --reconnect-grace 30 \
-  --token-sha256 "$(printf %s "$ORVEX_TOKEN" | sha256sum | cut -c1-64)" "$@" >"$folder/screen" &
-agent=$!
+token_sha256=$(printf %s "$ORVEX_TOKEN" | sha256sum | cut -c1-64)
+started=()
 cleanup() {
-  kill "$agent" 2>/dev/null || true
-  wait "$agent" 2>/dev/null || true
+  [ ${#started[@]} -eq 0 ] || kill "${started[@]}" 2>/dev/null || true
+  wait 2>/dev/null || true
   rm -rf "$folder"
 }
 trap cleanup EXIT
+
+# start_agent OPTION...: its process id is then in $agent, its port base in $base.
+start_agent() {
+  base=$((30000 + RANDOM % 20000))
+  OX_TUI=plain OX_LOG_FILE=$folder/agent.log build/release/src/app/orvex-agent \
+    --capture synthetic --port-base "$base" --reconnect-grace 30 "$@" >>"$folder/screen" &
+  agent=$!
+  started+=("$agent")
+  sleep 1
+}
 
 # launch SECONDS [OPTION...]: one launcher; waits for the port while the agent comes back to it.
 launch() {
@@ -70,6 +78,15 @@ lowest() {
   done | sort -n -k4 | head -1
 }
 
+# highest: of twenty measurements, one a second, the most of each: the backend comes and goes.
+highest() {
+  for _ in {1..20}; do
+    measure
+    sleep 1
+  done | awk '{ for (i = 1; i <= NF; i++) if ($i > most[i]) most[i] = $i }
+    END { for (i = 1; i <= NF; i++) printf "%s ", most[i] }'
+}
+
 failed=0
 row() { printf '%-24s %6s %8s %9s %9s %8s\n' "$@"; }
 # compare NAME BEFORE AFTER: what counts may not grow, memory by no more than 2 MB.
@@ -86,7 +103,7 @@ compare() {
   [ $((to[3] - from[3])) -le 2048 ] || failed=1
 }
 
-sleep 1
+start_agent --token-sha256 "$token_sha256" "$@"
 row "" fds threads children "RSS kB" "heap kB"
 before=$(lowest)
 for _ in $(seq "$sessions"); do launch 0.3; done
@@ -96,14 +113,27 @@ before=$(lowest --no-end)
 for _ in $(seq "$reconnects"); do launch 0.3 --no-end; done
 compare "$reconnects reconnects" "$before" "$(lowest --no-end)"
 
+kill "$agent"
+
+/usr/bin/python3 bench/flapping_backend.py "$token_sha256" >"$folder/backend" &
+backend=$!
+started+=("$backend")
+for _ in {1..50}; do
+  [ -s "$folder/backend" ] && break
+  sleep 0.1
+done
+start_agent --saas-url "ws://127.0.0.1:$(head -1 "$folder/backend")" --token soak "$@"
 launch $((minutes * 60)) &
 long=$!
-sleep 10
-before=$(measure)
-sleep $((minutes * 60 - 15))
-after=$(measure)
+sleep 5
+before=$(highest)
+sleep $((minutes * 60 - 50))
+after=$(highest)
 wait "$long"
 compare "$minutes min session" "$before" "$after"
+kill "$backend"
+wait "$backend" || true
+echo "beside a backend of $(tail -1 "$folder/backend")"
 
 grep -cE '\[(ERROR)\]' "$folder/agent.log" | sed 's/^/error lines in the log: /' || true
 if [ "$failed" -ne 0 ]; then
