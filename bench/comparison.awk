@@ -1,6 +1,7 @@
 # Sums up the rows of compare_pipelines.sh: the median of the rounds of each figure, then the agent's
 # ratios to the others. A ratio is taken within each round, whose runs met the same disturbances; the
-# median and the spread of the rounds are shown.
+# median and the spread of the rounds are shown. With -v table=NAME instead one row per setting with
+# the median, least and greatest of that figure for each sender, for plotting.
 {
   setting = $1 " @ " $2 " " $3
   if (!(setting in known)) { known[setting]; settings[++setting_count] = setting }
@@ -31,7 +32,25 @@ function ratio(setting, other, what,    r, n, list, middle) {
   middle = median_of(list, n)
   return sprintf("%.2f (%.2f-%.2f)", middle, list[1], list[n])
 }
+function spread(setting, who, what,    r, n, list, middle) {
+  n = rounds[setting]
+  for (r = 1; r <= n; r++) list[r] = value[setting, who, what, r]
+  middle = median_of(list, n)
+  return middle " " list[1] " " list[n]
+}
+function print_table(    s, k) {
+  printf "setting"
+  for (k = 1; k <= name_count; k++) if (names[k] != "x264") printf " %s low high", names[k]
+  printf "\n"
+  for (s = 1; s <= setting_count; s++) {
+    printf "\"%s\"", settings[s]
+    for (k = 1; k <= name_count; k++)
+      if (names[k] != "x264") printf " %s", spread(settings[s], names[k], table)
+    printf "\n"
+  }
+}
 END {
+  if (table) { print_table(); exit }
   for (s = 1; s <= setting_count; s++) {
     setting = settings[s]
     printf "\n%s\n  %-16s %12s %6s %8s %8s %8s %10s\n", setting, "medians", "CPU ms/frame", "fps",
@@ -44,8 +63,9 @@ END {
         median(setting, names[k], "rss_mb"), median(setting, names[k], "burst_kb")
     }
     printf "  %-16s %12.2f\n", "x264 alone", median(setting, "x264", "cpu_ms")
-    printf "  the agent, capture to last datagram: p50 %.1f ms, p99 %.1f ms\n",
-      median(setting, "agent", "wire_p50_ms"), median(setting, "agent", "wire_p99_ms")
+    printf "  the agent, capture to last datagram: p50 %.1f ms, p99 %.1f ms; x264 alone: p50 %.1f ms\n",
+      median(setting, "agent", "wire_p50_ms"), median(setting, "agent", "wire_p99_ms"),
+      median(setting, "x264", "encode_p50_ms")
     printf "  %-16s %-20s %-20s %-20s\n", "agent / ...", "CPU", "latency p50", "memory"
     for (k = 1; k <= name_count; k++) {
       if (names[k] == "agent") continue

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The agent over many sessions: descriptors, threads, child processes and memory must not grow.
 # First whole sessions one after the other, then one session whose launcher is lost and comes back
-# again and again, then one long rented session (a minute or more) beside a backend that breaks its connection every few
-# seconds.
+# again and again, then one long rented session (a minute or more) beside a backend that breaks its
+# connection every few seconds.
 #
 #   bench/soak.sh [--sessions N] [--reconnects N] [--minutes N] [agent option ...]
 #

@@ -13,6 +13,7 @@
 
 #include "base/clock.h"
 #include "base/sleep.h"
+#include "launcher/latency_histogram.h"
 #include "log/log.h"
 #include "video/av_handles.h"
 #include "video/encoder_options.h"
@@ -119,6 +120,7 @@ int main(int argc, char** argv) {
     const auto window = static_cast<int64_t>(std::atof(argv[5]) * fps);
     double begin_ms = 0;
     size_t bytes = 0;
+    ox::launcher::LatencyHistogram encoding;
     Pacer pacer(fps);
     for (int64_t n = 0; n < warm_up + window; ++n) {
         if (n == warm_up) {
@@ -130,16 +132,19 @@ int main(int argc, char** argv) {
         AVFrame* picture = pictures[phase < kPictures ? phase : 2 * kPictures - 2 - phase].get();
         picture->pts = n;
         pacer.wait();
+        const uint64_t sent = ox::steady_now_us();
         if (avcodec_send_frame(encoder.get(), picture) < 0 ||
             avcodec_receive_packet(encoder.get(), packet.get()) < 0) {
             std::fprintf(stderr, "%s: the encoder failed or held a picture back\n", argv[0]);
             return 1;
         }
+        if (n >= warm_up) encoding.add(ox::steady_now_us() - sent);
         bytes += static_cast<size_t>(packet->size);
         av_packet_unref(packet.get());
     }
     const double mbps = static_cast<double>(bytes) * 8 * fps / 1e6 / static_cast<double>(window);
-    std::printf("frames=%lld cpu_ms=%.3f mbps=%.1f\n", static_cast<long long>(window),
-                (cpu_ms() - begin_ms) / static_cast<double>(window), mbps);
+    std::printf("frames=%lld cpu_ms=%.3f encode_p50_ms=%.1f mbps=%.1f\n",
+                static_cast<long long>(window), (cpu_ms() - begin_ms) / static_cast<double>(window),
+                static_cast<double>(encoding.percentile_us(50)) / 1000, mbps);
     return 0;
 }

@@ -25,7 +25,7 @@ test_packages=(
   python3-websockets sway wireplumber xauth xdg-desktop-portal xdg-desktop-portal-wlr xvfb
 )
 bench_packages=(
-  ffmpeg gstreamer1.0-plugins-bad gstreamer1.0-plugins-base gstreamer1.0-plugins-good
+  ffmpeg gnuplot-nox gstreamer1.0-plugins-bad gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   gstreamer1.0-plugins-ugly gstreamer1.0-tools gstreamer1.0-x libisal-dev libsrtp2-dev xvfb
 )
 
