@@ -6,7 +6,9 @@ extern "C" {
 }
 
 #include <array>
+#include <cerrno>
 #include <climits>
+#include <utility>
 
 #include "log/log.h"
 
@@ -42,30 +44,40 @@ AVPixelFormat context_format(EncoderInput input) {
     return AV_PIX_FMT_YUV420P;
 }
 
-AvBufferRefPtr open_vaapi_device() {
-    AVBufferRef* device = nullptr;
+/// Libav's error of the last attempt; 0 with a device in `opened`.
+int open_vaapi_device(AvBufferRefPtr& opened) {
+    int result = 0;
     for (const char* node : {kRenderNode, static_cast<const char*>(nullptr)}) {
-        if (av_hwdevice_ctx_create(&device, AV_HWDEVICE_TYPE_VAAPI, node, nullptr, 0) == 0) break;
+        AVBufferRef* device = nullptr;
+        result = av_hwdevice_ctx_create(&device, AV_HWDEVICE_TYPE_VAAPI, node, nullptr, 0);
+        opened.reset(device);
+        if (result == 0) break;
     }
-    return AvBufferRefPtr(device);
+    return result;
 }
 
 }  // namespace
 
 std::unique_ptr<CodecSession> CodecSession::open_with(const EncoderChoice& choice,
-                                                      const EncoderSettings& settings) {
-    const AVCodec* codec = avcodec_find_encoder_by_name(choice.name);
-    if (codec == nullptr || !in_range(settings)) return nullptr;
+                                                      const EncoderSettings& settings, int& error) {
     std::unique_ptr<CodecSession> session(new CodecSession);
-    session->context_.reset(avcodec_alloc_context3(codec));
-    if (!session->context_ || !session->configure(choice, settings) ||
-        !session->open_codec(choice, codec) || !session->allocate_buffers()) {
-        return nullptr;
-    }
-    return session;
+    error = session->open(choice, settings);
+    return error < 0 ? nullptr : std::move(session);
 }
 
-bool CodecSession::configure(const EncoderChoice& choice, const EncoderSettings& settings) {
+int CodecSession::open(const EncoderChoice& choice, const EncoderSettings& settings) {
+    const AVCodec* codec = avcodec_find_encoder_by_name(choice.name);
+    if (codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
+    if (!in_range(settings)) return AVERROR(ERANGE);
+    context_.reset(avcodec_alloc_context3(codec));
+    if (!context_) return AVERROR(ENOMEM);
+    int result = configure(choice, settings);
+    if (result >= 0) result = open_codec(choice, codec);
+    if (result >= 0) result = allocate_buffers();
+    return result;
+}
+
+int CodecSession::configure(const EncoderChoice& choice, const EncoderSettings& settings) {
     const int fps = static_cast<int>(settings.fps);
     const int64_t bits_per_second = int64_t{settings.bitrate_kbps} * 1000;
     AVCodecContext& context = *context_;
@@ -87,17 +99,17 @@ bool CodecSession::configure(const EncoderChoice& choice, const EncoderSettings&
         context.thread_count = 0;
         context.thread_type = FF_THREAD_SLICE;  // frame threads would each hold back a picture
     }
-    return choice.input != EncoderInput::VaapiSurface || attach_vaapi_surfaces();
+    return choice.input == EncoderInput::VaapiSurface ? attach_vaapi_surfaces() : 0;
 }
 
-bool CodecSession::attach_vaapi_surfaces() {
-    device_ = open_vaapi_device();
-    if (!device_) {
+int CodecSession::attach_vaapi_surfaces() {
+    int result = open_vaapi_device(device_);
+    if (result < 0) {
         OX_DEBUG("VideoEncoder: no VAAPI device (/dev/dri missing?)");
-        return false;
+        return result;
     }
     AvBufferRefPtr frames(av_hwframe_ctx_alloc(device_.get()));
-    if (!frames) return false;
+    if (!frames) return AVERROR(ENOMEM);
     // libav keeps the typed context behind the reference's bytes.
     auto* pool = static_cast<AVHWFramesContext*>(static_cast<void*>(frames->data));
     pool->format = AV_PIX_FMT_VAAPI;
@@ -105,12 +117,12 @@ bool CodecSession::attach_vaapi_surfaces() {
     pool->width = context_->width;
     pool->height = context_->height;
     pool->initial_pool_size = kSurfacePool;
-    if (av_hwframe_ctx_init(frames.get()) < 0) return false;
-    context_->hw_frames_ctx = frames.release();
-    return true;
+    result = av_hwframe_ctx_init(frames.get());
+    if (result >= 0) context_->hw_frames_ctx = frames.release();
+    return result;
 }
 
-bool CodecSession::open_codec(const EncoderChoice& choice, const AVCodec* codec) {
+int CodecSession::open_codec(const EncoderChoice& choice, const AVCodec* codec) {
     AvDictionary options;
     for (const auto& [key, value] : choice.options)
         options.set(key, value);
@@ -119,29 +131,29 @@ bool CodecSession::open_codec(const EncoderChoice& choice, const AVCodec* codec)
         std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
         av_strerror(result, text.data(), text.size());
         OX_DEBUG("VideoEncoder: avcodec_open2(%s) failed: %s", choice.name, text.data());
-        return false;
+        return result;
     }
     const AVDictionaryEntry* unused = nullptr;
     while ((unused = options.next(unused)) != nullptr) {
         OX_DEBUG("VideoEncoder: %s has no option %s (%s)", choice.name, unused->key, unused->value);
     }
-    return true;
+    return 0;
 }
 
-bool CodecSession::allocate_buffers() {
+int CodecSession::allocate_buffers() {
     packet_.reset(av_packet_alloc());
     picture_.reset(av_frame_alloc());
     if (context_->hw_frames_ctx != nullptr) {
         surface_.reset(av_frame_alloc());
-        if (!surface_) return false;
+        if (!surface_) return AVERROR(ENOMEM);
     }
-    if (!packet_ || !picture_) return false;
+    if (!packet_ || !picture_) return AVERROR(ENOMEM);
     picture_->format = picture_format();
     picture_->width = context_->width;
     picture_->height = context_->height;
     picture_->color_range = context_->color_range;
     picture_->colorspace = context_->colorspace;
-    return av_frame_get_buffer(picture_.get(), kBufferAlignment) == 0;
+    return av_frame_get_buffer(picture_.get(), kBufferAlignment);
 }
 
 AVPixelFormat CodecSession::picture_format() const {

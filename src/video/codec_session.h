@@ -11,9 +11,10 @@ namespace ox {
 /// One opened encoder of libavcodec with the frames and the packet it works with.
 class CodecSession {
   public:
-    /// Null, after a debug line, when the encoder is missing, lacks its device or refuses.
+    /// Null, with libav's number in `error`, when the encoder is missing, lacks its device or
+    /// refuses.
     static std::unique_ptr<CodecSession> open_with(const EncoderChoice& choice,
-                                                   const EncoderSettings& settings);
+                                                   const EncoderSettings& settings, int& error);
 
     /// Format of the picture in memory: YUV420P or NV12.
     [[nodiscard]] AVPixelFormat picture_format() const;
@@ -31,10 +32,12 @@ class CodecSession {
 
   private:
     CodecSession() = default;
-    bool configure(const EncoderChoice& choice, const EncoderSettings& settings);
-    bool attach_vaapi_surfaces();
-    bool open_codec(const EncoderChoice& choice, const AVCodec* codec);
-    bool allocate_buffers();
+    // Of libav's kind: negative on failure.
+    int open(const EncoderChoice& choice, const EncoderSettings& settings);
+    int configure(const EncoderChoice& choice, const EncoderSettings& settings);
+    int attach_vaapi_surfaces();
+    int open_codec(const EncoderChoice& choice, const AVCodec* codec);
+    int allocate_buffers();
 
     AvBufferRefPtr device_;
     AvCodecContextPtr context_;

@@ -6,6 +6,7 @@ extern "C" {
 
 #include <array>
 #include <cstdarg>
+#include <cstring>
 #include <mutex>
 #include <string_view>
 
@@ -14,13 +15,33 @@ extern "C" {
 namespace ox {
 namespace {
 
-// Called by libav from whatever thread it works on.
+constexpr size_t kMaxTape = 4096;
+
+LibavLogTape*& running_tape() {
+    thread_local LibavLogTape* tape = nullptr;
+    return tape;
+}
+
+/// Without "[h264_nvenc @ 0x55d2b2d988c0] ", which libav puts before its words.
+const char* after_prefix(const char* words) {
+    while (*words == '[') {
+        const char* end = std::strstr(words, "] ");
+        if (end == nullptr) break;
+        words = end + 2;
+    }
+    return words;
+}
+
+// Called by libav from whatever thread it works on; may come once for each part of a line.
 void log_line(void* source, int level, const char* format, va_list arguments) {
-    if (level > AV_LOG_WARNING || log_level() > static_cast<int32_t>(LogLevel::DEBUG)) return;
+    LibavLogTape* tape = running_tape();
+    const bool logged = log_level() <= static_cast<int32_t>(LogLevel::DEBUG);
+    if (level > AV_LOG_WARNING || (!logged && tape == nullptr)) return;
     std::array<char, 512> text{};
     int print_prefix = 1;
     av_log_format_line2(source, level, format, arguments, text.data(),
                         static_cast<int>(text.size()), &print_prefix);
+    if (tape != nullptr) tape->append(after_prefix(text.data()));
     std::string_view line(text.data());
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
         line.remove_suffix(1);
@@ -28,6 +49,19 @@ void log_line(void* source, int level, const char* format, va_list arguments) {
 }
 
 }  // namespace
+
+LibavLogTape::LibavLogTape() {
+    text_.reserve(kMaxTape);  // nothing may throw into libav's code
+    running_tape() = this;
+}
+
+LibavLogTape::~LibavLogTape() {
+    running_tape() = nullptr;
+}
+
+void LibavLogTape::append(const char* words) {
+    text_.append(std::string_view(words).substr(0, kMaxTape - text_.size()));
+}
 
 void route_libav_log() {
     static std::once_flag routed;

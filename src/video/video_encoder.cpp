@@ -4,20 +4,25 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "base/clock.h"
 #include "log/log.h"
 #include "video/codec_session.h"
 #include "video/encode_backlog.h"
+#include "video/encoder_diagnosis.h"
 #include "video/encoder_options.h"
+#include "video/graphics_facts.h"
 #include "video/libav_log.h"
 #include "video/picture_converter.h"
 
 namespace ox {
 
 struct VideoEncoder::Impl {
-    /// Opens one encoder with the current settings; its name becomes the encoder's.
+    /// Opens one encoder with the current settings; its name becomes the encoder's. A failure is
+    /// kept for `explain_failures`.
     bool open_with(const EncoderChoice& choice);
+    void explain_failures(bool wanted);
     bool convert(const uint8_t* pixels, uint32_t source_width, uint32_t source_height);
 
     EncoderSettings settings;
@@ -26,15 +31,41 @@ struct VideoEncoder::Impl {
     std::unique_ptr<CodecSession> session;  // null while closed
     std::optional<PictureConverter> converter;
     EncodeBacklog backlog;
+    std::vector<EncoderFailure> failures;
 };
 
 bool VideoEncoder::Impl::open_with(const EncoderChoice& wanted) {
-    session = CodecSession::open_with(wanted, settings);
-    if (!session) return false;
+    const LibavLogTape tape;
+    int error = 0;
+    session = CodecSession::open_with(wanted, settings, error);
+    if (!session) {
+        failures.push_back({.choice = &wanted, .error = error, .said = tape.text()});
+        return false;
+    }
     choice = &wanted;
     name = wanted.name;
     converter.emplace(session->picture_format(), settings.width, settings.height);
     return true;
+}
+
+/// One line for each encoder that did not open: a warning when one of them was `wanted`, else, as
+/// another serves, news only where the PC has the hardware.
+void VideoEncoder::Impl::explain_failures(bool wanted) {
+    if (failures.empty()) return;
+    const GraphicsFacts facts = read_graphics_facts();
+    for (const EncoderFailure& failure : failures) {
+        const auto [reason, no_hardware] = diagnose(failure, facts);
+        const std::string line =
+            std::string(failure.choice->name) + ": " + reason.cause + " — " + reason.remedy;
+        if (wanted) {
+            OX_WARN("VideoEncoder: %s", line.c_str());
+        } else if (no_hardware) {
+            OX_DEBUG("VideoEncoder: %s", line.c_str());
+        } else {
+            OX_INFO("VideoEncoder: %s", line.c_str());
+        }
+    }
+    failures.clear();
 }
 
 bool VideoEncoder::Impl::convert(const uint8_t* pixels, uint32_t source_width,
@@ -58,6 +89,7 @@ bool VideoEncoder::init(const EncoderSettings& settings) {
             continue;
         }
         if (impl_->open_with(choice)) {
+            impl_->explain_failures(false);
             OX_INFO("VideoEncoder: using %s (%s %ux%u @%ufps %ukbps)", choice.name,
                     settings.codec == VideoCodec::Hevc ? "hevc" : "h264", settings.width,
                     settings.height, settings.fps, settings.bitrate_kbps);
@@ -66,6 +98,7 @@ bool VideoEncoder::init(const EncoderSettings& settings) {
         OX_WARN("VideoEncoder: %s unavailable — trying next backend", choice.name);
         shutdown();
     }
+    impl_->explain_failures(true);
     OX_ERROR("VideoEncoder: no encoder available for codec %d", static_cast<int>(settings.codec));
     return false;
 }
@@ -107,7 +140,10 @@ bool VideoEncoder::reconfigure_bitrate(uint32_t kbps) {
     OX_INFO("VideoEncoder: reconfigure bitrate → %ukbps (re-init %s)", kbps, name().c_str());
     const EncoderChoice& choice = *impl_->choice;
     shutdown();
-    if (!impl_->open_with(choice)) return false;
+    if (!impl_->open_with(choice)) {
+        impl_->explain_failures(true);
+        return false;
+    }
     force_idr = true;
     return true;
 }

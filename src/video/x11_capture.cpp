@@ -7,6 +7,7 @@
 
 #include "base/clock.h"
 #include "log/log.h"
+#include "video/x11_diagnosis.h"
 #include "video/x11_grabber.h"
 
 namespace ox {
@@ -63,6 +64,8 @@ bool X11Capture::init() {
     if (!connection_) {
         OX_ERROR("X11Capture: cannot open display '%s' — use --capture synthetic for headless",
                  XDisplayName(display_name_.empty() ? nullptr : display_name_.c_str()));
+        const auto [cause, remedy] = diagnose(read_display_facts(display_name_));
+        OX_WARN("X11Capture: %s — %s", cause.c_str(), remedy.c_str());
         return false;
     }
     // Asked for anew: the size that the connection came with may be older than the watch for

@@ -199,6 +199,7 @@ TEST(VideoEncoder, WalksTheLadder) {
     if (encoder.init(settings)) GTEST_SKIP() << "this machine has the hardware encoder";
     EXPECT_EQ(log.count("WARN", "VideoEncoder: hevc_vaapi unavailable — trying next backend"), 1);
     EXPECT_EQ(log.count("DEBUG", "VideoEncoder: no VAAPI device (/dev/dri missing?)"), 1);
+    EXPECT_EQ(log.times("[WARN ] VideoEncoder: hevc_vaapi: "), 1) << "the cause, once";
     EXPECT_EQ(log.count("ERROR", "VideoEncoder: no encoder available for codec 1"), 1);
     EXPECT_EQ(encoder.name(), "");
 }

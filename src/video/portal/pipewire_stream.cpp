@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "log/log.h"
+#include "video/portal/portal_diagnosis.h"
 #include "video/portal/stream_params.h"
 
 namespace ox {
@@ -98,8 +99,11 @@ bool PipewireStream::Impl::connect_core(UniqueFd remote) {
     }
     // The descriptor is PipeWire's from here on, also when this fails.
     core.reset(pw_context_connect_fd(context.get(), remote.release(), nullptr, 0));
-    if (!core) OX_ERROR("PortalCapture: cannot connect to PipeWire: %s", std::strerror(errno));
-    return core != nullptr;
+    if (core) return true;
+    const std::string reason = std::strerror(errno);
+    OX_ERROR("PortalCapture: cannot connect to PipeWire: %s", reason.c_str());
+    portal::explain(portal::diagnose_no_pipewire({}));
+    return false;
 }
 
 bool PipewireStream::Impl::connect_stream(uint32_t node) {

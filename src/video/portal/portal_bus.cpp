@@ -55,9 +55,13 @@ RequestResult PortalBus::request(DBusMessage& call, const std::string& token,
     return {.outcome = outcome, .response = pending.response()};
 }
 
-UniqueFd PortalBus::request_fd(DBusMessage& call, std::chrono::milliseconds limit) {
+UniqueFd PortalBus::request_fd(DBusMessage& call, std::chrono::milliseconds limit,
+                               std::string& error) {
     const DBusMessagePtr reply = bus_.call(call, limit);
-    return reply ? descriptor_in(*reply) : UniqueFd{};
+    if (!reply) return {};
+    if (DBusErrorText refused; dbus_set_error_from_message(refused.fill(), reply.get()) != FALSE)
+        error = refused.text();
+    return descriptor_in(*reply);
 }
 
 void PortalBus::close_object(const std::string& path, const char* interface) {

@@ -42,8 +42,9 @@ class PortalBus {
     RequestResult request(DBusMessage& call, const std::string& token,
                           std::chrono::milliseconds limit);
 
-    /// Sends a call that is answered by a descriptor and waits for it; none when there is none.
-    UniqueFd request_fd(DBusMessage& call, std::chrono::milliseconds limit);
+    /// Sends a call that is answered by a descriptor and waits for it; none when there is none,
+    /// with the portal's words in `error` if it said why.
+    UniqueFd request_fd(DBusMessage& call, std::chrono::milliseconds limit, std::string& error);
 
     /// Closes a request or session object without waiting for it.
     void close_object(const std::string& path, const char* interface);

@@ -8,6 +8,7 @@
 #include "video/portal/latest_picture.h"
 #include "video/portal/pipewire_stream.h"
 #include "video/portal/portal_bus.h"
+#include "video/portal/portal_diagnosis.h"
 #include "video/portal/screen_cast.h"
 
 namespace ox {
@@ -40,6 +41,7 @@ bool PortalCapture::init() {
             OX_INFO("PortalCapture: connecting to the session bus cancelled");
         } else {
             OX_ERROR("PortalCapture: no session bus: %s", error.c_str());
+            portal::explain(portal::diagnose_no_bus());
         }
         return false;
     }

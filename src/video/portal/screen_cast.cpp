@@ -1,6 +1,7 @@
 #include "video/portal/screen_cast.h"
 
 #include "log/log.h"
+#include "video/portal/portal_diagnosis.h"
 
 namespace ox::portal {
 namespace {
@@ -70,6 +71,7 @@ std::optional<Response> ScreenCast::accept(const char* method, const RequestResu
             OX_ERROR("PortalCapture: session bus connection lost during %s", method);
             break;
     }
+    explain(diagnose(result));
     return std::nullopt;
 }
 
@@ -147,9 +149,13 @@ void ScreenCast::keep_token(const std::string& token) const {
 }
 
 UniqueFd ScreenCast::open_remote() {
+    std::string error;
     const auto call = make_call("OpenPipeWireRemote", session_, Options{});
-    UniqueFd remote = call ? bus_.request_fd(*call, limits_.open_remote) : UniqueFd{};
-    if (!remote) OX_ERROR("PortalCapture: OpenPipeWireRemote returned no fd");
+    UniqueFd remote = call ? bus_.request_fd(*call, limits_.open_remote, error) : UniqueFd{};
+    if (!remote) {
+        OX_ERROR("PortalCapture: OpenPipeWireRemote returned no fd");
+        explain(diagnose_no_pipewire(error));
+    }
     return remote;
 }
 

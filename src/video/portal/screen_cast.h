@@ -18,8 +18,8 @@ struct SharedScreen {
     bool by_token = false;  ///< a saved token was used: nobody had to be asked
 };
 
-/// One session of the portal's ScreenCast interface. Logs each failure in one line, an approval
-/// that did not come in two. Used by one thread; `bus`, which must be open, outlives it.
+/// One session of the portal's ScreenCast interface. Logs each failure, and what helps
+/// where that is known. Used by one thread; `bus`, which must be open, outlives it.
 class ScreenCast {
   public:
     ScreenCast(PortalBus& bus, const RestoreTokenFile& token_file, const PortalLimits& limits);

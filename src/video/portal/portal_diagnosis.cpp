@@ -1,0 +1,62 @@
+#include "video/portal/portal_diagnosis.h"
+
+#include <string_view>
+
+#include "log/log.h"
+
+namespace ox::portal {
+namespace {
+
+constexpr const char* kInstallBackend =
+    "install xdg-desktop-portal and its part for this desktop (xdg-desktop-portal-gnome, -kde, "
+    "-wlr, -hyprland), then log in again";
+
+Diagnosis diagnose_refused(std::string_view error) {
+    const auto is = [&](std::string_view name) {
+        return error.starts_with("org.freedesktop.DBus.Error." + std::string(name));
+    };
+    if (is("ServiceUnknown") || is("NameHasNoOwner") || is("Spawn."))
+        return {"no desktop portal runs or can be started", kInstallBackend};
+    if (is("UnknownMethod") || is("UnknownInterface") || is("UnknownObject"))
+        return {"the desktop portal has no screen sharing for this desktop", kInstallBackend};
+    return {};
+}
+
+}  // namespace
+
+Diagnosis diagnose_no_bus() {
+    return {"the agent was probably not started in a desktop session",
+            "start it as the user who is logged in (systemctl --user), who has "
+            "DBUS_SESSION_BUS_ADDRESS or XDG_RUNTIME_DIR set"};
+}
+
+Diagnosis diagnose(const RequestResult& result) {
+    constexpr uint32_t kDeclined = 1;
+    switch (result.outcome) {
+        case Outcome::Refused:
+            return diagnose_refused(result.error);
+        case Outcome::Answered:
+            if (result.response.code == kDeclined)
+                return {"screen sharing was declined at the PC", "approve the dialog there once"};
+            return {"the desktop could not share its screen",
+                    "see journalctl --user -u 'xdg-desktop-portal*'; a part of the portal for "
+                    "another desktop may be installed, or PipeWire not run"};
+        case Outcome::TimedOut:
+        case Outcome::Cancelled:
+        case Outcome::Lost:
+            break;
+    }
+    return {};
+}
+
+Diagnosis diagnose_no_pipewire(const std::string& error) {
+    return {error.empty() ? "PipeWire cannot be reached" : "PipeWire cannot be reached: " + error,
+            "install pipewire and wireplumber; systemctl --user enable --now pipewire wireplumber"};
+}
+
+void explain(const Diagnosis& diagnosis) {
+    if (diagnosis.cause.empty()) return;
+    OX_WARN("PortalCapture: %s — %s", diagnosis.cause.c_str(), diagnosis.remedy.c_str());
+}
+
+}  // namespace ox::portal
