@@ -84,7 +84,7 @@ highest() {
     measure
     sleep 1
   done | awk '{ for (i = 1; i <= NF; i++) if ($i > most[i]) most[i] = $i }
-    END { for (i = 1; i <= NF; i++) printf "%s ", most[i] }'
+    END { for (i = 1; i <= NF; i++) printf "%d ", most[i] }'
 }
 
 failed=0
