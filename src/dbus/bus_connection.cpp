@@ -1,11 +1,15 @@
 #include "dbus/bus_connection.h"
 
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <mutex>
+#include <string_view>
 
 namespace ox {
 namespace {
@@ -21,6 +25,30 @@ void prepare_for_threads() {
 const char* set_variable(const char* name) {
     const char* value = std::getenv(name);
     return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+/// Whether as many programs as may wait for the socket at `path` to accept them do so already.
+bool is_crowded(std::string_view path) {
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    if (path.size() >= sizeof address.sun_path) return false;
+    path.copy(address.sun_path, path.size());
+    const UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
+           errno == EAGAIN;
+}
+
+/// libdbus connects without a limit: at a hanging bus that others wait for, it would wait as long
+/// as the bus hangs.
+bool leads_to_a_crowd(const std::string& address) {
+    DBusAddressEntry** entries = nullptr;
+    int count = 0;
+    if (dbus_parse_address(address.c_str(), &entries, &count, nullptr) == FALSE) return false;
+    const bool crowded = std::any_of(entries, entries + count, [](DBusAddressEntry* entry) {
+        const char* path = dbus_address_entry_get_value(entry, "path");
+        return path != nullptr && is_crowded(path);
+    });
+    dbus_address_entries_free(entries);
+    return crowded;
 }
 
 }  // namespace
@@ -54,6 +82,10 @@ UniqueFd descriptor_in(DBusMessage& reply) {
 bool BusConnection::open(const std::string& address, std::chrono::milliseconds limit,
                          std::string& error) {
     prepare_for_threads();
+    if (leads_to_a_crowd(address)) {
+        error = "the bus does not answer";
+        return false;
+    }
     DBusErrorText failure;
     connection_.reset(dbus_connection_open_private(address.c_str(), failure.fill()));
     if (!connection_) {

@@ -29,7 +29,7 @@ class BusConnection {
     explicit BusConnection(Cancelled cancelled) : cancelled_(std::move(cancelled)) {}
 
     /// Connects to the bus at `address` and registers there. False, with the reason in `error`,
-    /// when that does not work within `limit`.
+    /// when that does not work within `limit`, or when too many wait for the bus already.
     bool open(const std::string& address, std::chrono::milliseconds limit, std::string& error);
     void close() { connection_.reset(); }
     [[nodiscard]] bool is_open() const {
