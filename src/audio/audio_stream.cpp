@@ -6,8 +6,8 @@
 #include "audio/audio_headers.h"
 #include "base/clock.h"
 #include "base/sleep.h"
-#include "base/thread_priority.h"
 #include "log/log.h"
+#include "scheduling/real_time_priority.h"
 #include "transport/udp_sender.h"
 
 namespace ox {
@@ -91,7 +91,7 @@ void AudioStream::stop() {
 
 void AudioStream::loop(const std::stop_token& stop) {
     use_minimal_timer_slack();
-    OX_DEBUG("AudioStream: %s thread priority", to_text(ask_for_priority()));
+    const RealTimePriority priority("AudioStream");
     last_report_ = SteadyClock::now();
     reported_frames_ = capture_.frames_read();
     reported_audible_ = capture_.audible_frames();

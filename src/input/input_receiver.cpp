@@ -13,10 +13,10 @@
 #include <system_error>
 #include <utility>
 
-#include "base/thread_priority.h"
 #include "input/input_datagram.h"
 #include "input/key_map.h"
 #include "log/log.h"
+#include "scheduling/real_time_priority.h"
 
 namespace ox {
 namespace {
@@ -105,7 +105,7 @@ bool InputReceiver::run(uint16_t port) {
 }
 
 void InputReceiver::recv_loop() {
-    OX_DEBUG("InputReceiver: %s thread priority", to_text(ask_for_priority()));
+    const RealTimePriority priority("InputReceiver");
     std::array<uint8_t, 256> buffer;  // NOLINT: filled by recv
     while (running_) {
         pollfd entry{.fd = socket_.get(), .events = POLLIN, .revents = 0};

@@ -7,11 +7,10 @@
 
 #include <future>
 
-#include "dbus/bus_connection.h"
-#include "support/child_process.h"
 #include "support/environment.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
+#include "support/system_bus.h"
 #include "support/temp_dir.h"
 #include "support/unix_socket.h"
 
@@ -55,24 +54,8 @@ bool is_held(const UniqueFd& watched) {
 }
 
 TEST(SleepInhibitor, HoldsTheLockForAsLongAsItLives) {
-    const test::TempDir dir;
-    const std::string address = "unix:path=" + dir.file("bus");
-    const test::ChildProcess daemon(
-        {.argv = {"dbus-daemon", "--session", "--nofork", "--nopidfile", "--address=" + address},
-         .environment = {}});
-    const test::Environment system_bus("DBUS_SYSTEM_BUS_ADDRESS", address);
-    BusConnection logind({});
-    std::string error;
-    ASSERT_TRUE(test::eventually([&] { return logind.open(address, 5s, error); })) << error;
-    const DBusMessagePtr name(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
-                                                           DBUS_INTERFACE_DBUS, "RequestName"));
-    const char* wanted = "org.freedesktop.login1";
-    const dbus_uint32_t flags = 0;
-    dbus_message_append_args(name.get(), DBUS_TYPE_STRING, &wanted, DBUS_TYPE_UINT32, &flags,
-                             DBUS_TYPE_INVALID);
-    ASSERT_NE(logind.call(*name, 5s), nullptr);
-
-    auto served = std::async(std::launch::async, [&] { return serve_one_lock(logind); });
+    test::SystemBus bus("org.freedesktop.login1");
+    auto served = std::async(std::launch::async, [&] { return serve_one_lock(bus.service); });
     const test::LogCapture log;
     std::optional<SleepInhibitor> inhibitor(std::in_place);
     const auto [asked, watched] = served.get();

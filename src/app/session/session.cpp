@@ -11,6 +11,7 @@
 #include "base/sleep.h"
 #include "log/log.h"
 #include "saas/saas_connector.h"
+#include "scheduling/kernel_priority.h"
 #include "tui/board.h"
 
 namespace ox {
@@ -141,11 +142,13 @@ std::string Session::open_encoder() {
         OX_WARN("Session: launcher asked for AV1 — not supported here, using H.264");
     }
     settings_ = encoder_settings(control_.requested, options_.encoder);
+    const std::vector<pid_t> threads_before = threads_of_process();
     if (!encoder_.init(settings_)) {
         OX_ERROR("Session: no usable encoder for %s", codec_name(settings_.codec));
         tui::board().raise(tui::Alert::EncoderFailed, 0);
         return "encoder_failed";
     }
+    raised_.raise_since(threads_before);
     if (options_.media_rfi && !encoder_.can_invalidate_refs()) {
         OX_WARN(
             "Session: P5 RFI enabled but the active backend has no reference invalidation — "

@@ -6,6 +6,7 @@
 #include "base/sleep.h"
 #include "log/log.h"
 #include "saas/saas_connector.h"
+#include "scheduling/kernel_priority.h"
 
 namespace ox {
 namespace {
@@ -61,7 +62,9 @@ void Session::apply_requests() {
     const uint32_t asked_kbps = signals_.pending_bitrate.exchange(0);
     if (asked_kbps == 0) return;
     const uint32_t kbps = clamp_bitrate_kbps(asked_kbps);
+    const std::vector<pid_t> threads_before = threads_of_process();
     if (encoder_.reconfigure_bitrate(kbps)) {
+        raised_.raise_since(threads_before);
         video_.sender().set_pacing_rate(pacing_rate_bps(kbps));
     }
 }

@@ -15,6 +15,7 @@
 #include "app/sleep_inhibitor.h"
 #include "control/tcp_control_server.h"
 #include "input/input_receiver.h"
+#include "scheduling/raised_threads.h"
 #include "video/capture.h"
 #include "video/video_encoder.h"
 
@@ -89,6 +90,7 @@ class Session {
     std::unique_ptr<ICapture> capture_;
     VideoEncoder encoder_;
     EncoderSettings settings_;
+    RaisedThreads raised_{"Session"};      ///< this thread and the encoder's workers
     std::optional<SleepInhibitor> awake_;  ///< from the launcher's arrival on
 
     std::string launcher_;   ///< IPv4 address the media goes to
