@@ -22,7 +22,9 @@ inline int drop_read_only_segments(dl_phdr_info* library, size_t /*size*/, void*
         if (segment.p_type != PT_LOAD || (segment.p_flags & PF_W) != 0) continue;
         const uintptr_t begin = (library->dlpi_addr + segment.p_vaddr) & ~(page - 1);
         const uintptr_t end = library->dlpi_addr + segment.p_vaddr + segment.p_memsz;
-        ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_DONTNEED);
+        // The loader tells addresses as numbers.
+        ::madvise(reinterpret_cast<void*>(begin), end - begin,  // NOLINT(performance-no-int-to-ptr)
+                  MADV_DONTNEED);
     }
     return 0;
 }
