@@ -109,6 +109,8 @@ int run(int argc, char** argv) {
     install_signal_handler(SIGUSR1, on_sigusr1);
     const std::jthread panic_listener = start_panic_listener();
     install_signal_handler(SIGTERM, on_sigint);
+    // The window of the terminal was closed. Whoever started us with nohup(1) wants us to stay.
+    if (!is_ignored(SIGHUP)) install_signal_handler(SIGHUP, on_sigint);
     ignore_sigpipe();
     log_banner(options);
 

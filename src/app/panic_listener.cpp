@@ -11,11 +11,14 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "app/process_flags.h"
 #include "base/clock.h"
+#include "base/local_socket.h"
 #include "base/unique_fd.h"
 #include "log/log.h"
 
@@ -59,18 +62,62 @@ UniqueFd listen_at(const std::string& path) {
     return {};
 }
 
-struct FileIdentity {
-    dev_t device = 0;
-    ino_t inode = 0;
+/// The listening socket and its file. An agent that is started later puts its own file in the place
+/// of ours, and takes it along when it ends.
+class PanicSocket {
+  public:
+    explicit PanicSocket(std::string path) : path_(std::move(path)) { take(); }
+    ~PanicSocket() {
+        if (own_ && identify(path_) == own_) ::unlink(path_.c_str());
+    }
+    PanicSocket(const PanicSocket&) = delete;
+    PanicSocket& operator=(const PanicSocket&) = delete;
 
-    bool operator==(const FileIdentity&) const = default;
+    [[nodiscard]] bool is_open() const { return socket_.is_open(); }
+    [[nodiscard]] int get() const { return socket_.get(); }
+
+    /// Puts the file there again when it has gone, or nobody listens behind the one that is there.
+    void keep() {
+        if (identify(path_) != own_ && is_free()) take();
+    }
+
+  private:
+    struct FileIdentity {
+        dev_t device = 0;
+        ino_t inode = 0;
+        mode_t mode = 0;
+        bool operator==(const FileIdentity&) const = default;
+    };
+
+    static std::optional<FileIdentity> identify(const std::string& path) {
+        struct stat status {};
+        if (::lstat(path.c_str(), &status) != 0) return std::nullopt;
+        return FileIdentity{status.st_dev, status.st_ino, status.st_mode};
+    }
+
+    [[nodiscard]] bool is_free() const {
+        const auto present = identify(path_);
+        // The folder may be gone until the user's next session.
+        if (!present) return identify(path_.substr(0, path_.rfind('/'))).has_value();
+        return S_ISSOCK(present->mode) && !connect_local(path_) && errno == ECONNREFUSED;
+    }
+
+    void take() {
+        ::unlink(path_.c_str());
+        UniqueFd socket = listen_at(path_);
+        if (!socket) return;
+        socket_ = std::move(socket);
+        own_ = identify(path_);
+        OX_INFO(
+            "Panic: local stop channel at %s (echo stop | socat - UNIX-CONNECT:%s) or kill -USR1 "
+            "%d",
+            path_.c_str(), path_.c_str(), ::getpid());
+    }
+
+    std::string path_;
+    UniqueFd socket_;
+    std::optional<FileIdentity> own_;
 };
-
-FileIdentity identify(const std::string& path) {
-    struct stat status {};
-    if (::stat(path.c_str(), &status) != 0) return {};
-    return {status.st_dev, status.st_ino};
-}
 
 /// Reads one client's word; a client that says nothing is left after a second.
 void serve_client(int listener, const std::stop_token& stop) {
@@ -90,19 +137,15 @@ void serve_client(int listener, const std::stop_token& stop) {
 }
 
 void listen_for_stop(const std::stop_token& stop) {
-    const std::string path = panic_socket_path();
-    ::unlink(path.c_str());
-    const UniqueFd socket = listen_at(path);
-    if (!socket) return;
-    const FileIdentity own = identify(path);
-    OX_INFO(
-        "Panic: local stop channel at %s (echo stop | socat - UNIX-CONNECT:%s) or kill -USR1 %d",
-        path.c_str(), path.c_str(), ::getpid());
-    while (!stop.stop_requested()) {
+    constexpr std::chrono::seconds kKeepPeriod{2};
+    PanicSocket socket(panic_socket_path());
+    auto next_keep = SteadyClock::now() + kKeepPeriod;
+    while (socket.is_open() && !stop.stop_requested()) {
         if (wait_for_input(socket.get(), kPollMs)) serve_client(socket.get(), stop);
+        if (SteadyClock::now() < next_keep) continue;
+        socket.keep();
+        next_keep = SteadyClock::now() + kKeepPeriod;
     }
-    // An agent that was started later has put its own socket there, which has to stay.
-    if (identify(path) == own) ::unlink(path.c_str());
 }
 
 }  // namespace

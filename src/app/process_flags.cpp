@@ -39,6 +39,12 @@ void install_signal_handler(int signal, void (*handler)(int)) {
     ::sigaction(signal, &action, nullptr);
 }
 
+bool is_ignored(int signal) {
+    struct sigaction action {};
+    ::sigaction(signal, nullptr, &action);
+    return (action.sa_flags & SA_SIGINFO) == 0 && action.sa_handler == SIG_IGN;  // NOLINT
+}
+
 void ignore_sigpipe() {
     struct sigaction action {};
     action.sa_handler = SIG_IGN;  // NOLINT: the macro casts

@@ -4,11 +4,11 @@
 
 namespace ox {
 
-/// Set by SIGINT and SIGTERM: the whole agent is to stop.
+/// Set by SIGINT, SIGTERM and SIGHUP: the whole agent is to stop.
 std::atomic<bool>& shutdown_flag();
 /// Set by SIGUSR1 and the panic channel: every session is to end, until the agent is restarted.
 std::atomic<bool>& panic_flag();
-/// Number of the last SIGINT or SIGTERM, 0 before the first.
+/// Number of the last of these signals, 0 before the first.
 extern std::atomic<int> g_last_signal;
 
 /// Handlers; they only store into atomics.
@@ -17,6 +17,8 @@ void on_sigusr1(int signal);
 
 /// Installs `handler` for `signal`. Blocking calls are interrupted and not restarted.
 void install_signal_handler(int signal, void (*handler)(int));
+/// Whether the process takes no notice of `signal`.
+bool is_ignored(int signal);
 /// A write to a closed pipe or socket is to fail, not to kill.
 void ignore_sigpipe();
 

@@ -1,15 +1,11 @@
 #include "dbus/bus_connection.h"
 
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <mutex>
-#include <string_view>
+
+#include "base/environment.h"
+#include "base/local_socket.h"
 
 namespace ox {
 namespace {
@@ -22,19 +18,9 @@ void prepare_for_threads() {
     std::call_once(once, [] { dbus_threads_init_default(); });
 }
 
-const char* set_variable(const char* name) {
-    const char* value = std::getenv(name);
-    return value != nullptr && *value != '\0' ? value : nullptr;
-}
-
 /// Whether as many programs as may wait for the socket at `path` to accept them do so already.
-bool is_crowded(std::string_view path) {
-    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-    if (path.size() >= sizeof address.sun_path) return false;
-    path.copy(address.sun_path, path.size());
-    const UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
-           errno == EAGAIN;
+bool is_crowded(const std::string& path) {
+    return !connect_local(path) && errno == EAGAIN;
 }
 
 /// libdbus connects without a limit: at a hanging bus that others wait for, it would wait as long
@@ -54,21 +40,17 @@ bool leads_to_a_crowd(const std::string& address) {
 }  // namespace
 
 std::string session_bus_address() {
-    if (const char* address = set_variable("DBUS_SESSION_BUS_ADDRESS")) return address;
-    if (const char* folder = set_variable("XDG_RUNTIME_DIR")) {
-        const std::string path = std::string(folder) + "/bus";
-        struct stat status {};
-        if (::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) &&
-            status.st_uid == ::getuid()) {
-            return "unix:path=" + path;
-        }
+    if (const auto address = environment("DBUS_SESSION_BUS_ADDRESS"); !address.empty()) {
+        return std::string(address);
     }
-    return "autolaunch:";
+    const std::string folder = runtime_folder();
+    if (!folder.empty() && is_own_socket(folder + "/bus")) return "unix:path=" + folder + "/bus";
+    return kAutolaunch;
 }
 
 std::string system_bus_address() {
-    const char* address = set_variable("DBUS_SYSTEM_BUS_ADDRESS");
-    return address != nullptr ? address : "unix:path=/var/run/dbus/system_bus_socket";
+    const auto address = environment("DBUS_SYSTEM_BUS_ADDRESS");
+    return address.empty() ? "unix:path=/var/run/dbus/system_bus_socket" : std::string(address);
 }
 
 UniqueFd descriptor_in(DBusMessage& reply) {

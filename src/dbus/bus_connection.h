@@ -62,7 +62,11 @@ class BusConnection {
     DBusConnectionPtr connection_;
 };
 
-/// Where the session bus of this process's user listens (dbus-launch(1), "AUTOMATIC LAUNCHING").
+/// Address of no bus that is known: libdbus may start one for the X display, or say that it cannot.
+inline constexpr const char* kAutolaunch = "autolaunch:";
+
+/// Where the session bus of this process's user listens (dbus-launch(1), "AUTOMATIC LAUNCHING"),
+/// also for a process that was started outside of the user's sessions.
 std::string session_bus_address();
 /// Where the system bus listens.
 std::string system_bus_address();

@@ -110,6 +110,7 @@ void InputReceiver::recv_loop() {
     while (running_) {
         pollfd entry{.fd = socket_.get(), .events = POLLIN, .revents = 0};
         const int ready = ::poll(&entry, 1, kPollMs);
+        if (release_wanted_.exchange(false)) release_stuck_inputs();
         if (ready < 0 && errno != EINTR) return;
         if (ready <= 0 || (entry.revents & POLLIN) == 0) continue;
         const ssize_t length = ::recv(socket_.get(), buffer.data(), buffer.size(), 0);

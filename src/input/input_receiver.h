@@ -44,6 +44,10 @@ class InputReceiver {
     /// Same with a descriptor in place of the device that `start` would create.
     bool start_with_device(uint16_t port, UniqueFd device);
 
+    /// Has every key and button released soon, by the receive thread: nobody may be there to do it.
+    /// What comes afterwards is injected as before.
+    void release_pressed() { release_wanted_ = true; }
+
     /// Ends the thread, releases every key and button, removes the device. Safe to call twice.
     void stop();
 
@@ -70,6 +74,7 @@ class InputReceiver {
     std::mutex key_mutex_;
     std::optional<Key> key_;  ///< guarded by key_mutex_
     std::atomic<bool> running_{false};
+    std::atomic<bool> release_wanted_{false};
     std::jthread thread_;
     ReplayWindow window_;       ///< receive thread
     uint8_t last_buttons_ = 0;  ///< button bits last injected; as `device_`

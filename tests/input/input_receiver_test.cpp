@@ -177,5 +177,19 @@ TEST_F(InputReceiverTest, NothingStaysPressedAfterTheEnd) {
     EXPECT_EQ(log.count("INFO", "InputReceiver: stopped (6 received, 6 applied)"), 1);
 }
 
+TEST_F(InputReceiverTest, NothingStaysPressedForALauncherThatIsGone) {
+    send(InputKind::KeyDown, 0, 17);
+    send_marker(100);
+    events_until_marker(100);
+    receiver_.release_pressed();
+    input_event first{};
+    ASSERT_EQ(::read(events_.get(), &first, sizeof first), ssize_t{sizeof first});
+    EXPECT_EQ((std::array<int, 3>{first.type, first.code, first.value}),
+              (std::array<int, 3>{EV_KEY, 17, 0}));
+    send(InputKind::KeyDown, 0, 18);  // it has come back
+    send_marker(101);
+    EXPECT_EQ(events_until_marker(101), kReleaseAll + "1:18=1 | ");
+}
+
 }  // namespace
 }  // namespace ox

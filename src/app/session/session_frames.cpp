@@ -15,8 +15,13 @@ constexpr std::chrono::seconds kPlatformReportPeriod{10};
 }  // namespace
 
 std::string Session::stream_frames() {
+    bool was_lost = false;
     while (!leave_requested()) {
-        if (!control_.is_connected() && options_.reconnect_grace_s > 0) {
+        const bool lost = !control_.is_connected();
+        // What it held down, the owner of the PC would type with.
+        if (lost && !was_lost) input_.release_pressed();
+        was_lost = lost;
+        if (lost && options_.reconnect_grace_s > 0) {
             std::string reason = hold_for_launcher();
             if (!reason.empty()) return reason;
             continue;

@@ -2,34 +2,18 @@
 
 #include <dbus/dbus.h>
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <utility>
 
+#include "base/environment.h"
 #include "base/unique_fd.h"
 
 namespace ox {
 namespace {
-
-std::string_view environment(const char* name) {
-    const char* value = std::getenv(name);
-    return value != nullptr ? value : "";
-}
-
-std::string home_folder() {
-    if (const auto home = environment("HOME"); !home.empty()) return std::string(home);
-    std::array<char, 4096> buffer{};
-    passwd entry{};
-    passwd* found = nullptr;
-    ::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found);
-    return found != nullptr ? found->pw_dir : "";
-}
 
 /// Creates `folder` and what is missing above it, for the owner only.
 void make_private_folders(const std::filesystem::path& folder) {

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+namespace ox {
+
+// The program never changes its environment: other threads read theirs at any time.
+
+/// Value of an environment variable; empty when it is not set.
+[[nodiscard]] inline std::string_view environment(const char* name) noexcept {
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
+
+/// The user's home folder, also where nobody has set HOME.
+[[nodiscard]] inline std::string home_folder() {
+    if (const auto home = environment("HOME"); !home.empty()) return std::string(home);
+    std::array<char, 4096> buffer{};
+    passwd entry{};
+    passwd* found = nullptr;
+    ::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found);
+    return found != nullptr ? found->pw_dir : "";
+}
+
+/// Folder of the user's sockets (file-hierarchy(7)): XDG_RUNTIME_DIR, or, in a process that was
+/// started outside of the user's sessions, the folder that logind makes with the first of them.
+/// Empty as long as there is none.
+[[nodiscard]] inline std::string runtime_folder() {
+    if (const auto folder = environment("XDG_RUNTIME_DIR"); !folder.empty()) {
+        return std::string(folder);
+    }
+    std::string folder = "/run/user/" + std::to_string(::getuid());
+    struct stat status {};
+    const bool is_ours = ::stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+                         status.st_uid == ::getuid();
+    return is_ours ? folder : "";
+}
+
+/// Whether `path` is a socket of this process's user.
+[[nodiscard]] inline bool is_own_socket(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) &&
+           status.st_uid == ::getuid();
+}
+
+}  // namespace ox
