@@ -18,6 +18,7 @@
 #include "control/capabilities.h"
 #include "control/client_socket.h"
 #include "control/log_text.h"
+#include "control/port_check.h"
 #include "control/session_ready.h"
 #include "control/token_check.h"
 #include "control/udp_destination.h"
@@ -33,7 +34,23 @@ constexpr int kDefaultAcceptTimeoutS = 60;
 constexpr std::chrono::seconds kAuthTimeout{15};
 constexpr size_t kLongestControlLine = 8192;
 
+/// Binds all addresses, also while old connections of the port time out. False leaves errno.
+bool bind_listener(int fd, uint16_t port) {
+    const int on = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_port = htons(port);
+    return ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
 }  // namespace
+
+bool tcp_port_is_free(uint16_t port) {
+    const UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return fd && bind_listener(fd.get(), port);
+}
 
 TcpControlServer::~TcpControlServer() {
     close();
@@ -78,13 +95,7 @@ bool TcpControlServer::open_listener(uint16_t port) {
         OX_ERROR("TcpControlServer: socket() failed: %s", std::strerror(errno));
         return false;
     }
-    const int on = 1;
-    ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
-    address.sin_port = htons(port);
-    if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    if (!bind_listener(fd.get(), port)) {
         OX_ERROR("TcpControlServer: bind :%u failed: %s", unsigned{port}, std::strerror(errno));
         if (errno == EADDRINUSE) tui::board().raise(tui::Alert::PortBusy, port);
         return false;
@@ -93,6 +104,7 @@ bool TcpControlServer::open_listener(uint16_t port) {
         OX_ERROR("TcpControlServer: listen failed: %s", std::strerror(errno));
         return false;
     }
+    tui::board().clear_port(port);
     listen_socket_ = std::move(fd);
     return true;
 }

@@ -111,6 +111,7 @@ bool UdpSender::bind_to(uint16_t port) {
         if (error == EADDRINUSE) tui::board().raise(tui::Alert::PortBusy, port);
         return false;
     }
+    tui::board().clear_port(port);
     local_port_ = port;
     return true;
 }

@@ -67,6 +67,13 @@ void Board::clear(Alert alert) {
     touch_locked();
 }
 
+void Board::clear_port(uint16_t port) {
+    const std::lock_guard lock(mutex);
+    bool& active = state.alerts.at(static_cast<size_t>(Alert::PortBusy));
+    if (state.busy_port != port || !std::exchange(active, false)) return;
+    touch_locked();
+}
+
 void Board::push_locked(EventKind kind, int64_t value) {
     append(state, kind, value);
     touch_locked();

@@ -130,6 +130,8 @@ class Board {
 
     /// Takes an alert back. Counts as a change only when it was active.
     void clear(Alert alert);
+    /// Takes back the alert that this port is busy.
+    void clear_port(uint16_t port);
 
     /// Appends an event and drops the oldest beyond 8. The caller holds `mutex`.
     void push_locked(EventKind kind, int64_t value);

@@ -37,7 +37,7 @@ uint16_t Session::port(int offset) const {
 }
 
 uint16_t Session::control_port() const {
-    return port(kControlPortOffset);
+    return session_control_port(options_);
 }
 
 SaasConnector* Session::platform() const {
@@ -252,6 +252,10 @@ std::string run_session(const Options& options, const SessionRequest& request,
     // games.
     trim_memory();
     return reason;
+}
+
+uint16_t session_control_port(const Options& options) {
+    return static_cast<uint16_t>(options.port_base + kControlPortOffset);
 }
 
 bool ended_before_listening(const std::string& reason) {

@@ -30,4 +30,7 @@ std::string run_session(const Options& options, const SessionRequest& request,
 /// connected, and trying again at once would fail the same way.
 bool ended_before_listening(const std::string& reason);
 
+/// TCP port on which a session waits for its launcher.
+uint16_t session_control_port(const Options& options);
+
 }  // namespace ox
