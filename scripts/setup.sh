@@ -14,8 +14,8 @@ build_packages=(
   ca-certificates ccache cmake g++ git ninja-build pkg-config
   # libraries of the program
   libavcodec-dev libavformat-dev libavutil-dev libdbus-1-dev libopus-dev libpipewire-0.3-dev
-  libpulse-dev libsodium-dev libssl-dev libswscale-dev libx11-dev libxext-dev libxrandr-dev
-  libyuv-dev nlohmann-json3-dev
+  libpulse-dev libsodium-dev libssl-dev libswscale-dev libx11-dev libxau-dev libxext-dev
+  libxrandr-dev libyuv-dev nlohmann-json3-dev
   # test and benchmark frameworks: the release build has both
   libbenchmark-dev libgmock-dev libgtest-dev
 )

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "app/build_info.h"
+#include "app/desktop_notice.h"
 #include "app/gpu_driver_check.h"
 #include "app/options.h"
 #include "app/panic_listener.h"
@@ -116,10 +117,11 @@ int run(int argc, char** argv) {
 
     const SystemInfo system_info = detect_system_info();
     tui::board().update([&](tui::Snapshot& state) { state.gpu = system_info.gpu_model; });
+    DesktopNotice desktop(options);
     if (backend) {
-        run_platform(options, *backend, system_info);
+        run_platform(options, *backend, system_info, desktop);
     } else {
-        run_standalone(options);
+        run_standalone(options, desktop);
     }
     tui::board().push(tui::EventKind::Stopping);
     return kExitOk;

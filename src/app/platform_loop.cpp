@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "app/build_info.h"
+#include "app/desktop_notice.h"
 #include "app/process_flags.h"
 #include "app/session/session.h"
 #include "app/session_handover.h"
@@ -69,7 +70,7 @@ void run_prepared(const Options& options, PrepareSessionParams params, SaasConne
 }  // namespace
 
 void run_platform(const Options& options, const PlatformEndpoint& endpoint,
-                  const SystemInfo& system_info) {
+                  const SystemInfo& system_info, DesktopNotice& desktop) {
     if (options.token.empty()) {
         OX_WARN("No --token given — SaaS will likely reject the registration");
     }
@@ -93,6 +94,7 @@ void run_platform(const Options& options, const PlatformEndpoint& endpoint,
     connector.start();
     OX_INFO("SaaS mode: waiting for prepare_session...");
     while (!shutdown_flag()) {
+        desktop.look_now_and_then();
         auto params = handover.take(kHandoverWait, [] { return shutdown_flag().load(); });
         if (params) run_prepared(options, std::move(*params), connector, handover);
     }

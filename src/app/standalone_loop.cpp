@@ -3,6 +3,7 @@
 #include <atomic>
 #include <string>
 
+#include "app/desktop_notice.h"
 #include "app/process_flags.h"
 #include "app/session/session.h"
 #include "base/clock.h"
@@ -30,7 +31,7 @@ void wait_for_port(uint16_t port) {
 
 }  // namespace
 
-void run_standalone(const Options& options) {
+void run_standalone(const Options& options, DesktopNotice& desktop) {
     tui::board().update([](tui::Snapshot& state) {
         if (state.link != tui::LinkState::Standalone) {
             state.link = tui::LinkState::Standalone;
@@ -40,6 +41,7 @@ void run_standalone(const Options& options) {
     });
     const SessionRequest request{.expected_token_sha256 = options.token_sha256};
     while (!shutdown_flag()) {
+        desktop.look();
         std::atomic<unsigned> streamed_seconds{0};
         const std::string reason = run_session(options, request, streamed_seconds);
         OX_INFO("Standalone session ended: %s", reason.c_str());

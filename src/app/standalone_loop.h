@@ -4,7 +4,9 @@
 
 namespace ox {
 
+class DesktopNotice;
+
 /// Serves one launcher after another until the shutdown flag is set.
-void run_standalone(const Options& options);
+void run_standalone(const Options& options, DesktopNotice& desktop);
 
 }  // namespace ox

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "audio/sound_server.h"
 #include "base/clock.h"
 #include "log/log.h"
 
@@ -21,7 +22,8 @@ constexpr std::chrono::milliseconds kSlice{100};
 std::string AudioCapture::default_monitor() {
     // A sound server that does not answer must not hold up the session.
     constexpr std::chrono::milliseconds kLimit{2000};
-    const std::string sink = first_output_of("pactl get-default-sink 2>/dev/null", kLimit);
+    const std::string sink =
+        first_output_of("pactl get-default-sink 2>/dev/null", sound_server_environment(), kLimit);
     return sink.empty() ? "" : sink + ".monitor";
 }
 
@@ -34,7 +36,7 @@ bool AudioCapture::start(int sample_rate, int channels, const std::string& sourc
     if (!source_.empty()) argv.insert(argv.end(), {"--device", source_});
     argv.insert(argv.end(), {"--format=s16le", "--rate", std::to_string(sample_rate), "--channels",
                              std::to_string(channels), latency, "--raw"});
-    switch (child_.start(argv)) {
+    switch (child_.start(argv, sound_server_environment())) {
         case PipedChild::Started::Ok:
             break;
         case PipedChild::Started::NoPipe:

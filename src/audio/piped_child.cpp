@@ -7,9 +7,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <string_view>
 
 #include "base/clock.h"
 #include "base/sleep.h"
@@ -18,8 +20,10 @@ namespace ox {
 namespace {
 
 /// The child's side of fork: only async-signal-safe calls from here to exec.
-[[noreturn]] void become(char* const* argv, int output) {
+[[noreturn]] void become(char* const* argv, char* const* environment, int output, pid_t parent) {
     ::prctl(PR_SET_PDEATHSIG, SIGTERM, 0UL, 0UL, 0UL);
+    const bool parent_died_before = ::getppid() != parent;
+    if (parent_died_before) ::_exit(127);
     ::signal(SIGPIPE, SIG_DFL);  // NOLINT: the macro casts
     sigset_t none;
     ::sigemptyset(&none);
@@ -28,26 +32,42 @@ namespace {
     const int null_input = ::open("/dev/null", O_RDONLY);
     if (null_input >= 0) ::dup2(null_input, STDIN_FILENO);
     ::close_range(STDERR_FILENO + 1, ~0U, 0);
-    ::execvp(argv[0], argv);
+    ::execvpe(argv[0], argv, environment);
     ::_exit(127);
+}
+
+void append(std::vector<char*>& pointers, const std::vector<std::string>& texts) {
+    for (const std::string& text : texts)
+        pointers.push_back(const_cast<char*>(text.c_str()));  // NOLINT: exec's signature
 }
 
 }  // namespace
 
-PipedChild::Started PipedChild::start(const std::vector<std::string>& argv) {
+PipedChild::Started PipedChild::start(const std::vector<std::string>& argv,
+                                      const std::vector<std::string>& added) {
     stop();
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) < 0) return Started::NoPipe;
     UniqueFd read_end(ends[0]);
     const UniqueFd write_end(ends[1]);
     std::vector<char*> arguments;
-    for (const std::string& argument : argv) {
-        arguments.push_back(const_cast<char*>(argument.c_str()));  // NOLINT: exec's signature
-    }
+    append(arguments, argv);
     arguments.push_back(nullptr);
+    std::vector<char*> variables;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const bool is_replaced =
+            std::any_of(added.begin(), added.end(), [&](std::string_view replacement) {
+                return std::string_view(*entry).starts_with(
+                    replacement.substr(0, replacement.find('=') + 1));
+            });
+        if (!is_replaced) variables.push_back(*entry);
+    }
+    append(variables, added);
+    variables.push_back(nullptr);
+    const pid_t parent = ::getpid();
     const pid_t pid = ::fork();
     if (pid < 0) return Started::NoFork;
-    if (pid == 0) become(arguments.data(), write_end.get());
+    if (pid == 0) become(arguments.data(), variables.data(), write_end.get(), parent);
     pid_ = pid;
     output_ = std::move(read_end);
     return Started::Ok;
@@ -67,10 +87,11 @@ void PipedChild::stop() {
     pid_ = -1;
 }
 
-std::string first_output_of(const std::string& shell_command, std::chrono::milliseconds limit) {
+std::string first_output_of(const std::string& shell_command, const std::vector<std::string>& added,
+                            std::chrono::milliseconds limit) {
     constexpr size_t kMaxBytes = 255;
     PipedChild child;
-    if (child.start({"sh", "-c", shell_command}) != PipedChild::Started::Ok) return {};
+    if (child.start({"sh", "-c", shell_command}, added) != PipedChild::Started::Ok) return {};
     const auto deadline = SteadyClock::now() + limit;
     std::string text;
     while (text.size() < kMaxBytes) {

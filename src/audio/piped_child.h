@@ -21,9 +21,10 @@ class PipedChild {
 
     enum class Started { Ok, NoPipe, NoFork };
 
-    /// Runs `argv[0]`, looked up in PATH. Errors leave errno as they set it. A program that cannot
-    /// be executed shows as an end of stream at once.
-    Started start(const std::vector<std::string>& argv);
+    /// Runs `argv[0]`, looked up in PATH, in our environment with what is `added` to it or replaced
+    /// in it ("NAME=value"). Errors leave errno as they set it. A program
+    /// that cannot be executed shows as an end of stream at once.
+    Started start(const std::vector<std::string>& argv, const std::vector<std::string>& added);
 
     [[nodiscard]] int output() const { return output_.get(); }
     [[nodiscard]] bool is_open() const { return output_.is_open(); }
@@ -39,7 +40,8 @@ class PipedChild {
 };
 
 /// What a shell command prints, without trailing white space and cut at 255 bytes; empty when it
-/// prints nothing within `limit`.
-std::string first_output_of(const std::string& shell_command, std::chrono::milliseconds limit);
+/// prints nothing within `limit`. `added` as above.
+std::string first_output_of(const std::string& shell_command, const std::vector<std::string>& added,
+                            std::chrono::milliseconds limit);
 
 }  // namespace ox

@@ -6,20 +6,11 @@
 #include <cstdlib>
 #include <optional>
 
+#include "audio/pulse_handles.h"
 #include "base/clock.h"
 
 namespace ox {
 namespace {
-
-struct FreeMainloop {
-    void operator()(pa_mainloop* loop) const { ::pa_mainloop_free(loop); }
-};
-struct FreeContext {
-    void operator()(pa_context* context) const {
-        ::pa_context_disconnect(context);
-        ::pa_context_unref(context);
-    }
-};
 
 /// Lets go of an operation whose callback does the work.
 void started(pa_operation* operation) {
@@ -68,14 +59,13 @@ class RecordingWatch::Server {
         last_try_ = now;
         loop_.reset(::pa_mainloop_new());
         if (!loop_) return false;
-        context_.reset(::pa_context_new(::pa_mainloop_get_api(loop_.get()), "orvex-agent"));
-        if (!context_) return false;
-        ::pa_context_set_state_callback(context_.get(), &Server::on_state, this);
-        ::pa_context_set_subscribe_callback(context_.get(), &Server::on_event, this);
-        if (::pa_context_connect(context_.get(), nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+        context_ = connect_to_sound_server(*loop_);
+        if (!context_) {
             disconnect();
             return false;
         }
+        ::pa_context_set_state_callback(context_.get(), &Server::on_state, this);
+        ::pa_context_set_subscribe_callback(context_.get(), &Server::on_event, this);
         return true;
     }
 
@@ -154,8 +144,8 @@ class RecordingWatch::Server {
             info->monitor_of_sink_name == nullptr ? "" : info->monitor_of_sink_name;
     }
 
-    std::unique_ptr<pa_mainloop, FreeMainloop> loop_;
-    std::unique_ptr<pa_context, FreeContext> context_;  // goes before its loop
+    PulseMainloopPtr loop_;
+    PulseContextPtr context_;  // goes before its loop
     SteadyClock::time_point last_try_{};
 
     std::string pid_;                       ///< the recording process

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "desktop/desktop.h"
+
 namespace ox {
 
 /// One picture: width x height pixels, 4 bytes each in the order B, G, R, A, no row padding.
@@ -42,10 +44,14 @@ class ICapture {
     virtual void shutdown() {}
 };
 
-/// The backend for `mode` ("auto", "x11", "portal", "synthetic"). `display` is an X display name or
-/// empty for `$DISPLAY`; the size is that of the synthetic picture. `cancelled` is asked, on the
-/// same thread, while the portal's `init` waits for the user: true makes it fail at once. Reads
-/// `XDG_SESSION_TYPE` and `WAYLAND_DISPLAY` for "auto".
+/// The backend for `mode` ("auto", "x11", "portal", "synthetic") on this desktop, whose session
+/// decides what "auto" means; the size is that of the synthetic picture. `cancelled` is asked, on
+/// the same thread, while the portal's `init` waits for the user: true makes it fail at once.
+std::unique_ptr<ICapture> make_capture(const std::string& mode, const Desktop& desktop,
+                                       uint32_t width, uint32_t height,
+                                       std::function<bool()> cancelled = {});
+/// The same on the desktop of this process's environment; `display` is an X display name or empty
+/// for `$DISPLAY`.
 std::unique_ptr<ICapture> make_capture(const std::string& mode, const std::string& display,
                                        uint32_t width, uint32_t height,
                                        std::function<bool()> cancelled = {});

@@ -44,7 +44,8 @@ void unpack_slowly(const XImage& image, uint32_t y, const PixelUnpacker& unpacke
 
 }  // namespace
 
-X11Capture::X11Capture(std::string display) : display_name_(std::move(display)) {}
+X11Capture::X11Capture(std::string display, XAuthorization authorization)
+    : display_name_(std::move(display)), authorization_(std::move(authorization)) {}
 
 X11Capture::~X11Capture() {
     shutdown();
@@ -60,7 +61,7 @@ bool X11Capture::init() {
             "normally yields a black frame. The stream will be black; use an X11 session or a "
             "PipeWire capture backend.");
     }
-    connection_ = XConnection::open(display_name_);
+    connection_ = XConnection::open(display_name_, authorization_);
     if (!connection_) {
         OX_ERROR("X11Capture: cannot open display '%s' — use --capture synthetic for headless",
                  XDisplayName(display_name_.empty() ? nullptr : display_name_.c_str()));

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "desktop/desktop.h"
 #include "video/black_frame_detector.h"
 #include "video/capture.h"
 #include "video/pixel_unpacker.h"
@@ -22,8 +23,9 @@ class X11Capture final : public ICapture {
   public:
     static constexpr uint32_t kMaxSide = 8192;
 
-    /// `display` is an X display name or empty for `$DISPLAY`.
-    explicit X11Capture(std::string display);
+    /// `display` is an X display name or empty for `$DISPLAY`; without an authorization Xlib looks
+    /// for one.
+    explicit X11Capture(std::string display, XAuthorization authorization = {});
     ~X11Capture() override;
 
     bool init() override;
@@ -40,6 +42,7 @@ class X11Capture final : public ICapture {
     void fill(CapturedFrame& frame) const;
 
     std::string display_name_;
+    XAuthorization authorization_;
     std::unique_ptr<XConnection> connection_;
     std::unique_ptr<XGrabber> grabber_;  // null while the screen's size cannot be captured
     uint32_t width_ = 0;

@@ -26,12 +26,27 @@ void mark_lost(Display* /*display*/, void* lost) {
     *static_cast<bool*>(lost) = true;
 }
 
+/// Makes Xlib say this of the program to the servers that it connects to; nothing: what it finds.
+void authorize(const XAuthorization& authorization) {
+    if (authorization.name.empty()) {
+        XSetAuthorization(nullptr, 0, nullptr, 0);
+        return;
+    }
+    std::string name = authorization.name;  // Xlib copies, but takes it for its own
+    std::string data = authorization.data;
+    XSetAuthorization(name.data(), static_cast<int>(name.size()), data.data(),
+                      static_cast<int>(data.size()));
+}
+
 }  // namespace
 
-std::unique_ptr<XConnection> XConnection::open(const std::string& name) {
+std::unique_ptr<XConnection> XConnection::open(const std::string& name,
+                                               const XAuthorization& authorization) {
     XSetErrorHandler(on_refused_request);
     XSetIOErrorHandler(on_lost_connection);
+    authorize(authorization);
     Display* display = XOpenDisplay(name.empty() ? nullptr : name.c_str());
+    authorize({});
     if (display == nullptr) return nullptr;
     return std::unique_ptr<XConnection>(new XConnection(display));
 }

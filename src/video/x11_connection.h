@@ -8,6 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "desktop/desktop.h"
+
 namespace ox {
 
 struct ScreenSize {
@@ -21,8 +23,10 @@ struct ScreenSize {
 /// them for the whole process. Used by one thread.
 class XConnection {
   public:
-    /// `name` is a display name or empty for `$DISPLAY`. Null when there is no such server.
-    static std::unique_ptr<XConnection> open(const std::string& name);
+    /// `name` is a display name or empty for `$DISPLAY`; without an authorization Xlib looks for
+    /// one. Null when there is no such server, or when it does not let us in.
+    static std::unique_ptr<XConnection> open(const std::string& name,
+                                             const XAuthorization& authorization);
     ~XConnection();
     XConnection(const XConnection&) = delete;
     XConnection& operator=(const XConnection&) = delete;

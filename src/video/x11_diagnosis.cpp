@@ -6,31 +6,15 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
-#include <optional>
 #include <string_view>
 
+#include "base/environment.h"
 #include "base/unique_fd.h"
+#include "desktop/desktop.h"
 
 namespace ox {
 namespace {
-
-std::string environment(const char* name) {
-    const char* value = std::getenv(name);
-    return value != nullptr ? value : "";
-}
-
-/// The number of a display of this PC: "1" of ":1.0"; nothing for any other name.
-std::optional<std::string> local_number(std::string_view name) {
-    const size_t colon = name.rfind(':');
-    if (colon == std::string_view::npos || (colon > 0 && name.substr(0, colon) != "unix"))
-        return std::nullopt;
-    const std::string_view number = name.substr(colon + 1, name.find('.', colon) - colon - 1);
-    if (number.empty() || number.find_first_not_of("0123456789") != std::string_view::npos)
-        return std::nullopt;
-    return std::string(number);
-}
 
 /// Whether a server takes connections at `path`; in the abstract namespace when it starts with NUL.
 bool listens(std::string_view path) {
@@ -51,9 +35,9 @@ bool listens(std::string_view path) {
 DisplayFacts::Server server_of(const std::string& name) {
     using Server = DisplayFacts::Server;
     if (name.empty()) return Server::NotNamed;
-    const auto number = local_number(name);
+    const auto number = local_display_number(name);
     if (!number) return Server::Elsewhere;
-    const std::string path = "/tmp/.X11-unix/X" + *number;
+    const std::string path = "/tmp/.X11-unix/X" + std::to_string(*number);
     return listens(path) || listens(std::string(1, '\0') + path) ? Server::Listening
                                                                  : Server::Absent;
 }
@@ -62,10 +46,10 @@ DisplayFacts::Server server_of(const std::string& name) {
 
 DisplayFacts read_display_facts(const std::string& display) {
     DisplayFacts facts;
-    facts.name = display.empty() ? environment("DISPLAY") : display;
+    facts.name = display.empty() ? environment("DISPLAY") : std::string_view(display);
     facts.server = server_of(facts.name);
     facts.authority = environment("XAUTHORITY");
-    if (facts.authority.empty()) facts.authority = environment("HOME") + "/.Xauthority";
+    if (facts.authority.empty()) facts.authority = home_folder() + "/.Xauthority";
     facts.authority_readable = ::access(facts.authority.c_str(), R_OK) == 0;
     return facts;
 }
@@ -74,8 +58,9 @@ Diagnosis diagnose(const DisplayFacts& facts) {
     using Server = DisplayFacts::Server;
     switch (facts.server) {
         case Server::NotNamed:
-            return {"no display is named, DISPLAY is not set",
-                    "start the agent in the desktop session, or give --display (usually :0)"};
+            return {"DISPLAY is not set, and no display of this user was found",
+                    "log in to the desktop before the next session, or give --display (usually "
+                    ":0)"};
         case Server::Elsewhere:
             return {"the display is not one of this PC",
                     "give --display as :0 or :1, whichever the desktop session has in DISPLAY"};

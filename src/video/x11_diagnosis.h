@@ -9,7 +9,7 @@ namespace ox {
 /// What is found out about an X display that cannot be opened.
 struct DisplayFacts {
     enum class Server {
-        NotNamed,   ///< no display was given
+        NotNamed,   ///< no display was given or found
         Elsewhere,  ///< not a display of this PC, or no display's name
         Absent,     ///< nobody listens
         Listening,  ///< a server takes connections, so it refused ours

@@ -8,9 +8,10 @@ namespace {
 
 ChildProcess::Options command(const Agent::Setup& setup, const TempDir& folder) {
     ChildProcess::Options options;
-    options.argv = {OX_AGENT_PATH, "-v",          "--token-sha256",
-                    kTokenSha256,  "--port-base", std::to_string(setup.ports->base()),
-                    "--capture",   setup.capture};
+    options.argv = setup.wrapper;
+    options.argv.insert(options.argv.end(),
+                        {OX_AGENT_PATH, "-v", "--token-sha256", kTokenSha256, "--port-base",
+                         std::to_string(setup.ports->base()), "--capture", setup.capture});
     if (!setup.input) options.argv.emplace_back("--no-input");
     options.argv.insert(options.argv.end(), setup.arguments.begin(), setup.arguments.end());
     options.environment = {

@@ -42,7 +42,8 @@ class Agent {
         std::vector<std::string> environment = {};  ///< as in ChildProcess::Options
         std::string capture = "synthetic";
         std::string terminal = {};  ///< path of a terminal for standard output; else a file
-        bool input = false;         ///< takes input; where there is /dev/uinput, this injects
+        std::vector<std::string> wrapper = {};  ///< runs it, and becomes it by exec
+        bool input = false;  ///< takes input; where there is /dev/uinput, this injects
         std::shared_ptr<PortBlock> ports = std::make_shared<PortBlock>();
     };
 

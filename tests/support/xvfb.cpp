@@ -18,7 +18,7 @@ std::unique_ptr<Xvfb> Xvfb::start(const Setup& setup) {
     // another test's.
     const std::string display = ":" + std::to_string(100 + std::random_device()() % 50'000);
     ChildProcess::Options options;
-    if (setup.other_ipc_namespace) options.argv = {"unshare", "--ipc"};
+    options.argv = setup.wrapper;
     const std::vector<std::string> arguments{
         "Xvfb",     display,     "-displayfd", std::to_string(writing.get()),
         "-noreset", "-nolisten", "tcp",        "-screen",

@@ -14,10 +14,10 @@ class Xvfb {
     struct Setup {
         std::string screen = "640x480x24";        ///< width x height x depth
         std::vector<std::string> arguments = {};  ///< more of them, e.g. "-extension", "MIT-SHM"
-        bool other_ipc_namespace = false;         ///< shared memory cannot be reached
+        std::vector<std::string> wrapper = {};    ///< runs it: "unshare", "--ipc"
     };
 
-    /// Null when the server does not come up: Xvfb is not installed, or the namespace is refused.
+    /// Null when the server does not come up: Xvfb is not installed, or the wrapper fails.
     static std::unique_ptr<Xvfb> start(const Setup& setup);
 
     /// ":7", for XOpenDisplay and the `DISPLAY` variable.

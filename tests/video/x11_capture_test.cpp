@@ -71,7 +71,8 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Server{"Shm24", 24, {.screen = "333x77x24"}}, Server{"Shm16", 16, {.screen = "333x77x16"}},
         Server{"NoShm24", 24, {.screen = "333x77x24", .arguments = {"-extension", "MIT-SHM"}}},
-        Server{"OtherIpcNamespace", 24, {.screen = "333x77x24", .other_ipc_namespace = true}, 1}),
+        Server{
+            "OtherIpcNamespace", 24, {.screen = "333x77x24", .wrapper = {"unshare", "--ipc"}}, 1}),
     [](const auto& suite) { return std::string(suite.param.name); });
 
 TEST_P(X11CaptureTest, DeliversThePixelsThatWereDrawn) {

@@ -1,21 +1,32 @@
 #include "app/session/capture_selection.h"
 
+#include "desktop/desktop_search.h"
 #include "log/log.h"
 #include "tui/board.h"
 
 namespace ox {
 
-std::unique_ptr<ICapture> select_capture(const std::string& mode, const std::string& display,
+Desktop desktop_for(const Options& options, const std::function<bool()>& cancelled) {
+    if (options.capture == "synthetic") return {};
+    Desktop desktop = desktop_of_environment(options.display);
+    if (desktop.has_screen()) return desktop;
+    desktop = look_for_desktop(options.display, cancelled);
+    if (desktop.has_screen()) OX_INFO("Session: desktop found: %s", describe(desktop).c_str());
+    return desktop;
+}
+
+std::unique_ptr<ICapture> select_capture(const std::string& mode, const Desktop& desktop,
                                          uint32_t width, uint32_t height,
                                          const std::function<bool()>& cancelled) {
     const auto try_mode = [&](const std::string& name) -> std::unique_ptr<ICapture> {
-        auto capture = make_capture(name, display, width, height, cancelled);
+        auto capture = make_capture(name, desktop, width, height, cancelled);
         if (!capture->init()) return nullptr;
         OX_INFO("Session: capture backend = %s", name.c_str());
         return capture;
     };
 
     auto capture = try_mode(mode);
+    if (capture) tui::board().clear(tui::Alert::CaptureFailed);
     if (!capture && cancelled()) return nullptr;
     if (!capture && mode == "auto") {
         OX_WARN("Session: automatic capture unavailable — falling back to synthetic");

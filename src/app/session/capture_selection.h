@@ -4,15 +4,21 @@
 #include <memory>
 #include <string>
 
+#include "app/options.h"
+#include "desktop/desktop.h"
 #include "video/capture.h"
 
 namespace ox {
+
+/// The desktop that a session is to show: what the command line or the environment names, else what
+/// is there now (logged), else none. `cancelled` ends the look-up early.
+Desktop desktop_for(const Options& options, const std::function<bool()>& cancelled);
 
 /// Makes and initialises the capture backend for `mode`, with the fallbacks of that mode: "auto"
 /// falls back to the synthetic picture (and raises the board's alert), "portal" to X11 and then to
 /// the synthetic picture. Null, after an error line and the alert, when nothing works. Null too,
 /// without either, once `cancelled` returns true: it ends a wait for the user's approval.
-std::unique_ptr<ICapture> select_capture(const std::string& mode, const std::string& display,
+std::unique_ptr<ICapture> select_capture(const std::string& mode, const Desktop& desktop,
                                          uint32_t width, uint32_t height,
                                          const std::function<bool()>& cancelled);
 

@@ -129,9 +129,10 @@ void Session::start_control() {
 
 std::string Session::open_capture() {
     const auto& asked = control_.requested;
-    capture_ = select_capture(
-        options_.capture, options_.display, static_cast<uint32_t>(std::max(asked.width, 0)),
-        static_cast<uint32_t>(std::max(asked.height, 0)), [this] { return leave_requested(); });
+    const auto cancelled = [this] { return leave_requested(); };
+    capture_ = select_capture(options_.capture, desktop_for(options_, cancelled),
+                              static_cast<uint32_t>(std::max(asked.width, 0)),
+                              static_cast<uint32_t>(std::max(asked.height, 0)), cancelled);
     if (capture_) return {};
     return leave_requested() ? end_reason("capture_failed") : "capture_failed";
 }

@@ -25,9 +25,9 @@ Diagnosis diagnose_refused(std::string_view error) {
 }  // namespace
 
 Diagnosis diagnose_no_bus() {
-    return {"the agent was probably not started in a desktop session",
-            "start it as the user who is logged in (systemctl --user), who has "
-            "DBUS_SESSION_BUS_ADDRESS or XDG_RUNTIME_DIR set"};
+    return {"the agent's user is probably not logged in to the desktop",
+            "log in before the next session, or start the agent as the user who is logged in "
+            "(systemctl --user)"};
 }
 
 Diagnosis diagnose(const RequestResult& result) {

@@ -1,0 +1,66 @@
+#include "app/desktop_notice.h"
+
+#include <chrono>
+
+#include "audio/sound_server.h"
+#include "desktop/desktop_search.h"
+#include "log/log.h"
+
+namespace ox {
+namespace {
+
+constexpr std::chrono::seconds kPause{10};
+constexpr std::chrono::milliseconds kSoundServerLimit{1000};
+
+std::string in_words(const Desktop& desktop, bool x11_only) {
+    if (x11_only && desktop.display.empty()) return {};
+    return desktop.has_screen() ? describe(desktop) : "";
+}
+
+}  // namespace
+
+DesktopNotice::DesktopNotice(const Options& options) {
+    const std::string& capture = options.capture;
+    if (capture != "synthetic") {
+        missing_.push_back({"display", [display = options.display, x11_only = capture == "x11"] {
+                                return in_words(look_for_desktop(display, {}), x11_only);
+                            }});
+    }
+    // An X11 desktop is captured without the bus.
+    const Desktop known = desktop_of_environment(options.display);
+    const bool may_need_bus = !known.has_screen() || known.is_wayland();
+    if (capture == "portal" || (capture == "auto" && may_need_bus)) {
+        missing_.push_back(
+            {"session bus", [] { return std::string(session_bus_listens() ? "listening" : ""); }});
+    }
+    if (options.audio) {
+        missing_.push_back({"sound server", [] {
+                                const bool answers = sound_server_answers(kSoundServerLimit);
+                                return std::string(answers ? "answering" : "");
+                            }});
+    }
+}
+
+void DesktopNotice::look_now_and_then() {
+    if (!missing_.empty() && SteadyClock::now() >= next_look_) look();
+}
+
+void DesktopNotice::look() {
+    next_look_ = SteadyClock::now() + kPause;
+    std::string names;
+    std::erase_if(missing_, [&](const Part& part) {
+        const std::string found = part.find();
+        if (found.empty()) {
+            names += std::string(names.empty() ? "" : ", ") + "no " + part.name;
+        } else if (told_) {
+            OX_INFO("Desktop: the %s is there now (%s)", part.name, found.c_str());
+        }
+        return !found.empty();
+    });
+    if (!told_ && !names.empty()) {
+        OX_WARN("Desktop: %s yet — looked for again at every session", names.c_str());
+    }
+    told_ = true;
+}
+
+}  // namespace ox

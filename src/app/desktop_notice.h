@@ -1,0 +1,36 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "app/options.h"
+#include "base/clock.h"
+
+namespace ox {
+
+/// Tells the owner, in the log, which parts of a desktop are missing for sessions with these
+/// options: once at the start, and again when one has come. Each session looks for itself; nothing
+/// depends on this. Used by the main thread between sessions.
+class DesktopNotice {
+  public:
+    explicit DesktopNotice(const Options& options);
+
+    /// Looks for what is missing still. Takes a few milliseconds, more only where servers do not
+    /// answer.
+    void look();
+    /// The same, but at most once in ten seconds.
+    void look_now_and_then();
+
+  private:
+    struct Part {
+        const char* name;
+        std::function<std::string()> find;  ///< what is there, in words; empty while nothing is
+    };
+
+    std::vector<Part> missing_;
+    bool told_ = false;
+    SteadyClock::time_point next_look_{};
+};
+
+}  // namespace ox

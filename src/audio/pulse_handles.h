@@ -1,0 +1,38 @@
+#pragma once
+
+// Private to this folder: libpulse's types.
+#include <pulse/pulseaudio.h>
+
+#include <memory>
+
+#include "audio/sound_server.h"
+
+namespace ox {
+
+struct PulseMainloopFree {
+    void operator()(pa_mainloop* loop) const { ::pa_mainloop_free(loop); }
+};
+using PulseMainloopPtr = std::unique_ptr<pa_mainloop, PulseMainloopFree>;
+
+struct PulseContextClose {
+    void operator()(pa_context* context) const {
+        ::pa_context_disconnect(context);
+        ::pa_context_unref(context);
+    }
+};
+/// A connection to the sound server; goes before its loop.
+using PulseContextPtr = std::unique_ptr<pa_context, PulseContextClose>;
+
+/// Begins to connect to the user's sound server; null when there is none. Starts none either.
+inline PulseContextPtr connect_to_sound_server(pa_mainloop& loop) {
+    PulseContextPtr context(::pa_context_new(::pa_mainloop_get_api(&loop), "orvex-agent"));
+    const std::string address = sound_server_address();
+    const char* server = address.empty() ? nullptr : address.c_str();
+    if (context &&
+        ::pa_context_connect(context.get(), server, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+        context.reset();
+    }
+    return context;
+}
+
+}  // namespace ox

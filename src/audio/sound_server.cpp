@@ -1,0 +1,51 @@
+#include "audio/sound_server.h"
+
+#include <pulse/pulseaudio.h>
+
+#include "audio/pulse_handles.h"
+#include "base/clock.h"
+#include "base/environment.h"
+
+namespace ox {
+namespace {
+
+/// Folder that XDG_RUNTIME_DIR should name; empty when libpulse needs no help, or none is known.
+std::string missing_runtime_folder() {
+    const bool knows =
+        !environment("PULSE_SERVER").empty() || !environment("XDG_RUNTIME_DIR").empty();
+    const std::string folder = knows ? "" : runtime_folder();
+    return !folder.empty() && is_own_socket(folder + "/pulse/native") ? folder : "";
+}
+
+}  // namespace
+
+std::string sound_server_address() {
+    const std::string folder = missing_runtime_folder();
+    return folder.empty() ? "" : "unix:" + folder + "/pulse/native";
+}
+
+std::vector<std::string> sound_server_environment() {
+    const std::string folder = missing_runtime_folder();
+    if (folder.empty()) return {};
+    return {"XDG_RUNTIME_DIR=" + folder};
+}
+
+bool sound_server_answers(std::chrono::milliseconds limit) {
+    const auto deadline = SteadyClock::now() + limit;
+    const PulseMainloopPtr loop(::pa_mainloop_new());
+    const PulseContextPtr context = loop ? connect_to_sound_server(*loop) : nullptr;
+    while (context) {
+        const pa_context_state_t state = ::pa_context_get_state(context.get());
+        if (state == PA_CONTEXT_READY) return true;
+        const auto left =
+            std::chrono::ceil<std::chrono::microseconds>(deadline - SteadyClock::now());
+        if (!PA_CONTEXT_IS_GOOD(state) || left.count() <= 0) return false;
+        if (::pa_mainloop_prepare(loop.get(), static_cast<int>(left.count())) < 0 ||
+            ::pa_mainloop_poll(loop.get()) < 0 || ::pa_mainloop_dispatch(loop.get()) < 0) {
+            return false;
+        }
+    }
+    return false;
+}
+
+}  // namespace ox

@@ -1,0 +1,166 @@
+#include "desktop/desktop.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+
+#include "desktop/x_authority.h"
+#include "support/temp_dir.h"
+
+namespace ox {
+namespace {
+
+using Key = std::optional<XAuthorization>;
+const XAuthorization kOpen{};
+const XAuthorization kCookie{"MIT-MAGIC-COOKIE-1", "biscuit"};
+
+/// A machine on which these things are there.
+struct Machine final : DesktopSources {
+    std::vector<std::string> manager;
+    std::vector<std::string> wayland;
+    std::map<int, std::map<std::string, XAuthorization>> x;  ///< by number, by authority file
+
+    std::vector<std::string> manager_environment() override { return manager; }
+    std::vector<int> x_displays() override {
+        std::vector<int> numbers;
+        for (const auto& [number, keys] : x)
+            numbers.push_back(number);
+        return numbers;
+    }
+    Key key_to(int x_display, const std::string& file) override {
+        const auto server = x.find(x_display);
+        if (server == x.end()) return std::nullopt;
+        const auto key = server->second.find(file);
+        return key != server->second.end() ? Key(key->second) : std::nullopt;
+    }
+    std::vector<std::string> wayland_displays() override { return wayland; }
+    bool wayland_answers(const std::string& display) override {
+        return std::find(wayland.begin(), wayland.end(), display) != wayland.end();
+    }
+};
+
+TEST(FindDesktop, TakesWhatIsThereAndNothingOfTheSessionBefore) {
+    struct Case {
+        const char* name;
+        Desktop known;
+        std::vector<std::string> manager;
+        std::vector<std::string> wayland;
+        std::map<int, std::map<std::string, XAuthorization>> x;
+        const char* found;
+        bool is_wayland;
+        XAuthorization key = kOpen;
+    };
+    const std::vector<std::string> x_session{"LANG=C", "DISPLAY=:0", "XAUTHORITY=/auth"};
+    const std::vector<std::string> wayland_session{"DISPLAY=:0", "WAYLAND_DISPLAY=wayland-0",
+                                                   "XDG_SESSION_TYPE=wayland"};
+    const Case cases[] = {
+        {"nothing", {}, x_session, {}, {}, "X11 ", false},
+        {"X session", {}, x_session, {}, {{0, {{"/auth", kCookie}}}}, "X11 :0", false, kCookie},
+        {"a greeter's server", {}, x_session, {}, {{0, {{"/greeter", kOpen}}}}, "X11 ", false},
+        {"Wayland session", {}, wayland_session, {"wayland-0"}, {}, "Wayland wayland-0", true},
+        // A session type that is left over does not decide between what is there.
+        {"X after Wayland", {}, wayland_session, {}, {{0, {{"", kOpen}}}}, "X11 :0", false},
+        {"Wayland after X",
+         {},
+         {"DISPLAY=:0", "XDG_SESSION_TYPE=x11", "WAYLAND_DISPLAY=wayland-0"},
+         {"wayland-0"},
+         {},
+         "Wayland wayland-0",
+         true},
+        {"all left over",
+         {},
+         wayland_session,
+         {},
+         {{3, {{"", kCookie}}}},
+         "X11 :3",
+         false,
+         kCookie},
+        {"no manager", {}, {}, {"wayland-1"}, {{0, {{"", kOpen}}}}, "Wayland wayland-1", true},
+        {"the first that lets us in",
+         {},
+         {"XDISPLAY=:0", "DISPLAY=remote:0"},
+         {},
+         {{0, {}}, {1, {{"", kOpen}}}, {2, {{"", kOpen}}}},
+         "X11 :1",
+         false},
+        // What the process was told holds.
+        {"told the type",
+         {.session_type = "x11"},
+         {},
+         {"wayland-1"},
+         {{0, {{"", kOpen}}}},
+         "X11 :0",
+         false},
+        {"a remote log-in",
+         {.session_type = "tty"},
+         {},
+         {"wayland-1"},
+         {},
+         "Wayland wayland-1",
+         true},
+        {"told the display",
+         {.display = ":9"},
+         wayland_session,
+         {"wayland-0"},
+         {{0, {{"", kOpen}}}},
+         "X11 :9",
+         false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Machine machine;
+        machine.manager = c.manager;
+        machine.wayland = c.wayland;
+        machine.x = c.x;
+        const Desktop found = find_desktop(c.known, machine);
+        EXPECT_EQ(describe(found), c.found);
+        EXPECT_EQ(found.is_wayland(), c.is_wayland);
+        EXPECT_EQ(found.authorization, c.key);
+    }
+}
+
+TEST(LocalDisplayNumber, IsThatOfADisplayOfThisMachine) {
+    EXPECT_EQ(local_display_number(":0"), 0);
+    EXPECT_EQ(local_display_number(":12.1"), 12);
+    EXPECT_EQ(local_display_number("unix:7"), 7);
+    for (const char* other :
+         {"", ":", "0", ":-1", ":1x", "host:0", "localhost:10.0", ":99999999999"})
+        EXPECT_EQ(local_display_number(other), std::nullopt) << other;
+}
+
+// Four counted strings after a family, all numbers big-endian (Xauthority files, xauth(1)).
+std::string entry(uint16_t family, const std::string& host, const std::string& number,
+                  const std::string& scheme, const std::string& data) {
+    const auto number16 = [](size_t value) {
+        return std::string{static_cast<char>(value >> 8), static_cast<char>(value & 0xFF)};
+    };
+    std::string bytes = number16(family);
+    for (const auto& text : {host, number, scheme, data})
+        bytes += number16(text.size()) + text;
+    return bytes;
+}
+
+TEST(XCookies, AreThoseOfTheDisplayAlsoAfterTheHostGotAnotherName) {
+    constexpr uint16_t kLocal = 256;
+    constexpr uint16_t kWild = 65535;
+    constexpr uint16_t kInternet = 0;
+    const std::string scheme = "MIT-MAGIC-COOKIE-1";
+    const std::string file = entry(kInternet, "\x7f", "7", scheme, "remote") +
+                             entry(kLocal, "old-name", "7", scheme, std::string("ol\0d", 4)) +
+                             entry(kLocal, "name", "8", scheme, "other display") +
+                             entry(kLocal, "name", "7", "XDM-AUTHORIZATION-1", "other scheme") +
+                             entry(kWild, "", "", scheme, "any");
+    const test::TempDir dir;
+    const std::string path = dir.file("Xauthority");
+    std::ofstream(path, std::ios::binary) << file;
+    EXPECT_EQ(x_cookies(path, 7),
+              (std::vector<XAuthorization>{{scheme, std::string("ol\0d", 4)}, {scheme, "any"}}));
+    std::ofstream(path, std::ios::binary) << file.substr(0, file.size() - 1);
+    EXPECT_EQ(x_cookies(path, 7).size(), 1U);
+    EXPECT_TRUE(x_cookies(dir.path().string(), 7).empty());
+    EXPECT_TRUE(x_cookies(dir.file("nothing"), 7).empty());
+}
+
+}  // namespace
+}  // namespace ox

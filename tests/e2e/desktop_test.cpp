@@ -1,0 +1,95 @@
+// An agent that was started before the desktop.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "e2e/player.h"
+#include "support/environment.h"
+#include "support/x_painter.h"
+#include "support/xvfb.h"
+
+namespace ox::test {
+namespace {
+
+/// A shell that sees no X servers but those of this folder, and nothing of the user's own session,
+/// until it becomes `command`, a line of shell, with the arguments that follow.
+std::vector<std::string> in_a_world_of_its_own(const std::string& x_sockets,
+                                               const std::string& command) {
+    std::vector<std::string> argv{"unshare", "--mount"};
+    if (::geteuid() != 0) argv.emplace_back("--map-root-user");
+    argv.insert(argv.end(), {"sh", "-c",
+                             "mkdir -p /tmp/.X11-unix && mount --bind \"$0\" /tmp/.X11-unix && "
+                             "{ [ ! -d /run/user ] || mount -t tmpfs none /run/user; } && exec " +
+                                 command,
+                             x_sockets});
+    return argv;
+}
+
+/// An authority file with one cookie: for a display of this host under a name that it had once, or
+/// for every one of any host.
+void write_cookie(const std::string& path, const std::string& number = {}) {
+    const bool any = number.empty();
+    const std::string host = any ? "" : "renamed-since";
+    std::string bytes = any ? std::string("\xFF\xFF", 2) : std::string("\x01\x00", 2);
+    for (const auto& text : {host, number, std::string("MIT-MAGIC-COOKIE-1"), std::string(16, '7')})
+        bytes += std::string{'\0', static_cast<char>(text.size())} + text;
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+/// Plays until `done` holds for a picture, and ends the session.
+bool see(const Agent& agent, const std::function<bool(const launcher::DecodedPicture&)>& done) {
+    Player player(agent);
+    bool seen = false;
+    player.on_picture = [&](const auto& picture) { seen = seen || done(picture); };
+    const bool in_time = player.receive_until([&] { return seen; });
+    player.say("end_session");
+    return player.receive_until([&] { return player.control().closed_within({}); }) && in_time;
+}
+
+/// Whether all of it is of this brightness.
+bool is_uniform(const launcher::DecodedPicture& picture, int luma) {
+    for (uint32_t y = 0; y < picture.height; ++y) {
+        for (uint32_t x = 0; x < picture.width; ++x) {
+            if (std::abs(picture.luma.bytes[y * picture.luma.stride + x] - luma) > 6) return false;
+        }
+    }
+    return true;
+}
+
+TEST(BeforeTheDesktop, AnAgentStreamsATestPatternAndThenTheDesktopThatHasCome) {
+    const TempDir x_sockets;
+    ChildProcess probe(
+        {.argv = in_a_world_of_its_own(x_sockets.path().string(), "true"), .environment = {}});
+    if (probe.wait(kPatience) != 0) GTEST_SKIP() << "no mount namespaces for this user";
+    Agent agent({.capture = "auto",
+                 .wrapper = in_a_world_of_its_own(
+                     x_sockets.path().string(),
+                     "env -i HOME=\"$HOME\" OX_LOG_FILE=\"$OX_LOG_FILE\" \"$@\"")});
+    EXPECT_TRUE(see(agent, [](const auto&) { return true; }));
+    EXPECT_TRUE(agent.wait_for_log("Session: capture backend = synthetic"));
+    const std::string missing = "Desktop: no display, no session bus yet";
+    EXPECT_EQ(agent.log().count(missing), 1U);
+
+    const TempDir desktop;
+    const std::string authority = desktop.file("authority");
+    write_cookie(authority);
+    const auto server =
+        Xvfb::start({.arguments = {"-auth", authority},
+                     .wrapper = in_a_world_of_its_own(x_sockets.path().string(), "\"$@\"")});
+    if (!server) GTEST_SKIP() << "no Xvfb on this machine";
+    write_cookie(agent.folder_file(".Xauthority"), server->display().substr(1));
+    const Environment as_its_user("XAUTHORITY", authority);
+    XPainter(server->display()).fill(0, 0, 640, 480, 0x336699);
+
+    EXPECT_TRUE(see(agent, [](const auto& picture) { return is_uniform(picture, 95); }));
+    EXPECT_TRUE(agent.wait_for_log("Session: desktop found: X11 " + server->display()));
+    EXPECT_TRUE(agent.wait_for_log("Desktop: the display is there now (X11 "));
+    EXPECT_EQ(agent.log().count(missing), 1U);
+    EXPECT_TRUE(agent.screen().wait_for("Resolved: Screen capture failed", kPatience));
+    agent.expect_prompt_stop();
+}
+
+}  // namespace
+}  // namespace ox::test
