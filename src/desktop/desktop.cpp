@@ -42,10 +42,10 @@ Desktop present_desktop(const Variables& variables, DesktopSources& sources) {
     };
     if (!sources.wayland_answers(desktop.wayland_display)) drop(desktop.wayland_display, "wayland");
     const auto number = local_display_number(desktop.display);
-    const auto key =
-        number ? sources.key_to(*number, std::string(variables("XAUTHORITY"))) : std::nullopt;
-    if (key) {
-        desktop.authorization = *key;
+    const auto access =
+        number ? sources.enter(*number, std::string(variables("XAUTHORITY"))) : std::nullopt;
+    if (access) {
+        desktop.x_access = *access;
     } else {
         drop(desktop.display, "x11");
     }
@@ -61,10 +61,10 @@ Desktop listening_desktop(DesktopSources& sources) {
     });
     if (answering != wayland.end()) desktop.wayland_display = *answering;
     for (const int number : sources.x_displays()) {
-        const auto key = sources.key_to(number, {});
-        if (!key) continue;
+        const auto access = sources.enter(number, {});
+        if (!access) continue;
         desktop.display = ":" + std::to_string(number);
-        desktop.authorization = *key;
+        desktop.x_access = *access;
         break;
     }
     return desktop;

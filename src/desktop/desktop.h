@@ -1,10 +1,13 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "base/unique_fd.h"
 
 namespace ox {
 
@@ -16,12 +19,20 @@ struct XAuthorization {
     friend bool operator==(const XAuthorization&, const XAuthorization&) = default;
 };
 
+/// A way into an X server.
+struct XAccess {
+    XAuthorization authorization{};
+    /// A connection that was let in. A server may start anew when its last client goes, and lets
+    /// nobody in meanwhile: so this one stays until there is another.
+    std::shared_ptr<const UniqueFd> foothold{};
+};
+
 /// What capture has to know of the user's desktop session.
 struct Desktop {
     std::string session_type{};     ///< as XDG_SESSION_TYPE has it
     std::string wayland_display{};  ///< as WAYLAND_DISPLAY has it
     std::string display{};          ///< X display; empty: Xlib asks DISPLAY
-    XAuthorization authorization{};
+    XAccess x_access{};
 
     /// Whether pictures come from the desktop portal rather than from the X server.
     [[nodiscard]] bool is_wayland() const;
@@ -51,10 +62,9 @@ class DesktopSources {
     /// Numbers of the X displays of this machine that may be the user's, in the order of
     /// preference.
     virtual std::vector<int> x_displays() = 0;
-    /// What lets the user in at this X display, looked for in `authority_file` (may be empty) and
-    /// in the usual places; nothing when nothing does.
-    virtual std::optional<XAuthorization> key_to(int x_display,
-                                                 const std::string& authority_file) = 0;
+    /// The user's way in at this X display, with what is found in `authority_file` (may be empty)
+    /// and in the usual places; nothing when there is none.
+    virtual std::optional<XAccess> enter(int x_display, const std::string& authority_file) = 0;
     /// Names of the user's Wayland displays, in the order of preference.
     virtual std::vector<std::string> wayland_displays() = 0;
     /// False for an empty name.

@@ -27,15 +27,18 @@ class ThisMachine final : public DesktopSources {
 
     std::vector<int> x_displays() override { return local_x_displays(); }
 
-    std::optional<XAuthorization> key_to(int x_display,
-                                         const std::string& authority_file) override {
+    std::optional<XAccess> enter(int x_display, const std::string& authority_file) override {
+        std::vector<XAuthorization> cookies;
         for (const std::string& file : authority_files(authority_file)) {
-            for (XAuthorization& cookie : x_cookies(file, x_display)) {
-                if (x_server_admits(x_display, cookie, deadline_)) return std::move(cookie);
-            }
+            const auto more = x_cookies(file, x_display);
+            cookies.insert(cookies.end(), more.begin(), more.end());
         }
-        // Many desktops let everything of their user in.
-        if (x_server_admits(x_display, {}, deadline_)) return XAuthorization{};
+        cookies.emplace_back();  // many desktops let everything of their user in
+        for (const XAuthorization& cookie : cookies) {
+            UniqueFd foothold = enter_x_server(x_display, cookie, deadline_);
+            if (!foothold) continue;
+            return XAccess{cookie, std::make_shared<const UniqueFd>(std::move(foothold))};
+        }
         return std::nullopt;
     }
 

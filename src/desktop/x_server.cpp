@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <utility>
 
 #include "base/byte_order.h"
 #include "base/local_socket.h"
@@ -83,14 +84,16 @@ std::vector<int> local_x_displays() {
     return displays;
 }
 
-bool x_server_admits(int display, const XAuthorization& authorization,
-                     SteadyClock::time_point deadline) {
+UniqueFd enter_x_server(int display, const XAuthorization& authorization,
+                        SteadyClock::time_point deadline) {
     constexpr int kSuccess = 1;
     const std::string path = socket_of(display);
-    if (!is_trusted(path)) return false;
-    const UniqueFd server = connect_local(path);
-    return server && first_byte_of_answer(server.get(), connection_setup(authorization),
-                                          deadline) == kSuccess;
+    if (!is_trusted(path)) return {};
+    UniqueFd server = connect_local(path);
+    const bool admitted =
+        server &&
+        first_byte_of_answer(server.get(), connection_setup(authorization), deadline) == kSuccess;
+    return admitted ? std::move(server) : UniqueFd();
 }
 
 }  // namespace ox

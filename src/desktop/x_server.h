@@ -11,10 +11,10 @@ namespace ox {
 /// managers start them; ascending.
 std::vector<int> local_x_displays();
 
-/// Whether the X server of this display lets a client in that says this of itself. False too when
-/// there is none, or when it does not answer before `deadline`. Unlike XOpenDisplay, says nothing
-/// on the standard error and does not wait for ever.
-bool x_server_admits(int display, const XAuthorization& authorization,
-                     SteadyClock::time_point deadline);
+/// A connection to the X server of this display that lets a client in which says this of itself.
+/// None when it does not, when there is no server, or when it does not answer before `deadline`.
+/// Unlike XOpenDisplay, says nothing on the standard error and does not wait for ever.
+UniqueFd enter_x_server(int display, const XAuthorization& authorization,
+                        SteadyClock::time_point deadline);
 
 }  // namespace ox

@@ -11,7 +11,6 @@
 namespace ox {
 namespace {
 
-using Key = std::optional<XAuthorization>;
 const XAuthorization kOpen{};
 const XAuthorization kCookie{"MIT-MAGIC-COOKIE-1", "biscuit"};
 
@@ -28,11 +27,12 @@ struct Machine final : DesktopSources {
             numbers.push_back(number);
         return numbers;
     }
-    Key key_to(int x_display, const std::string& file) override {
+    std::optional<XAccess> enter(int x_display, const std::string& file) override {
         const auto server = x.find(x_display);
         if (server == x.end()) return std::nullopt;
         const auto key = server->second.find(file);
-        return key != server->second.end() ? Key(key->second) : std::nullopt;
+        if (key == server->second.end()) return std::nullopt;
+        return XAccess{.authorization = key->second};
     }
     std::vector<std::string> wayland_displays() override { return wayland; }
     bool wayland_answers(const std::string& display) override {
@@ -116,7 +116,7 @@ TEST(FindDesktop, TakesWhatIsThereAndNothingOfTheSessionBefore) {
         const Desktop found = find_desktop(c.known, machine);
         EXPECT_EQ(describe(found), c.found);
         EXPECT_EQ(found.is_wayland(), c.is_wayland);
-        EXPECT_EQ(found.authorization, c.key);
+        EXPECT_EQ(found.x_access.authorization, c.key);
     }
 }
 
