@@ -24,6 +24,7 @@ target_link_libraries(ox_yuv INTERFACE ${YUV_LIBRARY})
 
 if(OX_TESTS)
   find_package(GTest REQUIRED)
+  pkg_check_modules(VTERM REQUIRED IMPORTED_TARGET vterm)
   include(GoogleTest)
 endif()
 if(OX_BENCH)

@@ -17,7 +17,7 @@ build_packages=(
   libpulse-dev libsodium-dev libssl-dev libswscale-dev libx11-dev libxau-dev libxext-dev
   libxrandr-dev libyuv-dev nlohmann-json3-dev
   # test and benchmark frameworks: the release build has both
-  libbenchmark-dev libgmock-dev libgtest-dev
+  libbenchmark-dev libgmock-dev libgtest-dev libvterm-dev
 )
 test_packages=(
   clang-format clang-tidy shellcheck

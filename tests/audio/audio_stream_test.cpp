@@ -1,17 +1,14 @@
 #include "audio/audio_stream.h"
 
 #include <gtest/gtest.h>
-#include <opus/opus.h>
 
-#include <algorithm>
 #include <array>
 #include <cmath>
-#include <memory>
 #include <numbers>
-#include <vector>
 
+#include "launcher/audio_decoder.h"
+#include "launcher/audio_receiver.h"
 #include "launcher/media_socket.h"
-#include "launcher/packet_opener.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/pulse_daemon.h"
@@ -24,121 +21,78 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr std::array<uint8_t, 32> kKey{7, 7, 7};
-constexpr int kTone = 440;
+// Whole numbers of periods in a frame of 5 ms, so that each is measured without the others.
+constexpr int kTone = 400;
 constexpr int kOtherTone = 3000;
-/// A tone that is there at all has 8192; a click, as from a player that was late, has some hundred.
-constexpr double kHeard = 2500;
+constexpr int kNoTone = 10'000;
+constexpr double kPlayed = 16'384;
+/// A tone that is there at all has 16384; a click, as at its start, has some hundred.
+constexpr double kHeard = 5000;
 
-/// Amplitude of one frequency in 48 kHz samples (Goertzel's algorithm).
-double amplitude(const std::vector<double>& samples, int hertz) {
-    const double c = 2 * std::cos(2 * std::numbers::pi * hertz / 48000);
-    double a = 0;
-    double b = 0;
-    for (const double sample : samples) {
-        const double next = sample + c * a - b;
-        b = a;
-        a = next;
+/// Amplitude of one frequency in the left channel of 48 kHz stereo samples.
+double amplitude(std::span<const int16_t> samples, int hertz) {
+    double in_phase = 0;
+    double quadrature = 0;
+    for (size_t i = 0; i < samples.size(); i += 2) {
+        const double angle = std::numbers::pi * hertz * static_cast<double>(i) / 48000;
+        in_phase += samples[i] * std::cos(angle);
+        quadrature += samples[i] * std::sin(angle);
     }
-    return std::sqrt(std::max(0.0, a * a + b * b - c * a * b)) * 2 /
-           static_cast<double>(samples.size());
+    return 4 * std::hypot(in_phase, quadrature) / static_cast<double>(samples.size());
 }
 
-/// The launcher's end: receives, opens and decodes the stream.
-class Listener {
-  public:
-    Listener() {
-        std::string text;
-        EXPECT_TRUE(socket_.open(0, text)) << text;
-        int error = 0;
-        decoder_.reset(::opus_decoder_create(48000, 2, &error));
-    }
-    [[nodiscard]] uint16_t port() const { return socket_.port(); }
-
-    /// The left channels of the data packets that lie there, 240 samples each. Waits up to `limit`
-    /// for the first one.
-    std::vector<std::vector<double>> receive(milliseconds limit) {
-        std::vector<std::vector<double>> packets;
-        socket_.receive(limit, [&](std::span<const uint8_t> datagram) {
-            const auto packet = opener_.open(datagram);
-            ASSERT_TRUE(packet);
-            if (packet->header.flags == 0x0C) packets.push_back(decode(packet->payload));
-        });
-        return packets;
-    }
-
-    /// Decodes until 50 ms in a row carry `hertz` at about the played level. False at the limit.
-    /// Nowhere may `forbidden` be heard.
-    bool hears(int hertz, int forbidden, seconds limit) {
-        std::vector<double> window;
-        bool heard = false;
-        for (const auto deadline = SteadyClock::now() + limit;
-             !heard && SteadyClock::now() < deadline;) {
-            for (const auto& samples : receive(milliseconds(100))) {
-                // Within one packet the tones are 1 and 15 periods long: far enough apart.
-                EXPECT_LT(amplitude(samples, forbidden), kHeard);
-                window.insert(window.end(), samples.begin(), samples.end());
-                if (window.size() < 2400) continue;
-                heard = heard || std::abs(amplitude(window, hertz) - 8192) < 600;
-                window.clear();
-            }
-        }
-        return heard;
-    }
-
-    /// Listens until `condition` holds and nothing more lies there. False at the limit. Nowhere may
-    /// `forbidden` be heard.
-    template <typename Condition>
-    bool listens_until(Condition&& condition, int forbidden, seconds limit) {
-        const auto deadline = SteadyClock::now() + limit;
-        while (SteadyClock::now() < deadline) {
-            const auto packets = receive(milliseconds(20));
-            if (packets.empty() && condition()) return true;
-            for (const auto& samples : packets)
-                EXPECT_LT(amplitude(samples, forbidden), kHeard);
-        }
-        return false;
-    }
-
-  private:
-    std::vector<double> decode(std::span<const uint8_t> payload) {
-        std::array<int16_t, 480> pcm{};
-        EXPECT_EQ(::opus_decode(decoder_.get(), payload.data(),
-                                static_cast<opus_int32>(payload.size()), pcm.data(), 240, 0),
-                  240);
-        std::vector<double> left;
-        for (size_t i = 0; i < pcm.size(); i += 2)
-            left.push_back(pcm[i]);
-        return left;
-    }
-
-    launcher::MediaSocket socket_;
-    launcher::PacketOpener opener_{kKey};
-    std::unique_ptr<OpusDecoder, void (*)(OpusDecoder*)> decoder_{nullptr, ::opus_decoder_destroy};
-};
-
+/// A stream of what a sound server plays, to a launcher's receiver.
 class AudioStreamTest : public testing::Test {
   protected:
-    void SetUp() override { ASSERT_TRUE(sender_.open("127.0.0.1", listener_.port(), 0)); }
+    void SetUp() override {
+        std::string error;
+        ASSERT_TRUE(socket_.open(0, error) && decoder_.open(error)) << error;
+        ASSERT_TRUE(sender_.open("127.0.0.1", socket_.port(), 0));
+        ASSERT_TRUE(pulse_.play_tone("out", kTone));
+    }
     bool start() { return stream_.start(sender_, kKey.data(), kKey.size(), 48000, 2, 128000); }
 
+    /// Listens until 50 ms in a row carry `hertz` as it is played. Nowhere may `forbidden` be
+    /// heard.
+    bool hears(int hertz, int forbidden) {
+        int in_a_row = 0;
+        const auto deadline = SteadyClock::now() + seconds(30);
+        while (in_a_row < 10 && SteadyClock::now() < deadline) {
+            socket_.receive(milliseconds(100), [&](std::span<const uint8_t> datagram) {
+                receiver_.on_datagram(datagram, steady_now_us());
+            });
+            while (const auto frame = receiver_.next_frame()) {
+                const auto samples = decoder_.decode(*frame);
+                EXPECT_LT(amplitude(samples, forbidden), kHeard);
+                const bool heard = std::abs(amplitude(samples, hertz) / kPlayed - 1) < 0.1;
+                in_a_row = heard ? in_a_row + 1 : 0;
+            }
+        }
+        return in_a_row >= 10;
+    }
+
     test::PulseDaemon pulse_;
-    Listener listener_;
+    launcher::MediaSocket socket_;
+    launcher::AudioReceiver receiver_{kKey};
+    launcher::AudioDecoder decoder_;
     UdpSender sender_;
     AudioStream stream_;
 };
 
 TEST_F(AudioStreamTest, TheMicrophoneIsNotHeardWhenTheOutputGoes) {
     const test::LogCapture log;
-    const auto player = pulse_.play_tone("out", kTone);
-    const auto speaker = pulse_.play_tone("hidden", kOtherTone);  // what the microphone hears
+    ASSERT_TRUE(pulse_.play_tone("hidden", kOtherTone));  // what the microphone hears
     ASSERT_TRUE(start());
-    ASSERT_TRUE(listener_.hears(kTone, kOtherTone, seconds(30)));
-    // The server now moves the recording to the microphone and the player to the spare output.
+    ASSERT_TRUE(hears(kTone, kOtherTone));
+    // The server now moves the recording to the microphone and the tone to the spare output.
     ASSERT_TRUE(pulse_.remove_sink("out"));
-    EXPECT_TRUE(listener_.listens_until(
-        [&] { return log.text().find("parec started (source=spare.monitor") != std::string::npos; },
-        kOtherTone, seconds(30)));
-    EXPECT_TRUE(listener_.hears(kTone, kOtherTone, seconds(30)));
+    EXPECT_TRUE(test::eventually(
+        [&] {
+            EXPECT_TRUE(hears(kTone, kOtherTone));
+            return log.times("parec started (source=spare.monitor") == 1;
+        },
+        seconds(30)));
+    EXPECT_TRUE(hears(kTone, kOtherTone));
     EXPECT_EQ(log.count("WARN",
                         "AudioStream: the recording was moved off the output's monitor — its sound "
                         "is dropped, opening the present output"),
@@ -146,18 +100,11 @@ TEST_F(AudioStreamTest, TheMicrophoneIsNotHeardWhenTheOutputGoes) {
 }
 
 TEST_F(AudioStreamTest, AChangeOfTheDefaultOutputIsFollowed) {
-    const auto player = pulse_.play_tone("out", kTone);
-    const auto other = pulse_.play_tone("spare", kOtherTone);
+    ASSERT_TRUE(pulse_.play_tone("spare", kOtherTone));
     ASSERT_TRUE(start());
-    ASSERT_TRUE(listener_.hears(kTone, kOtherTone, seconds(30)));
+    ASSERT_TRUE(hears(kTone, kOtherTone));
     ASSERT_TRUE(pulse_.pactl("set-default-sink spare"));
-    EXPECT_TRUE(test::eventually(
-        [&] {
-            return std::ranges::any_of(
-                listener_.receive(milliseconds(100)),
-                [](const auto& samples) { return amplitude(samples, kOtherTone) > kHeard; });
-        },
-        seconds(30)));
+    EXPECT_TRUE(hears(kOtherTone, kNoTone));
 }
 
 TEST(AudioStreamAlone, RefusesWhatItCannotUse) {

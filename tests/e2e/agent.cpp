@@ -26,14 +26,8 @@ ChildProcess::Options command(const Agent::Setup& setup, const TempDir& folder) 
         "OX_CONSOLE_LOG",
         "OX_DEBUG_DROP_PCT",
     };
-    // Of two entries for one name the later one is meant.
-    for (const auto& entry : setup.environment) {
-        const auto name = entry.substr(0, entry.find('='));
-        std::erase_if(options.environment, [&](const std::string& existing) {
-            return existing.substr(0, existing.find('=')) == name;
-        });
-        options.environment.push_back(entry);
-    }
+    options.environment.insert(options.environment.end(), setup.environment.begin(),
+                               setup.environment.end());
     options.stdout_path = setup.terminal.empty() ? folder.file("screen.txt") : setup.terminal;
     options.stderr_path = folder.file("stderr.txt");
     return options;

@@ -1,5 +1,4 @@
-// The control port under attack: every attempt is answered as it should be, and the next launcher
-// still gets in.
+// The control port taken by another program, then by a stranger: the next launcher still gets in.
 
 #include <gtest/gtest.h>
 
@@ -11,9 +10,8 @@ namespace ox::test {
 namespace {
 
 using namespace std::chrono_literals;
-using namespace std::string_literals;
 
-TEST(Handshake, ABusyPortIsSaidOnceAndWaitedForAndAttacksAreRefused) {
+TEST(Handshake, ABusyPortIsSaidOnceAndWaitedForAndAStrangerIsRefused) {
     auto ports = std::make_shared<PortBlock>();
     UniqueFd occupier = occupy_tcp_port(ports->control());
     Agent agent({.ports = ports});
@@ -30,21 +28,10 @@ TEST(Handshake, ABusyPortIsSaidOnceAndWaitedForAndAttacksAreRefused) {
     ASSERT_TRUE(agent.wait_for_log("TcpControlServer: listening on port"));
     EXPECT_TRUE(agent.screen().wait_for("Resolved: Port ", kPatience));
 
-    const std::pair<std::string, const char*> attacks[] = {
-        {std::string(20'000, 'x'), "auth message too large ("},
-        {"\xff\xfe\x00\x80\xc3(\x01\n"s, "TcpControlServer: JSON parse error: "},
-        {"{}\n", "expected 'auth' message, got 'unknown'"},
-        {auth_line("", "let me out"), "session token verification FAILED"},
-    };
-    size_t sessions = 0;
-    for (const auto& [bytes, log] : attacks) {
-        TcpClient client(agent.control_port(), kPatience);
-        client.send(bytes);
-        ASSERT_TRUE(agent.wait_for_log(log));
-        ASSERT_TRUE(agent.wait_for_log("Standalone session ended: handshake_failed:AUTH_REJECTED",
-                                       ++sessions));
-        EXPECT_TRUE(client.closed_within(kPatience));
-    }
+    TcpClient stranger(agent.control_port(), kPatience);
+    stranger.send(auth_line("", "let me out"));
+    EXPECT_TRUE(agent.wait_for_log("Standalone session ended: handshake_failed:AUTH_REJECTED"));
+    EXPECT_TRUE(stranger.closed_within(kPatience));
     EXPECT_TRUE(Player(agent).receive_frames(1));
 }
 

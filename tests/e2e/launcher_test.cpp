@@ -79,26 +79,23 @@ std::optional<uint32_t> stamp_of(const AVFrame& picture, size_t bytes_per_pixel)
     return read_frame_stamp({.bytes = levels, .stride = 256, .width = 256, .height = 8});
 }
 
-/// A tone of 440 Hz and a quarter of full scale that was played, sealed, partly lost and decoded.
+/// A tone of 440 Hz and half of full scale that was played, sealed, partly lost and decoded.
 void expect_the_tone(const Summary& summary, const MediaFile& recording) {
     const AudioSnapshot& audio = summary.audio;
     const AudioStats& stream = audio.stream;
     ASSERT_GT(audio.seconds, 2.0);
     EXPECT_NEAR(audio.sound.pitch_hz, 440, 3);
-    EXPECT_NEAR(audio.sound.level_dbfs, -12.04, 1);
-    EXPECT_EQ(summary.audio_frame_bytes(), 80.0);
+    EXPECT_NEAR(audio.sound.level_dbfs, -6.02, 1);
     EXPECT_EQ(stream.undecryptable + stream.malformed + audio.decode_errors, 0U);
-    EXPECT_EQ(stream.frames.delivered, audio.frames_decoded);
     // Frames count whether they came, were repaired or lost: that is what was sent.
     const auto sent = static_cast<double>(stream.frames.delivered + stream.frames.lost);
     const double seconds = static_cast<double>(stream.last_media_us - stream.first_media_us) / 1e6;
     EXPECT_NEAR(sent / seconds, 200, 10);
     EXPECT_GT(stream.frames.repaired, 5U);
     EXPECT_LT(stream.frames.lost, stream.frames.repaired);
-    const uint64_t recorded = summary.decode.audio_frames_recorded;
-    EXPECT_GT(recorded, stream.frames.delivered * 9 / 10);
     EXPECT_EQ(recording.sound_codec, AV_CODEC_ID_OPUS);
-    EXPECT_EQ(recording.sound_times.size(), recorded);
+    EXPECT_EQ(recording.sound_times.size(), summary.decode.audio_frames_recorded);
+    EXPECT_GT(recording.sound_times.size(), stream.frames.delivered * 9 / 10);
     EXPECT_EQ(std::ranges::adjacent_find(recording.sound_times, std::ranges::greater_equal{}),
               recording.sound_times.end());
 }
@@ -107,11 +104,9 @@ void expect_all_of_a_session(bool lossy) {
     const test::TempDir folder;
     test::Agent::Setup setup{.environment = {"OX_DEBUG_DROP_PCT=0"}};
     std::optional<test::PulseDaemon> pulse;
-    std::unique_ptr<test::ChildProcess> tone;
     if (lossy) {
         pulse.emplace();
-        tone = pulse->play_tone("out", 440);
-        ASSERT_TRUE(pulse->wait_for_playback());
+        ASSERT_TRUE(pulse->play_tone("out", 440));
         setup = {.arguments = {"--audio", "--audio-parity"},
                  .environment = {"OX_DEBUG_DROP_PCT=20", std::string("HOME=") + std::getenv("HOME"),
                                  std::string("XDG_RUNTIME_DIR=") + std::getenv("XDG_RUNTIME_DIR")}};

@@ -5,34 +5,33 @@
 #include <numeric>
 #include <random>
 
-#include "e2e/mosaic.h"
-#include "e2e/player.h"
+#include "e2e/watcher.h"
+#include "support/xvfb.h"
 
 namespace ox::test {
 namespace {
 
+constexpr int kWidth = 640;
 constexpr int kHeight = 480;
 constexpr int kFps = 60 / kSlowdown;
 const Player::Setup kBusyDesktop{
-    .width = Mosaic::kWidth, .height = kHeight, .fps = kFps, .bitrate_kbps = 4000};
+    .width = kWidth, .height = kHeight, .fps = kFps, .bitrate_kbps = 4000};
 
 /// A desktop on which so much moves that frames take several packets, and with so much detail that
 /// keyframes take several parity groups.
 class BusyStream : public testing::Test {
   protected:
     void SetUp() override {
-        Xvfb::Setup setup;
-        setup.screen = "640x480x24";
-        server_ = Xvfb::start(setup);
+        server_ = Xvfb::start({});
         if (!server_) GTEST_SKIP() << "no Xvfb on this machine";
-        mosaic_.emplace(server_->display(), 24);
-        constexpr int kGrain = 4;
-        std::minstd_rand random(1);
-        for (int y = Mosaic::kHeight; y < kHeight; y += kGrain) {
-            for (int x = 0; x < Mosaic::kWidth; x += kGrain) {
-                mosaic_->painter().fill(x, y, kGrain, kGrain, static_cast<uint32_t>(random()));
-            }
+        number_.emplace(server_->display());
+        for (int y = kHeight - 128; y < kHeight; y += 4) {
+            for (int x = 0; x < kWidth; x += 4)
+                paint(x, y, 4);
         }
+    }
+    void paint(int x, int y, uint32_t side) {
+        number_->painter().fill(x, y, side, side, static_cast<uint32_t>(random_()));
     }
     [[nodiscard]] Agent::Setup capture(std::vector<std::string> environment = {}) const {
         environment.push_back("DISPLAY=" + server_->display());
@@ -42,19 +41,24 @@ class BusyStream : public testing::Test {
         // Chance has a part in what is waited for.
         return player.receive_until(
             [&] {
-                mosaic_->change(10);
+                number_->change();
+                for (int i = 0; i < 10; ++i)
+                    paint(static_cast<int>(random_() % 40) * 16,
+                          static_cast<int>(random_() % 20 + 1) * 16, 16);
                 return done();
             },
             3 * kPatience);
     }
 
     std::unique_ptr<Xvfb> server_;
-    std::optional<Mosaic> mosaic_;
+    std::optional<DrawnNumber> number_;
+    std::minstd_rand random_{1};
 };
 
 TEST_F(BusyStream, SingleLossesAreRecoveredAndOthersAnsweredByAKeyframe) {
     Agent agent(capture({"OX_DEBUG_DROP_PCT=5"}));
     Player player(agent, kBusyDesktop);
+    Watcher watcher(player, DrawnNumber::decode);
     ASSERT_TRUE(receive_until(player,
                               [&] {
                                   const auto& stats = player.stats();
@@ -68,11 +72,7 @@ TEST_F(BusyStream, SingleLossesAreRecoveredAndOthersAnsweredByAKeyframe) {
     EXPECT_EQ(stats.undecryptable, 0U);
     EXPECT_EQ(player.pictures(), player.frames().size()) << "something broken was handed out";
     // The screen comes to rest: in spite of all losses the launcher ends up with its picture.
-    std::optional<size_t> state;
-    player.on_picture = [&](const launcher::DecodedPicture& picture) {
-        state = mosaic_->state_of(picture, mosaic_->changes());
-    };
-    EXPECT_TRUE(player.receive_until([&] { return state.has_value(); }));
+    EXPECT_TRUE(player.receive_until([&] { return watcher.last() == number_->number(); }));
 }
 
 TEST_F(BusyStream, ANewBitrateIsAppliedAndKept) {

@@ -41,7 +41,7 @@ class PlatformTest : public testing::Test {
         peer_.emplace(backend_.accept());
         const std::string request = peer_->accept_upgrade();
         EXPECT_NE(request.find("GET /agent/connect HTTP/1.1\r\n"), std::string::npos);
-        EXPECT_NE(request.find("\r\nagent-token: agent-secret\r\n"), std::string::npos);
+        EXPECT_TRUE(request.ends_with("\r\nagent-token: agent-secret"));
         registration_ = next("register");
     }
 

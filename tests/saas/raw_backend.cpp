@@ -5,16 +5,13 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <array>
+#include <chrono>
 #include <stdexcept>
 
 namespace ox::test {
 namespace {
 
-bool wait_readable(int fd) {
-    pollfd poll_fd{.fd = fd, .events = POLLIN, .revents = 0};
-    return ::poll(&poll_fd, 1, 10'000) == 1;
-}
+constexpr std::chrono::seconds kLimit{10};
 
 }  // namespace
 
@@ -37,25 +34,13 @@ RawBackend::RawBackend(int receive_buffer)
 }
 
 RawPeer RawBackend::accept() {
-    if (!wait_readable(listener_.get())) throw std::runtime_error("the agent does not connect");
+    pollfd connecting{.fd = listener_.get(), .events = POLLIN, .revents = 0};
+    if (::poll(&connecting, 1, 10'000) != 1) throw std::runtime_error("the agent does not connect");
     return RawPeer(UniqueFd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)));
 }
 
-bool RawPeer::read_more() {
-    std::array<char, 65'536> buffer;
-    if (!wait_readable(socket_.get())) return false;
-    const ssize_t count = ::recv(socket_.get(), buffer.data(), buffer.size(), 0);
-    if (count <= 0) return false;
-    received_.append(buffer.data(), static_cast<size_t>(count));
-    return true;
-}
-
 std::string RawPeer::read_request() {
-    size_t end = 0;
-    while ((end = received_.find("\r\n\r\n")) == std::string::npos) {
-        if (!read_more()) return "";
-    }
-    return take(end + 4).value_or("");
+    return read_up_to("\r\n\r\n", kLimit).value_or("");
 }
 
 std::string RawPeer::accept_upgrade(std::string_view first) {
@@ -64,62 +49,38 @@ std::string RawPeer::accept_upgrade(std::string_view first) {
     return request;
 }
 
-void RawPeer::send(std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t count = ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (count <= 0) return;
-        bytes.remove_prefix(static_cast<size_t>(count));
-    }
-}
-
 void RawPeer::send_text(std::string_view text) {
     // In the form for up to 64 KiB, whatever the length.
     const std::string length{static_cast<char>(text.size() / 256), static_cast<char>(text.size())};
     send("\x81\x7E" + length + std::string(text));
 }
 
-std::optional<std::string> RawPeer::take(size_t size) {
-    while (received_.size() < size) {
-        if (!read_more()) return std::nullopt;
-    }
-    std::string taken = received_.substr(0, size);
-    received_.erase(0, size);
-    return taken;
-}
-
 std::optional<std::string> RawPeer::read_frame() {
-    const auto head = take(2);
-    if (!head) return std::nullopt;
-    const auto first = static_cast<uint8_t>((*head)[0]);
-    const auto second = static_cast<uint8_t>((*head)[1]);
-    EXPECT_EQ(first & 0xF0U, 0x80U) << "not one final frame";
+    const auto byte = [this] {
+        const auto one = take(1, kLimit);
+        return one ? static_cast<uint8_t>(one->front()) : 0U;
+    };
+    const unsigned first = byte();
+    if (first == 0) return std::nullopt;
+    const unsigned second = byte();
+    EXPECT_EQ(first, 0x81U) << "not one final text frame";
     EXPECT_EQ(second & 0x80U, 0x80U) << "a client has to mask";
     size_t size = second & 0x7FU;
     EXPECT_LT(size, 127U) << "longer than any message that is read here";
     if (size == 126) {
-        const std::string length = take(2).value_or("\0\0");
-        size = static_cast<uint8_t>(length[0]) * 256U + static_cast<uint8_t>(length[1]);
+        size = byte() * 256U;
+        size += byte();
     }
-    const auto key = take(4);
-    auto payload = take(size);
-    if (!payload) return std::nullopt;
-    for (size_t i = 0; i < size; ++i) {
+    const auto key = take(4, kLimit);
+    auto payload = take(size, kLimit);
+    for (size_t i = 0; payload && i < size; ++i) {
         (*payload)[i] = static_cast<char>((*payload)[i] ^ (*key)[i % 4]);
     }
-    const unsigned opcode = first & 0x0FU;
-    return opcode == 1 ? *payload : std::to_string(opcode) + ":" + *payload;
+    return payload;
 }
 
 bool RawPeer::closed() {
-    while (read_more())
-        received_.clear();
-    return wait_readable(socket_.get());
-}
-
-void RawPeer::reset() {
-    const linger abort{.l_onoff = 1, .l_linger = 0};
-    ::setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-    socket_.reset();
+    return closed_within(kLimit);
 }
 
 }  // namespace ox::test

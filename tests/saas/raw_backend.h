@@ -6,35 +6,26 @@
 #include <string_view>
 
 #include "base/unique_fd.h"
+#include "support/tcp_client.h"
 
 namespace ox::test {
 
 /// The backend's end of one connection, byte for byte: says also what no correct server would.
 /// Whatever is waited for is given up after 10 s.
-class RawPeer {
+class RawPeer : public TcpClient {
   public:
-    explicit RawPeer(UniqueFd socket) : socket_(std::move(socket)) {}
+    using TcpClient::TcpClient;
 
-    /// The upgrade request with its empty line; empty when the agent closes.
+    /// The upgrade request; empty when the agent closes.
     std::string read_request();
     /// Reads the request and accepts it; `first` goes out in the same segment.
     std::string accept_upgrade(std::string_view first = "");
-    void send(std::string_view bytes);
     /// One unmasked final text frame.
     void send_text(std::string_view text);
-    /// The next frame's payload (of text frames as it is, others behind their opcode and a colon),
-    /// or nothing when the agent closes. Fails the test on a frame a client must not send.
+    /// The next text frame's payload, or nothing when the agent closes. Fails the test on a frame
+    /// that a client must not send.
     std::optional<std::string> read_frame();
     bool closed();
-    /// Closes with a reset.
-    void reset();
-
-  private:
-    bool read_more();
-    std::optional<std::string> take(size_t size);
-
-    UniqueFd socket_;
-    std::string received_;
 };
 
 /// A backend on a free port of this machine.

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "saas/ws_assembler.h"
-#include "saas/ws_upgrade.h"
 #include "support/log_capture.h"
 
 namespace ox {
@@ -87,36 +86,6 @@ TEST(WsFrame, OneMebibyteIsTheLimitOfAMessageInFragments) {
     EXPECT_EQ(react(fragments + "\x80\x00"_b, 65'536), "m(" + half + half + ")");
     EXPECT_EQ(react(fragments + "\x80\x01x", 65'536), "drop0");
     EXPECT_EQ(log.count("ERROR", "SaasConnector: fragmented message exceeds limit"), 1);
-}
-
-TEST(WsUpgrade, JudgesTheAnswer) {
-    using State = UpgradeResponse::State;
-    struct Row {
-        std::string answer;
-        State state;
-        bool token_refused;
-        const char* leftover;
-    };
-    for (const auto& [answer, state, token_refused, leftover] : {
-             Row{"HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n\r\n\x81\x01x",
-                 State::Accepted, false, "\x81\x01x"},
-             Row{"HTTP/1.1 101 OK\r\n\r\n", State::Rejected, false, ""},
-             Row{"HTTP/1.1 403 Forbidden\r\n\r\n", State::Rejected, true, ""},
-             Row{"HTTP/1.1 401 Unauthorized\r\nX: 2\r\n\r\nbody", State::Rejected, true, "body"},
-             Row{"HTTP/1.1 500 Oh\r\nX: 403 401\r\n\r\n", State::Rejected, false, ""},
-             Row{std::string(16'385, 'x'), State::TooLong, false, ""},
-         }) {
-        for (const size_t piece : {size_t{1}, size_t{1000}}) {
-            UpgradeResponse response;
-            auto result = State::Incomplete;
-            for (size_t at = 0; at < answer.size(); at += piece) {
-                result = response.feed(bytes_of(std::string_view(answer).substr(at, piece)));
-            }
-            EXPECT_EQ(result, state) << answer;
-            EXPECT_EQ(response.token_refused(), token_refused) << answer;
-            EXPECT_EQ(response.leftover(), leftover) << answer;
-        }
-    }
 }
 
 }  // namespace

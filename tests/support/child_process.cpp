@@ -3,12 +3,11 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
+#include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <ctime>
 #include <map>
 #include <system_error>
@@ -19,26 +18,23 @@ namespace {
 /// By name, each as "NAME=value".
 std::map<std::string, std::string> merged_environment(const std::vector<std::string>& changes) {
     std::map<std::string, std::string> result;
-    const auto name_of = [](const std::string& entry) { return entry.substr(0, entry.find('=')); };
+    const auto apply = [&](const std::string& entry) {
+        const std::string name = entry.substr(0, entry.find('='));
+        result.erase(name);
+        if (name != entry) result[name] = entry;
+    };
     for (char** entry = environ; *entry != nullptr; ++entry)
-        result[name_of(*entry)] = *entry;
-    for (const auto& change : changes) {
-        result.erase(name_of(change));
-        if (change.find('=') != std::string::npos) result[name_of(change)] = change;
-    }
+        apply(*entry);
+    for (const auto& change : changes)
+        apply(change);
     return result;
-}
-
-UniqueFd open_output(const std::string& path) {
-    UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-    if (!fd) throw std::system_error(errno, std::generic_category(), path);
-    return fd;
 }
 
 }  // namespace
 
 ChildProcess::ChildProcess(const Options& options) {
-    auto arguments = options.argv;
+    std::vector<std::string> arguments{"setpriv", "--pdeathsig=KILL"};
+    arguments.insert(arguments.end(), options.argv.begin(), options.argv.end());
     auto environment = merged_environment(options.environment);
     std::vector<char*> argv;
     for (auto& argument : arguments)
@@ -48,33 +44,18 @@ ChildProcess::ChildProcess(const Options& options) {
     for (auto& [name, entry] : environment)
         envp.push_back(entry.data());
     envp.push_back(nullptr);
-    const UniqueFd out = open_output(options.stdout_path);
-    const UniqueFd err = open_output(options.stderr_path);
-    const UniqueFd in(::open("/dev/null", O_RDONLY | O_CLOEXEC));
 
-    int report[2];  // carries errno when exec fails, closes when it works
-    if (::pipe2(report, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category());
-    const UniqueFd report_read(report[0]);
-    UniqueFd report_write(report[1]);
-
-    pid_ = ::fork();
-    if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
-    if (pid_ == 0) {  // only async-signal-safe calls from here on
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        ::dup2(in.get(), STDIN_FILENO);
-        ::dup2(out.get(), STDOUT_FILENO);
-        ::dup2(err.get(), STDERR_FILENO);
-        ::execvpe(argv[0], argv.data(), envp.data());
-        const int error = errno;
-        [[maybe_unused]] const auto written = ::write(report_write.get(), &error, sizeof error);
-        ::_exit(127);
-    }
-    report_write.reset();
-    int error = 0;
-    if (::read(report_read.get(), &error, sizeof error) == sizeof error) {
-        ::waitpid(pid_, nullptr, 0);
-        throw std::system_error(error, std::generic_category(), arguments[0]);
-    }
+    posix_spawn_file_actions_t files;
+    ::posix_spawn_file_actions_init(&files);
+    ::posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    constexpr int kAppend = O_WRONLY | O_CREAT | O_APPEND;
+    ::posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, options.stdout_path.c_str(), kAppend,
+                                       0600);
+    ::posix_spawn_file_actions_addopen(&files, STDERR_FILENO, options.stderr_path.c_str(), kAppend,
+                                       0600);
+    const int error = ::posix_spawnp(&pid_, argv[0], &files, nullptr, argv.data(), envp.data());
+    ::posix_spawn_file_actions_destroy(&files);
+    if (error != 0) throw std::system_error(error, std::generic_category(), arguments[2]);
     pidfd_.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
 }
 

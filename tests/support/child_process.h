@@ -24,8 +24,8 @@ class ChildProcess {
         std::string stderr_path = "/dev/null";
     };
 
-    /// Throws std::system_error when the program cannot be started. The kernel kills the program
-    /// when the calling thread ends, so start it from a thread that outlives it.
+    /// A program that is not there ends with status 127. The kernel kills the program when the
+    /// calling thread ends, so start it from a thread that outlives it.
     explicit ChildProcess(const Options& options);
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;

@@ -13,11 +13,9 @@ class LogFile {
   public:
     explicit LogFile(std::string path) : path_(std::move(path)) {}
 
-    /// The whole lines so far (a line still being written is left out).
-    [[nodiscard]] std::vector<std::string> lines() const;
-
-    /// Lines that contain `text`.
-    [[nodiscard]] size_t count(std::string_view text) const;
+    /// The whole lines so far (a line still being written is left out) that contain `with`.
+    [[nodiscard]] std::vector<std::string> lines(std::string_view with = "") const;
+    [[nodiscard]] size_t count(std::string_view text) const { return lines(text).size(); }
 
     /// Waits until at least `times` lines contain `text`; gives the `times`-th of them, or nothing
     /// when `timeout` passes.

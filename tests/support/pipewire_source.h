@@ -1,21 +1,24 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
-#include <memory>
 #include <string>
 
 #include "support/screen_pictures.h"
 
+struct pw_stream;
+struct pw_thread_loop;
+struct spa_data;
+struct spa_pod;
+
 namespace ox::test {
 
 /// A compositor's end of a screen share: a PipeWire node that shows pictures, and follows their
-/// size. It has them in graphics memory (DMA-BUF) for whoever takes that, and in shared memory for
-/// everybody else. Destroying it is what a compositor's death is.
+/// size. Destroying it is what a compositor's death is.
 class PipewireSource {
   public:
     struct Setup {
         uint32_t padding = 0;  ///< bytes behind each row
-        uint32_t offset = 0;   ///< bytes before the first row
         bool bgrx = true;      ///< false: R, G, B and a fourth byte
         bool blanks = false;   ///< a damaged and an empty buffer before each picture
     };
@@ -32,11 +35,25 @@ class PipewireSource {
 
     [[nodiscard]] uint32_t node() const { return node_; }
     /// Whether somebody is watching.
-    [[nodiscard]] bool streaming() const;
+    [[nodiscard]] bool streaming() const { return streaming_; }
 
   private:
-    struct Impl;
-    std::unique_ptr<Impl> impl_;
+    void offer_format(bool at_first);
+    void format_changed(const spa_pod* param);
+    void tick();
+    void process();
+    void fill(spa_data& block);
+
+    ScreenPictures pictures_;
+    Setup setup_;
+    CapturedFrame picture_;
+    int blanks_to_come_ = 0;
+    uint32_t width_ = 0;  ///< as offered
+    uint32_t height_ = 0;
+    bool agreed_ = false;  ///< on the offered size
+    std::atomic<bool> streaming_{false};
+    pw_thread_loop* loop_ = nullptr;
+    pw_stream* stream_ = nullptr;
     uint32_t node_ = 0;
 };
 

@@ -1,14 +1,13 @@
 #pragma once
 
 #include <fcntl.h>
-#include <stdlib.h>
+#include <pty.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 
 #include <algorithm>
 #include <array>
 #include <string>
-#include <system_error>
 
 #include "base/unique_fd.h"
 
@@ -18,15 +17,15 @@ namespace ox::test {
 class PseudoTerminal {
   public:
     PseudoTerminal(int columns, int rows) {
-        user.reset(::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-        if (!user || ::grantpt(user.get()) != 0 || ::unlockpt(user.get()) != 0) {
-            throw std::system_error(errno, std::generic_category(), "posix_openpt");
-        }
+        int ends[2] = {-1, -1};
         std::array<char, 64> name{};
-        ::ptsname_r(user.get(), name.data(), name.size());
+        ::openpty(&ends[0], &ends[1], name.data(), nullptr, nullptr);
+        user.reset(ends[0]);
+        program.reset(ends[1]);  // also keeps the terminal alive when the program has ended
         path_ = name.data();
-        // Also keeps the terminal alive when the program has ended.
-        program.reset(::open(path_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+        for (const int fd : ends)
+            ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+        ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
         resize(columns, rows);
     }
 

@@ -51,24 +51,32 @@ bool TcpClient::receive(Clock::time_point deadline) {
     if (::poll(&readable, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) != 1) {
         return false;
     }
-    std::array<char, 4096> chunk;
+    std::array<char, 65'536> chunk;
     const auto got = ::recv(socket_.get(), chunk.data(), chunk.size(), 0);
     ended_ = got <= 0;
     if (!ended_) received_.append(chunk.data(), static_cast<size_t>(got));
     return !ended_;
 }
 
-std::optional<std::string> TcpClient::read_line(std::chrono::milliseconds timeout) {
+std::optional<std::string> TcpClient::read_up_to(std::string_view end,
+                                                 std::chrono::milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
-    for (;;) {
-        const auto end = received_.find('\n');
-        if (end != std::string::npos) {
-            auto line = received_.substr(0, end);
-            received_.erase(0, end + 1);
-            return line;
-        }
+    while (received_.find(end) == std::string::npos) {
         if (!receive(deadline)) return std::nullopt;
     }
+    auto text = take(received_.find(end), timeout);
+    received_.erase(0, end.size());
+    return text;
+}
+
+std::optional<std::string> TcpClient::take(size_t size, std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    while (received_.size() < size) {
+        if (!receive(deadline)) return std::nullopt;
+    }
+    auto bytes = received_.substr(0, size);
+    received_.erase(0, size);
+    return bytes;
 }
 
 bool TcpClient::closed_within(std::chrono::milliseconds timeout) {

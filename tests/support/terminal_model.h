@@ -1,68 +1,84 @@
 #pragma once
 
+#include <vterm.h>
+
+#include <array>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace ox::test {
 
-/// A terminal as far as the console screen uses one: a grid of characters with their styles, moved
-/// through by control sequences (ECMA-48, and xterm's private modes). What it does not know it
-/// keeps for the test to complain about.
+/// A terminal of another make (libvterm). What it does not know it keeps for the test to complain
+/// about.
 class TerminalModel {
   public:
-    struct Cell {
-        char32_t cp = U' ';  ///< 0 in the right half of a wide character
-        char32_t mark = 0;
-        std::string style;  ///< the SGR sequence in force; empty for a space
-
-        bool operator==(const Cell&) const = default;
-    };
-
-    TerminalModel(int columns, int rows);
+    TerminalModel(int columns, int rows) : terminal_(vterm_new(rows, columns), vterm_free) {
+        static VTermScreenCallbacks screen{};
+        screen.settermprop = set_property;
+        static VTermParserCallbacks unknown{};
+        unknown.control = [](unsigned char control, void* self) { return note(self, control); };
+        unknown.csi = [](const char*, const long*, int, const char*, char command, void* self) {
+            return note(self, command);
+        };
+        vterm_set_utf8(terminal_.get(), 1);
+        vterm_screen_set_callbacks(screen_, &screen, this);
+        vterm_screen_set_unrecognised_fallbacks(screen_, &unknown, this);
+        vterm_screen_enable_altscreen(screen_, 1);
+        vterm_screen_reset(screen_, 1);
+    }
+    TerminalModel(const TerminalModel&) = delete;
+    TerminalModel& operator=(const TerminalModel&) = delete;
 
     /// Takes output of the program in pieces of any size.
-    void feed(std::string_view bytes);
-    /// What a window-size change does: the content is gone.
-    void resize(int columns, int rows);
-    /// From now on shows these characters two columns wide.
-    void treat_as_wide(std::u32string_view characters) { wide_ = characters; }
-
-    [[nodiscard]] const Cell& at(int column, int row) const {
-        return cells_[static_cast<size_t>(row * columns_ + column)];
+    void feed(std::string_view bytes) {
+        vterm_input_write(terminal_.get(), bytes.data(), bytes.size());
     }
-    /// One row as UTF-8.
-    [[nodiscard]] std::string row(int row) const;
-    /// All rows, each with a newline.
-    [[nodiscard]] std::string text() const;
+    void resize(int columns, int rows) { vterm_set_size(terminal_.get(), rows, columns); }
 
+    /// One place; empty where there is nothing, or the right half of a wide character.
+    [[nodiscard]] VTermScreenCell at(int column, int row) const {
+        VTermScreenCell cell{};
+        vterm_screen_get_cell(screen_, {.row = row, .col = column}, &cell);
+        const bool blank = cell.chars[0] == ' ' || cell.chars[0] == 0;
+        return blank || cell.chars[0] == UINT32_MAX ? VTermScreenCell{} : cell;
+    }
+    /// All rows, with newlines in between.
+    [[nodiscard]] std::string text() const {
+        VTermRect all{};
+        vterm_get_size(terminal_.get(), &all.end_row, &all.end_col);
+        std::string text(vterm_screen_get_text(screen_, nullptr, 0, all), '\0');
+        vterm_screen_get_text(screen_, text.data(), text.size(), all);
+        return text;
+    }
     [[nodiscard]] bool alternate_screen() const { return alternate_; }
     [[nodiscard]] bool cursor_visible() const { return cursor_visible_; }
-    [[nodiscard]] bool wraps() const { return wraps_; }
-    /// Something was written beyond the right edge since the screen was last cleared.
-    [[nodiscard]] bool overran() const { return overran_; }
-    /// Control characters and sequences that it does not know, one after the other.
+    /// Asks for the mode, as a program may.
+    [[nodiscard]] bool wraps() {
+        feed("\x1B[?7$p");
+        std::array<char, 16> answer{};
+        vterm_output_read(terminal_.get(), answer.data(), answer.size());
+        return std::string_view(answer.data()) == "\x1B[?7;1$y";
+    }
+    /// Control characters, and the last letters of sequences, that it does not know.
     [[nodiscard]] const std::string& unknown() const { return unknown_; }
 
   private:
-    // Takes one character or sequence from the front of what is pending; false when it is cut off.
-    bool take_one();
-    void control(std::string_view parameters, char final);
-    void put(char32_t cp);
-    void set(int column, const Cell& cell);
+    static int set_property(VTermProp property, VTermValue* value, void* self) {
+        auto& model = *static_cast<TerminalModel*>(self);
+        if (property == VTERM_PROP_ALTSCREEN) model.alternate_ = value->boolean != 0;
+        if (property == VTERM_PROP_CURSORVISIBLE) model.cursor_visible_ = value->boolean != 0;
+        return 1;
+    }
+    static int note(void* self, int unknown) {
+        static_cast<TerminalModel*>(self)->unknown_ += static_cast<char>(unknown);
+        return 1;
+    }
 
-    int columns_;
-    int rows_;
-    std::vector<Cell> cells_;
-    std::string pending_;
-    std::u32string wide_;
-    std::string style_ = "\x1B[0m";
-    int column_ = 0;
-    int row_ = 0;
+    std::unique_ptr<VTerm, void (*)(VTerm*)> terminal_;
+    VTermScreen* screen_ = vterm_obtain_screen(terminal_.get());
     bool alternate_ = false;
     bool cursor_visible_ = true;
-    bool wraps_ = true;
-    bool overran_ = false;
     std::string unknown_;
 };
 

@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <system_error>
 
 #include "support/eventually.h"
 #include "support/unix_socket.h"
@@ -17,8 +16,10 @@ constexpr std::chrono::seconds kStartLimit{30};
 
 constexpr uid_t kNobody = 65534;
 
-bool listening(const std::string& socket) {
-    return eventually([&] { return connect_unix(socket).is_open(); }, kStartLimit);
+bool listening(ChildProcess& process, const std::string& socket) {
+    return eventually([&] { return !process.running() || connect_unix(socket).is_open(); },
+                      kStartLimit) &&
+           process.running();
 }
 
 // Without service folders: what is not started here is not there.
@@ -46,20 +47,16 @@ std::vector<std::string> WaylandDesktop::environment() const {
             "DISPLAY"};
 }
 
-bool WaylandDesktop::run(std::unique_ptr<ChildProcess>& process, std::vector<std::string> argv,
+void WaylandDesktop::run(std::unique_ptr<ChildProcess>& process, std::vector<std::string> argv,
                          const std::vector<std::string>& more_environment) const {
     process.reset();
     auto everything = environment();
     everything.insert(everything.end(), more_environment.begin(), more_environment.end());
-    const std::string errors =
-        dir_.file(std::filesystem::path(argv[0]).filename().string() + ".err");
-    try {
-        process = std::make_unique<ChildProcess>(ChildProcess::Options{
-            .argv = std::move(argv), .environment = everything, .stderr_path = errors});
-    } catch (const std::system_error&) {
-        return false;
-    }
-    return true;
+    const auto name = std::filesystem::path(argv[0]).filename().string();
+    process = std::make_unique<ChildProcess>(
+        ChildProcess::Options{.argv = std::move(argv),
+                              .environment = everything,
+                              .stderr_path = dir_.file(name + ".err")});
 }
 
 std::unique_ptr<WaylandDesktop> WaylandDesktop::start() {
@@ -67,21 +64,22 @@ std::unique_ptr<WaylandDesktop> WaylandDesktop::start() {
     const std::string config = desktop->dir_.file("bus.conf");
     const std::string bus = desktop->dir_.file("bus");
     std::ofstream(config) << bus_config(bus);
-    if (!desktop->run(desktop->bus_, {"dbus-daemon", "--nofork", "--config-file=" + config}) ||
-        !listening(bus) || !desktop->run(desktop->pipewire_, {"pipewire"}) ||
-        !listening(desktop->pipewire_socket()) ||
-        !desktop->run(desktop->session_manager_, {"wireplumber"})) {
+    desktop->run(desktop->bus_, {"dbus-daemon", "--nofork", "--config-file=" + config});
+    desktop->run(desktop->pipewire_, {"pipewire"});
+    if (!listening(*desktop->bus_, bus) ||
+        !listening(*desktop->pipewire_, desktop->pipewire_socket())) {
         return nullptr;
     }
+    desktop->run(desktop->session_manager_, {"wireplumber"});
     return desktop;
 }
 
 bool WaylandDesktop::start_portal(std::vector<std::string> behaviours) {
-    std::vector<std::string> argv{OX_TEST_PORTAL, dir_.file("portal-report")};
-    argv.insert(argv.end(), behaviours.begin(), behaviours.end());
+    behaviours.insert(behaviours.begin(), {OX_TEST_PORTAL, dir_.file("portal-report")});
     portal_.reset();
     std::filesystem::remove(dir_.file("portal-report"));
-    return run(portal_, std::move(argv)) && report_.wait_for("ready", kStartLimit).has_value();
+    run(portal_, std::move(behaviours));
+    return report_.wait_for("ready", kStartLimit).has_value();
 }
 
 std::string WaylandDesktop::config_file(const std::string& name) const {
@@ -93,7 +91,7 @@ std::string WaylandDesktop::config_file(const std::string& name) const {
 bool WaylandDesktop::run_on_bus(std::unique_ptr<ChildProcess>& process, const std::string& program,
                                 const std::string& name,
                                 const std::vector<std::string>& environment) const {
-    if (!run(process, {program}, environment)) return false;
+    run(process, {program}, environment);
     DBusConnection* bus = dbus_connection_open_private(bus_address().c_str(), nullptr);
     if (bus == nullptr) return false;
     const bool owned = dbus_bus_register(bus, nullptr) == TRUE &&
@@ -122,16 +120,12 @@ bool WaylandDesktop::start_sway(const std::string& colour, uint32_t width, uint3
                                    "--pdeathsig=KILL"});
     }
     const std::string folder = sway_dir_.path().string();
-    if (!run(sway_, argv,
-             {"XDG_RUNTIME_DIR=" + folder, "HOME=" + folder, "WAYLAND_DISPLAY",
-              "WLR_BACKENDS=headless", "WLR_RENDERER=pixman", "WLR_LIBINPUT_NO_DEVICES=1"})) {
-        return false;
-    }
+    run(sway_, argv,
+        {"XDG_RUNTIME_DIR=" + folder, "HOME=" + folder, "WAYLAND_DISPLAY", "WLR_BACKENDS=headless",
+         "WLR_RENDERER=pixman", "WLR_LIBINPUT_NO_DEVICES=1"});
     const std::string socket = sway_dir_.file("wayland-1");
     const std::vector<std::string> on_sway{"WAYLAND_DISPLAY=" + socket, "XDG_CURRENT_DESKTOP=sway"};
-    return eventually([&] { return !sway_->running() || connect_unix(socket).is_open(); },
-                      kStartLimit) &&
-           sway_->running() &&
+    return listening(*sway_, socket) &&
            run_on_bus(portal_backend_, "/usr/libexec/xdg-desktop-portal-wlr",
                       "org.freedesktop.impl.portal.desktop.wlr", on_sway) &&
            run_on_bus(portal_, "/usr/libexec/xdg-desktop-portal", "org.freedesktop.portal.Desktop",

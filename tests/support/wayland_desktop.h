@@ -45,7 +45,7 @@ class WaylandDesktop {
 
   private:
     WaylandDesktop() : report_(dir_.file("portal-report")) {}
-    bool run(std::unique_ptr<ChildProcess>& process, std::vector<std::string> argv,
+    void run(std::unique_ptr<ChildProcess>& process, std::vector<std::string> argv,
              const std::vector<std::string>& more_environment = {}) const;
     bool run_on_bus(std::unique_ptr<ChildProcess>& process, const std::string& program,
                     const std::string& name, const std::vector<std::string>& environment) const;

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <random>
-#include <system_error>
 
 namespace ox::test {
 
@@ -27,11 +26,7 @@ std::unique_ptr<Xvfb> Xvfb::start(const Setup& setup) {
     options.argv.insert(options.argv.end(), setup.arguments.begin(), setup.arguments.end());
 
     std::unique_ptr<Xvfb> server(new Xvfb);
-    try {
-        server->process_ = std::make_unique<ChildProcess>(options);
-    } catch (const std::system_error&) {
-        return nullptr;
-    }
+    server->process_ = std::make_unique<ChildProcess>(options);
     writing.reset();
     pollfd listening{reading.get(), POLLIN, 0};
     char digit = 0;

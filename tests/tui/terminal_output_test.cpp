@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 
+#include "support/pseudo_terminal.h"
 #include "tui/output_pipe.h"
 
 namespace ox::tui {
@@ -17,13 +17,11 @@ struct Channel {
 /// A pipe, a terminal and a socket.
 std::array<Channel, 3> channels() {
     test::OutputPipe pipe;
-    UniqueFd user(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-    EXPECT_EQ(::grantpt(user.get()) | ::unlockpt(user.get()), 0);
-    UniqueFd terminal(::open(::ptsname(user.get()), O_WRONLY | O_NOCTTY | O_CLOEXEC));
+    ox::test::PseudoTerminal terminal(80, 24);
     std::array<int, 2> ends{};
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
     return {Channel{std::move(pipe.reader), std::move(pipe.writer)},
-            Channel{std::move(user), std::move(terminal)},
+            Channel{std::move(terminal.user), std::move(terminal.program)},
             Channel{UniqueFd(ends[0]), UniqueFd(ends[1])}};
 }
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 #include <spa/buffer/buffer.h>
+#include <spa/param/buffers.h>
+#include <spa/pod/iter.h>
 
 #include <limits>
 #include <vector>
@@ -50,6 +52,16 @@ TEST(StreamParams, APictureIsTakenOnlyWhereItLiesWholeInTheMemory) {
         EXPECT_FALSE(picture_in(block, kSize));
         EXPECT_FALSE(picture_in(block, {}));
     }
+}
+
+// A compositor that has pictures in graphics memory copies them for whoever asks for other memory.
+TEST(StreamParams, GraphicsMemoryWhichCannotBeMappedIsNotAskedFor) {
+    ParamMemory memory;
+    const spa_pod_prop* types =
+        spa_pod_find_prop(wanted_buffers(memory), nullptr, SPA_PARAM_BUFFERS_dataType);
+    ASSERT_NE(types, nullptr);
+    const auto* flags = static_cast<const int*>(SPA_POD_CHOICE_VALUES(&types->value));
+    EXPECT_EQ(*flags & 1 << SPA_DATA_DmaBuf, 0);
 }
 
 }  // namespace
