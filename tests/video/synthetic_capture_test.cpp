@@ -11,8 +11,6 @@ namespace ox {
 namespace {
 
 using Pixel = std::array<int, 4>;
-constexpr Pixel kWhite{255, 255, 255, 255};
-constexpr Pixel kBlack{0, 0, 0, 255};
 
 Pixel at(const CapturedFrame& frame, uint32_t x, uint32_t y) {
     const uint8_t* pixel = frame.pixels() + (size_t{y} * frame.width + x) * 4;
@@ -38,7 +36,8 @@ TEST(SyntheticCapture, DrawsDarkeningBarsAndTheFrameNumber) {
     for (const auto& [x, y, pixel] : cases)
         EXPECT_EQ(at(frame, x, y), pixel) << x << "," << y;
     for (uint32_t bit = 0; bit < 32; ++bit) {
-        const Pixel expected = (0x25U >> bit & 1U) != 0 ? kWhite : kBlack;
+        const int level = (0x25U >> bit & 1U) != 0 ? 255 : 0;
+        const Pixel expected{level, level, level, 255};
         EXPECT_EQ(at(frame, bit * 8, 0), expected) << bit;
         EXPECT_EQ(at(frame, bit * 8 + 7, 7), expected) << bit;
     }
