@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <numeric>
 #include <vector>
@@ -10,8 +11,6 @@
 
 namespace ox {
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 constexpr size_t kP = 1162;  // bitstream bytes in a full packet
 
@@ -23,10 +22,6 @@ EncodedFrame make_frame(size_t size, bool keyframe) {
     frame.timestamp = 0x1122334455667788;
     frame.keyframe = keyframe;
     return frame;
-}
-
-Bytes bytes_of(const OutgoingPacket& packet) {
-    return {packet.payload.bytes().begin(), packet.payload.bytes().end()};
 }
 
 // What the packets hold is pinned by the wire vectors, and their parity by the launcher's tests.
@@ -65,8 +60,8 @@ TEST(Packetizer, PacketCounts) {
         }
         if (c.copies == 1) {
             EXPECT_EQ(std::memcmp(&packets[0].header, &packets[1].header, kHeaderBytes), 0);
-            EXPECT_EQ(bytes_of(packets[0]), frame.data);
-            EXPECT_EQ(bytes_of(packets[1]), frame.data);
+            for (const OutgoingPacket& packet : packets)
+                EXPECT_TRUE(std::ranges::equal(packet.payload.bytes(), frame.data));
         }
     }
 }
