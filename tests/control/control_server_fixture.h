@@ -32,10 +32,10 @@ class ControlServerTest : public testing::Test {
     [[nodiscard]] uint16_t port() const { return ports_.control(); }
     [[nodiscard]] TcpClient connect() const { return {port(), kPatience}; }
 
-    std::future<bool> handshake(int accept_timeout_s = 0) {
-        return std::async(std::launch::async, [this, accept_timeout_s] {
+    std::future<bool> handshake() {
+        return std::async(std::launch::async, [this] {
             return server_.accept_and_handshake(
-                port(), [this] { return abort_.load(); }, accept_timeout_s);
+                port(), [this] { return abort_.load(); }, 0);
         });
     }
 
@@ -47,10 +47,6 @@ class ControlServerTest : public testing::Test {
         launcher.send(kGoodAuth);
         EXPECT_TRUE(result.get()) << server_.last_error << "\n" << log_.text();
         return launcher;
-    }
-
-    [[nodiscard]] bool logged(std::string_view text) const {
-        return log_.text().find(text) != std::string::npos;
     }
 
     LogCapture log_{LogLevel::TRACE};

@@ -63,10 +63,10 @@ struct Heard {
 };
 
 // Every frame handed out must be the one that was sent under its number.
-Heard listen(const std::vector<Sent>& packets, uint64_t time_to_end = 100'000) {
+Heard listen(const std::vector<Sent>& packets) {
     AudioAssembler assembler;
     Heard heard;
-    uint64_t now = 0;
+    uint64_t now = packets.front().at;
     const auto take = [&] {
         while (const auto frame = assembler.pop()) {
             EXPECT_EQ(frame->opus, content(frame->sequence)) << frame->sequence;
@@ -77,14 +77,13 @@ Heard listen(const std::vector<Sent>& packets, uint64_t time_to_end = 100'000) {
         }
     };
     for (const Sent& packet : packets) {
-        for (; now + kFrameUs < packet.at; now = now == 0 ? packet.at : now + kFrameUs)
+        for (; now < packet.at; now += kFrameUs)
             assembler.expire(now);
-        now = std::max(now, packet.at);
         for (int copy = 0; copy < 2; ++copy)  // as a network may: changes nothing
             assembler.push(packet.header, packet.payload, now);
         take();
     }
-    assembler.expire(now + time_to_end);
+    assembler.expire(now + 100'000);
     take();
     heard.counters = assembler.counters();
     return heard;

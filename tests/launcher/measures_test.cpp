@@ -38,11 +38,9 @@ TEST(StampChecker, FindsWrongPictures) {
     StampChecker checker;
     // Frame numbers 3, 4, 7 were shown with the pictures they should; 8 repeats a picture, 9 shows
     // one from nowhere.
-    checker.add(3, 0xFFFFFFFF);
-    checker.add(4, 0);
-    checker.add(7, 3);
-    checker.add(8, 3);
-    checker.add(9, 77);
+    for (const auto& [frame, stamp] :
+         {std::pair{3U, 0xFFFFFFFF}, {4U, 0U}, {7U, 3U}, {8U, 3U}, {9U, 77U}})
+        checker.add(frame, stamp);
     // Grey is neither black nor white: no number to be read.
     const std::vector<uint8_t> grey(256 * 8, 125);
     checker.add(10, read_frame_stamp({.bytes = grey, .stride = 256, .width = 256, .height = 8}));

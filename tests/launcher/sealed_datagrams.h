@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <vector>
 
 #include "transport/encryption.h"
@@ -11,21 +12,26 @@ namespace ox::test {
 
 using Datagram = std::vector<uint8_t>;
 
-/// What an agent without a repair ratio sends for `frame`, sealed with `key` of 32 bytes.
-inline std::vector<Datagram> sealed_datagrams(const EncodedFrame& frame, const uint8_t* key) {
+/// A media packet as an agent sends it, sealed with `key` of 32 bytes.
+inline Datagram sealed_datagram(const PacketHeader& header, std::span<const uint8_t> payload,
+                                const uint8_t* key) {
     Encryption encryption;
     encryption.set_key(key, Encryption::kKeyBytes);
+    Datagram datagram(kHeaderBytes + payload.size() + kTagBytes);
+    std::memcpy(datagram.data(), &header, kHeaderBytes);
+    size_t sealed = 0;
+    encryption.encrypt_packet(header, payload.data(), payload.size(),
+                              datagram.data() + kHeaderBytes, sealed);
+    return datagram;
+}
+
+/// What an agent without a repair ratio sends for `frame`.
+inline std::vector<Datagram> sealed_datagrams(const EncodedFrame& frame, const uint8_t* key) {
     std::vector<OutgoingPacket> packets;
     Packetizer().packetize(frame, kStreamVideo, packets);
     std::vector<Datagram> datagrams;
-    for (const OutgoingPacket& packet : packets) {
-        Datagram& datagram = datagrams.emplace_back(kMaxDatagramBytes);
-        std::memcpy(datagram.data(), &packet.header, kHeaderBytes);
-        size_t sealed = 0;
-        encryption.encrypt_packet(packet.header, packet.payload.data(), packet.payload.size(),
-                                  datagram.data() + kHeaderBytes, sealed);
-        datagram.resize(kHeaderBytes + sealed);
-    }
+    for (const OutgoingPacket& packet : packets)
+        datagrams.push_back(sealed_datagram(packet.header, packet.payload.bytes(), key));
     return datagrams;
 }
 
