@@ -4,49 +4,38 @@
 
 #include <array>
 #include <climits>
-#include <cstring>
 
 #include "app/session/feedback_handler.h"
 #include "app/session/frame_pacer.h"
 #include "app/session/keyframe_policy.h"
 #include "app/session/session_signals.h"
 #include "app/session/stream_settings.h"
+#include "launcher/feedback_packets.h"
 
 namespace ox {
 namespace {
 
 TEST(KeyframeRequest, OneAlreadyUnderWayAnswersIt) {
-    struct Case {
+    const struct {
         float rtt_ms;
         int64_t after_us;  ///< time from the keyframe to the request
         bool in_flight;
-    };
-    const Case cases[] = {
-        {20, 169'999, true},     {20, 170'000, false},   {0, 249'999, true},
-        {0, 250'000, false},     {-1, 249'999, true},    {999, 1'148'999, true},
-        {999, 1'149'000, false}, {1000, 250'000, false},
-    };
+    } cases[] = {{20, 169'999, true},    {20, 170'000, false},   {0, 249'999, true},
+                 {0, 250'000, false},    {-1, 249'999, true},    {999, 1'148'999, true},
+                 {1000, 250'000, false}, {999, 1'149'000, false}};
     constexpr int64_t kSent = 5'000'000;
-    for (const Case& c : cases) {
+    for (const auto& [rtt_ms, after_us, in_flight] : cases) {
         SessionSignals signals;
-        signals.rtt_ms = c.rtt_ms;
+        signals.rtt_ms = rtt_ms;
         signals.last_keyframe_sent_us = kSent;
-        request_keyframe(signals, kSent + c.after_us);
-        EXPECT_EQ(signals.keyframe_requested, !c.in_flight) << c.rtt_ms << " " << c.after_us;
-        EXPECT_EQ(signals.answered_in_flight, c.in_flight ? 1U : 0U);
+        request_keyframe(signals, kSent + after_us);
+        EXPECT_EQ(signals.keyframe_requested, !in_flight) << rtt_ms << " " << after_us;
+        EXPECT_EQ(signals.answered_in_flight, in_flight ? 1U : 0U);
     }
     // Before the first keyframe nothing is under way, however early the clock.
     SessionSignals fresh;
     request_keyframe(fresh, 10);
     EXPECT_TRUE(fresh.keyframe_requested);
-}
-
-InputPacket feedback_packet(InputKind kind, const std::array<uint8_t, 16>& payload = {}) {
-    std::array<uint8_t, 28> bytes{1, static_cast<uint8_t>(kind)};
-    std::copy(payload.begin(), payload.end(), bytes.begin() + 12);
-    InputPacket packet;
-    std::memcpy(&packet, bytes.data(), bytes.size());
-    return packet;
 }
 
 class FeedbackHandlerTest : public testing::Test {
@@ -58,42 +47,37 @@ class FeedbackHandlerTest : public testing::Test {
         return signals_.keyframe_requested;
     }
 
+    const InputPacket plain_ = launcher::make_keyframe_request();
+    const InputPacket valid_ = launcher::make_lost_frames_request(
+        {.last_delivered = 7, .first_missing = 8, .last_missing = 9, .attempt = 1});
+    const InputPacket rejected_ = launcher::make_lost_frames_request(
+        {.last_delivered = 7, .first_missing = 9, .last_missing = 9, .attempt = 1});
+    const InputPacket report_ = launcher::make_media_feedback(
+        {.loss_pct = 1.25, .rtt_ms = 31, .decoded_fps = 60, .keyframe_wanted = true});
     SessionSignals signals_;
     FeedbackHandler handler_{signals_};
 };
 
-constexpr std::array<uint8_t, 16> kValidRfi{7, 0, 0, 0, 8, 0, 0, 0, 9, 0, 0, 0, 1, 0};
-constexpr std::array<uint8_t, 16> kRejectedRfi{7, 0, 0, 0, 9, 0, 0, 0, 9, 0, 0, 0, 1, 0};
-
-TEST_F(FeedbackHandlerTest, MediaFeedbackReplacesWhatTheControlChannelSaid) {
-    EXPECT_TRUE(asks(feedback_packet(InputKind::MediaFeedback, {125, 0, 31, 0, 0x58, 2, 1}), 77));
+TEST_F(FeedbackHandlerTest, EveryFeedbackWishGoesThroughTheInFlightTest) {
+    signals_.last_keyframe_sent_us = 1'000'000;
+    for (const InputPacket& wish : {plain_, valid_, rejected_, report_})
+        EXPECT_FALSE(asks(wish, 1'100'000));
+    EXPECT_EQ(signals_.answered_in_flight, 4U);
+    EXPECT_TRUE(asks(report_, 2'000'000));
+    // Replaces what the control channel said.
     EXPECT_EQ(
         (std::array{signals_.loss_pct.load(), signals_.rtt_ms.load(), signals_.decoded_fps.load()}),
         (std::array{1.25F, 31.0F, 60.0F}));
-    EXPECT_EQ(signals_.last_media_feedback_us, 77);
-}
-
-TEST_F(FeedbackHandlerTest, EveryFeedbackWishGoesThroughTheInFlightTest) {
-    signals_.last_keyframe_sent_us = 1'000'000;
-    for (const InputPacket& wish :
-         {feedback_packet(InputKind::KeyframeRequest), feedback_packet(InputKind::RfiRequest),
-          feedback_packet(InputKind::RfiRequest, kRejectedRfi),
-          feedback_packet(InputKind::RfiRequest, kValidRfi),
-          feedback_packet(InputKind::MediaFeedback, {0, 0, 0, 0, 0, 0, 1})}) {
-        EXPECT_FALSE(asks(wish, 1'100'000));
-    }
-    EXPECT_EQ(signals_.answered_in_flight, 5U);
-    EXPECT_TRUE(asks(feedback_packet(InputKind::KeyframeRequest), 2'000'000));
+    EXPECT_EQ(signals_.last_media_feedback_us, 2'000'000);
 }
 
 TEST_F(FeedbackHandlerTest, ValidRfiRequestsAskAtMostOnceASecond) {
-    const InputPacket valid = feedback_packet(InputKind::RfiRequest, kValidRfi);
-    EXPECT_TRUE(asks(valid, 5'000'000));
-    EXPECT_FALSE(asks(valid, 5'999'999));
-    EXPECT_TRUE(asks(valid, 6'000'000));
+    EXPECT_TRUE(asks(valid_, 5'000'000));
+    EXPECT_FALSE(asks(valid_, 5'999'999));
+    EXPECT_TRUE(asks(valid_, 6'000'000));
     // Plain and rejected ones are not held back.
-    EXPECT_TRUE(asks(feedback_packet(InputKind::RfiRequest), 6'000'001));
-    EXPECT_TRUE(asks(feedback_packet(InputKind::RfiRequest, kRejectedRfi), 6'000'002));
+    EXPECT_TRUE(asks(plain_, 6'000'001));
+    EXPECT_TRUE(asks(rejected_, 6'000'002));
     EXPECT_EQ(handler_.rfi_counters().valid, 3U);
 }
 

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <array>
 #include <future>
 
 #include "support/environment.h"
@@ -25,27 +26,23 @@ std::pair<std::string, UniqueFd> serve_one_lock(BusConnection& bus) {
     std::string asked;
     int ends[2] = {-1, -1};
     EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    UniqueFd watched(ends[0]);
     const UniqueFd lock(ends[1]);
     bus.read_until(SteadyClock::now() + 10s, [&](DBusMessage& call) {
+        std::array<const char*, 4> words{};  // what, who, why, mode
         if (dbus_message_is_method_call(&call, "org.freedesktop.login1.Manager", "Inhibit") ==
-            FALSE) {
+                FALSE ||
+            dbus_message_get_args(&call, nullptr, DBUS_TYPE_STRING, &words[0], DBUS_TYPE_STRING,
+                                  &words[1], DBUS_TYPE_STRING, &words[2], DBUS_TYPE_STRING,
+                                  &words[3], DBUS_TYPE_INVALID) == FALSE) {
             return false;
         }
-        const char* what = "";
-        const char* who = "";
-        const char* why = "";
-        const char* mode = "";
-        dbus_message_get_args(&call, nullptr, DBUS_TYPE_STRING, &what, DBUS_TYPE_STRING, &who,
-                              DBUS_TYPE_STRING, &why, DBUS_TYPE_STRING, &mode, DBUS_TYPE_INVALID);
-        asked = std::string(what) + " " + who + " " + mode;
+        asked = std::string(words[0]) + " " + words[1] + " " + words[3];
         const DBusMessagePtr reply(dbus_message_new_method_return(&call));
-        const int fd = lock.get();
-        dbus_message_append_args(reply.get(), DBUS_TYPE_UNIX_FD, &fd, DBUS_TYPE_INVALID);
+        dbus_message_append_args(reply.get(), DBUS_TYPE_UNIX_FD, &ends[1], DBUS_TYPE_INVALID);
         bus.post(*reply);
         return true;
     });
-    return {asked, std::move(watched)};
+    return {asked, UniqueFd(ends[0])};
 }
 
 bool is_held(const UniqueFd& watched) {
@@ -70,10 +67,8 @@ TEST(SleepInhibitor, HoldsTheLockForAsLongAsItLives) {
 
 TEST(SleepInhibitor, ADeafBusCostsNoTime) {
     const test::TempDir dir;
-    const std::string path = dir.file("deaf");
-    const UniqueFd listener = test::listen_unix(path);
-    ASSERT_TRUE(listener);
-    const test::Environment deaf("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + path);
+    const UniqueFd listener = test::listen_unix(dir.file("deaf"));
+    const test::Environment deaf("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + dir.file("deaf"));
     const auto before = SteadyClock::now();
     { const SleepInhibitor inhibitor; }
     EXPECT_LT(SteadyClock::now() - before, 1s);

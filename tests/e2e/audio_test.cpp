@@ -96,14 +96,5 @@ TEST(Sound, IsSentAlsoWhenSilentAndItsEndCostsNeitherVideoNorTheNextLaunchersSou
     }
 }
 
-TEST(Sound, WithoutARecorderVideoGoesOnAndTheLogSaysWhy) {
-    Agent agent({.arguments = {"--audio"}, .environment = {"PATH=/nonexistent"}});
-    Player player(agent);
-    EXPECT_TRUE(player.receive_frames(30));
-    EXPECT_TRUE(agent.wait_for_log("AudioCapture: parec closed the pipe after 0/"));
-    EXPECT_TRUE(agent.wait_for_log("AudioStream: capture ended — stopping audio"));
-    EXPECT_TRUE(player.receive_frames(30));
-}
-
 }  // namespace
 }  // namespace ox::test

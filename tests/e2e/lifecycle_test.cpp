@@ -56,12 +56,12 @@ TEST(Stopping, SigtermEndsTheProgramPromptlyInEveryState) {
 TEST(Session, IsHeldForItsLauncherAloneWhichGetsFreshKeysAndTheNextFrameNumbers) {
     Agent agent;
     uint32_t last_frame = 0;
-    std::string key;
+    std::vector<uint8_t> key;
     {
         Player player(agent);
         ASSERT_TRUE(player.receive_frames(30));
         last_frame = player.frames().back().frame_id;
-        key = player.video_key();
+        key = player.keys().video_key;
     }
     ASSERT_TRUE(agent.wait_for_log("Session: launcher lost — holding the session for up to 60s"));
     {
@@ -71,7 +71,7 @@ TEST(Session, IsHeldForItsLauncherAloneWhichGetsFreshKeysAndTheNextFrameNumbers)
         EXPECT_TRUE(stranger.closed_within(kPatience));
     }
     auto player = std::make_optional<Player>(agent);
-    EXPECT_NE(player->video_key(), key);
+    EXPECT_NE(player->keys().video_key, key);
     ASSERT_TRUE(player->receive_frames(30));
     EXPECT_TRUE(player->frames().front().keyframe);
     EXPECT_EQ(player->stats().frames_withheld + player->stats().keyframe_requests, 0U);

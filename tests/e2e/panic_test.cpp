@@ -23,11 +23,6 @@ void say(const std::string& path, const std::string& text) {
     EXPECT_LE(::recv(socket.get(), &answer, 1, 0), 0);
 }
 
-bool is_ended(Player& player) {
-    return player.receive_until(
-        [&] { return player.control().closed_within(std::chrono::milliseconds(0)); });
-}
-
 TEST(Panic, EndsTheSessionAndEveryLaterOneUntilTheAgentIsStartedAgain) {
     for (const bool by_signal : {true, false}) {
         SCOPED_TRACE(by_signal ? "signal" : "socket");
@@ -46,13 +41,13 @@ TEST(Panic, EndsTheSessionAndEveryLaterOneUntilTheAgentIsStartedAgain) {
             say(path, "please stop now\n");
             EXPECT_TRUE(agent.wait_for_log("PANIC: local stop requested — ending the session now"));
         }
-        EXPECT_TRUE(is_ended(*player));
+        EXPECT_TRUE(player->is_ended());
         EXPECT_TRUE(agent.wait_for_log("Session end (merchant_panic): "));
         EXPECT_TRUE(agent.wait_for_log("Standalone session ended: merchant_panic"));
         player.reset();
 
         Player next(agent);
-        EXPECT_TRUE(is_ended(next));
+        EXPECT_TRUE(next.is_ended());
         EXPECT_TRUE(agent.wait_for_log("Standalone session ended: merchant_panic", 2));
         // The agent itself goes on, ends with status 0 when told, and takes its socket along.
         ASSERT_TRUE(agent.process().running());

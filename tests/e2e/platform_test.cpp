@@ -18,10 +18,9 @@ constexpr std::array<uint8_t, 32> kMaster{0, 1, 2, 3, 4, 5, 6, 7, 8};
 constexpr const char* kMasterBase64 = "AAECAwQFBgcIAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=";
 
 /// The video key that belongs to the master key, as libsodium derives it.
-std::string derived_video_key() {
-    std::string key(32, '\0');
-    ::crypto_kdf_derive_from_key(reinterpret_cast<uint8_t*>(key.data()), key.size(), 1, "oxvideo1",
-                                 kMaster.data());
+std::vector<uint8_t> derived_video_key() {
+    std::vector<uint8_t> key(32);
+    ::crypto_kdf_derive_from_key(key.data(), key.size(), 1, "oxvideo1", kMaster.data());
     return key;
 }
 
@@ -103,7 +102,7 @@ TEST_F(PlatformTest, SessionAfterSessionThroughEveryWayToEnd) {
     EXPECT_EQ(registration_["max_fps"], 60);
     EXPECT_EQ(registration_["supported_codecs"], (json{"h264", "hevc"}));
 
-    EXPECT_EQ(play("s1").video_key(), derived_video_key());
+    EXPECT_EQ(play("s1").keys().video_key, derived_video_key());
     // A link that flaps during a session loses nothing that matters.
     connect();
     EXPECT_EQ(next("session_ready")["session_id"], "s1");
@@ -123,7 +122,7 @@ TEST_F(PlatformTest, SessionAfterSessionThroughEveryWayToEnd) {
     ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", ++listening_count_));
     player_.emplace(*agent_);
     ASSERT_TRUE(player_->receive_frames(3));
-    EXPECT_EQ(player_->video_key(), derived_video_key());
+    EXPECT_EQ(player_->keys().video_key, derived_video_key());
     EXPECT_GT(player_->frames().front().frame_id, last);
     player_.reset();
     expect_ended("s3", "disconnect_timeout");

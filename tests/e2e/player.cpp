@@ -9,32 +9,22 @@
 
 namespace ox::test {
 
-Player::Player(const Agent& agent) : Player(agent, Setup{}) {}
-
-Player::Player(const Agent& agent, const Setup& setup)
-    : setup_(setup), control_(agent.control_port(), kPatience) {
+Player::Player(const Agent& agent, const Setup& setup) : setup_(setup) {
     std::string error;
     if (!media_.open(agent.port_base(), error) || !decoder_.open(launcher::Codec::H264, error)) {
         throw std::runtime_error(error);
     }
-    const launcher::AuthRequest request{.token = kToken,
-                                        .width = setup.width,
-                                        .height = setup.height,
-                                        .fps = setup.fps,
-                                        .bitrate_kbps = setup.bitrate_kbps,
-                                        .udp_ip = {}};
-    const auto deadline = SteadyClock::now() + kPatience;
-    // Between two sessions the port is closed for a moment, and what waited there is reset.
-    for (;;) {
-        control_.send(launcher::make_auth_line(request) + "\n");
-        const auto answer = control_.read_line(kPatience);
-        if (answer && launcher::parse_session_ready(*answer, keys_, error)) break;
-        if (answer || SteadyClock::now() >= deadline) {
-            throw std::runtime_error("not let in: " + error);
-        }
-        control_ = TcpClient(agent.control_port(), kPatience);
+    const std::string auth = launcher::make_auth_line({.token = kToken,
+                                                       .width = setup.width,
+                                                       .height = setup.height,
+                                                       .fps = setup.fps,
+                                                       .bitrate_kbps = setup.bitrate_kbps,
+                                                       .udp_ip = {}});
+    if (control_.connect("127.0.0.1", agent.control_port(), auth, SteadyClock::now() + kPatience,
+                         [] { return false; }) != launcher::ConnectResult::Ready) {
+        throw std::runtime_error("not let in: " + control_.error());
     }
-    receiver_.emplace(std::span<const uint8_t, 32>(keys_.video_key),
+    receiver_.emplace(std::span<const uint8_t, 32>(keys().video_key),
                       launcher::VideoReceiver::Config{});
     media_.set_agent("127.0.0.1", static_cast<uint16_t>(agent.port_base() + 4));
 }
@@ -72,7 +62,7 @@ void Player::take_frames() {
 }
 
 void Player::say(const std::string& type, const std::string& more) {
-    control_.send(R"({"type":")" + type + "\"" + more + "}\n");
+    control_.send_line(R"({"type":")" + type + "\"" + more + "}");
 }
 
 size_t Player::keyframes_since(size_t first_frame) const {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "control/session_keys.h"
 #include "e2e/agent.h"
+#include "launcher/control_client.h"
 #include "launcher/media_socket.h"
 #include "launcher/video_decoder.h"
 #include "launcher/video_receiver.h"
@@ -35,8 +35,8 @@ class Player {
     };
 
     /// Throws std::runtime_error when the agent does not let it in.
-    explicit Player(const Agent& agent);
     Player(const Agent& agent, const Setup& setup);
+    explicit Player(const Agent& agent) : Player(agent, Setup{}) {}
 
     /// Receives until `done` holds. False when `timeout` passes first.
     bool receive_until(const std::function<bool()>& done,
@@ -45,17 +45,18 @@ class Player {
     bool receive_frames(size_t count);
 
     void say(const std::string& type, const std::string& more = "");
-    TcpClient& control() { return control_; }
+    launcher::ControlClient& control() { return control_; }
+    /// Receives until the agent ends the session. False when it does not.
+    bool is_ended() {
+        return receive_until([this] { return !control_.is_connected(); });
+    }
 
     [[nodiscard]] const std::vector<Frame>& frames() const { return frames_; }
     [[nodiscard]] size_t keyframes_since(size_t first_frame) const;
     [[nodiscard]] size_t pictures() const { return pictures_; }
     [[nodiscard]] const launcher::StampChecker::Report& stamps() const { return stamps_.report(); }
     [[nodiscard]] const launcher::ReceiveStats& stats() const { return receiver_->stats(); }
-    [[nodiscard]] const SessionKeySet& keys() const { return keys_; }
-    [[nodiscard]] std::string video_key() const {
-        return {keys_.video_key.begin(), keys_.video_key.end()};
-    }
+    [[nodiscard]] const SessionKeySet& keys() const { return control_.keys(); }
 
     /// Called with each decoded picture.
     std::function<void(const launcher::DecodedPicture&)> on_picture;
@@ -64,9 +65,8 @@ class Player {
     void take_frames();
 
     Setup setup_;
-    TcpClient control_;
+    launcher::ControlClient control_;
     launcher::MediaSocket media_;
-    SessionKeySet keys_;
     std::optional<launcher::VideoReceiver> receiver_;
     launcher::VideoDecoder decoder_;
     launcher::StampChecker stamps_;

@@ -9,7 +9,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <vector>
 
 #include "support/log_capture.h"
@@ -46,19 +45,14 @@ class InputReceiverTest : public testing::Test {
         ::sendto(socket_.get(), bytes.data(), bytes.size(), 0,
                  reinterpret_cast<const sockaddr*>(&to), sizeof to);
     }
-
-    [[nodiscard]] static std::vector<uint8_t> seal(const InputPacket& packet,
-                                                   const Key& key = kKey) {
+    static std::vector<uint8_t> seal(const InputPacket& packet, const Key& key = kKey) {
         std::vector<uint8_t> datagram(kInputDatagramBytes);
         ::randombytes_buf(datagram.data(), kInputNonceBytes);
-        std::array<uint8_t, sizeof packet> plain{};
-        std::memcpy(plain.data(), &packet, sizeof packet);
-        ::crypto_aead_chacha20poly1305_ietf_encrypt(datagram.data() + kInputNonceBytes, nullptr,
-                                                    plain.data(), plain.size(), nullptr, 0, nullptr,
-                                                    datagram.data(), key.data());
+        ::crypto_aead_chacha20poly1305_ietf_encrypt(
+            datagram.data() + kInputNonceBytes, nullptr, reinterpret_cast<const uint8_t*>(&packet),
+            sizeof packet, nullptr, 0, nullptr, datagram.data(), key.data());
         return datagram;
     }
-
     void send(InputKind kind, int data0 = 0, int data1 = 0, uint8_t buttons = 0) {
         InputPacket packet;
         packet.kind = static_cast<uint8_t>(kind);
@@ -91,11 +85,6 @@ class InputReceiverTest : public testing::Test {
         }
         EXPECT_FALSE(dx) << "no marker";
         return seen;
-    }
-
-    std::string rest_after_stop() {
-        receiver_.stop();
-        return events_until_marker({});
     }
 
     UniqueFd events_;  ///< outlives the receiver, which writes to the pipe until its end
@@ -172,7 +161,8 @@ TEST_F(InputReceiverTest, NothingStaysPressedAfterTheEnd) {
     send(InputKind::KeyUp, 0, 31);
     send_marker(100);
     events_until_marker(100);
-    EXPECT_EQ(rest_after_stop(), "1:17=0 1:30=0 " + kReleaseAll);
+    receiver_.stop();
+    EXPECT_EQ(events_until_marker({}), "1:17=0 1:30=0 " + kReleaseAll);
     EXPECT_EQ(log.count("INFO", "InputReceiver: released 2 tracked pressed keys"), 1);
     EXPECT_EQ(log.count("INFO", "InputReceiver: stopped (6 received, 6 applied)"), 1);
 }

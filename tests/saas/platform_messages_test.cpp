@@ -46,7 +46,6 @@ TEST(PlatformMessages, AreCompactWithAscendingKeys) {
                                     .packet_loss_pct = 0.5F,
                                     .uptime_sec = 3.0F}),
         R"({"bitrate_kbps":0.0,"fps":60.0,"latency_ms":0.0,"packet_loss_pct":0.5,"session_id":"s","type":"session_stats","uptime_sec":3.0})");
-    EXPECT_EQ(error_message("c", "m", ""), R"({"code":"c","message":"m","type":"error"})");
     EXPECT_EQ(error_message("c", "m", "s1"),
               R"({"code":"c","message":"m","session_id":"s1","type":"error"})");
 }
@@ -58,31 +57,32 @@ T parsed(const std::string& text) {
     return std::holds_alternative<T>(message) ? std::get<T>(message) : T{};
 }
 
+std::string prepare(const std::string& members) {
+    return R"({"type":"prepare_session")" + members + "}";
+}
+
 TEST(PlatformMessages, PrepareSessionFieldsAndDefaults) {
-    for (const auto& [extra, text] : {
+    for (const auto& [members, text] : {
              std::pair{"", "h264 1920x1080 60 15000 3600"},
              {R"(,"constraints":[1],"session_isolation":3,"session_id":null)",
               "h264 1920x1080 60 15000 3600"},
              {R"(,"session_id":"s1","session_token_sha256":"ab","max_duration_sec":60,
                  "constraints":{"codec":"hevc","resolution":"1x2","max_fps":30,"bitrate_kbps":9})",
               "s1abhevc 1x2 30 9 60"},
+             // Integers are cut to 32 bits, floats are held inside the range.
+             {R"(,"max_duration_sec":1099511627777)", "h264 1920x1080 60 15000 1"},
+             {R"(,"max_duration_sec":-1e300)", "h264 1920x1080 60 15000 0"},
          }) {
-        const auto p =
-            parsed<PrepareSessionParams>(std::string(R"({"type":"prepare_session")") + extra + "}");
+        const auto p = parsed<PrepareSessionParams>(prepare(members));
         std::ostringstream got;
         got << p.session_id << p.session_token_sha256 << p.codec << " " << p.resolution << " "
             << p.fps << " " << p.bitrate_kbps << " " << p.max_duration_sec;
         EXPECT_EQ(got.str(), text);
     }
-    const auto prepare = [](const std::string& member) {
-        return parsed<PrepareSessionParams>(R"({"type":"prepare_session",)" + member + "}");
-    };
-    for (const char* key : {"AAECAw", "AAEC Aw==", "AAE-", "AAECAw==x", "===="})
-        EXPECT_EQ(prepare(R"("encryption_key":")" + std::string(key) + "\"").encryption_key.size(),
-                  0U);
-    // Integers are cut to 32 bits, floats are held inside the range.
-    EXPECT_EQ(prepare(R"("max_duration_sec":1099511627777)").max_duration_sec, 1U);
-    EXPECT_EQ(prepare(R"("max_duration_sec":-1e300)").max_duration_sec, 0U);
+    for (const std::string key : {"AAECAw", "AAEC Aw==", "AAE-", "AAECAw==x", "===="}) {
+        const auto message = prepare(R"(,"encryption_key":")" + key + "\"");
+        EXPECT_EQ(parsed<PrepareSessionParams>(message).encryption_key.size(), 0U);
+    }
 }
 
 TEST(PlatformMessages, WrongTypesAreRefused) {
@@ -91,24 +91,16 @@ TEST(PlatformMessages, WrongTypesAreRefused) {
          {R"("session_id":1)", R"("client_id":[])", R"("max_duration_sec":"60")",
           R"("session_token_sha256":{})", R"("encryption_key":[1,2])",
           R"("constraints":{"max_fps":"60"})", R"("constraints":{"codec":4})",
-          R"("session_isolation":{"hide_desktop":1})"}) {
-        EXPECT_EQ(
-            parsed<BadMessage>(std::string(R"({"type":"prepare_session",)") + member + "}").kind,
-            Kind::BadPrepare)
-            << member;
-    }
-    for (const char* text :
-         {"[]", "3", R"("ping")", R"({"type":3})", R"({"type":"terminate_session","reason":3})",
-          R"({"type":"terminate_session","session_id":[]})"}) {
-        EXPECT_EQ(parsed<BadMessage>(text).kind, Kind::WrongType) << text;
-    }
-    for (const std::string text : {"", "{\"type\":NaN}", "{}{}"})
+          R"("session_isolation":{"hide_desktop":1})"})
+        EXPECT_EQ(parsed<BadMessage>(prepare(std::string(",") + member)).kind, Kind::BadPrepare);
+    for (const std::string& text :
+         {std::string("[]"), std::string("3"), std::string(R"({"type":3})"),
+          std::string(R"({"type":"terminate_session","session_id":[]})"),
+          std::string(500'000, '[') + std::string(500'000, ']')})
+        EXPECT_EQ(parsed<BadMessage>(text).kind, Kind::WrongType);
+    for (const char* text : {"", "{\"type\":NaN}", "{}{}"})
         EXPECT_EQ(parsed<BadMessage>(text).kind, Kind::InvalidJson) << text;
     parsed<UnknownMessage>("{}");
-    EXPECT_EQ(parsed<TerminateSession>(R"({"type":"terminate_session"})").reason,
-              "saas_terminated");
-    const std::string deep = std::string(500'000, '[') + std::string(500'000, ']');
-    EXPECT_EQ(parsed<BadMessage>(deep).kind, Kind::WrongType);
 }
 
 TEST(LogText, SecretMembersAreMaskedInPlace) {
@@ -141,15 +133,12 @@ TEST(LogText, NothingFromOutsideForgesALine) {
 
 TEST(PlatformUrl, SplitsAndTellsABadSchemeFromABadAuthority) {
     const std::pair<const char*, const char*> rows[] = {
-        {"ws://host", "host 80"},
         {"wss://host/some/path:9", "host 443 tls"},
         {"wss://a.example:8443/x", "a.example 8443 tls"},
         {"ws://host:9000rest", "host 9000"},
         {"ws://[::1]:9000", "[::1]:9000 80"},
-        {"", "--saas-url must start with ws:// or wss:// ('')"},
         {"WS://host", "--saas-url must start with ws:// or wss:// ('WS://host')"},
         {"ws://", "--saas-url 'ws://': bad host/port"},
-        {"ws://:9000", "--saas-url 'ws://:9000': bad host/port"},
         {"ws://host:0", "--saas-url 'ws://host:0': bad host/port"},
         {"ws://host:abc", "--saas-url 'ws://host:abc': bad host/port"},
         {"ws://host:65536", "--saas-url 'ws://host:65536': bad host/port"},

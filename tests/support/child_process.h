@@ -19,7 +19,7 @@ class ChildProcess {
         std::vector<std::string> argv;  ///< argv[0] is looked up in PATH when it has no "/"
         /// "NAME=value" sets, "NAME" alone unsets; of two for one name the later one counts.
         /// Everything else is inherited.
-        std::vector<std::string> environment;
+        std::vector<std::string> environment = {};
         std::string stdout_path = "/dev/null";
         std::string stderr_path = "/dev/null";
     };

@@ -22,7 +22,6 @@ TEST(MakeCapture, ChoosesByModeAndSession) {
         {"auto", "x11", "wayland-0", X11},
         {"auto", std::nullopt, "wayland-0", Portal},
         {"auto", std::nullopt, "", X11},
-        {"auto", std::nullopt, std::nullopt, X11},
         {"auto", "Wayland", std::nullopt, X11},
     };
     for (const auto& [mode, session, wayland, kind] : cases) {

@@ -100,36 +100,26 @@ constexpr const char* kNotApproved =
     "hosts.";
 
 TEST_F(Portal, EveryCallThatFailsIsToldAndNothingElseIsAsked) {
-    struct Case {
-        const char* behaviour;
-        std::vector<std::string> errors;
-        const char* last_call;
-        std::chrono::milliseconds PortalLimits::*short_limit = nullptr;
-    };
-    const auto late = [](const std::string& call) {
-        return "PortalCapture: no Response for " + call + " within 400 ms";
-    };
-    const std::string unhandled = " returned no request handle";
     using Limits = PortalLimits;
-    const std::vector<Case> cases = {
-        {"CreateSession=2",
-         {"PortalCapture: portal refused CreateSession (response=2)"},
-         "CreateSession"},
-        {"CreateSession=fail", {"PortalCapture: CreateSession" + unhandled}, "CreateSession"},
-        {"CreateSession=empty",
-         {"PortalCapture: CreateSession did not return a session handle"},
-         "CreateSession"},
-        {"CreateSession=odd", {"PortalCapture: SelectSources" + unhandled}, "CreateSession"},
-        {"CreateSession=mute", {late("CreateSession")}, "CreateSession", &Limits::create_session},
-        {"SelectSources=silent", {late("SelectSources")}, "SelectSources", &Limits::select_sources},
-        {"Start=1", {"PortalCapture: portal refused Start (response=1)", kNotApproved}, "Start"},
-        {"Start=silent", {late("Start"), kNotApproved}, "Start", &Limits::start_without_token},
-        {"Start=odd", {"PortalCapture: Start returned no stream node"}, "Start"},
-        {"OpenPipeWireRemote=fail",
-         {"PortalCapture: OpenPipeWireRemote returned no fd"},
-         "OpenPipeWireRemote"},
+    const struct {
+        std::string behaviour, error;
+        bool not_approved = false;
+        std::chrono::milliseconds Limits::*short_limit = nullptr;
+    } cases[] = {
+        {"CreateSession=2", "portal refused CreateSession (response=2)"},
+        {"CreateSession=fail", "CreateSession returned no request handle"},
+        {"CreateSession=empty", "CreateSession did not return a session handle"},
+        {"CreateSession=odd", "SelectSources returned no request handle"},
+        {"CreateSession=mute", "no Response for CreateSession within 400 ms", false,
+         &Limits::create_session},
+        {"SelectSources=silent", "no Response for SelectSources within 400 ms", false,
+         &Limits::select_sources},
+        {"Start=1", "portal refused Start (response=1)", true},
+        {"Start=silent", "no Response for Start within 400 ms", true, &Limits::start_without_token},
+        {"Start=odd", "Start returned no stream node"},
+        {"OpenPipeWireRemote=fail", "OpenPipeWireRemote returned no fd"},
     };
-    for (const auto& [behaviour, errors, last_call, short_limit] : cases) {
+    for (const auto& [behaviour, error, not_approved, short_limit] : cases) {
         SCOPED_TRACE(behaviour);
         start_portal(0, {behaviour});
         auto with = config();
@@ -137,11 +127,12 @@ TEST_F(Portal, EveryCallThatFailsIsToldAndNothingElseIsAsked) {
         PortalCapture capture(with);
         const LogCapture log;
         EXPECT_FALSE(capture.init());
-        for (const auto& error : errors)
-            EXPECT_EQ(log.count("ERROR", error), 1) << log.text();
-        EXPECT_EQ(log.times("[ERROR]"), static_cast<int>(errors.size())) << log.text();
+        EXPECT_EQ(log.count("ERROR", "PortalCapture: " + error), 1) << log.text();
+        EXPECT_EQ(log.count("ERROR", kNotApproved), not_approved ? 1 : 0) << log.text();
+        EXPECT_EQ(log.times("[ERROR]"), not_approved ? 2 : 1) << log.text();
         // A dialog that nobody waits for any more, and the session, are closed.
-        const size_t sessions = std::string(last_call) == "CreateSession" ? 0 : 1;
+        const std::string last_call = behaviour.substr(0, behaviour.find('='));
+        const size_t sessions = last_call == "CreateSession" ? 0 : 1;
         const size_t abandoned = short_limit != nullptr ? 1 : 0;
         EXPECT_TRUE(eventually([&] {
             const auto& report = desktop_->portal_report();
@@ -157,11 +148,11 @@ TEST_F(Portal, EveryCallThatFailsIsToldAndNothingElseIsAsked) {
     desktop_->kill_portal();
     const LogCapture log;
     EXPECT_FALSE(PortalCapture(config()).init()) << "without a portal";
-    EXPECT_EQ(log.count("ERROR", "PortalCapture: CreateSession" + unhandled), 1) << log.text();
+    EXPECT_EQ(log.count("ERROR", "PortalCapture: CreateSession returned no request handle"), 1)
+        << log.text();
     desktop_->kill_bus();
     EXPECT_FALSE(PortalCapture(config()).init()) << "without a bus";
-    EXPECT_NE(log.text().find("PortalCapture: no session bus: Failed to connect to socket"),
-              std::string::npos);
+    EXPECT_EQ(log.times("PortalCapture: no session bus: Failed to connect to socket"), 1);
 }
 
 TEST_F(Portal, SharesWithWhateverOrderOfAnswersAndRemembersTheToken) {

@@ -8,26 +8,21 @@
 
 #include "support/environment.h"
 #include "support/temp_dir.h"
-#include "video/portal/portal_limits.h"
 
 namespace ox::test {
 namespace {
 
-using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-mode_t mode_of(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 07777U : 0;
-}
+constexpr auto kOwnerOnly = fs::perms::owner_read | fs::perms::owner_write;
 
 TEST(RestoreToken, IsReplacedAsAWholeAndReadableByItsOwnerOnly) {
     const TempDir dir;
     const RestoreTokenFile file(dir.file("config/orvex/portal_restore_token"));
     EXPECT_EQ(file.read(), std::nullopt);
     ASSERT_TRUE(file.write("a much longer first token"));
-    EXPECT_EQ(mode_of(file.path()), 0600U);
-    EXPECT_EQ(mode_of(dir.file("config/orvex")), 0700U);
+    EXPECT_EQ(fs::status(file.path()).permissions(), kOwnerOnly);
+    EXPECT_EQ(fs::status(dir.file("config/orvex")).permissions(), fs::perms::owner_all);
     EXPECT_EQ(file.read(), "a much longer first token");
 
     // Whoever has the old file open or linked keeps the old one, whole.
@@ -35,7 +30,7 @@ TEST(RestoreToken, IsReplacedAsAWholeAndReadableByItsOwnerOnly) {
     fs::permissions(file.path(), fs::perms::all);
     ASSERT_TRUE(file.write("second\n"));
     EXPECT_EQ(file.read(), "second\n");
-    EXPECT_EQ(mode_of(file.path()), 0600U);
+    EXPECT_EQ(fs::status(file.path()).permissions(), kOwnerOnly);
     EXPECT_EQ(RestoreTokenFile(dir.file("old")).read(), "a much longer first token");
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path() / "config/orvex"), {}), 1)
         << "something was left behind";
@@ -72,17 +67,6 @@ TEST(RestoreToken, LiesInTheUsersConfigurationFolder) {
          {std::pair{"/cfg", "/cfg/orvex/"}, {"relative", "/home/anna/.config/orvex/"}}) {
         const Environment variable("XDG_CONFIG_HOME", config);
         EXPECT_EQ(RestoreTokenFile::of_user().path(), std::string(path) + "portal_restore_token");
-    }
-}
-
-TEST(PortalLimits, TheStartCallWaitsAsLongAsTheEnvironmentSays) {
-    const struct {
-        const char* text;
-        std::chrono::milliseconds with_token, without;
-    } cases[] = {{nullptr, 20s, 45s}, {"5000", 5s, 5s}, {"0", 20s, 45s}, {"5s", 20s, 45s}};
-    for (const auto& [text, with_token, without] : cases) {
-        EXPECT_EQ(portal_limits(text).start(true), with_token);
-        EXPECT_EQ(portal_limits(text).start(false), without);
     }
 }
 
