@@ -22,7 +22,7 @@ build_packages=(
 test_packages=(
   clang-format clang-tidy shellcheck
   dbus-daemon openssl pipewire pulseaudio pulseaudio-utils python3 python3-dbus python3-gi
-  python3-websockets sway wireplumber xauth xdg-desktop-portal xdg-desktop-portal-wlr xvfb
+  python3-websockets wireplumber xauth xvfb
 )
 bench_packages=(
   ffmpeg gnuplot-nox gstreamer1.0-plugins-bad gstreamer1.0-plugins-base gstreamer1.0-plugins-good

@@ -5,12 +5,17 @@
 #include <array>
 #include <climits>
 
+#include "app/session/capture_selection.h"
 #include "app/session/feedback_handler.h"
 #include "app/session/frame_pacer.h"
 #include "app/session/keyframe_policy.h"
 #include "app/session/session_signals.h"
 #include "app/session/stream_settings.h"
 #include "launcher/feedback_packets.h"
+#include "support/environment.h"
+#include "support/log_capture.h"
+#include "support/xvfb.h"
+#include "tui/board.h"
 
 namespace ox {
 namespace {
@@ -133,6 +138,39 @@ TEST(StreamSettings, WhatTheLauncherAsksForIsBroughtIntoRange) {
         // Half as much again as the bitrate, without overflow at the top.
         EXPECT_EQ(uint64_t{pacing_rate_bps(got.bitrate_kbps)}, uint64_t{got.bitrate_kbps} * 1500);
     }
+}
+
+TEST(CaptureSelection, TheNextBestPictureTakesThePlaceOfOneThatCannotBeHad) {
+    const test::Environment no_bus("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent");
+    const test::Environment wayland("XDG_SESSION_TYPE", "wayland");
+    const auto server = test::Xvfb::start({});
+    if (!server) GTEST_SKIP() << "no Xvfb on this machine";
+    const std::string no_automatic =
+        "Session: automatic capture unavailable — falling back to synthetic";
+    const std::string to_x11 = "Session: portal capture failed — falling back to X11";
+    const struct {
+        const char* mode;
+        std::string display;
+        std::string warning;
+        const char* backend;  ///< null: none
+    } cases[] = {{"auto", server->display(), no_automatic, "synthetic"},
+                 {"portal", server->display(), to_x11, "x11"},
+                 {"portal", ":64999", to_x11, "synthetic"},
+                 {"x11", ":64999", "", nullptr}};
+    for (const auto& [mode, display, warning, backend] : cases) {
+        const test::LogCapture log;
+        tui::board().update([](tui::Snapshot& state) { state.alerts = {}; });
+        const auto capture = select_capture(mode, display, 320, 200, [] { return false; });
+        EXPECT_EQ(capture != nullptr, backend != nullptr);
+        EXPECT_EQ(log.count("WARN", warning), warning.empty() ? 0 : 1) << log.text();
+        EXPECT_EQ(log.count("INFO", std::string("Session: capture backend = ") +
+                                        (backend != nullptr ? backend : "")),
+                  backend != nullptr ? 1 : 0);
+        EXPECT_EQ(tui::board().snapshot().alerts.at(static_cast<size_t>(tui::Alert::CaptureFailed)),
+                  warning != to_x11);
+    }
+    // Nothing takes the place of what nobody waits for any more.
+    EXPECT_EQ(select_capture("portal", server->display(), 320, 200, [] { return true; }), nullptr);
 }
 
 }  // namespace

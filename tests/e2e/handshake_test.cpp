@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "e2e/player.h"
+#include "support/sockets.h"
 
 namespace ox::test {
 namespace {
@@ -13,7 +14,7 @@ using namespace std::chrono_literals;
 
 TEST(Handshake, ABusyPortIsSaidOnceAndWaitedForAndAStrangerIsRefused) {
     auto ports = std::make_shared<PortBlock>();
-    UniqueFd occupier = occupy_tcp_port(ports->control());
+    UniqueFd occupier = bound_socket(SOCK_STREAM, ports->control());
     Agent agent({.ports = ports});
     const std::string bind_failed = "TcpControlServer: bind :" + std::to_string(ports->control()) +
                                     " failed: Address already in use";

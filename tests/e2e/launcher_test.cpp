@@ -9,6 +9,7 @@
 #include "launcher/av_handles.h"
 #include "launcher/session.h"
 #include "support/pulse_daemon.h"
+#include "support/sockets.h"
 
 namespace ox::launcher {
 namespace {
@@ -88,10 +89,6 @@ void expect_the_tone(const Summary& summary, const MediaFile& recording) {
     EXPECT_NEAR(audio.sound.pitch_hz, 440, 3);
     EXPECT_NEAR(audio.sound.level_dbfs, -6.02, 1);
     EXPECT_EQ(stream.undecryptable + stream.malformed + audio.decode_errors, 0U);
-    // Frames count whether they came, were repaired or lost: that is what was sent.
-    const auto sent = static_cast<double>(stream.frames.delivered + stream.frames.lost);
-    const double seconds = static_cast<double>(stream.last_media_us - stream.first_media_us) / 1e6;
-    EXPECT_NEAR(sent / seconds, 200, 10);
     EXPECT_GT(stream.frames.repaired, 5U);
     EXPECT_LT(stream.frames.lost, stream.frames.repaired);
     const auto& [codec, times] = recording.tracks[1];
@@ -201,7 +198,7 @@ TEST(LauncherFailures, AreToldApart) {
     EXPECT_EQ(agent.process().wait(kPatience), 0);
     options.connect_timeout_s = 0.2;
     expect(ExitStatus::Refused, "Connection refused");
-    const UniqueFd mute = test::occupy_tcp_port(agent.control_port());
+    const UniqueFd mute = test::bound_socket(SOCK_STREAM, agent.control_port());
     expect(ExitStatus::TimedOut, "");
 }
 

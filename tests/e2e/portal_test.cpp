@@ -4,19 +4,14 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include "e2e/watcher.h"
 #include "support/eventually.h"
 #include "support/pipewire_source.h"
 #include "support/screen_pictures.h"
 #include "support/wayland_desktop.h"
-#include "support/xvfb.h"
 
 namespace ox::test {
 namespace {
-
-using namespace std::chrono_literals;
 
 constexpr uint32_t kWidth = 640;
 constexpr uint32_t kHeight = 352;
@@ -60,48 +55,6 @@ TEST_F(Wayland, TheDesktopIsStreamedAndAskedForOnce) {
                            kPatience));
 }
 
-TEST_F(Wayland, WithoutItsApprovalTheNextBestPictureIsStreamed) {
-    const auto server = Xvfb::start({});
-    if (!server) GTEST_SKIP() << "no Xvfb on this machine";
-    const std::string synthetic = "Session: capture backend = synthetic";
-    const struct {
-        const char* behaviour;
-        const char* capture;
-        std::string display;
-        std::vector<std::string> log;
-    } cases[] = {
-        {"Start=silent",
-         "portal",
-         server->display(),
-         {"Session: portal capture failed — falling back to X11",
-          "Session: capture backend = x11"}},
-        {"Start=1",
-         "portal",
-         ":64999",
-         {"X11Capture: cannot open display ':64999' — use --capture synthetic for headless",
-          synthetic}},
-        {"CreateSession=fail",
-         "auto",
-         ":64999",
-         {"Session: automatic capture unavailable — falling back to synthetic", synthetic}},
-    };
-    for (const auto& [behaviour, capture, display, log] : cases) {
-        SCOPED_TRACE(behaviour);
-        start_portal(0, {behaviour});
-        auto how = setup(capture);
-        how.environment.insert(how.environment.end(),
-                               {"OX_PORTAL_TIMEOUT_MS=300", "DISPLAY=" + display});
-        Agent agent(how);
-        Player player(agent, kLauncher);
-        EXPECT_TRUE(player.receive_frames(5));
-        for (const auto& line : log)
-            EXPECT_TRUE(agent.wait_for_log(line));
-        if (std::string(capture) == "auto") {
-            EXPECT_TRUE(agent.screen().wait_for("Can't capture the screen.", kPatience));
-        }
-    }
-}
-
 TEST_F(Wayland, NobodyHasToWaitForAnApprovalDialog) {
     for (const bool by_signal : {true, false}) {
         start_portal(0, {"Start=silent"});
@@ -123,30 +76,6 @@ TEST_F(Wayland, NobodyHasToWaitForAnApprovalDialog) {
         EXPECT_EQ(agent.log().count("falling back"), 0U);
         EXPECT_EQ(agent.log().count("[ERROR]"), 0U);
     }
-}
-
-TEST_F(Wayland, ARealCompositorIsStreamedThroughItsRealPortalWhereTheyRun) {
-    if (!desktop_->start_sway("#336699", kWidth, kHeight)) {
-        GTEST_SKIP() << "sway, xdg-desktop-portal or its wlr backend is not here or does not run";
-    }
-    std::ofstream(desktop_->config_file("orvex/portal_restore_token")) << "from another desktop";
-    Agent agent(setup("portal"));
-    Player player(agent, kLauncher);
-    int luma = -1;
-    player.on_picture = [&](const launcher::DecodedPicture& picture) {
-        luma = picture.luma.bytes[kHeight / 2 * picture.luma.stride + kWidth / 2];
-    };
-    ASSERT_TRUE(player.receive_frames(5));
-    EXPECT_TRUE(agent.wait_for_log(
-        "PortalCapture: saved restore token not accepted (org.freedesktop.portal.Error."
-        "InvalidArgument: "));
-    if (agent.log().count("PortalCapture: portal refused Start (response=2)") == 1) {
-        agent.expect_prompt_stop();
-        GTEST_SKIP() << "the portal took every call, but its backend cannot capture without a GPU";
-    }
-    EXPECT_NEAR(luma, 95.5, 6);  // of that colour: 16 + 0.257 R + 0.504 G + 0.098 B
-    EXPECT_TRUE(agent.wait_for_log("Session: capture backend = portal"));
-    agent.expect_prompt_stop();
 }
 
 }  // namespace

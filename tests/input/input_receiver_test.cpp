@@ -1,18 +1,16 @@
 #include "input/input_receiver.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/input.h>
-#include <netinet/in.h>
 #include <sodium.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <vector>
 
 #include "support/log_capture.h"
 #include "support/port_block.h"
+#include "support/sockets.h"
 
 namespace ox {
 namespace {
@@ -33,15 +31,11 @@ class InputReceiverTest : public testing::Test {
         ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
         events_ = UniqueFd(ends[0]);
         receiver_.set_key(kKey.data(), kKey.size());
-        socket_ = UniqueFd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         ASSERT_TRUE(receiver_.start_with_device(port_, UniqueFd(ends[1])));
     }
 
     void send_bytes(const std::vector<uint8_t>& bytes) const {
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(port_);
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const sockaddr_in to = test::loopback(port_);
         ::sendto(socket_.get(), bytes.data(), bytes.size(), 0,
                  reinterpret_cast<const sockaddr*>(&to), sizeof to);
     }
@@ -89,7 +83,7 @@ class InputReceiverTest : public testing::Test {
 
     UniqueFd events_;  ///< outlives the receiver, which writes to the pipe until its end
     InputReceiver receiver_;
-    UniqueFd socket_;
+    UniqueFd socket_ = test::bound_socket(SOCK_DGRAM, 0);
     const test::PortBlock ports_;
     const uint16_t port_ = ports_.base();
     uint16_t seq_ = 65530;  // wraps in every test

@@ -30,27 +30,24 @@ std::vector<Sent> stream(uint32_t first, uint32_t count, bool parity) {
     for (uint32_t n = 0; n < count; ++n) {
         const uint32_t sequence = first + n;
         const uint64_t at = 1'000'000 + n * kFrameUs;
+        PacketHeader header{.stream = kStreamAudio,
+                            .frame_id = sequence,
+                            .count = 1,
+                            .flags = packet_flags::AUDIO | packet_flags::LAST_IN_FRAME,
+                            .timestamp = at};
         const auto bytes = content(sequence);
-        sent.push_back({{.stream = kStreamAudio,
-                         .frame_id = sequence,
-                         .count = 1,
-                         .flags = packet_flags::AUDIO | packet_flags::LAST_IN_FRAME,
-                         .timestamp = at},
-                        bytes,
-                        at});
+        sent.push_back({header, bytes, at});
         if (!parity || !block.add(sequence, bytes, at)) continue;
         ParityBlock::Shards shards;
         EXPECT_EQ(block.encode(shards), audioparity::Guard::kOk);
-        for (uint16_t i = 0; i < audioparity::kRepairs; ++i)
-            sent.push_back({{.stream = kStreamAudio,
-                             .frame_id = block.base(),
-                             .index = i,
-                             .count = 4,
-                             .flags = packet_flags::AUDIO_PARITY | packet_flags::AUDIO,
-                             .timestamp = at},
-                            {shards.bytes[i].begin(),
-                             shards.bytes[i].begin() + static_cast<ptrdiff_t>(shards.lengths[i])},
-                            at});
+        header.frame_id = block.base();
+        header.count = 4;
+        header.flags = packet_flags::AUDIO_PARITY | packet_flags::AUDIO;
+        for (uint16_t i = 0; i < audioparity::kRepairs; ++i) {
+            header.index = i;
+            const uint8_t* shard = shards.bytes[i].data();
+            sent.push_back({header, {shard, shard + shards.lengths[i]}, at});
+        }
     }
     return sent;
 }

@@ -1,7 +1,6 @@
 #include "saas/raw_backend.h"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -15,22 +14,11 @@ constexpr std::chrono::seconds kLimit{10};
 
 }  // namespace
 
-RawBackend::RawBackend(int receive_buffer)
-    : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+RawBackend::RawBackend(int receive_buffer) {
     if (receive_buffer > 0) {
         ::setsockopt(listener_.get(), SOL_SOCKET, SO_RCVBUF, &receive_buffer,
                      sizeof receive_buffer);
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    socklen_t size = sizeof address;
-    if (::bind(listener_.get(), generic, size) != 0 || ::listen(listener_.get(), 16) != 0 ||
-        ::getsockname(listener_.get(), generic, &size) != 0) {
-        throw std::runtime_error("no port for the backend");
-    }
-    port_ = ntohs(address.sin_port);
 }
 
 RawPeer RawBackend::accept() {

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "base/unique_fd.h"
+#include "support/sockets.h"
 #include "support/tcp_client.h"
 
 namespace ox::test {
@@ -38,8 +38,8 @@ class RawBackend {
     RawPeer accept();
 
   private:
-    UniqueFd listener_;
-    uint16_t port_ = 0;
+    UniqueFd listener_ = bound_socket(SOCK_STREAM, 0);
+    uint16_t port_ = port_of(listener_);
 };
 
 }  // namespace ox::test

@@ -1,35 +1,21 @@
 #include "support/port_block.h"
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <random>
 #include <stdexcept>
-#include <string>
+
+#include "support/sockets.h"
 
 namespace ox::test {
 namespace {
 
-constexpr int kPorts = 6;
-constexpr int kFirst = 20000;
-constexpr int kBlock = 8;
-constexpr int kBlocks = 1500;  // so up to 32000
+constexpr uint16_t kPorts = 6;
+constexpr uint16_t kFirst = 20000;
+constexpr uint16_t kBlock = 8;
+constexpr uint16_t kBlocks = 1500;  // so up to 32000
 
-/// A socket on `port` of all addresses; none when it is taken.
-UniqueFd bound(int type, int port, int reuse = 0) {
-    UniqueFd fd(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
-    ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    const auto* at = reinterpret_cast<const sockaddr*>(&address);
-    if (::bind(fd.get(), at, sizeof address) != 0) fd.reset();
-    return fd;
-}
-
-bool all_free(int base) {
-    for (int port = base; port < base + kPorts; ++port) {
-        if (!bound(SOCK_STREAM, port) || !bound(SOCK_DGRAM, port)) return false;
+bool all_free(uint16_t base) {
+    for (uint16_t port = base; port < base + kPorts; ++port) {
+        if (!bound_socket(SOCK_STREAM, port) || !bound_socket(SOCK_DGRAM, port)) return false;
     }
     return true;
 }
@@ -39,20 +25,12 @@ bool all_free(int base) {
 PortBlock::PortBlock() {
     std::random_device random;
     for (int attempt = 0; attempt < 200; ++attempt) {
-        const int base = kFirst + kBlock * static_cast<int>(random() % kBlocks);
-        reservation_ = bound(SOCK_STREAM, base + kPorts);  // the block's next, for nothing else
-        base_ = static_cast<uint16_t>(base);
-        if (reservation_ && all_free(base)) return;
+        base_ = static_cast<uint16_t>(kFirst + kBlock * (random() % kBlocks));
+        // The block's next, for nothing else.
+        reservation_ = bound_socket(SOCK_STREAM, static_cast<uint16_t>(base_ + kPorts));
+        if (reservation_ && all_free(base_)) return;
     }
     throw std::runtime_error("no block of free ports");
-}
-
-UniqueFd occupy_tcp_port(uint16_t port) {
-    UniqueFd fd = bound(SOCK_STREAM, port, 1);  // old connections of the port may still time out
-    if (!fd || ::listen(fd.get(), 1) != 0) {
-        throw std::runtime_error("port " + std::to_string(port) + " is taken");
-    }
-    return fd;
 }
 
 }  // namespace ox::test

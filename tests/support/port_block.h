@@ -21,8 +21,4 @@ class PortBlock {
     uint16_t base_ = 0;
 };
 
-/// Listens on `port` of all addresses, so that nobody else can, until the descriptor is closed.
-/// Throws std::runtime_error when the port is taken.
-UniqueFd occupy_tcp_port(uint16_t port);
-
 }  // namespace ox::test

@@ -1,6 +1,5 @@
 #include "support/tcp_client.h"
 
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -8,28 +7,23 @@
 #include <algorithm>
 #include <array>
 #include <stdexcept>
-#include <thread>
+
+#include "support/eventually.h"
+#include "support/sockets.h"
 
 namespace ox::test {
 
 using Clock = std::chrono::steady_clock;
 
 TcpClient::TcpClient(uint16_t port, std::chrono::milliseconds timeout) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const auto deadline = Clock::now() + timeout;
-    for (;;) {
+    const sockaddr_in address = loopback(port);
+    const auto connects = [&] {
         socket_.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
-            0) {
-            break;
-        }
-        if (Clock::now() >= deadline) {
-            throw std::runtime_error("nobody listens on port " + std::to_string(port));
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        const auto* at = reinterpret_cast<const sockaddr*>(&address);
+        return ::connect(socket_.get(), at, sizeof address) == 0;
+    };
+    if (!eventually(connects, timeout)) {
+        throw std::runtime_error("nobody listens on port " + std::to_string(port));
     }
     const int on = 1;  // what is sent in pieces leaves in pieces
     ::setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -32,23 +31,12 @@ class WaylandDesktop {
     /// The calls that the present portal got.
     [[nodiscard]] const LogFile& portal_report() const { return report_; }
 
-    /// Starts a real compositor, sway without a screen, that shows nothing but this colour
-    /// ("#336699") on an output of this size, and the real portal with the backend that belongs to
-    /// it. False when one of them is not installed or does not come up.
-    bool start_sway(const std::string& colour, uint32_t width, uint32_t height);
-
-    /// A file of the user's configuration, its folder made.
-    [[nodiscard]] std::string config_file(const std::string& name) const;
-
     void kill_bus() { bus_.reset(); }
     void kill_pipewire() { pipewire_.reset(); }
 
   private:
     WaylandDesktop() : report_(dir_.file("portal-report")) {}
-    void run(std::unique_ptr<ChildProcess>& process, std::vector<std::string> argv,
-             const std::vector<std::string>& more_environment = {}) const;
-    bool run_on_bus(std::unique_ptr<ChildProcess>& process, const std::string& program,
-                    const std::string& name, const std::vector<std::string>& environment) const;
+    void run(std::unique_ptr<ChildProcess>& process, std::vector<std::string> argv);
 
     TempDir dir_;
     LogFile report_;
@@ -56,9 +44,6 @@ class WaylandDesktop {
     std::unique_ptr<ChildProcess> pipewire_;
     std::unique_ptr<ChildProcess> session_manager_;
     std::unique_ptr<ChildProcess> portal_;
-    TempDir sway_dir_;
-    std::unique_ptr<ChildProcess> sway_;
-    std::unique_ptr<ChildProcess> portal_backend_;
 };
 
 }  // namespace ox::test

@@ -14,26 +14,15 @@ namespace {
 
 constexpr size_t kP = 1162;  // bitstream bytes in a full packet
 
-EncodedFrame make_frame(size_t size, bool keyframe) {
-    EncodedFrame frame;
-    frame.data.resize(size);
-    std::iota(frame.data.begin(), frame.data.end(), uint8_t{1});
-    frame.frame_id = 0xfedcba98;
-    frame.timestamp = 0x1122334455667788;
-    frame.keyframe = keyframe;
-    return frame;
-}
-
 // What the packets hold is pinned by the wire vectors, and their parity by the launcher's tests.
 TEST(Packetizer, PacketCounts) {
-    struct Case {
+    const struct {
         size_t size;
         bool keyframe;
         float ratio;
         uint32_t stream;
         size_t data, repair, copies;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {0, true, 0.5F, 1, 0, 0, 0},
         {1, false, 0.5F, 1, 1, 0, 1},  // too small for parity: sent twice
         {kP, true, 0.5F, 2, 1, 0, 0},  // audio is never sent twice
@@ -44,9 +33,12 @@ TEST(Packetizer, PacketCounts) {
         {20 * kP, true, 0.0F, 1, 20, 3, 0},
         {2041 * kP, true, 0.0F, 1, 2041, 255, 0},  // the rest stays without parity
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.size << " bytes, keyframe " << c.keyframe);
-        const EncodedFrame frame = make_frame(c.size, c.keyframe);
+        EncodedFrame frame;
+        frame.data.resize(c.size);
+        std::iota(frame.data.begin(), frame.data.end(), uint8_t{1});
+        frame.keyframe = c.keyframe;
         std::vector<OutgoingPacket> packets(1);
         Packetizer packetizer;
         packetizer.set_repair_ratio(c.ratio);

@@ -1,10 +1,9 @@
 #include "transport/udp_sender.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/socket.h>
 
+#include <array>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,51 +11,31 @@
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/port_block.h"
+#include "support/sockets.h"
 
 namespace ox {
 namespace {
 
 using test::eventually;
 
-sockaddr_in endpoint(uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
-}
-
 /// A launcher's end: a UDP socket on a port of its own.
-class Peer {
-  public:
-    Peer() : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address = endpoint(0);
-        EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
-                  0);
-        socklen_t size = sizeof address;
-        ::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address), &size);
-        port = ntohs(address.sin_port);
-        name = "127.0.0.1:" + std::to_string(port);
-    }
+struct Peer {
     void send(const std::string& bytes, uint16_t to) const {
-        const sockaddr_in address = endpoint(to);
-        ::sendto(fd_.get(), bytes.data(), bytes.size(), 0,
+        const sockaddr_in address = test::loopback(to);
+        ::sendto(fd.get(), bytes.data(), bytes.size(), 0,
                  reinterpret_cast<const sockaddr*>(&address), sizeof address);
     }
     [[nodiscard]] std::string receive(int timeout_ms = 10'000) const {
-        pollfd readable{.fd = fd_.get(), .events = POLLIN, .revents = 0};
+        pollfd readable{.fd = fd.get(), .events = POLLIN, .revents = 0};
         if (::poll(&readable, 1, timeout_ms) != 1) return "nothing";
-        std::string bytes(2048, '\0');
-        const ssize_t length = ::recv(fd_.get(), bytes.data(), bytes.size(), 0);
-        bytes.resize(static_cast<size_t>(std::max<ssize_t>(length, 0)));
-        return bytes;
+        std::array<char, 2048> bytes{};
+        const ssize_t length = ::recv(fd.get(), bytes.data(), bytes.size(), 0);
+        return {bytes.data(), static_cast<size_t>(std::max<ssize_t>(length, 0))};
     }
 
-    uint16_t port = 0;
-    std::string name;
-
-  private:
-    UniqueFd fd_;
+    UniqueFd fd = test::bound_socket(SOCK_DGRAM, 0);
+    uint16_t port = test::port_of(fd);
+    std::string name = "127.0.0.1:" + std::to_string(port);
 };
 
 bool send_text(UdpSender& sender, const std::string& text) {

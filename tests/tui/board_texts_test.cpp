@@ -17,48 +17,32 @@ std::string with_no_break_spaces(std::string text) {
     return text;
 }
 
-TEST(BoardTexts, Events) {
+TEST(BoardTexts, EventsAndAlertsInBothLanguages) {
     const struct {
         int kind;
         const char* english;
         const char* russian;
-    } cases[] = {
+    } events[] = {
         {5, "Session ended after 1 h 05 min", "Сессия завершена, шла 1~ч 05~мин"},
         {7, "The player dropped, holding the session for 1 h 05 min",
          "Игрок отключился, держим сессию 1~ч 05~мин"},
         {11, "Port 48000 is busy", "Порт 48000 занят"},
         {255, "", ""},
     };
-    for (const auto& c : cases) {
+    for (const auto& [kind, english, russian] : events) {
         Event event;
-        event.kind = static_cast<EventKind>(c.kind);
+        event.kind = static_cast<EventKind>(kind);
         event.value = 3900;
         event.alert = Alert::PortBusy;
-        EXPECT_EQ(event_text(event, Lang::English, 48000), c.english);
-        EXPECT_EQ(event_text(event, Lang::Russian, 48000), with_no_break_spaces(c.russian));
+        EXPECT_EQ(event_text(event, Lang::English, 48000), english);
+        EXPECT_EQ(event_text(event, Lang::Russian, 48000), with_no_break_spaces(russian));
     }
-}
-
-TEST(BoardTexts, AlertsFollowHostAndLanguage) {
-    const struct {
-        Alert alert;
-        Host host;
-        const char* english;
-        const char* russian;
-    } cases[] = {
-        {Alert::CaptureFailed, Host::NoDesktopSession,
-         "Can't capture the screen. Log in to the desktop session and restart the agent.",
-         "Не получается захватить экран. Войдите в~сеанс рабочего стола и~перезапустите агент."},
-        {Alert::CaptureFailed, Host::Desktop,
-         "Can't capture the screen. Connect a monitor (or an HDMI dummy plug) and unlock the PC.",
-         "Не получается захватить экран. Подключите монитор (или HDMI-заглушку) и~разблокируйте "
-         "ПК."},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(alert_text(c.alert, Lang::English, c.host, 65535), c.english);
-        EXPECT_EQ(alert_text(c.alert, Lang::Russian, c.host, 65535),
-                  with_no_break_spaces(c.russian));
-    }
+    // What helps depends on where the agent runs.
+    EXPECT_EQ(alert_text(Alert::CaptureFailed, Lang::English, Host::NoDesktopSession, 1),
+              "Can't capture the screen. Log in to the desktop session and restart the agent.");
+    EXPECT_EQ(alert_text(Alert::CaptureFailed, Lang::Russian, Host::Desktop, 1),
+              with_no_break_spaces("Не получается захватить экран. Подключите монитор (или "
+                                   "HDMI-заглушку) и~разблокируйте ПК."));
     for (size_t alert = 0; alert < kAlertCount; ++alert) {
         for (const Lang lang : {Lang::English, Lang::Russian}) {
             EXPECT_NE(alert_title(static_cast<Alert>(alert), lang, 1), "") << alert;

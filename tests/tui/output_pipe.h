@@ -1,11 +1,11 @@
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <array>
 #include <string>
-#include <system_error>
 
 #include "base/unique_fd.h"
 
@@ -16,9 +16,7 @@ class OutputPipe {
   public:
     OutputPipe() {
         std::array<int, 2> ends{};
-        if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-            throw std::system_error(errno, std::generic_category(), "pipe2");
-        }
+        EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
         reader.reset(ends[0]);
         writer.reset(ends[1]);
         ::fcntl(reader.get(), F_SETFL, O_NONBLOCK);

@@ -14,38 +14,33 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 // A board whose events all happen at 14:03, and the lines told of it.
-class Story {
-  public:
+struct Story {
     Story() {
-        board_.update([](Snapshot& state) {
+        board.update([](Snapshot& state) {
             state.version = "0.4.448";
             state.host = "rig";
             state.log_path = "/var/log/agent.log";
         });
     }
-
     std::vector<std::string> next() {
-        Snapshot snapshot = board_.snapshot();
+        Snapshot snapshot = board.snapshot();
         for (Event& event : snapshot.events)
             event.clock = "14:03";
-        std::vector<std::string> lines = lines_.news(snapshot, kNow);
-        for (std::string& line : lines) {
-            if (line.starts_with(clock_text(kNow))) line.replace(0, clock_text(kNow).size(), "now");
+        std::vector<std::string> told = lines.news(snapshot, test::kNow);
+        const std::string now = clock_text(test::kNow);
+        for (std::string& line : told) {
+            if (line.starts_with(now)) line.replace(0, now.size(), "now");
         }
-        return lines;
+        return told;
     }
     template <typename Change>
     std::vector<std::string> after(Change&& change) {
-        board_.update(change);
+        board.update(change);
         return next();
     }
-    Board& board() { return board_; }
-    void push(EventKind kind, int64_t value = 0) { board_.push_locked(kind, value); }
 
-  private:
-    static constexpr int64_t kNow = 1'700'000'000;
-    Board board_;
-    PlainLines lines_{Lang::English, Host::Desktop};
+    Board board;
+    PlainLines lines{Lang::English, Host::Desktop};
 };
 
 void start_stream(Snapshot& state) {
@@ -55,43 +50,43 @@ void start_stream(Snapshot& state) {
 
 TEST(PlainLines, SessionOfAStandaloneAgent) {
     Story story;
-    story.board().push(EventKind::AgentStarted);
+    story.board.push(EventKind::AgentStarted);
     EXPECT_THAT(story.next(), ElementsAre("orvex-agent 0.4.448 on rig, log: /var/log/agent.log",
                                           "14:03 Agent started"));
     EXPECT_THAT(story.after([](Snapshot& s) { s.link = LinkState::Standalone; }),
                 ElementsAre("now Standalone mode, waiting for launchers"));
     const auto prepare = [](Snapshot& s) { s.session.state = SessionState::Preparing; };
     EXPECT_THAT(story.after(prepare), ElementsAre("now Preparing a session"));
-    story.board().session_ended(false, -1);
+    story.board.session_ended(false, -1);
     EXPECT_THAT(story.next(), ElementsAre("14:03 The session couldn't start, details in the log"));
-    story.board().session_ended(true, 5);
+    story.board.session_ended(true, 5);
     EXPECT_THAT(story.next(), IsEmpty()) << "there is none";
     EXPECT_THAT(story.after(prepare), ElementsAre("now Preparing a session"));
     EXPECT_THAT(story.after([&](Snapshot& s) {
         start_stream(s);
-        story.push(EventKind::PlayerConnected);
+        story.board.push_locked(EventKind::PlayerConnected, 0);
     }),
                 ElementsAre("14:03 The player connected",
                             "now Streaming to 10.0.0.5: HEVC 2560x1440, 120 fps, NVENC"));
     EXPECT_THAT(story.after([](Snapshot& s) { s.session.measured_mbps = 14.8; }), IsEmpty());
     EXPECT_THAT(story.after([&](Snapshot& s) {
         s.session.holding = true;
-        story.push(EventKind::PlayerDropped, 60);
+        story.board.push_locked(EventKind::PlayerDropped, 60);
     }),
                 ElementsAre("14:03 The player dropped, holding the session for 1 min"));
     EXPECT_THAT(story.after([](Snapshot& s) { s.session.holding = false; }),
                 ElementsAre("now No longer waiting for the launcher"));
     // Over and begun anew between two looks at the board.
-    story.board().session_ended(false, 3900);
+    story.board.session_ended(false, 3900);
     EXPECT_THAT(story.after([&](Snapshot& s) {
         start_stream(s);
-        story.push(EventKind::PlayerConnected);
+        story.board.push_locked(EventKind::PlayerConnected, 0);
     }),
                 ElementsAre("14:03 Session ended after 1 h 05 min", "14:03 The player connected",
                             "now Streaming to 10.0.0.5: HEVC 2560x1440, 120 fps, NVENC"));
-    story.board().session_ended(false, -1);  // the board has watched the time itself
+    story.board.session_ended(false, -1);  // the board has watched the time itself
     EXPECT_THAT(story.next(), ElementsAre("14:03 Session ended after 1 min"));
-    EXPECT_FALSE(story.board().snapshot().session.holding);
+    EXPECT_FALSE(story.board.snapshot().session.holding);
 }
 
 TEST(PlainLines, ForeignTextCannotBreakALine) {
@@ -101,7 +96,7 @@ TEST(PlainLines, ForeignTextCannotBreakALine) {
         s.log_path.clear();
         start_stream(s);
         s.session.launcher = "\x9B evil\r\xFF";
-        story.push(EventKind::PlayerConnected);
+        story.board.push_locked(EventKind::PlayerConnected, 0);
         s.events.back().detail = "from\n\x1B]0;title\a";
     });
     EXPECT_THAT(

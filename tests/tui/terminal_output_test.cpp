@@ -10,19 +10,15 @@
 namespace ox::tui {
 namespace {
 
-struct Channel {
-    UniqueFd reader, writer;
-};
-
-/// A pipe, a terminal and a socket.
-std::array<Channel, 3> channels() {
+/// The reading and the writing end of a pipe, a terminal and a socket.
+std::array<std::pair<UniqueFd, UniqueFd>, 3> channels() {
     test::OutputPipe pipe;
     ox::test::PseudoTerminal terminal(80, 24);
     std::array<int, 2> ends{};
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
-    return {Channel{std::move(pipe.reader), std::move(pipe.writer)},
-            Channel{std::move(terminal.user), std::move(terminal.program)},
-            Channel{UniqueFd(ends[0]), UniqueFd(ends[1])}};
+    return {std::pair{std::move(pipe.reader), std::move(pipe.writer)},
+            {std::move(terminal.user), std::move(terminal.program)},
+            {UniqueFd(ends[0]), UniqueFd(ends[1])}};
 }
 
 // More than any of them holds: a write that waits would never come back.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <random>
 #include <vector>
 
@@ -14,47 +15,42 @@ class Gf256KernelTest : public testing::TestWithParam<Gf256Path> {};
 TEST_P(Gf256KernelTest, GivesTheFieldsBytesAtAnyLengthAndAlignment) {
     const Gf256Kernels* kernels = gf256_kernels(GetParam());
     if (kernels == nullptr) GTEST_SKIP() << "this processor does not have these instructions";
-    constexpr size_t kRoom = 320;
-    constexpr size_t kSources = 5;
+    using Bytes = std::vector<uint8_t>;
     std::mt19937 random(7);
     const auto random_bytes = [&random] {
-        std::vector<uint8_t> bytes(kRoom);
+        Bytes bytes(320);
         for (uint8_t& byte : bytes)
             byte = static_cast<uint8_t>(random());
         return bytes;
     };
-    std::vector<std::vector<uint8_t>> sources(kSources);
-    std::vector<const uint8_t*> pointers;
-    for (auto& source : sources) {
-        source = random_bytes();
-        pointers.push_back(source.data() + pointers.size());
+    std::array<Bytes, 5> sources;
+    std::array<const uint8_t*, 5> from{};
+    for (size_t i = 0; i < sources.size(); ++i) {
+        sources[i] = random_bytes();
+        from[i] = sources[i].data() + i;
     }
     for (size_t length = 0; length <= 270; ++length) {
         const size_t at = length % 33;
-        const size_t count = length % kSources + 1;
+        const size_t count = length % sources.size() + 1;
         const auto factor = static_cast<uint8_t>(length == 100 ? 0 : random());
-        const std::vector<uint8_t> before = random_bytes();
-        auto added = before, summed = before, multiplied = before, accumulated = before;
-        kernels->add_mem(added.data() + at, pointers[3], length);
-        kernels->sum_mem(summed.data() + at, pointers.data(), count, length);
-        kernels->mul_mem(multiplied.data() + at, pointers[3], factor, length);
-        kernels->muladd_mem(accumulated.data() + at, factor, pointers[3], length);
-
-        auto want_added = before, want_summed = before, want_multiplied = before,
-             want_accumulated = before;
+        const Bytes before = random_bytes();
+        // Added, summed, multiplied, accumulated.
+        std::array<Bytes, 4> got{before, before, before, before};
+        kernels->add_mem(got[0].data() + at, from[3], length);
+        kernels->sum_mem(got[1].data() + at, from.data(), count, length);
+        kernels->mul_mem(got[2].data() + at, from[3], factor, length);
+        kernels->muladd_mem(got[3].data() + at, factor, from[3], length);
+        std::array<Bytes, 4> wanted{before, before, before, before};
         for (size_t i = 0; i < length; ++i) {
-            const uint8_t product = gf256_mul(factor, pointers[3][i]);
-            want_added[at + i] ^= pointers[3][i];
-            want_multiplied[at + i] = product;
-            want_accumulated[at + i] ^= product;
-            want_summed[at + i] = 0;
+            const uint8_t product = gf256_mul(factor, from[3][i]);
+            wanted[0][at + i] ^= from[3][i];
+            wanted[1][at + i] = 0;
             for (size_t s = 0; s < count; ++s)
-                want_summed[at + i] ^= pointers[s][i];
+                wanted[1][at + i] ^= from[s][i];
+            wanted[2][at + i] = product;
+            wanted[3][at + i] ^= product;
         }
-        ASSERT_EQ(added, want_added) << length;
-        ASSERT_EQ(summed, want_summed) << length;
-        ASSERT_EQ(multiplied, want_multiplied) << length;
-        ASSERT_EQ(accumulated, want_accumulated) << length;
+        ASSERT_EQ(got, wanted) << length;
     }
 }
 

@@ -129,14 +129,10 @@ TEST(WirehairRefusals, NothingIsCreatedForUnsuitableMessages) {
         uint64_t message_bytes;
         uint32_t block_bytes;
         bool possible;
-    } cases[] = {
-        {0, 4, false},    {10, 0, false},    {10, 10, false},        {10, 9, true},
-        {64000, 1, true}, {64001, 1, false}, {UINT64_MAX, 1, false}, {64001, 2, true},
-    };
-    for (const auto& c : cases) {
-        const CodecOwner decoder = make_decoder(c.message_bytes, c.block_bytes);
-        EXPECT_EQ(decoder != nullptr, c.possible) << c.message_bytes << " / " << c.block_bytes;
-    }
+    } cases[] = {{0, 4, false},    {10, 0, false},    {10, 10, false},        {10, 9, true},
+                 {64000, 1, true}, {64001, 1, false}, {UINT64_MAX, 1, false}, {64001, 2, true}};
+    for (const auto& [message_bytes, block_bytes, possible] : cases)
+        EXPECT_EQ(make_decoder(message_bytes, block_bytes) != nullptr, possible) << message_bytes;
     EXPECT_EQ(wirehair_encoder_create(nullptr, nullptr, 10, 4), nullptr);
 }
 
@@ -152,29 +148,26 @@ TEST(WirehairRefusals, EveryCallChecksItsArgumentsAndItsTurn) {
     EXPECT_EQ(wirehair_recover(decoder.get(), out.data(), 10), Wirehair_NeedMore);
     EXPECT_EQ(wirehair_decoder_becomes_encoder(decoder.get()), Wirehair_NeedMore);
     EXPECT_EQ(wirehair_decode(encoder.get(), 0, message.data(), 4), Wirehair_InvalidInput);
-    const Bytes padded_last{9, 10, 55, 66};  // what pads it does not count
     const struct {
         uint32_t id;
-        const uint8_t* block;
-        uint32_t length;
+        Bytes block;
         WirehairResult result;
     } cases[] = {
-        {0, message.data(), 0, Wirehair_InvalidInput},
-        {0, message.data(), 3, Wirehair_InvalidInput},
-        {9, message.data(), 5, Wirehair_InvalidInput},
-        {2, message.data(), 1, Wirehair_InvalidInput},
-        {2, message.data(), 3, Wirehair_InvalidInput},
-        {0, message.data(), 4, Wirehair_NeedMore},
-        {0, message.data(), 4, Wirehair_NeedMore},  // twice counts once
-        {2, padded_last.data(), 4, Wirehair_NeedMore},
-        {1, message.data() + 4, 4, Wirehair_Success},
-        {7, message.data(), 4, Wirehair_Success},  // not needed any more
-        {7, message.data(), 1, Wirehair_InvalidInput},
+        {0, {}, Wirehair_InvalidInput},
+        {0, {1, 2, 3}, Wirehair_InvalidInput},
+        {9, {1, 2, 3, 4, 5}, Wirehair_InvalidInput},
+        {2, {9}, Wirehair_InvalidInput},
+        {0, {1, 2, 3, 4}, Wirehair_NeedMore},
+        {0, {1, 2, 3, 4}, Wirehair_NeedMore},     // twice counts once
+        {2, {9, 10, 55, 66}, Wirehair_NeedMore},  // what pads the last one does not count
+        {1, {5, 6, 7, 8}, Wirehair_Success},
+        {7, {0, 0, 0, 0}, Wirehair_Success},  // not needed any more
     };
-    for (size_t i = 0; i < std::size(cases); ++i) {
-        const auto& c = cases[i];
-        EXPECT_EQ(wirehair_decode(decoder.get(), c.id, c.block, c.length), c.result) << i;
-    }
+    for (const auto& [id, block, result] : cases)
+        EXPECT_EQ(
+            wirehair_decode(decoder.get(), id, block.data(), static_cast<uint32_t>(block.size())),
+            result)
+            << id << ", " << block.size();
     EXPECT_EQ(recovered(decoder.get(), 10), message);
     EXPECT_EQ(wirehair_recover(decoder.get(), out.data(), 9), Wirehair_InvalidInput);
 }

