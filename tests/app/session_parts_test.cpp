@@ -142,7 +142,6 @@ TEST(StreamSettings, WhatTheLauncherAsksForIsBroughtIntoRange) {
 
 TEST(CaptureSelection, TheNextBestPictureTakesThePlaceOfOneThatCannotBeHad) {
     const test::Environment no_bus("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent");
-    const test::Environment wayland("XDG_SESSION_TYPE", "wayland");
     const auto server = test::Xvfb::start({});
     if (!server) GTEST_SKIP() << "no Xvfb on this machine";
     const std::string no_automatic =
@@ -160,7 +159,8 @@ TEST(CaptureSelection, TheNextBestPictureTakesThePlaceOfOneThatCannotBeHad) {
     for (const auto& [mode, display, warning, backend] : cases) {
         const test::LogCapture log;
         tui::board().update([](tui::Snapshot& state) { state.alerts = {}; });
-        const auto capture = select_capture(mode, display, 320, 200, [] { return false; });
+        const auto capture = select_capture(mode, {.session_type = "wayland", .display = display},
+                                            320, 200, [] { return false; });
         EXPECT_EQ(capture != nullptr, backend != nullptr);
         EXPECT_EQ(log.count("WARN", warning), warning.empty() ? 0 : 1) << log.text();
         EXPECT_EQ(log.count("INFO", std::string("Session: capture backend = ") +
@@ -170,7 +170,7 @@ TEST(CaptureSelection, TheNextBestPictureTakesThePlaceOfOneThatCannotBeHad) {
                   warning != to_x11);
     }
     // Nothing takes the place of what nobody waits for any more.
-    EXPECT_EQ(select_capture("portal", server->display(), 320, 200, [] { return true; }), nullptr);
+    EXPECT_EQ(select_capture("portal", {}, 320, 200, [] { return true; }), nullptr);
 }
 
 }  // namespace

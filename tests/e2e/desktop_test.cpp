@@ -45,7 +45,7 @@ bool see(const Agent& agent, const std::function<bool(const launcher::DecodedPic
     player.on_picture = [&](const auto& picture) { seen = seen || done(picture); };
     const bool in_time = player.receive_until([&] { return seen; });
     player.say("end_session");
-    return player.receive_until([&] { return player.control().closed_within({}); }) && in_time;
+    return player.is_ended() && in_time;
 }
 
 /// Whether all of it is of this brightness.

@@ -19,8 +19,8 @@ const Player::Setup kLauncher{
     .width = kWidth, .height = kHeight, .fps = 60 / kSlowdown, .bitrate_kbps = 8000 / kSlowdown};
 
 /// An X server, and an agent that captures it.
-struct Desktop {
-    explicit Desktop(int depth = 24, std::vector<std::string> arguments = {})
+struct CapturedScreen {
+    explicit CapturedScreen(int depth = 24, std::vector<std::string> arguments = {})
         : server(Xvfb::start(
               {.screen = "640x352x" + std::to_string(depth), .arguments = std::move(arguments)})) {
         if (!server) return;
@@ -36,8 +36,8 @@ struct Desktop {
 TEST(Desktop, EveryDecodedPictureIsOneThatWasDrawnAndTheyComeInOrder) {
     for (const bool shared_memory : {true, false}) {
         using Arguments = std::vector<std::string>;
-        Desktop desktop(shared_memory ? 24 : 16,
-                        shared_memory ? Arguments{} : Arguments{"-extension", "MIT-SHM"});
+        CapturedScreen desktop(shared_memory ? 24 : 16,
+                               shared_memory ? Arguments{} : Arguments{"-extension", "MIT-SHM"});
         if (!desktop.server) GTEST_SKIP() << "no Xvfb on this machine";
         Player player(*desktop.agent, kLauncher);
         Watcher watcher(player, DrawnNumber::decode);
@@ -56,7 +56,7 @@ TEST(Desktop, EveryDecodedPictureIsOneThatWasDrawnAndTheyComeInOrder) {
 }
 
 TEST(Desktop, TheStreamFollowsAScreenThatChangesItsSize) {
-    Desktop desktop;
+    CapturedScreen desktop;
     if (!desktop.server) GTEST_SKIP() << "no Xvfb on this machine";
     Player player(*desktop.agent, kLauncher);
     // Whether the whole picture, edges included, has the colour.
@@ -97,7 +97,7 @@ TEST(Desktop, TheStreamFollowsAScreenThatChangesItsSize) {
 }
 
 TEST(Desktop, AKilledServerLeavesTheLastPictureAndTheSessionAlive) {
-    Desktop desktop;
+    CapturedScreen desktop;
     if (!desktop.server) GTEST_SKIP() << "no Xvfb on this machine";
     Player player(*desktop.agent, kLauncher);
     Watcher watcher(player, DrawnNumber::decode);
