@@ -74,7 +74,7 @@ check_format() {
 }
 
 check_scripts() {
-  sources '*.sh' .ci/run packaging/start-agent 'packaging/debian/*' 'packaging/completions/*.bash' |
+  sources '*.sh' .ci/run packaging/start-agent 'packaging/debian/post*' 'packaging/completions/*.bash' |
     xargs -r shellcheck --severity=warning
 }
 
