@@ -12,8 +12,7 @@ namespace {
 constexpr std::chrono::seconds kPause{10};
 constexpr std::chrono::milliseconds kSoundServerLimit{1000};
 
-std::string in_words(const Desktop& desktop, bool x11_only) {
-    if (x11_only && desktop.display.empty()) return {};
+std::string in_words(const Desktop& desktop) {
     return desktop.has_screen() ? describe(desktop) : "";
 }
 
@@ -21,9 +20,9 @@ std::string in_words(const Desktop& desktop, bool x11_only) {
 
 DesktopNotice::DesktopNotice(const Options& options) {
     const std::string& capture = options.capture;
-    if (capture != "synthetic") {
-        missing_.push_back({"display", [display = options.display, x11_only = capture == "x11"] {
-                                return in_words(look_for_desktop(display, {}), x11_only);
+    if (capture == "auto") {
+        missing_.push_back({"display", [display = options.display] {
+                                return in_words(look_for_desktop(display, {}));
                             }});
     }
     // An X11 desktop is captured without the bus.

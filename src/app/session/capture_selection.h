@@ -10,8 +10,9 @@
 
 namespace ox {
 
-/// The desktop that a session is to show: what the command line or the environment names, else what
-/// is there now (logged), else none. `cancelled` ends the look-up early.
+/// The desktop that a session is to show: what the command line or the environment names, else,
+/// with automatic capture, what is there now (logged), else none. `cancelled` ends the look-up
+/// early.
 Desktop desktop_for(const Options& options, const std::function<bool()>& cancelled);
 
 /// Makes and initialises the capture backend for `mode`, with the fallbacks of that mode: "auto"
