@@ -239,8 +239,9 @@ int run(const Plan& plan) {
     std::string error;
     if (!decoder.open(launcher::Codec::H264, error)) throw std::runtime_error(error);
 
-    test::ChildProcess sender(
-        {.argv = plan.command, .environment = {}, .stderr_path = "/dev/stderr"});
+    // Not /dev/stderr, which is the sender's own: closed when it is opened.
+    const std::string own_stderr = "/proc/" + std::to_string(::getpid()) + "/fd/2";
+    test::ChildProcess sender({.argv = plan.command, .environment = {}, .stderr_path = own_stderr});
     source->start();
     std::optional<Measurement> measurement;
     std::optional<SteadyClock::time_point> first_picture;
