@@ -96,17 +96,14 @@ TEST(ControlMessage, ReadsEachKind) {
 // What is derived from a master key is pinned by the wire vectors.
 TEST(SessionKeys, RandomWithoutAMasterKeyOfTheRightLength) {
     ASSERT_GE(::sodium_init(), 0);
-    for (const size_t length : {0, 31, 33}) {
-        SessionKeySet one;
-        SessionKeySet other;
-        one.generate(std::vector<uint8_t>(length));
-        other.generate(std::vector<uint8_t>(length));
-        const std::set<std::vector<uint8_t>> keys{one.video_key,   one.audio_key,
-                                                  one.input_key,   other.video_key,
-                                                  other.audio_key, other.input_key};
-        EXPECT_EQ(keys.size(), 6u) << "all different";
-        EXPECT_EQ(keys.begin()->size(), 32u);
+    std::set<std::vector<uint8_t>> all;
+    for (const size_t length : {0, 0, 31, 31, 33, 33}) {
+        SessionKeySet keys;
+        keys.generate(std::vector<uint8_t>(length));
+        all.insert({keys.video_key, keys.audio_key, keys.input_key});
     }
+    EXPECT_EQ(all.size(), 18U) << "all different";
+    EXPECT_EQ(all.begin()->size(), 32U);
 }
 
 TEST(UdpDestination, PrivateAddresses) {

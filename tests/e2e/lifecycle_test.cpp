@@ -15,9 +15,11 @@ TEST(Stopping, SigtermEndsTheProgramPromptlyInEveryState) {
         std::optional<Player> player;
         std::optional<TcpClient> silent;
     };
-    const auto say = [](Agent& agent, Launcher& launcher, const std::string& text) {
-        launcher.silent.emplace(agent.control_port(), kPatience);
-        launcher.silent->send(text);
+    const auto say = [](const std::string& text) {
+        return [text](Agent& agent, Launcher& launcher) {
+            launcher.silent.emplace(agent.control_port(), kPatience);
+            launcher.silent->send(text);
+        };
     };
     const auto stream = [](Agent& agent, Launcher& launcher) {
         launcher.player.emplace(agent);
@@ -28,13 +30,9 @@ TEST(Stopping, SigtermEndsTheProgramPromptlyInEveryState) {
         std::function<void(Agent&, Launcher&)> enter;
     } states[] = {
         {"TcpControlServer: listening on port", [](auto&, auto&) {}},
-        {"TcpControlServer: client connected from",
-         [&](Agent& agent, Launcher& launcher) { say(agent, launcher, R"({"type":"auth","tok)"); }},
+        {"TcpControlServer: client connected from", say(R"({"type":"auth","tok)")},
         // Waits for the probe then.
-        {"VideoEncoder: using libx264",
-         [&](Agent& agent, Launcher& launcher) {
-             say(agent, launcher, auth_line(R"(,"width":320,"height":180)"));
-         }},
+        {"VideoEncoder: using libx264", say(auth_line(R"(,"width":320,"height":180)"))},
         {"VideoEncoder: using libx264", stream},
         {"Session: launcher lost — holding the session for up to 60s",
          [&](Agent& agent, Launcher& launcher) {

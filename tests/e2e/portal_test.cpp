@@ -8,7 +8,7 @@
 #include "support/eventually.h"
 #include "support/pipewire_source.h"
 #include "support/screen_pictures.h"
-#include "support/wayland_desktop.h"
+#include "support/wayland_test.h"
 
 namespace ox::test {
 namespace {
@@ -19,27 +19,18 @@ constexpr uint32_t kHeight = 352;
 const Player::Setup kLauncher{
     .width = kWidth, .height = kHeight, .fps = 60 / kSlowdown, .bitrate_kbps = 8000 / kSlowdown};
 
-class Wayland : public testing::Test {
+class Wayland : public WaylandTest {
   protected:
-    void SetUp() override {
-        desktop_ = WaylandDesktop::start();
-        if (!desktop_) GTEST_SKIP() << "no session bus or PipeWire daemon on this machine";
+    [[nodiscard]] Agent::Setup automatic() const {
+        return {.environment = desktop_->environment(), .capture = "auto"};
     }
-    [[nodiscard]] Agent::Setup setup(const std::string& capture) const {
-        return {.environment = desktop_->environment(), .capture = capture};
-    }
-    void start_portal(uint32_t node, std::vector<std::string> behaviours = {}) {
-        behaviours.push_back("node=" + std::to_string(node));
-        ASSERT_TRUE(desktop_->start_portal(behaviours));
-    }
-    std::unique_ptr<WaylandDesktop> desktop_;
 };
 
 TEST_F(Wayland, TheDesktopIsStreamedAndAskedForOnce) {
     PipewireSource screen(desktop_->pipewire_socket(), moving_pictures(kWidth, kHeight),
                           {.padding = 36});
     start_portal(screen.node(), {"token=the choice"});
-    Agent agent(setup("auto"));
+    Agent agent(automatic());
     for (const char* token : {"types=1", "restore_token=the choice"}) {
         Player player(agent, kLauncher);
         Watcher watcher(player);
@@ -58,7 +49,7 @@ TEST_F(Wayland, TheDesktopIsStreamedAndAskedForOnce) {
 TEST_F(Wayland, NobodyHasToWaitForAnApprovalDialog) {
     for (const bool by_signal : {true, false}) {
         start_portal(0, {"Start=silent"});
-        Agent agent(setup("auto"));
+        Agent agent(automatic());
         TcpClient launcher(agent.control_port(), kPatience);
         launcher.send(auth_line());
         ASSERT_TRUE(launcher.read_line(kPatience));

@@ -1,6 +1,5 @@
 #include "input/uinput_device.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/input.h>
@@ -8,6 +7,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 namespace ox {
@@ -15,13 +15,11 @@ namespace {
 
 /// The event node of the virtual device, or an empty path.
 std::string find_event_node() {
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/input")) {
-        const UniqueFd fd(::open(entry.path().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-        char name[64] = {};
-        if (fd && ::ioctl(fd.get(), EVIOCGNAME(sizeof name - 1), name) > 0 &&
-            std::string(name) == "Orvex Agent") {
-            return entry.path();
-        }
+    for (const auto& entry : std::filesystem::directory_iterator("/sys/class/input")) {
+        std::string name;
+        std::getline(std::ifstream(entry.path() / "device/name"), name);
+        const std::string node = entry.path().filename();
+        if (name == "Orvex Agent" && node.starts_with("event")) return "/dev/input/" + node;
     }
     return {};
 }

@@ -27,12 +27,10 @@ std::string steps_of(const std::string& script) {
 
 TEST(InputScript, BecomesTimedPackets) {
     const std::pair<const char*, const char*> cases[] = {
-        {" ;\n; ", ""},
         {"move 5 -7;wait 30\nmove -1 0", "0 0 5 -7 0|30 0 -1 0 0|"},
         {"wheel 2; wheel -1", "0 2 0 240 0|0 2 0 -120 0|"},
         {"press left; move 1 1; click right; release left",
          "0 1 0 0 1|0 0 1 1 1|0 1 0 0 3|20 1 0 0 1|20 1 0 0 0|"},
-        {"key a", "0 3 65 30 0|20 4 65 30 0|"},
         {"key right", "0 3 39 589 0|20 4 39 589 0|"},  // 77 + 256 * 2
         // What is held at the end is released, the last first.
         {"down shift; down f10; press middle; up shift",
@@ -40,8 +38,6 @@ TEST(InputScript, BecomesTimedPackets) {
         {"move 1 2 3", "input script: cannot read 'move 1 2 3'"},
         {"move 40000 0", "input script: cannot read 'move 40000 0'"},
         {"wait 1; click thumb", "input script: cannot read ' click thumb'"},
-        {"key f13", "input script: cannot read 'key f13'"},
-        {"wait -1", "input script: cannot read 'wait -1'"},
     };
     for (const auto& [script, expected] : cases)
         EXPECT_EQ(steps_of(script), expected) << script;

@@ -50,12 +50,9 @@ bool fails(const char* name) {
 extern "C" {
 
 OX_WRAP(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
-OX_WRAP(int, bind, (int fd, const sockaddr* address, socklen_t length), (fd, address, length))
 OX_WRAP(int, listen, (int fd, int backlog), (fd, backlog))
 OX_WRAP(int, accept4, (int fd, sockaddr* address, socklen_t* length, int flags),
         (fd, address, length, flags))
-OX_WRAP(int, setsockopt, (int fd, int level, int name, const void* value, socklen_t length),
-        (fd, level, name, value, length))
 OX_WRAP(int, getpeername, (int fd, sockaddr* address, socklen_t* length), (fd, address, length))
 OX_WRAP(ssize_t, sendto,
         (int fd, const void* bytes, size_t size, int flags, const sockaddr* to, socklen_t length),

@@ -6,8 +6,6 @@
 #include <bit>
 #include <vector>
 
-#include "support/log_capture.h"
-
 namespace ox {
 namespace {
 
@@ -50,18 +48,6 @@ TEST(Encryption, EveryAlteredBitIsRefused) {
     // Shorter than a tag, and nothing but a tag that does not fit.
     EXPECT_FALSE(opens(kKey, header, Bytes(sealed.begin(), sealed.begin() + 15)));
     EXPECT_FALSE(opens(kKey, header, Bytes(sealed.begin(), sealed.begin() + 16)));
-}
-
-TEST(Encryption, OnlyKeysOf32BytesAreTaken) {
-    const test::LogCapture log;
-    Encryption encryption;
-    Bytes out(kPlain.size() + kTagBytes);
-    size_t length = 5;
-    EXPECT_FALSE(encryption.encrypt_packet({}, kPlain.data(), kPlain.size(), out.data(), length));
-    EXPECT_EQ(length, 0U);
-    const std::array<uint8_t, 33> key{};
-    EXPECT_FALSE(encryption.set_key(key.data(), 31) || encryption.set_key(key.data(), 33));
-    EXPECT_EQ(log.count("ERROR", "Encryption: invalid key size 33 (expected 32)"), 1);
 }
 
 }  // namespace

@@ -7,8 +7,6 @@
 #include <numeric>
 #include <vector>
 
-#include "support/log_capture.h"
-
 namespace ox {
 namespace {
 
@@ -56,20 +54,6 @@ TEST(Packetizer, PacketCounts) {
                 EXPECT_TRUE(std::ranges::equal(packet.payload.bytes(), frame.data));
         }
     }
-}
-
-TEST(Packetizer, AFrameOfMorePacketsThanCanBeCountedIsDropped) {
-    EncodedFrame frame;
-    frame.frame_id = 9;
-    frame.data.resize(65535 * kP + 1);
-    const test::LogCapture log;
-    std::vector<OutgoingPacket> packets;
-    Packetizer().packetize(frame, 1, packets);
-    EXPECT_TRUE(packets.empty());
-    EXPECT_EQ(
-        log.count("ERROR",
-                  "Packetizer: frame 9 too large (76151671 bytes -> 65536 packets) — dropped"),
-        1);
 }
 
 }  // namespace

@@ -7,8 +7,6 @@
 #include <random>
 
 #include "support/terminal_model.h"
-#include "tui/layout.h"
-#include "tui/sample_boards.h"
 #include "tui/text.h"
 
 namespace ox::tui {
@@ -82,19 +80,6 @@ TEST(Painter, TerminalShowsEachFrameAfterItsChanges) {
             shown = next;
         }
     }
-}
-
-TEST(Painter, SecondsClockCostsAFewBytes) {
-    View view;
-    view.now_s = test::kNow;
-    const Snapshot board = test::streaming_board();
-    const Frame before(view.size, lay_out(board, view));
-    EXPECT_EQ(paint_changes(before, before, ColourMode::TrueColour), "");
-    ++view.now_s;
-    const Frame after(view.size, lay_out(board, view));
-    const std::string bytes = paint_changes(before, after, ColourMode::TrueColour);
-    EXPECT_NE(bytes, "");
-    EXPECT_LT(bytes.size(), 80U);
 }
 
 TEST(Painter, CharacterOfDoubtfulWidthDoesNotShiftItsLine) {

