@@ -288,7 +288,12 @@ TEST_F(Portal, WhenTheScreenGoesItsLastPictureStaysAndNothingElseIsShown) {
 }
 
 TEST_F(Portal, CancellingEndsEveryWait) {
-    PipewireSource source(desktop_->pipewire_socket(), moving_pictures(320, 180), {.bgrx = false});
+    // Has a picture to be connected with, and never shows it.
+    PipewireSource source(
+        desktop_->pipewire_socket(),
+        [first = true, pictures = moving_pictures(320, 180)](CapturedFrame& frame) mutable {
+            return std::exchange(first, false) && pictures(frame);
+        });
     const UniqueFd silent_bus = listen_unix(dir_.file("silent"));
     struct Case {
         const char* behaviour;
