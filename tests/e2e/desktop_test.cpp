@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include "e2e/player.h"
@@ -48,16 +49,6 @@ bool see(const Agent& agent, const std::function<bool(const launcher::DecodedPic
     return player.is_ended() && in_time;
 }
 
-/// Whether all of it is of this brightness.
-bool is_uniform(const launcher::DecodedPicture& picture, int luma) {
-    for (uint32_t y = 0; y < picture.height; ++y) {
-        for (uint32_t x = 0; x < picture.width; ++x) {
-            if (std::abs(picture.luma.bytes[y * picture.luma.stride + x] - luma) > 6) return false;
-        }
-    }
-    return true;
-}
-
 TEST(BeforeTheDesktop, AnAgentStreamsATestPatternAndThenTheDesktopThatHasCome) {
     const TempDir x_sockets;
     ChildProcess probe(
@@ -83,7 +74,10 @@ TEST(BeforeTheDesktop, AnAgentStreamsATestPatternAndThenTheDesktopThatHasCome) {
     const Environment as_its_user("XAUTHORITY", authority);
     XPainter(server->display()).fill(0, 0, 640, 480, 0x336699);
 
-    EXPECT_TRUE(see(agent, [](const auto& picture) { return is_uniform(picture, 95); }));
+    EXPECT_TRUE(see(agent, [](const auto& picture) {
+        return std::ranges::all_of(picture.luma.bytes.first(picture.width),
+                                   [](int luma) { return std::abs(luma - 95) <= 6; });
+    }));
     EXPECT_TRUE(agent.wait_for_log("Session: desktop found: X11 " + server->display()));
     EXPECT_TRUE(agent.wait_for_log("Desktop: the display is there now (X11 "));
     EXPECT_EQ(agent.log().count(missing), 1U);

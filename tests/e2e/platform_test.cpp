@@ -17,17 +17,11 @@ using nlohmann::json;
 constexpr std::array<uint8_t, 32> kMaster{0, 1, 2, 3, 4, 5, 6, 7, 8};
 constexpr const char* kMasterBase64 = "AAECAwQFBgcIAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=";
 
-/// The video key that belongs to the master key, as libsodium derives it.
-std::vector<uint8_t> derived_video_key() {
-    std::vector<uint8_t> key(32);
-    ::crypto_kdf_derive_from_key(key.data(), key.size(), 1, "oxvideo1", kMaster.data());
-    return key;
-}
-
 class PlatformTest : public testing::Test {
   protected:
     void SetUp() override {
         ASSERT_GE(::sodium_init(), 0);
+        ::crypto_kdf_derive_from_key(video_key_.data(), 32, 1, "oxvideo1", kMaster.data());
         agent_.emplace(Agent::Setup{
             .arguments = {"--saas-url", "ws://127.0.0.1:" + std::to_string(backend_.port()),
                           "--token", "agent-secret", "--reconnect-grace", "2"}});
@@ -55,25 +49,20 @@ class PlatformTest : public testing::Test {
     }
 
     void prepare(const std::string& id) {
-        peer_->send_text(json{
-            {"type", "prepare_session"},
-            {"session_id", id},
-            {"client_id", "someone"},
-            {"encryption_key", kMasterBase64},
-            {"session_token_sha256",
-             kTokenSha256}}.dump());
+        peer_->send_text(R"({"type":"prepare_session","client_id":"someone","session_id":")" + id +
+                         R"(","encryption_key":")" + kMasterBase64 +
+                         R"(","session_token_sha256":")" + kTokenSha256 + "\"}");
     }
 
     /// Prepares a session and brings a launcher into it.
     Player& play(const std::string& id) {
-        const size_t before = listening_count_++;
         prepare(id);
-        EXPECT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", before + 1));
+        EXPECT_TRUE(
+            agent_->wait_for_log("TcpControlServer: listening on port", ++listening_count_));
         player_.emplace(*agent_);
         EXPECT_TRUE(player_->receive_frames(5));
         const json ready = next("session_ready");
         EXPECT_EQ(ready["session_id"], id);
-        EXPECT_EQ(ready["public_ip"], "0.0.0.0");
         const int base = agent_->port_base();
         EXPECT_EQ(ready["ports"],
                   (json{{"audio", base + 1}, {"input", base + 2}, {"video", base}}));
@@ -88,6 +77,7 @@ class PlatformTest : public testing::Test {
         player_.reset();
     }
 
+    std::vector<uint8_t> video_key_ = std::vector<uint8_t>(32);  ///< that of the master key
     RawBackend backend_;
     std::optional<Agent> agent_;
     std::optional<RawPeer> peer_;
@@ -102,7 +92,7 @@ TEST_F(PlatformTest, SessionAfterSessionThroughEveryWayToEnd) {
     EXPECT_EQ(registration_["max_fps"], 60);
     EXPECT_EQ(registration_["supported_codecs"], (json{"h264", "hevc"}));
 
-    EXPECT_EQ(play("s1").keys().video_key, derived_video_key());
+    EXPECT_EQ(play("s1").keys().video_key, video_key_);
     // A link that flaps during a session loses nothing that matters.
     connect();
     EXPECT_EQ(next("session_ready")["session_id"], "s1");
@@ -122,7 +112,7 @@ TEST_F(PlatformTest, SessionAfterSessionThroughEveryWayToEnd) {
     ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", ++listening_count_));
     player_.emplace(*agent_);
     ASSERT_TRUE(player_->receive_frames(3));
-    EXPECT_EQ(player_->keys().video_key, derived_video_key());
+    EXPECT_EQ(player_->keys().video_key, video_key_);
     EXPECT_GT(player_->frames().front().frame_id, last);
     player_.reset();
     expect_ended("s3", "disconnect_timeout");

@@ -31,21 +31,6 @@ struct CapturedScreen {
     std::optional<Agent> agent;
 };
 
-TEST(Desktop, EveryDecodedPictureIsOneThatWasDrawnAndTheyComeInOrder) {
-    CapturedScreen desktop;
-    if (!desktop.server) GTEST_SKIP() << "no Xvfb on this machine";
-    Player player(*desktop.agent, kLauncher);
-    Watcher watcher(player, DrawnNumber::decode);
-    ASSERT_TRUE(player.receive_until([&] {
-        desktop.number->change();
-        EXPECT_LE(watcher.last(), desktop.number->number());
-        return watcher.different() >= 30;
-    }));
-    EXPECT_TRUE(player.receive_until([&] { return watcher.last() == desktop.number->number(); }))
-        << "the last change never arrived";
-    EXPECT_TRUE(desktop.agent->wait_for_log("X11Capture: 640x352 via MIT-SHM (depth 24)"));
-}
-
 TEST(Desktop, TheStreamFollowsAScreenThatChangesItsSize) {
     CapturedScreen desktop;
     if (!desktop.server) GTEST_SKIP() << "no Xvfb on this machine";

@@ -194,9 +194,8 @@ TEST_F(SaasConnectorTest, NeverWaitsLongForAStalledBackend) {
     timing.link.upgrade = timing.link.frame_rest = milliseconds(50);
     SaasConnector connector(config(backend_.port()), timing);
     connector.start();
-    RawPeer mute = backend_.accept();  // never answers the upgrade request
-    EXPECT_TRUE(mute.closed());
-    RawPeer endless = backend_.accept();  // never ends its answer's head
+    EXPECT_TRUE(backend_.accept().closed());  // never answers the upgrade request
+    RawPeer endless = backend_.accept();      // never ends its answer's head
     endless.send(std::string(20'000, 'x'));
     EXPECT_TRUE(endless.closed());
     RawPeer half = accept_registered();  // never ends its frame
@@ -204,13 +203,13 @@ TEST_F(SaasConnectorTest, NeverWaitsLongForAStalledBackend) {
     EXPECT_TRUE(half.closed());
     connector.stop();
 
-    SaasConfig encrypted = config(backend_.port());
+    test::RawBackend speechless;  // never answers the TLS hello
+    SaasConfig encrypted = config(speechless.port());
     encrypted.tls = true;
     timing.transport.tls_handshake = milliseconds(50);
     SaasConnector other(encrypted, timing);
     other.start();
-    RawPeer speechless = backend_.accept();  // never answers the TLS hello
-    EXPECT_TRUE(speechless.closed());
+    EXPECT_TRUE(speechless.accept().closed());
     EXPECT_THAT(log_.text(), HasSubstr("[ERROR] SaasConnector: TLS handshake failed: timed out"));
 }
 

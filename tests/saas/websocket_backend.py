@@ -1,9 +1,8 @@
 #!/usr/bin/python3
-"""A backend for the connector's tests, on a WebSocket library that is not ours.
-
-Prints one line per thing that happens: "port <n>", "sni <name>", "path <path>", "token <token>",
-"message <text>", "closed <code>".
-"""
+# A backend for the connector's tests, on a WebSocket library that is not ours.
+#
+# Prints one line per thing that happens: "port <n>", "sni <name>", "path <path>", "token <token>",
+# "message <text>", "closed <code>".
 
 import argparse
 import asyncio

@@ -1,24 +1,23 @@
 #!/usr/bin/python3
-"""A desktop portal for tests: answers org.freedesktop.portal.ScreenCast on the session bus the way
-it is told to and hands out a connection to the PipeWire daemon below XDG_RUNTIME_DIR.
-
-Usage: screencast_portal.py REPORT-FILE [BEHAVIOUR...]
-
-The report file gets "ready", then one line for each call that came in: its name, the options that
-matter, and for Close calls what was closed. BEHAVIOURs:
-
-  node=N           the stream's PipeWire node (default 0)
-  token=TEXT       the restore token that Start returns
-  CALL=N           CALL's response code is N
-  CALL=silent      CALL gets no Response
-  CALL=mute        CALL gets not even a reply
-  CALL=fail        CALL fails with a D-Bus error
-  CALL=early       CALL's Response comes before its reply
-  CALL=empty       CALL's results are empty
-  no-token         SelectSources fails for a call with a restore token
-  foreign          before each Response others come: to another request, from another program, and
-                   one without the arguments of a Response
-"""
+# A desktop portal for tests: answers org.freedesktop.portal.ScreenCast on the session bus the way
+# it is told to and hands out a connection to the PipeWire daemon below XDG_RUNTIME_DIR.
+#
+# Usage: screencast_portal.py REPORT-FILE [BEHAVIOUR...]
+#
+# The report file gets "ready", then one line for each call that came in: its name, the options that
+# matter, and for Close calls what was closed. BEHAVIOURs:
+#
+#   node=N           the stream's PipeWire node (default 0)
+#   token=TEXT       the restore token that Start returns
+#   CALL=N           CALL's response code is N
+#   CALL=silent      CALL gets no Response
+#   CALL=mute        CALL gets not even a reply
+#   CALL=fail        CALL fails with a D-Bus error
+#   CALL=early       CALL's Response comes before its reply
+#   CALL=empty       CALL's results are empty
+#   no-token         SelectSources fails for a call with a restore token
+#   foreign          before each Response others come: to another request, from another program, and
+#                    one without the arguments of a Response
 
 import os
 import socket

@@ -4,17 +4,21 @@
 
 extern "C" {
 #include <libavutil/frame.h>
+#include <libavutil/opt.h>
 }
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "launcher/video_decoder.h"
 #include "support/log_capture.h"
+#include "video/av_handles.h"
+#include "video/encoder_options.h"
 #include "video/synthetic_capture.h"
 
 namespace ox {
@@ -104,20 +108,6 @@ TEST_P(SoftwareEncoder, GivesOneDecodableUnitPerPictureAndKeyframesOnDemand) {
     }
 }
 
-/// Gives random colours to one in `one_in` of the picture's blocks of 8 x 8 pixels.
-void change_blocks(std::vector<uint8_t>& picture, uint32_t one_in, std::minstd_rand& random) {
-    for (uint32_t block = 0; block < kWidth * kHeight / 64; ++block) {
-        if (random() / 7 % one_in != 0) continue;
-        const uint32_t left = block % (kWidth / 8) * 8;
-        const uint32_t top = block / (kWidth / 8) * 8;
-        const auto colour = static_cast<uint32_t>(random());
-        for (uint32_t i = 0; i < 64; ++i) {
-            const size_t pixel = size_t{top + i / 8} * kWidth + left + i % 8;
-            std::memcpy(picture.data() + pixel * 4, &colour, 4);
-        }
-    }
-}
-
 TEST_P(SoftwareEncoder, StaysWithinTheRateBuffer) {
     const EncoderSettings settings = software(GetParam());
     const double per_picture = settings.bitrate_kbps * 1000.0 / settings.fps;
@@ -132,7 +122,11 @@ TEST_P(SoftwareEncoder, StaysWithinTheRateBuffer) {
     std::vector<uint8_t> picture(size_t{kWidth} * kHeight * 4);
     for (int n = 0; n < pictures; ++n) {
         // Calm and wild stretches in turn, so that the rate control is surprised; some keyframes.
-        change_blocks(picture, n / 50 % 2 == 0 ? 1 : 40, random);
+        const uint32_t one_in = n / 50 % 2 == 0 ? 1 : 40;
+        for (size_t run = 0; run < picture.size() / 64; ++run) {
+            const int colour = static_cast<int>(random() / 7);
+            if (random() / 7 % one_in == 0) std::memset(picture.data() + run * 64, colour, 64);
+        }
         if (n % 90 == 60) encoder_.force_idr = true;
         EncodedFrame out;
         ASSERT_TRUE(encoder_.encode_bgra(picture.data(), kWidth, kHeight, 0, out));
@@ -168,6 +162,26 @@ TEST(VideoEncoder, RefusesWhatCannotBeEncoded) {
     ASSERT_TRUE(encoder.init(software(VideoCodec::H264)));
     EXPECT_FALSE(encoder.encode_bgra(pixels.data(), kWidth, 0, 0, out));
     EXPECT_TRUE(encoder.encode_bgra(pixels.data(), kWidth, kHeight, 0, out));
+}
+
+// Hardware encoders cannot be opened without their hardware, but their options can be set: an
+// unknown name or a value that does not parse is refused.
+TEST(EncoderOptions, EveryOptionIsKnownToItsEncoder) {
+    std::set<std::string> refused;
+    for (const VideoCodec id : {VideoCodec::H264, VideoCodec::Hevc}) {
+        for (const EncoderChoice& choice : encoder_ladder(id)) {
+            const AVCodec* codec = avcodec_find_encoder_by_name(choice.name);
+            ASSERT_NE(codec, nullptr) << choice.name;
+            const AvCodecContextPtr context(avcodec_alloc_context3(codec));
+            for (const auto& [key, value] : choice.options) {
+                if (av_opt_set(context->priv_data, key, value, 0) != 0) {
+                    refused.insert(std::string(choice.name) + " " + key);
+                }
+            }
+        }
+    }
+    // These make an IDR picture of every demanded I picture and have no option for it.
+    EXPECT_EQ(refused, (std::set<std::string>{"h264_vaapi forced-idr", "hevc_vaapi forced-idr"}));
 }
 
 }  // namespace

@@ -41,17 +41,16 @@ void paint(XPainter& painter, const Scene& scene, int depth) {
 /// How many pixels differ from the scene; alpha counts where the frame has pixels of its own.
 int count_wrong(const CapturedFrame& frame, const Scene& scene) {
     int wrong = 0;
-    for (uint32_t y = 0; y < frame.height; ++y) {
-        for (uint32_t x = 0; x < frame.width; ++x) {
-            uint32_t expected = 0;
-            for (const Rect& rect : scene) {
-                if (x - rect.x < rect.width && y - rect.y < rect.height) expected = rect.rgb;
-            }
-            uint32_t pixel = 0;
-            std::memcpy(&pixel, frame.pixels() + (size_t{y} * frame.width + x) * 4, 4);
-            const bool opaque = frame.lent || pixel >> 24 == 255;
-            if ((pixel & 0xFFFFFF) != expected || !opaque) ++wrong;
+    for (uint32_t at = 0; at < frame.width * frame.height; ++at) {
+        uint32_t expected = 0;
+        for (const Rect& rect : scene) {
+            const bool inside =
+                at % frame.width - rect.x < rect.width && at / frame.width - rect.y < rect.height;
+            if (inside) expected = rect.rgb | 0xFF000000;
         }
+        uint32_t pixel = 0;
+        std::memcpy(&pixel, frame.pixels() + size_t{at} * 4, 4);
+        wrong += (frame.lent ? pixel | 0xFF000000 : pixel) != expected ? 1 : 0;
     }
     return wrong;
 }

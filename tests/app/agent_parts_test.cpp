@@ -1,0 +1,93 @@
+// Small parts of the program: the driver check, the panic channel, the self-test's counting.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <fstream>
+
+#include "app/gpu_driver_check.h"
+#include "app/panic_listener.h"
+#include "app/process_flags.h"
+#include "app/selftest/checks.h"
+#include "base/clock.h"
+#include "support/environment.h"
+#include "support/eventually.h"
+#include "support/temp_dir.h"
+#include "support/unix_socket.h"
+
+namespace ox {
+namespace {
+
+TEST(NvidiaDriverCheck, MissingOnlyWithAnAdapterAndWithoutTheDriver) {
+    const test::TempDir folder;
+    const std::filesystem::path root = folder.path();
+    const auto write = [&](const std::string& path, const char* text) {
+        std::filesystem::create_directories((root / path).parent_path());
+        std::ofstream(root / path) << text;
+    };
+    const std::string gpu = "sys/bus/pci/devices/0000:01:00.0/";
+    write(gpu + "vendor", "0x10de\n");
+    write(gpu + "class", "0x040300\n");
+    EXPECT_FALSE(nvidia_driver_missing(root)) << "its audio function is no display";
+    for (const char* display : {"0x030000\n", "0x030200\n"}) {
+        write(gpu + "class", display);
+        EXPECT_TRUE(nvidia_driver_missing(root)) << display;
+    }
+    std::filesystem::remove_all(root / "sys");
+    EXPECT_FALSE(nvidia_driver_missing(root));
+    write("sys/class/drm/card0/device/vendor", "0x10de\n");
+    EXPECT_TRUE(nvidia_driver_missing(root)) << "seen as a DRM card only";
+    write("proc/driver/nvidia/version", "NVRM\n");
+    EXPECT_FALSE(nvidia_driver_missing(root));
+}
+
+// What words do is shown by the whole agent.
+TEST(PanicListener, ReplacesWhatACrashLeftBearsASilentClientAndLeavesTheNextAgentsSocket) {
+    const test::TempDir dir;
+    const test::Environment runtime("XDG_RUNTIME_DIR", dir.path().string());
+    std::ofstream(panic_socket_path()) << "left by a crash";
+    panic_flag() = false;
+    std::jthread listener = start_panic_listener();
+    UniqueFd silent;  // who says nothing is in the way of neither the others nor the end
+    EXPECT_TRUE(test::eventually([&] {
+        silent = test::connect_unix(panic_socket_path());
+        return static_cast<bool>(silent);
+    }));
+    const UniqueFd client = test::connect_unix(panic_socket_path());
+    EXPECT_EQ(::write(client.get(), "stop", 4), 4);
+    EXPECT_TRUE(test::eventually([] { return panic_flag().load(); }));
+    const UniqueFd another = test::connect_unix(panic_socket_path());
+    ::unlink(panic_socket_path().c_str());
+    std::ofstream(panic_socket_path()) << "the next agent's";
+    const auto before = SteadyClock::now();
+    listener = {};
+    EXPECT_LT(SteadyClock::now() - before, std::chrono::seconds(2));
+    panic_flag() = false;
+    EXPECT_EQ(::access(panic_socket_path().c_str(), F_OK), 0);
+}
+
+void passing_group() {
+    selftest::check(true, "water is wet");
+}
+void mixed_group() {
+    selftest::check(false, "the moon is cheese");
+    selftest::check(true, "after a failure the run goes on");
+}
+
+TEST(SelftestChecks, OneFailureAmongPassesFailsTheRunAndEndsNothing) {
+    constexpr std::array<selftest::Group, 3> kGroups{
+        {{"[1] a", passing_group}, {"[2] b", mixed_group}, {"[3] c", passing_group}}};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(selftest::run_groups([] { return 0; }, kGroups), 1);
+    const std::string output = testing::internal::GetCapturedStdout();
+    EXPECT_NE(output.find("[2] b\n"
+                          "  FAIL  the moon is cheese\n"
+                          "  PASS  after a failure the run goes on\n"
+                          "[3] c\n"),
+              std::string::npos);
+    EXPECT_TRUE(output.ends_with("3 passed, 1 failed\nSELFTEST FAIL\n"));
+}
+
+}  // namespace
+}  // namespace ox
