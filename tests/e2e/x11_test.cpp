@@ -35,17 +35,17 @@ TEST(Desktop, TheStreamFollowsAScreenThatChangesItsSize) {
     CapturedScreen desktop;
     if (!desktop.server) GTEST_SKIP() << "no Xvfb on this machine";
     Player player(*desktop.agent, kLauncher);
-    // Whether the whole picture, edges included, has the colour.
     std::array<int, 3> colour{};
-    bool all_of_it = false;
+    bool all_of_it = false;  // edges included
     player.on_picture = [&](const launcher::DecodedPicture& picture) {
         ASSERT_EQ(picture.width, kWidth);
         ASSERT_EQ(picture.height, kHeight);
         all_of_it = true;
-        for (size_t plane = 0; plane < 3; ++plane) {
-            const int scale = plane == 0 ? 1 : 2;
-            for (int y = 0; y < static_cast<int>(kHeight) / scale; ++y) {
-                const uint8_t* row = picture.image.data[plane] + y * picture.image.linesize[plane];
+        for (uint32_t y = 0; y < kHeight; ++y) {
+            for (size_t plane = 0; plane < 3; ++plane) {
+                const uint32_t scale = plane == 0 ? 1 : 2;
+                const uint8_t* row = picture.image.data[plane] +
+                                     static_cast<int>(y / scale) * picture.image.linesize[plane];
                 all_of_it = all_of_it && std::all_of(row, row + kWidth / scale, [&](int value) {
                                 return std::abs(value - colour.at(plane)) <= 8;
                             });

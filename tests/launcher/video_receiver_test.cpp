@@ -12,22 +12,18 @@ namespace {
 
 constexpr std::array<uint8_t, 32> kKey = {1, 2, 3};
 
-using test::Datagram;
-
-std::vector<Datagram> seal_frame(uint32_t id, bool keyframe, size_t size = 3000) {
-    EncodedFrame frame;
-    frame.data.assign(size, 0x55);
-    frame.frame_id = id;
-    frame.timestamp = 1;
-    frame.keyframe = keyframe;
-    return test::sealed_datagrams(frame, kKey.data());
-}
-
 // A receiver, and the ids of the frames that it lets through.
 struct Fixture {
     explicit Fixture(const VideoReceiver::Config& config = {}) : receiver(kKey, config) {}
 
-    void feed(const std::vector<Datagram>& datagrams, size_t without = SIZE_MAX) {
+    /// Three packets of one frame, and parity for a keyframe; one of them may be lost.
+    void feed(uint32_t id, bool keyframe, size_t without = SIZE_MAX) {
+        EncodedFrame frame;
+        frame.data.assign(3000, 0x55);
+        frame.frame_id = id;
+        frame.timestamp = 1;
+        frame.keyframe = keyframe;
+        const auto datagrams = test::sealed_datagrams(frame, kKey.data());
         for (size_t i = 0; i < datagrams.size(); ++i)
             if (i != without) receiver.on_datagram(datagrams[i], now);
         collect();
@@ -50,19 +46,19 @@ struct Fixture {
 TEST(VideoReceiver, WithholdsWhatBuildsOnALossUntilAKeyframe) {
     for (const bool decode_damaged : {false, true}) {
         Fixture f({.limits = {}, .decode_damaged = decode_damaged});
-        f.feed(seal_frame(0, true));
-        f.feed(seal_frame(1, false));
-        f.feed(seal_frame(2, false), 1);  // no parity on this one: lost
-        f.feed(seal_frame(3, false));
+        f.feed(0, true);
+        f.feed(1, false);
+        f.feed(2, false, 1);  // no parity on this one: lost
+        f.feed(3, false);
         EXPECT_FALSE(f.receiver.take_keyframe_request(f.now)) << "may still be on its way";
         f.pass_time(300'000);
         EXPECT_TRUE(f.receiver.take_keyframe_request(f.now));
         EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 249'999));
         EXPECT_TRUE(f.receiver.take_keyframe_request(f.now + 250'000))
             << "the keyframe may be lost";
-        f.feed(seal_frame(4, false));
-        f.feed(seal_frame(5, true), 2);  // repaired from parity
-        f.feed(seal_frame(6, false));
+        f.feed(4, false);
+        f.feed(5, true, 2);  // repaired from parity
+        f.feed(6, false);
         EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 900'000));
         const std::vector<uint32_t> expected = decode_damaged
                                                    ? std::vector<uint32_t>{0, 1, 3, 4, 5, 6}
@@ -77,7 +73,7 @@ TEST(VideoReceiver, WithholdsWhatBuildsOnALossUntilAKeyframe) {
 TEST(VideoReceiver, AsksForAKeyframeWhenTheFirstOneNeverComes) {
     Fixture f;
     EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 9'000'000)) << "no media, no request";
-    f.feed(seal_frame(7, false));
+    f.feed(7, false);
     EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 249'000));
     EXPECT_TRUE(f.receiver.take_keyframe_request(f.now + 250'000));
     f.receiver.on_frame_dropped();
@@ -89,12 +85,12 @@ TEST(VideoReceiver, TellsWhichFramesAreMissing) {
     Fixture f;
     const auto ask = [&] { return f.receiver.take_keyframe_request(f.now); };
     for (const uint32_t id : {100U, 101U})
-        f.feed(seal_frame(id, id == 100));
+        f.feed(id, id == 100);
     f.pass_time(300'000);
-    f.feed(seal_frame(102, false), 1);  // lost in part; 103 never comes
-    f.feed(seal_frame(104, false));
+    f.feed(102, false, 1);  // lost in part; 103 never comes
+    f.feed(104, false);
     f.pass_time(300'000);
-    f.feed(seal_frame(105, false), 1);
+    f.feed(105, false, 1);
     f.pass_time(300'000);
     // Of 105 it is not certain yet that it will not be completed.
     for (uint8_t attempt = 0; attempt < 3; ++attempt) {
@@ -106,7 +102,7 @@ TEST(VideoReceiver, TellsWhichFramesAreMissing) {
         EXPECT_EQ(request->lost->attempt, attempt);
         f.pass_time(300'000);
         if (attempt == 1) {
-            f.feed(seal_frame(106, false));
+            f.feed(106, false);
             f.pass_time(300'000);
         }
     }
@@ -114,7 +110,7 @@ TEST(VideoReceiver, TellsWhichFramesAreMissing) {
     ASSERT_TRUE(plain);
     EXPECT_FALSE(plain->lost) << "three attempts are all that an agent takes";
     EXPECT_TRUE(f.receiver.stats().awaiting_keyframe);
-    f.feed(seal_frame(107, true));
+    f.feed(107, true);
     EXPECT_FALSE(ask());
     EXPECT_FALSE(f.receiver.stats().awaiting_keyframe);
 }

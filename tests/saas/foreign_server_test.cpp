@@ -21,22 +21,16 @@ using ::testing::HasSubstr;
 
 class ForeignServerTest : public test::ConnectorTest {
   protected:
-    static void SetUpTestSuite() {
-        certificates_.emplace();
-        const std::string make = std::string(OX_SAAS_TEST_DIR) + "/make_test_certs.sh";
-        test::ChildProcess made({.argv = {make, certificates_->path().string()}});
-        ASSERT_EQ(made.wait(seconds(30)), 0);
+    ForeignServerTest() {
+        test::ChildProcess made(
+            {.argv = {OX_SAAS_TEST_DIR "/make_test_certs.sh", folder_.path().string()}});
+        EXPECT_EQ(made.wait(seconds(30)), 0);
     }
-    static void TearDownTestSuite() { certificates_.reset(); }
 
     /// Starts a server with the certificate of that name (none: without TLS).
     void serve(const std::string& certificate) {
-        std::vector<std::string> argv{OX_TEST_PYTHON,
-                                      std::string(OX_SAAS_TEST_DIR) + "/websocket_backend.py"};
-        if (!certificate.empty()) {
-            argv.insert(argv.end(), {"--cert", certificates_->file(certificate + ".pem"), "--key",
-                                     certificates_->file(certificate + ".key")});
-        }
+        std::vector<std::string> argv{OX_TEST_PYTHON, OX_SAAS_TEST_DIR "/websocket_backend.py"};
+        if (!certificate.empty()) argv.push_back(folder_.file(certificate));
         const std::string output = folder_.file("said" + std::to_string(++servers_));
         said_ = test::LogFile(output);
         server_.emplace(test::ChildProcess::Options{
@@ -58,9 +52,8 @@ class ForeignServerTest : public test::ConnectorTest {
         return result;
     }
 
-    static inline std::optional<test::TempDir> certificates_;
-    const test::Environment trust_{"SSL_CERT_FILE", certificates_->file("ca.pem")};
     test::TempDir folder_;
+    const test::Environment trust_{"SSL_CERT_FILE", folder_.file("ca.pem")};
     int servers_ = 0;
     test::LogFile said_{""};  ///< what the newest server reports
     std::optional<test::ChildProcess> server_;

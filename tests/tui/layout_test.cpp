@@ -35,18 +35,13 @@ std::string running_text(const std::vector<Line>& lines) {
     return text;
 }
 
-Snapshot preparing_board() {
-    Snapshot board = test::connected_board();
-    board.session.state = SessionState::Preparing;
-    board.session.since_s = test::kNow - 4;
-    return board;
-}
-
 std::vector<Snapshot> boards_of_all_states() {
     Snapshot reconnecting = test::connected_board();
     reconnecting.link = LinkState::Reconnecting;
+    Snapshot preparing = test::connected_board();
+    preparing.session.state = SessionState::Preparing;
     return {Snapshot{},         test::connected_board(), reconnecting,
-            preparing_board(),  test::streaming_board(), test::holding_board(),
+            preparing,          test::streaming_board(), test::holding_board(),
             test::nasty_board()};
 }
 
