@@ -13,6 +13,7 @@ constexpr int kSampleRate = 48000;
 constexpr uint16_t kPreSkip = 120;  // 2.5 ms: what the encoder looks ahead
 constexpr uint64_t kFrameUs = 5'000;
 constexpr int64_t kMaxDriftUs = 60'000;
+constexpr int kFramesOfAPause = 20;  // 100 ms
 
 constexpr std::array<uint8_t, 19> kOpusHead = {
     'O',
@@ -65,11 +66,27 @@ std::optional<uint64_t> AudioClock::place(const AudioFrame& frame) {
         time_ = frame.timestamp;
     } else {
         time_ += uint64_t{frame.sequence - sequence_} * kFrameUs;
-        const auto drift = static_cast<int64_t>(frame.timestamp - time_);
-        if (frame.timestamp != 0 && std::abs(drift) > kMaxDriftUs) time_ = frame.timestamp;
+        if (frame.timestamp != 0) follow(static_cast<int64_t>(frame.timestamp - time_));
     }
     sequence_ = frame.sequence;
     return time_;
+}
+
+// No frame is sent before it was recorded. One that is sent late was recorded after a pause if
+// those after it do not catch up.
+void AudioClock::follow(int64_t lateness_us) {
+    if (std::abs(lateness_us) <= kMaxDriftUs) {
+        late_frames_ = 0;
+    } else if (lateness_us < 0) {
+        time_ -= static_cast<uint64_t>(-lateness_us);
+        late_frames_ = 0;
+    } else if (late_frames_ == 0 || lateness_us < least_lateness_us_) {
+        least_lateness_us_ = lateness_us;
+        late_frames_ = 1;
+    } else if (++late_frames_ >= kFramesOfAPause) {
+        time_ += static_cast<uint64_t>(least_lateness_us_);
+        late_frames_ = 0;
+    }
 }
 
 }  // namespace ox::launcher

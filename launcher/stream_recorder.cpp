@@ -184,8 +184,9 @@ void StreamRecorder::write_audio(const AudioFrame& frame) {
     if (!impl_ || !impl_->sound || !error_.empty()) return;
     const auto time = impl_->audio_clock.place(frame);
     if (!time || impl_->start_timestamp == 0 || *time < impl_->start_timestamp) return;
-    const auto ms = static_cast<int64_t>(*time - impl_->start_timestamp) / 1000;
-    if (ms <= impl_->previous_audio_ms) return;
+    // No frame goes before the one it follows, also where the clock was set back.
+    const int64_t ms = std::max(static_cast<int64_t>(*time - impl_->start_timestamp) / 1000,
+                                impl_->previous_audio_ms + 1);
     const AvPtr<AVPacket> packet = packet_of(frame.opus, true);
     if (!packet || !write_packet(*packet, 1, ms)) return;
     impl_->previous_audio_ms = ms;

@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "audio/audio_encoder.h"
 #include "e2e/agent.h"
 #include "launcher/av_handles.h"
 #include "launcher/session.h"
@@ -85,7 +86,7 @@ std::optional<uint32_t> stamp_of(const AVFrame& picture, size_t bytes_per_pixel)
 void expect_the_tone(const Summary& summary, const MediaFile& recording) {
     const AudioSnapshot& audio = summary.audio;
     const AudioStats& stream = audio.stream;
-    ASSERT_GT(audio.seconds, 2.0);
+    ASSERT_GT(audio.seconds, 1.0);
     EXPECT_NEAR(audio.sound.pitch_hz, 440, 3);
     EXPECT_NEAR(audio.sound.level_dbfs, -6.02, 1);
     EXPECT_EQ(stream.undecryptable + stream.malformed + audio.decode_errors, 0U);
@@ -94,8 +95,11 @@ void expect_the_tone(const Summary& summary, const MediaFile& recording) {
     const auto& [codec, times] = recording.tracks[1];
     EXPECT_EQ(codec, AV_CODEC_ID_OPUS);
     EXPECT_EQ(times.size(), summary.decode.audio_frames_recorded);
-    EXPECT_GT(times.size(), stream.frames.delivered * 9 / 10);
     EXPECT_EQ(std::ranges::adjacent_find(times, std::ranges::greater_equal{}), times.end());
+    // The file begins with the first picture, which the losses may delay: the sound from there on.
+    ASSERT_GT(times.size(), 1U);
+    const auto frames = static_cast<size_t>(times.back() - times.front()) / AudioEncoder::kFrameMs;
+    EXPECT_GT(times.size(), frames * 8 / 10);
 }
 
 void expect_all_of_a_session(bool lossy) {
@@ -113,7 +117,7 @@ void expect_all_of_a_session(bool lossy) {
     Options options = options_for(agent.port_base());
     options.audio = lossy;
     options.codec = lossy ? Codec::H264 : Codec::Hevc;
-    options.seconds = lossy ? 5 : 1.5;
+    options.seconds = lossy ? 4 : 1.5;
     options.save_stream = folder.file("stream.mkv");
     options.save_frame = folder.file("frame.png");
     options.bitrate_changes = {{.kbps = 1234, .at_seconds = 0.3}};
@@ -128,7 +132,8 @@ void expect_all_of_a_session(bool lossy) {
     EXPECT_EQ(stream.assembly.frames_lost > 0, lossy);
     EXPECT_EQ(stream.keyframe_requests > 0, lossy);
     EXPECT_EQ(stream.undecryptable, 0U);
-    EXPECT_EQ(decode.frames_decoded + stream.frames_withheld, stream.assembly.frames_complete);
+    EXPECT_EQ(decode.frames_decoded + stream.frames_withheld + summary.receive.queue_drops,
+              stream.assembly.frames_complete);
     EXPECT_GE(decode.frames_decoded, 5U);
     EXPECT_EQ(decode.stamps.read, decode.frames_decoded);
     EXPECT_EQ(decode.decode_errors + decode.stamps.invented + decode.stamps.out_of_order, 0U);

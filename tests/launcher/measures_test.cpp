@@ -7,6 +7,7 @@
 #include <random>
 #include <vector>
 
+#include "launcher/audio_track.h"
 #include "launcher/frame_stamp.h"
 #include "launcher/latency_histogram.h"
 
@@ -32,6 +33,33 @@ TEST(LatencyHistogram, PercentilesAreWithinABucketOfTheSortedSamples) {
             EXPECT_LE(got, exact + exact / 128 + 1) << percent << " of " << limit;
         }
     }
+}
+
+TEST(AudioClock, FollowsPausesButNotBurstsAfterADelay) {
+    AudioClock clock;
+    uint32_t sequence = 0xFFFFFFF0;
+    const auto place = [&](uint64_t sent_ms) {
+        const auto us =
+            clock.place({.opus = {}, .sequence = sequence++, .timestamp = sent_ms * 1000});
+        return us ? static_cast<int64_t>(*us / 1000) : -1;
+    };
+    EXPECT_EQ(place(0), -1) << "a rebuilt frame tells no time";
+    // The first frames come late and in a burst: from the burst's end on the times are right.
+    for (int i = 0; i < 40; ++i)
+        place(1200);
+    EXPECT_NEAR(static_cast<double>(place(1200)), 1200, 60);
+    int64_t last = place(1205);
+    for (uint64_t ms = 1210; ms < 2000; ms += 5)
+        EXPECT_EQ(place(ms), last += 5);
+    // 250 ms of the agent's sound are sent at once.
+    for (int i = 0; i < 50; ++i)
+        EXPECT_EQ(place(2250), last += 5);
+    for (uint64_t ms = 2255; ms < 3000; ms += 5)
+        EXPECT_EQ(place(ms), last += 5);
+    // The recording pauses for a second.
+    for (uint64_t ms = 4000; ms < 4200; ms += 5)
+        place(ms);
+    EXPECT_NEAR(static_cast<double>(place(4200)), 4200, 60);
 }
 
 TEST(StampChecker, FindsWrongPictures) {

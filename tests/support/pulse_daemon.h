@@ -34,9 +34,9 @@ class PulseDaemon {
         daemon_.reset();
         daemon_ = std::make_unique<ChildProcess>(ChildProcess::Options{
             .argv = {"pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "-L",
-                     "module-native-protocol-unix", "-L", "module-null-sink sink_name=out", "-L",
-                     "module-null-sink sink_name=spare", "-L", "module-null-sink sink_name=hidden",
-                     "-L", "module-remap-source master=hidden.monitor source_name=mic", "-L",
+                     "module-native-protocol-unix", "-L", null_sink("out"), "-L",
+                     null_sink("spare"), "-L", null_sink("hidden"), "-L",
+                     "module-remap-source master=hidden.monitor source_name=mic", "-L",
                      "module-rescue-streams"},
             .environment = {}});
         eventually([this] { return pactl("set-default-sink out"); }, std::chrono::seconds(20));
@@ -61,6 +61,12 @@ class PulseDaemon {
     }
 
   private:
+    // Without rewinds a sink mixes 50 ms ahead, otherwise two seconds: so late would a recorder
+    // that comes later hear of it.
+    static std::string null_sink(const std::string& name) {
+        return "module-null-sink norewinds=1 sink_name=" + name;
+    }
+
     TempDir dir_;
     std::unique_ptr<ChildProcess> daemon_;
 };
