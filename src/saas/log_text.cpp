@@ -81,6 +81,7 @@ std::string loggable(std::string_view text, size_t max, std::string_view secret)
             std::fill_n(shown.begin() + static_cast<std::ptrdiff_t>(at), secret.size(), kMask);
         }
     }
+    std::replace(shown.begin(), shown.end(), '\n', ' ');  // keeps the words of two lines apart
     shown = tui::text::sanitize(shown);
     if (shown.size() > max) {
         size_t end = max;

@@ -8,8 +8,8 @@ namespace ox {
 
 inline constexpr size_t kMaxLoggedText = 512;
 
-/// `text` from outside as it may be logged: at most `max` bytes, no control characters, valid
-/// UTF-8, and `secret` (when not empty) masked wherever it occurs.
+/// `text` from outside as it may be logged: at most `max` bytes, in one line, no control
+/// characters, valid UTF-8, and `secret` (when not empty) masked wherever it occurs.
 std::string loggable(std::string_view text, size_t max = kMaxLoggedText,
                      std::string_view secret = {});
 

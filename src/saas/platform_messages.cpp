@@ -166,10 +166,6 @@ PlatformMessage parse_platform_message(std::string_view text) {
     using Kind = BadMessage::Kind;
     const json message = json::parse(text, nullptr, false);
     if (message.is_discarded()) return BadMessage{Kind::InvalidJson, "invalid JSON"};
-    if (!message.is_object()) {
-        return BadMessage{Kind::WrongType,
-                          std::string("it is no object but ") + message.type_name()};
-    }
     std::string type;
     try {
         type = json_value_or(message, "type", type);

@@ -62,7 +62,7 @@ struct TerminateSession {
 struct BadMessage {
     enum class Kind {
         InvalidJson,
-        WrongType,   ///< no object, or a member that has to be text is none
+        WrongType,   ///< a member that has to be text is none
         BadPrepare,  ///< a prepare_session with a member of the wrong type
     };
     Kind kind = Kind::InvalidJson;

@@ -89,14 +89,13 @@ TEST(PlatformMessages, WrongTypesAreRefused) {
           R"("constraints":{"max_fps":"60"})", R"("constraints":{"codec":4})",
           R"("session_isolation":{"hide_desktop":1})"})
         EXPECT_EQ(parsed<BadMessage>(prepare(std::string(",") + member)).kind, Kind::BadPrepare);
-    for (const std::string& text :
-         {std::string("[]"), std::string("3"), std::string(R"({"type":3})"),
-          std::string(R"({"type":"terminate_session","session_id":[]})"),
-          std::string(500'000, '[') + std::string(500'000, ']')})
+    for (const char* text : {R"({"type":3})", R"({"type":"terminate_session","session_id":[]})"})
         EXPECT_EQ(parsed<BadMessage>(text).kind, Kind::WrongType);
     for (const char* text : {"", "{\"type\":NaN}", "{}{}"})
         EXPECT_EQ(parsed<BadMessage>(text).kind, Kind::InvalidJson) << text;
-    parsed<UnknownMessage>("{}");
+    for (const std::string& text : {std::string("{}"), std::string("[]"), std::string("3"),
+                                    std::string(500'000, '[') + std::string(500'000, ']')})
+        EXPECT_EQ(parsed<UnknownMessage>(text).type, "");
 }
 
 TEST(LogText, SecretMembersAreMaskedInPlace) {
@@ -121,7 +120,7 @@ TEST(LogText, SecretMembersAreMaskedInPlace) {
 }
 
 TEST(LogText, NothingFromOutsideForgesALine) {
-    EXPECT_EQ(loggable("a\r\nb\x1b[2J\x7f"), "ab[2J");
+    EXPECT_EQ(loggable("a\r\nb\x1b[2J\x7f"), "a b[2J");
     EXPECT_EQ(loggable("t0ken and t0ken", 100, "t0ken"), "***** and *****");
     EXPECT_EQ(loggable("xxxt0ken", 6, "t0ken"), "xxx***");
     EXPECT_EQ(loggable("ab\xD1\x8F", 3), "ab");  // no half characters
