@@ -21,6 +21,8 @@ bool require_host(SSL* session, std::string host) {
     if (is_address(host)) {
         return X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(session), host.c_str()) == 1;
     }
+    // The dot that makes a name absolute is for the resolver; no certificate carries it.
+    if (host.ends_with('.')) host.pop_back();
     SSL_set_hostflags(session, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
     // The macro SSL_set_tlsext_host_name spelled out, without its C cast.
     return SSL_set1_host(session, host.c_str()) == 1 &&
