@@ -122,7 +122,7 @@ void SaasConnector::run_loop() {
     ::pthread_setname_np(::pthread_self(), "ox-saas");
     block_sigpipe();
     while (running_) {
-        OX_INFO("SaasConnector: connecting to %s:%u%s", safe(config_.host).c_str(),
+        OX_INFO("SaasConnector: connecting to %s:%u%s", loggable(config_.host).c_str(),
                 unsigned{config_.port}, config_.tls ? " (wss)" : " (ws)");
         bool handshaken = false;
         try {
@@ -170,8 +170,8 @@ bool SaasConnector::connect_and_run() {
     }
     send_register();
     resend_cached();
-    serve(link);
-    send_queued(link);
+    const bool usable = serve(link);
+    if (send_queued(link) && usable) link.say_goodbye();
     close_code_ = link.close_code();
     close_reason_ = link.close_reason();
     return true;
@@ -197,10 +197,11 @@ void SaasConnector::resend_cached() {
     }
 }
 
-void SaasConnector::serve(WsLink& link) {
+/// False when the connection has to end, true when only the agent does.
+bool SaasConnector::serve(WsLink& link) {
     auto heartbeat_at = SteadyClock::now();
     while (running_) {
-        if (!send_queued(link)) return;
+        if (!send_queued(link)) return false;
         const auto now = SteadyClock::now();
         if (now - heartbeat_at > timing_.heartbeat) {
             do_heartbeat();
@@ -212,23 +213,24 @@ void SaasConnector::serve(WsLink& link) {
                 "SaasConnector: nothing received for %lld ms although the backend pings - closing "
                 "to reconnect",
                 static_cast<long long>(std::chrono::floor<milliseconds>(silent).count()));
-            return;
+            return false;
         }
         if (link.frame_stalled()) {
             OX_WARN("SaasConnector: the rest of a frame did not come - closing");
-            return;
+            return false;
         }
         switch (link.wait(time_to_next_duty(link, heartbeat_at), queue_.wake_fd())) {
             case Transport::Wait::Ready:
-                if (!receive(link)) return;
+                if (!receive(link)) return false;
                 break;
             case Transport::Wait::TimedOut:
             case Transport::Wait::Woken:
                 break;
             case Transport::Wait::Broken:
-                return;
+                return false;
         }
     }
+    return true;
 }
 
 milliseconds SaasConnector::time_to_next_duty(const WsLink& link,
@@ -273,7 +275,7 @@ void SaasConnector::send_register() {
     send_json(register_message(config_));
     const SystemInfo& pc = config_.system_info;
     OX_INFO("SaasConnector: sent register (gpu=%s vram=%uMB port_base=%u)",
-            safe(pc.gpu_model).c_str(), pc.gpu_vram_mb, unsigned{config_.port_base});
+            loggable(pc.gpu_model).c_str(), pc.gpu_vram_mb, unsigned{config_.port_base});
 }
 
 void SaasConnector::do_heartbeat() {

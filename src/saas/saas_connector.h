@@ -85,7 +85,7 @@ class SaasConnector {
     std::chrono::milliseconds after_connection(bool handshaken);
     bool connect_and_run();
     void mark_connected();
-    void serve(WsLink& link);
+    bool serve(WsLink& link);
     bool send_queued(WsLink& link);
     bool receive(WsLink& link);
     std::chrono::milliseconds time_to_next_duty(const WsLink& link,

@@ -86,6 +86,7 @@ bool WsLink::read_available() {
     if (count > 0) {
         decoder_.feed(std::span(buffer).first(static_cast<size_t>(count)));
         unexamined_ = true;
+        frame_waited_ = {};
     }
     return count != 0;
 }
@@ -116,6 +117,21 @@ WsLink::Receive WsLink::ws_recv_message(std::string& message) {
             case WsAssembler::Step::Drop:
                 return Receive::Drop;
         }
+    }
+}
+
+void WsLink::say_goodbye() {
+    constexpr std::string_view kGoingAway = "\x03\xE9";  // 1001, big-endian
+    if (!ws_send_frame(kGoingAway, WsOpcode::Close)) return;
+    const auto deadline = SteadyClock::now() + limits_.goodbye;
+    for (WsFrame frame;;) {
+        while (decoder_.next(frame) == WsFrameDecoder::Result::Frame) {
+            if (frame.opcode == static_cast<uint8_t>(WsOpcode::Close)) return;
+        }
+        unexamined_ = false;
+        const auto left = std::chrono::ceil<milliseconds>(deadline - SteadyClock::now());
+        if (left <= milliseconds(0)) return;
+        if (transport_.wait_readable(left) != Transport::Wait::Ready || !read_available()) return;
     }
 }
 

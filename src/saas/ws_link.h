@@ -12,7 +12,8 @@
 namespace ox {
 
 /// The WebSocket on top of one open transport, client side (RFC 6455), as far as the backend uses
-/// it: no extensions, no subprotocols, no close frame in reply to one. The connector's worker owns
+/// it: no extensions, no subprotocols. A close frame of the backend gets none in reply; the agent's
+/// own goes out when it stops. The connector's worker owns
 /// it and alone calls it.
 class WsLink {
   public:
@@ -20,7 +21,8 @@ class WsLink {
 
     struct Limits {
         Milliseconds upgrade{15'000};    ///< until the answer's head is complete
-        Milliseconds frame_rest{5'000};  ///< waited in all for the rest of a frame that has begun
+        Milliseconds frame_rest{5'000};  ///< without a further byte of a frame that has begun
+        Milliseconds goodbye{200};       ///< for the backend's answer to our close frame
     };
 
     enum class Receive {
@@ -48,7 +50,11 @@ class WsLink {
     /// Takes the next message out of what has been read; answers pings on the way.
     Receive ws_recv_message(std::string& message);
 
-    /// A frame has begun and its rest has been waited for longer than allowed.
+    /// Tells the backend that the agent goes away, and gives it a moment to answer or to end the
+    /// connection: a socket that is closed with unread bytes takes what was sent last with it.
+    void say_goodbye();
+
+    /// A frame has begun and nothing more of it has come for longer than allowed.
     [[nodiscard]] bool frame_stalled() const;
 
     [[nodiscard]] SteadyClock::time_point last_frame_at() const noexcept { return last_frame_at_; }
