@@ -89,7 +89,7 @@ void run_platform(const Options& options, const PlatformEndpoint& endpoint,
         [&](const std::string& session_id, const std::string& reason) {
             OX_WARN("SaaS terminate_session %s (%s)", loggable(session_id).c_str(),
                     loggable(reason).c_str());
-            handover.request_terminate();
+            handover.request_terminate(session_id);
         });
     connector.start();
     OX_INFO("SaaS mode: waiting for prepare_session...");

@@ -21,11 +21,14 @@ void SessionHandover::offer(const PrepareSessionParams& params) {
     const std::lock_guard lock(mutex_);
     if (pending_) wipe_key(*pending_);
     pending_ = params;
+    pending_terminated_ = false;
     terminate_.exchange(false);
     changed_.notify_all();
 }
 
-void SessionHandover::request_terminate() {
+void SessionHandover::request_terminate(const std::string& session_id) {
+    const std::lock_guard lock(mutex_);
+    if (pending_ && (!running_ || pending_->session_id == session_id)) pending_terminated_ = true;
     terminate_.exchange(true);
     changed_.notify_all();
 }
@@ -36,10 +39,13 @@ std::optional<PrepareSessionParams> SessionHandover::take(std::chrono::milliseco
     constexpr std::chrono::milliseconds kSlice{100};
     const auto deadline = SteadyClock::now() + limit;
     std::unique_lock lock(mutex_);
+    // A wish to terminate that came after a newer session was prepared has been for the one before.
+    if (std::exchange(running_, false) && !pending_terminated_) terminate_.exchange(false);
     while (!pending_ && !stop() && SteadyClock::now() < deadline) {
         changed_.wait_until(lock, std::min(deadline, SteadyClock::now() + kSlice));
     }
     if (!pending_ || stop()) return std::nullopt;
+    running_ = true;
     return std::exchange(pending_, std::nullopt);
 }
 

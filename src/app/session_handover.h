@@ -6,6 +6,7 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <string>
 
 #include "saas/platform_messages.h"
 
@@ -24,14 +25,17 @@ class SessionHandover {
     /// session before.
     void offer(const PrepareSessionParams& params);
 
-    /// Asks the running session to end, and wakes the waiting thread.
-    void request_terminate();
+    /// Asks the session that was taken last to end, and wakes the waiting thread. The one in the
+    /// slot follows all the same, unless it is the one that `session_id` names or none was taken
+    /// before it.
+    void request_terminate(const std::string& session_id);
 
     /// Set while the running session is to end.
     [[nodiscard]] const std::atomic<bool>& terminate_requested() const { return terminate_; }
 
     /// Takes what is in the slot, waiting for it until `limit` has passed or `stop`, asked every
-    /// 100 ms, returns true. Nothing when neither came.
+    /// 100 ms, returns true. Nothing when neither came. The call says that the session before has
+    /// ended.
     std::optional<PrepareSessionParams> take(std::chrono::milliseconds limit,
                                              const std::function<bool()>& stop);
 
@@ -39,6 +43,8 @@ class SessionHandover {
     std::mutex mutex_;
     std::condition_variable changed_;
     std::optional<PrepareSessionParams> pending_;  ///< guarded by mutex_
+    bool running_ = false;                         ///< guarded by mutex_; what was taken last
+    bool pending_terminated_ = false;              ///< guarded by mutex_
     std::atomic<bool> terminate_{false};
 };
 

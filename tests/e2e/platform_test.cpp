@@ -132,15 +132,22 @@ TEST_F(PlatformTest, OnlyTheNewestPreparedSessionFollowsAndItsWaitCanBeEnded) {
     prepare("s2");
     prepare("s3");
     ASSERT_TRUE(agent_->wait_for_log("prepare_session id=s3"));
-    player_->say("end_session");
-    expect_ended("s1", "client_end_session");
+    // To end the session before is not to end the one that waits for its place.
+    peer_->send_text(R"({"type":"terminate_session","session_id":"s1"})");
+    expect_ended("s1", "saas_terminated");
     ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", 2));
-    peer_->send_text(R"({"type":"terminate_session","session_id":"s3"})");
-    expect_ended("s3", "handshake_failed:SESSION_ABORTED");
+    player_.emplace(*agent_);
+    EXPECT_EQ(next("session_ready")["session_id"], "s3");
+    player_->say("end_session");
+    expect_ended("s3", "client_end_session");
     prepare("s4");
     ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", 3));
-    agent_->process().signal(SIGTERM);
+    peer_->send_text(R"({"type":"terminate_session","session_id":"s4"})");
     expect_ended("s4", "handshake_failed:SESSION_ABORTED");
+    prepare("s5");
+    ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", 4));
+    agent_->process().signal(SIGTERM);
+    expect_ended("s5", "handshake_failed:SESSION_ABORTED");
     EXPECT_EQ(agent_->process().wait(kPatience), 0);
 }
 
