@@ -68,8 +68,10 @@ void set_capture(Parse& parse, const char* value) {
 }
 
 void set_reconnect_grace(Parse& parse, const char* value) {
+    // Narrowed first, "for ever" in big numbers would become "off".
+    const long seconds = std::strtol(value, nullptr, 10);
     parse.request.options.reconnect_grace_s =
-        static_cast<uint32_t>(std::max<int32_t>(to_number(value), 0));
+        static_cast<uint32_t>(std::clamp<long>(seconds, 0, INT32_MAX));
 }
 
 constexpr std::array kFlagOptions{

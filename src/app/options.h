@@ -22,7 +22,7 @@ struct Options {
     VideoCodec codec = VideoCodec::H264;
     int32_t bitrate_kbps = 15000;
     int32_t fps = 60;
-    uint32_t reconnect_grace_s = 60;  ///< 0: off
+    uint32_t reconnect_grace_s = 60;  ///< 0: off; fits an int32_t
     int32_t width = 1920;
     int32_t height = 1080;
     bool audio = false;

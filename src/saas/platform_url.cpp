@@ -15,18 +15,19 @@ std::variant<PlatformEndpoint, std::string> parse_platform_url(std::string_view 
     std::string_view authority = url.substr(endpoint.tls ? kTls.size() : kPlain.size());
     authority = authority.substr(0, authority.find('/'));
 
-    long port = endpoint.tls ? 443 : 80;
+    // Like every number of the command line, the port has no range check: its low 16 bits count.
+    endpoint.port = endpoint.tls ? 443 : 80;
     size_t host_end = authority.size();
     const size_t colon = authority.rfind(':');
     if (colon != authority.npos && authority.find(']') == authority.npos) {
         host_end = colon;
-        port = std::strtol(std::string(authority.substr(colon + 1)).c_str(), nullptr, 10);
+        const std::string digits(authority.substr(colon + 1));
+        endpoint.port = static_cast<uint16_t>(std::strtol(digits.c_str(), nullptr, 10));
     }
-    if (host_end == 0 || port <= 0 || port > UINT16_MAX) {
+    if (host_end == 0 || endpoint.port == 0) {
         return "--saas-url '" + std::string(url) + "': bad host/port";
     }
     endpoint.host = authority.substr(0, host_end);
-    endpoint.port = static_cast<uint16_t>(port);
     return endpoint;
 }
 

@@ -48,6 +48,7 @@ TEST(Options, LaterArgumentsWinAndNumbersAreReadLeniently) {
     EXPECT_FALSE(o.audio_parity || o.media_rfi || o.audio);
     EXPECT_EQ((std::vector{o.fps, o.port_base, o.width}), (std::vector{144, 0, -3}));
     EXPECT_EQ(o.reconnect_grace_s, 0U);
+    EXPECT_EQ(options_of("--reconnect-grace 4294967295").reconnect_grace_s, 2147483647U);
     EXPECT_EQ(o.encoder, EncoderBackend::Software);
     EXPECT_EQ(o.codec, VideoCodec::H264);
 }

@@ -136,6 +136,7 @@ TEST(PlatformUrl, SplitsAndTellsABadSchemeFromABadAuthority) {
         {"ws://", "--saas-url 'ws://': bad host/port"},
         {"ws://host:0", "--saas-url 'ws://host:0': bad host/port"},
         {"ws://host:abc", "--saas-url 'ws://host:abc': bad host/port"},
+        {"ws://host:65617", "host 81"},
         {"ws://host:65536", "--saas-url 'ws://host:65536': bad host/port"},
     };
     for (const auto& [url, expected] : rows) {
