@@ -53,12 +53,10 @@ size_t format_prefix(char* out, const char* level_name) noexcept {
         kPrefixSize);
 }
 
-bool write_line(std::FILE* to, const char* line, size_t length) noexcept {
+void write_line(std::FILE* to, const char* line, size_t length) noexcept {
     const bool taken = std::fwrite(line, 1, length, to) == length;
     const bool flushed = std::fflush(to) == 0;
-    if (taken && flushed) return true;
-    std::clearerr(to);
-    return false;
+    if (!taken || !flushed) std::clearerr(to);
 }
 
 // Renaming a device (/dev/null, /dev/full) or a pipe that was given as log file would take it away
@@ -107,8 +105,9 @@ void write_to_sinks(const char* line, size_t length) noexcept {
     if (sinks.file == nullptr) return;
     rotate_if_due(sinks);
     if (sinks.file == nullptr) return;
-    // Lines that a full disk refused must not count, or they would rotate the kept ones away.
-    if (write_line(sinks.file, line, length)) sinks.bytes += static_cast<int64_t>(length);
+    write_line(sinks.file, line, length);
+    // Lines that a full disk refused count, too: the rotation that they lead to makes room again.
+    sinks.bytes += static_cast<int64_t>(length);
 }
 
 }  // namespace

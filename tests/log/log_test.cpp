@@ -106,12 +106,12 @@ TEST_F(Log, RedirectedStderrFollowsTheRotation) {
     EXPECT_EQ(text(1), "");
 }
 
-TEST_F(Log, LinesThatAFullDiskRefusesDoNotCountTowardsTheRotation) {
+TEST_F(Log, LinesThatAFullDiskRefusesCountButRotateNoDevice) {
     fs::create_symlink("/dev/full", dir_.file("full.log"));
     open(dir_.file("full.log"));
     const int64_t before = log_sinks().bytes;
     OX_INFO("lost");
-    EXPECT_EQ(log_sinks().bytes, before);
+    EXPECT_GT(log_sinks().bytes, before);
     log_sinks().bytes = kLimit + 1;
     OX_INFO("lost too");
     EXPECT_TRUE(fs::is_symlink(dir_.file("full.log"))) << "a device is not rotated away";
