@@ -30,22 +30,14 @@ std::string AudioCapture::default_monitor() {
 bool AudioCapture::start(int sample_rate, int channels, const std::string& source, int latency_ms) {
     stop();
     if (sample_rate < 1 || channels < 1) return false;
+    stopping_ = false;
     source_ = source.empty() ? default_monitor() : source;
     const std::string latency = "--latency-msec=" + std::to_string(latency_ms);
     std::vector<std::string> argv{"parec"};
     if (!source_.empty()) argv.insert(argv.end(), {"--device", source_});
     argv.insert(argv.end(), {"--format=s16le", "--rate", std::to_string(sample_rate), "--channels",
                              std::to_string(channels), latency, "--raw"});
-    switch (child_.start(argv, sound_server_environment())) {
-        case PipedChild::Started::Ok:
-            break;
-        case PipedChild::Started::NoPipe:
-            OX_ERROR("AudioCapture: pipe() failed: %s", std::strerror(errno));
-            return false;
-        case PipedChild::Started::NoFork:
-            OX_ERROR("AudioCapture: fork() failed: %s", std::strerror(errno));
-            return false;
-    }
+    if (!start_recorder(argv)) return false;
     channels_ = channels;
     OX_INFO("AudioCapture: parec started (source=%s, %dHz, %dch, %s, pid=%d)",
             source_.empty() ? "default" : source_.c_str(), sample_rate, channels, latency.c_str(),
@@ -53,7 +45,27 @@ bool AudioCapture::start(int sample_rate, int channels, const std::string& sourc
     return true;
 }
 
+bool AudioCapture::start_recorder(const std::vector<std::string>& argv) {
+    const std::lock_guard lock(child_mutex_);
+    switch (child_.start(argv, sound_server_environment())) {
+        case PipedChild::Started::Ok:
+            return true;
+        case PipedChild::Started::NoPipe:
+            OX_ERROR("AudioCapture: pipe() failed: %s", std::strerror(errno));
+            return false;
+        case PipedChild::Started::NoFork:
+            OX_ERROR("AudioCapture: fork() failed: %s", std::strerror(errno));
+            return false;
+    }
+    return false;
+}
+
 bool AudioCapture::wait_readable(std::chrono::milliseconds limit) const {
+    const std::lock_guard lock(child_mutex_);
+    return wait_for_input(limit);
+}
+
+bool AudioCapture::wait_for_input(std::chrono::milliseconds limit) const {
     const auto deadline = SteadyClock::now() + limit;
     while (!stopping_) {
         const auto left =
@@ -68,6 +80,7 @@ bool AudioCapture::wait_readable(std::chrono::milliseconds limit) const {
 }
 
 bool AudioCapture::read(std::vector<int16_t>& samples, size_t frames) {
+    const std::lock_guard lock(child_mutex_);
     if (!child_.is_open() || frames == 0) return false;
     samples.resize(frames * static_cast<size_t>(channels_));
     // The samples are the machine's own 16-bit integers: little-endian, as parec was asked for.
@@ -82,7 +95,7 @@ bool AudioCapture::fill(uint8_t* bytes, size_t wanted) {
     size_t have = 0;
     while (have < wanted) {
         if (stopping_) return false;
-        if (!wait_readable(kSlice)) continue;
+        if (!wait_for_input(kSlice)) continue;
         const ssize_t length = ::read(child_.output(), bytes + have, wanted - have);
         if (length > 0) {
             have += static_cast<size_t>(length);
@@ -94,7 +107,7 @@ bool AudioCapture::fill(uint8_t* bytes, size_t wanted) {
         } else if (!stopping_) {
             OX_WARN("AudioCapture: parec closed the pipe after %zu/%zu bytes", have, wanted);
         }
-        stop();
+        child_.stop();
         return false;
     }
     return true;
@@ -110,6 +123,8 @@ void AudioCapture::note_energy(const int16_t* samples, size_t count) {
 }
 
 void AudioCapture::stop() {
+    stopping_ = true;  // a reader lets go of the child
+    const std::lock_guard lock(child_mutex_);
     child_.stop();
 }
 

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -12,14 +13,14 @@
 namespace ox {
 
 /// Records what the PC plays: `parec` on the monitor of the default output, as interleaved 16-bit
-/// PCM through a pipe. Used by one thread, but for `request_stop` and the counters.
+/// PCM through a pipe. Used by one thread, but for `stop`, `request_stop` and the counters.
 class AudioCapture {
   public:
     /// Name of the monitor of the default output, or empty when there is none to be found.
     static std::string default_monitor();
 
     /// Starts recording from `source` (empty: the default output's monitor, or parec's own choice
-    /// when that is not known). False when there is nothing to start.
+    /// when that is not known), ending an earlier recording. False when there is nothing to start.
     bool start(int sample_rate, int channels, const std::string& source, int latency_ms);
 
     /// True when there is something to read within `limit`; false at the limit and after
@@ -33,12 +34,12 @@ class AudioCapture {
     /// The loudness meter: one buffer of `count` samples. `read` calls it.
     void note_energy(const int16_t* samples, size_t count);
 
-    /// Ends a blocked `read` soon, and every later one until `clear_stop`. Any thread; nothing is
-    /// closed.
+    /// Ends a blocked `read` soon, and every later one until the next `start`. Any thread; nothing
+    /// is closed.
     void request_stop() { stopping_ = true; }
-    void clear_stop() { stopping_ = false; }
 
-    /// Ends the recording. Only when no other thread is reading. Safe to call twice.
+    /// Ends a blocked `read`, without a complaint, and the recording. Any thread. Safe to call
+    /// twice.
     void stop();
 
     [[nodiscard]] const std::string& source() const { return source_; }
@@ -47,9 +48,12 @@ class AudioCapture {
     [[nodiscard]] uint64_t audible_frames() const { return audible_frames_; }
 
   private:
+    bool start_recorder(const std::vector<std::string>& argv);
+    bool wait_for_input(std::chrono::milliseconds limit) const;
     bool fill(uint8_t* bytes, size_t wanted);
 
-    PipedChild child_;
+    mutable std::mutex child_mutex_;
+    PipedChild child_;  ///< guarded by child_mutex_, which a reader holds while it waits
     int channels_ = 0;
     std::string source_;
     std::atomic<bool> stopping_{false};

@@ -56,7 +56,6 @@ bool AudioStream::start(UdpSender& sender, const uint8_t* key, size_t key_length
         OX_ERROR("AudioStream: encoder init failed");
         return false;
     }
-    capture_.clear_stop();
     if (!capture_.start(sample_rate, channels, source_, AudioEncoder::kFrameMs)) {
         OX_ERROR("AudioStream: capture start failed (is PulseAudio running?)");
         encoder_.shutdown();
@@ -96,12 +95,14 @@ void AudioStream::loop(const std::stop_token& stop) {
     reported_frames_ = capture_.frames_read();
     reported_audible_ = capture_.audible_frames();
     moved_ = false;
+    followed_sink_.clear();
     next_reopen_ = {};
     live_edge_.reset();
     watch_.watch(capture_.pid());
+    find_recording(stop);
     while (!stop.stop_requested() && handle_buffer(stop))
         report();
-    block_.reset();
+    reset_parity_block();
     running_ = false;
     OX_INFO(
         "AudioStream: thread exit (sent=%llu, errors=%llu, parity=%llu, parity symbols=%llu, "
@@ -110,10 +111,21 @@ void AudioStream::loop(const std::stop_token& stop) {
         count(skipped_blocks_), count(parity_errors_));
 }
 
+/// Waits for the watch to find the recording, so that its first sound is not taken for unknown.
+void AudioStream::find_recording(const std::stop_token& stop) {
+    constexpr std::chrono::milliseconds kPause{1};
+    const auto deadline = SteadyClock::now() + kReopenPause;
+    while (watch_.poll() == RecordingWatch::Verdict::Unknown && !stop.stop_requested() &&
+           SteadyClock::now() < deadline) {
+        sleep_until_steady(SteadyClock::now() + kPause);
+    }
+}
+
 bool AudioStream::handle_buffer(const std::stop_token& stop) {
     const auto before = SteadyClock::now();
     // A recording that delivers nothing may still be moved.
     if (!capture_.wait_readable(kIdleSlice)) {
+        live_edge_.reset();
         recording_is_safe(stop);
         return true;
     }
@@ -135,8 +147,11 @@ bool AudioStream::recording_is_safe(const std::stop_token& stop) {
     switch (watch_.poll()) {
         case RecordingWatch::Verdict::Unknown:
             return false;
+        case RecordingWatch::Verdict::Unwatched:
+            return true;
         case RecordingWatch::Verdict::OnMonitor:
             moved_ = false;
+            followed_sink_.clear();
             return true;
         case RecordingWatch::Verdict::Elsewhere:
             if (!moved_) {
@@ -145,10 +160,14 @@ bool AudioStream::recording_is_safe(const std::stop_token& stop) {
                     "dropped, opening the present output");
             }
             moved_ = true;
-            return reopen_capture(stop);
+            reopen_capture(stop);
+            return false;
         case RecordingWatch::Verdict::DefaultChanged:
-            // A source that was asked for by name is kept.
-            return source_.empty() ? reopen_capture(stop) : true;
+            // A source that was asked for by name is kept, and so is one that the server prefers.
+            if (!source_.empty() || followed_sink_ == watch_.default_sink()) return true;
+            if (!reopen_capture(stop)) return true;
+            followed_sink_ = watch_.default_sink();
+            return false;
     }
     return false;
 }
@@ -160,11 +179,10 @@ bool AudioStream::reopen_capture(const std::stop_token& stop) {
     // Without an output there is nothing to record, and parec's own choice may be a microphone.
     const std::string source = source_.empty() ? AudioCapture::default_monitor() : source_;
     if (source.empty()) return false;
-    if (capture_.start(sample_rate_, channels_, source, AudioEncoder::kFrameMs)) {
-        live_edge_.reset();
-        watch_.watch(capture_.pid());
-    }
-    return false;
+    if (!capture_.start(sample_rate_, channels_, source, AudioEncoder::kFrameMs)) return false;
+    live_edge_.reset();
+    watch_.watch(capture_.pid());
+    return true;
 }
 
 void AudioStream::send_frame() {
@@ -202,20 +220,20 @@ bool AudioStream::seal_and_send() {
 
 void AudioStream::finish_block() {
     if (block_.fits()) {
-        send_parity_block();
+        send_parity_block(block_.base());
     } else {
         ++skipped_blocks_;
     }
 }
 
-void AudioStream::send_parity_block() {
+void AudioStream::send_parity_block(uint32_t base) {
     if (block_.encode(shards_) != audioparity::Guard::kOk) {
         ++parity_errors_;
         return;
     }
     bool any_sent = false;
     for (size_t i = 0; i < audioparity::kRepairs; ++i) {
-        packet_.header = audio_repair_header(block_.base(), i, block_.last_timestamp());
+        packet_.header = audio_repair_header(base, i, block_.last_timestamp());
         packet_.payload.assign({shards_.bytes[i].data(), shards_.lengths[i]});
         if (seal_and_send()) {
             ++parity_symbols_;

@@ -19,9 +19,10 @@ namespace ox {
 
 class UdpSender;
 
-/// The sound of one session: a thread that records, encodes, seals and sends 5 ms frames. Only what
-/// comes from an output's monitor is ever sent. The owner starts and stops it; a new start goes on
-/// with the sequence numbers of the last one, so that no nonce comes twice under one key.
+/// The sound of one session: a thread that records, encodes, seals and sends 5 ms frames. What is
+/// known to come from anything but an output's monitor is never sent. The owner starts and stops
+/// it; a new start goes on with the sequence numbers of the last one, so that no nonce comes twice
+/// under one key.
 class AudioStream {
   public:
     AudioStream() = default;
@@ -48,13 +49,15 @@ class AudioStream {
   private:
     bool check_start(const UdpSender& sender, const uint8_t* key, size_t key_length);
     void loop(const std::stop_token& stop);
+    void find_recording(const std::stop_token& stop);
     bool handle_buffer(const std::stop_token& stop);
     bool recording_is_safe(const std::stop_token& stop);
     bool reopen_capture(const std::stop_token& stop);
     void send_frame();
     bool send_data_packet(uint32_t sequence, uint64_t timestamp);
     void finish_block();
-    void send_parity_block();
+    void send_parity_block(uint32_t base);
+    void reset_parity_block() { block_.reset(); }
     bool seal_and_send();
     void report();
     [[nodiscard]] const char* source_name() const;
@@ -83,7 +86,8 @@ class AudioStream {
     SteadyClock::time_point next_reopen_{};
     uint64_t reported_frames_ = 0;
     uint64_t reported_audible_ = 0;
-    bool moved_ = false;  ///< the recording is off the monitor, and a warning has said so
+    bool moved_ = false;         ///< the recording is off the monitor, and a warning has said so
+    std::string followed_sink_;  ///< default output for which the recording was started anew
 
     std::atomic<uint64_t> sent_{0};
     std::atomic<uint64_t> silent_intervals_{0};

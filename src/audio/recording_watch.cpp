@@ -26,25 +26,37 @@ class RecordingWatch::Server {
   public:
     void watch(pid_t pid) {
         pid_ = std::to_string(pid);
+        watched_since_ = SteadyClock::now();
+        found_ = false;
         output_index_.reset();
         new_round();
     }
 
     Verdict poll() {
-        if (!connected_or_connecting()) return Verdict::Unknown;
+        if (!connected_or_connecting()) return unreachable();
         int events = 0;
         do {
             events = ::pa_mainloop_iterate(loop_.get(), 0, nullptr);
         } while (events > 0);
         if (events < 0 || !PA_CONTEXT_IS_GOOD(::pa_context_get_state(context_.get()))) {
             disconnect();
-            return Verdict::Unknown;
+            return unreachable();
         }
         return verdict();
     }
 
+    [[nodiscard]] const std::string& default_sink() const { return default_sink_; }
+
   private:
+    /// What a server has known may have been moved since.
+    [[nodiscard]] Verdict unreachable() const {
+        return found_ ? Verdict::Unknown : Verdict::Unwatched;
+    }
+
     [[nodiscard]] Verdict verdict() const {
+        // A recorder takes its time to connect, and so do we.
+        constexpr std::chrono::milliseconds kAppears{250};
+        if (!found_ && SteadyClock::now() - watched_since_ > kAppears) return Verdict::Unwatched;
         if (!source_known_) return Verdict::Unknown;
         if (monitored_sink_.empty()) return Verdict::Elsewhere;
         const bool other_default = !default_sink_.empty() && default_sink_ != monitored_sink_;
@@ -129,6 +141,7 @@ class RecordingWatch::Server {
         if (end != 0 || info == nullptr || server->asked_round_ != server->round_) return;
         const char* pid = ::pa_proplist_gets(info->proplist, PA_PROP_APPLICATION_PROCESS_ID);
         if (pid == nullptr || server->pid_ != pid) return;
+        server->found_ = true;
         server->output_index_ = info->index;
         server->source_round_ = server->round_;
         started(
@@ -148,7 +161,9 @@ class RecordingWatch::Server {
     PulseContextPtr context_;  // goes before its loop
     SteadyClock::time_point last_try_{};
 
-    std::string pid_;                       ///< the recording process
+    std::string pid_;  ///< the recording process
+    SteadyClock::time_point watched_since_{};
+    bool found_ = false;                    ///< a server has known its recording
     std::optional<uint32_t> output_index_;  ///< its stream at the server, once known
     uint64_t round_ = 0;
     uint64_t asked_round_ = 0;   ///< round of the last question for the streams
@@ -166,6 +181,9 @@ void RecordingWatch::watch(pid_t pid) {
 }
 RecordingWatch::Verdict RecordingWatch::poll() {
     return server_->poll();
+}
+const std::string& RecordingWatch::default_sink() const {
+    return server_->default_sink();
 }
 
 }  // namespace ox

@@ -9,7 +9,8 @@ namespace ox {
 
 /// Watches, from outside, what a recording process is attached to at the sound server. When an
 /// output disappears, the server moves its recordings to another source, which may be a microphone;
-/// nothing of that may be sent.
+/// nothing of that may be sent. A recording that no server knows, of a server out of reach or by a
+/// recorder that hides behind another process, is nobody's to watch.
 ///
 /// The server tells of a move before it delivers the first sound from the new source. So a buffer
 /// may go out if, after it was read, `poll` has taken in everything the server had to say and still
@@ -18,6 +19,7 @@ class RecordingWatch {
   public:
     enum class Verdict {
         Unknown,         ///< not known (yet, or again): send nothing
+        Unwatched,       ///< no server answers, or none knows this recording
         OnMonitor,       ///< records an output's monitor
         Elsewhere,       ///< records something that is no monitor
         DefaultChanged,  ///< records a monitor, but the default output is another one now
@@ -33,6 +35,9 @@ class RecordingWatch {
 
     /// Takes in what the server has said since, without waiting for more.
     Verdict poll();
+
+    /// Output that the server calls the default one; empty until it is known.
+    [[nodiscard]] const std::string& default_sink() const;
 
   private:
     class Server;

@@ -78,9 +78,8 @@ TEST_F(AudioCaptureTest, AStopIsSeenSoonAlsoByAReaderOfAStubbornRecorder) {
         failed = !capture_.read(samples, 240);
     });
     const auto before = SteadyClock::now();
-    capture_.request_stop();
-    reader.join();
     capture_.stop();
+    reader.join();
     EXPECT_LT(SteadyClock::now() - before, seconds(3));
     EXPECT_TRUE(failed);
     EXPECT_EQ(log.text().find("WARN"), std::string::npos);

@@ -1,14 +1,18 @@
 #include "audio/audio_stream.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <cmath>
+#include <cstdlib>
+#include <fstream>
 #include <numbers>
 
 #include "launcher/audio_decoder.h"
 #include "launcher/audio_receiver.h"
 #include "launcher/media_socket.h"
+#include "support/environment.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/pulse_daemon.h"
@@ -50,7 +54,10 @@ class AudioStreamTest : public testing::Test {
         ASSERT_TRUE(sender_.open("127.0.0.1", socket_.port(), 0));
         ASSERT_TRUE(pulse_.play_tone("out", kTone));
     }
-    bool start() { return stream_.start(sender_, kKey.data(), kKey.size(), 48000, 2, 128000); }
+    bool start(AudioStream& stream) {
+        return stream.start(sender_, kKey.data(), kKey.size(), 48000, 2, 128000);
+    }
+    bool start() { return start(stream_); }
 
     /// Listens until 50 ms in a row carry `hertz` as it is played. Nowhere may `forbidden` be
     /// heard.
@@ -105,6 +112,21 @@ TEST_F(AudioStreamTest, AChangeOfTheDefaultOutputIsFollowed) {
     ASSERT_TRUE(hears(kTone, kOtherTone));
     ASSERT_TRUE(pulse_.pactl("set-default-sink spare"));
     EXPECT_TRUE(hears(kOtherTone, kNoTone));
+}
+
+TEST_F(AudioStreamTest, ARecorderThatNoServerKnowsIsBelievedFromItsFirstFrameOn) {
+    const test::TempDir folder;
+    std::ofstream(folder.file("parec")) << "#!/bin/sh\nhead -c 19200 /dev/zero\nexec sleep 60\n";
+    ::chmod(folder.file("parec").c_str(), 0755);
+    const test::Environment path("PATH", folder.path().string() + ":" + std::getenv("PATH"));
+    for (const auto& server : {std::optional<std::string>{}, {"unix:/nowhere"}}) {
+        const test::Environment address("PULSE_SERVER", server);
+        const uint64_t before = sender_.packets_sent();
+        AudioStream stream;
+        ASSERT_TRUE(start(stream));
+        EXPECT_TRUE(
+            test::eventually([&] { return sender_.packets_sent() == before + 20; }, seconds(10)));
+    }
 }
 
 }  // namespace
