@@ -200,8 +200,10 @@ void SaasConnector::resend_cached() {
 /// False when the connection has to end, true when only the agent does.
 bool SaasConnector::serve(WsLink& link) {
     auto heartbeat_at = SteadyClock::now();
-    while (running_) {
+    for (;;) {
         if (!send_queued(link)) return false;
+        // Asked behind the queue, whose look takes the wake of a stop with it.
+        if (!running_) return true;
         const auto now = SteadyClock::now();
         if (now - heartbeat_at > timing_.heartbeat) {
             do_heartbeat();
@@ -230,7 +232,6 @@ bool SaasConnector::serve(WsLink& link) {
                 return false;
         }
     }
-    return true;
 }
 
 milliseconds SaasConnector::time_to_next_duty(const WsLink& link,
