@@ -10,6 +10,7 @@ namespace ox {
 namespace {
 
 constexpr std::chrono::seconds kPause{10};
+constexpr std::chrono::milliseconds kSlow{200};
 constexpr std::chrono::milliseconds kSoundServerLimit{1000};
 
 std::string in_words(const Desktop& desktop) {
@@ -45,7 +46,9 @@ void DesktopNotice::look_now_and_then() {
 }
 
 void DesktopNotice::look() {
-    next_look_ = SteadyClock::now() + kPause;
+    const auto begin = SteadyClock::now();
+    if (begin < not_before_) return;
+    next_look_ = begin + kPause;
     std::string names;
     std::erase_if(missing_, [&](const Part& part) {
         const std::string found = part.find();
@@ -60,6 +63,8 @@ void DesktopNotice::look() {
         OX_WARN("Desktop: %s yet — looked for again at every session", names.c_str());
     }
     told_ = true;
+    // Nobody can connect meanwhile: servers that do not answer are not waited for at every session.
+    if (SteadyClock::now() - begin > kSlow) not_before_ = next_look_;
 }
 
 }  // namespace ox

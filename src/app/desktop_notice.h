@@ -17,7 +17,7 @@ class DesktopNotice {
     explicit DesktopNotice(const Options& options);
 
     /// Looks for what is missing still. Takes a few milliseconds, more only where servers do not
-    /// answer.
+    /// answer, and then does nothing for the next ten seconds.
     void look();
     /// The same, but at most once in ten seconds.
     void look_now_and_then();
@@ -31,6 +31,7 @@ class DesktopNotice {
     std::vector<Part> missing_;
     bool told_ = false;
     SteadyClock::time_point next_look_{};
+    SteadyClock::time_point not_before_{};
 };
 
 }  // namespace ox

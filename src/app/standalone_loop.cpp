@@ -18,7 +18,7 @@ namespace {
 /// Waits until a port that could not be had is free, quietly: the log says already that it is
 /// taken.
 void wait_for_port(uint16_t port) {
-    constexpr std::chrono::seconds kPause{1};
+    constexpr std::chrono::milliseconds kPause{250};
     // Another agent lets go of it for a moment between two of its sessions.
     constexpr int kLooksAfterBusy = 3;
     int looks_left = 1;
