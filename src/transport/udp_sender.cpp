@@ -38,10 +38,6 @@ const sockaddr* as_sockaddr(const sockaddr_in& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
-bool same_endpoint(const sockaddr_in& a, const sockaddr_in& b) {
-    return a.sin_addr.s_addr == b.sin_addr.s_addr && a.sin_port == b.sin_port;
-}
-
 const char* probe_name(ProbeKind kind) {
     return kind == ProbeKind::Legacy ? "legacy (1-byte)" : "hole-punch";
 }
@@ -138,43 +134,27 @@ void UdpSender::set_probe_token(const uint8_t* token, size_t length) {
 
 void UdpSender::start_probe_listener() {
     if (!is_open() || running_.exchange(true)) return;
-    start_listener();
-}
-
-void UdpSender::listen_for_next_probe() {
-    if (!is_open() || listening_) return;
-    running_ = true;
-    start_listener();
-}
-
-void UdpSender::start_listener() {
     OX_INFO("UdpSender: waiting for hole-punch probe on port %u...", local_port_);
     if (probe_thread_.joinable()) probe_thread_.join();
-    listening_ = true;
     try {
-        probe_thread_ = std::jthread([this, again = probe_received_.load()] { probe_loop(again); });
+        probe_thread_ = std::jthread([this] { probe_loop(); });
     } catch (const std::system_error& error) {
         OX_ERROR("UdpSender: probe listener not started: %s", error.what());
-        listening_ = false;
         running_ = false;
     }
 }
 
-void UdpSender::probe_loop(bool skip_backlog) {
+void UdpSender::probe_loop() {
     ::pthread_setname_np(::pthread_self(), "ox-probe");
     while (running_) {
         pollfd readable{.fd = socket_.get(), .events = POLLIN, .revents = 0};
-        const int ready = ::poll(&readable, 1, skip_backlog ? 0 : kPollMs);
-        if (ready < 0 && errno != EINTR) break;
-        if (ready == 0) skip_backlog = false;
-        if (ready > 0 && read_probe(skip_backlog)) return;
+        const int ready = ::poll(&readable, 1, kPollMs);
+        if (ready < 0 && errno != EINTR) return;
+        if (ready > 0 && read_probe()) return;
     }
-    listening_ = false;
 }
 
-// A launcher may send its probe several times. The copies that nobody read must not be taken for
-// the sign of a launcher that came back, or the listener would end before that one shows.
-bool UdpSender::read_probe(bool skip_backlog) {
+bool UdpSender::read_probe() {
     std::array<uint8_t, kProbeReadBytes> bytes{};
     sockaddr_in source{};
     socklen_t source_size = sizeof source;
@@ -188,7 +168,6 @@ bool UdpSender::read_probe(bool skip_backlog) {
                  ip_text(source).data(), ntohs(source.sin_port));
         return false;
     }
-    if (skip_backlog && same_endpoint(source, active_destination())) return false;
     lock_endpoint(source, kind);
     return true;
 }
@@ -201,7 +180,6 @@ void UdpSender::lock_endpoint(const sockaddr_in& source, ProbeKind kind) {
     OX_INFO("UdpSender: %s probe received from %s:%u — endpoint locked", probe_name(kind),
             ip_text(source).data(), ntohs(source.sin_port));
     const std::lock_guard lock(wait_mutex_);
-    listening_ = false;
     probe_received_ = true;
     wait_cv_.notify_all();
 }

@@ -39,14 +39,9 @@ class UdpSender {
     /// Asks probes to carry the first 8 bytes of `token`. Call before `start_probe_listener`.
     void set_probe_token(const uint8_t* token, size_t length);
 
-    /// Starts listening for the first valid probe. Does nothing while a listener is wanted already.
+    /// Starts listening for the first valid probe since `open`; later ones are never read. Does
+    /// nothing when it was called before.
     void start_probe_listener();
-
-    /// Listens for one more probe after an earlier one was taken, for a launcher that comes back
-    /// from elsewhere; the destination stays until that probe comes. A listener that still waits
-    /// for its first probe is left as it is. Probes of the current destination that came in between
-    /// and lie unread are passed over.
-    void listen_for_next_probe();
 
     /// Waits for the first probe since `open`: true when it came, false after `timeout_s`
     /// (negative: no limit, 0: at once), when `abort`, asked at least every 100 ms, returns true,
@@ -73,9 +68,8 @@ class UdpSender {
   private:
     bool bind_to(uint16_t port);
     void enlarge_send_buffer();
-    void start_listener();
-    void probe_loop(bool skip_backlog);
-    bool read_probe(bool skip_backlog);
+    void probe_loop();
+    bool read_probe();
     void lock_endpoint(const sockaddr_in& source, ProbeKind kind);
     [[nodiscard]] sockaddr_in active_destination() const;
     void pace(size_t length);
@@ -89,7 +83,6 @@ class UdpSender {
 
     std::optional<ProbeToken> probe_token_;  ///< set before the listener starts
     std::atomic<bool> running_{false};       ///< a probe listener is wanted
-    std::atomic<bool> listening_{false};     ///< a probe listener waits for its probe
     std::mutex wait_mutex_;                  ///< held to change the next two
     std::atomic<bool> probe_received_{false};
     std::atomic<bool> closed_{true};

@@ -41,7 +41,6 @@ void SessionAudio::start(const std::vector<uint8_t>& key) {
 void SessionAudio::resume(const std::vector<uint8_t>& key) {
     stream_.stop();
     if (!options_.audio || !sender_.is_open() || key.size() != Encryption::kKeyBytes) return;
-    sender_.listen_for_next_probe();
     start_stream(key);
 }
 

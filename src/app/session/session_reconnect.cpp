@@ -57,7 +57,6 @@ std::string Session::resume_with_new_keys() {
         OX_ERROR("Session: cannot install new video key after reconnect");
         return "reconnect_key_error";
     }
-    video_.sender().listen_for_next_probe();
     audio_.resume(control_.keys.audio_key);
     input_.stop();
     start_input();
