@@ -41,7 +41,8 @@ PendingRequest::State PendingRequest::take_reply(DBusMessage& reply) {
 }
 
 bool PendingRequest::is_ours(DBusMessage& signal) const {
-    return text_or_empty(dbus_message_get_path(&signal)) == handle_ &&
+    const std::string path = text_or_empty(dbus_message_get_path(&signal));
+    return (path == handle_ || path == expected_path_) &&
            text_or_empty(dbus_message_get_sender(&signal)) == portal_;
 }
 

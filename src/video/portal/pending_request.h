@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <utility>
 
 #include "video/portal/portal_messages.h"
 
@@ -19,8 +20,11 @@ class PendingRequest {
         Refused,   ///< the call failed or made no request; `error()` tells why
     };
 
-    /// `serial` is that of the call as it was sent.
-    explicit PendingRequest(uint32_t serial) : serial_(serial) {}
+    /// `serial` is that of the call as it was sent, `expected_path` where its handle token puts the
+    /// request. A Response counts there as well as at the path that the reply names, should an old
+    /// portal have chosen another.
+    PendingRequest(uint32_t serial, std::string expected_path)
+        : serial_(serial), expected_path_(std::move(expected_path)) {}
 
     State take(DBusMessage& message);
 
@@ -36,6 +40,7 @@ class PendingRequest {
     State answer(DBusMessage& signal);
 
     uint32_t serial_;
+    std::string expected_path_;
     std::string handle_;
     std::string portal_;                ///< unique bus name of whoever replied
     std::deque<DBusMessagePtr> early_;  ///< Response signals from before the reply, newest last

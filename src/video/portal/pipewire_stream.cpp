@@ -146,9 +146,9 @@ void PipewireStream::Impl::state_changed(pw_stream_state state, const char* erro
 void PipewireStream::Impl::format_changed(const spa_pod* format) {
     const auto [width, height] = portal::agreed_size(*format).value_or(portal::PictureSize{});
     if (width == 0) return;
+    OX_INFO("PortalCapture: negotiated %ux%u BGRx", width, height);
     if (width != size.width || height != size.height) {
         size = {width, height};
-        OX_INFO("PortalCapture: negotiated %ux%u BGRx", size.width, size.height);
         pictures.set_size(size.width, size.height);
     }
     portal::ParamMemory memory;

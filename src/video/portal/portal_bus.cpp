@@ -38,7 +38,8 @@ RequestResult PortalBus::request(DBusMessage& call, const std::string& token,
     const auto deadline = SteadyClock::now() + limit;
     uint32_t serial = 0;
     if (!bus_.send(call, serial)) return {.outcome = Outcome::Lost};
-    PendingRequest pending(serial);
+    const std::string expected_path = request_path(bus_.unique_name(), token);
+    PendingRequest pending(serial, expected_path);
     bool refused = false;
     const Outcome outcome = to_outcome(bus_.read_until(deadline, [&](DBusMessage& message) {
         const auto state = pending.take(message);
@@ -48,9 +49,8 @@ RequestResult PortalBus::request(DBusMessage& call, const std::string& token,
     if (refused) return {.outcome = Outcome::Refused, .error = pending.error()};
     if (outcome != Outcome::Answered) {
         // Also when nobody has said yet that the request is there.
-        const std::string path =
-            pending.handle().empty() ? request_path(bus_.unique_name(), token) : pending.handle();
-        close_object(path, "org.freedesktop.portal.Request");
+        close_object(pending.handle().empty() ? expected_path : pending.handle(),
+                     "org.freedesktop.portal.Request");
     }
     return {.outcome = outcome, .response = pending.response()};
 }

@@ -124,7 +124,7 @@ std::optional<uint32_t> ScreenCast::start() {
     const auto result = call ? bus_.request(*call, request, limit) : RequestResult{};
     const auto response = accept("Start", result, limit);
     if (!response) {
-        if (result.outcome == Outcome::Answered || result.outcome == Outcome::TimedOut) {
+        if (result.outcome != Outcome::Cancelled && result.outcome != Outcome::Lost) {
             OX_ERROR(
                 "PortalCapture: screen sharing was not approved in time. Either approve the dialog "
                 "once on this machine, run an X11 session, or capture a dedicated virtual display "
