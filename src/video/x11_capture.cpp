@@ -132,11 +132,8 @@ bool X11Capture::grab_current_size() {
 /// One line per outage: the session asks again with every frame.
 void X11Capture::report_outage() {
     if (std::exchange(outage_reported_, true)) return;
-    if (connection_->lost()) {
-        OX_ERROR("X11Capture: the X server is gone");
-    } else if (grabber_) {
-        OX_ERROR("X11Capture: %s failed", grabber_->call_name());
-    }
+    if (grabber_) OX_ERROR("X11Capture: %s failed", grabber_->call_name());
+    if (connection_->lost()) OX_ERROR("X11Capture: the X server is gone");
 }
 
 void X11Capture::watch_for_black() {
