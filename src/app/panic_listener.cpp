@@ -12,9 +12,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "app/process_flags.h"
 #include "base/clock.h"
@@ -27,13 +29,9 @@ namespace {
 
 constexpr int kPollMs = 200;
 constexpr size_t kReadBytes = 63;
-/// How long a client that has connected may take to say its word.
-constexpr std::chrono::milliseconds kClientTime{1000};
-
-bool wait_for_input(int fd, int timeout_ms) {
-    pollfd entry{.fd = fd, .events = POLLIN, .revents = 0};
-    return ::poll(&entry, 1, timeout_ms) > 0;
-}
+/// Clients that may be connected without having said their word; one more takes the place of the
+/// first.
+constexpr size_t kMostSilent = 16;
 
 /// Binds and listens at `path`, readable and writable by the owner alone from the first moment on.
 UniqueFd listen_at(const std::string& path) {
@@ -119,29 +117,59 @@ class PanicSocket {
     std::optional<FileIdentity> own_;
 };
 
-/// Reads one client's word; a client that says nothing is left after a second.
-void serve_client(int listener, const std::stop_token& stop) {
-    const UniqueFd client(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!client) return;
-    const auto deadline = SteadyClock::now() + kClientTime;
-    while (!wait_for_input(client.get(), kPollMs)) {
-        if (stop.stop_requested() || SteadyClock::now() >= deadline) return;
+/// The clients that have connected and not said their word yet. Each has all the time it wants,
+/// since the word may be typed by hand, and none keeps another waiting.
+class SilentClients {
+  public:
+    void accept_from(int listener) {
+        UniqueFd client(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!client) return;
+        if (clients_.size() == kMostSilent) clients_.erase(clients_.begin());
+        clients_.push_back(std::move(client));
     }
-    std::array<char, kReadBytes> text{};
-    const ssize_t length = ::read(client.get(), text.data(), text.size());
-    if (length < 1) return;
-    const std::string_view word(text.data(), static_cast<size_t>(length));
-    if (word.find("stop") == std::string_view::npos) return;
-    OX_ERROR("PANIC: local stop requested — ending the session now");
-    panic_flag().exchange(true);
-}
+
+    void add_to(std::vector<pollfd>& watched) const {
+        for (const UniqueFd& client : clients_)
+            watched.push_back({.fd = client.get(), .events = POLLIN, .revents = 0});
+    }
+
+    /// Reads once from each that `watched`, as filled by `add_to`, shows ready, and lets go of it.
+    void hear(std::span<const pollfd> watched) {
+        for (size_t i = 0; i < watched.size(); ++i) {
+            if (watched[i].revents == 0) continue;
+            hear_word(clients_[i].get());
+            clients_[i].reset();
+        }
+        std::erase_if(clients_, [](const UniqueFd& client) { return !client; });
+    }
+
+  private:
+    static void hear_word(int client) {
+        std::array<char, kReadBytes> text{};
+        const ssize_t length = ::read(client, text.data(), text.size());
+        if (length < 1) return;
+        const std::string_view word(text.data(), static_cast<size_t>(length));
+        if (word.find("stop") == std::string_view::npos) return;
+        OX_ERROR("PANIC: local stop requested — ending the session now");
+        panic_flag().exchange(true);
+    }
+
+    std::vector<UniqueFd> clients_;  ///< oldest first
+};
 
 void listen_for_stop(const std::stop_token& stop) {
     constexpr std::chrono::seconds kKeepPeriod{2};
     PanicSocket socket(panic_socket_path());
+    SilentClients clients;
+    std::vector<pollfd> watched;
     auto next_keep = SteadyClock::now() + kKeepPeriod;
     while (socket.is_open() && !stop.stop_requested()) {
-        if (wait_for_input(socket.get(), kPollMs)) serve_client(socket.get(), stop);
+        watched.assign(1, {.fd = socket.get(), .events = POLLIN, .revents = 0});
+        clients.add_to(watched);
+        if (::poll(watched.data(), watched.size(), kPollMs) > 0) {
+            clients.hear(std::span(watched).subspan(1));
+            if (watched.front().revents != 0) clients.accept_from(socket.get());
+        }
         if (SteadyClock::now() < next_keep) continue;
         socket.keep();
         next_keep = SteadyClock::now() + kKeepPeriod;

@@ -15,8 +15,7 @@ namespace {
 namespace fs = std::filesystem;
 
 /// What `text` gets for an answer: nothing, and the end of the connection.
-void say(const std::string& path, const std::string& text) {
-    const UniqueFd socket = connect_unix(path);
+void say(const UniqueFd& socket, const std::string& text) {
     ASSERT_EQ(::send(socket.get(), text.data(), text.size(), MSG_NOSIGNAL),
               static_cast<ssize_t>(text.size()));
     char answer = 0;
@@ -36,9 +35,10 @@ TEST(Panic, EndsTheSessionAndEveryLaterOneUntilTheAgentIsStartedAgain) {
         if (by_signal) {
             agent.process().signal(SIGUSR1);
         } else {
-            say(path, "STOP");
-            ASSERT_TRUE(player->receive_frames(30)) << "ended by a word that is none";
-            say(path, "please stop now\n");
+            const UniqueFd typing = connect_unix(path);
+            say(connect_unix(path), "STOP");
+            ASSERT_TRUE(player->receive_frames(90)) << "ended by a word that is none";
+            say(typing, "please stop now\n");
             EXPECT_TRUE(agent.wait_for_log("PANIC: local stop requested — ending the session now"));
         }
         EXPECT_TRUE(player->is_ended());
