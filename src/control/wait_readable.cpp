@@ -13,8 +13,8 @@ WaitResult wait_readable(int fd, SteadyClock::time_point deadline,
     using std::chrono::milliseconds;
     constexpr milliseconds kAbortInterval{100};
     for (;;) {
-        // Rounded up: a wait that ended a moment early would leave its caller a rest to wait for.
-        const auto remaining = std::chrono::ceil<milliseconds>(deadline - SteadyClock::now());
+        const auto remaining =
+            std::chrono::duration_cast<milliseconds>(deadline - SteadyClock::now());
         if (remaining < milliseconds(1)) return WaitResult::timed_out;
         if (abort && abort()) return WaitResult::aborted;
 

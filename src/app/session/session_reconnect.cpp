@@ -11,6 +11,8 @@ namespace {
 
 /// Pause before the control port is tried again when it could not be had.
 constexpr std::chrono::seconds kListenRetry{1};
+/// More than what a wait for a launcher ends before its deadline.
+constexpr std::chrono::milliseconds kEarlyEnd{10};
 
 /// Whole seconds until `deadline`, rounded up, at least 1.
 int remaining_seconds(SteadyClock::time_point deadline) {
@@ -34,14 +36,11 @@ std::string Session::hold_for_launcher() {
 }
 
 bool Session::wait_for_reconnect() {
-    // Only the deadline ends the hold. A stranger or a refused token costs its own time, and one
-    // that connects last of all and says nothing is not waited for past the deadline.
-    constexpr std::chrono::seconds kLastAuth{1};
+    // Only the deadline ends the hold: a stranger or a refused token costs its own time. Whoever
+    // connects before it has as long for the auth line as at any other time.
     const auto deadline = SteadyClock::now() + std::chrono::seconds(options_.reconnect_grace_s);
-    const auto abort = [&] {
-        return leave_requested() || SteadyClock::now() > deadline + kLastAuth;
-    };
-    while (!leave_requested() && SteadyClock::now() < deadline) {
+    const auto abort = [this] { return leave_requested(); };
+    while (!leave_requested() && SteadyClock::now() + kEarlyEnd < deadline) {
         if (control_.accept_and_handshake(control_port(), abort, remaining_seconds(deadline))) {
             return true;
         }
