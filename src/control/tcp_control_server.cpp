@@ -319,9 +319,14 @@ void TcpControlServer::reader_loop(int socket) {
     const auto handle = [this](const LineSplitter::Line& line) { handle_line(line); };
     const auto stopped = [this] { return !reading_; };
     std::array<char, 2048> buffer{};
-    while (wait_readable(socket, SteadyClock::time_point::max(), stopped) == WaitResult::readable) {
+    for (;;) {
+        const auto wait = wait_readable(socket, SteadyClock::time_point::max(), stopped);
+        if (wait != WaitResult::readable && wait != WaitResult::failed) break;
+        // What came before a reset still counts: a launcher that leaves without reading our last
+        // pong resets the connection behind its "end_session".
         const ssize_t received = ::recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT);
-        if (received < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+        const bool again = received < 0 && (errno == EAGAIN || errno == EINTR);
+        if (again && wait == WaitResult::readable) continue;
         if (received <= 0) break;
         splitter.feed({buffer.data(), static_cast<size_t>(received)}, handle);
     }

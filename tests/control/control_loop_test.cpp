@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "control/control_server_fixture.h"
+#include "support/eventually.h"
 
 namespace ox::test {
 namespace {
@@ -67,6 +68,16 @@ TEST_F(ControlLoopTest, HandlesEachLineOnceAndInOrderHoweverItIsCut) {
                 round);
         }
     }
+}
+
+TEST_F(ControlLoopTest, WhatCameBeforeAResetStillCounts) {
+    TcpClient launcher = connected_launcher();
+    launcher.send("{\"type\":\"end_session\"}\n");
+    launcher.close(true);
+    record_everything();
+    server_.start_async_read();
+    ASSERT_TRUE(eventually([&] { return !server_.is_connected(); }));
+    EXPECT_EQ(take_events(), "end_session|");
 }
 
 // More than the socket's buffers hold, so that lines leave in parts.
