@@ -143,14 +143,14 @@ bool TcpControlServer::accept_launcher(uint16_t port, const AbortPredicate& abor
 
 void TcpControlServer::take_client(UniqueFd socket) {
     tune_client_socket(socket.get());
-    tcp_remote_ip_.clear();
+    tcp_remote_ip.clear();
     sockaddr_in peer{};
     socklen_t size = sizeof peer;
     if (::getpeername(socket.get(), reinterpret_cast<sockaddr*>(&peer), &size) == 0) {
         std::array<char, INET_ADDRSTRLEN> text{};
         ::inet_ntop(AF_INET, &peer.sin_addr, text.data(), text.size());
-        tcp_remote_ip_ = text.data();
-        OX_INFO("TcpControlServer: client connected from %s:%u", tcp_remote_ip_.c_str(),
+        tcp_remote_ip = text.data();
+        OX_INFO("TcpControlServer: client connected from %s:%u", tcp_remote_ip.c_str(),
                 unsigned{ntohs(peer.sin_port)});
     }
     const std::lock_guard lock(send_mutex_);
@@ -209,25 +209,25 @@ void TcpControlServer::take_request(const AuthMessage& message) {
 }
 
 void TcpControlServer::choose_udp_ip(const std::string& reported) {
-    udp_ip_ = reported;
-    switch (judge_udp_override(reported, tcp_remote_ip_)) {
+    udp_ip = reported;
+    switch (judge_udp_override(reported, tcp_remote_ip)) {
         case UdpOverride::none:
             return;
         case UdpOverride::same:
             OX_INFO("TcpControlServer: launcher UDP IP matches TCP remote: %s",
-                    tcp_remote_ip_.c_str());
+                    tcp_remote_ip.c_str());
             return;
         case UdpOverride::overrides:
             OX_INFO(
                 "TcpControlServer: launcher self-reported UDP IP = %s (overrides TCP remote %s)",
-                udp_ip_.c_str(), tcp_remote_ip_.c_str());
+                udp_ip.c_str(), tcp_remote_ip.c_str());
             return;
         case UdpOverride::ignored:
             OX_WARN(
                 "TcpControlServer: udp_ip '%s' is a different public address from TCP '%s' — "
                 "ignoring override",
-                printable(reported).c_str(), tcp_remote_ip_.c_str());
-            udp_ip_ = tcp_remote_ip_;
+                printable(reported).c_str(), tcp_remote_ip.c_str());
+            udp_ip = tcp_remote_ip;
             return;
     }
 }
@@ -264,24 +264,24 @@ bool TcpControlServer::fail(const char* error) {
 }
 
 std::string TcpControlServer::remote_address() const {
-    switch (choose_udp_destination(udp_ip_, tcp_remote_ip_)) {
+    switch (choose_udp_destination(udp_ip, tcp_remote_ip)) {
         case UdpDestination::unknown:
             return {};
         case UdpDestination::tcp_remote:
             OX_DEBUG("TcpControlServer: using TCP remote IP as UDP dest: %s",
-                     tcp_remote_ip_.c_str());
-            return tcp_remote_ip_;
+                     tcp_remote_ip.c_str());
+            return tcp_remote_ip;
         case UdpDestination::reported:
-            OX_DEBUG("TcpControlServer: using launcher-provided UDP IP: %s", udp_ip_.c_str());
-            return udp_ip_;
+            OX_DEBUG("TcpControlServer: using launcher-provided UDP IP: %s", udp_ip.c_str());
+            return udp_ip;
         case UdpDestination::tcp_remote_not_local:
             break;
     }
     OX_WARN(
         "TcpControlServer: launcher self-reported UDP IP %s is private but TCP remote is %s "
         "(public) — cross-internet session, using TCP remote instead",
-        udp_ip_.c_str(), tcp_remote_ip_.c_str());
-    return tcp_remote_ip_;
+        udp_ip.c_str(), tcp_remote_ip.c_str());
+    return tcp_remote_ip;
 }
 
 bool TcpControlServer::is_connected() const {

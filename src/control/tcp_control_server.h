@@ -74,6 +74,8 @@ class TcpControlServer {
     std::function<void(const SettingsChange&)> settings_callback;
 
     // Results of the handshake.
+    std::string udp_ip;         ///< launcher-reported media address after the override rule
+    std::string tcp_remote_ip;  ///< the accepted peer
     RequestedStream requested;
     uint32_t launcher_caps = 0;
     uint32_t granted_caps = 0;
@@ -100,8 +102,6 @@ class TcpControlServer {
     void handle_line(const LineSplitter::Line& line);
     void dispatch(const ControlMessage& message);
 
-    std::string udp_ip_;         ///< launcher-reported media address after the override rule
-    std::string tcp_remote_ip_;  ///< the accepted peer
     UniqueFd listen_socket_;
     UniqueFd client_socket_;  ///< changed by the owner under `send_mutex_`, read by others under it
     std::mutex send_mutex_;   ///< held for one whole line
