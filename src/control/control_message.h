@@ -40,7 +40,7 @@ struct MalformedMessage {
 using ControlMessage = std::variant<std::monostate, PingMessage, NamedMessage, SettingsChange,
                                     ClientStats, MalformedMessage>;
 
-/// Reads one line (without its line feed). Never throws; numbers out of range saturate.
+/// Reads one line (without its line feed). Never throws; numbers out of range are converted.
 ControlMessage parse_control_line(std::string_view line);
 
 /// The reply to a ping.

@@ -66,6 +66,10 @@ int32_t int32_field(const json& object, const char* key, int32_t fallback) {
 }
 
 int64_t int64_field(const json& object, const char* key, int64_t fallback) {
+    const auto found = object.find(key);
+    if (found != object.end() && found->is_number_unsigned()) {
+        return static_cast<int64_t>(found->get<uint64_t>());
+    }
     return integer_field(object, key, fallback);
 }
 

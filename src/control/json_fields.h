@@ -17,7 +17,8 @@ nlohmann::json parse_json_object(std::string_view line);
 /// Takes the text out of `object`; empty when absent.
 std::string take_text(nlohmann::json& object, const char* key);
 
-/// Any JSON number, its fraction dropped, brought into the range of the type.
+/// Any JSON number, its fraction dropped, brought into the range of the type; a 64-bit integer
+/// without a sign keeps its bits.
 int32_t int32_field(const nlohmann::json& object, const char* key, int32_t fallback);
 int64_t int64_field(const nlohmann::json& object, const char* key, int64_t fallback);
 uint32_t uint32_field(const nlohmann::json& object, const char* key, uint32_t fallback);

@@ -1,16 +1,12 @@
 #include "control/log_text.h"
 
-#include <algorithm>
+#include "tui/text.h"
 
 namespace ox {
 
 std::string printable(std::string_view text) {
-    constexpr size_t kLongest = 64;
-    std::string result(text.substr(0, kLongest));
-    std::replace_if(
-        result.begin(), result.end(), [](char c) { return c < 0x20 || c > 0x7e; }, '?');
-    if (text.size() > kLongest) result += "...";
-    return result;
+    constexpr int kLongest = 256;
+    return tui::text::clip(tui::text::printable(text), kLongest);
 }
 
 std::string without_input(std::string_view error_message) {

@@ -5,8 +5,9 @@
 
 namespace ox {
 
-/// `text` from outside as it may be logged: at most 64 bytes, then "..."; whatever is not printable
-/// ASCII becomes '?', so that a launcher can neither forge log lines nor drive the terminal.
+/// `text` from outside as it may be logged: at most 256 columns, an ellipsis if there was more, and
+/// nothing that does not show, so that a launcher can neither forge log lines nor drive the
+/// terminal.
 std::string printable(std::string_view text);
 
 /// What a JSON library's error message may tell the log. Its quotes of the input are cut off: a

@@ -52,7 +52,7 @@ TEST_F(HandshakeTest, RefusesWhatIsNoGoodAuthLineAndTakesTheNextLauncher) {
         {good.substr(0, 30), "client closed during auth", good_hash},
         {std::string(40'000, 'x'), "auth message too large (1", good_hash},
         {auth_with(R"("fps":"60")"), "JSON parse error: 'fps' must be", good_hash},
-        {"{\"type\":\"st\\u001b[1mats\"}\n", "expected 'auth' message, got 'st?[1mats'", good_hash},
+        {"{\"type\":\"сс\\u001b[1mats\"}\n", "expected 'auth' message, got 'сс[1mats'", good_hash},
         {"{\"type\":\"auth\",\"token\":\"player-two-token\"}\n",
          "session token verification FAILED — rejecting client", good_hash},
         {good, "session token verification FAILED — rejecting client", good_hash + "0"},
