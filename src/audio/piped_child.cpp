@@ -91,7 +91,7 @@ std::string first_output_of(const std::string& shell_command, const std::vector<
                             std::chrono::milliseconds limit) {
     constexpr size_t kMaxBytes = 255;
     PipedChild child;
-    if (child.start({"sh", "-c", shell_command}, added) != PipedChild::Started::Ok) return {};
+    if (child.start({"/bin/sh", "-c", shell_command}, added) != PipedChild::Started::Ok) return {};
     const auto deadline = SteadyClock::now() + limit;
     std::string text;
     while (text.size() < kMaxBytes) {

@@ -131,8 +131,9 @@ class RecordingWatch::Server {
     }
 
     static void on_server(pa_context* /*context*/, const pa_server_info* info, void* self) {
-        if (info == nullptr || info->default_sink_name == nullptr) return;
-        static_cast<Server*>(self)->default_sink_ = info->default_sink_name;
+        if (info == nullptr) return;
+        const char* name = info->default_sink_name;
+        static_cast<Server*>(self)->default_sink_ = name == nullptr ? "" : name;
     }
 
     static void on_output(pa_context* context, const pa_source_output_info* info, int end,

@@ -38,6 +38,10 @@ class RecordingWatch {
 
     /// Output that the server calls the default one; empty until it is known.
     [[nodiscard]] const std::string& default_sink() const;
+    /// Name of its monitor, or empty.
+    [[nodiscard]] std::string default_monitor() const {
+        return default_sink().empty() ? "" : default_sink() + ".monitor";
+    }
 
   private:
     class Server;
