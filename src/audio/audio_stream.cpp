@@ -16,6 +16,7 @@ namespace {
 constexpr std::chrono::seconds kReportPeriod{5};
 constexpr std::chrono::milliseconds kIdleSlice{100};
 constexpr std::chrono::milliseconds kReopenPause{500};
+constexpr std::chrono::milliseconds kAnswer{10};
 
 unsigned long long count(uint64_t value) {
     return value;
@@ -99,7 +100,9 @@ void AudioStream::loop(const std::stop_token& stop) {
     next_reopen_ = {};
     live_edge_.reset();
     watch_.watch(capture_.pid());
-    find_recording(stop);
+    // The first sound waits until the recording has been found.
+    settled_verdict(stop, kReopenPause);
+    unknown_ = false;
     while (!stop.stop_requested() && handle_buffer(stop))
         report();
     reset_parity_block();
@@ -111,12 +114,16 @@ void AudioStream::loop(const std::stop_token& stop) {
         count(skipped_blocks_), count(parity_errors_));
 }
 
-/// Waits for the watch to find the recording, so that its first sound is not taken for unknown.
-void AudioStream::find_recording(const std::stop_token& stop) {
-    constexpr std::chrono::milliseconds kPause{1};
-    const auto deadline = SteadyClock::now() + kReopenPause;
-    while (watch_.poll() == RecordingWatch::Verdict::Unknown && !stop.stop_requested() &&
-           SteadyClock::now() < deadline) {
+RecordingWatch::Verdict AudioStream::settled_verdict(const std::stop_token& stop,
+                                                     std::chrono::milliseconds limit) {
+    constexpr std::chrono::microseconds kPause{200};
+    const auto deadline = SteadyClock::now() + limit;
+    for (;;) {
+        const RecordingWatch::Verdict verdict = watch_.poll();
+        if (verdict != RecordingWatch::Verdict::Unknown || stop.stop_requested() ||
+            SteadyClock::now() >= deadline) {
+            return verdict;
+        }
         sleep_until_steady(SteadyClock::now() + kPause);
     }
 }
@@ -144,7 +151,12 @@ bool AudioStream::handle_buffer(const std::stop_token& stop) {
 }
 
 bool AudioStream::recording_is_safe(const std::stop_token& stop) {
-    switch (watch_.poll()) {
+    // The server is asked again at every change of the recording, be it its volume, and answers
+    // within a millisecond. One that does not is not waited for at every buffer.
+    const RecordingWatch::Verdict verdict =
+        settled_verdict(stop, unknown_ ? std::chrono::milliseconds::zero() : kAnswer);
+    unknown_ = verdict == RecordingWatch::Verdict::Unknown;
+    switch (verdict) {
         case RecordingWatch::Verdict::Unknown:
             return false;
         case RecordingWatch::Verdict::Unwatched:

@@ -49,7 +49,8 @@ class AudioStream {
   private:
     bool check_start(const UdpSender& sender, const uint8_t* key, size_t key_length);
     void loop(const std::stop_token& stop);
-    void find_recording(const std::stop_token& stop);
+    RecordingWatch::Verdict settled_verdict(const std::stop_token& stop,
+                                            std::chrono::milliseconds limit);
     bool handle_buffer(const std::stop_token& stop);
     bool recording_is_safe(const std::stop_token& stop);
     bool reopen_capture(const std::stop_token& stop);
@@ -86,6 +87,7 @@ class AudioStream {
     SteadyClock::time_point next_reopen_{};
     uint64_t reported_frames_ = 0;
     uint64_t reported_audible_ = 0;
+    bool unknown_ = false;       ///< the server did not answer in time
     bool moved_ = false;         ///< the recording is off the monitor, and a warning has said so
     std::string followed_sink_;  ///< default output for which the recording was started anew
 
