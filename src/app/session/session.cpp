@@ -129,7 +129,11 @@ void Session::start_control() {
 
 std::string Session::open_capture() {
     const auto& asked = control_.requested;
-    const auto cancelled = [this] { return leave_requested(); };
+    // After an earlier panic stop a session is set up as ever and ends with its first frame.
+    const bool was_panic = panic_flag();
+    const auto cancelled = [this, was_panic] {
+        return stop_requested() || signals_.end_requested || (panic_flag() && !was_panic);
+    };
     capture_ = select_capture(options_.capture, desktop_for(options_, cancelled),
                               static_cast<uint32_t>(std::max(asked.width, 0)),
                               static_cast<uint32_t>(std::max(asked.height, 0)), cancelled);
