@@ -11,6 +11,10 @@
 
 namespace ox {
 
+/// How far the scaler's vector code may read past the last pixel of a picture, which it does where
+/// the width is odd. All memory that holds pictures has that many readable bytes more.
+inline constexpr size_t kReadSlack = 64;
+
 /// One picture: width x height pixels, 4 bytes each in the order B, G, R, A, no row padding.
 ///
 /// The pixels lie in `data`, or, where a backend can lend them without a copy, in memory that

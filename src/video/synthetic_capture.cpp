@@ -77,6 +77,7 @@ bool SyntheticCapture::init() {
 int SyntheticCapture::capture_frame(CapturedFrame& frame) {
     if (base_.empty()) return 1;
     frame.lent.reset();
+    frame.data.reserve(base_.size() + kReadSlack);
     frame.data.assign(base_.begin(), base_.end());
     frame.width = width_;
     frame.height = height_;

@@ -5,6 +5,7 @@
 #include <sys/shm.h>
 
 #include "log/log.h"
+#include "video/capture.h"
 
 namespace ox {
 namespace {
@@ -40,9 +41,6 @@ class SharedSegment {
     int id_;
     void* address_;
 };
-
-// The scaler's vector code may read a little past the last pixel.
-constexpr size_t kReadSlack = 64;
 
 class ShmGrabber final : public XGrabber {
   public:
