@@ -69,7 +69,7 @@ std::shared_ptr<const uint8_t> LatestPicture::share(std::unique_ptr<Buffer> buff
             }};
 }
 
-void LatestPicture::put(const uint8_t* rows, size_t stride) {
+void LatestPicture::on_frame(const uint8_t* rows, size_t stride) {
     Picture picture;
     {
         const std::lock_guard lock(mutex_);

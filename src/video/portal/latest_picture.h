@@ -27,7 +27,7 @@ class LatestPicture {
 
     /// Takes a picture of the agreed size (nothing happens before there is one): rows of
     /// width x 4 bytes, `stride` bytes (at least that many) apart. May throw std::bad_alloc.
-    void put(const uint8_t* rows, size_t stride);
+    void on_frame(const uint8_t* rows, size_t stride);
 
     /// Lends the newest picture to `frame`, with timestamp 0. False, and `frame` as it was, when
     /// none has come yet. It can be read for as long as the frame holds it.

@@ -173,7 +173,7 @@ void PipewireStream::Impl::take(const spa_buffer& buffer) {
     const auto picture = portal::picture_in(buffer.datas[0], size);
     if (!picture) return;
     try {
-        pictures.put(picture->rows, picture->stride);
+        pictures.on_frame(picture->rows, picture->stride);
     } catch (const std::bad_alloc&) {
         OX_ERROR("PortalCapture: no memory for a picture of %ux%u", size.width, size.height);
     }
