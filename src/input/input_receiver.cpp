@@ -91,6 +91,7 @@ bool InputReceiver::bind_socket(uint16_t port) {
 bool InputReceiver::run(uint16_t port) {
     window_.reset();
     last_buttons_ = 0;
+    release_wanted_ = false;  // a wish that the last run came too late for
     running_ = true;
     try {
         thread_ = std::jthread([this] { recv_loop(); });
