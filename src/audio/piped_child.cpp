@@ -97,11 +97,16 @@ std::string first_output_of(const std::string& shell_command, const std::vector<
     while (text.size() < kMaxBytes) {
         const auto left =
             std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
-        if (left.count() <= 0) return {};
+        if (left.count() <= 0) {
+            // What the command has started may keep the pipe open after the answer.
+            if (text.find('\n') == text.npos) return {};
+            break;
+        }
         pollfd entry{.fd = child.output(), .events = POLLIN, .revents = 0};
         const int ready = ::poll(&entry, 1, static_cast<int>(left.count()));
         if (ready < 0 && errno == EINTR) continue;
-        if (ready <= 0) return {};
+        if (ready < 0) return {};
+        if (ready == 0) continue;
         std::array<char, kMaxBytes> chunk{};
         const ssize_t length = ::read(child.output(), chunk.data(), kMaxBytes - text.size());
         if (length < 0 && errno == EINTR) continue;

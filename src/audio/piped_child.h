@@ -40,7 +40,7 @@ class PipedChild {
 };
 
 /// What a shell command prints, without trailing white space and cut at 255 bytes; empty when it
-/// prints nothing within `limit`. `added` as above.
+/// prints no line, or no end, within `limit`. `added` as above.
 std::string first_output_of(const std::string& shell_command, const std::vector<std::string>& added,
                             std::chrono::milliseconds limit);
 
