@@ -49,8 +49,9 @@ class ICapture {
 };
 
 /// The backend for `mode` ("auto", "x11", "portal", "synthetic") on this desktop, whose session
-/// decides what "auto" means; the size is that of the synthetic picture. `cancelled` is asked, on
-/// the same thread, while the portal's `init` waits for the user: true makes it fail at once.
+/// decides what "auto" means; the size is that of the synthetic picture. `cancelled` may be asked
+/// as long as the backend lives, from other threads, too. True ends every wait: the portal's for
+/// the user at once, and one for an X server that hangs a second later.
 std::unique_ptr<ICapture> make_capture(const std::string& mode, const Desktop& desktop,
                                        uint32_t width, uint32_t height,
                                        std::function<bool()> cancelled = {});

@@ -17,7 +17,8 @@ std::unique_ptr<ICapture> make_capture(const std::string& mode, const Desktop& d
         config.cancelled = std::move(cancelled);
         return std::make_unique<PortalCapture>(std::move(config));
     }
-    return std::make_unique<X11Capture>(desktop.display, desktop.x_access.authorization);
+    return std::make_unique<X11Capture>(desktop.display, desktop.x_access.authorization,
+                                        std::move(cancelled));
 }
 
 std::unique_ptr<ICapture> make_capture(const std::string& mode, const std::string& display,

@@ -1,11 +1,13 @@
 #include "video/x11_capture.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
 #include <utility>
 
 #include "base/clock.h"
+#include "desktop/x_server.h"
 #include "log/log.h"
 #include "video/x11_diagnosis.h"
 #include "video/x11_grabber.h"
@@ -44,8 +46,11 @@ void unpack_slowly(const XImage& image, uint32_t y, const PixelUnpacker& unpacke
 
 }  // namespace
 
-X11Capture::X11Capture(std::string display, XAuthorization authorization)
-    : display_name_(std::move(display)), authorization_(std::move(authorization)) {}
+X11Capture::X11Capture(std::string display, XAuthorization authorization,
+                       std::function<bool()> cancelled)
+    : display_name_(std::move(display)),
+      authorization_(std::move(authorization)),
+      cancelled_(std::move(cancelled)) {}
 
 X11Capture::~X11Capture() {
     shutdown();
@@ -61,14 +66,7 @@ bool X11Capture::init() {
             "normally yields a black frame. The stream will be black; use an X11 session or a "
             "PipeWire capture backend.");
     }
-    connection_ = XConnection::open(display_name_, authorization_);
-    if (!connection_) {
-        OX_ERROR("X11Capture: cannot open display '%s' — use --capture synthetic for headless",
-                 XDisplayName(display_name_.empty() ? nullptr : display_name_.c_str()));
-        const auto [cause, remedy] = diagnose(read_display_facts(display_name_));
-        OX_WARN("X11Capture: %s — %s", cause.c_str(), remedy.c_str());
-        return false;
-    }
+    if (!connect()) return false;
     // Asked for anew: the size that the connection came with may be older than the watch for
     // changes.
     if (!set_up(connection_->query_size().value_or(ScreenSize{}))) {
@@ -76,6 +74,28 @@ bool X11Capture::init() {
         return false;
     }
     return true;
+}
+
+bool X11Capture::connect() {
+    constexpr std::chrono::seconds kHandshakeLimit{3};
+    const char* const name = XDisplayName(display_name_.empty() ? nullptr : display_name_.c_str());
+    const auto deadline = SteadyClock::now() + kHandshakeLimit;
+    // Xlib would wait for ever for a server that hangs. A connection that was let in stays for as
+    // long as Xlib makes its own: with its last client a server may start anew.
+    UniqueFd foothold;
+    if (const auto number = local_display_number(name))
+        foothold = enter_x_server(*number, authorization_, deadline);
+    const bool hangs = !foothold && SteadyClock::now() >= deadline;
+    if (!hangs) connection_ = XConnection::open(display_name_, authorization_, cancelled_);
+    if (connection_) return true;
+    OX_ERROR("X11Capture: cannot open display '%s' — use --capture synthetic for headless", name);
+    if (hangs) {
+        OX_WARN("X11Capture: the X server of %s does not answer — restart the desktop", name);
+    } else {
+        const auto [cause, remedy] = diagnose(read_display_facts(display_name_));
+        OX_WARN("X11Capture: %s — %s", cause.c_str(), remedy.c_str());
+    }
+    return false;
 }
 
 /// Makes the grabber for a screen of this size. False, after a log line, when none works.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -24,8 +25,10 @@ class X11Capture final : public ICapture {
     static constexpr uint32_t kMaxSide = 8192;
 
     /// `display` is an X display name or empty for `$DISPLAY`; without an authorization Xlib looks
-    /// for one.
-    explicit X11Capture(std::string display, XAuthorization authorization = {});
+    /// for one. `cancelled` may be empty and is asked from any thread: a second after it has become
+    /// true, nothing waits any more for a server that hangs.
+    explicit X11Capture(std::string display, XAuthorization authorization = {},
+                        std::function<bool()> cancelled = {});
     ~X11Capture() override;
 
     bool init() override;
@@ -35,6 +38,7 @@ class X11Capture final : public ICapture {
     void shutdown() override;
 
   private:
+    bool connect();
     bool set_up(ScreenSize size);
     bool grab_current_size();
     void report_outage();
@@ -43,6 +47,7 @@ class X11Capture final : public ICapture {
 
     std::string display_name_;
     XAuthorization authorization_;
+    std::function<bool()> cancelled_;
     std::unique_ptr<XConnection> connection_;
     std::unique_ptr<XGrabber> grabber_;  // null while the screen's size cannot be captured
     uint32_t width_ = 0;

@@ -1,5 +1,16 @@
 #include "video/x11_connection.h"
 
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <system_error>
+#include <utility>
+
+#include "base/clock.h"
 #include "log/log.h"
 
 namespace ox {
@@ -41,23 +52,51 @@ void authorize(const XAuthorization& authorization) {
 }  // namespace
 
 std::unique_ptr<XConnection> XConnection::open(const std::string& name,
-                                               const XAuthorization& authorization) {
+                                               const XAuthorization& authorization,
+                                               Cancelled cancelled) {
     XSetErrorHandler(on_refused_request);
     XSetIOErrorHandler(on_lost_connection);
     authorize(authorization);
     Display* display = XOpenDisplay(name.empty() ? nullptr : name.c_str());
     authorize({});
     if (display == nullptr) return nullptr;
-    return std::unique_ptr<XConnection>(new XConnection(display));
+    return std::unique_ptr<XConnection>(new XConnection(display, std::move(cancelled)));
 }
 
-XConnection::XConnection(Display* display) : display_(display) {
+XConnection::XConnection(Display* display, Cancelled cancelled)
+    : display_(display),
+      cancelled_(std::move(cancelled)),
+      socket_(::fcntl(XConnectionNumber(display), F_DUPFD_CLOEXEC, 0)) {
     XSetIOErrorExitHandler(display_, mark_lost, &lost_);
     XSelectInput(display_, root(), StructureNotifyMask);
+    try {
+        watchdog_ = std::jthread([this](const std::stop_token& stop) { watch(stop); });
+    } catch (const std::system_error& error) {
+        OX_WARN("X11Capture: no watch over the X server: %s", error.what());
+    }
 }
 
 XConnection::~XConnection() {
+    closing_ = true;
     XCloseDisplay(display_);
+}
+
+void XConnection::watch(const std::stop_token& stop) const {
+    using std::chrono::milliseconds;
+    constexpr milliseconds kPatience{1000};
+    constexpr milliseconds kSlice{100};
+    ::pthread_setname_np(::pthread_self(), "ox-x11-watch");
+    std::mutex mutex;
+    std::condition_variable_any wake;
+    std::unique_lock lock(mutex);
+    auto last_wanted = SteadyClock::now();
+    while (!wake.wait_for(lock, stop, kSlice, [&] { return stop.stop_requested(); })) {
+        const auto now = SteadyClock::now();
+        if (!closing_ && !(cancelled_ && cancelled_())) last_wanted = now;
+        if (now - last_wanted < kPatience) continue;
+        ::shutdown(socket_.get(), SHUT_RDWR);
+        return;
+    }
 }
 
 Window XConnection::root() const {

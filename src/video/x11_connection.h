@@ -3,11 +3,16 @@
 // Private to this folder: Xlib's macros must not reach anybody else.
 #include <X11/Xlib.h>
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
+#include <thread>
 
+#include "base/unique_fd.h"
 #include "desktop/desktop.h"
 
 namespace ox {
@@ -21,12 +26,20 @@ struct ScreenSize {
 /// A connection to an X server that survives whatever the server does. Xlib's own handlers end the
 /// process on a refused request and on a lost connection; opening the first connection replaces
 /// them for the whole process. Used by one thread.
+///
+/// Xlib waits for a server that hangs as long as it hangs. A watchdog hangs up on it once
+/// `cancelled` has been true, or the connection been in its destructor, for a second: the call that
+/// waits then fails, and the connection is lost.
 class XConnection {
   public:
+    /// May be empty; is asked from the watchdog's thread.
+    using Cancelled = std::function<bool()>;
+
     /// `name` is a display name or empty for `$DISPLAY`; without an authorization Xlib looks for
     /// one. Null when there is no such server, or when it does not let us in.
     static std::unique_ptr<XConnection> open(const std::string& name,
-                                             const XAuthorization& authorization);
+                                             const XAuthorization& authorization,
+                                             Cancelled cancelled);
     ~XConnection();
     XConnection(const XConnection&) = delete;
     XConnection& operator=(const XConnection&) = delete;
@@ -45,10 +58,15 @@ class XConnection {
     std::optional<ScreenSize> query_size();
 
   private:
-    explicit XConnection(Display* display);
+    XConnection(Display* display, Cancelled cancelled);
+    void watch(const std::stop_token& stop) const;
 
     Display* display_;
     bool lost_ = false;
+    Cancelled cancelled_;
+    std::atomic<bool> closing_{false};
+    UniqueFd socket_;  ///< the watchdog's copy: Xlib closes its own
+    std::jthread watchdog_;
 };
 
 /// Tells whether the server refused a request made since the trap was set. One at a time per

@@ -11,11 +11,11 @@ extern "C" const char* __lsan_default_suppressions() {
 }
 
 extern "C" const char* __tsan_default_suppressions() {
-    // Xlib unlocks the display before it calls the handlers for a lost connection, and once more on
-    // its way out when they return. x265 hands a new encoder's first picture to its worker threads
-    // in a way that the sanitizer cannot see in a library built without it; a program that opens
-    // and closes the encoder some hundred times shows it too. libdbus locks its own tables
-    // in either order, which a program with one thread that opens a private connection, sends one
-    // message and closes shows too.
-    return "mutex:libX11.so\nrace:libx265.so\ndeadlock:libdbus-1.so\n";
+    // Xlib (and libXext) unlocks the display before it calls the handlers for a lost connection,
+    // and once more on its way out when they return. x265 hands a new encoder's first picture to
+    // its worker threads in a way that the sanitizer cannot see in a library built without it; a
+    // program that opens and closes the encoder some hundred times shows it too. libdbus locks its
+    // own tables in either order, which a program with one thread that opens a private connection,
+    // sends one message and closes shows too.
+    return "mutex:libX11.so\nmutex:libXext.so\nrace:libx265.so\ndeadlock:libdbus-1.so\n";
 }

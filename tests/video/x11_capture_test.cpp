@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
+#include <atomic>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -123,6 +126,24 @@ TEST_P(X11CaptureTest, DeliversThePixelsThatWereDrawnAndWarnsOfABlackScreen) {
     capture.shutdown();
     EXPECT_EQ(capture.capture_frame(frame), 1);
     EXPECT_EQ(count_wrong(frame, changed), 0);  // lent pixels outlive the capture
+}
+
+TEST(X11Capture, WaitsForNoServerThatHangsOnceNobodyWantsThePicture) {
+    const auto server = Xvfb::start({});
+    if (!server) GTEST_SKIP() << "no Xvfb on this machine";
+    const LogCapture log;
+    std::atomic<bool> cancelled{false};
+    X11Capture capture(server->display(), {}, [&] { return cancelled.load(); });
+    ASSERT_TRUE(capture.init()) << log.text();
+    server->process().signal(SIGSTOP);
+    cancelled = true;
+    CapturedFrame frame;
+    EXPECT_EQ(capture.capture_frame(frame), 1);
+    EXPECT_EQ(log.count("ERROR", "X11Capture: the X server is gone"), 1);
+    EXPECT_FALSE(X11Capture(server->display()).init());
+    EXPECT_EQ(log.count("WARN", "X11Capture: the X server of " + server->display() +
+                                    " does not answer — restart the desktop"),
+              1);
 }
 
 }  // namespace
