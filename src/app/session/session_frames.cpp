@@ -1,4 +1,6 @@
 // The frame loop of a session.
+#include <algorithm>
+
 #include "app/process_flags.h"
 #include "app/session/session_board.h"
 #include "app/session/session_state.h"
@@ -10,6 +12,8 @@
 
 namespace ox {
 namespace {
+// Below that pacing would hold back what no encoder can make smaller.
+constexpr uint32_t kMinPacingKbps = 200;
 constexpr std::chrono::seconds kFigurePeriod{2};
 constexpr std::chrono::seconds kPlatformReportPeriod{10};
 }  // namespace
@@ -66,11 +70,11 @@ void Session::apply_requests() {
 
     const uint32_t asked_kbps = signals_.pending_bitrate.exchange(0);
     if (asked_kbps == 0) return;
-    const uint32_t kbps = clamp_bitrate_kbps(asked_kbps);
+    const uint32_t kbps = std::min(asked_kbps, kMaxBitrateKbps);
     const std::vector<pid_t> threads_before = threads_of_process();
     if (encoder_.reconfigure_bitrate(kbps)) {
         raised_.raise_since(threads_before);
-        video_.sender().set_pacing_rate(pacing_rate_bps(kbps));
+        video_.sender().set_pacing_rate(pacing_rate_bps(std::max(kbps, kMinPacingKbps)));
     }
 }
 

@@ -8,6 +8,8 @@
 
 namespace ox {
 
+inline constexpr uint32_t kMaxBitrateKbps = 200'000;
+
 /// The codec a launcher's number stands for; H.264 for every number but 1.
 VideoCodec negotiated_codec(int32_t requested);
 
@@ -15,9 +17,6 @@ VideoCodec negotiated_codec(int32_t requested);
 /// even numbers, which 4:2:0 pictures need), 1..120 frames per second, 200..200000 kbit/s.
 EncoderSettings encoder_settings(const TcpControlServer::RequestedStream& requested,
                                  EncoderBackend backend);
-
-/// A bitrate within what can be encoded, in kbit/s.
-uint32_t clamp_bitrate_kbps(int64_t kbps);
 
 /// What the agent can do for a launcher, as `caps` bits: nothing but reference invalidation, when
 /// it is switched on and some encoder of this build has it.
