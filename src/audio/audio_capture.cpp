@@ -41,8 +41,13 @@ bool AudioCapture::start(int sample_rate, int channels, const std::string& sourc
     channels_ = channels;
     OX_INFO("AudioCapture: parec started (source=%s, %dHz, %dch, %s, pid=%d)",
             source_.empty() ? "default" : source_.c_str(), sample_rate, channels, latency.c_str(),
-            child_.pid());
+            pid());
     return true;
+}
+
+pid_t AudioCapture::pid() const {
+    const std::lock_guard lock(child_mutex_);
+    return child_.pid();
 }
 
 bool AudioCapture::start_recorder(const std::vector<std::string>& argv) {
@@ -62,7 +67,8 @@ bool AudioCapture::start_recorder(const std::vector<std::string>& argv) {
 
 bool AudioCapture::wait_readable(std::chrono::milliseconds limit) const {
     const std::lock_guard lock(child_mutex_);
-    return wait_for_input(limit);
+    // The end of a recording is there to be read, too.
+    return (!child_.is_open() && !stopping_) || wait_for_input(limit);
 }
 
 bool AudioCapture::wait_for_input(std::chrono::milliseconds limit) const {

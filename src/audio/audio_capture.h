@@ -23,8 +23,8 @@ class AudioCapture {
     /// when that is not known), ending an earlier recording. False when there is nothing to start.
     bool start(int sample_rate, int channels, const std::string& source, int latency_ms);
 
-    /// True when there is something to read within `limit`; false at the limit and after
-    /// `request_stop`.
+    /// True when there is something to read within `limit`, or nothing to be expected; false at the
+    /// limit and after `request_stop`.
     bool wait_readable(std::chrono::milliseconds limit) const;
 
     /// Fills `samples` with exactly `frames` x channels samples, or fails: end of the recording, a
@@ -43,7 +43,7 @@ class AudioCapture {
     void stop();
 
     [[nodiscard]] const std::string& source() const { return source_; }
-    [[nodiscard]] pid_t pid() const { return child_.pid(); }
+    [[nodiscard]] pid_t pid() const;
     [[nodiscard]] uint64_t frames_read() const { return frames_read_; }
     [[nodiscard]] uint64_t audible_frames() const { return audible_frames_; }
 

@@ -54,13 +54,21 @@ class RecordingWatch::Server {
     }
 
     [[nodiscard]] Verdict verdict() const {
-        // A recorder takes its time to connect, and so do we.
-        constexpr std::chrono::milliseconds kAppears{250};
-        if (!found_ && SteadyClock::now() - watched_since_ > kAppears) return Verdict::Unwatched;
+        if (!found_) return is_appearing() ? Verdict::Unknown : Verdict::Unwatched;
         if (!source_known_) return Verdict::Unknown;
         if (monitored_sink_.empty()) return Verdict::Elsewhere;
         const bool other_default = !default_sink_.empty() && default_sink_ != monitored_sink_;
         return other_default ? Verdict::DefaultChanged : Verdict::OnMonitor;
+    }
+
+    /// The server may yet name the recording: the recorder has had little time to connect, or a
+    /// question has no answer yet, while the first sound of a recorder that was slow is there.
+    [[nodiscard]] bool is_appearing() const {
+        constexpr std::chrono::milliseconds kAppears{250};
+        constexpr std::chrono::seconds kAnswers{2};
+        const auto now = SteadyClock::now();
+        return now - watched_since_ <= kAppears ||
+               (unanswered_since_ && now - *unanswered_since_ <= kAnswers);
     }
 
     bool connected_or_connecting() {
@@ -76,6 +84,7 @@ class RecordingWatch::Server {
             disconnect();
             return false;
         }
+        unanswered_since_ = now;
         ::pa_context_set_state_callback(context_.get(), &Server::on_state, this);
         ::pa_context_set_subscribe_callback(context_.get(), &Server::on_event, this);
         return true;
@@ -86,6 +95,7 @@ class RecordingWatch::Server {
         loop_.reset();
         output_index_.reset();
         default_sink_.clear();
+        unanswered_since_.reset();
         new_round();
     }
 
@@ -103,6 +113,7 @@ class RecordingWatch::Server {
 
     void ask_for_outputs() {
         asked_round_ = round_;
+        if (!unanswered_since_) unanswered_since_ = SteadyClock::now();
         started(::pa_context_get_source_output_info_list(context_.get(), &Server::on_output, this));
     }
 
@@ -139,7 +150,9 @@ class RecordingWatch::Server {
     static void on_output(pa_context* context, const pa_source_output_info* info, int end,
                           void* self) {
         auto* server = static_cast<Server*>(self);
-        if (end != 0 || info == nullptr || server->asked_round_ != server->round_) return;
+        if (server->asked_round_ != server->round_) return;
+        if (end != 0) server->unanswered_since_.reset();
+        if (end != 0 || info == nullptr) return;
         const char* pid = ::pa_proplist_gets(info->proplist, PA_PROP_APPLICATION_PROCESS_ID);
         if (pid == nullptr || server->pid_ != pid) return;
         server->found_ = true;
@@ -164,7 +177,9 @@ class RecordingWatch::Server {
 
     std::string pid_;  ///< the recording process
     SteadyClock::time_point watched_since_{};
-    bool found_ = false;                    ///< a server has known its recording
+    bool found_ = false;  ///< a server has known its recording
+    /// Since when the server has owed the list of the streams.
+    std::optional<SteadyClock::time_point> unanswered_since_;
     std::optional<uint32_t> output_index_;  ///< its stream at the server, once known
     uint64_t round_ = 0;
     uint64_t asked_round_ = 0;   ///< round of the last question for the streams
