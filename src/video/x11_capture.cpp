@@ -197,6 +197,7 @@ void X11Capture::fill(CapturedFrame& frame) const {
 }
 
 void X11Capture::shutdown() {
+    if (connection_) connection_->begin_close();
     grabber_.reset();
     if (!connection_) return;
     connection_.reset();

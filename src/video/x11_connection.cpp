@@ -77,7 +77,7 @@ XConnection::XConnection(Display* display, Cancelled cancelled)
 }
 
 XConnection::~XConnection() {
-    closing_ = true;
+    begin_close();
     XCloseDisplay(display_);
 }
 

@@ -28,7 +28,7 @@ struct ScreenSize {
 /// them for the whole process. Used by one thread.
 ///
 /// Xlib waits for a server that hangs as long as it hangs. A watchdog hangs up on it once
-/// `cancelled` has been true, or the connection been in its destructor, for a second: the call that
+/// `cancelled` has been true, or the connection been about to close, for a second: the call that
 /// waits then fails, and the connection is lost.
 class XConnection {
   public:
@@ -49,6 +49,9 @@ class XConnection {
 
     /// True once the server is gone: every further call would fail.
     [[nodiscard]] bool lost() const { return lost_; }
+
+    /// Nobody wants pictures any more: from now on the server is waited for a second at the most.
+    void begin_close() { closing_ = true; }
 
     /// Empties the event queue without a round trip to the server. The root window's newest size if
     /// one was announced since the last call.

@@ -134,8 +134,10 @@ TEST(X11Capture, WaitsForNoServerThatHangsOnceNobodyWantsThePicture) {
     const LogCapture log;
     std::atomic<bool> cancelled{false};
     X11Capture capture(server->display(), {}, [&] { return cancelled.load(); });
-    ASSERT_TRUE(capture.init()) << log.text();
+    X11Capture wanted(server->display());
+    ASSERT_TRUE(capture.init() && wanted.init()) << log.text();
     server->process().signal(SIGSTOP);
+    wanted.shutdown();
     cancelled = true;
     CapturedFrame frame;
     EXPECT_EQ(capture.capture_frame(frame), 1);
