@@ -171,7 +171,7 @@ bool SaasConnector::connect_and_run() {
     send_register();
     resend_cached();
     const bool usable = serve(link);
-    if (send_queued(link) && usable) link.say_goodbye();
+    if (send_queued(link) && usable) transport->say_goodbye();
     close_code_ = link.close_code();
     close_reason_ = link.close_reason();
     return true;

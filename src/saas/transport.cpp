@@ -177,6 +177,17 @@ ssize_t Transport::write_all(std::span<const uint8_t> bytes) {
     return broken_ ? -1 : static_cast<ssize_t>(written);
 }
 
+void Transport::say_goodbye() {
+    if (broken_) return;
+    if (tls_) tls_->send_close_notify();
+    ::shutdown(socket_.get(), SHUT_WR);
+    const auto deadline = SteadyClock::now() + limits_.goodbye;
+    std::array<uint8_t, 16'384> unread{};
+    while (until(deadline) > milliseconds(0)) {
+        if (wait_readable(until(deadline)) != Wait::Ready || read(unread) == 0) return;
+    }
+}
+
 IoResult Transport::read_some(std::span<uint8_t> buffer) {
     if (!socket_) return {IoStatus::Failed, 0};
     if (tls_) return tls_->read(buffer);

@@ -25,6 +25,7 @@ class Transport {
         Milliseconds connect{10'000};        ///< for each address
         Milliseconds tls_handshake{15'000};  ///< in all
         Milliseconds write{15'000};          ///< for each `write_all`
+        Milliseconds goodbye{200};           ///< for the backend to end its side, too
     };
 
     enum class Wait {
@@ -52,6 +53,11 @@ class Transport {
 
     /// Writes everything and returns its size, or -1: then the stream is unusable.
     ssize_t write_all(std::span<const uint8_t> bytes);
+
+    /// Ends what the agent sends and takes in, unread, what the backend still does: a socket that
+    /// is closed with bytes in it takes what was sent last with it. Nothing can be written
+    /// afterwards.
+    void say_goodbye();
 
     /// Frees the TLS session and closes the socket. May be called twice.
     void close();

@@ -120,21 +120,6 @@ WsLink::Receive WsLink::ws_recv_message(std::string& message) {
     }
 }
 
-void WsLink::say_goodbye() {
-    constexpr std::string_view kGoingAway = "\x03\xE9";  // 1001, big-endian
-    if (!ws_send_frame(kGoingAway, WsOpcode::Close)) return;
-    const auto deadline = SteadyClock::now() + limits_.goodbye;
-    for (WsFrame frame;;) {
-        while (decoder_.next(frame) == WsFrameDecoder::Result::Frame) {
-            if (frame.opcode == static_cast<uint8_t>(WsOpcode::Close)) return;
-        }
-        unexamined_ = false;
-        const auto left = std::chrono::ceil<milliseconds>(deadline - SteadyClock::now());
-        if (left <= milliseconds(0)) return;
-        if (transport_.wait_readable(left) != Transport::Wait::Ready || !read_available()) return;
-    }
-}
-
 bool WsLink::frame_stalled() const {
     return frame_waited_ >= limits_.frame_rest;
 }

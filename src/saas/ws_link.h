@@ -12,9 +12,8 @@
 namespace ox {
 
 /// The WebSocket on top of one open transport, client side (RFC 6455), as far as the backend uses
-/// it: no extensions, no subprotocols. A close frame of the backend gets none in reply; the agent's
-/// own goes out when it stops. The connector's worker owns
-/// it and alone calls it.
+/// it: no extensions, no subprotocols, no close frame, not even in reply to one. The connector's
+/// worker owns it and alone calls it.
 class WsLink {
   public:
     using Milliseconds = std::chrono::milliseconds;
@@ -22,7 +21,6 @@ class WsLink {
     struct Limits {
         Milliseconds upgrade{15'000};    ///< until the answer's head is complete
         Milliseconds frame_rest{5'000};  ///< without a further byte of a frame that has begun
-        Milliseconds goodbye{200};       ///< for the backend's answer to our close frame
     };
 
     enum class Receive {
@@ -49,10 +47,6 @@ class WsLink {
 
     /// Takes the next message out of what has been read; answers pings on the way.
     Receive ws_recv_message(std::string& message);
-
-    /// Tells the backend that the agent goes away, and gives it a moment to answer or to end the
-    /// connection: a socket that is closed with unread bytes takes what was sent last with it.
-    void say_goodbye();
 
     /// A frame has begun and nothing more of it has come for longer than allowed.
     [[nodiscard]] bool frame_stalled() const;
