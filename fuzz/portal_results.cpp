@@ -25,6 +25,7 @@ namespace portal = ox::portal;
 using Bytes = std::span<const uint8_t>;
 
 constexpr uint32_t kSerial = 3;
+constexpr const char* kRequest = "/org/freedesktop/portal/desktop/request/1_5/oxreq_1";
 
 /// The first message in `bytes`, which loses it; null when there is none that a bus would deliver.
 ox::DBusMessagePtr take_message(Bytes& bytes) {
@@ -38,8 +39,7 @@ ox::DBusMessagePtr take_message(Bytes& bytes) {
 /// The bytes of a Response signal up to its body.
 std::string response_header() {
     const ox::DBusMessagePtr signal(
-        dbus_message_new_signal("/org/freedesktop/portal/desktop/request/1_5/oxreq_1",
-                                "org.freedesktop.portal.Request", "Response"));
+        dbus_message_new_signal(kRequest, "org.freedesktop.portal.Request", "Response"));
     dbus_message_set_serial(signal.get(), 7);
     DBusMessageIter arguments;
     DBusMessageIter results;
@@ -68,7 +68,7 @@ void use(const portal::Response& response) {
 }
 
 void messages(Bytes bytes) {
-    portal::PendingRequest pending(kSerial);
+    portal::PendingRequest pending(kSerial, kRequest);
     while (const auto message = take_message(bytes)) {
         const auto state = pending.take(*message);
         if (state == portal::PendingRequest::State::Waiting) continue;
