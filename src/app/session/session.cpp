@@ -171,7 +171,8 @@ std::string Session::announce_stream() {
         OX_ERROR("Session: no video session key — refusing to stream");
         return "no_video_key";
     }
-    video_.sender().wait_for_probe(kProbeWaitSeconds, [this] { return stop_requested(); });
+    // A panic stop or the launcher's goodbye is as good a reason not to wait as a shutdown.
+    video_.sender().wait_for_probe(kProbeWaitSeconds, [this] { return leave_requested(); });
 
     if (SaasConnector* connector = platform()) {
         connector->send_session_ready(request_.session_id, "0.0.0.0", port(0),
