@@ -25,7 +25,7 @@ struct AuthMessage {
     ~AuthMessage();
 };
 
-/// Why a line is no auth message. Both texts are fit for the log: printable, short, without token.
+/// Why a line is no auth message. Both texts are fit for the log: printable, without token.
 struct AuthError {
     enum class Kind : uint8_t {
         malformed,   ///< no JSON object, or a field of the wrong type; `text` says which

@@ -5,8 +5,7 @@
 namespace ox {
 
 std::string printable(std::string_view text) {
-    constexpr int kLongest = 256;
-    return tui::text::clip(tui::text::printable(text), kLongest);
+    return tui::text::printable(text);
 }
 
 std::string without_input(std::string_view error_message) {

@@ -5,9 +5,8 @@
 
 namespace ox {
 
-/// `text` from outside as it may be logged: at most 256 columns, an ellipsis if there was more, and
-/// nothing that does not show, so that a launcher can neither forge log lines nor drive the
-/// terminal.
+/// `text` from outside as it may be logged: nothing that does not show, so that a launcher can
+/// neither forge log lines nor drive the terminal. The log bounds the length of its lines itself.
 std::string printable(std::string_view text);
 
 /// What a JSON library's error message may tell the log. Its quotes of the input are cut off: a
