@@ -76,7 +76,7 @@ void mask_range(std::string& text, size_t at, size_t end) {
 std::string loggable(std::string_view text, size_t max, std::string_view secret) {
     // The secret goes first: a cut could leave a half of it that is no longer recognised.
     std::string shown(text);
-    if (!secret.empty()) {
+    if (secret.size() >= kShortestSecret) {
         for (size_t at = shown.find(secret); at != shown.npos; at = shown.find(secret, at + 1)) {
             std::fill_n(shown.begin() + static_cast<std::ptrdiff_t>(at), secret.size(), kMask);
         }

@@ -6,10 +6,14 @@
 
 namespace ox {
 
-inline constexpr size_t kMaxLoggedText = 512;
+/// No log line takes more.
+inline constexpr size_t kMaxLoggedText = 2047;
+/// A shorter secret is not masked: it protects nothing and would be found in ordinary words.
+inline constexpr size_t kShortestSecret = 16;
 
 /// `text` from outside as it may be logged: at most `max` bytes, in one line, no control
-/// characters, valid UTF-8, and `secret` (when not empty) masked wherever it occurs.
+/// characters, valid UTF-8, and `secret` (from `kShortestSecret` bytes on) masked wherever it
+/// occurs.
 std::string loggable(std::string_view text, size_t max = kMaxLoggedText,
                      std::string_view secret = {});
 

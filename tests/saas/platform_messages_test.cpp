@@ -121,9 +121,12 @@ TEST(LogText, SecretMembersAreMaskedInPlace) {
 
 TEST(LogText, NothingFromOutsideForgesALine) {
     EXPECT_EQ(loggable("a\r\nb\x1b[2J\x7f"), "a b[2J");
-    EXPECT_EQ(loggable("t0ken and t0ken", 100, "t0ken"), "***** and *****");
-    EXPECT_EQ(loggable("xxxt0ken", 6, "t0ken"), "xxx***");
-    EXPECT_EQ(loggable("ab\xD1\x8F", 3), "ab");  // no half characters
+    const std::string secret(kShortestSecret, 's');
+    EXPECT_EQ(loggable("x " + secret + " y " + secret, 100, secret),
+              "x **************** y ****************");
+    EXPECT_EQ(loggable("xxx" + secret, 6, secret), "xxx***");
+    EXPECT_EQ(loggable("replaced", 100, "a"), "replaced");  // too short to be worth it
+    EXPECT_EQ(loggable("ab\xD1\x8F", 3), "ab");             // no half characters
 }
 
 TEST(PlatformUrl, SplitsAndTellsABadSchemeFromABadAuthority) {
