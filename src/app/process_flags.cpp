@@ -37,6 +37,11 @@ void install_signal_handler(int signal, void (*handler)(int)) {
     action.sa_handler = handler;
     ::sigemptyset(&action.sa_mask);
     ::sigaction(signal, &action, nullptr);
+    // A parent's mask is inherited: what it blocked for itself would never stop the agent.
+    sigset_t handled;
+    ::sigemptyset(&handled);
+    ::sigaddset(&handled, signal);
+    ::pthread_sigmask(SIG_UNBLOCK, &handled, nullptr);
 }
 
 bool is_ignored(int signal) {
