@@ -117,12 +117,21 @@ void expect_all_of_a_session(bool lossy) {
     Options options = options_for(agent.port_base());
     options.audio = lossy;
     options.codec = lossy ? Codec::H264 : Codec::Hevc;
-    options.seconds = lossy ? 4 : 1.5;
+    options.seconds = lossy ? 30 : 1.5;
     options.save_stream = folder.file("stream.mkv");
     options.save_frame = folder.file("frame.png");
     options.bitrate_changes = {{.kbps = 1234, .at_seconds = 0.3}};
     int reports = 0;
-    const Summary summary = Session(options, nullptr, [&](const Progress&) { ++reports; }).run();
+    int seconds_with_pictures = 0;
+    bool enough = false;  // which of the packets are lost is chance
+    const auto on_progress = [&](const Progress& progress) {
+        ++reports;
+        if (progress.fps > 0) ++seconds_with_pictures;
+        enough = lossy && progress.frames_lost > 0 && seconds_with_pictures >= 3;
+    };
+    const Summary summary = Session(
+                                options, [&] { return enough; }, on_progress)
+                                .run();
     ASSERT_EQ(summary.status, ExitStatus::Ok) << summary.error;
     EXPECT_TRUE(agent.wait_for_log("Session: set_settings bitrate=1234kbps"));
     EXPECT_TRUE(agent.wait_for_log("Standalone session ended: client_end_session"));
@@ -134,7 +143,7 @@ void expect_all_of_a_session(bool lossy) {
     EXPECT_EQ(stream.undecryptable, 0U);
     EXPECT_EQ(decode.frames_decoded + stream.frames_withheld + summary.receive.queue_drops,
               stream.assembly.frames_complete);
-    EXPECT_GE(decode.frames_decoded, 5U);
+    EXPECT_GE(decode.frames_decoded, 3U);
     EXPECT_EQ(decode.stamps.read, decode.frames_decoded);
     EXPECT_EQ(decode.decode_errors + decode.stamps.invented + decode.stamps.out_of_order, 0U);
     EXPECT_GT(decode.latency.samples(), 0U);
