@@ -79,6 +79,7 @@ bool TcpControlServer::handshake(uint16_t port, const AbortPredicate& abort, int
     wipe(line);
     if (!accepted) return false;
     generate_session_keys();
+    if (before_ready) before_ready();
     if (!send_session_ready()) {
         OX_ERROR("TcpControlServer: failed to send session_ready");
         return fail("AUTH_FAIL");

@@ -63,9 +63,10 @@ class TcpControlServer {
     void close();
 
     // Set by the owner before the handshake.
-    std::vector<uint8_t> master_key;    ///< 32 bytes from the platform, or empty; wiped at the end
-    std::string expected_token_sha256;  ///< hex; empty refuses every launcher
-    uint32_t host_caps = 0;             ///< capabilities the agent has, `caps` bits
+    std::vector<uint8_t> master_key;     ///< 32 bytes from the platform, or empty; wiped at the end
+    std::string expected_token_sha256;   ///< hex; empty refuses every launcher
+    uint32_t host_caps = 0;              ///< capabilities the agent has, `caps` bits
+    std::function<void()> before_ready;  ///< runs when an accepted launcher is about to be told
 
     // Set by the owner before `start_async_read`; run on the reader thread; any may be empty. They
     // must not throw and must not call `close`.

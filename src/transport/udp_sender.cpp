@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstring>
 #include <system_error>
+#include <utility>
 
 #include "base/sleep.h"
 #include "log/log.h"
@@ -38,6 +39,22 @@ const sockaddr* as_sockaddr(const sockaddr_in& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
+UniqueFd make_socket() {
+    UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const int on = 1;
+    if (socket) ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    return socket;
+}
+
+/// False with `errno` set when the port cannot be had.
+bool bind_socket(const UniqueFd& socket, uint16_t port) {
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(INADDR_ANY);
+    local.sin_port = htons(port);
+    return ::bind(socket.get(), as_sockaddr(local), sizeof local) == 0;
+}
+
 const char* probe_name(ProbeKind kind) {
     return kind == ProbeKind::Legacy ? "legacy (1-byte)" : "hole-punch";
 }
@@ -58,18 +75,19 @@ UdpSender::~UdpSender() {
 
 bool UdpSender::open(const std::string& dest_ip, uint16_t dest_port, uint16_t src_port) {
     close();
-    socket_.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!socket_) {
-        OX_ERROR("UdpSender: socket() failed: %s", std::strerror(errno));
-        return false;
+    if (!adopt_reserved(src_port)) {
+        socket_ = make_socket();
+        if (!socket_) {
+            OX_ERROR("UdpSender: socket() failed: %s", std::strerror(errno));
+            return false;
+        }
+        if (src_port != 0 && !bind_to(src_port)) {
+            socket_.reset();
+            return false;
+        }
     }
-    const int on = 1;
-    ::setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    local_port_ = 0;
-    if (src_port != 0 && !bind_to(src_port)) {
-        socket_.reset();
-        return false;
-    }
+    if (src_port != 0) tui::board().clear_port(src_port);
+    local_port_ = src_port;
     enlarge_send_buffer();
     ::setsockopt(socket_.get(), IPPROTO_IP, IP_TOS, &kExpeditedForwarding,
                  sizeof kExpeditedForwarding);
@@ -96,20 +114,25 @@ bool UdpSender::open(const std::string& dest_ip, uint16_t dest_port, uint16_t sr
     return true;
 }
 
-bool UdpSender::bind_to(uint16_t port) {
-    sockaddr_in local{};
-    local.sin_family = AF_INET;
-    local.sin_addr.s_addr = htonl(INADDR_ANY);
-    local.sin_port = htons(port);
-    if (::bind(socket_.get(), as_sockaddr(local), sizeof local) != 0) {
-        const int error = errno;
-        OX_ERROR("UdpSender: bind :%u failed: %s", port, std::strerror(error));
-        if (error == EADDRINUSE) tui::board().raise(tui::Alert::PortBusy, port);
-        return false;
-    }
-    tui::board().clear_port(port);
-    local_port_ = port;
+void UdpSender::reserve(uint16_t src_port) {
+    reserved_ = make_socket();
+    reserved_port_ = src_port;
+    if (reserved_ && !bind_socket(reserved_, src_port)) reserved_.reset();
+}
+
+bool UdpSender::adopt_reserved(uint16_t port) {
+    UniqueFd reserved = std::move(reserved_);
+    if (!reserved || port == 0 || port != reserved_port_) return false;
+    socket_ = std::move(reserved);
     return true;
+}
+
+bool UdpSender::bind_to(uint16_t port) {
+    if (bind_socket(socket_, port)) return true;
+    const int error = errno;
+    OX_ERROR("UdpSender: bind :%u failed: %s", port, std::strerror(error));
+    if (error == EADDRINUSE) tui::board().raise(tui::Alert::PortBusy, port);
+    return false;
 }
 
 void UdpSender::enlarge_send_buffer() {

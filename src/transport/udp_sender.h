@@ -30,6 +30,10 @@ class UdpSender {
     UdpSender(const UdpSender&) = delete;
     UdpSender& operator=(const UdpSender&) = delete;
 
+    /// Binds `src_port` already, without a word, so that no probe is too early for the `open` that
+    /// follows with the same port. What fails here is told there.
+    void reserve(uint16_t src_port);
+
     /// Binds `src_port` (0: the kernel picks one at the first send) and aims at `dest_ip` (dotted
     /// IPv4) and `dest_port`. False with an error line when anything fails; a busy port also raises
     /// the board's alert. An open sender is closed first; the counters run on.
@@ -66,6 +70,7 @@ class UdpSender {
     [[nodiscard]] uint64_t pacing_overruns() const { return pacing_overruns_; }
 
   private:
+    bool adopt_reserved(uint16_t port);
     bool bind_to(uint16_t port);
     void enlarge_send_buffer();
     void probe_loop();
@@ -74,6 +79,8 @@ class UdpSender {
     [[nodiscard]] sockaddr_in active_destination() const;
     void pace(size_t length);
 
+    UniqueFd reserved_;
+    uint16_t reserved_port_ = 0;
     UniqueFd socket_;
     uint16_t local_port_ = 0;
     sockaddr_in configured_dest_{};  ///< the launcher's TCP peer address and the agreed port

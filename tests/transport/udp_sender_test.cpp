@@ -78,6 +78,16 @@ TEST_F(UdpSenderTest, SendsHeaderAndPayloadUpToTheLargestDatagram) {
     EXPECT_EQ(log.count("INFO", "UdpSender: closed (pkts=1 bytes=1264 errs=0)"), 1);
 }
 
+TEST_F(UdpSenderTest, AProbeFromBeforeTheOpeningCountsOnAReservedPort) {
+    sender.close();
+    sender.reserve(port);
+    other.send("OXP1", port);
+    ASSERT_TRUE(sender.open("127.0.0.1", launcher.port, port));
+    sender.start_probe_listener();
+    EXPECT_TRUE(sender.wait_for_probe(10, {}));
+    EXPECT_EQ(locked_on(other), 1);
+}
+
 TEST_F(UdpSenderTest, TokenProbeMovesTheDestination) {
     const std::string token = "TOKEN678 and what follows";
     sender.set_probe_token(reinterpret_cast<const uint8_t*>(token.data()), token.size());

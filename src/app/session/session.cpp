@@ -61,10 +61,15 @@ std::string Session::wait_for_launcher() {
     control_.master_key = request_.key_material;
     control_.expected_token_sha256 = request_.expected_token_sha256;
     control_.host_caps = host_caps(options_.media_rfi);
-    if (!control_.accept_and_handshake(
-            control_port(), [this] { return stop_requested(); }, 0)) {
-        return kHandshakeFailed + control_.last_error;
-    }
+    // A launcher may send its only probe as soon as it has its keys.
+    control_.before_ready = [this] {
+        video_.sender().reserve(port(kVideoLocalPortOffset));
+        audio_.reserve(port(kAudioLocalPortOffset));
+    };
+    const bool accepted = control_.accept_and_handshake(
+        control_port(), [this] { return stop_requested(); }, 0);
+    control_.before_ready = nullptr;
+    if (!accepted) return kHandshakeFailed + control_.last_error;
     launcher_ = control_.remote_address();
     if (launcher_.empty()) {
         OX_ERROR("Session: no UDP destination (no TCP peer?) — aborting");

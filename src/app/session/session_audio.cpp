@@ -4,6 +4,10 @@
 
 namespace ox {
 
+void SessionAudio::reserve(uint16_t local_port) {
+    if (options_.audio) sender_.reserve(local_port);
+}
+
 void SessionAudio::open(const std::string& launcher, uint16_t dest_port, uint16_t local_port) {
     if (options_.audio) {
         if (sender_.open(launcher, dest_port, local_port)) {

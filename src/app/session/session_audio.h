@@ -20,12 +20,13 @@ class SessionAudio {
 
     explicit SessionAudio(const Options& options) : options_(options) {}
 
+    /// With sound asked for: keeps the sender's port for the `open` that follows.
+    void reserve(uint16_t local_port);
     /// With sound asked for: binds the sender. Says what parity is on or ignored.
     void open(const std::string& launcher, uint16_t dest_port, uint16_t local_port);
     /// Starts the stream when the sender is open. Says why when it cannot.
     void start(const std::vector<uint8_t>& key);
-    /// After a reconnect: the stream goes on under `key`, and the sender looks out for a probe from
-    /// another place.
+    /// After a reconnect: the stream goes on under `key`.
     void resume(const std::vector<uint8_t>& key);
     /// Ends the stream, then the sender.
     void close();
