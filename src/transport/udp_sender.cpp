@@ -75,17 +75,7 @@ UdpSender::~UdpSender() {
 
 bool UdpSender::open(const std::string& dest_ip, uint16_t dest_port, uint16_t src_port) {
     close();
-    if (!adopt_reserved(src_port)) {
-        socket_ = make_socket();
-        if (!socket_) {
-            OX_ERROR("UdpSender: socket() failed: %s", std::strerror(errno));
-            return false;
-        }
-        if (src_port != 0 && !bind_to(src_port)) {
-            socket_.reset();
-            return false;
-        }
-    }
+    if (!adopt_reserved(src_port) && !bind_anew(src_port)) return false;
     if (src_port != 0) tui::board().clear_port(src_port);
     local_port_ = src_port;
     enlarge_send_buffer();
@@ -127,11 +117,17 @@ bool UdpSender::adopt_reserved(uint16_t port) {
     return true;
 }
 
-bool UdpSender::bind_to(uint16_t port) {
-    if (bind_socket(socket_, port)) return true;
+bool UdpSender::bind_anew(uint16_t port) {
+    socket_ = make_socket();
+    if (!socket_) {
+        OX_ERROR("UdpSender: socket() failed: %s", std::strerror(errno));
+        return false;
+    }
+    if (port == 0 || bind_socket(socket_, port)) return true;
     const int error = errno;
     OX_ERROR("UdpSender: bind :%u failed: %s", port, std::strerror(error));
     if (error == EADDRINUSE) tui::board().raise(tui::Alert::PortBusy, port);
+    socket_.reset();
     return false;
 }
 

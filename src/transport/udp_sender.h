@@ -71,7 +71,7 @@ class UdpSender {
 
   private:
     bool adopt_reserved(uint16_t port);
-    bool bind_to(uint16_t port);
+    bool bind_anew(uint16_t port);
     void enlarge_send_buffer();
     void probe_loop();
     bool read_probe();
@@ -79,7 +79,7 @@ class UdpSender {
     [[nodiscard]] sockaddr_in active_destination() const;
     void pace(size_t length);
 
-    UniqueFd reserved_;
+    UniqueFd reserved_;  ///< bound to `reserved_port_`, for the next `open`
     uint16_t reserved_port_ = 0;
     UniqueFd socket_;
     uint16_t local_port_ = 0;

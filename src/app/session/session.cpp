@@ -70,6 +70,7 @@ std::string Session::wait_for_launcher() {
         control_port(), [this] { return stop_requested(); }, 0);
     control_.before_ready = nullptr;
     if (!accepted) return kHandshakeFailed + control_.last_error;
+    awake_.emplace();
     launcher_ = control_.remote_address();
     if (launcher_.empty()) {
         OX_ERROR("Session: no UDP destination (no TCP peer?) — aborting");
@@ -78,19 +79,14 @@ std::string Session::wait_for_launcher() {
     const auto& asked = control_.requested;
     OX_INFO("Session start: dest=%s codec=%d %dx%d@%dfps %dkbps", launcher_.c_str(), asked.codec,
             asked.width, asked.height, asked.fps, asked.bitrate);
+    session_board::launcher_authenticated(request_.session_id, launcher_);
     return {};
 }
 
 std::string Session::open_media() {
-    // Before anything that can wait: the launcher's probes are on their way.
-    const bool opened = video_.open(launcher_, port(0), port(kVideoLocalPortOffset));
-    if (opened) {
-        video_.sender().start_probe_listener();
-        audio_.open(launcher_, port(kAudioPortOffset), port(kAudioLocalPortOffset));
-    }
-    awake_.emplace();
-    session_board::launcher_authenticated(request_.session_id, launcher_);
-    if (!opened) return "udp_open_failed";
+    if (!video_.open(launcher_, port(0), port(kVideoLocalPortOffset))) return "udp_open_failed";
+    video_.sender().start_probe_listener();
+    audio_.open(launcher_, port(kAudioPortOffset), port(kAudioLocalPortOffset));
     audio_.start(control_.keys.audio_key);
     return {};
 }

@@ -12,8 +12,6 @@
 
 namespace ox {
 namespace {
-// Below that pacing would hold back what no encoder can make smaller.
-constexpr uint32_t kMinPacingKbps = 200;
 constexpr std::chrono::seconds kFigurePeriod{2};
 constexpr std::chrono::seconds kPlatformReportPeriod{10};
 }  // namespace
@@ -74,7 +72,8 @@ void Session::apply_requests() {
     const std::vector<pid_t> threads_before = threads_of_process();
     if (encoder_.reconfigure_bitrate(kbps)) {
         raised_.raise_since(threads_before);
-        video_.sender().set_pacing_rate(pacing_rate_bps(std::max(kbps, kMinPacingKbps)));
+        // Slower, pacing would hold back what no encoder can make smaller.
+        video_.sender().set_pacing_rate(pacing_rate_bps(std::max(kbps, kMinBitrateKbps)));
     }
 }
 

@@ -28,7 +28,7 @@ EncoderSettings encoder_settings(const TcpControlServer::RequestedStream& reques
             .width = even_pixels(requested.width),
             .height = even_pixels(requested.height),
             .fps = clamp_to(requested.fps, 1, 120),
-            .bitrate_kbps = clamp_to(requested.bitrate, 200, kMaxBitrateKbps)};
+            .bitrate_kbps = clamp_to(requested.bitrate, kMinBitrateKbps, kMaxBitrateKbps)};
 }
 
 uint32_t host_caps(bool media_rfi) {

@@ -8,6 +8,7 @@
 
 namespace ox {
 
+inline constexpr uint32_t kMinBitrateKbps = 200;
 inline constexpr uint32_t kMaxBitrateKbps = 200'000;
 
 /// The codec a launcher's number stands for; H.264 for every number but 1.
