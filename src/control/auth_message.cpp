@@ -5,6 +5,7 @@
 #include "control/json_fields.h"
 #include "control/log_text.h"
 #include "control/wipe.h"
+#include "tui/text.h"
 
 namespace ox {
 
@@ -18,7 +19,8 @@ std::optional<AuthError> parse_auth_message(std::string_view line, AuthMessage& 
         const bool has_type = object.contains("type");
         const std::string type = take_text(object, "type");
         if (type != "auth") {
-            return AuthError{AuthError::Kind::wrong_type, has_type ? printable(type) : "unknown"};
+            return AuthError{AuthError::Kind::wrong_type,
+                             has_type ? tui::text::printable(type) : "unknown"};
         }
         const AuthMessage defaults;
         message.token = take_text(object, "token");

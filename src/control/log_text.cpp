@@ -1,12 +1,6 @@
 #include "control/log_text.h"
 
-#include "tui/text.h"
-
 namespace ox {
-
-std::string printable(std::string_view text) {
-    return tui::text::printable(text);
-}
 
 std::string without_input(std::string_view error_message) {
     // The two places where the library quotes what it read: bad tokens and numbers out of range.

@@ -17,7 +17,6 @@
 #include "control/auth_reader.h"
 #include "control/capabilities.h"
 #include "control/client_socket.h"
-#include "control/log_text.h"
 #include "control/port_check.h"
 #include "control/session_ready.h"
 #include "control/token_check.h"
@@ -26,6 +25,7 @@
 #include "control/wipe.h"
 #include "log/log.h"
 #include "tui/board.h"
+#include "tui/text.h"
 
 namespace ox {
 namespace {
@@ -227,7 +227,7 @@ void TcpControlServer::choose_udp_ip(const std::string& reported) {
             OX_WARN(
                 "TcpControlServer: udp_ip '%s' is a different public address from TCP '%s' — "
                 "ignoring override",
-                printable(reported).c_str(), tcp_remote_ip.c_str());
+                tui::text::printable(reported).c_str(), tcp_remote_ip.c_str());
             udp_ip = tcp_remote_ip;
             return;
     }

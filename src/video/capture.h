@@ -15,6 +15,12 @@ namespace ox {
 /// the width is odd. All memory that holds pictures has that many readable bytes more.
 inline constexpr size_t kReadSlack = 64;
 
+/// Gives `pixels` that many bytes, and the slack behind them.
+inline void resize_with_slack(std::vector<uint8_t>& pixels, size_t bytes) {
+    pixels.reserve(bytes + kReadSlack);
+    pixels.resize(bytes);
+}
+
 /// One picture: width x height pixels, 4 bytes each in the order B, G, R, A, no row padding.
 ///
 /// The pixels lie in `data`, or, where a backend can lend them without a copy, in memory that

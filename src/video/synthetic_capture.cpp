@@ -77,8 +77,8 @@ bool SyntheticCapture::init() {
 int SyntheticCapture::capture_frame(CapturedFrame& frame) {
     if (base_.empty()) return 1;
     frame.lent.reset();
-    frame.data.reserve(base_.size() + kReadSlack);
-    frame.data.assign(base_.begin(), base_.end());
+    resize_with_slack(frame.data, base_.size());
+    std::ranges::copy(base_, frame.data.begin());
     frame.width = width_;
     frame.height = height_;
 

@@ -182,8 +182,7 @@ void X11Capture::fill(CapturedFrame& frame) const {
             return;
         }
     }
-    frame.data.reserve(row_bytes * height_ + kReadSlack);
-    frame.data.resize(row_bytes * height_);
+    resize_with_slack(frame.data, row_bytes * height_);
     for (uint32_t y = 0; y < height_; ++y) {
         uint8_t* out = frame.data.data() + y * row_bytes;
         if (direct_bgra_) {

@@ -54,8 +54,7 @@ std::unique_ptr<LatestPicture::Buffer> LatestPicture::take_buffer(size_t bytes) 
     // One of another size goes; what remains of the old size goes the same way.
     if (!buffer || buffer->size() != bytes) {
         buffer = std::make_unique<Buffer>();
-        buffer->reserve(bytes + kReadSlack);
-        buffer->resize(bytes);
+        resize_with_slack(*buffer, bytes);
     }
     return buffer;
 }
