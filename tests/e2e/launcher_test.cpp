@@ -129,9 +129,9 @@ void expect_all_of_a_session(bool lossy) {
         if (progress.fps > 0) ++seconds_with_pictures;
         enough = lossy && progress.frames_lost > 0 && seconds_with_pictures >= 3;
     };
-    const Summary summary = Session(
-                                options, [&] { return enough; }, on_progress)
-                                .run();
+    Session session(
+        options, [&] { return enough; }, on_progress);
+    const Summary summary = session.run();
     ASSERT_EQ(summary.status, ExitStatus::Ok) << summary.error;
     EXPECT_TRUE(agent.wait_for_log("Session: set_settings bitrate=1234kbps"));
     EXPECT_TRUE(agent.wait_for_log("Standalone session ended: client_end_session"));
