@@ -3,11 +3,16 @@
 add_library(ox_build_settings INTERFACE)
 target_compile_options(ox_build_settings INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wnon-virtual-dtor -Wold-style-cast
-  -Woverloaded-virtual -Werror)
-# GCC 12 sees overlapping copies in any concatenation of a literal and a string, and comparisons of
-# impossible length in inlined ones of vectors (GCC bugs 105651 and 105329).
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-  target_compile_options(ox_build_settings INTERFACE -Wno-restrict -Wno-stringop-overread)
+  -Woverloaded-virtual)
+# GCC 12 sees overlapping copies in any concatenation of a literal and a string (GCC bug 105651), it
+# and the next two comparisons of impossible length in inlined ones of vectors (105329).
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  if(CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    target_compile_options(ox_build_settings INTERFACE -Wno-restrict)
+  endif()
+  if(CMAKE_CXX_COMPILER_VERSION VERSION_LESS 15)
+    target_compile_options(ox_build_settings INTERFACE -Wno-stringop-overread)
+  endif()
 endif()
 if(OX_SANITIZE)
   target_compile_options(ox_build_settings INTERFACE

@@ -17,5 +17,5 @@ issue() {
 }
 issue name 30 DNS:localhost
 issue address 30 IP:127.0.0.1
-issue expired -1 DNS:localhost
+issue expired 0 DNS:localhost
 issue other_name 30 DNS:other.example

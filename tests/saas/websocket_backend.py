@@ -26,8 +26,11 @@ def server_context():
 
 
 async def converse(connection):
-    report("path", connection.path)
-    report("token", connection.request_headers.get("agent-token"))
+    # Since version 14 the connection keeps the request as an object.
+    request = getattr(connection, "request", None)
+    headers = request.headers if request else connection.request_headers
+    report("path", request.path if request else connection.path)
+    report("token", headers.get("agent-token"))
     report("message", await connection.recv())
     await connection.send('{"type":"ping"}')
     # One message in three frames, with a control frame in between.

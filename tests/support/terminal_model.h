@@ -16,7 +16,7 @@ class TerminalModel {
     TerminalModel(int columns, int rows) : terminal_(vterm_new(rows, columns), vterm_free) {
         static VTermScreenCallbacks screen{};
         screen.settermprop = set_property;
-        static VTermParserCallbacks unknown{};
+        static Fallbacks unknown{};
         unknown.control = [](unsigned char control, void* self) { return note(self, control); };
         unknown.csi = [](const char*, const long*, int, const char*, char command, void* self) {
             return note(self, command);
@@ -64,6 +64,12 @@ class TerminalModel {
     [[nodiscard]] const std::string& unknown() const { return unknown_; }
 
   private:
+#if VTERM_VERSION_MAJOR == 0 && VTERM_VERSION_MINOR < 3
+    using Fallbacks = VTermParserCallbacks;
+#else
+    using Fallbacks = VTermStateFallbacks;
+#endif
+
     static int set_property(VTermProp property, VTermValue* value, void* self) {
         auto& model = *static_cast<TerminalModel*>(self);
         if (property == VTERM_PROP_ALTSCREEN) model.alternate_ = value->boolean != 0;
