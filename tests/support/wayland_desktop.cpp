@@ -59,6 +59,9 @@ std::unique_ptr<WaylandDesktop> WaylandDesktop::start() {
         !listening(*desktop->pipewire_, desktop->pipewire_socket())) {
         return nullptr;
     }
+    // Its own settings: what else it would look after may be missing, and then it does not start.
+    std::filesystem::create_directory_symlink(OX_TEST_WIREPLUMBER,
+                                              desktop->dir_.file("wireplumber"));
     desktop->run(desktop->session_manager_, {"wireplumber"});
     return desktop;
 }
