@@ -1,19 +1,30 @@
-# Look-up of the system libraries. scripts/setup.sh installs all of them.
+# Look-up of the system libraries. scripts/setup.sh installs all of them. The versions are those of
+# Debian 12; nothing older is tested.
 
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 find_package(nlohmann_json 3.11 REQUIRED)
 find_package(OpenSSL 3.0 REQUIRED)
 
-pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
-pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET libavcodec libavutil libswscale)
-pkg_check_modules(AVFORMAT REQUIRED IMPORTED_TARGET libavformat)
-pkg_check_modules(OPUS REQUIRED IMPORTED_TARGET opus)
-pkg_check_modules(PULSE REQUIRED IMPORTED_TARGET libpulse)
-pkg_check_modules(X11 REQUIRED IMPORTED_TARGET x11 xext)
-pkg_check_modules(XAU REQUIRED IMPORTED_TARGET xau)
-pkg_check_modules(DBUS REQUIRED IMPORTED_TARGET dbus-1)
-pkg_check_modules(PIPEWIRE REQUIRED IMPORTED_TARGET libpipewire-0.3)
+# ox_require(<prefix> <what it is called> <module>...): PkgConfig::<prefix>, or a plain message.
+function(ox_require prefix name)
+  pkg_check_modules(${prefix} IMPORTED_TARGET ${ARGN})
+  if(NOT ${prefix}_FOUND)
+    string(REPLACE ";" ", " modules "${ARGN}")
+    message(FATAL_ERROR "${name} or newer is needed, with its development files (${modules}).\n"
+                        "On Debian 12 and later scripts/setup.sh installs them.")
+  endif()
+endfunction()
+
+ox_require(SODIUM "libsodium 1.0.18" libsodium>=1.0.18)
+ox_require(FFMPEG "FFmpeg 5.1" libavcodec>=59.37 libavutil>=57.28 libswscale>=6.7)
+ox_require(AVFORMAT "FFmpeg 5.1" libavformat>=59.27)
+ox_require(OPUS "Opus 1.3" opus>=1.3)
+ox_require(PULSE "PulseAudio 16.1" libpulse>=16.1)
+ox_require(X11 "libX11 1.8 with libXext 1.3" x11>=1.8 xext>=1.3)
+ox_require(XAU "libXau 1.0" xau>=1.0)
+ox_require(DBUS "D-Bus 1.14" dbus-1>=1.14)
+ox_require(PIPEWIRE "PipeWire 0.3.65" libpipewire-0.3>=0.3.65)
 
 # libyuv ships no pkg-config file.
 find_path(YUV_INCLUDE_DIR libyuv.h REQUIRED)
@@ -24,7 +35,7 @@ target_link_libraries(ox_yuv INTERFACE ${YUV_LIBRARY})
 
 if(OX_TESTS)
   find_package(GTest REQUIRED)
-  pkg_check_modules(VTERM REQUIRED IMPORTED_TARGET vterm)
+  ox_require(VTERM "libvterm 0.1.4" vterm>=0.1.4)
   include(GoogleTest)
 endif()
 if(OX_BENCH)
