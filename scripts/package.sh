@@ -2,7 +2,7 @@
 # Builds the Debian package; with --check installs it in a clean Debian root, uses it there as a
 # merchant would (self-test, a streamed session, start-agent) and removes it again.
 #
-#   scripts/package.sh            build/release/orvex-agent_<version>_<architecture>.deb
+#   scripts/package.sh            build/programs/orvex-agent_<version>_<architecture>.deb
 #   scripts/package.sh --check    needs root and debootstrap (scripts/setup.sh --package)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -16,10 +16,10 @@ case "${1:-}" in
 esac
 
 scripts/setup.sh --package
-scripts/build.sh release orvex-agent orvex-launcher
-rm -f build/release/orvex-agent_*.deb
-(cd build/release && cpack >cpack.log) || { cat build/release/cpack.log >&2; exit 1; }
-package=$(echo build/release/orvex-agent_*.deb)
+scripts/build.sh programs
+rm -f build/programs/orvex-agent_*.deb
+(cd build/programs && cpack >cpack.log) || { cat build/programs/cpack.log >&2; exit 1; }
+package=$(echo build/programs/orvex-agent_*.deb)
 echo "package.sh: built $package"
 $check || exit 0
 
@@ -33,8 +33,10 @@ cleanup() {
 }
 trap cleanup EXIT
 
-echo "package.sh: making a clean Debian root"
-debootstrap --variant=minbase bookworm "$root" >"$root.log" 2>&1 ||
+# The libraries' names are those of this machine's release.
+suite=$(. /etc/os-release && echo "${VERSION_CODENAME:?this system has no release name}")
+echo "package.sh: making a clean root of $suite"
+debootstrap --variant=minbase "$suite" "$root" >"$root.log" 2>&1 ||
   { tail -5 "$root.log" >&2; exit 1; }
 rm -f "$root.log"
 mount -t proc proc "$root/proc"
