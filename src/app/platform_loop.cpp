@@ -6,11 +6,13 @@
 
 #include "app/build_info.h"
 #include "app/desktop_notice.h"
+#include "app/keys/key_leases.h"
 #include "app/process_flags.h"
 #include "app/session/session.h"
 #include "app/session_handover.h"
 #include "base/clock.h"
 #include "log/log.h"
+#include "log/log_path.h"
 #include "saas/log_text.h"
 #include "saas/saas_connector.h"
 #include "tui/board.h"
@@ -47,7 +49,7 @@ void record_rented_session(const std::string& session_id) {
 }
 
 void run_prepared(const Options& options, PrepareSessionParams params, SaasConnector& connector,
-                  const SessionHandover& handover) {
+                  const SessionHandover& handover, KeyLeases& leases) {
     if (params.session_id.empty()) {
         OX_ERROR("SaaS: prepare_session without session_id — ignoring");
         return;
@@ -57,6 +59,7 @@ void run_prepared(const Options& options, PrepareSessionParams params, SaasConne
     std::atomic<unsigned> streamed_seconds{0};
     const SessionRequest request{.session_id = id,
                                  .connector = &connector,
+                                 .leases = &leases,
                                  .key_material = params.encryption_key,
                                  .expected_token_sha256 = params.session_token_sha256,
                                  .terminate_requested = &handover.terminate_requested()};
@@ -81,6 +84,7 @@ void run_platform(const Options& options, const PlatformEndpoint& endpoint,
                 endpoint.port);
     }
 
+    KeyLeases leases(state_folder());
     SessionHandover handover;
     SaasConnector connector(connector_config(options, endpoint, system_info));
     connector.set_prepare_session_callback(
@@ -96,7 +100,7 @@ void run_platform(const Options& options, const PlatformEndpoint& endpoint,
     while (!shutdown_flag()) {
         desktop.look_now_and_then();
         auto params = handover.take(kHandoverWait, [] { return shutdown_flag().load(); });
-        if (params) run_prepared(options, std::move(*params), connector, handover);
+        if (params) run_prepared(options, std::move(*params), connector, handover, leases);
     }
     connector.stop();
     OX_INFO("orvex-agent stopped");

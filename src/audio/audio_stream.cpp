@@ -146,8 +146,7 @@ bool AudioStream::handle_buffer(const std::stop_token& stop) {
     const auto waited = std::chrono::duration_cast<std::chrono::microseconds>(now - before);
     const bool live =
         live_edge_.keep(std::chrono::milliseconds(AudioEncoder::kFrameMs), waited, now);
-    if (recording_is_safe(stop) && live) send_frame();
-    return true;
+    return !recording_is_safe(stop) || !live || send_frame();
 }
 
 bool AudioStream::recording_is_safe(const std::stop_token& stop) {
@@ -198,12 +197,17 @@ bool AudioStream::reopen_capture(const std::stop_token& stop) {
     return true;
 }
 
-void AudioStream::send_frame() {
+bool AudioStream::send_frame() {
     if (encoder_.encode(pcm_.data(), encoder_.frame_samples(), opus_) < 1) {
         ++errors_;
-        return;
+        return true;
     }
-    const uint32_t sequence = next_sequence_++;
+    const auto number = numbers_->take();
+    if (!number) {
+        OX_ERROR("AudioStream: all sequence numbers of this key are used up — stopping audio");
+        return false;
+    }
+    const uint32_t sequence = *number;
     const uint64_t timestamp = steady_now_us();
     const bool block_complete = parity_enabled_ && block_.add(sequence, opus_, timestamp);
     if (send_data_packet(sequence, timestamp)) {
@@ -212,6 +216,7 @@ void AudioStream::send_frame() {
         ++errors_;
     }
     if (block_complete) finish_block();
+    return true;
 }
 
 bool AudioStream::send_data_packet(uint32_t sequence, uint64_t timestamp) {

@@ -14,6 +14,7 @@
 #include "audio/recording_watch.h"
 #include "transport/encryption.h"
 #include "transport/outgoing_packet.h"
+#include "transport/packet_numbers.h"
 
 namespace ox {
 
@@ -22,7 +23,7 @@ class UdpSender;
 /// The sound of one session: a thread that records, encodes, seals and sends 5 ms frames. What is
 /// known to come from anything but an output's monitor is never sent. The owner starts and stops
 /// it; a new start goes on with the sequence numbers of the last one, so that no nonce comes twice
-/// under one key.
+/// under one key, and the stream ends when there are none left.
 class AudioStream {
   public:
     AudioStream() = default;
@@ -32,6 +33,9 @@ class AudioStream {
 
     /// Whether blocks of four frames get repair symbols. Before `start`.
     void set_parity_enabled(bool enabled) { parity_enabled_ = enabled; }
+    /// Where the sequence numbers come from; outlives the stream. Without it they count from 0.
+    /// Before `start`.
+    void set_numbers(PacketNumbers& numbers) { numbers_ = &numbers; }
     /// Source to record; empty: the default output's monitor. Before `start`.
     void set_source(std::string source) { source_ = std::move(source); }
 
@@ -54,7 +58,7 @@ class AudioStream {
     bool handle_buffer(const std::stop_token& stop);
     bool recording_is_safe(const std::stop_token& stop);
     bool reopen_capture(const std::stop_token& stop);
-    void send_frame();
+    bool send_frame();
     bool send_data_packet(uint32_t sequence, uint64_t timestamp);
     void finish_block();
     void send_parity_block(uint32_t base);
@@ -76,7 +80,8 @@ class AudioStream {
     UdpSender* sender_ = nullptr;
     int sample_rate_ = 0;
     int channels_ = 0;
-    uint32_t next_sequence_ = 0;
+    PacketNumbers own_numbers_;
+    PacketNumbers* numbers_ = &own_numbers_;
 
     // The audio thread's own.
     std::vector<int16_t> pcm_;

@@ -32,7 +32,8 @@ std::string program_folder() {
     return slash == std::string_view::npos ? std::string{} : std::string(program.substr(0, slash));
 }
 
-std::string state_folder() {
+// The user's folder for state; what leads to it is created, it is not.
+std::string base_of_state() {
     if (const auto state = environment("XDG_STATE_HOME"); state.starts_with('/')) {
         return std::string(state);
     }
@@ -53,12 +54,16 @@ std::string default_log_path() {
     return state_log_path();
 }
 
-std::string state_log_path() {
-    const std::string state = state_folder();
-    make_folder(state);
-    const std::string folder = state + "/orvex";
+std::string state_folder() {
+    const std::string base = base_of_state();
+    make_folder(base);
+    std::string folder = base + "/orvex";
     make_folder(folder);
-    return folder + kLogFileName;
+    return folder;
+}
+
+std::string state_log_path() {
+    return state_folder() + kLogFileName;
 }
 
 std::string rotated_log_name(const std::string& path, int n) {

@@ -8,9 +8,12 @@ namespace ox {
 /// below the state directory (created on the way). Reads the environment: call at start-up only.
 std::string default_log_path();
 
-/// The log file below the state directory: `XDG_STATE_HOME` when absolute, else "~/.local/state",
-/// else "/tmp". Creates the folders on the way, readable by their owner only; failures are left to
-/// the opening of the file. Reads the environment: call at start-up only.
+/// The agent's own folder below the state directory, which is `XDG_STATE_HOME` when absolute, else
+/// "~/.local/state", else "/tmp". Creates the folders on the way, readable by their owner only;
+/// failures are left to the opening of a file in it. Reads the environment: call at start-up only.
+std::string state_folder();
+
+/// The log file in `state_folder`.
 std::string state_log_path();
 
 /// Name of rotation slot `n` of `path`: "agent.log" with 1 is "agent.1.log", "agent" is "agent.1".

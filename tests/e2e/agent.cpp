@@ -20,6 +20,7 @@ ChildProcess::Options command(const Agent::Setup& setup, const TempDir& folder) 
         "OX_LANG=en",
         "HOME=" + folder.path().string(),
         "XDG_RUNTIME_DIR=" + folder.path().string(),
+        "XDG_STATE_HOME",
         "XDG_SESSION_TYPE",
         "WAYLAND_DISPLAY",
         "DISPLAY",

@@ -23,6 +23,8 @@ constexpr int kControlPortOffset = 3;
 constexpr int kVideoLocalPortOffset = 4;
 constexpr int kAudioLocalPortOffset = 5;
 constexpr int kProbeWaitSeconds = 5;
+/// A launcher that has its keys is not kept waiting for the disk.
+constexpr std::chrono::seconds kLeaseWait{2};
 constexpr const char* kHandshakeFailed = "handshake_failed:";
 
 }  // namespace
@@ -57,6 +59,19 @@ bool Session::leave_requested() const {
     return stop_requested() || signals_.end_requested || panic_flag();
 }
 
+void Session::lease_numbers() {
+    const auto& key = request_.key_material;
+    // A key of any other length is not used: the session's keys are random then, and new.
+    if (request_.leases != nullptr && key.size() == Encryption::kKeyBytes) {
+        numbers_ = request_.leases->lease(key);
+    } else {
+        numbers_ = std::make_shared<StreamNumbers>();
+        numbers_->video.add(0, PacketNumbers::kEnd);
+        numbers_->audio.add(0, PacketNumbers::kEnd);
+    }
+    audio_.set_numbers(numbers_->audio);
+}
+
 std::string Session::wait_for_launcher() {
     control_.master_key = request_.key_material;
     control_.expected_token_sha256 = request_.expected_token_sha256;
@@ -80,6 +95,23 @@ std::string Session::wait_for_launcher() {
     OX_INFO("Session start: dest=%s codec=%d %dx%d@%dfps %dkbps", launcher_.c_str(), asked.codec,
             asked.width, asked.height, asked.fps, asked.bitrate);
     session_board::launcher_authenticated(request_.session_id, launcher_);
+    return {};
+}
+
+std::string Session::take_numbers() {
+    if (request_.leases != nullptr) {
+        request_.leases->await(*numbers_, kLeaseWait, [this] { return stop_requested(); });
+    }
+    const auto first = numbers_->video.peek();
+    if (!first) {
+        if (!stop_requested())
+            OX_ERROR("Session: all frame numbers of this key are used up — refusing to stream");
+        return end_reason("no_video_key");
+    }
+    if (*first != 0) {
+        OX_INFO("Session: this key was used before — frame numbers go on at %u, audio at %u",
+                *first, numbers_->audio.peek().value_or(0));
+    }
     return {};
 }
 
@@ -194,7 +226,9 @@ std::string Session::announce_stream() {
 }
 
 std::string Session::set_up() {
+    lease_numbers();
     std::string reason = wait_for_launcher();
+    if (reason.empty()) reason = take_numbers();
     if (reason.empty()) reason = open_media();
     if (!reason.empty()) return reason;
     start_input();

@@ -9,12 +9,14 @@
 
 namespace ox {
 
+class KeyLeases;
 class SaasConnector;
 
 /// What one session is started with, besides the command line.
 struct SessionRequest {
     std::string session_id{};             ///< empty in standalone mode
     SaasConnector* connector = nullptr;   ///< null in standalone mode
+    KeyLeases* leases = nullptr;          ///< who numbers the packets of `key_material`; or null
     std::vector<uint8_t> key_material{};  ///< the platform's master key, or empty
     std::string expected_token_sha256{};  ///< hex; empty refuses every launcher
     const std::atomic<bool>* terminate_requested = nullptr;  ///< set when the platform ends it

@@ -24,6 +24,8 @@ class SessionAudio {
     void reserve(uint16_t local_port);
     /// With sound asked for: binds the sender. Says what parity is on or ignored.
     void open(const std::string& launcher, uint16_t dest_port, uint16_t local_port);
+    /// Where the stream's sequence numbers come from. Before `start`.
+    void set_numbers(PacketNumbers& numbers) { stream_.set_numbers(numbers); }
     /// Starts the stream when the sender is open. Says why when it cannot.
     void start(const std::vector<uint8_t>& key);
     /// After a reconnect: the stream goes on under `key`.

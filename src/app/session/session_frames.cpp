@@ -41,8 +41,13 @@ std::string Session::stream_one_frame() {
         OX_WARN("Session: capture_frame failed with no cached frame — ending");
         return "capture_failed";
     }
+    const auto number = numbers_->video.take();
+    if (!number) {
+        OX_ERROR("Session: all frame numbers of this key are used up — ending");
+        return "no_video_key";
+    }
     encoded_.data.clear();
-    encoded_.frame_id = static_cast<uint32_t>(frames_);
+    encoded_.frame_id = *number;
     if (!encoder_.encode_bgra(picture_.pixels(), picture_.width, picture_.height,
                               picture_.timestamp, encoded_)) {
         OX_WARN("Session: encode failed — ending");
@@ -95,6 +100,7 @@ bool Session::capture_picture() {
 void Session::report_figures() {
     const auto now = SteadyClock::now();
     if (now - mark_.at < kFigurePeriod) return;
+    if (request_.leases != nullptr) request_.leases->top_up(*numbers_);
     const double seconds = std::chrono::duration<double>(now - mark_.at).count();
     const uint64_t bytes = video_.sender().bytes_sent();
     const double mbps = static_cast<double>(bytes - mark_.bytes) * 8.0 / 1e6 / seconds;

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "app/keys/key_leases.h"
 #include "app/options.h"
 #include "app/session/feedback_handler.h"
 #include "app/session/frame_pacer.h"
@@ -41,8 +42,10 @@ class Session {
         uint64_t bytes = 0;
     };
 
+    void lease_numbers();
     // Set-up, in order. Each returns an end reason, empty when it worked.
     std::string wait_for_launcher();
+    std::string take_numbers();
     std::string open_media();
     void start_input();
     void start_control();
@@ -83,6 +86,7 @@ class Session {
     SessionSignals signals_;
     FeedbackHandler feedback_{signals_};
 
+    std::shared_ptr<StreamNumbers> numbers_;  ///< outlives the sound, which takes from it
     TcpControlServer control_;
     MediaStream video_;
     SessionAudio audio_;
