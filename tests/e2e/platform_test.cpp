@@ -4,27 +4,75 @@
 #include <signal.h>
 #include <sodium.h>
 
+#include <array>
+#include <cstring>
+#include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 
+#include "app/keys/lease_table.h"
 #include "e2e/player.h"
+#include "launcher/media_socket.h"
 #include "saas/raw_backend.h"
+#include "support/pulse_daemon.h"
+#include "transport/encryption.h"
 
 namespace ox::test {
 namespace {
 
 using nlohmann::json;
 
-constexpr std::array<uint8_t, 32> kMaster{0, 1, 2, 3, 4, 5, 6, 7, 8};
-constexpr const char* kMasterBase64 = "AAECAwQFBgcIAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=";
+constexpr std::array<uint8_t, 32> kMaster{
+    0x95, 0x5c, 0x0f, 0xf4, 0x45, 0x48, 0x13, 0x04, 0xe7, 0x54, 0x2f, 0x75, 0xf5, 0x6a, 0xfe, 0xf1,
+    0x54, 0xc3, 0x91, 0x34, 0x6f, 0x69, 0x1d, 0xbe, 0x69, 0x57, 0xd9, 0xcd, 0x5f, 0xe9, 0xd3, 0xcd};
+constexpr const char* kMasterBase64 = "lVwP9EVIEwTnVC919Wr+8VTDkTRvaR2+aVfZzV/p080=";
+
+/// Everything that was ever sealed, by stream and nonce.
+class NonceWatch {
+  public:
+    void add(std::span<const uint8_t> datagram) {
+        PacketHeader header;
+        ASSERT_GE(datagram.size(), sizeof header);
+        std::memcpy(&header, datagram.data(), sizeof header);
+        Nonce nonce{};
+        Encryption::build_nonce(header, nonce.data());
+        const auto [known, fresh] =
+            sealed_.try_emplace(nonce, std::string(datagram.begin(), datagram.end()));
+        if (!fresh && !std::equal(datagram.begin(), datagram.end(), known->second.begin(),
+                                  known->second.end(),
+                                  [](uint8_t a, char b) { return a == static_cast<uint8_t>(b); }))
+            ++repeated_;
+        if (header.stream == kStreamAudio) ++sounds_;
+    }
+    [[nodiscard]] size_t repeated() const { return repeated_; }
+    [[nodiscard]] size_t sounds() const { return sounds_; }
+
+  private:
+    using Nonce = std::array<uint8_t, 12>;
+    std::map<Nonce, std::string> sealed_;
+    size_t repeated_ = 0;  ///< datagrams under the nonce of another one
+    size_t sounds_ = 0;
+};
 
 class PlatformTest : public testing::Test {
   protected:
     void SetUp() override {
         ASSERT_GE(::sodium_init(), 0);
         ::crypto_kdf_derive_from_key(video_key_.data(), 32, 1, "oxvideo1", kMaster.data());
-        agent_.emplace(Agent::Setup{
-            .arguments = {"--saas-url", "ws://127.0.0.1:" + std::to_string(backend_.port()),
-                          "--token", "agent-secret", "--reconnect-grace", "2"}});
+        start_agent();
+    }
+
+    void start_agent(const std::vector<std::string>& more = {},
+                     std::vector<std::string> environment = {}) {
+        std::vector<std::string> arguments{
+            "--saas-url",        "ws://127.0.0.1:" + std::to_string(backend_.port()),
+            "--token",           "agent-secret",
+            "--reconnect-grace", "2"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        environment.push_back("XDG_STATE_HOME=" + state_.path().string());
+        peer_.reset();
+        agent_.emplace(Agent::Setup{.arguments = arguments, .environment = environment});
+        listening_count_ = 0;
         connect();
     }
 
@@ -78,6 +126,7 @@ class PlatformTest : public testing::Test {
     }
 
     std::vector<uint8_t> video_key_ = std::vector<uint8_t>(32);  ///< that of the master key
+    TempDir state_;
     RawBackend backend_;
     std::optional<Agent> agent_;
     std::optional<RawPeer> peer_;
@@ -149,6 +198,62 @@ TEST_F(PlatformTest, OnlyTheNewestPreparedSessionFollowsAndItsWaitCanBeEnded) {
     agent_->process().signal(SIGTERM);
     expect_ended("s5", "handshake_failed:SESSION_ABORTED");
     EXPECT_EQ(agent_->process().wait(kPatience), 0);
+}
+
+TEST_F(PlatformTest, AKeyThatComesAgainSealsNothingTwiceUnderOneNonce) {
+    PulseDaemon pulse;
+    NonceWatch seen;
+    const auto watch = [&](const std::string& id) {
+        launcher::MediaSocket sound;
+        std::string error;
+        ASSERT_TRUE(sound.open(static_cast<uint16_t>(agent_->port_base() + 1), error)) << error;
+        const size_t sounds = seen.sounds();
+        play(id).on_datagram = [&](auto datagram) { seen.add(datagram); };
+        ASSERT_TRUE(player_->receive_until([&] {
+            sound.receive({}, [&](auto datagram) { seen.add(datagram); });
+            return player_->frames().size() > 40 && seen.sounds() > sounds + 60;
+        }));
+    };
+    agent_->expect_prompt_stop();
+    const auto start = [&] {
+        start_agent({"--audio", "--audio-parity"},
+                    {std::string("HOME=") + std::getenv("HOME"),
+                     std::string("XDG_RUNTIME_DIR=") + std::getenv("XDG_RUNTIME_DIR")});
+    };
+    start();
+    watch("s1");
+    EXPECT_EQ(player_->stats().assembly.frames_lost, 0U);
+    player_->say("end_session");
+    expect_ended("s1", "client_end_session");
+    watch("s2");
+    agent_->process().signal(SIGKILL);
+    ASSERT_TRUE(agent_->process().wait(kPatience));
+    player_.reset();
+    start();
+    watch("s3");
+    EXPECT_EQ(seen.repeated(), 0U);
+    EXPECT_TRUE(agent_->wait_for_log(
+        "Session: this key was used before — frame numbers go on at 144000, audio at 240000"));
+    player_->say("end_session");
+    expect_ended("s3", "client_end_session");
+}
+
+TEST_F(PlatformTest, AKeyWithoutNumbersEndsTheSession) {
+    LeaseTable table;
+    table.raise(key_id(kMaster), {.frames = LeaseTable::kUsedUp - 30, .audio = 0});
+    std::filesystem::create_directories(state_.path() / "orvex");
+    std::ofstream(state_.path() / "orvex/key-leases") << table.text();
+    play("s1");
+    EXPECT_EQ(player_->frames().front().frame_id, UINT32_MAX - 29);
+    EXPECT_TRUE(player_->receive_until([&] { return player_->frames().size() == 30; }));
+    EXPECT_EQ(player_->frames().back().frame_id, UINT32_MAX);
+    expect_ended("s1", "no_video_key");
+    prepare("s2");
+    ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", 2));
+    player_.emplace(*agent_);
+    expect_ended("s2", "no_video_key");
+    EXPECT_EQ(agent_->log().count("[ERROR] Session: all frame numbers of this key are used up"),
+              2U);
 }
 
 }  // namespace

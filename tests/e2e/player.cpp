@@ -35,6 +35,7 @@ bool Player::receive_until(const std::function<bool()>& done, std::chrono::milli
         if (SteadyClock::now() >= deadline) return false;
         if (setup_.probe && receiver_->stats().packets == 0) media_.send_probe();
         media_.receive(std::chrono::milliseconds(5), [&](std::span<const uint8_t> datagram) {
+            if (on_datagram) on_datagram(datagram);
             receiver_->on_datagram(datagram, steady_now_us());
             take_frames();
         });

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -60,6 +61,8 @@ class Player {
 
     /// Called with each decoded picture.
     std::function<void(const launcher::DecodedPicture&)> on_picture;
+    /// Called with each datagram of the picture, sealed as it came.
+    std::function<void(std::span<const uint8_t>)> on_datagram;
 
   private:
     void take_frames();

@@ -137,7 +137,7 @@ std::shared_ptr<StreamNumbers> KeyLeases::lease(std::span<const uint8_t> master_
 
 void KeyLeases::run(const std::shared_ptr<State>& state) {
     ::pthread_setname_np(::pthread_self(), "ox-leases");
-    constexpr std::chrono::seconds kLook{10};
+    constexpr std::chrono::seconds kLook{1};
     std::unique_lock lock(state->mutex);
     while (!state->stopping) {
         std::shared_ptr<StreamNumbers> numbers = state->session.lock();

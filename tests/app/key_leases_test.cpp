@@ -1,0 +1,248 @@
+// The numbers of a key that comes again: the table, its file, and what holds without a file.
+
+#include "app/keys/key_leases.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "app/keys/lease_file.h"
+#include "app/keys/lease_table.h"
+#include "base/unique_fd.h"
+#include "support/eventually.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace ox {
+namespace {
+
+constexpr uint64_t kUsedUp = LeaseTable::kUsedUp;
+constexpr std::chrono::seconds kLong{20};
+const auto kNever = [] { return false; };
+
+std::vector<uint8_t> master(uint8_t n) {
+    return std::vector<uint8_t>(32, n);
+}
+
+std::string read(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(PacketNumbers, AreGivenOutOnceAndEndInsteadOfWrapping) {
+    PacketNumbers numbers(PacketNumbers::kEnd - 6, PacketNumbers::kEnd - 4);
+    numbers.add(0, PacketNumbers::kEnd - 3);                        // but one of them were there
+    numbers.add(PacketNumbers::kEnd - 2, PacketNumbers::kEnd + 9);  // leaves one out
+    EXPECT_EQ(numbers.left(), 5U);
+    for (const uint32_t expected :
+         {0xFFFFFFFAU, 0xFFFFFFFBU, 0xFFFFFFFCU, 0xFFFFFFFEU, 0xFFFFFFFFU})
+        EXPECT_EQ(numbers.take(), expected);
+    numbers.add(0, PacketNumbers::kEnd);
+    EXPECT_EQ(numbers.take(), std::nullopt);
+}
+
+TEST(LeaseTable, KeepsTheKeysUsedLastAndNeverGoesBack) {
+    LeaseTable table;
+    for (uint8_t n = 0; n < 70; ++n)
+        table.raise(key_id(master(n)), {.frames = 1000U + n, .audio = 8});
+    table.raise(key_id(master(6)), {.frames = 7, .audio = 12});  // the oldest one left
+    table.raise(key_id(master(70)), {.frames = 1, .audio = 0});
+    EXPECT_EQ(table.end_of(key_id(master(6))), (LeaseEnd{1006, 12}));
+    EXPECT_EQ(table.end_of(key_id(master(7))), LeaseEnd{});
+    EXPECT_EQ(table.size(), LeaseTable::kMaxKeys);
+
+    LeaseTable other;
+    other.raise(key_id(master(6)), {.frames = 5000, .audio = 0});
+    table.merge(other);
+    EXPECT_EQ(table.end_of(key_id(master(6))), (LeaseEnd{5000, 12}));
+
+    // Audio begins with a block; what there is of numbers is not passed.
+    const KeyId key = key_id(master(99));
+    table.raise(key, {.frames = kUsedUp - 10, .audio = 5});
+    const LeaseTable::Claim last = table.claim(key, {.frames = 100, .audio = 40});
+    EXPECT_EQ(last.first, (LeaseEnd{kUsedUp - 10, 8}));
+    EXPECT_EQ(last.end, (LeaseEnd{kUsedUp, 48}));
+    EXPECT_EQ(table.claim(key, {.frames = 100, .audio = 0}).first.frames, kUsedUp);
+}
+
+TEST(LeaseTable, NoDamageMakesAKeysNumbersSmaller) {
+    LeaseTable table;
+    const LeaseEnd ends[] = {{72000, 120000}, {kUsedUp, 4}, {9, 0}};
+    for (uint8_t n = 0; n < 3; ++n)
+        table.raise(key_id(master(n)), ends[n]);
+    const std::string text = table.text();
+    bool damaged = true;
+    EXPECT_EQ(LeaseTable::parse(text, damaged).text(), text);
+    EXPECT_FALSE(damaged);
+
+    const auto examine = [&](const std::string& broken, int keys_lost) {
+        const LeaseTable got = LeaseTable::parse(broken, damaged);
+        EXPECT_TRUE(damaged) << broken;
+        int lost = 0;
+        for (uint8_t n = 0; n < 3; ++n) {
+            const LeaseEnd end = got.end_of(key_id(master(n)));
+            if (end == LeaseEnd{})
+                ++lost;
+            else
+                EXPECT_TRUE(end == ends[n] || end == (LeaseEnd{kUsedUp, kUsedUp})) << broken;
+        }
+        EXPECT_LE(lost, keys_lost) << broken;
+    };
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (i + 1 < text.size()) examine(text.substr(0, i), 3);
+        for (const char other : {'0', '9', ' ', '\n', '\0'}) {
+            std::string broken = text;
+            if (broken[i] == other) continue;
+            broken[i] = other;
+            examine(broken, 1);
+        }
+    }
+    examine(text + "x", 0);
+}
+
+class KeyLeasesTest : public testing::Test {
+  protected:
+    /// Begins a session: the first number of each stream. Its lease ends with it.
+    static LeaseEnd first_numbers(KeyLeases& leases, uint8_t key,
+                                  std::chrono::milliseconds limit = kLong) {
+        const auto numbers = leases.lease(master(key));
+        leases.await(*numbers, limit, kNever);
+        return {numbers->video.peek().value_or(0), numbers->audio.peek().value_or(0)};
+    }
+
+    test::TempDir folder_;
+    std::string file_ = folder_.file("key-leases");
+    test::LogCapture log_;
+};
+
+TEST_F(KeyLeasesTest, EverySessionOfAKeyGoesOnAlsoInAnotherProcess) {
+    std::optional<KeyLeases> leases(folder_.path().string());
+    EXPECT_EQ(first_numbers(*leases, 1), LeaseEnd{});
+    EXPECT_EQ(first_numbers(*leases, 2), LeaseEnd{});
+    EXPECT_EQ(first_numbers(*leases, 1), (LeaseEnd{72'000, 120'000}));
+    leases.emplace(folder_.path().string());
+    const auto numbers = leases->lease(master(1));
+    leases->await(*numbers, kLong, kNever);
+    EXPECT_EQ(numbers->video.peek(), 144'000U);
+    // Half of it used, the lease is extended before it ends; sound, which used none, is left alone.
+    for (int i = 0; i < 36'000; ++i)
+        numbers->video.take();
+    KeyLeases another(folder_.path().string());
+    EXPECT_EQ(first_numbers(another, 1).frames, 216'000U) << "not extended yet";
+    ASSERT_TRUE(test::eventually([&] { return numbers->video.left() > 36'000; }, kLong));
+    // What the other agent has taken meanwhile is left out.
+    EXPECT_EQ(numbers->video.end(), 360'000U);
+    EXPECT_EQ(numbers->audio.end(), 360'000U);
+    for (int i = 0; i < 36'000; ++i)
+        EXPECT_LT(numbers->video.take(), 216'000U);
+    EXPECT_EQ(numbers->video.take(), 288'000U);
+
+    struct stat status {};
+    ASSERT_EQ(::stat(file_.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+    EXPECT_EQ(read(file_).find(std::string(16, '0')), std::string::npos) << "the key itself";
+    EXPECT_EQ(log_.times("WARN"), 0) << log_.text();
+}
+
+TEST_F(KeyLeasesTest, AgentsThatRecordAtTheSameTimeGetDifferentNumbers) {
+    constexpr int kEach = 40;
+    std::set<uint64_t> firsts;
+    std::mutex mutex;
+    {
+        std::vector<std::jthread> agents;
+        for (int agent = 0; agent < 3; ++agent) {
+            agents.emplace_back([&] {
+                const LeaseFile file(folder_.path().string());
+                for (int i = 0; i < kEach; ++i) {
+                    const auto outcome = file.update([&](LeaseTable& table) {
+                        const auto claim = table.claim(key_id(master(1)), {.frames = 10});
+                        const std::lock_guard lock(mutex);
+                        firsts.insert(claim.first.frames);
+                    });
+                    EXPECT_EQ(outcome.error, "");
+                }
+            });
+        }
+    }
+    EXPECT_EQ(firsts.size(), 3U * kEach);
+    EXPECT_EQ(*firsts.rbegin(), 10U * (3 * kEach - 1));
+}
+
+TEST_F(KeyLeasesTest, WhereNothingCanBeRecordedOneLineSaysSoAndTheProcessStillKeepsNumbersApart) {
+    const std::string cannot = "KeyLeases: cannot record used packet numbers in ";
+    std::ofstream(folder_.file("file")) << "in the way";
+    std::ofstream(folder_.file("elsewhere")) << "precious";
+    const auto link_into = [&](const std::string& name) {
+        std::filesystem::create_directory(folder_.path() / name);
+        std::filesystem::create_symlink(folder_.file("elsewhere"),
+                                        folder_.path() / name / "key-leases");
+        return folder_.file(name);
+    };
+    const auto pipe_in = [&](const std::string& name) {
+        std::filesystem::create_directory(folder_.path() / name);
+        EXPECT_EQ(::mkfifo((folder_.file(name) + "/key-leases").c_str(), 0600), 0);
+        return folder_.file(name);
+    };
+    int warnings = 0;
+    for (const std::string& place : {folder_.file("file/below"), folder_.file("nowhere"),
+                                     link_into("link"), pipe_in("pipe")}) {
+        KeyLeases leases(place);
+        EXPECT_EQ(first_numbers(leases, 1), LeaseEnd{});
+        EXPECT_EQ(first_numbers(leases, 1), (LeaseEnd{72'000, 120'000}));
+        EXPECT_EQ(log_.times(cannot), ++warnings) << log_.text();
+    }
+    EXPECT_EQ(read(folder_.file("elsewhere")), "precious");
+}
+
+TEST_F(KeyLeasesTest, ADamagedFileIsKeptAsideAndWhatItStillSaysHolds) {
+    {
+        KeyLeases leases(folder_.path().string());
+        first_numbers(leases, 1);
+        first_numbers(leases, 2);
+    }
+    const std::string whole = read(file_);
+    const std::string torn = whole.substr(0, whole.size() - 12);  // in the last key's check sum
+    std::ofstream(file_) << torn;
+    ::chmod(file_.c_str(), 0400);
+    KeyLeases leases(folder_.path().string());
+    EXPECT_EQ(first_numbers(leases, 1).frames, 72'000U);
+    EXPECT_EQ(log_.times("key-leases was damaged, 2 key(s) of it could be read"), 1) << log_.text();
+    EXPECT_EQ(read(file_ + ".damaged"), torn);
+    // Numbers that cannot be trusted count as used up.
+    const auto numbers = leases.lease(master(2));
+    leases.await(*numbers, kLong, kNever);
+    EXPECT_EQ(numbers->video.peek(), std::nullopt);
+    EXPECT_EQ(numbers->audio.peek(), std::nullopt);
+    EXPECT_EQ(log_.times("WARN"), 1) << log_.text();
+}
+
+TEST_F(KeyLeasesTest, ARecordThatTakesItsTimeHoldsUpNobodyAndIsMadeUpFor) {
+    const UniqueFd lock(::open(folder_.file("key-leases.lock").c_str(), O_CREAT | O_RDWR, 0600));
+    ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
+    {
+        KeyLeases leases(folder_.path().string());
+        const auto numbers = leases.lease(master(1));
+        leases.await(*numbers, std::chrono::milliseconds(10), kNever);
+        EXPECT_EQ(numbers->video.peek(), 0U);
+        EXPECT_EQ(log_.times("WARN"), 1) << log_.text();
+        // The session goes through a lease while the record still waits.
+        for (int i = 0; i < 70'000; ++i)
+            numbers->video.take();
+        leases.top_up(*numbers);
+        EXPECT_EQ(numbers->video.left(), 74'000U);
+        ASSERT_EQ(::flock(lock.get(), LOCK_UN), 0);
+        ASSERT_TRUE(test::eventually([&] { return !read(file_).empty(); }));
+    }
+    KeyLeases next(folder_.path().string());
+    EXPECT_EQ(first_numbers(next, 1), (LeaseEnd{144'000, 120'000}));
+}
+
+}  // namespace
+}  // namespace ox
