@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1) return 0;
     const bool own_address = (data[0] & 1U) != 0;
     std::optional<ox::ProbeToken> token;
-    if ((data[0] & 2U) != 0) token = ox::ProbeToken{1, 2, 3, 4, 5, 6, 7, 8};
+    if ((data[0] & 2U) != 0) token.emplace(std::array<uint8_t, 8>{1, 2, 3, 4, 5, 6, 7, 8});
     const in_addr launcher{.s_addr = htonl(0x0A000001)};
     const in_addr stranger{.s_addr = htonl(0x08080404)};
     const std::span<const uint8_t> datagram(data + 1, size - 1);

@@ -25,12 +25,12 @@ bool has_type(const Json& message, std::string_view type) {
     return it != message.end() && it->is_string() && it->get_ref<const std::string&>() == type;
 }
 
-bool read_key(const Json& message, const char* name, std::vector<uint8_t>& key) {
+bool read_key(const Json& message, const char* name, Secret& key) {
     constexpr size_t kKeyBytes = 32;
     const auto it = message.find(name);
     if (it == message.end() || !it->is_string()) return false;
     const auto& text = it->get_ref<const std::string&>();
-    key.assign(kKeyBytes, 0);
+    key.resize(kKeyBytes);
     size_t length = 0;
     return sodium_base642bin(key.data(), key.size(), text.data(), text.size(), nullptr, &length,
                              nullptr, sodium_base64_VARIANT_ORIGINAL) == 0 &&

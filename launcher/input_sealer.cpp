@@ -24,13 +24,7 @@ InputSealer::InputSealer(std::span<const uint8_t, kKeyBytes> key)
 
 InputSealer::InputSealer(std::span<const uint8_t, kKeyBytes> key, const Prefix& prefix,
                          uint32_t first)
-    : prefix_(prefix), count_(first) {
-    std::ranges::copy(key, key_.begin());
-}
-
-InputSealer::~InputSealer() {
-    sodium_memzero(key_.data(), key_.size());
-}
+    : key_(key), prefix_(prefix), count_(first) {}
 
 std::optional<InputSealer::Datagram> InputSealer::seal(InputPacket packet) {
     if (count_ > UINT32_MAX) return std::nullopt;

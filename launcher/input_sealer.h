@@ -5,12 +5,13 @@
 #include <optional>
 #include <span>
 
+#include "base/secret.h"
 #include "input/input_packet.h"
 
 namespace ox::launcher {
 
 /// Seals input packets under one session's key. The nonce is a prefix, drawn anew for each sealer,
-/// and a count that never repeats: a platform may give two sessions the same key. Wipes its key.
+/// and a count that never repeats: a platform may give two sessions the same key.
 /// One thread at a time.
 class InputSealer {
   public:
@@ -22,7 +23,6 @@ class InputSealer {
     explicit InputSealer(std::span<const uint8_t, kKeyBytes> key);
     /// With the prefix given; `first` is the count of the first packet.
     InputSealer(std::span<const uint8_t, kKeyBytes> key, const Prefix& prefix, uint32_t first);
-    ~InputSealer();
     InputSealer(const InputSealer&) = delete;
     InputSealer& operator=(const InputSealer&) = delete;
 
@@ -31,7 +31,7 @@ class InputSealer {
     std::optional<Datagram> seal(InputPacket packet);
 
   private:
-    std::array<uint8_t, kKeyBytes> key_{};
+    SecretArray<kKeyBytes> key_;
     Prefix prefix_{};
     uint64_t count_ = 0;
 };

@@ -1,21 +1,12 @@
 #include "launcher/packet_opener.h"
 
-#include <sodium.h>
-
-#include <algorithm>
 #include <cstring>
 
 #include "transport/encryption.h"
 
 namespace ox::launcher {
 
-PacketOpener::PacketOpener(std::span<const uint8_t, kKeyBytes> key) : key_{}, plaintext_{} {
-    std::ranges::copy(key, key_.begin());
-}
-
-PacketOpener::~PacketOpener() {
-    sodium_memzero(key_.data(), key_.size());
-}
+PacketOpener::PacketOpener(std::span<const uint8_t, kKeyBytes> key) : key_(key), plaintext_{} {}
 
 std::optional<PacketOpener::Packet> PacketOpener::open(std::span<const uint8_t> datagram) {
     if (datagram.size() < kHeaderBytes + kTagBytes || datagram.size() > kMaxDatagramBytes)

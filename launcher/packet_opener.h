@@ -5,12 +5,13 @@
 #include <optional>
 #include <span>
 
+#include "base/secret.h"
 #include "transport/packet_header.h"
 
 namespace ox::launcher {
 
 /// Opens the datagrams of one media stream: header, then a payload sealed with the stream's key.
-/// Used by one thread; wipes its key.
+/// Used by one thread.
 class PacketOpener {
   public:
     static constexpr size_t kKeyBytes = 32;
@@ -23,7 +24,6 @@ class PacketOpener {
     };
 
     explicit PacketOpener(std::span<const uint8_t, kKeyBytes> key);
-    ~PacketOpener();
     PacketOpener(const PacketOpener&) = delete;
     PacketOpener& operator=(const PacketOpener&) = delete;
 
@@ -32,7 +32,7 @@ class PacketOpener {
     std::optional<Packet> open(std::span<const uint8_t> datagram);
 
   private:
-    std::array<uint8_t, kKeyBytes> key_;
+    SecretArray<kKeyBytes> key_;
     std::array<uint8_t, kMaxDatagramBytes> plaintext_;
 };
 

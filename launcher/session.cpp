@@ -135,7 +135,7 @@ void Session::ask_for_keyframe(const KeyframeRequest& request) {
 
 bool Session::connect_audio() {
     audio_socket_.set_agent(control_.agent_ip(), static_cast<uint16_t>(options_.port_base + 5));
-    const std::vector<uint8_t>& key = control_.keys().audio_key;
+    const Secret& key = control_.keys().audio_key;
     audio_.emplace(audio_socket_, std::span(key).first<PacketOpener::kKeyBytes>(),
                    [this](const AudioFrame& frame) { decode_.record_audio(frame); });
     std::string error;

@@ -57,14 +57,13 @@ void run_prepared(const Options& options, PrepareSessionParams params, SaasConne
     record_rented_session(params.session_id);
     const std::string id = params.session_id;
     std::atomic<unsigned> streamed_seconds{0};
-    const SessionRequest request{.session_id = id,
-                                 .connector = &connector,
-                                 .leases = &leases,
-                                 .key_material = params.encryption_key,
-                                 .expected_token_sha256 = params.session_token_sha256,
-                                 .terminate_requested = &handover.terminate_requested()};
-    wipe_key(params);
-    const std::string reason = run_session(options, request, streamed_seconds);
+    SessionRequest request{.session_id = id,
+                           .connector = &connector,
+                           .leases = &leases,
+                           .key_material = std::move(params.encryption_key),
+                           .expected_token_sha256 = params.session_token_sha256,
+                           .terminate_requested = &handover.terminate_requested()};
+    const std::string reason = run_session(options, std::move(request), streamed_seconds);
     connector.send_session_ended(id, reason, streamed_seconds);
     tui::board().session_ended(false, streamed_seconds);
     OX_INFO("SaaS: waiting for next prepare_session...");
@@ -88,7 +87,7 @@ void run_platform(const Options& options, const PlatformEndpoint& endpoint,
     SessionHandover handover;
     SaasConnector connector(connector_config(options, endpoint, system_info));
     connector.set_prepare_session_callback(
-        [&](const PrepareSessionParams& params) { handover.offer(params); });
+        [&](PrepareSessionParams&& params) { handover.offer(std::move(params)); });
     connector.set_terminate_session_callback(
         [&](const std::string& session_id, const std::string& reason) {
             OX_WARN("SaaS terminate_session %s (%s)", loggable(session_id).c_str(),

@@ -1,7 +1,5 @@
 #include "app/session_handover.h"
 
-#include <sodium.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -9,18 +7,9 @@
 
 namespace ox {
 
-void wipe_key(PrepareSessionParams& params) {
-    ::sodium_memzero(params.encryption_key.data(), params.encryption_key.size());
-}
-
-SessionHandover::~SessionHandover() {
-    if (pending_) wipe_key(*pending_);
-}
-
-void SessionHandover::offer(const PrepareSessionParams& params) {
+void SessionHandover::offer(PrepareSessionParams params) {
     const std::lock_guard lock(mutex_);
-    if (pending_) wipe_key(*pending_);
-    pending_ = params;
+    pending_ = std::move(params);
     pending_terminated_ = false;
     terminate_.exchange(false);
     changed_.notify_all();

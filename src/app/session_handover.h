@@ -16,14 +16,13 @@ namespace ox {
 /// newer request replaces one that was not taken yet. Offered to from any thread, taken by one.
 class SessionHandover {
   public:
-    ~SessionHandover();
     SessionHandover() = default;
     SessionHandover(const SessionHandover&) = delete;
     SessionHandover& operator=(const SessionHandover&) = delete;
 
     /// Puts `params` into the slot. Also takes back a wish to terminate: that one was meant for the
     /// session before.
-    void offer(const PrepareSessionParams& params);
+    void offer(PrepareSessionParams params);
 
     /// Asks the session that was taken last to end, and wakes the waiting thread. The one in the
     /// slot follows all the same, unless it is the one that `session_id` names or none was taken
@@ -47,8 +46,5 @@ class SessionHandover {
     bool pending_terminated_ = false;              ///< guarded by mutex_
     std::atomic<bool> terminate_{false};
 };
-
-/// Overwrites the master key in `params` with zeros.
-void wipe_key(PrepareSessionParams& params);
 
 }  // namespace ox

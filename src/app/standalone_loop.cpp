@@ -39,11 +39,11 @@ void run_standalone(const Options& options, DesktopNotice& desktop) {
         }
         state.link_detail = 0;
     });
-    const SessionRequest request{.expected_token_sha256 = options.token_sha256};
     while (!shutdown_flag()) {
         desktop.look();
         std::atomic<unsigned> streamed_seconds{0};
-        const std::string reason = run_session(options, request, streamed_seconds);
+        const std::string reason =
+            run_session(options, {.expected_token_sha256 = options.token_sha256}, streamed_seconds);
         OX_INFO("Standalone session ended: %s", reason.c_str());
         tui::board().session_ended(false, streamed_seconds);
         if (shutdown_flag()) break;

@@ -4,14 +4,9 @@
 
 #include "control/json_fields.h"
 #include "control/log_text.h"
-#include "control/wipe.h"
 #include "tui/text.h"
 
 namespace ox {
-
-AuthMessage::~AuthMessage() {
-    wipe(token);
-}
 
 std::optional<AuthError> parse_auth_message(std::string_view line, AuthMessage& message) {
     try {
@@ -23,7 +18,7 @@ std::optional<AuthError> parse_auth_message(std::string_view line, AuthMessage& 
                              has_type ? tui::text::printable(type) : "unknown"};
         }
         const AuthMessage defaults;
-        message.token = take_text(object, "token");
+        message.token = take_secret(object, "token");
         message.codec = int32_field(object, "codec", defaults.codec);
         message.width = int32_field(object, "width", defaults.width);
         message.height = int32_field(object, "height", defaults.height);

@@ -5,12 +5,13 @@
 #include <string>
 #include <string_view>
 
+#include "base/secret.h"
+
 namespace ox {
 
-/// A launcher's first line, as sent (nothing is clamped but `caps`). The destructor wipes the
-/// token.
+/// A launcher's first line, as sent (nothing is clamped but `caps`).
 struct AuthMessage {
-    std::string token;
+    Secret token;
     int32_t codec = 0;
     int32_t width = 1920;
     int32_t height = 1080;
@@ -18,11 +19,6 @@ struct AuthMessage {
     int32_t bitrate = 15000;  ///< kbit/s
     uint32_t caps = 0;        ///< 0 for a negative number
     std::string udp_ip;       ///< the launcher's own opinion of its address, unchecked
-
-    AuthMessage() = default;
-    AuthMessage(const AuthMessage&) = delete;
-    AuthMessage& operator=(const AuthMessage&) = delete;
-    ~AuthMessage();
 };
 
 /// Why a line is no auth message. Both texts are fit for the log: printable, without token.

@@ -1,9 +1,7 @@
 #include "control/auth_reader.h"
 
-#include <sodium.h>
 #include <sys/socket.h>
 
-#include <array>
 #include <cerrno>
 #include <string_view>
 
@@ -21,16 +19,17 @@ AuthRead as_auth_read(WaitResult result) {
 }
 
 AuthRead read_chunks(int fd, SteadyClock::time_point deadline, const std::function<bool()>& abort,
-                     std::array<char, kChunkBytes>& buffer, std::string& line) {
+                     Secret& line) {
+    Secret buffer(kChunkBytes);
     while (line.size() <= kLongestLine) {
         const auto wait = wait_readable(fd, deadline, abort);
         if (wait != WaitResult::readable) return as_auth_read(wait);
         const ssize_t received = ::recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (received < 0 && (errno == EAGAIN || errno == EINTR)) continue;
         if (received <= 0) return AuthRead::closed;
-        const std::string_view chunk(buffer.data(), static_cast<size_t>(received));
+        const std::string_view chunk = buffer.text().substr(0, static_cast<size_t>(received));
         const size_t line_feed = chunk.find('\n');
-        line += chunk.substr(0, line_feed);
+        line.append(chunk.substr(0, line_feed));
         if (line_feed != std::string_view::npos) return AuthRead::complete;
     }
     return AuthRead::too_large;
@@ -39,14 +38,11 @@ AuthRead read_chunks(int fd, SteadyClock::time_point deadline, const std::functi
 }  // namespace
 
 AuthRead read_auth_line(int fd, SteadyClock::time_point deadline,
-                        const std::function<bool()>& abort, std::string& line) {
+                        const std::function<bool()>& abort, Secret& line) {
     line.clear();
-    // All it can ever take: a growing string would leave unwiped copies of the token behind.
+    // All it can ever take, so that it need not grow.
     line.reserve(kLongestLine + kChunkBytes);
-    std::array<char, kChunkBytes> buffer{};
-    const AuthRead result = read_chunks(fd, deadline, abort, buffer, line);
-    ::sodium_memzero(buffer.data(), buffer.size());
-    return result;
+    return read_chunks(fd, deadline, abort, line);
 }
 
 }  // namespace ox

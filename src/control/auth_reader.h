@@ -2,9 +2,9 @@
 
 #include <cstdint>
 #include <functional>
-#include <string>
 
 #include "base/clock.h"
+#include "base/secret.h"
 
 namespace ox {
 
@@ -19,9 +19,8 @@ enum class AuthRead : uint8_t {
 
 /// Reads from the TCP socket `fd` into `line` up to the first line feed; what came behind it in the
 /// same segment is dropped. The deadline is for the whole line, so that a launcher that sends byte
-/// by byte gains nothing. `line` holds the session token: the caller wipes it, whatever is
-/// returned.
+/// by byte gains nothing.
 AuthRead read_auth_line(int fd, SteadyClock::time_point deadline,
-                        const std::function<bool()>& abort, std::string& line);
+                        const std::function<bool()>& abort, Secret& line);
 
 }  // namespace ox

@@ -41,6 +41,13 @@ Integer integer_field(const json& object, const char* key, Integer fallback) {
                                                     std::numeric_limits<Integer>::max()));
 }
 
+std::string* text_field(json& object, const char* key) {
+    const auto found = object.find(key);
+    if (found == object.end()) return nullptr;
+    if (!found->is_string()) throw_wrong_type(*found, key, "string");
+    return found->get_ptr<std::string*>();
+}
+
 }  // namespace
 
 json parse_json_object(std::string_view line) {
@@ -55,10 +62,16 @@ json parse_json_object(std::string_view line) {
 }
 
 std::string take_text(json& object, const char* key) {
-    const auto found = object.find(key);
-    if (found == object.end()) return {};
-    if (!found->is_string()) throw_wrong_type(*found, key, "string");
-    return std::move(found->get_ref<std::string&>());
+    std::string* text = text_field(object, key);
+    return text == nullptr ? std::string() : std::move(*text);
+}
+
+Secret take_secret(json& object, const char* key) {
+    std::string* text = text_field(object, key);
+    if (text == nullptr) return {};
+    Secret secret(*text);
+    wipe(*text);
+    return secret;
 }
 
 int32_t int32_field(const json& object, const char* key, int32_t fallback) {

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/secret.h"
+
 // Reading of one-line JSON objects. A key that is absent gives the fallback; a value of another
 // kind throws. What is thrown is a std::exception; its text must go through `without_input` before
 // it is logged.
@@ -16,6 +18,8 @@ nlohmann::json parse_json_object(std::string_view line);
 
 /// Takes the text out of `object`; empty when absent.
 std::string take_text(nlohmann::json& object, const char* key);
+/// Same, leaving nothing of it in `object`.
+Secret take_secret(nlohmann::json& object, const char* key);
 
 /// Any JSON number, its fraction dropped, brought into the range of the type; a 64-bit integer
 /// without a sign keeps its bits.

@@ -2,7 +2,6 @@
 
 #include <sodium.h>
 
-#include "control/wipe.h"
 #include "log/log.h"
 
 namespace ox {
@@ -10,24 +9,11 @@ namespace {
 
 constexpr size_t kKeyBytes = 32;
 
-// What an earlier length left outside the new one would escape the final wiping.
-void make_key_sized(std::vector<uint8_t>& key) {
-    if (key.size() == kKeyBytes) return;
-    wipe(key);
-    key.resize(kKeyBytes);
-}
-
 }  // namespace
 
-SessionKeySet::~SessionKeySet() {
-    wipe(video_key);
-    wipe(audio_key);
-    wipe(input_key);
-}
-
-void SessionKeySet::generate(const std::vector<uint8_t>& master_key) {
+void SessionKeySet::generate(std::span<const uint8_t> master_key) {
     struct Stream {
-        std::vector<uint8_t>& key;
+        Secret& key;
         uint64_t subkey_id;
         const char* context;  ///< crypto_kdf_CONTEXTBYTES are read
     };
@@ -35,7 +21,7 @@ void SessionKeySet::generate(const std::vector<uint8_t>& master_key) {
         {video_key, 1, "oxvideo1"}, {audio_key, 2, "oxaudio1"}, {input_key, 3, "oxinput1"}};
     const bool derive = master_key.size() == crypto_kdf_KEYBYTES;
     for (const auto& stream : streams) {
-        make_key_sized(stream.key);
+        stream.key.resize(kKeyBytes);
         if (derive) {
             ::crypto_kdf_derive_from_key(stream.key.data(), kKeyBytes, stream.subkey_id,
                                          stream.context, master_key.data());
@@ -50,11 +36,12 @@ void SessionKeySet::generate(const std::vector<uint8_t>& master_key) {
     }
 }
 
-std::string to_base64(const std::vector<uint8_t>& bytes) {
+Secret to_base64(std::span<const uint8_t> bytes) {
     constexpr int kVariant = sodium_base64_VARIANT_ORIGINAL;
-    std::string text(sodium_base64_encoded_len(bytes.size(), kVariant), '\0');
-    ::sodium_bin2base64(text.data(), text.size(), bytes.data(), bytes.size(), kVariant);
-    text.pop_back();  // the terminating zero
+    Secret text(sodium_base64_encoded_len(bytes.size(), kVariant));
+    ::sodium_bin2base64(reinterpret_cast<char*>(text.data()), text.size(), bytes.data(),
+                        bytes.size(), kVariant);
+    text.resize(text.size() - 1);  // the terminating zero
     return text;
 }
 

@@ -1,13 +1,13 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 
+#include "base/secret.h"
 #include "control/session_keys.h"
 
 namespace ox {
 
-/// The answer to an accepted auth line. The text carries the keys: the caller wipes it.
-std::string make_session_ready(const SessionKeySet& keys, uint32_t granted_caps);
+/// The answer to an accepted auth line, with the keys.
+Secret make_session_ready(const SessionKeySet& keys, uint32_t granted_caps);
 
 }  // namespace ox

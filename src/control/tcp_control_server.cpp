@@ -22,7 +22,6 @@
 #include "control/token_check.h"
 #include "control/udp_destination.h"
 #include "control/wait_readable.h"
-#include "control/wipe.h"
 #include "log/log.h"
 #include "tui/board.h"
 #include "tui/text.h"
@@ -54,7 +53,6 @@ bool tcp_port_is_free(uint16_t port) {
 
 TcpControlServer::~TcpControlServer() {
     close();
-    wipe(master_key);
 }
 
 bool TcpControlServer::accept_and_handshake(uint16_t port, const AbortPredicate& abort,
@@ -74,10 +72,12 @@ bool TcpControlServer::accept_and_handshake(uint16_t port, const AbortPredicate&
 bool TcpControlServer::handshake(uint16_t port, const AbortPredicate& abort, int accept_timeout_s) {
     if (!open_listener(port) || !accept_launcher(port, abort, accept_timeout_s)) return false;
     const auto auth_deadline = SteadyClock::now() + kAuthTimeout;
-    std::string line;
-    const bool accepted = receive_auth_line(auth_deadline, abort, line) && authenticate(line);
-    wipe(line);
-    if (!accepted) return false;
+    {
+        Secret line;
+        if (!receive_auth_line(auth_deadline, abort, line) || !authenticate(line.text())) {
+            return false;
+        }
+    }
     generate_session_keys();
     if (before_ready) before_ready();
     if (!send_session_ready()) {
@@ -159,7 +159,7 @@ void TcpControlServer::take_client(UniqueFd socket) {
 }
 
 bool TcpControlServer::receive_auth_line(SteadyClock::time_point deadline,
-                                         const AbortPredicate& abort, std::string& line) {
+                                         const AbortPredicate& abort, Secret& line) {
     switch (read_auth_line(client_socket_.get(), deadline, abort, line)) {
         case AuthRead::complete:
             return true;
@@ -182,7 +182,7 @@ bool TcpControlServer::receive_auth_line(SteadyClock::time_point deadline,
     return fail("AUTH_REJECTED");
 }
 
-bool TcpControlServer::authenticate(const std::string& line) {
+bool TcpControlServer::authenticate(std::string_view line) {
     AuthMessage message;
     if (const auto error = parse_auth_message(line, message)) {
         if (error->kind == AuthError::Kind::wrong_type) {
@@ -193,7 +193,7 @@ bool TcpControlServer::authenticate(const std::string& line) {
         return fail("AUTH_REJECTED");
     }
     take_request(message);
-    return verify_token(message.token) || fail("AUTH_REJECTED");
+    return verify_token(message.token.text()) || fail("AUTH_REJECTED");
 }
 
 void TcpControlServer::take_request(const AuthMessage& message) {
@@ -233,7 +233,7 @@ void TcpControlServer::choose_udp_ip(const std::string& reported) {
     }
 }
 
-bool TcpControlServer::verify_token(const std::string& token) const {
+bool TcpControlServer::verify_token(std::string_view token) const {
     if (expected_token_sha256.empty()) {
         OX_ERROR(
             "TcpControlServer: SECURITY — no session_token_sha256 supplied (refusing unverified "
@@ -253,10 +253,7 @@ void TcpControlServer::generate_session_keys() {
 }
 
 bool TcpControlServer::send_session_ready() {
-    std::string line = make_session_ready(keys, granted_caps);
-    const bool sent = send_line(line);
-    wipe(line);
-    return sent;
+    return send_line(make_session_ready(keys, granted_caps).text());
 }
 
 bool TcpControlServer::fail(const char* error) {
@@ -289,16 +286,13 @@ bool TcpControlServer::is_connected() const {
     return connected_;
 }
 
-bool TcpControlServer::send_line(const std::string& text) {
-    std::string line;
+bool TcpControlServer::send_line(std::string_view text) {
+    Secret line;  // it may carry keys
     line.reserve(text.size() + 1);
-    line.append(text).push_back('\n');
-    const bool sent = [&] {
-        const std::lock_guard lock(send_mutex_);
-        return send_whole(client_socket_.get(), line);
-    }();
-    wipe(line);  // the line may carry keys
-    return sent;
+    line.append(text);
+    line.append("\n");
+    const std::lock_guard lock(send_mutex_);
+    return send_whole(client_socket_.get(), line.text());
 }
 
 void TcpControlServer::start_async_read() {

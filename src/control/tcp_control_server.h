@@ -5,10 +5,11 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
-#include <vector>
 
 #include "base/clock.h"
+#include "base/secret.h"
 #include "base/unique_fd.h"
 #include "control/control_message.h"
 #include "control/line_splitter.h"
@@ -54,7 +55,7 @@ class TcpControlServer {
 
     /// Sends `text` and a line feed whole, also against other writers. False on any send error
     /// (also when the launcher takes nothing for 5 s); one inside a line ends the connection.
-    bool send_line(const std::string& text);
+    bool send_line(std::string_view text);
 
     /// A launcher has been answered and its connection stands.
     [[nodiscard]] bool is_connected() const;
@@ -63,7 +64,7 @@ class TcpControlServer {
     void close();
 
     // Set by the owner before the handshake.
-    std::vector<uint8_t> master_key;     ///< 32 bytes from the platform, or empty; wiped at the end
+    Secret master_key;                   ///< 32 bytes from the platform, or empty
     std::string expected_token_sha256;   ///< hex; empty refuses every launcher
     uint32_t host_caps = 0;              ///< capabilities the agent has, `caps` bits
     std::function<void()> before_ready;  ///< runs when an accepted launcher is about to be told
@@ -84,7 +85,7 @@ class TcpControlServer {
     SessionKeySet keys;
 
     /// True when the SHA-256 of `token` is the expected one (constant-time comparison).
-    [[nodiscard]] bool verify_token(const std::string& token) const;
+    [[nodiscard]] bool verify_token(std::string_view token) const;
     void generate_session_keys();
 
   private:
@@ -93,8 +94,8 @@ class TcpControlServer {
     bool accept_launcher(uint16_t port, const AbortPredicate& abort, int accept_timeout_s);
     void take_client(UniqueFd socket);
     bool receive_auth_line(SteadyClock::time_point deadline, const AbortPredicate& abort,
-                           std::string& line);
-    bool authenticate(const std::string& line);
+                           Secret& line);
+    bool authenticate(std::string_view line);
     void take_request(const AuthMessage& message);
     void choose_udp_ip(const std::string& reported);
     bool send_session_ready();

@@ -14,14 +14,13 @@ char to_lower(char c) {
 
 }  // namespace
 
-bool token_matches(const std::string& token, const std::string& expected_sha256_hex) {
+bool token_matches(std::string_view token, const std::string& expected_sha256_hex) {
     constexpr size_t kHexLength = size_t{2} * crypto_hash_sha256_BYTES;
     std::array<unsigned char, crypto_hash_sha256_BYTES> digest{};
     std::array<char, kHexLength + 1> hex{};
     ::crypto_hash_sha256(digest.data(), reinterpret_cast<const unsigned char*>(token.data()),
                          token.size());
     ::sodium_bin2hex(hex.data(), hex.size(), digest.data(), digest.size());
-    ::sodium_memzero(digest.data(), digest.size());
 
     std::string expected = expected_sha256_hex;
     for (char& c : expected)

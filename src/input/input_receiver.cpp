@@ -33,7 +33,6 @@ constexpr std::array<uint16_t, 8> kModifiers{KEY_LEFTALT,   KEY_RIGHTALT,  KEY_L
 
 InputReceiver::~InputReceiver() {
     stop();
-    if (key_) ::sodium_memzero(key_->data(), key_->size());
 }
 
 bool InputReceiver::set_key(const uint8_t* key, size_t length) {
@@ -42,8 +41,7 @@ bool InputReceiver::set_key(const uint8_t* key, size_t length) {
         return false;
     }
     const std::lock_guard lock(key_mutex_);
-    key_.emplace();
-    std::copy_n(key, kKeyBytes, key_->begin());
+    key_.emplace(std::span<const uint8_t, kKeyBytes>(key, kKeyBytes));
     return true;
 }
 

@@ -10,6 +10,7 @@
 #include <optional>
 #include <thread>
 
+#include "base/secret.h"
 #include "base/unique_fd.h"
 #include "input/input_packet.h"
 #include "input/replay_window.h"
@@ -56,7 +57,7 @@ class InputReceiver {
     [[nodiscard]] uint64_t feedback() const { return feedback_; }
 
   private:
-    using Key = std::array<uint8_t, kKeyBytes>;
+    using Key = SecretArray<kKeyBytes>;
 
     bool bind_socket(uint16_t port);
     bool run(uint16_t port);

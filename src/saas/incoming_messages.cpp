@@ -1,8 +1,7 @@
 // What the connector does with the messages of the backend.
 
-#include <sodium.h>
-
 #include <exception>
+#include <utility>
 #include <variant>
 
 #include "log/log.h"
@@ -30,7 +29,7 @@ void SaasConnector::handle_message(const std::string& text) {
         [&](const TerminateSession& terminate) {
             if (terminate_session_) terminate_session_(terminate.session_id, terminate.reason);
         },
-        [&](const PrepareSessionParams& params) { prepare(params, text); },
+        [&](PrepareSessionParams& params) { prepare(std::move(params), text); },
         [&](const BadMessage& bad) { report(bad, text); },
         [&](const UnknownMessage& unknown) {
             OX_DEBUG("SaasConnector: unhandled message type '%s'", safe(unknown.type).c_str());
@@ -38,12 +37,9 @@ void SaasConnector::handle_message(const std::string& text) {
     };
     PlatformMessage message = parse_platform_message(text);
     std::visit(handler, message);
-    if (auto* params = std::get_if<PrepareSessionParams>(&message)) {
-        sodium_memzero(params->encryption_key.data(), params->encryption_key.size());
-    }
 }
 
-void SaasConnector::prepare(const PrepareSessionParams& params, const std::string& text) {
+void SaasConnector::prepare(PrepareSessionParams params, const std::string& text) {
     if (params.session_token_sha256.empty()) {
         OX_WARN(
             "SaasConnector: prepare_session has no session_token_sha256 — TCP auth falls back to "
@@ -54,7 +50,7 @@ void SaasConnector::prepare(const PrepareSessionParams& params, const std::strin
             safe(params.resolution).c_str(), params.fps, params.bitrate_kbps);
     if (!prepare_session_) return;
     try {
-        prepare_session_(params);
+        prepare_session_(std::move(params));
     } catch (const std::exception& error) {
         report({BadMessage::Kind::BadPrepare, error.what()}, text);
     }

@@ -49,11 +49,11 @@ uint32_t json_value_or(const json& object, const char* key, uint32_t fallback) {
 }
 
 /// Standard base64 with padding; empty when the text is anything else.
-std::vector<uint8_t> decode_base64(const std::string& text) {
-    if (text.empty()) return {};
-    std::vector<uint8_t> bytes(text.size());
+Secret decode_base64(const std::string& text) {
+    Secret bytes(text.size());
     size_t size = 0;
-    if (sodium_base642bin(bytes.data(), bytes.size(), text.data(), text.size(), nullptr, &size,
+    if (text.empty() ||
+        sodium_base642bin(bytes.data(), bytes.size(), text.data(), text.size(), nullptr, &size,
                           nullptr, sodium_base64_VARIANT_ORIGINAL) != 0) {
         size = 0;
     }
@@ -61,14 +61,25 @@ std::vector<uint8_t> decode_base64(const std::string& text) {
     return bytes;
 }
 
-PrepareSessionParams parse_prepare(const json& message) {
+/// Takes the key out of `message`, so that nothing of it is left there.
+Secret take_key(json& message) {
+    const auto found = message.find("encryption_key");
+    if (found == message.end() || found->is_null()) return {};
+    auto* text = found->get_ptr<std::string*>();
+    if (text == nullptr) return decode_base64(found->get<std::string>());  // throws
+    Secret key = decode_base64(*text);
+    wipe(*text);
+    return key;
+}
+
+PrepareSessionParams parse_prepare(json& message) {
     PrepareSessionParams params;
+    params.encryption_key = take_key(message);
     params.session_id = json_value_or(message, "session_id", params.session_id);
     params.client_id = json_value_or(message, "client_id", params.client_id);
     params.max_duration_sec = json_value_or(message, "max_duration_sec", params.max_duration_sec);
     params.session_token_sha256 =
         json_value_or(message, "session_token_sha256", params.session_token_sha256);
-    params.encryption_key = decode_base64(json_value_or(message, "encryption_key", std::string()));
 
     if (const json* constraints = member(message, "constraints");
         constraints && constraints->is_object()) {
@@ -86,7 +97,7 @@ PrepareSessionParams parse_prepare(const json& message) {
     return params;
 }
 
-PlatformMessage parse_typed(const std::string& type, const json& message) {
+PlatformMessage parse_typed(const std::string& type, json& message) {
     if (type == "ping") return BackendPing{};
     if (type == "terminate_session") {
         TerminateSession terminate;
@@ -164,7 +175,7 @@ std::string error_message(const std::string& code, const std::string& message,
 
 PlatformMessage parse_platform_message(std::string_view text) {
     using Kind = BadMessage::Kind;
-    const json message = json::parse(text, nullptr, false);
+    json message = json::parse(text, nullptr, false);
     if (message.is_discarded()) return BadMessage{Kind::InvalidJson, "invalid JSON"};
     std::string type;
     try {

@@ -6,6 +6,7 @@
 #include <variant>
 #include <vector>
 
+#include "base/secret.h"
 #include "saas/saas_config.h"
 
 /// The JSON messages between agent and platform, as pure functions: builders give the text to send
@@ -17,8 +18,8 @@ namespace ox {
 struct PrepareSessionParams {
     std::string session_id;
     std::string client_id;
-    std::vector<uint8_t> encryption_key;  ///< the platform's master key; secret
-    std::string session_token_sha256;     ///< hex; empty: no launcher will be let in
+    Secret encryption_key;             ///< the platform's master key
+    std::string session_token_sha256;  ///< hex; empty: no launcher will be let in
     uint32_t max_duration_sec = 3600;
     std::string codec = "h264";
     std::string resolution = "1920x1080";

@@ -257,7 +257,7 @@ bool SaasConnector::receive(WsLink& link) {
         switch (link.ws_recv_message(message)) {
             case WsLink::Receive::Message:
                 if (!message.empty()) handle_message(message);
-                sodium_memzero(message.data(), message.size());  // it may hold a session's key
+                wipe(message);  // it may hold a session's key
                 break;
             case WsLink::Receive::NeedMore:
                 return true;

@@ -42,7 +42,7 @@ struct ConnectorTiming {
 /// The platform link's state and alerts go to the board. Nothing here throws.
 class SaasConnector {
   public:
-    using PrepareSession = std::function<void(const PrepareSessionParams&)>;
+    using PrepareSession = std::function<void(PrepareSessionParams&&)>;
     /// Session id (may be empty) and reason.
     using TerminateSessionCallback = std::function<void(const std::string&, const std::string&)>;
 
@@ -96,7 +96,7 @@ class SaasConnector {
     void send_register();
     void do_heartbeat();
     void handle_message(const std::string& text);
-    void prepare(const PrepareSessionParams& params, const std::string& text);
+    void prepare(PrepareSessionParams params, const std::string& text);
     void report(const BadMessage& bad, const std::string& text) const;
     /// `text` from outside as it may be logged.
     [[nodiscard]] std::string safe(std::string_view text, size_t max = kMaxLoggedText) const;

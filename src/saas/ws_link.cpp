@@ -1,12 +1,11 @@
 #include "saas/ws_link.h"
 
-#include <sodium.h>
-
 #include <algorithm>
 #include <array>
 #include <span>
 #include <utility>
 
+#include "base/secret.h"
 #include "log/log.h"
 #include "saas/log_text.h"
 #include "saas/ws_upgrade.h"
@@ -29,7 +28,7 @@ WsLink::WsLink(Transport& transport, std::string secret, Limits limits)
 bool WsLink::ws_handshake(const std::string& host, const std::atomic<bool>& running) {
     std::string request = ws_build_handshake(host, make_ws_key(), secret_);
     const bool sent = transport_.write_all(bytes_of(request)) >= 0;
-    sodium_memzero(request.data(), request.size());
+    wipe(request);
     if (!sent) return false;
 
     UpgradeResponse response;

@@ -2,7 +2,8 @@
 
 #include <sodium.h>
 
-#include <algorithm>
+#include <array>
+#include <span>
 
 #include "log/log.h"
 #include "transport/nonce.h"
@@ -25,17 +26,13 @@ Encryption::Encryption() {
     if (sodium_init() < 0) OX_ERROR("Encryption: libsodium initialization failed");
 }
 
-Encryption::~Encryption() {
-    sodium_memzero(key_.data(), key_.size());
-}
-
 bool Encryption::set_key(const uint8_t* key, size_t length) {
     if (length != kKeyBytes) {
         OX_ERROR("Encryption: invalid key size %zu (expected %u)", length,
                  static_cast<unsigned>(kKeyBytes));
         return false;
     }
-    std::copy_n(key, kKeyBytes, key_.begin());
+    key_.assign(std::span<const uint8_t, kKeyBytes>(key, kKeyBytes));
     key_set_ = true;
     OX_INFO("Encryption: key set");
     return true;

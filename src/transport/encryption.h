@@ -1,22 +1,21 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 
+#include "base/secret.h"
 #include "transport/packet_header.h"
 
 namespace ox {
 
 /// Holder of one stream key; seals media payloads with ChaCha20-Poly1305 (RFC 8439), the packet
 /// header being the additional data. Used by one sending thread at a time. Neither copied nor
-/// moved, so that the key exists in one place, which the destructor wipes.
+/// moved, so that the key exists in one place.
 class Encryption {
   public:
     static constexpr size_t kKeyBytes = 32;
 
     Encryption();
-    ~Encryption();
     Encryption(const Encryption&) = delete;
     Encryption& operator=(const Encryption&) = delete;
 
@@ -33,7 +32,7 @@ class Encryption {
                         uint8_t* out, size_t& out_length) const;
 
   private:
-    std::array<uint8_t, kKeyBytes> key_{};
+    SecretArray<kKeyBytes> key_;
     bool key_set_ = false;
 };
 

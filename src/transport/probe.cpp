@@ -3,6 +3,7 @@
 #include <sodium.h>
 
 #include <algorithm>
+#include <array>
 
 namespace ox {
 namespace {

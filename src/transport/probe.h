@@ -2,16 +2,17 @@
 
 #include <netinet/in.h>
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
 
+#include "base/secret.h"
+
 namespace ox {
 
 /// The first bytes of a token that a hole-punch probe has to show.
-using ProbeToken = std::array<uint8_t, 8>;
+using ProbeToken = SecretArray<8>;
 
 /// The longest datagram prefix that `classify_probe` can tell apart from any other.
 inline constexpr size_t kProbeReadBytes = 64;

@@ -70,7 +70,6 @@ void sleep_precisely_until(SteadyClock::time_point deadline) {
 
 UdpSender::~UdpSender() {
     close();
-    if (probe_token_) sodium_memzero(probe_token_->data(), probe_token_->size());
 }
 
 bool UdpSender::open(const std::string& dest_ip, uint16_t dest_port, uint16_t src_port) {
@@ -141,14 +140,13 @@ void UdpSender::enlarge_send_buffer() {
 }
 
 void UdpSender::set_probe_token(const uint8_t* token, size_t length) {
-    ProbeToken first_bytes;
-    if (token == nullptr || length < first_bytes.size()) {
+    constexpr size_t kBytes = ProbeToken::size();
+    if (token == nullptr || length < kBytes) {
         OX_WARN("UdpSender: probe token too short (%zuB) — magic-only validation", length);
         probe_token_.reset();
         return;
     }
-    std::copy_n(token, first_bytes.size(), first_bytes.begin());
-    probe_token_ = first_bytes;
+    probe_token_.emplace(std::span<const uint8_t, kBytes>(token, kBytes));
 }
 
 void UdpSender::start_probe_listener() {

@@ -14,6 +14,10 @@ std::string auth_with(std::string_view fields) {
     return R"({"type":"auth","token":"player-one-token",)" + std::string(fields) + "}\n";
 }
 
+std::string base64(const Secret& key) {
+    return std::string(to_base64(key).text());
+}
+
 TEST_F(HandshakeTest, TakesALauncherThatSendsByteByByte) {
     server_.host_caps = 2;
     auto result = handshake();
@@ -25,10 +29,9 @@ TEST_F(HandshakeTest, TakesALauncherThatSendsByteByByte) {
     ASSERT_TRUE(result.get()) << log_.text();
     EXPECT_TRUE(server_.is_connected());
     EXPECT_EQ(launcher.read_line(kPatience),
-              R"({"audio_key":")" + to_base64(server_.keys.audio_key) +
-                  R"(","caps":2,"input_key":")" + to_base64(server_.keys.input_key) +
-                  R"(","type":"session_ready","video_key":")" + to_base64(server_.keys.video_key) +
-                  R"("})");
+              R"({"audio_key":")" + base64(server_.keys.audio_key) + R"(","caps":2,"input_key":")" +
+                  base64(server_.keys.input_key) + R"(","type":"session_ready","video_key":")" +
+                  base64(server_.keys.video_key) + R"("})");
     EXPECT_EQ(server_.requested.height, -3);
     EXPECT_EQ(server_.launcher_caps, 7u);
     EXPECT_EQ(server_.granted_caps, 2u);

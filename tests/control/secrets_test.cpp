@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <new>
 #include <numeric>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <thread>
 
@@ -77,7 +79,7 @@ TEST(Secrets, NoneIsLeftInMemoryThatWasGivenBack) {
         EXPECT_EQ(leaks, 0) << "during the handshake";
 
         leaks = 0;
-        { const std::string unwiped = to_base64(server.keys.video_key); }
+        { const std::string unwiped(to_base64(server.keys.video_key).text()); }
         EXPECT_EQ(leaks, 1) << "the search itself";
         leaks = 0;
     }
@@ -85,6 +87,29 @@ TEST(Secrets, NoneIsLeftInMemoryThatWasGivenBack) {
     EXPECT_EQ(leaks, 0) << "at the end";
     for (const auto secret : kSecrets)
         EXPECT_EQ(log.times(secret), 0);
+}
+
+TEST(Secrets, ASecretLeavesNothingWhereItWas) {
+    ASSERT_GE(::sodium_init(), 0);
+    const std::string_view master = kSecrets[0];
+    watching = true;
+    leaks = 0;
+    {
+        Secret secret(master);
+        for (int i = 0; i < 100; ++i)
+            secret.append(master);  // grows
+        Secret moved(std::move(secret));
+        secret = moved.copy();  // NOLINT(bugprone-use-after-move)
+        EXPECT_EQ(secret, moved);
+        secret = Secret(master);
+        moved.resize(5);
+        moved.resize(32);
+        EXPECT_EQ(moved.text(), std::string(master.substr(0, 5)) + std::string(27, '\0'));
+        std::optional<Secret> held(std::move(moved));
+        held = std::nullopt;
+    }
+    watching = false;
+    EXPECT_EQ(leaks, 0);
 }
 
 }  // namespace

@@ -76,7 +76,7 @@ TEST(Sound, IsSentAlsoWhenSilentAndItsEndCostsNeitherVideoNorTheNextLaunchersSou
     EXPECT_TRUE(agent.wait_for_log("AudioStream: capture ended — stopping audio"));
     EXPECT_TRUE(player->receive_frames(30)) << "video went with the sound";
     const uint32_t last = player->sound().last_sequence;
-    const auto old_key = player->keys().audio_key;
+    const Secret old_key = player->keys().audio_key.copy();
     player.reset();
     ASSERT_TRUE(agent.wait_for_log("Session: launcher lost"));
     player.emplace(agent);

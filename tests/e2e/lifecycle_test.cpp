@@ -54,12 +54,12 @@ TEST(Stopping, SigtermEndsTheProgramPromptlyInEveryState) {
 TEST(Session, IsHeldForItsLauncherAloneWhichGetsFreshKeysAndTheNextFrameNumbers) {
     Agent agent;
     uint32_t last_frame = 0;
-    std::vector<uint8_t> key;
+    Secret key;
     {
         Player player(agent);
         ASSERT_TRUE(player.receive_frames(30));
         last_frame = player.frames().back().frame_id;
-        key = player.keys().video_key;
+        key = player.keys().video_key.copy();
     }
     ASSERT_TRUE(agent.wait_for_log("Session: launcher lost — holding the session for up to 60s"));
     {

@@ -88,7 +88,7 @@ Bytes nonce_of(const PacketHeader& header) {
 void check_keys_and_lines(Document& doc) {
     SessionKeySet keys;
     keys.generate(doc.hex("master-key"));
-    EXPECT_EQ(make_session_ready(keys, 0), doc.line("session-ready"));
+    EXPECT_EQ(make_session_ready(keys, 0).text(), doc.line("session-ready"));
     SessionKeySet received;
     std::string error;
     EXPECT_TRUE(parse_session_ready(doc.line("session-ready"), received, error)) << error;
@@ -102,7 +102,7 @@ void check_keys_and_lines(Document& doc) {
     std::string token_hash = doc.line("token-sha256");
     std::erase(token_hash, ' ');
     const auto auth = nlohmann::json::parse(doc.line("auth"));
-    EXPECT_TRUE(token_matches(auth["token"], token_hash));
+    EXPECT_TRUE(token_matches(auth["token"].get<std::string>(), token_hash));
     const auto own = nlohmann::json::parse(make_auth_line({.token = auth["token"],
                                                            .codec = 0,
                                                            .width = 1920,

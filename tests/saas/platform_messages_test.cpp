@@ -48,9 +48,9 @@ TEST(PlatformMessages, AreCompactWithAscendingKeys) {
 
 template <typename T>
 T parsed(const std::string& text) {
-    const PlatformMessage message = parse_platform_message(text);
+    PlatformMessage message = parse_platform_message(text);
     EXPECT_TRUE(std::holds_alternative<T>(message)) << text;
-    return std::holds_alternative<T>(message) ? std::get<T>(message) : T{};
+    return std::holds_alternative<T>(message) ? std::get<T>(std::move(message)) : T{};
 }
 
 std::string prepare(const std::string& members) {

@@ -49,9 +49,9 @@ TEST_F(SaasConnectorTest, RegistersHandsRequestsOverAndKeepsTheLinkThroughNonsen
     SaasConnector connector(config(backend_.port()), quick());
     std::promise<PrepareSessionParams> prepared;
     std::promise<std::string> terminated;
-    connector.set_prepare_session_callback([&](const auto& params) {
+    connector.set_prepare_session_callback([&](auto&& params) {
         if (params.session_id == "throw") throw std::runtime_error("full");
-        prepared.set_value(params);
+        prepared.set_value(std::move(params));
     });
     connector.set_terminate_session_callback(
         [&](const auto& id, const auto& reason) { terminated.set_value(id + "/" + reason); });

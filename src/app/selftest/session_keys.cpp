@@ -11,14 +11,11 @@ namespace ox::selftest {
 namespace {
 
 /// What a launcher that holds the master key computes.
-bool is_subkey(const std::vector<uint8_t>& key, uint64_t id, const char* context,
+bool is_subkey(const Secret& key, uint64_t id, const char* context,
                const std::vector<uint8_t>& master) {
-    Key expected{};
+    Secret expected(crypto_kdf_KEYBYTES);
     ::crypto_kdf_derive_from_key(expected.data(), expected.size(), id, context, master.data());
-    const bool same = key.size() == expected.size() &&
-                      ::sodium_memcmp(key.data(), expected.data(), expected.size()) == 0;
-    ::sodium_memzero(expected.data(), expected.size());
-    return same;
+    return key == expected;
 }
 
 }  // namespace
@@ -43,8 +40,7 @@ void check_session_keys() {
     ::sodium_bin2hex(hex.data(), hex.size(), keys.video_key.data(), keys.video_key.size());
     hex.pop_back();  // the terminating zero
     note("video subkey (master=0..31)", hex);
-    // The key sets wipe themselves.
-    ::sodium_memzero(hex.data(), hex.size());
+    wipe(hex);
 }
 
 }  // namespace ox::selftest

@@ -9,7 +9,7 @@ bool MediaStream::open(const std::string& launcher, uint16_t dest_port, uint16_t
     return sender_.open(launcher, dest_port, local_port);
 }
 
-bool MediaStream::set_key(const std::vector<uint8_t>& key) {
+bool MediaStream::set_key(std::span<const uint8_t> key) {
     return !key.empty() && encryption_.set_key(key.data(), key.size());
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -18,7 +19,7 @@ class MediaStream {
     /// Binds the sender. False when that fails.
     bool open(const std::string& launcher, uint16_t dest_port, uint16_t local_port);
     /// Takes a new stream key. False when it is not 32 bytes long.
-    bool set_key(const std::vector<uint8_t>& key);
+    bool set_key(std::span<const uint8_t> key);
     /// Sends one picture. A packet that cannot be sealed is skipped.
     void send(const EncodedFrame& frame);
     void close() { sender_.close(); }

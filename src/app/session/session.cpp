@@ -1,6 +1,7 @@
 #include "app/session/session.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "app/process_flags.h"
 #include "app/session/capture_selection.h"
@@ -29,8 +30,11 @@ constexpr const char* kHandshakeFailed = "handshake_failed:";
 
 }  // namespace
 
-Session::Session(const Options& options, const SessionRequest& request)
-    : options_(options), request_(request), audio_(options), pacer_(1, SteadyClock::now()) {}
+Session::Session(const Options& options, SessionRequest request)
+    : options_(options),
+      request_(std::move(request)),
+      audio_(options),
+      pacer_(1, SteadyClock::now()) {}
 
 Session::~Session() = default;
 
@@ -73,7 +77,7 @@ void Session::lease_numbers() {
 }
 
 std::string Session::wait_for_launcher() {
-    control_.master_key = request_.key_material;
+    control_.master_key = std::move(request_.key_material);
     control_.expected_token_sha256 = request_.expected_token_sha256;
     control_.host_caps = host_caps(options_.media_rfi);
     // A launcher may send its only probe as soon as it has its keys.
@@ -124,7 +128,7 @@ std::string Session::open_media() {
 }
 
 void Session::start_input() {
-    const std::vector<uint8_t>& key = control_.keys.input_key;
+    const Secret& key = control_.keys.input_key;
     if (!options_.input || key.empty()) return;
     input_.set_feedback_callback([this](const InputPacket& packet) {
         feedback_.handle(packet, static_cast<int64_t>(steady_now_us()));
@@ -290,9 +294,9 @@ std::string Session::run(std::atomic<unsigned>& streamed_seconds_out) {
     return reason;
 }
 
-std::string run_session(const Options& options, const SessionRequest& request,
+std::string run_session(const Options& options, SessionRequest request,
                         std::atomic<unsigned>& streamed_seconds) {
-    std::string reason = Session(options, request).run(streamed_seconds);
+    std::string reason = Session(options, std::move(request)).run(streamed_seconds);
     // The agent idles for hours between sessions: what pictures and encoder took goes back to the
     // games.
     trim_memory();

@@ -3,9 +3,9 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "app/options.h"
+#include "base/secret.h"
 
 namespace ox {
 
@@ -17,7 +17,7 @@ struct SessionRequest {
     std::string session_id{};             ///< empty in standalone mode
     SaasConnector* connector = nullptr;   ///< null in standalone mode
     KeyLeases* leases = nullptr;          ///< who numbers the packets of `key_material`; or null
-    std::vector<uint8_t> key_material{};  ///< the platform's master key, or empty
+    Secret key_material{};                ///< the platform's master key, or empty
     std::string expected_token_sha256{};  ///< hex; empty refuses every launcher
     const std::atomic<bool>* terminate_requested = nullptr;  ///< set when the platform ends it
 };
@@ -25,7 +25,7 @@ struct SessionRequest {
 /// Runs one whole session on the calling thread: waits for a launcher, streams to it, holds the
 /// session through a short outage, tears everything down. Returns the end reason and stores the
 /// whole seconds of streaming in `streamed_seconds`. Never throws for an ordinary failure.
-std::string run_session(const Options& options, const SessionRequest& request,
+std::string run_session(const Options& options, SessionRequest request,
                         std::atomic<unsigned>& streamed_seconds);
 
 /// Reason of a session that ended because its control port could not be had: nobody could have

@@ -26,11 +26,11 @@ void SessionAudio::open(const std::string& launcher, uint16_t dest_port, uint16_
     stream_.set_parity_enabled(options_.audio && options_.audio_parity);
 }
 
-bool SessionAudio::start_stream(const std::vector<uint8_t>& key) {
+bool SessionAudio::start_stream(std::span<const uint8_t> key) {
     return stream_.start(sender_, key.data(), key.size(), kSampleRate, kChannels, kBitrateBps);
 }
 
-void SessionAudio::start(const std::vector<uint8_t>& key) {
+void SessionAudio::start(std::span<const uint8_t> key) {
     if (!options_.audio || !sender_.is_open()) return;
     if (key.size() != Encryption::kKeyBytes) {
         OX_WARN("Session: audio key missing or %zu bytes (want %zu) — audio disabled", key.size(),
@@ -42,7 +42,7 @@ void SessionAudio::start(const std::vector<uint8_t>& key) {
     }
 }
 
-void SessionAudio::resume(const std::vector<uint8_t>& key) {
+void SessionAudio::resume(std::span<const uint8_t> key) {
     stream_.stop();
     if (!options_.audio || !sender_.is_open() || key.size() != Encryption::kKeyBytes) return;
     start_stream(key);

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
-#include <vector>
 
 #include "app/options.h"
 #include "audio/audio_stream.h"
@@ -27,14 +27,14 @@ class SessionAudio {
     /// Where the stream's sequence numbers come from. Before `start`.
     void set_numbers(PacketNumbers& numbers) { stream_.set_numbers(numbers); }
     /// Starts the stream when the sender is open. Says why when it cannot.
-    void start(const std::vector<uint8_t>& key);
+    void start(std::span<const uint8_t> key);
     /// After a reconnect: the stream goes on under `key`.
-    void resume(const std::vector<uint8_t>& key);
+    void resume(std::span<const uint8_t> key);
     /// Ends the stream, then the sender.
     void close();
 
   private:
-    bool start_stream(const std::vector<uint8_t>& key);
+    bool start_stream(std::span<const uint8_t> key);
 
     const Options& options_;
     UdpSender sender_;

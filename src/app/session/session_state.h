@@ -26,7 +26,7 @@ namespace ox {
 /// the main thread for one `run_session`.
 class Session {
   public:
-    Session(const Options& options, const SessionRequest& request);
+    Session(const Options& options, SessionRequest request);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -82,7 +82,7 @@ class Session {
     [[nodiscard]] int64_t streamed_seconds() const;
 
     const Options& options_;
-    const SessionRequest& request_;
+    SessionRequest request_;
     SessionSignals signals_;
     FeedbackHandler feedback_{signals_};
 

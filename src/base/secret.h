@@ -1,0 +1,134 @@
+#pragma once
+
+#include <sodium.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace ox {
+
+/// Overwrites a text that has carried a secret on its way through a library and empties it; unlike
+/// a plain clear() no compiler drops this.
+inline void wipe(std::string& text) noexcept {
+    ::sodium_memzero(text.data(), text.size());
+    text.clear();
+}
+
+/// A secret of any length: a key, a token, a line with keys in it. Moved, never copied unawares;
+/// whatever memory it leaves (at its end, when it grows or shrinks, when another takes its place)
+/// is overwritten first.
+class Secret {
+  public:
+    Secret() noexcept = default;
+    /// `size` zero bytes.
+    explicit Secret(size_t size) { resize(size); }
+    explicit Secret(std::span<const uint8_t> bytes) { append(bytes); }
+    explicit Secret(std::string_view text) { append(text); }
+    Secret(Secret&& other) noexcept
+        : bytes_(std::move(other.bytes_)),
+          size_(std::exchange(other.size_, 0)),
+          capacity_(std::exchange(other.capacity_, 0)) {}
+    Secret& operator=(Secret&& other) noexcept {
+        if (this == &other) return *this;
+        clear();
+        bytes_ = std::move(other.bytes_);
+        size_ = std::exchange(other.size_, 0);
+        capacity_ = std::exchange(other.capacity_, 0);
+        return *this;
+    }
+    Secret(const Secret&) = delete;
+    Secret& operator=(const Secret&) = delete;
+    ~Secret() { clear(); }
+
+    /// Another one with the same bytes.
+    [[nodiscard]] Secret copy() const { return Secret(std::span<const uint8_t>(*this)); }
+
+    /// Overwrites the bytes and gives their memory back.
+    void clear() noexcept {
+        if (bytes_) ::sodium_memzero(bytes_.get(), capacity_);
+        bytes_.reset();
+        size_ = capacity_ = 0;
+    }
+    /// Room for `capacity` bytes in all, so that appending up to there moves nothing.
+    void reserve(size_t capacity) {
+        if (capacity <= capacity_) return;
+        auto larger = std::make_unique<uint8_t[]>(capacity);
+        std::copy_n(bytes_.get(), size_, larger.get());
+        const size_t size = size_;
+        clear();
+        bytes_ = std::move(larger);
+        size_ = size;
+        capacity_ = capacity;
+    }
+    /// Cuts or adds zero bytes at the end.
+    void resize(size_t size) {
+        reserve(size);
+        // What is beyond the size is zero already.
+        if (size < size_) ::sodium_memzero(bytes_.get() + size, size_ - size);
+        size_ = size;
+    }
+    void append(std::span<const uint8_t> bytes) {
+        if (size_ + bytes.size() > capacity_) reserve(std::max(size_ + bytes.size(), 2 * size_));
+        std::copy(bytes.begin(), bytes.end(), bytes_.get() + size_);
+        size_ += bytes.size();
+    }
+    void append(std::string_view text) {
+        append({reinterpret_cast<const uint8_t*>(text.data()), text.size()});
+    }
+
+    [[nodiscard]] uint8_t* data() noexcept { return bytes_.get(); }
+    [[nodiscard]] const uint8_t* data() const noexcept { return bytes_.get(); }
+    [[nodiscard]] size_t size() const noexcept { return size_; }
+    [[nodiscard]] bool empty() const noexcept { return size_ == 0; }
+    [[nodiscard]] uint8_t* begin() noexcept { return data(); }
+    [[nodiscard]] uint8_t* end() noexcept { return data() + size_; }
+    [[nodiscard]] const uint8_t* begin() const noexcept { return data(); }
+    [[nodiscard]] const uint8_t* end() const noexcept { return data() + size_; }
+    /// The bytes as text; valid as long as they are.
+    [[nodiscard]] std::string_view text() const noexcept {
+        return {reinterpret_cast<const char*>(data()), size_};
+    }
+
+    /// In a time that depends on the sizes alone.
+    [[nodiscard]] friend bool operator==(const Secret& a, std::span<const uint8_t> b) noexcept {
+        return a.size() == b.size() &&
+               (a.empty() || ::sodium_memcmp(a.data(), b.data(), b.size()) == 0);
+    }
+    [[nodiscard]] friend bool operator==(const Secret& a, const Secret& b) noexcept {
+        return a == std::span<const uint8_t>(b);
+    }
+
+  private:
+    std::unique_ptr<uint8_t[]> bytes_;
+    size_t size_ = 0;
+    size_t capacity_ = 0;
+};
+
+/// A secret of fixed length that stays where it is, overwritten at its end.
+template <size_t N>
+class SecretArray {
+  public:
+    SecretArray() noexcept = default;
+    explicit SecretArray(std::span<const uint8_t, N> bytes) noexcept { assign(bytes); }
+    SecretArray(const SecretArray&) = delete;
+    SecretArray& operator=(const SecretArray&) = delete;
+    ~SecretArray() { ::sodium_memzero(bytes_.data(), N); }
+
+    void assign(std::span<const uint8_t, N> bytes) noexcept {
+        std::copy(bytes.begin(), bytes.end(), bytes_.begin());
+    }
+    [[nodiscard]] const uint8_t* data() const noexcept { return bytes_.data(); }
+    [[nodiscard]] static constexpr size_t size() noexcept { return N; }
+
+  private:
+    std::array<uint8_t, N> bytes_{};
+};
+
+}  // namespace ox
