@@ -2,6 +2,7 @@
 // is searched for secrets.
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <array>
@@ -34,9 +35,9 @@ constexpr std::string_view kSecrets[] = {
 thread_local bool watching = false;
 thread_local int leaks = 0;
 
-void search(const void* memory, size_t size) {
-    if (!watching) return;
-    const std::string_view block(static_cast<const char*>(memory), size);
+void search(void* memory) {
+    if (!watching || memory == nullptr) return;
+    const std::string_view block(static_cast<const char*>(memory), ::malloc_usable_size(memory));
     for (const auto secret : kSecrets) {
         if (block.find(secret) != std::string_view::npos) ++leaks;
     }
@@ -50,11 +51,11 @@ void* operator new(size_t size) {
     throw std::bad_alloc();
 }
 void operator delete(void* memory) noexcept {
+    search(memory);
     std::free(memory);
 }
-void operator delete(void* memory, size_t size) noexcept {
-    search(memory, size);
-    std::free(memory);
+void operator delete(void* memory, size_t /*size*/) noexcept {
+    ::operator delete(memory);
 }
 
 namespace ox::test {

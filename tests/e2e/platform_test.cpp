@@ -117,6 +117,30 @@ class PlatformTest : public testing::Test {
         return *player_;
     }
 
+    /// How many places of the agent's memory hold the second half of this key. (Into the beginning
+    /// of memory that was given back the allocator writes.)
+    [[nodiscard]] size_t copies_of(std::span<const uint8_t, 32> key) {
+        const std::string wanted(key.begin() + 16, key.end());
+        const std::string process = "/proc/" + std::to_string(agent_->process().pid());
+        std::ifstream maps(process + "/maps");
+        std::ifstream memory(process + "/mem", std::ios::binary);
+        size_t found = 0;
+        for (std::string line; std::getline(maps, line);) {
+            uint64_t begin = 0;
+            uint64_t end = 0;
+            if (std::sscanf(line.c_str(), "%lx-%lx", &begin, &end) != 2) continue;
+            constexpr uint64_t kShadow = 1U << 28;  // a sanitizer's
+            if (line.find("rw-p") == std::string::npos || end - begin > kShadow) continue;
+            std::string bytes(end - begin, '\0');
+            memory.clear();
+            memory.seekg(static_cast<std::streamoff>(begin));
+            memory.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+            for (size_t at = 0; (at = bytes.find(wanted, at)) != std::string::npos; ++at)
+                ++found;
+        }
+        return found;
+    }
+
     void expect_ended(const std::string& id, const std::string& reason) {
         const json ended = next("session_ended");
         EXPECT_EQ(ended["session_id"], id);
@@ -142,12 +166,14 @@ TEST_F(PlatformTest, SessionAfterSessionThroughEveryWayToEnd) {
     EXPECT_EQ(registration_["supported_codecs"], (json{"h264", "hevc"}));
 
     EXPECT_EQ(play("s1").keys().video_key, video_key_);
+    EXPECT_GE(copies_of(kMaster), 1U) << "the search itself";
     // A link that flaps during a session loses nothing that matters.
     connect();
     EXPECT_EQ(next("session_ready")["session_id"], "s1");
     ASSERT_TRUE(player_->receive_frames(3));
     player_->say("end_session");
     expect_ended("s1", "client_end_session");
+    EXPECT_EQ(copies_of(kMaster), 0U);
 
     play("s2");
     peer_->send_text(R"({"type":"terminate_session","session_id":"s2","reason":"over"})");
