@@ -7,11 +7,16 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <mutex>
+#include <optional>
 #include <set>
-#include <sstream>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "app/keys/lease_file.h"
 #include "app/keys/lease_table.h"

@@ -4,11 +4,15 @@
 #include <signal.h>
 #include <sodium.h>
 
+#include <algorithm>
 #include <array>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <span>
 
 #include "app/keys/lease_table.h"
 #include "e2e/player.h"
@@ -248,7 +252,6 @@ TEST_F(PlatformTest, AKeyThatComesAgainSealsNothingTwiceUnderOneNonce) {
     };
     start();
     watch("s1");
-    EXPECT_EQ(player_->stats().assembly.frames_lost, 0U);
     player_->say("end_session");
     expect_ended("s1", "client_end_session");
     watch("s2");

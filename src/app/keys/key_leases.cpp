@@ -88,7 +88,7 @@ void KeyLeases::State::extend(const KeyId& of, StreamNumbers& numbers) {
 }
 
 void KeyLeases::State::report(const LeaseFile::Outcome& outcome) {
-    if (outcome.damaged && !warned) {
+    if (outcome.damaged && (outcome.recorded() || !warned)) {
         OX_WARN(
             "KeyLeases: %s was damaged, %zu key(s) of it could be read - kept as %s.damaged; a key "
             "that was lost with it may use packet numbers again",

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "app/keys/lease_table.h"
 
