@@ -114,6 +114,28 @@ TEST_F(AudioStreamTest, AChangeOfTheDefaultOutputIsFollowed) {
     EXPECT_TRUE(hears(kOtherTone, kNoTone));
 }
 
+TEST_F(AudioStreamTest, EndsWithItsNumbersInsteadOfUsingThemAgain) {
+    const test::LogCapture log;
+    PacketNumbers numbers(PacketNumbers::kEnd - 8, PacketNumbers::kEnd);
+    stream_.set_numbers(numbers);
+    stream_.set_parity_enabled(true);
+    ASSERT_TRUE(start());
+    EXPECT_TRUE(test::eventually([&] { return !stream_.running(); }, seconds(30)));
+    EXPECT_EQ(log.count("ERROR",
+                        "AudioStream: all sequence numbers of this key are used up — stopping "
+                        "audio"),
+              1);
+    socket_.receive(seconds(1), [&](std::span<const uint8_t> datagram) {
+        receiver_.on_datagram(datagram, steady_now_us());
+    });
+    const auto first = receiver_.next_frame();
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->sequence, UINT32_MAX - 7);
+    EXPECT_EQ(receiver_.stats().data_packets, 8U);
+    EXPECT_EQ(receiver_.stats().repair_packets, 4U);
+    EXPECT_EQ(receiver_.stats().frames.lost, 0U);
+}
+
 TEST_F(AudioStreamTest, ARecorderThatNoServerKnowsIsBelievedFromItsFirstFrameOn) {
     const test::TempDir folder;
     std::ofstream(folder.file("parec")) << "#!/bin/sh\nhead -c 19200 /dev/zero\nexec sleep 60\n";
