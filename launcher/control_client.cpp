@@ -103,6 +103,14 @@ ControlClient::Attempt ControlClient::try_connect(const std::string& host, uint1
     if (!address) return Attempt::TryAgain;
     const std::string target = host + " port " + std::to_string(port);
     socket_.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    if (!local_ip_.empty() &&
+        (::inet_pton(AF_INET, local_ip_.c_str(), &local.sin_addr) != 1 ||
+         ::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0)) {
+        error_ = "cannot send from '" + local_ip_ + "'";
+        return Attempt::TryAgain;
+    }
     if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) !=
         0) {
         int failure = errno;

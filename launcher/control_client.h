@@ -41,6 +41,9 @@ class ControlClient {
     ConnectResult connect(const std::string& host, uint16_t port, const std::string& auth_line,
                           SteadyClock::time_point deadline, const StopPredicate& stop);
 
+    /// Own dotted IPv4 address to connect from. Before `connect`.
+    void set_local_ip(const std::string& ip) { local_ip_ = ip; }
+
     /// Sends `line` and a line feed. False when the connection is gone or the agent has not taken
     /// what was sent for a second, which ends the connection.
     bool send_line(std::string_view line);
@@ -70,6 +73,7 @@ class ControlClient {
     void reader_loop();
     void on_line(std::string_view line);
 
+    std::string local_ip_;
     UniqueFd socket_;
     std::string agent_ip_;
     SessionKeySet keys_;

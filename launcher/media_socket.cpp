@@ -23,12 +23,15 @@ MediaSocket::MediaSocket() {
     }
 }
 
-bool MediaSocket::open(uint16_t port, std::string& error) {
+bool MediaSocket::open(uint16_t port, std::string& error, const std::string& local_ip) {
     socket_.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_in local{};
     local.sin_family = AF_INET;
     local.sin_port = htons(port);
-    if (!socket_ ||
+    const bool is_address =
+        local_ip.empty() || ::inet_pton(AF_INET, local_ip.c_str(), &local.sin_addr) == 1;
+    if (!is_address) errno = EINVAL;
+    if (!socket_ || !is_address ||
         ::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
         error = "cannot receive on UDP port " + std::to_string(port) + ": " + std::strerror(errno);
         socket_.reset();

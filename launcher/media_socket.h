@@ -24,9 +24,9 @@ class MediaSocket {
 
     MediaSocket();
 
-    /// Binds `port` on all addresses (0: any) with a large receive buffer. False, with a text for
-    /// the user in `error`, when that fails.
-    bool open(uint16_t port, std::string& error);
+    /// Binds `port` (0: any) at `local_ip`, dotted IPv4 (empty: at all addresses), with a large
+    /// receive buffer. False, with a text for the user in `error`, when that fails.
+    bool open(uint16_t port, std::string& error, const std::string& local_ip = {});
     /// The bound port; 0 when not open.
     [[nodiscard]] uint16_t port() const;
 

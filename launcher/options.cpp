@@ -85,6 +85,8 @@ constexpr std::array kOptions = {
     OptionSpec{"--port-base", "N", "the agent's port base (47998)", set_port_base},
     OptionSpec{"--local-port", "N", "own UDP port for video, sound on the next one (the port base)",
                set_local_port},
+    OptionSpec{"--local-ip", "IP", "own IPv4 address to send from (the system's choice)",
+               set_text<&Options::local_ip>},
     OptionSpec{"--token", "TEXT", "session token; better given as ORVEX_TOKEN, which is not in ps",
                set_text<&Options::token>},
     OptionSpec{"--udp-ip", "IP", "own address to report to the agent for media (none)",

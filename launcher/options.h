@@ -19,6 +19,7 @@ struct Options {
     std::string host = "127.0.0.1";
     uint16_t port_base = 47998;
     uint16_t local_port = 0;  ///< own UDP port for video, sound on the next; 0 = the port base
+    std::string local_ip;     ///< own address to send from; empty = the system's choice
     std::string token;
     std::string udp_ip;  ///< reported to the agent when not empty
     Codec codec = Codec::H264;

@@ -67,14 +67,15 @@ bool Session::open_outputs() {
         return false;
     }
     const auto audio_port = static_cast<uint16_t>(options_.local_port + 1);
-    const bool opened = socket_.open(options_.local_port, error) &&
-                        (!options_.audio || audio_socket_.open(audio_port, error)) &&
-                        decode_.open({.codec = options_.codec,
-                                      .save_stream = options_.save_stream,
-                                      .record_sound = options_.audio,
-                                      .keep_last_picture = !options_.save_frame.empty(),
-                                      .check_stamps = options_.check_stamps},
-                                     error);
+    const bool opened =
+        socket_.open(options_.local_port, error, options_.local_ip) &&
+        (!options_.audio || audio_socket_.open(audio_port, error, options_.local_ip)) &&
+        decode_.open({.codec = options_.codec,
+                      .save_stream = options_.save_stream,
+                      .record_sound = options_.audio,
+                      .keep_last_picture = !options_.save_frame.empty(),
+                      .check_stamps = options_.check_stamps},
+                     error);
     if (!opened) fail(ExitStatus::Failed, error);
     return opened;
 }
@@ -88,6 +89,7 @@ bool Session::connect() {
                                              .bitrate_kbps = options_.bitrate_kbps,
                                              .udp_ip = options_.udp_ip});
     const auto control_port = static_cast<uint16_t>(options_.port_base + 3);
+    control_.set_local_ip(options_.local_ip);
     switch (control_.connect(options_.host, control_port, auth, after(options_.connect_timeout_s),
                              stop_)) {
         case ConnectResult::Ready:

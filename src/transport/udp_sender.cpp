@@ -26,6 +26,8 @@ constexpr int kSendBufferBytes = 4 * 1024 * 1024;
 constexpr int kExpeditedForwarding = 0xB8;  // DSCP 46 in the TOS byte
 constexpr int kPollMs = 200;
 constexpr std::chrono::milliseconds kWaitSlice{100};
+/// More datagrams than the socket's receive buffer holds.
+constexpr int kMaxQueuedProbes = 4096;
 
 using AddressText = std::array<char, INET_ADDRSTRLEN>;
 
@@ -39,6 +41,34 @@ const sockaddr* as_sockaddr(const sockaddr_in& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
+std::optional<in_addr> parse_ip(const std::string& text) {
+    in_addr address{};
+    if (::inet_pton(AF_INET, text.c_str(), &address) != 1) return std::nullopt;
+    return address;
+}
+
+sockaddr_in endpoint(in_addr address, uint16_t port) {
+    sockaddr_in result{};
+    result.sin_family = AF_INET;
+    result.sin_port = htons(port);
+    result.sin_addr = address;
+    return result;
+}
+
+constexpr unsigned kPortBits = 16;
+
+uint64_t packed(const sockaddr_in& endpoint) {
+    return uint64_t{endpoint.sin_addr.s_addr} << kPortBits | endpoint.sin_port;
+}
+
+sockaddr_in unpacked(uint64_t word) {
+    sockaddr_in result{};
+    result.sin_family = AF_INET;
+    result.sin_port = static_cast<in_port_t>(word);
+    result.sin_addr.s_addr = static_cast<in_addr_t>(word >> kPortBits);
+    return result;
+}
+
 UniqueFd make_socket() {
     UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const int on = 1;
@@ -48,10 +78,7 @@ UniqueFd make_socket() {
 
 /// False with `errno` set when the port cannot be had.
 bool bind_socket(const UniqueFd& socket, uint16_t port) {
-    sockaddr_in local{};
-    local.sin_family = AF_INET;
-    local.sin_addr.s_addr = htonl(INADDR_ANY);
-    local.sin_port = htons(port);
+    const sockaddr_in local = endpoint({.s_addr = htonl(INADDR_ANY)}, port);
     return ::bind(socket.get(), as_sockaddr(local), sizeof local) == 0;
 }
 
@@ -81,17 +108,19 @@ bool UdpSender::open(const std::string& dest_ip, uint16_t dest_port, uint16_t sr
     ::setsockopt(socket_.get(), IPPROTO_IP, IP_TOS, &kExpeditedForwarding,
                  sizeof kExpeditedForwarding);
 
-    configured_dest_ = {};
-    configured_dest_.sin_family = AF_INET;
-    configured_dest_.sin_port = htons(dest_port);
-    if (::inet_pton(AF_INET, dest_ip.c_str(), &configured_dest_.sin_addr) != 1) {
+    const std::optional<in_addr> address = parse_ip(dest_ip);
+    if (!address) {
         OX_ERROR("UdpSender: bad dest ip '%s'", dest_ip.c_str());
         socket_.reset();
         return false;
     }
     {
-        const std::lock_guard lock(endpoint_mutex_);
-        active_dest_ = configured_dest_;
+        const std::lock_guard lock(probe_mutex_);
+        configured_dest_ = endpoint(*address, dest_port);
+        sources_.reset();
+        listening_ = false;
+        destination_ = packed(configured_dest_);
+        moved_ = false;
     }
     {
         const std::lock_guard lock(wait_mutex_);
@@ -152,13 +181,44 @@ void UdpSender::set_probe_token(const uint8_t* token, size_t length) {
 void UdpSender::start_probe_listener() {
     if (!is_open() || running_.exchange(true)) return;
     OX_INFO("UdpSender: waiting for hole-punch probe on port %u...", local_port_);
+    start_listening();
+}
+
+void UdpSender::start_listening() {
     if (probe_thread_.joinable()) probe_thread_.join();
+    listening_ = true;  // no listener is running
     try {
         probe_thread_ = std::jthread([this] { probe_loop(); });
     } catch (const std::system_error& error) {
         OX_ERROR("UdpSender: probe listener not started: %s", error.what());
-        running_ = false;
+        listening_ = running_ = false;
     }
+}
+
+void UdpSender::expect_return(const std::string& peer_ip, const std::string& media_ip,
+                              uint16_t dest_port) {
+    const std::optional<in_addr> media = parse_ip(media_ip);
+    if (!is_open() || !media) return;
+    OX_INFO("UdpSender: launcher is back at %s — waiting for its probe on port %u...",
+            media_ip.c_str(), local_port_);
+    {
+        const std::lock_guard lock(probe_mutex_);
+        // Old probes wait in the socket, also those that were sent until the stream arrived. The
+        // launcher may have the same address and another port by now.
+        drop_queued_probes();
+        configured_dest_ = endpoint(*media, dest_port);
+        sources_ = {media->s_addr, parse_ip(peer_ip).value_or(*media).s_addr};
+        if (!probe_received_) destination_ = packed(configured_dest_);
+        if (listening_) return;
+    }
+    running_ = true;
+    start_listening();
+}
+
+void UdpSender::drop_queued_probes() const {
+    uint8_t first_byte = 0;
+    for (int i = 0; i < kMaxQueuedProbes; ++i)
+        if (::recv(socket_.get(), &first_byte, sizeof first_byte, MSG_DONTWAIT) < 0) return;
 }
 
 void UdpSender::probe_loop() {
@@ -166,9 +226,18 @@ void UdpSender::probe_loop() {
     while (running_) {
         pollfd readable{.fd = socket_.get(), .events = POLLIN, .revents = 0};
         const int ready = ::poll(&readable, 1, kPollMs);
-        if (ready < 0 && errno != EINTR) return;
-        if (ready > 0 && read_probe()) return;
+        const bool failed = ready < 0 && errno != EINTR;
+        if (ready == 0 || (ready < 0 && !failed)) continue;
+        const std::lock_guard lock(probe_mutex_);
+        if (failed || read_probe()) {
+            listening_ = false;
+            return;
+        }
     }
+}
+
+bool UdpSender::may_probe(in_addr source) const {
+    return !sources_ || std::ranges::find(*sources_, source.s_addr) != sources_->end();
 }
 
 bool UdpSender::read_probe() {
@@ -180,7 +249,7 @@ bool UdpSender::read_probe() {
     if (length <= 0) return false;
     const ProbeKind kind = classify_probe({bytes.data(), static_cast<size_t>(length)}, probe_token_,
                                           source.sin_addr, configured_dest_.sin_addr);
-    if (kind == ProbeKind::Invalid) {
+    if (kind == ProbeKind::Invalid || !may_probe(source.sin_addr)) {
         OX_DEBUG("UdpSender: ignoring invalid probe (%zdB) from %s:%u", length,
                  ip_text(source).data(), ntohs(source.sin_port));
         return false;
@@ -190,10 +259,8 @@ bool UdpSender::read_probe() {
 }
 
 void UdpSender::lock_endpoint(const sockaddr_in& source, ProbeKind kind) {
-    {
-        const std::lock_guard lock(endpoint_mutex_);
-        active_dest_ = source;
-    }
+    const uint64_t destination = packed(source);
+    if (destination_.exchange(destination) != destination) moved_ = true;
     OX_INFO("UdpSender: %s probe received from %s:%u — endpoint locked", probe_name(kind),
             ip_text(source).data(), ntohs(source.sin_port));
     const std::lock_guard lock(wait_mutex_);
@@ -250,16 +317,11 @@ void UdpSender::pace(size_t length) {
     if (decision.overrun) pacing_overruns_.fetch_add(1, std::memory_order_relaxed);
 }
 
-sockaddr_in UdpSender::active_destination() const {
-    const std::lock_guard lock(endpoint_mutex_);
-    return active_dest_;
-}
-
 bool UdpSender::send_raw(const uint8_t* bytes, size_t length) {
     if (!socket_) return false;
     if (bucket_) pace(length);
     if (draw_debug_drop()) return true;
-    const sockaddr_in destination = active_destination();
+    const sockaddr_in destination = unpacked(destination_.load(std::memory_order_relaxed));
     const ssize_t sent =
         ::sendto(socket_.get(), bytes, length, 0, as_sockaddr(destination), sizeof destination);
     if (sent < 0) {

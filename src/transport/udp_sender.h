@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
@@ -22,7 +23,8 @@ namespace ox {
 
 /// One media stream's UDP socket: paced sending, and a listener for the launcher's hole-punch
 /// probe, whose source becomes the destination. `send_*` and `set_pacing_rate` belong to one
-/// sending thread; the counters may be read from any thread; everything else belongs to the owner.
+/// sending thread; the counters may be read and `take_moved` called from any thread; everything
+/// else belongs to the owner.
 class UdpSender {
   public:
     UdpSender() = default;
@@ -43,9 +45,19 @@ class UdpSender {
     /// Asks probes to carry the first 8 bytes of `token`. Call before `start_probe_listener`.
     void set_probe_token(const uint8_t* token, size_t length);
 
-    /// Starts listening for the first valid probe since `open`; later ones are never read. Does
-    /// nothing when it was called before.
+    /// Starts listening for the first valid probe since `open`; later ones are never read unless
+    /// the launcher comes back. Does nothing when it was called before.
     void start_probe_listener();
+
+    /// A launcher has come back and proved its token; call this before it is told so. One more
+    /// probe counts: the first to come from now on from `peer_ip`, its end of the control
+    /// connection, or from `media_ip`, where its media is to go (dotted IPv4 both). Until then a
+    /// destination that came from a probe stays; else it becomes `media_ip` and `dest_port`. Any
+    /// number of times; does nothing when closed.
+    void expect_return(const std::string& peer_ip, const std::string& media_ip, uint16_t dest_port);
+
+    /// Whether a probe has moved the destination since the last call.
+    bool take_moved() { return moved_.exchange(false); }
 
     /// Waits for the first probe since `open`: true when it came, false after `timeout_s`
     /// (negative: no limit, 0: at once), when `abort`, asked at least every 100 ms, returns true,
@@ -73,24 +85,31 @@ class UdpSender {
     bool adopt_reserved(uint16_t port);
     bool bind_anew(uint16_t port);
     void enlarge_send_buffer();
+    void start_listening();
     void probe_loop();
     bool read_probe();
+    [[nodiscard]] bool may_probe(in_addr source) const;
+    void drop_queued_probes() const;
     void lock_endpoint(const sockaddr_in& source, ProbeKind kind);
-    [[nodiscard]] sockaddr_in active_destination() const;
     void pace(size_t length);
 
     UniqueFd reserved_;  ///< bound to `reserved_port_`, for the next `open`
     uint16_t reserved_port_ = 0;
     UniqueFd socket_;
     uint16_t local_port_ = 0;
-    sockaddr_in configured_dest_{};  ///< the launcher's TCP peer address and the agreed port
-
-    mutable std::mutex endpoint_mutex_;
-    sockaddr_in active_dest_{};  ///< guarded by endpoint_mutex_
+    /// IPv4 address and port that are sent to, packed into one word so that no datagram takes a
+    /// lock.
+    std::atomic<uint64_t> destination_{0};
+    std::atomic<bool> moved_{false};  ///< by a probe, and not taken yet
 
     std::optional<ProbeToken> probe_token_;  ///< set before the listener starts
-    std::atomic<bool> running_{false};       ///< a probe listener is wanted
-    std::mutex wait_mutex_;                  ///< held to change the next two
+    std::mutex probe_mutex_;                 ///< held while one datagram is judged
+    sockaddr_in configured_dest_{};  ///< where media is to go by the control connection; guarded by
+                                     ///< probe_mutex_, as are the next two
+    std::optional<std::array<in_addr_t, 2>> sources_;  ///< who may probe; none: anybody
+    bool listening_ = false;                           ///< probe_thread_ will judge more datagrams
+    std::atomic<bool> running_{false};                 ///< a probe listener is wanted
+    std::mutex wait_mutex_;                            ///< held to change the next two
     std::atomic<bool> probe_received_{false};
     std::atomic<bool> closed_{true};
     std::condition_variable wait_cv_;

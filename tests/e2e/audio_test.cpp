@@ -1,12 +1,14 @@
 // The sound of a session, from a real PulseAudio server to the launcher, and what costs it.
 
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <cmath>
 
 #include "e2e/player.h"
 #include "launcher/audio_worker.h"
 #include "support/pulse_daemon.h"
+#include "support/sockets.h"
 
 namespace ox::test {
 namespace {
@@ -16,9 +18,12 @@ constexpr double kToneDbfs = -6.02;  // half of full scale
 
 /// A launcher with ears: receives and measures the sound on a thread of its own.
 struct Listener : Player {
-    explicit Listener(const Agent& agent) : Player(agent) {
+    explicit Listener(const Agent& agent, const Setup& setup = {}) : Player(agent, setup) {
         std::string error;
-        EXPECT_TRUE(socket.open(static_cast<uint16_t>(agent.port_base() + 1), error)) << error;
+        const int port = setup.media_port == 0 ? agent.port_base() : setup.media_port;
+        EXPECT_TRUE(socket.open(static_cast<uint16_t>(port + 1), error,
+                                "127.0.0." + std::to_string(setup.host)))
+            << error;
         socket.set_agent("127.0.0.1", static_cast<uint16_t>(agent.port_base() + 5));
         EXPECT_TRUE(ear.start(error)) << error;
     }
@@ -50,6 +55,30 @@ TEST(Sound, IsSentAlsoWhenSilentAndItsEndCostsNeitherVideoNorTheNextLaunchersSou
     auto player = std::make_optional<Listener>(agent);
     ASSERT_TRUE(player->hears(true));
 
+    // Nobody is there to hear it. Then the launcher comes back from elsewhere, amid a stranger's
+    // probes, and is slow with its own.
+    player.reset();
+    ASSERT_TRUE(agent.wait_for_log("AudioStream: thread exit (sent="));
+    UniqueFd former = bound_socket(SOCK_DGRAM, agent.port_base());
+    const UniqueFd stranger = bound_socket(SOCK_DGRAM, 0, 3);
+    const auto interfere = [&] {
+        for (const int port : {agent.port_base() + 4, agent.port_base() + 5}) {
+            const sockaddr_in to = loopback(static_cast<uint16_t>(port));
+            ::sendto(stranger.get(), "OXP1", 4, 0, reinterpret_cast<const sockaddr*>(&to),
+                     sizeof to);
+        }
+    };
+    interfere();
+    const PortBlock other_ports;
+    player.emplace(agent, Player::Setup{.host = 2, .media_port = other_ports.base()});
+    interfere();
+    pollfd picture{.fd = former.get(), .events = POLLIN, .revents = 0};
+    ASSERT_EQ(::poll(&picture, 1, static_cast<int>(kPatience.count())), 1);
+    former.reset();
+    EXPECT_TRUE(player->receive_frames(10));
+    EXPECT_LE(player->stats().frames_withheld, 2U) << "had to ask for a keyframe";
+    ASSERT_TRUE(player->hears(true));
+
     ASSERT_TRUE(pulse.pactl("set-sink-mute out 1"));
     EXPECT_TRUE(player->hears(false));
     EXPECT_TRUE(player->receive_until(
@@ -78,7 +107,7 @@ TEST(Sound, IsSentAlsoWhenSilentAndItsEndCostsNeitherVideoNorTheNextLaunchersSou
     const uint32_t last = player->sound().last_sequence;
     const Secret old_key = player->keys().audio_key.copy();
     player.reset();
-    ASSERT_TRUE(agent.wait_for_log("Session: launcher lost"));
+    ASSERT_TRUE(agent.wait_for_log("Session: launcher lost", 2));
     player.emplace(agent);
     ASSERT_TRUE(player->hears(true));
     EXPECT_NE(player->keys().audio_key, old_key);

@@ -11,7 +11,9 @@ namespace ox::test {
 
 Player::Player(const Agent& agent, const Setup& setup) : setup_(setup) {
     std::string error;
-    if (!media_.open(agent.port_base(), error) || !decoder_.open(launcher::Codec::H264, error)) {
+    const std::string ip = "127.0.0." + std::to_string(setup.host);
+    const uint16_t port = setup.media_port == 0 ? agent.port_base() : setup.media_port;
+    if (!media_.open(port, error, ip) || !decoder_.open(launcher::Codec::H264, error)) {
         throw std::runtime_error(error);
     }
     const std::string auth = launcher::make_auth_line({.token = kToken,
@@ -20,6 +22,7 @@ Player::Player(const Agent& agent, const Setup& setup) : setup_(setup) {
                                                        .fps = setup.fps,
                                                        .bitrate_kbps = setup.bitrate_kbps,
                                                        .udp_ip = {}});
+    control_.set_local_ip(ip);
     if (control_.connect("127.0.0.1", agent.control_port(), auth, SteadyClock::now() + kPatience,
                          [] { return false; }) != launcher::ConnectResult::Ready) {
         throw std::runtime_error("not let in: " + control_.error());

@@ -25,7 +25,9 @@ class Player {
         int height = 180;
         int fps = 60;
         int bitrate_kbps = 1500;
-        bool probe = true;  ///< punches the hole, so that the agent need not wait for it
+        bool probe = true;        ///< punches the hole, so that the agent need not wait for it
+        uint32_t host = 1;        ///< comes from 127.0.0.`host`
+        uint16_t media_port = 0;  ///< own, sound on the next; 0: the agent's port base
     };
 
     /// One access unit in the order of arrival.

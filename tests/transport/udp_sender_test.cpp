@@ -18,8 +18,10 @@ namespace {
 
 using test::eventually;
 
-/// A launcher's end: a UDP socket on a port of its own.
+/// A launcher's end: a UDP socket on a port of its own, at 127.0.0.`host`.
 struct Peer {
+    explicit Peer(uint32_t host = 1)
+        : fd(test::bound_socket(SOCK_DGRAM, 0, host)), ip("127.0.0." + std::to_string(host)) {}
     void send(const std::string& bytes, uint16_t to) const {
         const sockaddr_in address = test::loopback(to);
         ::sendto(fd.get(), bytes.data(), bytes.size(), 0,
@@ -33,9 +35,10 @@ struct Peer {
         return {bytes.data(), static_cast<size_t>(std::max<ssize_t>(length, 0))};
     }
 
-    UniqueFd fd = test::bound_socket(SOCK_DGRAM, 0);
+    UniqueFd fd;
+    std::string ip;
     uint16_t port = test::port_of(fd);
-    std::string name = "127.0.0.1:" + std::to_string(port);
+    std::string name = ip + ":" + std::to_string(port);
 };
 
 bool send_text(UdpSender& sender, const std::string& text) {
@@ -53,6 +56,16 @@ class UdpSenderTest : public testing::Test {
     [[nodiscard]] int listeners_started() const {
         return log.count("INFO", "UdpSender: waiting for hole-punch probe on port " +
                                      std::to_string(port) + "...");
+    }
+
+    /// Waits until the listener has refused a probe of `bytes` from `peer`, and so judged all that
+    /// came before it.
+    [[nodiscard]] bool refuses(const Peer& peer, const std::string& bytes = "OXP1") const {
+        const std::string line = "UdpSender: ignoring invalid probe (" +
+                                 std::to_string(bytes.size()) + "B) from " + peer.name;
+        const int before = log.count("DEBUG", line);
+        peer.send(bytes, port);
+        return eventually([&] { return log.count("DEBUG", line) == before + 1; });
     }
 
     const test::LogCapture log;
@@ -95,12 +108,7 @@ TEST_F(UdpSenderTest, TokenProbeMovesTheDestination) {
     sender.start_probe_listener();
     EXPECT_EQ(listeners_started(), 1);
     for (const char* wrong : {"OXP1", "OXP1TOKEN67", "OXP1TOKEN67x", "OXP1TOKEN678x"})
-        other.send(wrong, port);
-    for (const char* size : {"4", "11", "12", "13"}) {
-        const std::string line =
-            std::string("UdpSender: ignoring invalid probe (") + size + "B) from ";
-        EXPECT_TRUE(eventually([&] { return log.count("DEBUG", line + other.name) == 1; }));
-    }
+        EXPECT_TRUE(refuses(other, wrong));
     EXPECT_TRUE(send_text(sender, "before"));
     EXPECT_EQ(launcher.receive(), "before");
 
@@ -112,6 +120,52 @@ TEST_F(UdpSenderTest, TokenProbeMovesTheDestination) {
     EXPECT_EQ(listeners_started(), 1);
     EXPECT_TRUE(send_text(sender, "after"));
     EXPECT_EQ(other.receive(), "after");
+}
+
+TEST_F(UdpSenderTest, AReturningLauncherAndNobodyElseMovesTheStreamOncePerReturn) {
+    const auto goes_to = [this](const Peer& peer) {
+        EXPECT_TRUE(send_text(sender, "picture"));
+        return peer.receive() == "picture";
+    };
+    sender.start_probe_listener();
+    // Back at another address. Until its probe comes, what no probe has moved follows it there.
+    const Peer back(2), rebound(2), reported(3);
+    sender.expect_return(back.ip, back.ip, back.port);
+    EXPECT_TRUE(goes_to(back));
+    EXPECT_TRUE(refuses(launcher) && refuses(other, std::string(1, '\0')));
+    EXPECT_TRUE(goes_to(back));
+    EXPECT_FALSE(sender.take_moved());
+    rebound.send("OXP1", port);
+    EXPECT_TRUE(sender.wait_for_probe(10, {}));
+    EXPECT_TRUE(sender.take_moved());
+    EXPECT_TRUE(goes_to(rebound));
+
+    // The rest of its probes, and those of others during the hold, lie in the socket at its second
+    // return, on another port of the same address.
+    for (const Peer* early : {&rebound, &rebound, &other, &reported})
+        early->send("OXP1", port);
+    sender.expect_return(back.ip, back.ip, back.port);
+    EXPECT_TRUE(refuses(other));
+    EXPECT_TRUE(goes_to(rebound));
+    EXPECT_FALSE(sender.take_moved());
+    back.send("OXP1", port);
+    EXPECT_TRUE(eventually([&] { return locked_on(back) == 1; }));
+    EXPECT_TRUE(sender.take_moved());
+    EXPECT_TRUE(goes_to(back));
+
+    // The third time the connection comes from one address and media is to go to another.
+    sender.expect_return(launcher.ip, reported.ip, reported.port);
+    EXPECT_TRUE(refuses(rebound) && refuses(launcher, std::string(1, '\0')));
+    EXPECT_TRUE(goes_to(back));
+    reported.send(std::string(1, '\0'), port);
+    EXPECT_TRUE(eventually([&] { return sender.take_moved(); }));
+    EXPECT_TRUE(goes_to(reported));
+
+    // A probe from where the stream goes is the one, too.
+    sender.expect_return(launcher.ip, reported.ip, reported.port);
+    reported.send("OXP1", port);
+    EXPECT_TRUE(eventually([&] { return locked_on(reported) == 1; }));
+    EXPECT_FALSE(sender.take_moved());
 }
 
 TEST_F(UdpSenderTest, WaitEndsWithoutAProbe) {

@@ -127,6 +127,13 @@ std::string Session::open_media() {
     return {};
 }
 
+void Session::expect_media_probes() {
+    launcher_ = control_.remote_address();
+    const std::string& peer = control_.tcp_remote_ip;
+    video_.sender().expect_return(peer, launcher_, port(0));
+    audio_.expect_return(peer, launcher_, port(kAudioPortOffset));
+}
+
 void Session::start_input() {
     const Secret& key = control_.keys.input_key;
     if (!options_.input || key.empty()) return;

@@ -43,7 +43,6 @@ void SessionAudio::start(std::span<const uint8_t> key) {
 }
 
 void SessionAudio::resume(std::span<const uint8_t> key) {
-    stream_.stop();
     if (!options_.audio || !sender_.is_open() || key.size() != Encryption::kKeyBytes) return;
     start_stream(key);
 }

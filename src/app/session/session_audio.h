@@ -28,7 +28,14 @@ class SessionAudio {
     void set_numbers(PacketNumbers& numbers) { stream_.set_numbers(numbers); }
     /// Starts the stream when the sender is open. Says why when it cannot.
     void start(std::span<const uint8_t> key);
-    /// After a reconnect: the stream goes on under `key`.
+    /// Ends the stream for as long as there is no launcher.
+    void pause() { stream_.stop(); }
+    /// `UdpSender::expect_return` of the sender.
+    void expect_return(const std::string& peer_ip, const std::string& media_ip,
+                       uint16_t dest_port) {
+        sender_.expect_return(peer_ip, media_ip, dest_port);
+    }
+    /// After `pause`: the stream goes on under `key`.
     void resume(std::span<const uint8_t> key);
     /// Ends the stream, then the sender.
     void close();

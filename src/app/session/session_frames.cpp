@@ -46,6 +46,8 @@ std::string Session::stream_one_frame() {
         OX_ERROR("Session: all frame numbers of this key are used up — ending");
         return "no_video_key";
     }
+    // What was sent before a probe moved the stream went elsewhere.
+    if (video_.sender().take_moved()) encoder_.force_idr = true;
     encoded_.data.clear();
     encoded_.frame_id = *number;
     if (!encoder_.encode_bgra(picture_.pixels(), picture_.width, picture_.height,

@@ -27,7 +27,12 @@ std::string Session::hold_for_launcher() {
     OX_INFO("Session: launcher lost — holding the session for up to %ds", grace);
     session_board::holding(options_.reconnect_grace_s);
     control_.close();
-    if (!wait_for_reconnect()) {
+    audio_.pause();
+    // A launcher may send its only probe as soon as it has its keys.
+    control_.before_ready = [this] { expect_media_probes(); };
+    const bool is_back = wait_for_reconnect();
+    control_.before_ready = nullptr;
+    if (!is_back) {
         if (leave_requested()) return {};
         OX_WARN("Session: no reconnect within %ds — ending", grace);
         return "disconnect_timeout";
@@ -63,6 +68,7 @@ std::string Session::resume_with_new_keys() {
     encoder_.force_idr = true;
     pacer_.reset(SteadyClock::now());
     OX_INFO("Session: launcher reconnected — resuming with an IDR");
+    session_board::launcher_authenticated(request_.session_id, launcher_);
     session_board::resumed();
     return {};
 }

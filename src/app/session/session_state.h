@@ -47,6 +47,7 @@ class Session {
     std::string wait_for_launcher();
     std::string take_numbers();
     std::string open_media();
+    void expect_media_probes();
     void start_input();
     void start_control();
     std::string open_capture();
