@@ -1,6 +1,7 @@
 #include "audio/audio_capture.h"
 
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,8 +15,15 @@
 namespace ox {
 namespace {
 
-/// How long a blocked read takes at most to see that it is to stop.
-constexpr std::chrono::milliseconds kSlice{100};
+/// How long a blocked read takes at most to see that it is to stop, and how old its knowledge that
+/// there is nothing to read can become. Less than what may be late, so that a sound server that
+/// delivers much at once is not taken for a stall.
+constexpr std::chrono::milliseconds kSlice{10};
+
+bool is_dry(int pipe) {
+    int bytes = 0;
+    return ::ioctl(pipe, FIONREAD, &bytes) == 0 && bytes == 0;
+}
 
 }  // namespace
 
@@ -31,6 +39,7 @@ bool AudioCapture::start(int sample_rate, int channels, const std::string& sourc
     stop();
     if (sample_rate < 1 || channels < 1) return false;
     stopping_ = false;
+    dry_.reset();
     source_ = source.empty() ? default_monitor() : source;
     const std::string latency = "--latency-msec=" + std::to_string(latency_ms);
     std::vector<std::string> argv{"parec"};
@@ -65,17 +74,18 @@ bool AudioCapture::start_recorder(const std::vector<std::string>& argv) {
     return false;
 }
 
-bool AudioCapture::wait_readable(std::chrono::milliseconds limit) const {
+bool AudioCapture::wait_readable(std::chrono::milliseconds limit) {
     const std::lock_guard lock(child_mutex_);
     // The end of a recording is there to be read, too.
     return (!child_.is_open() && !stopping_) || wait_for_input(limit);
 }
 
-bool AudioCapture::wait_for_input(std::chrono::milliseconds limit) const {
+bool AudioCapture::wait_for_input(std::chrono::milliseconds limit) {
     const auto deadline = SteadyClock::now() + limit;
     while (!stopping_) {
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
+        const auto now = SteadyClock::now();
+        if (is_dry(child_.output())) dry_ = now;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
         pollfd entry{.fd = child_.output(), .events = POLLIN, .revents = 0};
         const auto wait = std::clamp(left, std::chrono::milliseconds{0}, kSlice);
         const int ready = ::poll(&entry, 1, static_cast<int>(wait.count()));

@@ -5,10 +5,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "audio/piped_child.h"
+#include "base/clock.h"
 
 namespace ox {
 
@@ -25,11 +28,16 @@ class AudioCapture {
 
     /// True when there is something to read within `limit`, or nothing to be expected; false at the
     /// limit and after `request_stop`.
-    bool wait_readable(std::chrono::milliseconds limit) const;
+    bool wait_readable(std::chrono::milliseconds limit);
 
     /// Fills `samples` with exactly `frames` x channels samples, or fails: end of the recording, a
     /// read error (both logged, both stop the recording), or `request_stop` (within 100 ms).
     bool read(std::vector<int16_t>& samples, size_t frames);
+
+    /// When the recorder was last seen to have nothing to read, since the last call; none when all
+    /// that was read lay there already. At most 10 ms before there was something again, unless the
+    /// reading thread was held up.
+    std::optional<SteadyClock::time_point> take_dry_time() { return std::exchange(dry_, {}); }
 
     /// The loudness meter: one buffer of `count` samples. `read` calls it.
     void note_energy(const int16_t* samples, size_t count);
@@ -49,11 +57,12 @@ class AudioCapture {
 
   private:
     bool start_recorder(const std::vector<std::string>& argv);
-    bool wait_for_input(std::chrono::milliseconds limit) const;
+    bool wait_for_input(std::chrono::milliseconds limit);
     bool fill(uint8_t* bytes, size_t wanted);
 
     mutable std::mutex child_mutex_;
     PipedChild child_;  ///< guarded by child_mutex_, which a reader holds while it waits
+    std::optional<SteadyClock::time_point> dry_;
     int channels_ = 0;
     std::string source_;
     std::atomic<bool> stopping_{false};

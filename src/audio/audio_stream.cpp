@@ -1,5 +1,7 @@
 #include "audio/audio_stream.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <system_error>
 
@@ -57,7 +59,7 @@ bool AudioStream::start(UdpSender& sender, const uint8_t* key, size_t key_length
         OX_ERROR("AudioStream: encoder init failed");
         return false;
     }
-    if (!capture_.start(sample_rate, channels, source_, AudioEncoder::kFrameMs)) {
+    if (!capture_.start(sample_rate, channels, "", AudioEncoder::kFrameMs)) {
         OX_ERROR("AudioStream: capture start failed (is PulseAudio running?)");
         encoder_.shutdown();
         return false;
@@ -73,10 +75,8 @@ bool AudioStream::start(UdpSender& sender, const uint8_t* key, size_t key_length
         stop();
         return false;
     }
-    OX_INFO("AudioStream: started (%dHz %dch, %d-sample frames, %s, parity %s)", sample_rate,
-            channels, encoder_.frame_samples(),
-            source_.empty() ? "default source" : source_.c_str(),
-            parity_enabled_ ? "4:2 ON" : "off");
+    OX_INFO("AudioStream: started (%dHz %dch, %d-sample frames, default source, parity %s)",
+            sample_rate, channels, encoder_.frame_samples(), parity_enabled_ ? "4:2 ON" : "off");
     return true;
 }
 
@@ -90,12 +90,13 @@ void AudioStream::stop() {
 }
 
 void AudioStream::loop(const std::stop_token& stop) {
+    ::pthread_setname_np(::pthread_self(), "ox-audio");
     use_minimal_timer_slack();
     const RealTimePriority priority("AudioStream");
     last_report_ = SteadyClock::now();
     reported_frames_ = capture_.frames_read();
     reported_audible_ = capture_.audible_frames();
-    moved_ = false;
+    moved_ = refused_ = false;
     followed_sink_.clear();
     next_reopen_ = {};
     live_edge_.reset();
@@ -129,10 +130,8 @@ RecordingWatch::Verdict AudioStream::settled_verdict(const std::stop_token& stop
 }
 
 bool AudioStream::handle_buffer(const std::stop_token& stop) {
-    const auto before = SteadyClock::now();
     // A recording that delivers nothing may still be moved.
     if (!capture_.wait_readable(kIdleSlice)) {
-        live_edge_.reset();
         recording_is_safe(stop);
         return true;
     }
@@ -142,10 +141,8 @@ bool AudioStream::handle_buffer(const std::stop_token& stop) {
         OX_WARN("AudioStream: capture ended — stopping audio");
         return false;
     }
-    const auto now = SteadyClock::now();
-    const auto waited = std::chrono::duration_cast<std::chrono::microseconds>(now - before);
-    const bool live =
-        live_edge_.keep(std::chrono::milliseconds(AudioEncoder::kFrameMs), waited, now);
+    const bool live = live_edge_.keep(std::chrono::milliseconds(AudioEncoder::kFrameMs),
+                                      capture_.take_dry_time(), SteadyClock::now());
     return !recording_is_safe(stop) || !live || send_frame();
 }
 
@@ -159,7 +156,7 @@ bool AudioStream::recording_is_safe(const std::stop_token& stop) {
         case RecordingWatch::Verdict::Unknown:
             return false;
         case RecordingWatch::Verdict::Unwatched:
-            return true;
+            return is_named_or_reopened(stop);
         case RecordingWatch::Verdict::OnMonitor:
             moved_ = false;
             followed_sink_.clear();
@@ -174,12 +171,24 @@ bool AudioStream::recording_is_safe(const std::stop_token& stop) {
             reopen_capture(stop);
             return false;
         case RecordingWatch::Verdict::DefaultChanged:
-            // A source that was asked for by name is kept, and so is one that the server prefers.
-            if (!source_.empty() || followed_sink_ == watch_.default_sink()) return true;
+            // A source that the server prefers is kept.
+            if (followed_sink_ == watch_.default_sink()) return true;
             if (!reopen_capture(stop)) return true;
             followed_sink_ = watch_.default_sink();
             return false;
     }
+    return false;
+}
+
+bool AudioStream::is_named_or_reopened(const std::stop_token& stop) {
+    if (!capture_.source().empty()) return true;
+    if (!refused_) {
+        OX_WARN(
+            "AudioStream: no output is known and no sound server says what is recorded — it may be "
+            "a microphone, so its sound is dropped until a server answers");
+    }
+    refused_ = true;
+    if (!watch_.default_monitor().empty()) reopen_capture(stop);
     return false;
 }
 
@@ -188,7 +197,7 @@ bool AudioStream::reopen_capture(const std::stop_token& stop) {
     if (now < next_reopen_ || stop.stop_requested()) return false;
     next_reopen_ = now + kReopenPause;
     // Without an output there is nothing to record, and parec's own choice may be a microphone.
-    std::string source = source_.empty() ? AudioCapture::default_monitor() : source_;
+    std::string source = AudioCapture::default_monitor();
     if (source.empty()) source = watch_.default_monitor();  // an older pactl cannot say
     if (source.empty()) return false;
     if (!capture_.start(sample_rate_, channels_, source, AudioEncoder::kFrameMs)) return false;

@@ -36,8 +36,6 @@ class AudioStream {
     /// Where the sequence numbers come from; outlives the stream. Without it they count from 0.
     /// Before `start`.
     void set_numbers(PacketNumbers& numbers) { numbers_ = &numbers; }
-    /// Source to record; empty: the default output's monitor. Before `start`.
-    void set_source(std::string source) { source_ = std::move(source); }
 
     /// Starts streaming through `sender`, which must be open and outlive the stream's run. The key
     /// is 32 bytes. False, after an error line, when something cannot be had; nothing is left
@@ -57,6 +55,7 @@ class AudioStream {
                                             std::chrono::milliseconds limit);
     bool handle_buffer(const std::stop_token& stop);
     bool recording_is_safe(const std::stop_token& stop);
+    bool is_named_or_reopened(const std::stop_token& stop);
     bool reopen_capture(const std::stop_token& stop);
     bool send_frame();
     bool send_data_packet(uint32_t sequence, uint64_t timestamp);
@@ -68,7 +67,6 @@ class AudioStream {
     [[nodiscard]] const char* source_name() const;
 
     AudioCapture capture_;
-    std::string source_;
     AudioEncoder encoder_;
     Encryption encryption_;
     RecordingWatch watch_;
@@ -93,6 +91,7 @@ class AudioStream {
     uint64_t reported_frames_ = 0;
     uint64_t reported_audible_ = 0;
     bool unknown_ = false;       ///< the server did not answer in time
+    bool refused_ = false;       ///< nobody knows what is recorded, and a warning has said so
     bool moved_ = false;         ///< the recording is off the monitor, and a warning has said so
     std::string followed_sink_;  ///< default output for which the recording was started anew
 

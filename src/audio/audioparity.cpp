@@ -3,18 +3,12 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
 #include "transport/fountain/wirehair.h"
 
 namespace ox::audioparity {
 namespace {
-
-struct FreeCodec {
-    void operator()(WirehairCodec codec) const noexcept { wirehair_free(codec); }
-};
-using CodecOwner = std::unique_ptr<WirehairCodec_t, FreeCodec>;
 
 bool is_switch_word(std::string_view text) noexcept {
     constexpr std::array<std::string_view, 5> kWords{"1", "on", "true", "yes", "enabled"};
@@ -31,6 +25,10 @@ bool all_within_shard(const ShardHeader& header) noexcept {
 }
 
 }  // namespace
+
+void FreeCodec::operator()(WirehairCodec codec) const noexcept {
+    wirehair_free(codec);
+}
 
 bool parse_switch_value(const char* text) noexcept {
     if (text == nullptr) return false;
@@ -98,6 +96,11 @@ Guard parse_shard(const uint8_t* bytes, size_t length, ShardHeader& header) noex
 
 Guard encode_block(const uint8_t* const* data, const size_t* lens, uint8_t* const* out,
                    size_t* out_lens) noexcept {
+    return BlockEncoder().encode(data, lens, out, out_lens);
+}
+
+Guard BlockEncoder::encode(const uint8_t* const* data, const size_t* lens, uint8_t* const* out,
+                           size_t* out_lens) noexcept {
     if (data == nullptr || lens == nullptr) return Guard::kEncodeFailed;
     for (size_t i = 0; i < kDataFrames; ++i) {
         if (data[i] == nullptr || !is_shard_length(lens[i])) return Guard::kBadShardLen;
@@ -118,13 +121,14 @@ Guard encode_block(const uint8_t* const* data, const size_t* lens, uint8_t* cons
         header.orig_len[i] = static_cast<uint16_t>(lens[i]);
     }
     const auto shard32 = static_cast<uint32_t>(shard);
-    const CodecOwner encoder(
-        wirehair_encoder_create(nullptr, message.data(), kDataFrames * shard, shard32));
-    if (!encoder) return Guard::kEncodeFailed;
+    const WirehairCodec encoder =
+        wirehair_encoder_create(codec_.get(), message.data(), kDataFrames * shard, shard32);
+    if (encoder == nullptr) return Guard::kEncodeFailed;
+    if (!codec_) codec_.reset(encoder);  // else it is the same one
     for (uint8_t repair = 0; repair < kRepairs; ++repair) {
         uint32_t written = 0;
         const WirehairResult result =
-            wirehair_encode(encoder.get(), uint32_t{kDataFrames} + repair,
+            wirehair_encode(encoder, uint32_t{kDataFrames} + repair,
                             out[repair] + kShardHeaderBytes, shard32, &written);
         if (result != Wirehair_Success || written != shard32) return Guard::kEncodeFailed;
         header.repair_index = repair;
@@ -181,7 +185,7 @@ bool BlockDecoder::rebuild(std::vector<uint8_t>& message) const {
     const uint32_t shard = reference_.shard_len;
     message.resize(kDataFrames * shard);
     if (wirehair_init() != Wirehair_Success) return false;
-    const CodecOwner decoder(wirehair_decoder_create(nullptr, message.size(), shard));
+    const Codec decoder(wirehair_decoder_create(nullptr, message.size(), shard));
     if (!decoder) return false;
     WirehairResult result = Wirehair_NeedMore;
     for (uint32_t id = 0; id < pieces_.size() && result == Wirehair_NeedMore; ++id) {

@@ -3,9 +3,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "transport/nonce.h"
+
+struct WirehairCodec_t;
 
 /// Forward error correction of the audio stream: four consecutive audio frames form a block, for
 /// which two repair symbols are sent. Any four of the six pieces restore the block. A repair symbol
@@ -28,6 +31,12 @@ bool parse_switch_value(const char* text) noexcept;
 
 /// The switch in the environment variable OX_AUDIO_PARITY.
 bool audio_parity_enabled() noexcept;
+
+struct FreeCodec {
+    void operator()(WirehairCodec_t* codec) const noexcept;
+};
+/// A fountain encoder or decoder.
+using Codec = std::unique_ptr<WirehairCodec_t, FreeCodec>;
 
 enum class Guard : uint8_t {
     kOk = 0,
@@ -69,10 +78,21 @@ Guard parse_shard_header(const uint8_t* bytes, size_t length, ShardHeader& heade
 /// kBadPayloadLen.
 Guard parse_shard(const uint8_t* bytes, size_t length, ShardHeader& header) noexcept;
 
-/// Makes the two repair shards of a block.
-/// data, lens: four frames of 1 to 1146 bytes. out: two buffers of at least 1162 bytes. out_lens:
-/// two numbers, set to the shards' lengths on success.
-/// kBadShardLen: a frame is missing or of a wrong length. kEncodeFailed: anything else.
+/// Makes the two repair shards of one block after the other; keeps its memory, so that only the
+/// first one allocates. Used by one thread.
+class BlockEncoder {
+  public:
+    /// data, lens: four frames of 1 to 1146 bytes. out: two buffers of at least 1162 bytes.
+    /// out_lens: two numbers, set to the shards' lengths on success.
+    /// kBadShardLen: a frame is missing or of a wrong length. kEncodeFailed: anything else.
+    Guard encode(const uint8_t* const* data, const size_t* lens, uint8_t* const* out,
+                 size_t* out_lens) noexcept;
+
+  private:
+    Codec codec_;
+};
+
+/// Makes the repair shards of a single block; see `BlockEncoder::encode`.
 Guard encode_block(const uint8_t* const* data, const size_t* lens, uint8_t* const* out,
                    size_t* out_lens) noexcept;
 

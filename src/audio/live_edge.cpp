@@ -2,16 +2,16 @@
 
 namespace ox {
 
-bool LiveEdge::keep(std::chrono::microseconds length, std::chrono::microseconds waited,
+bool LiveEdge::keep(std::chrono::microseconds length, std::optional<SteadyClock::time_point> dry,
                     SteadyClock::time_point now) {
-    constexpr std::chrono::microseconds kWaited{1000};
+    // A recorder that catches up may be slower than its reader for a moment.
+    constexpr std::chrono::milliseconds kWaited{1};
     constexpr std::chrono::milliseconds kLate{50};
-    if (!known_ || waited >= kWaited) {
+    if (!known_ || (dry && now - *dry >= kWaited)) {
         known_ = true;
         dropping_ = false;
-        edge_ = now;
+        edge_ = dry.value_or(now);
         read_since_ = {};
-        return true;
     }
     read_since_ += length;
     // Once late, everything up to the live edge goes: the newest sound is what is to be heard.

@@ -21,15 +21,14 @@ bool ParityBlock::add(uint32_t sequence, std::span<const uint8_t> frame, uint64_
     return true;
 }
 
-audioparity::Guard ParityBlock::encode(Shards& out) const {
+audioparity::Guard ParityBlock::encode(Shards& out) {
     std::array<const uint8_t*, audioparity::kDataFrames> data{};
     std::transform(slots_.begin(), slots_.end(), data.begin(),
                    [](const auto& slot) { return slot.data(); });
     std::array<uint8_t*, audioparity::kRepairs> shards{};
     std::transform(out.bytes.begin(), out.bytes.end(), shards.begin(),
                    [](auto& bytes) { return bytes.data(); });
-    return audioparity::encode_block(data.data(), lengths_.data(), shards.data(),
-                                     out.lengths.data());
+    return encoder_.encode(data.data(), lengths_.data(), shards.data(), out.lengths.data());
 }
 
 }  // namespace ox

@@ -10,7 +10,8 @@
 namespace ox {
 
 /// Collects four consecutive audio frames, sequence numbers 4n to 4n + 3, for their repair symbols.
-/// A gap inside a block leaves it incomplete. Pure; one thread; allocates nothing.
+/// A gap inside a block leaves it incomplete. One thread; allocates nothing but for the first
+/// block.
 class ParityBlock {
   public:
     /// Longest frame of a block that gets repair symbols.
@@ -32,11 +33,12 @@ class ParityBlock {
             bytes{};
         std::array<size_t, audioparity::kRepairs> lengths{};
     };
-    audioparity::Guard encode(Shards& out) const;
+    audioparity::Guard encode(Shards& out);
 
     void reset() { collected_ = 0; }
 
   private:
+    audioparity::BlockEncoder encoder_;
     std::array<std::array<uint8_t, audioparity::kMaxShardBytes>, audioparity::kDataFrames> slots_{};
     std::array<size_t, audioparity::kDataFrames> lengths_{};
     uint32_t base_ = 0;

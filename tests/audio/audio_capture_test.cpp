@@ -6,7 +6,9 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <thread>
+#include <utility>
 
 #include "audio/audio_capture.h"
 #include "audio/live_edge.h"
@@ -92,20 +94,37 @@ TEST_F(AudioCaptureTest, AStopIsSeenSoonAlsoByAReaderOfAStubbornRecorder) {
 constexpr microseconds kBuffer{5000};
 
 TEST(LiveEdge, AStallOfFiftyMillisecondsIsPlayedAndMoreIsDroppedUpToTheNewest) {
+    using Time = SteadyClock::time_point;
     for (const auto stall : {milliseconds(54), milliseconds(200), milliseconds(5000)}) {
-        LiveEdge edge;
-        SteadyClock::time_point now{};
-        ASSERT_TRUE(edge.keep(kBuffer, milliseconds(5), now));
-        now += stall;
-        // What piled up comes without a wait, as fast as it is read.
-        const auto queued = stall / kBuffer;
-        int64_t kept = 0;
-        for (int64_t i = 0; i < queued; ++i) {
-            now += microseconds(20);
-            if (edge.keep(kBuffer, microseconds(20), now)) ++kept;
+        for (const bool while_waiting : {false, true}) {
+            LiveEdge edge;
+            Time now{milliseconds(5)};
+            ASSERT_TRUE(edge.keep(kBuffer, Time{}, now));
+            std::optional<Time> dry;
+            if (while_waiting) dry = now;
+            now += stall;
+            // What piled up comes without a wait, as fast as it is read.
+            const auto queued = stall / kBuffer;
+            int64_t kept = 0;
+            for (int64_t i = 0; i < queued; ++i) {
+                now += microseconds(20);
+                if (edge.keep(kBuffer, std::exchange(dry, {}), now)) ++kept;
+            }
+            EXPECT_EQ(kept, stall < milliseconds(55) ? queued : 0) << stall.count();
+            EXPECT_TRUE(edge.keep(kBuffer, now, now + milliseconds(5)));
         }
-        EXPECT_EQ(kept, stall < milliseconds(55) ? queued : 0) << stall.count();
-        EXPECT_TRUE(edge.keep(kBuffer, milliseconds(4), now + milliseconds(5)));
+    }
+}
+
+TEST(LiveEdge, ASoundServerThatDeliversMuchAtOnceIsNotLate) {
+    LiveEdge edge;
+    for (SteadyClock::time_point now{}; now.time_since_epoch() < seconds(2);
+         now += milliseconds(100)) {
+        for (int i = 0; i < 20; ++i) {
+            std::optional<SteadyClock::time_point> dry;
+            if (i == 0) dry = now - milliseconds(10);
+            EXPECT_TRUE(edge.keep(kBuffer, dry, now));
+        }
     }
 }
 
