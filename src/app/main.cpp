@@ -113,6 +113,7 @@ int run(int argc, char** argv) {
     // The window of the terminal was closed. Whoever started us with nohup(1) wants us to stay.
     if (!is_ignored(SIGHUP)) install_signal_handler(SIGHUP, on_sigint);
     ignore_sigpipe();
+    keep_ended_children();
     log_banner(options);
 
     const SystemInfo system_info = detect_system_info();

@@ -50,11 +50,23 @@ bool is_ignored(int signal) {
     return (action.sa_flags & SA_SIGINFO) == 0 && action.sa_handler == SIG_IGN;  // NOLINT
 }
 
-void ignore_sigpipe() {
+namespace {
+
+void set_disposition(int signal, void (*disposition)(int)) {
     struct sigaction action {};
-    action.sa_handler = SIG_IGN;  // NOLINT: the macro casts
+    action.sa_handler = disposition;
     ::sigemptyset(&action.sa_mask);
-    ::sigaction(SIGPIPE, &action, nullptr);
+    ::sigaction(signal, &action, nullptr);
+}
+
+}  // namespace
+
+void ignore_sigpipe() {
+    set_disposition(SIGPIPE, SIG_IGN);  // NOLINT: the macro casts
+}
+
+void keep_ended_children() {
+    set_disposition(SIGCHLD, SIG_DFL);
 }
 
 }  // namespace ox

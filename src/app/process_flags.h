@@ -21,5 +21,8 @@ void install_signal_handler(int signal, void (*handler)(int));
 bool is_ignored(int signal);
 /// A write to a closed pipe or socket is to fail, not to kill.
 void ignore_sigpipe();
+/// A child that has ended keeps its id until it is waited for, also where SIGCHLD was inherited as
+/// ignored: a signal meant for it must not meet another process.
+void keep_ended_children();
 
 }  // namespace ox

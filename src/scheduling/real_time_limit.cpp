@@ -67,11 +67,20 @@ void install_handler() {
     });
 }
 
+/// A mask is inherited, from a parent too: a signal that nobody takes would end at the hard limit.
+void unblock_signal() {
+    sigset_t signal;
+    ::sigemptyset(&signal);
+    ::sigaddset(&signal, SIGXCPU);
+    ::pthread_sigmask(SIG_UNBLOCK, &signal, nullptr);
+}
+
 }  // namespace
 
 RealTimeLimit::RealTimeLimit(pid_t thread) : thread_(thread) {
     replace(0, thread_);
     install_handler();
+    unblock_signal();
 }
 
 RealTimeLimit::~RealTimeLimit() {

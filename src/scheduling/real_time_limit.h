@@ -15,7 +15,8 @@ namespace ox {
 /// any thread, while `thread` lives.
 class RealTimeLimit {
   public:
-    /// Puts `thread`, which is real-time or about to be, under the limit.
+    /// Puts `thread`, which is real-time or about to be, under the limit. The calling thread takes
+    /// the signal from now on, also where it inherited it blocked.
     explicit RealTimeLimit(pid_t thread);
     ~RealTimeLimit();
     RealTimeLimit(const RealTimeLimit&) = delete;

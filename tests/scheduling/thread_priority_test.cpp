@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
 #include <future>
 #include <latch>
 #include <thread>
@@ -198,6 +199,14 @@ TEST(ThreadPriority, ARealTimeThreadThatNeverWaitsBecomesOrdinaryInTime) {
     if (!std::async(std::launch::async, become_real_time).get()) {
         GTEST_SKIP() << "the kernel grants this user no real-time priority";
     }
+    // What a parent may have left behind.
+    struct sigaction handler {};
+    ::sigaction(SIGXCPU, nullptr, &handler);
+    if (handler.sa_handler == SIG_DFL) ::signal(SIGXCPU, SIG_IGN);
+    sigset_t blocked;
+    ::sigemptyset(&blocked);
+    ::sigaddset(&blocked, SIGXCPU);
+    ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
     ASSERT_TRUE(RealTimeLimit::kill_after(200ms));
     // Twice: the first time moves the soft limit.
     for (int i = 0; i < 2; ++i) {
