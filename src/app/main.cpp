@@ -8,6 +8,7 @@
 #include "app/build_info.h"
 #include "app/desktop_notice.h"
 #include "app/gpu_driver_check.h"
+#include "app/memory_trim.h"
 #include "app/options.h"
 #include "app/panic_listener.h"
 #include "app/platform_loop.h"
@@ -73,6 +74,7 @@ void log_banner(const Options& options) {
 
 int run(int argc, char** argv) {
     reserve_standard_descriptors();
+    note_linked_libraries();
     const CommandLine command_line =
         parse_command_line(argc, argv, option_defaults_from_environment());
     const auto* request = std::get_if<RunRequest>(&command_line);

@@ -1,12 +1,15 @@
 // Small parts of the program: the driver check, the panic channel, the self-test's counting.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <array>
 #include <fstream>
 
 #include "app/gpu_driver_check.h"
+#include "app/memory_trim.h"
 #include "app/panic_listener.h"
 #include "app/process_flags.h"
 #include "app/selftest/checks.h"
@@ -73,6 +76,35 @@ void passing_group() {
 void mixed_group() {
     selftest::check(false, "the moon is cheese");
     selftest::check(true, "after a failure the run goes on");
+}
+
+// Pages of the program's file. A page fault brings up to fifteen neighbours with it: those in the
+// middle have none but each other.
+constexpr size_t kPage = 4096;
+alignas(kPage) const std::array<volatile char, 48 * kPage> constants{};
+const volatile char& untouched = constants[23 * kPage];
+const volatile char& patched = constants[24 * kPage];
+
+TEST(MemoryTrim, GivesBackWhatIsAsTheFileHasItAndKeepsWhatAnOverlayHasPatched) {
+    const auto is_resident = [](const volatile char& byte) {
+        const UniqueFd pagemap(::open("/proc/self/pagemap", O_RDONLY | O_CLOEXEC));
+        const auto page = reinterpret_cast<uintptr_t>(&byte) / kPage;
+        uint64_t entry = 0;
+        EXPECT_EQ(
+            ::pread(pagemap.get(), &entry, sizeof entry, static_cast<off_t>(page * sizeof entry)),
+            static_cast<ssize_t>(sizeof entry));
+        return entry >> 63 != 0;
+    };
+    note_linked_libraries();
+    auto* const writable = const_cast<char*>(&patched);
+    ASSERT_EQ(::mprotect(writable, kPage, PROT_READ | PROT_WRITE), 0);
+    *writable = 'b';
+    ASSERT_EQ(::mprotect(writable, kPage, PROT_READ), 0);
+    EXPECT_EQ(untouched, '\0');
+    ASSERT_TRUE(is_resident(untouched));
+    trim_memory();
+    EXPECT_FALSE(is_resident(untouched));
+    EXPECT_EQ(patched, 'b');
 }
 
 TEST(SelftestChecks, OneFailureAmongPassesFailsTheRunAndEndsNothing) {

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <utility>
 
+#include "app/memory_trim.h"
 #include "app/process_flags.h"
 #include "app/session/capture_selection.h"
 #include "app/session/session_board.h"
 #include "app/session/session_state.h"
 #include "app/session/stream_settings.h"
-#include "base/memory_trim.h"
 #include "base/sleep.h"
 #include "log/log.h"
 #include "saas/saas_connector.h"
