@@ -22,36 +22,38 @@ std::string in_words(const Desktop& desktop) {
 DesktopNotice::DesktopNotice(const Options& options) {
     const std::string& capture = options.capture;
     if (capture == "auto") {
-        missing_.push_back({"display", [display = options.display] {
-                                return in_words(look_for_desktop(display, {}));
+        missing_.push_back({"display", [display = options.display](const Cancelled& cancelled) {
+                                return in_words(look_for_desktop(display, cancelled));
                             }});
     }
     // An X11 desktop is captured without the bus.
     const Desktop known = desktop_of_environment(options.display);
     const bool may_need_bus = !known.has_screen() || known.is_wayland();
     if (capture == "portal" || (capture == "auto" && may_need_bus)) {
-        missing_.push_back(
-            {"session bus", [] { return std::string(session_bus_listens() ? "listening" : ""); }});
+        missing_.push_back({"session bus", [](const Cancelled& /*cancelled*/) {
+                                return std::string(session_bus_listens() ? "listening" : "");
+                            }});
     }
     if (options.audio) {
-        missing_.push_back({"sound server", [] {
-                                const bool answers = sound_server_answers(kSoundServerLimit);
+        missing_.push_back({"sound server", [](const Cancelled& cancelled) {
+                                const bool answers =
+                                    sound_server_answers(kSoundServerLimit, cancelled);
                                 return std::string(answers ? "answering" : "");
                             }});
     }
 }
 
-void DesktopNotice::look_now_and_then() {
-    if (!missing_.empty() && SteadyClock::now() >= next_look_) look();
+void DesktopNotice::look_now_and_then(const Cancelled& cancelled) {
+    if (!missing_.empty() && SteadyClock::now() >= next_look_) look(cancelled);
 }
 
-void DesktopNotice::look() {
+void DesktopNotice::look(const Cancelled& cancelled) {
     const auto begin = SteadyClock::now();
-    if (begin < not_before_) return;
+    if (begin < not_before_ || cancelled()) return;
     next_look_ = begin + kPause;
     std::string names;
     std::erase_if(missing_, [&](const Part& part) {
-        const std::string found = part.find();
+        const std::string found = part.find(cancelled);
         if (found.empty()) {
             names += std::string(names.empty() ? "" : ", ") + "no " + part.name;
         } else if (told_) {
@@ -59,10 +61,12 @@ void DesktopNotice::look() {
         }
         return !found.empty();
     });
-    if (!told_ && !names.empty()) {
-        OX_WARN("Desktop: %s yet — looked for again at every session", names.c_str());
+    if (!cancelled()) {  // else what was not found may be there
+        if (!told_ && !names.empty()) {
+            OX_WARN("Desktop: %s yet — looked for again at every session", names.c_str());
+        }
+        told_ = true;
     }
-    told_ = true;
     // Nobody can connect meanwhile: servers that do not answer are not waited for at every session.
     if (SteadyClock::now() - begin > kSlow) not_before_ = next_look_;
 }

@@ -14,18 +14,22 @@ namespace ox {
 /// depends on this. Used by the main thread between sessions.
 class DesktopNotice {
   public:
+    using Cancelled = std::function<bool()>;
+
     explicit DesktopNotice(const Options& options);
 
     /// Looks for what is missing still. Takes a few milliseconds, more only where servers do not
-    /// answer, and then does nothing for the next ten seconds.
-    void look();
+    /// answer, and then does nothing for the next ten seconds. Returns within 50 ms once
+    /// `cancelled` returns true: somebody waits for the thread.
+    void look(const Cancelled& cancelled);
     /// The same, but at most once in ten seconds.
-    void look_now_and_then();
+    void look_now_and_then(const Cancelled& cancelled);
 
   private:
     struct Part {
         const char* name;
-        std::function<std::string()> find;  ///< what is there, in words; empty while nothing is
+        /// What is there, in words; empty while nothing is.
+        std::function<std::string(const Cancelled&)> find;
     };
 
     std::vector<Part> missing_;

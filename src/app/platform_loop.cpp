@@ -97,7 +97,7 @@ void run_platform(const Options& options, const PlatformEndpoint& endpoint,
     connector.start();
     OX_INFO("SaaS mode: waiting for prepare_session...");
     while (!shutdown_flag()) {
-        desktop.look_now_and_then();
+        desktop.look_now_and_then([&] { return shutdown_flag() || handover.is_pending(); });
         auto params = handover.take(kHandoverWait, [] { return shutdown_flag().load(); });
         if (params) run_prepared(options, std::move(*params), connector, handover, leases);
     }

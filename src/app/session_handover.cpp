@@ -22,6 +22,11 @@ void SessionHandover::request_terminate(const std::string& session_id) {
     changed_.notify_all();
 }
 
+bool SessionHandover::is_pending() const {
+    const std::lock_guard lock(mutex_);
+    return pending_.has_value();
+}
+
 std::optional<PrepareSessionParams> SessionHandover::take(std::chrono::milliseconds limit,
                                                           const std::function<bool()>& stop) {
     // A signal handler cannot notify, so its flag is looked at in slices.

@@ -32,6 +32,9 @@ class SessionHandover {
     /// Set while the running session is to end.
     [[nodiscard]] const std::atomic<bool>& terminate_requested() const { return terminate_; }
 
+    /// Whether there is something in the slot.
+    [[nodiscard]] bool is_pending() const;
+
     /// Takes what is in the slot, waiting for it until `limit` has passed or `stop`, asked every
     /// 100 ms, returns true. Nothing when neither came. The call says that the session before has
     /// ended.
@@ -39,7 +42,7 @@ class SessionHandover {
                                              const std::function<bool()>& stop);
 
   private:
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::optional<PrepareSessionParams> pending_;  ///< guarded by mutex_
     bool running_ = false;                         ///< guarded by mutex_; what was taken last

@@ -40,7 +40,8 @@ void run_standalone(const Options& options, DesktopNotice& desktop) {
         state.link_detail = 0;
     });
     while (!shutdown_flag()) {
-        desktop.look();
+        desktop.look([] { return shutdown_flag().load(); });
+        if (shutdown_flag()) break;
         std::atomic<unsigned> streamed_seconds{0};
         const std::string reason =
             run_session(options, {.expected_token_sha256 = options.token_sha256}, streamed_seconds);

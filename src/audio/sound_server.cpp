@@ -2,6 +2,8 @@
 
 #include <pulse/pulseaudio.h>
 
+#include <algorithm>
+
 #include "audio/pulse_handles.h"
 #include "base/clock.h"
 #include "base/environment.h"
@@ -30,7 +32,8 @@ std::vector<std::string> sound_server_environment() {
     return {"XDG_RUNTIME_DIR=" + folder};
 }
 
-bool sound_server_answers(std::chrono::milliseconds limit) {
+bool sound_server_answers(std::chrono::milliseconds limit, const std::function<bool()>& cancelled) {
+    constexpr std::chrono::microseconds kSlice{50'000};
     const auto deadline = SteadyClock::now() + limit;
     const PulseMainloopPtr loop(::pa_mainloop_new());
     const PulseContextPtr context = loop ? connect_to_sound_server(*loop) : nullptr;
@@ -39,8 +42,9 @@ bool sound_server_answers(std::chrono::milliseconds limit) {
         if (state == PA_CONTEXT_READY) return true;
         const auto left =
             std::chrono::ceil<std::chrono::microseconds>(deadline - SteadyClock::now());
-        if (!PA_CONTEXT_IS_GOOD(state) || left.count() <= 0) return false;
-        if (::pa_mainloop_prepare(loop.get(), static_cast<int>(left.count())) < 0 ||
+        if (!PA_CONTEXT_IS_GOOD(state) || left.count() <= 0 || cancelled()) return false;
+        const auto slice = std::min(left, kSlice);
+        if (::pa_mainloop_prepare(loop.get(), static_cast<int>(slice.count())) < 0 ||
             ::pa_mainloop_poll(loop.get()) < 0 || ::pa_mainloop_dispatch(loop.get()) < 0) {
             return false;
         }

@@ -19,14 +19,24 @@ namespace ox {
     return value != nullptr ? value : "";
 }
 
-/// The user's home folder, also where nobody has set HOME.
-[[nodiscard]] inline std::string home_folder() {
-    if (const auto home = environment("HOME"); !home.empty()) return std::string(home);
+/// A field of the user's entry in the user database; empty when there is none.
+[[nodiscard]] inline std::string user_entry(char* passwd::*field) {
     std::array<char, 4096> buffer{};
     passwd entry{};
     passwd* found = nullptr;
     ::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found);
-    return found != nullptr ? found->pw_dir : "";
+    return found != nullptr ? found->*field : "";
+}
+
+/// The user's log-in name.
+[[nodiscard]] inline std::string user_name() {
+    return user_entry(&passwd::pw_name);
+}
+
+/// The user's home folder, also where nobody has set HOME.
+[[nodiscard]] inline std::string home_folder() {
+    if (const auto home = environment("HOME"); !home.empty()) return std::string(home);
+    return user_entry(&passwd::pw_dir);
 }
 
 /// Folder of the user's sockets (file-hierarchy(7)): XDG_RUNTIME_DIR, or, in a process that was

@@ -33,9 +33,9 @@ class ThisMachine final : public DesktopSources {
             const auto more = x_cookies(file, x_display);
             cookies.insert(cookies.end(), more.begin(), more.end());
         }
-        cookies.emplace_back();  // many desktops let everything of their user in
+        cookies.emplace_back();  // many servers let everything of their user in
         for (const XAuthorization& cookie : cookies) {
-            UniqueFd foothold = enter_x_server(x_display, cookie, deadline_);
+            UniqueFd foothold = enter_own_x_server(x_display, cookie, deadline_, cancelled_);
             if (!foothold) continue;
             return XAccess{cookie, std::make_shared<const UniqueFd>(std::move(foothold))};
         }

@@ -84,7 +84,8 @@ bool X11Capture::connect() {
     // long as Xlib makes its own: with its last client a server may start anew.
     UniqueFd foothold;
     if (const auto number = local_display_number(name))
-        foothold = enter_x_server(*number, authorization_, deadline);
+        foothold = enter_x_server(*number, authorization_, deadline, cancelled_);
+    if (!foothold && cancelled_ && cancelled_()) return false;
     const bool hangs = !foothold && SteadyClock::now() >= deadline;
     if (!hangs) connection_ = XConnection::open(display_name_, authorization_, cancelled_);
     if (connection_) return true;

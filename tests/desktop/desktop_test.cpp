@@ -1,13 +1,21 @@
 #include "desktop/desktop.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
 #include <map>
 
 #include "desktop/x_authority.h"
+#include "desktop/x_server.h"
+#include "support/environment.h"
 #include "support/temp_dir.h"
+#include "support/xvfb.h"
+
+// After the others: defines words as macros.
+#include <X11/Xlib.h>
 
 namespace ox {
 namespace {
@@ -135,6 +143,69 @@ TEST(XCookies, AreThoseOfTheDisplayAlsoAfterTheHostGotAnotherName) {
     EXPECT_EQ(x_cookies(path, 7).size(), 1U);
     EXPECT_TRUE(x_cookies(dir.path().string(), 7).empty());
     EXPECT_TRUE(x_cookies(dir.file("nothing"), 7).empty());
+}
+
+constexpr const char* kUser = "nobody";
+constexpr uid_t kUserId = 65534;
+
+/// Whether the user `kUser` takes the server of this display for its own.
+bool is_entered(int display, const XAuthorization& authorization) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const bool is_user = ::setresuid(kUserId, kUserId, kUserId) == 0;
+        const auto deadline = SteadyClock::now() + std::chrono::seconds(10);
+        ::_exit(is_user && enter_own_x_server(display, authorization, deadline, {}) ? 1 : 0);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status));
+    return WEXITSTATUS(status) != 0;
+}
+
+TEST(OwnXServer, OfRootIsOneWhoseCookieTheUserHas) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can start a server of root";
+    const test::TempDir dir;
+    const std::string authority = dir.file("authority");
+    const XAuthorization cookie{"MIT-MAGIC-COOKIE-1", std::string(16, '7')};
+    const XAuthorization stale{cookie.name, std::string(16, '8')};
+    std::ofstream(authority, std::ios::binary) << entry(65535, "", "", cookie.name, cookie.data);
+    const auto server = test::Xvfb::start({.arguments = {"-auth", authority}});
+    if (!server) GTEST_SKIP() << "no Xvfb on this machine";
+    const test::Environment as_its_user("XAUTHORITY", authority);
+    const std::unique_ptr<Display, decltype(&XCloseDisplay)> owner(
+        XOpenDisplay(server->display().c_str()), XCloseDisplay);
+    ASSERT_NE(owner, nullptr);
+    const int display = local_display_number(server->display()).value();
+    const auto admit = [&](const char* kind, const std::string& value) {
+        XServerInterpretedAddress address{};
+        std::string type = kind;
+        std::string name = value;
+        address.type = type.data();
+        address.typelength = static_cast<int>(type.size());
+        address.value = name.data();
+        address.valuelength = static_cast<int>(name.size());
+        XHostAddress host{.family = FamilyServerInterpreted,
+                          .length = 0,
+                          .address = reinterpret_cast<char*>(&address)};
+        XAddHost(owner.get(), &host);
+        XSync(owner.get(), False);
+    };
+
+    EXPECT_TRUE(is_entered(display, cookie));
+    EXPECT_FALSE(is_entered(display, stale));
+    EXPECT_FALSE(is_entered(display, kOpen));
+    // Anybody on this machine: what opens it proves nothing.
+    XDisableAccessControl(owner.get());
+    admit("localuser", "daemon");
+    EXPECT_FALSE(is_entered(display, kOpen));
+    EXPECT_FALSE(is_entered(display, stale));
+    // As the desktops of many distributions do, and their users besides.
+    admit("localuser", kUser);
+    EXPECT_TRUE(is_entered(display, cookie));
+    XEnableAccessControl(owner.get());
+    XSync(owner.get(), False);
+    EXPECT_TRUE(is_entered(display, cookie));
+    EXPECT_FALSE(is_entered(display, kOpen));
 }
 
 }  // namespace

@@ -1,13 +1,17 @@
 // An agent that was started before the desktop.
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
+#include <optional>
 
 #include "e2e/player.h"
 #include "support/environment.h"
+#include "support/unix_socket.h"
 #include "support/x_painter.h"
 #include "support/xvfb.h"
 
@@ -83,6 +87,37 @@ TEST(BeforeTheDesktop, AnAgentStreamsATestPatternAndThenTheDesktopThatHasCome) {
     EXPECT_EQ(agent.log().count(missing), 1U);
     EXPECT_TRUE(agent.screen().wait_for("Resolved: Screen capture failed", kPatience));
     agent.expect_prompt_stop();
+}
+
+TEST(BeforeTheDesktop, ServersThatHangKeepNobodyFromStoppingTheAgent) {
+    const TempDir folder;
+    ChildProcess probe(
+        {.argv = in_a_world_of_its_own(folder.path().string(), "true"), .environment = {}});
+    if (probe.wait(kPatience) != 0) GTEST_SKIP() << "no mount namespaces for this user";
+    const auto stops_while_it_asks = [&](const char* server, bool named) {
+        SCOPED_TRACE(std::string(server) + (named ? ", in a session" : ""));
+        const UniqueFd listener = listen_unix(folder.file(server));
+        Agent agent({.arguments = {"--audio"},
+                     .environment = {"DBUS_SESSION_BUS_ADDRESS=unix:path=" + folder.file("bus"),
+                                     "PULSE_SERVER=unix:" + folder.file("sound"),
+                                     named ? "DISPLAY=:7" : "DISPLAY"},
+                     .capture = "auto",
+                     .wrapper = in_a_world_of_its_own(folder.path().string(), "\"$@\"")});
+        std::optional<TcpClient> launcher;
+        if (named) {
+            ASSERT_TRUE(agent.wait_for_log("TcpControlServer: listening on port"));
+            launcher.emplace(agent.control_port(), kPatience);
+            launcher->send(auth_line());
+        }
+        pollfd asked{.fd = listener.get(), .events = POLLIN, .revents = 0};
+        ASSERT_EQ(::poll(&asked, 1, static_cast<int>(kPatience.count())), 1);
+        agent.expect_prompt_stop();
+        std::filesystem::remove(folder.file(server));
+    };
+    stops_while_it_asks("bus", false);
+    stops_while_it_asks("X7", false);
+    stops_while_it_asks("X7", true);
+    stops_while_it_asks("sound", false);
 }
 
 }  // namespace
