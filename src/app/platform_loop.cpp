@@ -63,8 +63,8 @@ void run_prepared(const Options& options, PrepareSessionParams params, SaasConne
                            .key_material = std::move(params.encryption_key),
                            .expected_token_sha256 = params.session_token_sha256,
                            .terminate_requested = &handover.terminate_requested()};
-    const std::string reason = run_session(options, std::move(request), streamed_seconds);
-    connector.send_session_ended(id, reason, streamed_seconds);
+    const SessionEnd end = run_session(options, std::move(request), streamed_seconds);
+    connector.send_session_ended(id, end.reason, streamed_seconds);
     tui::board().session_ended(false, streamed_seconds);
     OX_INFO("SaaS: waiting for next prepare_session...");
 }

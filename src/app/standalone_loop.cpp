@@ -1,6 +1,8 @@
 #include "app/standalone_loop.h"
 
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <string>
 
 #include "app/desktop_notice.h"
@@ -15,17 +17,24 @@
 namespace ox {
 namespace {
 
-/// Waits until a port that could not be had is free, quietly: the log says already that it is
-/// taken.
+/// Waits until a port that could not be had is free. Says nothing of one that is taken: the log
+/// does already, and it may be for hours. Whatever else is wrong with it nobody may ever mend.
 void wait_for_port(uint16_t port) {
     constexpr std::chrono::milliseconds kPause{250};
+    constexpr std::chrono::minutes kReminder{1};
     // Another agent lets go of it for a moment between two of its sessions.
     constexpr int kLooksAfterBusy = 3;
     int looks_left = 1;
+    auto next_reminder = SteadyClock::now() + kReminder;
     while (looks_left > 0) {
         const auto next_look = SteadyClock::now() + kPause;
         if (!sleep_until_or(next_look, [] { return shutdown_flag().load(); })) return;
-        looks_left = tcp_port_is_free(port) ? looks_left - 1 : kLooksAfterBusy;
+        const int error = tcp_port_error(port);
+        looks_left = error == 0 ? looks_left - 1 : kLooksAfterBusy;
+        if (error == 0 || error == EADDRINUSE || next_look < next_reminder) continue;
+        next_reminder = next_look + kReminder;
+        OX_WARN("Session: control port %u still cannot be opened (%s) — nobody can connect",
+                unsigned{port}, std::strerror(error));
     }
 }
 
@@ -43,12 +52,12 @@ void run_standalone(const Options& options, DesktopNotice& desktop) {
         desktop.look([] { return shutdown_flag().load(); });
         if (shutdown_flag()) break;
         std::atomic<unsigned> streamed_seconds{0};
-        const std::string reason =
+        const SessionEnd end =
             run_session(options, {.expected_token_sha256 = options.token_sha256}, streamed_seconds);
-        OX_INFO("Standalone session ended: %s", reason.c_str());
+        OX_INFO("Standalone session ended: %s", end.reason.c_str());
         tui::board().session_ended(false, streamed_seconds);
         if (shutdown_flag()) break;
-        if (ended_before_listening(reason)) wait_for_port(session_control_port(options));
+        if (end.could_not_listen) wait_for_port(session_control_port(options));
         if (shutdown_flag()) break;
         OX_INFO("Listening for next launcher...");
     }

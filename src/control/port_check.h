@@ -4,8 +4,8 @@
 
 namespace ox {
 
-/// Whether nobody listens on this TCP port, so that `TcpControlServer` could. Takes it for a
-/// moment.
-bool tcp_port_is_free(uint16_t port);
+/// 0 when `TcpControlServer` could have this TCP port, else the errno that tells why not
+/// (EADDRINUSE: somebody listens there). Takes the port for a moment.
+int tcp_port_error(uint16_t port);
 
 }  // namespace ox

@@ -44,11 +44,28 @@ bool bind_listener(int fd, uint16_t port) {
     return ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
+const char* in_words(HandshakeFailure failure) {
+    switch (failure) {
+        case HandshakeFailure::rejected:
+            return "AUTH_REJECTED";
+        case HandshakeFailure::timed_out:
+            return "HANDSHAKE_TIMEOUT";
+        case HandshakeFailure::aborted:
+            return "SESSION_ABORTED";
+        case HandshakeFailure::none:
+        case HandshakeFailure::cannot_listen:
+        case HandshakeFailure::cannot_accept:
+        case HandshakeFailure::cannot_answer:
+            break;
+    }
+    return "AUTH_FAIL";
+}
+
 }  // namespace
 
-bool tcp_port_is_free(uint16_t port) {
+int tcp_port_error(uint16_t port) {
     const UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    return fd && bind_listener(fd.get(), port);
+    return fd && bind_listener(fd.get(), port) ? 0 : errno;
 }
 
 TcpControlServer::~TcpControlServer() {
@@ -58,7 +75,7 @@ TcpControlServer::~TcpControlServer() {
 bool TcpControlServer::accept_and_handshake(uint16_t port, const AbortPredicate& abort,
                                             int accept_timeout_s) {
     if (listen_socket_ || client_socket_) close();
-    last_error = "AUTH_FAIL";
+    fail(HandshakeFailure::cannot_listen);  // until it does
     connected_ = false;
     if (::sodium_init() < 0) {
         OX_ERROR("TcpControlServer: libsodium init failed");
@@ -82,32 +99,44 @@ bool TcpControlServer::handshake(uint16_t port, const AbortPredicate& abort, int
     if (before_ready) before_ready();
     if (!send_session_ready()) {
         OX_ERROR("TcpControlServer: failed to send session_ready");
-        return fail("AUTH_FAIL");
+        return fail(HandshakeFailure::cannot_answer);
     }
     connected_ = true;
+    failure = HandshakeFailure::none;
     OX_INFO("TcpControlServer: handshake complete, session keys sent");
     return true;
 }
 
 bool TcpControlServer::open_listener(uint16_t port) {
+    if (const int error = try_to_listen(port)) {
+        if (error == EADDRINUSE) tui::board().raise(tui::Alert::PortBusy, port);
+        tui::board().control_port_closed(port, error);
+        return false;
+    }
+    tui::board().control_port_open(port);
+    return true;
+}
+
+int TcpControlServer::try_to_listen(uint16_t port) {
     // Non-blocking: a connection that goes away between poll and accept must not hang the latter.
     UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd) {
-        OX_ERROR("TcpControlServer: socket() failed: %s", std::strerror(errno));
-        return false;
+        const int error = errno;
+        OX_ERROR("TcpControlServer: socket() failed: %s", std::strerror(error));
+        return error;
     }
     if (!bind_listener(fd.get(), port)) {
-        OX_ERROR("TcpControlServer: bind :%u failed: %s", unsigned{port}, std::strerror(errno));
-        if (errno == EADDRINUSE) tui::board().raise(tui::Alert::PortBusy, port);
-        return false;
+        const int error = errno;
+        OX_ERROR("TcpControlServer: bind :%u failed: %s", unsigned{port}, std::strerror(error));
+        return error;
     }
     if (::listen(fd.get(), 1) != 0) {
-        OX_ERROR("TcpControlServer: listen failed: %s", std::strerror(errno));
-        return false;
+        const int error = errno;
+        OX_ERROR("TcpControlServer: listen failed: %s", std::strerror(error));
+        return error;
     }
-    tui::board().clear_port(port);
     listen_socket_ = std::move(fd);
-    return true;
+    return 0;
 }
 
 bool TcpControlServer::accept_launcher(uint16_t port, const AbortPredicate& abort,
@@ -131,15 +160,15 @@ bool TcpControlServer::accept_launcher(uint16_t port, const AbortPredicate& abor
             continue;
         }
         OX_ERROR("TcpControlServer: accept failed: %s", std::strerror(error));
-        return fail("AUTH_FAIL");
+        return fail(HandshakeFailure::cannot_accept);
     }
     if (wait == WaitResult::aborted) {
         OX_WARN("TcpControlServer: accept aborted (session ending / shutdown)");
-        return fail("SESSION_ABORTED");
+        return fail(HandshakeFailure::aborted);
     }
     // The text names the default whatever deadline was in force.
     OX_ERROR("TcpControlServer: accept timed out after %ds", kDefaultAcceptTimeoutS);
-    return fail("HANDSHAKE_TIMEOUT");
+    return fail(HandshakeFailure::timed_out);
 }
 
 void TcpControlServer::take_client(UniqueFd socket) {
@@ -165,21 +194,21 @@ bool TcpControlServer::receive_auth_line(SteadyClock::time_point deadline,
             return true;
         case AuthRead::too_large:
             OX_ERROR("TcpControlServer: auth message too large (%zu bytes)", line.size());
-            return fail("AUTH_REJECTED");
+            return fail(HandshakeFailure::rejected);
         case AuthRead::aborted:
             OX_WARN("TcpControlServer: auth read aborted");
-            return fail("SESSION_ABORTED");
+            return fail(HandshakeFailure::aborted);
         case AuthRead::timed_out:
             OX_ERROR("TcpControlServer: auth read %s", "timed out");
-            return fail("HANDSHAKE_TIMEOUT");
+            return fail(HandshakeFailure::timed_out);
         case AuthRead::failed:
             OX_ERROR("TcpControlServer: auth read %s", "failed");
-            return fail("HANDSHAKE_TIMEOUT");
+            return fail(HandshakeFailure::timed_out);
         case AuthRead::closed:
             break;
     }
     OX_ERROR("TcpControlServer: client closed during auth");
-    return fail("AUTH_REJECTED");
+    return fail(HandshakeFailure::rejected);
 }
 
 bool TcpControlServer::authenticate(std::string_view line) {
@@ -190,10 +219,10 @@ bool TcpControlServer::authenticate(std::string_view line) {
         } else {
             OX_ERROR("TcpControlServer: JSON parse error: %s", error->text.c_str());
         }
-        return fail("AUTH_REJECTED");
+        return fail(HandshakeFailure::rejected);
     }
     take_request(message);
-    return verify_token(message.token.text()) || fail("AUTH_REJECTED");
+    return verify_token(message.token.text()) || fail(HandshakeFailure::rejected);
 }
 
 void TcpControlServer::take_request(const AuthMessage& message) {
@@ -256,8 +285,9 @@ bool TcpControlServer::send_session_ready() {
     return send_line(make_session_ready(keys, granted_caps).text());
 }
 
-bool TcpControlServer::fail(const char* error) {
-    last_error = error;
+bool TcpControlServer::fail(HandshakeFailure why) {
+    failure = why;
+    last_error = in_words(why);
     return false;
 }
 

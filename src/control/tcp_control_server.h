@@ -19,6 +19,17 @@ namespace ox {
 
 struct AuthMessage;
 
+/// Why a handshake did not come about. Finer than the texts of `TcpControlServer::last_error`.
+enum class HandshakeFailure : uint8_t {
+    none,
+    cannot_listen,  ///< the port could not be had: nobody could have connected
+    cannot_accept,
+    cannot_answer,  ///< the launcher left before it had its keys
+    rejected,
+    timed_out,
+    aborted,
+};
+
 /// The server side of the launcher's TCP control channel: one launcher, its handshake, then JSON
 /// lines in both directions. All functions belong to the owner's thread but `send_line` and
 /// `is_connected`, which any thread may call. The reader thread runs from `start_async_read` to
@@ -43,7 +54,8 @@ class TcpControlServer {
 
     /// Waits for one launcher on `port` and completes its handshake. Blocks for at most
     /// `accept_timeout_s` (below 1: 60 s) plus 15 s for the auth line; `abort`, asked at least
-    /// every 100 ms, ends it earlier. False: `last_error` says why, everything is closed.
+    /// every 100 ms, ends it earlier. False: `failure` and `last_error` say why, everything is
+    /// closed.
     bool accept_and_handshake(uint16_t port, const AbortPredicate& abort, int accept_timeout_s);
 
     /// IPv4 address to send media to; empty when no launcher ever connected.
@@ -81,7 +93,8 @@ class TcpControlServer {
     RequestedStream requested;
     uint32_t launcher_caps = 0;
     uint32_t granted_caps = 0;
-    std::string last_error = "AUTH_FAIL";
+    HandshakeFailure failure = HandshakeFailure::none;
+    std::string last_error = "AUTH_FAIL";  ///< `failure` in the words of the platform
     SessionKeySet keys;
 
     /// True when the SHA-256 of `token` is the expected one (constant-time comparison).
@@ -91,6 +104,7 @@ class TcpControlServer {
   private:
     bool handshake(uint16_t port, const AbortPredicate& abort, int accept_timeout_s);
     bool open_listener(uint16_t port);
+    int try_to_listen(uint16_t port);  ///< 0, or errno after an error line
     bool accept_launcher(uint16_t port, const AbortPredicate& abort, int accept_timeout_s);
     void take_client(UniqueFd socket);
     bool receive_auth_line(SteadyClock::time_point deadline, const AbortPredicate& abort,
@@ -99,7 +113,7 @@ class TcpControlServer {
     void take_request(const AuthMessage& message);
     void choose_udp_ip(const std::string& reported);
     bool send_session_ready();
-    bool fail(const char* error);
+    bool fail(HandshakeFailure why);
     void reader_loop(int socket);
     void handle_line(const LineSplitter::Line& line);
     void dispatch(const ControlMessage& message);

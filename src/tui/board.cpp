@@ -74,6 +74,17 @@ void Board::clear_port(uint16_t port) {
     touch_locked();
 }
 
+void Board::control_port_closed(uint16_t port, int error) {
+    const std::lock_guard lock(mutex);
+    const ClosedPort closed{port, error};
+    if (std::exchange(state.closed_port, closed) != closed) touch_locked();
+}
+
+void Board::control_port_open(uint16_t port) {
+    control_port_closed(0, 0);
+    clear_port(port);
+}
+
 void Board::push_locked(EventKind kind, int64_t value) {
     append(state, kind, value);
     touch_locked();

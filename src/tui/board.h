@@ -89,6 +89,14 @@ struct SessionView {
     void keep_figures();
 };
 
+/// The control port as long as no launcher can connect to it.
+struct ClosedPort {
+    uint16_t port = 0;
+    int error = 0;  ///< errno that tells why it could not be opened; 0: it could
+
+    friend bool operator==(const ClosedPort&, const ClosedPort&) = default;
+};
+
 /// Everything that can be painted. Copied whole by `Board::snapshot()`.
 struct Snapshot {
     bool started = false;
@@ -101,7 +109,8 @@ struct Snapshot {
     uint8_t link_detail = 0;   ///< 3 while the platform link is up, else 0
     SessionView session;
     std::array<bool, kAlertCount> alerts{};
-    uint16_t busy_port = 0;     ///< for Alert::PortBusy
+    uint16_t busy_port = 0;  ///< for Alert::PortBusy
+    ClosedPort closed_port;
     std::deque<Event> events;   ///< oldest first, at most 8
     uint64_t events_total = 0;  ///< events ever pushed; tells which of `events` are new
     uint64_t changes = 0;       ///< grows by one with every change
@@ -132,6 +141,11 @@ class Board {
     void clear(Alert alert);
     /// Takes back the alert that this port is busy.
     void clear_port(uint16_t port);
+
+    /// What came of opening the control port: `error` is the errno of the failure. Each counts as
+    /// a change only when it is news. The port that is open is not busy either.
+    void control_port_closed(uint16_t port, int error);
+    void control_port_open(uint16_t port);
 
     /// Appends an event and drops the oldest beyond 8. The caller holds `mutex`.
     void push_locked(EventKind kind, int64_t value);

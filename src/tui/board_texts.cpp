@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <string_view>
 
@@ -71,6 +72,17 @@ constexpr PortText kPortBusyText{
     {" is taken by another program. Close it or change PORT_BASE in start-agent.",
      " занят другой программой. Закройте её или поменяйте PORT_BASE в\u00A0start-agent."}};
 
+constexpr PortText kClosedBusyText{
+    {"No launcher can connect until port ", "Лаунчер не\u00A0подключится, пока порт "},
+    {" is free.", " занят."}};
+constexpr PortText kClosedDeniedText{
+    {"The system doesn't let the agent open port ", "Система не\u00A0даёт агенту открыть порт "},
+    {". Set PORT_BASE to 1024 or more in start-agent.",
+     ". Укажите PORT_BASE не\u00A0меньше 1024 в\u00A0start-agent."}};
+constexpr PortText kClosedText{
+    {"Port ", "Порт "},
+    {" can't be opened, details in the log.", " не\u00A0открывается, подробности в\u00A0логе."}};
+
 Text event_words(EventKind kind) {
     switch (kind) {
         case EventKind::AgentStarted:
@@ -131,6 +143,15 @@ std::string alert_text(Alert alert, Lang lang, Host host, uint16_t port) {
         return kNoDesktopText.in(lang);
     }
     return kAlertTexts.at(static_cast<size_t>(alert)).in(lang);
+}
+
+std::string closed_port_text(const ClosedPort& closed, Lang lang) {
+    constexpr uint16_t kFirstOrdinaryPort = 1024;
+    const bool reserved = closed.error == EACCES && closed.port < kFirstOrdinaryPort;
+    const PortText& text = closed.error == EADDRINUSE ? kClosedBusyText
+                           : reserved                 ? kClosedDeniedText
+                                                      : kClosedText;
+    return text.with(closed.port, lang);
 }
 
 std::string event_text(const Event& event, Lang lang, uint16_t port) {

@@ -19,6 +19,8 @@ Lang os_language();
 std::string alert_title(Alert alert, Lang lang, uint16_t port);
 /// What the owner should do about it.
 std::string alert_text(Alert alert, Lang lang, Host host, uint16_t port);
+/// Why no launcher can connect, and what helps; for a port that is closed.
+std::string closed_port_text(const ClosedPort& closed, Lang lang);
 /// One line of the recent-events list; empty for a kind without a text.
 std::string event_text(const Event& event, Lang lang, uint16_t port);
 /// "59 s", "12 min", "1 h 05 min".

@@ -1,6 +1,7 @@
 #include "tui/plain_lines.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "tui/clock_text.h"
@@ -59,6 +60,7 @@ std::vector<std::string> PlainLines::news(const Snapshot& snapshot, int64_t now_
     add_events(snapshot);
     add_link(snapshot, now);
     add_session(snapshot.session, now);
+    add_closed_port(snapshot.closed_port, now);
     add_alerts(snapshot, now);
     return std::exchange(lines_, {});
 }
@@ -142,6 +144,18 @@ void PlainLines::add_session(const SessionView& session, const std::string& cloc
     std::string stream = stream_text(session, lang_);
     if (stream != stream_ && !stream.empty()) add(clock, stream);
     stream_ = std::move(stream);
+}
+
+void PlainLines::add_closed_port(const ClosedPort& closed, const std::string& clock) {
+    const ClosedPort before = std::exchange(closed_port_, closed);
+    if (closed == before) return;
+    // Of a busy port the alert tells.
+    if (closed.error != 0 && closed.error != EADDRINUSE) {
+        add(clock, "! " + closed_port_text(closed, lang_));
+    } else if (closed.error == 0 && before.error != EADDRINUSE) {
+        add(clock, in(lang_, "Port ", "Порт ") + std::to_string(before.port) +
+                       in(lang_, " is open", " открыт"));
+    }
 }
 
 void PlainLines::add_alert(Alert alert, const std::string& clock, uint16_t port) {

@@ -44,6 +44,7 @@ class PlainLines {
     void add_alert(Alert alert, const std::string& clock, uint16_t port);
     void add_alerts(const Snapshot& snapshot, const std::string& clock);
     void add_link(const Snapshot& snapshot, const std::string& clock);
+    void add_closed_port(const ClosedPort& closed, const std::string& clock);
     void add_session(const SessionView& session, const std::string& clock);
     void note_told(EventKind kind);
 
@@ -56,6 +57,7 @@ class PlainLines {
     Told<SessionState> session_;
     Told<bool> holding_;
     std::string stream_;
+    ClosedPort closed_port_;
     std::array<bool, kAlertCount> alerts_{};
     uint16_t busy_port_ = 0;
 };

@@ -33,6 +33,9 @@ const char* session_title(const Snapshot& snapshot, Lang lang) {
         case SessionState::None:
             break;
     }
+    if (snapshot.closed_port.error != 0) {
+        return in(lang, "NOBODY CAN CONNECT", "ПОДКЛЮЧИТЬСЯ НЕЛЬЗЯ");
+    }
     switch (snapshot.link) {
         case LinkState::Connected:
             return in(lang, "WAITING FOR A PLAYER", "ЖДЁМ ИГРОКА");
@@ -45,12 +48,13 @@ const char* session_title(const Snapshot& snapshot, Lang lang) {
     return in(lang, "NO SESSION", "НЕТ СЕССИИ");
 }
 
-const char* session_hint(const Snapshot& snapshot, Lang lang) {
+std::string session_hint(const Snapshot& snapshot, Lang lang) {
     if (snapshot.session.state != SessionState::None) {
         return snapshot.session.launcher.empty()
                    ? in(lang, "Waiting for the player's launcher.", "Ждём лаунчер игрока.")
                    : in(lang, "Starting the stream.", "Запускаем поток.");
     }
+    if (snapshot.closed_port.error != 0) return closed_port_text(snapshot.closed_port, lang);
     switch (snapshot.link) {
         case LinkState::Connected:
             return in(lang, "The next session starts by itself.",

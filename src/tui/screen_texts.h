@@ -19,7 +19,7 @@ const char* link(LinkState link, Lang lang);
 /// Headline of the session card, in capitals.
 const char* session_title(const Snapshot& snapshot, Lang lang);
 /// What the owner may want to know or do while no picture is streamed.
-const char* session_hint(const Snapshot& snapshot, Lang lang);
+std::string session_hint(const Snapshot& snapshot, Lang lang);
 /// "Holding the session for 42 s more".
 std::string holding(int64_t seconds, Lang lang);
 

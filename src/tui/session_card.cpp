@@ -121,7 +121,7 @@ class Card {
         if (session_.holding) return Tone::Warn;
         if (session_.state == SessionState::Streaming) return Tone::Good;
         if (session_.state == SessionState::Preparing) return Tone::Accent;
-        return Tone::Dim;
+        return board_.closed_port.error != 0 ? Tone::Bad : Tone::Dim;
     }
 
     [[nodiscard]] Line headline() const {

@@ -2,6 +2,7 @@
 
 #include "control/control_server_fixture.h"
 #include "support/dead_peer.h"
+#include "support/sockets.h"
 
 namespace ox::test {
 namespace {
@@ -108,6 +109,21 @@ TEST_F(HandshakeTest, AConnectionResetBeforeTheAcceptDoesNotEndTheWait) {
                          "accepting"),
               1)
         << log_.text();
+}
+
+TEST_F(HandshakeTest, ALauncherThatLeavesAtTheWrongMomentIsNoBusyPort) {
+    auto result = handshake();
+    TcpClient launcher = connect();
+    server_.before_ready = [&] { launcher.close(true); };
+    launcher.send(kGoodAuth);
+    EXPECT_FALSE(result.get());
+    EXPECT_EQ(server_.failure, HandshakeFailure::cannot_answer) << log_.text();
+    EXPECT_EQ(server_.last_error, "AUTH_FAIL");
+
+    const UniqueFd occupier = bound_socket(SOCK_STREAM, port());
+    EXPECT_FALSE(server_.accept_and_handshake(port(), {}, 1));
+    EXPECT_EQ(server_.failure, HandshakeFailure::cannot_listen) << log_.text();
+    EXPECT_EQ(server_.last_error, "AUTH_FAIL");
 }
 
 TEST_F(HandshakeTest, EveryWaitHasItsDeadline) {

@@ -1,7 +1,9 @@
 // The control port taken by another program, then by a stranger: the next launcher still gets in.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <fstream>
 #include <thread>
 
 #include "e2e/player.h"
@@ -34,6 +36,18 @@ TEST(Handshake, ABusyPortIsSaidOnceAndWaitedForAndAStrangerIsRefused) {
     EXPECT_TRUE(agent.wait_for_log("Standalone session ended: handshake_failed:AUTH_REJECTED"));
     EXPECT_TRUE(stranger.closed_within(kPatience));
     EXPECT_TRUE(Player(agent).receive_frames(1));
+}
+
+TEST(Handshake, APortThatTheSystemRefusesIsShownToTheOwner) {
+    std::ifstream first_ordinary("/proc/sys/net/ipv4/ip_unprivileged_port_start");
+    int port = 0;
+    if (first_ordinary >> port; port < 1024) GTEST_SKIP() << "every port is anybody's here";
+    Agent::Setup setup{.arguments = {"--port-base", "0"}};
+    if (::geteuid() == 0) setup.wrapper = {"setpriv", "--bounding-set=-net_bind_service"};
+    const Agent agent(setup);
+    ASSERT_TRUE(agent.wait_for_log("TcpControlServer: bind :3 failed: Permission denied"));
+    EXPECT_TRUE(agent.screen().wait_for(
+        "The system doesn't let the agent open port 3. Set PORT_BASE to 1024", kPatience));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <optional>
 
 #include "support/environment.h"
@@ -43,6 +44,11 @@ TEST(BoardTexts, EventsAndAlertsInBothLanguages) {
     EXPECT_EQ(alert_text(Alert::CaptureFailed, Lang::Russian, Host::Desktop, 1),
               with_no_break_spaces("Не получается захватить экран. Подключите монитор (или "
                                    "HDMI-заглушку) и~разблокируйте ПК."));
+    EXPECT_EQ(closed_port_text({3, EACCES}, Lang::Russian),
+              with_no_break_spaces("Система не~даёт агенту открыть порт 3. Укажите PORT_BASE "
+                                   "не~меньше 1024 в~start-agent."));
+    EXPECT_EQ(closed_port_text({48003, EACCES}, Lang::English),
+              "Port 48003 can't be opened, details in the log.");
     for (size_t alert = 0; alert < kAlertCount; ++alert) {
         for (const Lang lang : {Lang::English, Lang::Russian}) {
             EXPECT_NE(alert_title(static_cast<Alert>(alert), lang, 1), "") << alert;

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include "tui/sample_boards.h"
 #include "tui/text.h"
 
@@ -100,7 +102,7 @@ TEST(Layout, SmallTerminalKeepsLinkSessionAndAlerts) {
     EXPECT_THAT(running_text(lay_out(board, view(40, 1))), HasSubstr("Platform connected"));
 }
 
-TEST(Layout, TellsWhatMattersOfAStreamAndOfAHold) {
+TEST(Layout, TellsWhatMattersOfAStreamAHoldAndAClosedPort) {
     const std::string stream = running_text(lay_out(test::streaming_board(), view(80, 24)));
     for (const char* fact :
          {"rig", "Some GPU", "0.4.448", "Platform connected 1 h 05 min", "PLAYER CONNECTED",
@@ -113,6 +115,14 @@ TEST(Layout, TellsWhatMattersOfAStreamAndOfAHold) {
         running_text(lay_out(test::holding_board(), view(80, 24, Lang::Russian)));
     EXPECT_THAT(hold, HasSubstr("ИГРОК ОТКЛЮЧИЛСЯ"));
     EXPECT_THAT(hold, HasSubstr("Держим сессию ещё 42\u00A0с"));
+
+    Snapshot closed = test::connected_board();
+    closed.closed_port = {3, EACCES};
+    const std::string nobody = running_text(lay_out(closed, view(100, 24)));
+    for (const std::string& fact :
+         {std::string("NOBODY CAN CONNECT"), closed_port_text(closed.closed_port, Lang::English)}) {
+        EXPECT_THAT(nobody, HasSubstr(fact));
+    }
 
     Snapshot unknown = test::streaming_board();
     unknown.session.rtt_ms = unknown.session.loss_pct = -1;

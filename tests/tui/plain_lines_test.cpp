@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include "base/clock.h"
 #include "tui/clock_text.h"
 #include "tui/sample_boards.h"
@@ -87,6 +89,25 @@ TEST(PlainLines, SessionOfAStandaloneAgent) {
     story.board.session_ended(false, -1);  // the board has watched the time itself
     EXPECT_THAT(story.next(), ElementsAre("14:03 Session ended after 1 min"));
     EXPECT_FALSE(story.board.snapshot().session.holding);
+}
+
+TEST(PlainLines, AControlPortThatCannotBeOpened) {
+    Story story;
+    story.next();
+    story.board.control_port_closed(3, EACCES);
+    EXPECT_THAT(story.next(), ElementsAre("now ! The system doesn't let the agent open port 3. Set "
+                                          "PORT_BASE to 1024 or more in start-agent."));
+    story.board.control_port_closed(3, EACCES);
+    EXPECT_THAT(story.next(), IsEmpty());
+    story.board.control_port_open(3);
+    EXPECT_THAT(story.next(), ElementsAre("now Port 3 is open"));
+    // Told of by its alert.
+    story.board.raise(Alert::PortBusy, 48'003);
+    story.board.control_port_closed(48'003, EADDRINUSE);
+    EXPECT_THAT(story.next(), ElementsAre("14:03 ! " + alert_text(Alert::PortBusy, Lang::English,
+                                                                  Host::Desktop, 48'003)));
+    story.board.control_port_open(48'003);
+    EXPECT_THAT(story.next(), ElementsAre("now Resolved: Port 48003 is busy"));
 }
 
 TEST(PlainLines, ForeignTextCannotBreakALine) {

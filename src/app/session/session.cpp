@@ -26,7 +26,6 @@ constexpr int kAudioLocalPortOffset = 5;
 constexpr int kProbeWaitSeconds = 5;
 /// A launcher that has its keys is not kept waiting for the disk.
 constexpr std::chrono::seconds kLeaseWait{2};
-constexpr const char* kHandshakeFailed = "handshake_failed:";
 
 }  // namespace
 
@@ -88,7 +87,7 @@ std::string Session::wait_for_launcher() {
     const bool accepted = control_.accept_and_handshake(
         control_port(), [this] { return stop_requested(); }, 0);
     control_.before_ready = nullptr;
-    if (!accepted) return kHandshakeFailed + control_.last_error;
+    if (!accepted) return "handshake_failed:" + control_.last_error;
     awake_.emplace();
     launcher_ = control_.remote_address();
     if (launcher_.empty()) {
@@ -288,7 +287,7 @@ void Session::tear_down() {
     control_.close();
 }
 
-std::string Session::run(std::atomic<unsigned>& streamed_seconds_out) {
+SessionEnd Session::run(std::atomic<unsigned>& streamed_seconds_out) {
     use_minimal_timer_slack();
     std::string reason = set_up();
     if (reason.empty()) {
@@ -298,24 +297,21 @@ std::string Session::run(std::atomic<unsigned>& streamed_seconds_out) {
         log_summary(reason);
     }
     tear_down();
-    return reason;
+    return {.reason = reason,
+            .could_not_listen = control_.failure == HandshakeFailure::cannot_listen};
 }
 
-std::string run_session(const Options& options, SessionRequest request,
-                        std::atomic<unsigned>& streamed_seconds) {
-    std::string reason = Session(options, std::move(request)).run(streamed_seconds);
+SessionEnd run_session(const Options& options, SessionRequest request,
+                       std::atomic<unsigned>& streamed_seconds) {
+    SessionEnd end = Session(options, std::move(request)).run(streamed_seconds);
     // The agent idles for hours between sessions: what pictures and encoder took goes back to the
     // games.
     trim_memory();
-    return reason;
+    return end;
 }
 
 uint16_t session_control_port(const Options& options) {
     return static_cast<uint16_t>(options.port_base + kControlPortOffset);
-}
-
-bool ended_before_listening(const std::string& reason) {
-    return reason == std::string(kHandshakeFailed) + "AUTH_FAIL";
 }
 
 }  // namespace ox

@@ -22,15 +22,19 @@ struct SessionRequest {
     const std::atomic<bool>* terminate_requested = nullptr;  ///< set when the platform ends it
 };
 
-/// Runs one whole session on the calling thread: waits for a launcher, streams to it, holds the
-/// session through a short outage, tears everything down. Returns the end reason and stores the
-/// whole seconds of streaming in `streamed_seconds`. Never throws for an ordinary failure.
-std::string run_session(const Options& options, SessionRequest request,
-                        std::atomic<unsigned>& streamed_seconds);
+/// How a session ended.
+struct SessionEnd {
+    std::string reason{};
+    /// Its control port could not be had: nobody could have connected, and trying again at once
+    /// would fail the same way.
+    bool could_not_listen = false;
+};
 
-/// Reason of a session that ended because its control port could not be had: nobody could have
-/// connected, and trying again at once would fail the same way.
-bool ended_before_listening(const std::string& reason);
+/// Runs one whole session on the calling thread: waits for a launcher, streams to it, holds the
+/// session through a short outage, tears everything down. Stores the whole seconds of streaming in
+/// `streamed_seconds`. Never throws for an ordinary failure.
+SessionEnd run_session(const Options& options, SessionRequest request,
+                       std::atomic<unsigned>& streamed_seconds);
 
 /// TCP port on which a session waits for its launcher.
 uint16_t session_control_port(const Options& options);

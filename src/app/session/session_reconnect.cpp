@@ -49,7 +49,7 @@ bool Session::wait_for_reconnect() {
         if (control_.accept_and_handshake(control_port(), abort, remaining_seconds(deadline))) {
             return true;
         }
-        if (control_.last_error == "AUTH_FAIL") {
+        if (control_.failure == HandshakeFailure::cannot_listen) {
             sleep_until_or(std::min(deadline, SteadyClock::now() + kListenRetry), abort);
         }
     }

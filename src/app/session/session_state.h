@@ -31,8 +31,8 @@ class Session {
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    /// Runs the session to its end and returns the reason.
-    std::string run(std::atomic<unsigned>& streamed_seconds);
+    /// Runs the session to its end.
+    SessionEnd run(std::atomic<unsigned>& streamed_seconds);
 
   private:
     /// Frames and bytes at the last report to the board.
