@@ -1,5 +1,4 @@
 #include <sodium.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
@@ -8,6 +7,7 @@
 #include "app/build_info.h"
 #include "app/desktop_notice.h"
 #include "app/gpu_driver_check.h"
+#include "app/idle_watch.h"
 #include "app/memory_trim.h"
 #include "app/options.h"
 #include "app/panic_listener.h"
@@ -53,9 +53,6 @@ void start_screen(tui::ScreenRunner& screen, bool console_log, bool log_file_ope
 }
 
 void raise_start_up_alerts(const Options& options) {
-    if (options.input && ::access("/dev/uinput", W_OK) != 0) {
-        tui::board().raise(tui::Alert::UinputDenied, 0);
-    }
     const bool may_use_nvenc =
         options.encoder == EncoderBackend::Auto || options.encoder == EncoderBackend::Nvenc;
     if (may_use_nvenc && nvidia_driver_missing("/")) {
@@ -101,6 +98,8 @@ int run(int argc, char** argv) {
     }
     tui::ScreenRunner screen;
     start_screen(screen, console_log, log_file_open);
+    IdleWatch idle(options);
+    idle.look();
     raise_start_up_alerts(options);
 
     if (::sodium_init() < 0) {
@@ -122,9 +121,9 @@ int run(int argc, char** argv) {
     tui::board().update([&](tui::Snapshot& state) { state.gpu = system_info.gpu_model; });
     DesktopNotice desktop(options);
     if (backend) {
-        run_platform(options, *backend, system_info, desktop);
+        run_platform(options, *backend, system_info, desktop, idle);
     } else {
-        run_standalone(options, desktop);
+        run_standalone(options, desktop, idle);
     }
     tui::board().push(tui::EventKind::Stopping);
     return kExitOk;

@@ -6,6 +6,7 @@
 
 #include "app/build_info.h"
 #include "app/desktop_notice.h"
+#include "app/idle_watch.h"
 #include "app/keys/key_leases.h"
 #include "app/process_flags.h"
 #include "app/session/session.h"
@@ -72,7 +73,7 @@ void run_prepared(const Options& options, PrepareSessionParams params, SaasConne
 }  // namespace
 
 void run_platform(const Options& options, const PlatformEndpoint& endpoint,
-                  const SystemInfo& system_info, DesktopNotice& desktop) {
+                  const SystemInfo& system_info, DesktopNotice& desktop, IdleWatch& idle) {
     if (options.token.empty()) {
         OX_WARN("No --token given — SaaS will likely reject the registration");
     }
@@ -97,6 +98,7 @@ void run_platform(const Options& options, const PlatformEndpoint& endpoint,
     connector.start();
     OX_INFO("SaaS mode: waiting for prepare_session...");
     while (!shutdown_flag()) {
+        idle.look();
         desktop.look_now_and_then([&] { return shutdown_flag() || handover.is_pending(); });
         auto params = handover.take(kHandoverWait, [] { return shutdown_flag().load(); });
         if (params) run_prepared(options, std::move(*params), connector, handover, leases);

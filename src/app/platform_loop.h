@@ -7,10 +7,11 @@
 namespace ox {
 
 class DesktopNotice;
+class IdleWatch;
 
 /// Stays attached to the platform's backend and runs one session for every one it prepares, until
 /// the shutdown flag is set.
 void run_platform(const Options& options, const PlatformEndpoint& endpoint,
-                  const SystemInfo& system_info, DesktopNotice& desktop);
+                  const SystemInfo& system_info, DesktopNotice& desktop, IdleWatch& idle);
 
 }  // namespace ox

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "app/desktop_notice.h"
+#include "app/idle_watch.h"
 #include "app/process_flags.h"
 #include "app/session/session.h"
 #include "base/clock.h"
@@ -40,7 +41,7 @@ void wait_for_port(uint16_t port) {
 
 }  // namespace
 
-void run_standalone(const Options& options, DesktopNotice& desktop) {
+void run_standalone(const Options& options, DesktopNotice& desktop, IdleWatch& idle) {
     tui::board().update([](tui::Snapshot& state) {
         if (state.link != tui::LinkState::Standalone) {
             state.link = tui::LinkState::Standalone;
@@ -49,6 +50,7 @@ void run_standalone(const Options& options, DesktopNotice& desktop) {
         state.link_detail = 0;
     });
     while (!shutdown_flag()) {
+        idle.look();
         desktop.look([] { return shutdown_flag().load(); });
         if (shutdown_flag()) break;
         std::atomic<unsigned> streamed_seconds{0};

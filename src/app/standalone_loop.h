@@ -5,8 +5,9 @@
 namespace ox {
 
 class DesktopNotice;
+class IdleWatch;
 
 /// Serves one launcher after another until the shutdown flag is set.
-void run_standalone(const Options& options, DesktopNotice& desktop);
+void run_standalone(const Options& options, DesktopNotice& desktop, IdleWatch& idle);
 
 }  // namespace ox

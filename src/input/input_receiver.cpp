@@ -17,6 +17,7 @@
 #include "input/key_map.h"
 #include "log/log.h"
 #include "scheduling/real_time_priority.h"
+#include "tui/board.h"
 
 namespace ox {
 namespace {
@@ -79,9 +80,12 @@ bool InputReceiver::bind_socket(uint16_t port) {
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_ANY);
     if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
-        OX_ERROR("InputReceiver: bind :%u failed: %s", port, std::strerror(errno));
+        const int error = errno;
+        OX_ERROR("InputReceiver: bind :%u failed: %s", port, std::strerror(error));
+        if (error == EADDRINUSE) tui::board().raise(tui::Alert::PortBusy, port);
         return false;
     }
+    tui::board().clear_port(port);
     socket_ = std::move(socket);
     return true;
 }

@@ -39,7 +39,8 @@ class InputReceiver {
     void set_feedback_callback(FeedbackCallback callback);
 
     /// Binds `port`, creates the device (going on without one) and starts the thread with a fresh
-    /// replay window. False, after an error line, when the port cannot be had.
+    /// replay window. False, after an error line, when the port cannot be had; one that is taken is
+    /// also shown to the owner.
     bool start(uint16_t port);
 
     /// Same with a descriptor in place of the device that `start` would create.
@@ -51,6 +52,9 @@ class InputReceiver {
 
     /// Ends the thread, releases every key and button, removes the device. Safe to call twice.
     void stop();
+
+    /// errno that tells why `start` went on without a device; 0 when it made one.
+    [[nodiscard]] int device_error() const { return device_.error(); }
 
     [[nodiscard]] uint64_t received() const { return received_; }
     [[nodiscard]] uint64_t applied() const { return applied_; }

@@ -22,13 +22,14 @@ constexpr int kLastKeyCode = 766;
 bool UinputDevice::uinput_init() {
     destroy();
     UniqueFd fd(::open("/dev/uinput", O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    error_ = fd ? 0 : errno;
     if (!fd) {
         OX_WARN(
             "InputReceiver: cannot open /dev/uinput (%s) — input injection disabled, running "
             "headless. Fix: 'sudo modprobe uinput' then grant access, e.g. udev rule "
             "KERNEL==\"uinput\", MODE=\"0660\", GROUP=\"input\" + add user to group 'input' (or "
             "'chmod 666 /dev/uinput' for dev).",
-            std::strerror(errno));
+            std::strerror(error_));
         return false;
     }
     if (!create(fd.get())) return false;
@@ -41,7 +42,8 @@ bool UinputDevice::uinput_init() {
 bool UinputDevice::create(int fd) {
     for (const int type : {EV_KEY, EV_REL, EV_SYN}) {
         if (::ioctl(fd, UI_SET_EVBIT, type) < 0) {
-            OX_ERROR("InputReceiver: UI_SET_EVBIT failed: %s", std::strerror(errno));
+            error_ = errno;
+            OX_ERROR("InputReceiver: UI_SET_EVBIT failed: %s", std::strerror(error_));
             return false;
         }
     }
@@ -54,7 +56,8 @@ bool UinputDevice::create(int fd) {
     setup.id = {.bustype = BUS_USB, .vendor = 0x1234, .product = 0x5678, .version = 1};
     std::strncpy(setup.name, "Orvex Agent", sizeof setup.name - 1);
     if (::ioctl(fd, UI_DEV_SETUP, &setup) < 0 || ::ioctl(fd, UI_DEV_CREATE) < 0) {
-        OX_ERROR("InputReceiver: uinput device create failed: %s", std::strerror(errno));
+        error_ = errno;
+        OX_ERROR("InputReceiver: uinput device create failed: %s", std::strerror(error_));
         return false;
     }
     return true;
@@ -93,6 +96,10 @@ void UinputDevice::destroy() {
     if (fd_ && created_) ::ioctl(fd_.get(), UI_DEV_DESTROY);
     created_ = false;
     fd_.reset();
+}
+
+int uinput_access_error(const char* path) {
+    return ::access(path, W_OK) == 0 ? 0 : errno;
 }
 
 }  // namespace ox

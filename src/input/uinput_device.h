@@ -23,6 +23,8 @@ class UinputDevice {
     void adopt(UniqueFd fd);
 
     [[nodiscard]] bool is_present() const { return fd_.is_open(); }
+    /// errno of the last `uinput_init`; 0 when it made the device.
+    [[nodiscard]] int error() const { return error_; }
 
     void uinput_event(uint16_t type, uint16_t code, int32_t value);
     void uinput_key(uint16_t code, bool pressed);
@@ -37,7 +39,12 @@ class UinputDevice {
     bool create(int fd);
 
     UniqueFd fd_;
+    int error_ = 0;
     bool created_ = false;  ///< made by uinput_init, to be destroyed by an ioctl
 };
+
+/// Whether this user may make such a device, as far as permissions tell: 0, or the errno that tells
+/// why not (ENOENT: the kernel's module is not loaded). `path` is for tests.
+int uinput_access_error(const char* path = "/dev/uinput");
 
 }  // namespace ox

@@ -1,5 +1,6 @@
 #include "tui/board.h"
 
+#include <cerrno>
 #include <utility>
 
 #include "base/clock.h"
@@ -72,6 +73,21 @@ void Board::clear_port(uint16_t port) {
     bool& active = state.alerts.at(static_cast<size_t>(Alert::PortBusy));
     if (state.busy_port != port || !std::exchange(active, false)) return;
     touch_locked();
+}
+
+void Board::input_device(int error) {
+    if (error == 0) return clear(Alert::UinputDenied);
+    {
+        const std::lock_guard lock(mutex);
+        // A node that is there may have no module behind it.
+        state.uinput_absent = error == ENOENT || error == ENODEV || error == ENXIO;
+    }
+    raise(Alert::UinputDenied, 0);
+}
+
+ClosedPort Board::closed_port() const {
+    const std::lock_guard lock(mutex);
+    return state.closed_port;
 }
 
 void Board::control_port_closed(uint16_t port, int error) {

@@ -109,7 +109,8 @@ struct Snapshot {
     uint8_t link_detail = 0;   ///< 3 while the platform link is up, else 0
     SessionView session;
     std::array<bool, kAlertCount> alerts{};
-    uint16_t busy_port = 0;  ///< for Alert::PortBusy
+    uint16_t busy_port = 0;      ///< for Alert::PortBusy
+    bool uinput_absent = false;  ///< for Alert::UinputDenied: not a matter of permission
     ClosedPort closed_port;
     std::deque<Event> events;   ///< oldest first, at most 8
     uint64_t events_total = 0;  ///< events ever pushed; tells which of `events` are new
@@ -142,10 +143,15 @@ class Board {
     /// Takes back the alert that this port is busy.
     void clear_port(uint16_t port);
 
+    /// What came of making the input device: `error` is the errno of the failure, 0 takes the alert
+    /// back.
+    void input_device(int error);
+
     /// What came of opening the control port: `error` is the errno of the failure. Each counts as
     /// a change only when it is news. The port that is open is not busy either.
     void control_port_closed(uint16_t port, int error);
     void control_port_open(uint16_t port);
+    [[nodiscard]] ClosedPort closed_port() const;
 
     /// Appends an event and drops the oldest beyond 8. The caller holds `mutex`.
     void push_locked(EventKind kind, int64_t value);

@@ -56,6 +56,11 @@ constexpr Text kNoDesktopText{
     "Не получается захватить экран. Войдите в\u00A0сеанс рабочего стола и\u00A0перезапустите "
     "агент."};
 
+constexpr Text kNoUinputText{
+    "Players' mouse and keyboard won't work: there is no /dev/uinput. Run sudo modprobe uinput.",
+    "Мышь и\u00A0клавиатура игроков не\u00A0заработают: нет /dev/uinput. Выполните sudo modprobe "
+    "uinput."};
+
 // Texts before and after the port.
 struct PortText {
     Text before;
@@ -137,7 +142,8 @@ std::string alert_title(Alert alert, Lang lang, uint16_t port) {
     return kAlertTitles.at(static_cast<size_t>(alert)).in(lang);
 }
 
-std::string alert_text(Alert alert, Lang lang, Host host, uint16_t port) {
+std::string alert_text(Alert alert, Lang lang, Host host, uint16_t port, bool uinput_absent) {
+    if (alert == Alert::UinputDenied && uinput_absent) return kNoUinputText.in(lang);
     if (alert == Alert::PortBusy) return kPortBusyText.with(port, lang);
     if (alert == Alert::CaptureFailed && host == Host::NoDesktopSession) {
         return kNoDesktopText.in(lang);

@@ -85,7 +85,7 @@ void PlainLines::add_events(const Snapshot& snapshot) {
         const Event& event = snapshot.events[i];
         note_told(event.kind);
         if (event.kind == EventKind::AlertRaised) {
-            add_alert(event.alert, event.clock, snapshot.busy_port);
+            add_alert(event.alert, event.clock, snapshot);
             continue;
         }
         const std::string words = event_text(event, lang_, event.port);
@@ -158,19 +158,21 @@ void PlainLines::add_closed_port(const ClosedPort& closed, const std::string& cl
     }
 }
 
-void PlainLines::add_alert(Alert alert, const std::string& clock, uint16_t port) {
+void PlainLines::add_alert(Alert alert, const std::string& clock, const Snapshot& snapshot) {
     alerts_.at(static_cast<size_t>(alert)) = true;
-    if (alert == Alert::PortBusy) busy_port_ = port;
-    add(clock, "! " + alert_text(alert, lang_, host_, port));
+    if (alert == Alert::PortBusy) busy_port_ = snapshot.busy_port;
+    if (alert == Alert::UinputDenied) uinput_absent_ = snapshot.uinput_absent;
+    add(clock, "! " + alert_text(alert, lang_, host_, snapshot.busy_port, snapshot.uinput_absent));
 }
 
 void PlainLines::add_alerts(const Snapshot& snapshot, const std::string& clock) {
     for (size_t i = 0; i < kAlertCount; ++i) {
         const auto alert = static_cast<Alert>(i);
         const bool told =
-            alerts_[i] && (alert != Alert::PortBusy || busy_port_ == snapshot.busy_port);
+            alerts_[i] && (alert != Alert::PortBusy || busy_port_ == snapshot.busy_port) &&
+            (alert != Alert::UinputDenied || uinput_absent_ == snapshot.uinput_absent);
         if (snapshot.alerts[i]) {
-            if (!told) add_alert(alert, clock, snapshot.busy_port);
+            if (!told) add_alert(alert, clock, snapshot);
         } else if (std::exchange(alerts_[i], false)) {
             add(clock,
                 in(lang_, "Resolved: ", "Устранено: ") + alert_title(alert, lang_, busy_port_));

@@ -41,7 +41,7 @@ class PlainLines {
     void add(const std::string& clock, const std::string& text);
     void add_identity(const Snapshot& snapshot);
     void add_events(const Snapshot& snapshot);
-    void add_alert(Alert alert, const std::string& clock, uint16_t port);
+    void add_alert(Alert alert, const std::string& clock, const Snapshot& snapshot);
     void add_alerts(const Snapshot& snapshot, const std::string& clock);
     void add_link(const Snapshot& snapshot, const std::string& clock);
     void add_closed_port(const ClosedPort& closed, const std::string& clock);
@@ -60,6 +60,7 @@ class PlainLines {
     ClosedPort closed_port_;
     std::array<bool, kAlertCount> alerts_{};
     uint16_t busy_port_ = 0;
+    bool uinput_absent_ = false;
 };
 
 }  // namespace ox::tui

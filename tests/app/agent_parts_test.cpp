@@ -6,9 +6,12 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <filesystem>
 #include <fstream>
 
 #include "app/gpu_driver_check.h"
+#include "app/idle_watch.h"
 #include "app/memory_trim.h"
 #include "app/panic_listener.h"
 #include "app/process_flags.h"
@@ -16,8 +19,11 @@
 #include "base/clock.h"
 #include "support/environment.h"
 #include "support/eventually.h"
+#include "support/port_block.h"
+#include "support/sockets.h"
 #include "support/temp_dir.h"
 #include "support/unix_socket.h"
+#include "tui/board_texts.h"
 
 namespace ox {
 namespace {
@@ -76,6 +82,44 @@ void passing_group() {
 void mixed_group() {
     selftest::check(false, "the moon is cheese");
     selftest::check(true, "after a failure the run goes on");
+}
+
+TEST(IdleWatch, SeesWhatTheOwnerHasMended) {
+    const test::TempDir dir;
+    const std::string node = dir.file("uinput");
+    const test::PortBlock ports;
+    const auto alert = [] {
+        const tui::Snapshot board = tui::board().snapshot();
+        const bool active = board.alerts.at(static_cast<size_t>(tui::Alert::UinputDenied));
+        return active ? tui::alert_text(tui::Alert::UinputDenied, tui::Lang::English,
+                                        tui::Host::Desktop, 0, board.uinput_absent)
+                      : "";
+    };
+    const std::string absent =
+        "Players' mouse and keyboard won't work: there is no /dev/uinput. Run sudo modprobe "
+        "uinput.";
+    const Options options;
+    IdleWatch watch(options, node);
+    watch.look();
+    EXPECT_EQ(alert(), absent);
+    std::ofstream(node).put(' ');
+    watch.look();
+    EXPECT_EQ(alert(), "");
+    // A session that failed for a reason of its own is believed.
+    tui::board().input_device(EACCES);
+    watch.look();
+    EXPECT_NE(alert().find("usermod"), std::string::npos);
+    std::filesystem::remove(node);
+    watch.look();
+    EXPECT_EQ(alert(), absent);
+
+    tui::board().control_port_closed(ports.control(), EADDRINUSE);
+    UniqueFd occupier = test::bound_socket(SOCK_STREAM, ports.control());
+    watch.look();
+    EXPECT_EQ(tui::board().closed_port().error, EADDRINUSE);
+    occupier.reset();
+    watch.look();
+    EXPECT_EQ(tui::board().closed_port().error, 0);
 }
 
 // Pages of the program's file. A page fault brings up to fifteen neighbours with it: those in the

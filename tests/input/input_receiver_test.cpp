@@ -11,6 +11,7 @@
 #include "support/log_capture.h"
 #include "support/port_block.h"
 #include "support/sockets.h"
+#include "tui/board.h"
 
 namespace ox {
 namespace {
@@ -173,6 +174,20 @@ TEST_F(InputReceiverTest, NothingStaysPressedForALauncherThatIsGone) {
     send(InputKind::KeyDown, 0, 18);  // it has come back
     send_marker(101);
     EXPECT_EQ(events_until_marker(101), kReleaseAll + "1:18=1 | ");
+}
+
+TEST_F(InputReceiverTest, ABusyPortIsShownUntilItIsFree) {
+    receiver_.stop();
+    const auto busy_port = [] {
+        const tui::Snapshot board = tui::board().snapshot();
+        return board.alerts.at(static_cast<size_t>(tui::Alert::PortBusy)) ? board.busy_port : 0;
+    };
+    UniqueFd occupier = test::bound_socket(SOCK_DGRAM, port_);
+    EXPECT_FALSE(receiver_.start_with_device(port_, UniqueFd()));
+    EXPECT_EQ(busy_port(), port_);
+    occupier.reset();
+    EXPECT_TRUE(receiver_.start_with_device(port_, UniqueFd()));
+    EXPECT_EQ(busy_port(), 0);
 }
 
 }  // namespace

@@ -139,7 +139,9 @@ void Session::start_input() {
     input_.set_feedback_callback([this](const InputPacket& packet) {
         feedback_.handle(packet, static_cast<int64_t>(steady_now_us()));
     });
-    if (input_.set_key(key.data(), key.size())) input_.start(port(kInputPortOffset));
+    if (input_.set_key(key.data(), key.size()) && input_.start(port(kInputPortOffset))) {
+        tui::board().input_device(input_.device_error());
+    }
 }
 
 void Session::start_control() {
@@ -200,6 +202,7 @@ std::string Session::open_encoder() {
         tui::board().raise(tui::Alert::EncoderFailed, 0);
         return "encoder_failed";
     }
+    tui::board().clear(tui::Alert::EncoderFailed);
     raised_.raise_since(threads_before);
     if (options_.media_rfi && !encoder_.can_invalidate_refs()) {
         OX_WARN(
