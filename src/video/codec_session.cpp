@@ -165,7 +165,7 @@ AVFrame* CodecSession::writable_picture() {
     return av_frame_make_writable(picture_.get()) == 0 ? picture_.get() : nullptr;
 }
 
-bool CodecSession::send_picture(bool keyframe) {
+bool CodecSession::send_picture(bool keyframe, uint64_t captured_at) {
     AVFrame* frame = picture_.get();
     if (surface_) {
         frame = surface_.get();
@@ -175,6 +175,7 @@ bool CodecSession::send_picture(bool keyframe) {
             return false;
         }
     }
+    captured_at_.at(static_cast<size_t>(next_pts_) % captured_at_.size()) = captured_at;
     frame->pts = next_pts_++;
     frame->pict_type = keyframe ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
     const int result = avcodec_send_frame(context_.get(), frame);
@@ -188,6 +189,11 @@ const AVPacket* CodecSession::receive_packet() {
     if (result == 0) return packet_.get();
     failed_ = result != AVERROR(EAGAIN) && result != AVERROR_EOF;
     return nullptr;
+}
+
+uint64_t CodecSession::captured_at(const AVPacket& packet) const {
+    const int64_t picture = packet.pts == AV_NOPTS_VALUE ? next_pts_ - 1 : packet.pts;
+    return captured_at_.at(static_cast<size_t>(picture) % captured_at_.size());
 }
 
 }  // namespace ox

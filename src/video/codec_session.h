@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -22,12 +24,15 @@ class CodecSession {
     /// The frame to write the next picture into; null when memory runs out.
     AVFrame* writable_picture();
 
-    /// Hands the written picture to the encoder. False on failure.
-    bool send_picture(bool keyframe);
+    /// Hands the written picture to the encoder; `captured_at` comes back with its packets. False
+    /// on failure.
+    bool send_picture(bool keyframe, uint64_t captured_at);
 
     /// The next finished packet, valid until the next call; null when the encoder wants a picture
     /// or has failed (`failed` tells).
     const AVPacket* receive_packet();
+    /// Capture time of the picture that a packet holds, however long the encoder held it back.
+    [[nodiscard]] uint64_t captured_at(const AVPacket& packet) const;
     [[nodiscard]] bool failed() const { return failed_; }
 
   private:
@@ -45,6 +50,8 @@ class CodecSession {
     AvFramePtr surface_;  // only with a VA-API device
     AvPacketPtr packet_;
     int64_t next_pts_ = 0;
+    /// By the pictures' numbers; more than any encoder holds back.
+    std::array<uint64_t, 64> captured_at_{};
     bool failed_ = false;
 };
 

@@ -10,8 +10,11 @@ using Option = EncoderOption;
 // A keyframe on demand must be a picture at which any decoder can start.
 constexpr Option kForcedIdr{"forced-idr", "1"};
 
-constexpr std::array kNvencOptions{kForcedIdr, Option{"preset", "p1"}, Option{"tune", "ll"},
-                                   Option{"rc", "cbr"}, Option{"zerolatency", "1"}};
+// Zero latency only keeps the pictures in order; without the delay of 0 libavcodec gives a picture
+// out when all its surfaces but one are filled with later ones.
+constexpr std::array kNvencOptions{kForcedIdr,           Option{"preset", "p1"},
+                                   Option{"tune", "ll"}, Option{"rc", "cbr"},
+                                   Option{"delay", "0"}, Option{"zerolatency", "1"}};
 
 // These encoders have no such option as the forced IDR; they always make one of a demanded I
 // picture.

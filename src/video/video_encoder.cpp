@@ -122,10 +122,11 @@ bool VideoEncoder::encode_bgra(const uint8_t* pixels, uint32_t source_width, uin
     const bool keyframe = force_idr.exchange(false);
     if (keyframe) OX_DEBUG("VideoEncoder: forcing IDR");
     CodecSession& session = *impl_->session;
-    if (!session.send_picture(keyframe)) return false;
+    if (!session.send_picture(keyframe, timestamp)) return false;
     while (const AVPacket* packet = session.receive_packet()) {
         if (!impl_->backlog.deliver({packet->data, static_cast<size_t>(packet->size)},
-                                    (packet->flags & AV_PKT_FLAG_KEY) != 0, timestamp, out)) {
+                                    (packet->flags & AV_PKT_FLAG_KEY) != 0,
+                                    session.captured_at(*packet), out)) {
             OX_WARN("VideoEncoder: output backlog full — dropped a frame, forcing an IDR");
             force_idr = true;
         }

@@ -36,8 +36,8 @@ class VideoEncoder {
 
     /// Encodes one picture of `source_width` x `source_height` tightly packed BGRA pixels, with
     /// `kReadSlack` (video/capture.h) readable bytes behind them if it has to be scaled. True with
-    /// empty `out.data` while an encoder buffers. False when not open or on an encoder
-    /// failure.
+    /// empty `out.data` while an encoder buffers; `out.timestamp` is that of the picture that came
+    /// out. False when not open or on an encoder failure.
     bool encode_bgra(const uint8_t* pixels, uint32_t source_width, uint32_t source_height,
                      uint64_t timestamp, EncodedFrame& out);
 

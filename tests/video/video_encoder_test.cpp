@@ -18,6 +18,7 @@ extern "C" {
 #include "launcher/video_decoder.h"
 #include "support/log_capture.h"
 #include "video/av_handles.h"
+#include "video/codec_session.h"
 #include "video/encoder_options.h"
 #include "video/synthetic_capture.h"
 
@@ -162,6 +163,29 @@ TEST(VideoEncoder, RefusesWhatCannotBeEncoded) {
     ASSERT_TRUE(encoder.init(software(VideoCodec::H264)));
     EXPECT_FALSE(encoder.encode_bgra(pixels.data(), kWidth, 0, 0, out));
     EXPECT_TRUE(encoder.encode_bgra(pixels.data(), kWidth, kHeight, 0, out));
+}
+
+// An encoder that looks ahead, set to less than its ladder's options: what comes out belongs to an
+// earlier picture than the one that has just gone in.
+TEST(CodecSession, APacketKeepsItsPicturesCaptureTime) {
+    constexpr std::array kOptions{EncoderOption{"preset", "veryfast"},
+                                  EncoderOption{"rc-lookahead", "10"}};
+    const EncoderChoice choice{"libx264", EncoderBackend::Software, EncoderInput::Yuv420p, false,
+                               kOptions};
+    int error = 0;
+    const auto session = CodecSession::open_with(choice, software(VideoCodec::H264), error);
+    ASSERT_NE(session, nullptr) << error;
+    uint64_t received = 0;
+    for (uint64_t n = 0; n < 200; ++n) {
+        ASSERT_NE(session->writable_picture(), nullptr);
+        ASSERT_TRUE(session->send_picture(false, 1000 + n * n));
+        while (const AVPacket* packet = session->receive_packet()) {
+            EXPECT_EQ(session->captured_at(*packet), 1000 + received * received);
+            ++received;
+        }
+    }
+    EXPECT_GT(received, 150U);
+    EXPECT_LT(received, 195U) << "nothing was held back";
 }
 
 // Hardware encoders cannot be opened without their hardware, but their options can be set: an
