@@ -7,8 +7,6 @@ extern "C" {
 
 #include <array>
 #include <cerrno>
-#include <climits>
-#include <utility>
 
 #include "log/log.h"
 
@@ -22,7 +20,6 @@ constexpr uint32_t kScheduledKeyframeSeconds = 30;  // all others are made on de
 constexpr uint32_t kBufferBitsPerKbit = 125;        // an eighth of a second of data
 constexpr int kSurfacePool = 8;
 constexpr int kBufferAlignment = 32;
-constexpr const char* kRenderNode = "/dev/dri/renderD128";
 
 bool in_range(const EncoderSettings& settings) {
     const auto within = [](uint32_t value, uint32_t greatest) {
@@ -44,40 +41,41 @@ AVPixelFormat context_format(EncoderInput input) {
     return AV_PIX_FMT_YUV420P;
 }
 
-/// Libav's error of the last attempt; 0 with a device in `opened`.
-int open_vaapi_device(AvBufferRefPtr& opened) {
-    int result = 0;
-    for (const char* node : {kRenderNode, static_cast<const char*>(nullptr)}) {
-        AVBufferRef* device = nullptr;
-        result = av_hwdevice_ctx_create(&device, AV_HWDEVICE_TYPE_VAAPI, node, nullptr, 0);
-        opened.reset(device);
-        if (result == 0) break;
-    }
-    return result;
-}
-
 }  // namespace
 
 std::unique_ptr<CodecSession> CodecSession::open_with(const EncoderChoice& choice,
-                                                      const EncoderSettings& settings, int& error) {
+                                                      const EncoderSettings& settings,
+                                                      const std::string& node,
+                                                      EncoderFailure& failure) {
     std::unique_ptr<CodecSession> session(new CodecSession);
-    error = session->open(choice, settings);
-    return error < 0 ? nullptr : std::move(session);
+    const int error = session->open(choice, settings, node);
+    if (error >= 0) return session;
+    failure = {.choice = &choice, .stage = session->stage_, .error = error, .node = node};
+    return nullptr;
 }
 
-int CodecSession::open(const EncoderChoice& choice, const EncoderSettings& settings) {
+int CodecSession::open(const EncoderChoice& choice, const EncoderSettings& settings,
+                       const std::string& node) {
     const AVCodec* codec = avcodec_find_encoder_by_name(choice.name);
     if (codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
     if (!in_range(settings)) return AVERROR(ERANGE);
     context_.reset(avcodec_alloc_context3(codec));
     if (!context_) return AVERROR(ENOMEM);
-    int result = configure(choice, settings);
+    configure(choice, settings);
+    int result = 0;
+    if (choice.input == EncoderInput::VaapiSurface) {
+        stage_ = EncoderStage::Device;
+        result = open_vaapi_device(node);
+        if (result < 0) return result;
+    }
+    stage_ = EncoderStage::Opening;
+    if (device_) result = attach_vaapi_surfaces();
     if (result >= 0) result = open_codec(choice, codec);
     if (result >= 0) result = allocate_buffers();
     return result;
 }
 
-int CodecSession::configure(const EncoderChoice& choice, const EncoderSettings& settings) {
+void CodecSession::configure(const EncoderChoice& choice, const EncoderSettings& settings) {
     const int fps = static_cast<int>(settings.fps);
     const int64_t bits_per_second = int64_t{settings.bitrate_kbps} * 1000;
     AVCodecContext& context = *context_;
@@ -99,15 +97,17 @@ int CodecSession::configure(const EncoderChoice& choice, const EncoderSettings& 
         context.thread_count = 0;
         context.thread_type = FF_THREAD_SLICE;  // frame threads would each hold back a picture
     }
-    return choice.input == EncoderInput::VaapiSurface ? attach_vaapi_surfaces() : 0;
+}
+
+int CodecSession::open_vaapi_device(const std::string& node) {
+    AVBufferRef* device = nullptr;
+    const int result = av_hwdevice_ctx_create(&device, AV_HWDEVICE_TYPE_VAAPI,
+                                              node.empty() ? nullptr : node.c_str(), nullptr, 0);
+    device_.reset(device);
+    return result;
 }
 
 int CodecSession::attach_vaapi_surfaces() {
-    int result = open_vaapi_device(device_);
-    if (result < 0) {
-        OX_DEBUG("VideoEncoder: no VAAPI device (/dev/dri missing?)");
-        return result;
-    }
     AvBufferRefPtr frames(av_hwframe_ctx_alloc(device_.get()));
     if (!frames) return AVERROR(ENOMEM);
     // libav keeps the typed context behind the reference's bytes.
@@ -117,7 +117,7 @@ int CodecSession::attach_vaapi_surfaces() {
     pool->width = context_->width;
     pool->height = context_->height;
     pool->initial_pool_size = kSurfacePool;
-    result = av_hwframe_ctx_init(frames.get());
+    const int result = av_hwframe_ctx_init(frames.get());
     if (result >= 0) context_->hw_frames_ctx = frames.release();
     return result;
 }
@@ -162,7 +162,8 @@ AVPixelFormat CodecSession::picture_format() const {
 
 AVFrame* CodecSession::writable_picture() {
     // An encoder may still hold the buffers of the picture before.
-    return av_frame_make_writable(picture_.get()) == 0 ? picture_.get() : nullptr;
+    error_ = av_frame_make_writable(picture_.get());
+    return error_ == 0 ? picture_.get() : nullptr;
 }
 
 bool CodecSession::send_picture(bool keyframe, uint64_t captured_at) {
@@ -170,24 +171,23 @@ bool CodecSession::send_picture(bool keyframe, uint64_t captured_at) {
     if (surface_) {
         frame = surface_.get();
         av_frame_unref(frame);
-        if (av_hwframe_get_buffer(context_->hw_frames_ctx, frame, 0) < 0 ||
-            av_hwframe_transfer_data(frame, picture_.get(), 0) < 0) {
-            return false;
-        }
+        error_ = av_hwframe_get_buffer(context_->hw_frames_ctx, frame, 0);
+        if (error_ >= 0) error_ = av_hwframe_transfer_data(frame, picture_.get(), 0);
+        if (error_ < 0) return false;
     }
     captured_at_.at(static_cast<size_t>(next_pts_) % captured_at_.size()) = captured_at;
     frame->pts = next_pts_++;
     frame->pict_type = keyframe ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
-    const int result = avcodec_send_frame(context_.get(), frame);
+    error_ = avcodec_send_frame(context_.get(), frame);
     if (surface_) av_frame_unref(frame);
-    return result == 0;
+    return error_ == 0;
 }
 
 const AVPacket* CodecSession::receive_packet() {
     av_packet_unref(packet_.get());
     const int result = avcodec_receive_packet(context_.get(), packet_.get());
     if (result == 0) return packet_.get();
-    failed_ = result != AVERROR(EAGAIN) && result != AVERROR_EOF;
+    if (result != AVERROR(EAGAIN) && result != AVERROR_EOF) error_ = result;
     return nullptr;
 }
 

@@ -4,8 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "video/av_handles.h"
+#include "video/encoder_failure.h"
 #include "video/encoder_options.h"
 
 namespace ox {
@@ -13,15 +15,18 @@ namespace ox {
 /// One opened encoder of libavcodec with the frames and the packet it works with.
 class CodecSession {
   public:
-    /// Null, with libav's number in `error`, when the encoder is missing, lacks its device or
+    /// With VA-API on the card of `node`, or of libav's choice when that is empty. Null, with how
+    /// far it came and libav's number in `failure`, when the encoder is missing, lacks its card or
     /// refuses.
     static std::unique_ptr<CodecSession> open_with(const EncoderChoice& choice,
-                                                   const EncoderSettings& settings, int& error);
+                                                   const EncoderSettings& settings,
+                                                   const std::string& node,
+                                                   EncoderFailure& failure);
 
     /// Format of the picture in memory: YUV420P or NV12.
     [[nodiscard]] AVPixelFormat picture_format() const;
 
-    /// The frame to write the next picture into; null when memory runs out.
+    /// The frame to write the next picture into; null, and failed, when memory runs out.
     AVFrame* writable_picture();
 
     /// Hands the written picture to the encoder; `captured_at` comes back with its packets. False
@@ -29,17 +34,20 @@ class CodecSession {
     bool send_picture(bool keyframe, uint64_t captured_at);
 
     /// The next finished packet, valid until the next call; null when the encoder wants a picture
-    /// or has failed (`failed` tells).
+    /// or has failed.
     const AVPacket* receive_packet();
+
     /// Capture time of the picture that a packet holds, however long the encoder held it back.
     [[nodiscard]] uint64_t captured_at(const AVPacket& packet) const;
-    [[nodiscard]] bool failed() const { return failed_; }
+    /// Libav's number of what broke the session; 0 while it works.
+    [[nodiscard]] int error() const { return error_; }
 
   private:
     CodecSession() = default;
     // Of libav's kind: negative on failure.
-    int open(const EncoderChoice& choice, const EncoderSettings& settings);
-    int configure(const EncoderChoice& choice, const EncoderSettings& settings);
+    int open(const EncoderChoice& choice, const EncoderSettings& settings, const std::string& node);
+    void configure(const EncoderChoice& choice, const EncoderSettings& settings);
+    int open_vaapi_device(const std::string& node);
     int attach_vaapi_surfaces();
     int open_codec(const EncoderChoice& choice, const AVCodec* codec);
     int allocate_buffers();
@@ -52,7 +60,8 @@ class CodecSession {
     int64_t next_pts_ = 0;
     /// By the pictures' numbers; more than any encoder holds back.
     std::array<uint64_t, 64> captured_at_{};
-    bool failed_ = false;
+    EncoderStage stage_ = EncoderStage::Settings;  // reached
+    int error_ = 0;
 };
 
 }  // namespace ox

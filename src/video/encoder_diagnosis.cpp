@@ -4,15 +4,15 @@ extern "C" {
 #include <libavutil/error.h>
 }
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace ox {
 namespace {
-
-using Node = GraphicsFacts::Node;
 
 struct KnownWords {
     std::string_view words;  ///< within libav's own
@@ -20,48 +20,108 @@ struct KnownWords {
     std::string_view remedy;
 };
 
-// The first that fits counts: later lines of libav only tell that it gave up.
+constexpr std::string_view kNoCudaCard = "the NVIDIA driver finds no CUDA-capable card";
+constexpr std::string_view kAskNvidia =
+    "see what nvidia-smi says; in a container, pass the card into it";
+constexpr std::string_view kCardMemoryFull = "the graphics card's memory is full";
+constexpr std::string_view kCloseCardUsers = "close other programs that use the card";
+constexpr std::string_view kCloseEncodings = "close other programs that record or stream";
+constexpr std::string_view kWrongSize =
+    "the picture is larger or smaller than the graphics card can encode";
+constexpr std::string_view kOtherSize = "choose another size, or --encoder x264";
+
+// The first that fits counts. A full table of sessions is 10 with older drivers, 21 with newer
+// ones.
 constexpr std::array kNvencWords{
-    KnownWords{"Cannot load libnvidia-encode.so.1",
-               "the NVIDIA driver's encode library libnvidia-encode.so.1 is missing",
-               "install it (Debian: libnvidia-encode1, Ubuntu: libnvidia-encode-<driver version>)"},
     KnownWords{"Cannot load ", "the NVIDIA driver is too old for this libavcodec",
                "update the NVIDIA driver"},
-    KnownWords{"CUDA_ERROR_NO_DEVICE", "the NVIDIA driver finds no CUDA-capable card",
-               "see what nvidia-smi says; in a container, pass the card into it"},
-    KnownWords{"No CUDA capable devices found", "the NVIDIA driver finds no CUDA-capable card",
-               "see what nvidia-smi says; in a container, pass the card into it"},
-    KnownWords{"CUDA_ERROR_OUT_OF_MEMORY", "the graphics card's memory is full",
-               "close other programs that use the card"},
+    KnownWords{"CUDA_ERROR_NO_DEVICE", kNoCudaCard, kAskNvidia},
+    KnownWords{"No CUDA capable devices found", kNoCudaCard, kAskNvidia},
+    KnownWords{"CUDA_ERROR_OUT_OF_MEMORY", kCardMemoryFull, kCloseCardUsers},
     KnownWords{"cuInit(0) failed", "the NVIDIA driver does not start",
                "restart the PC, as after every update of the driver; see what nvidia-smi says"},
     KnownWords{"OpenEncodeSessionEx failed: out of memory (10)",
                "the card's limit of simultaneous encodings is reached, or its memory full",
-               "close other programs that record or stream"},
+               kCloseEncodings},
+    KnownWords{"OpenEncodeSessionEx failed: incompatible client key (21)",
+               "the card's limit of simultaneous encodings is reached", kCloseEncodings},
     KnownWords{"OpenEncodeSessionEx failed", "the NVIDIA driver refuses to encode on this card",
                "update the NVIDIA driver, or choose --encoder vaapi or x264"},
-    KnownWords{"No capable devices found", "the NVIDIA card cannot encode this codec or size",
-               "choose --codec h264, a smaller picture, or --encoder x264"},
+    KnownWords{"failed: out of memory (10)", kCardMemoryFull, kCloseCardUsers},
+    KnownWords{"failed!: out of memory (10)", kCardMemoryFull, kCloseCardUsers},
+    KnownWords{" exceeds ", kWrongSize, kOtherSize},
+    KnownWords{"Frame Dimension less than", kWrongSize, kOtherSize},
+};
+
+constexpr std::array kVaapiWords{
+    KnownWords{"Hardware does not support encoding at size", kWrongSize, kOtherSize},
+    KnownWords{"resolution not supported", kWrongSize, kOtherSize},
+    KnownWords{"resource allocation failed", kCardMemoryFull, kCloseCardUsers},
 };
 
 bool has(std::string_view text, std::string_view words) {
     return text.find(words) != std::string_view::npos;
 }
 
-/// The first line of libav's words, or its text for the error when it said nothing.
+bool encodes_hevc(const EncoderFailure& failure) {
+    return std::string_view(failure.choice->name).starts_with("hevc");
+}
+
+EncoderDiagnosis found(std::string_view cause, std::string_view remedy, bool no_hardware = false) {
+    return {{std::string(cause), std::string(remedy)}, no_hardware};
+}
+
+template <size_t kCount>
+std::optional<EncoderDiagnosis> find_words(std::string_view said,
+                                           const std::array<KnownWords, kCount>& known) {
+    const auto at = std::ranges::find_if(
+        known, [&](const KnownWords& entry) { return has(said, entry.words); });
+    if (at == known.end()) return std::nullopt;
+    return found(at->cause, at->remedy);
+}
+
+/// Whether a line only hands on the number of an error that was told before: "Encode failed: -5.".
+bool hands_on(std::string_view line) {
+    const size_t at = line.rfind(": -");
+    return at != line.npos && line.find_first_not_of("0123456789.", at + 3) == line.npos;
+}
+
+/// Libav's last error, or its text for the error's number when it said nothing.
 std::string in_own_words(const EncoderFailure& failure) {
-    std::string_view said = failure.said;
-    said = said.substr(0, said.find('\n'));
-    if (!said.empty()) return std::string(said);
+    std::string_view last;
+    for (std::string_view rest = failure.said; !rest.empty();) {
+        const std::string_view line = rest.substr(0, rest.find('\n'));
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+        if (!line.empty() && !hands_on(line)) last = line;
+    }
+    if (!last.empty()) return std::string(last);
     std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
     av_strerror(failure.error, text.data(), text.size());
     return text.data();
 }
 
+std::string general_remedy(const EncoderFailure& failure) {
+    if (failure.choice->backend == EncoderBackend::Software) {
+        return "update libavcodec; -v logs all that libav says";
+    }
+    if (failure.stage == EncoderStage::Streaming) {
+        return "see in the kernel's log (sudo dmesg) whether the card was reset; if it happens "
+               "again, update its driver or choose --encoder x264";
+    }
+    return "update the driver or libavcodec; -v logs all that libav says";
+}
+
+EncoderDiagnosis codec_refused(const EncoderFailure& failure, std::string_view who,
+                               const std::string& remedy = "") {
+    const bool hevc = encodes_hevc(failure);
+    return found(std::string(who) + " cannot encode " + (hevc ? "HEVC" : "H.264"),
+                 remedy + "choose " + (hevc ? "--codec h264" : "--encoder x264"));
+}
+
 EncoderDiagnosis old_driver(std::string_view said) {
     constexpr std::string_view kBefore = "required Nvidia driver for nvenc is ";
-    EncoderDiagnosis result{
-        {"the NVIDIA driver is too old for this libavcodec", "update the NVIDIA driver"}};
+    EncoderDiagnosis result =
+        found("the NVIDIA driver is too old for this libavcodec", "update the NVIDIA driver");
     if (const size_t at = said.find(kBefore); at != std::string_view::npos) {
         const std::string_view version = said.substr(at + kBefore.size());
         result.reason.remedy +=
@@ -70,64 +130,101 @@ EncoderDiagnosis old_driver(std::string_view said) {
     return result;
 }
 
-EncoderDiagnosis without_libcuda(bool driver_loaded) {
-    if (driver_loaded) {
-        return {{"the NVIDIA driver's library libcuda.so.1 is missing",
-                 "install it (Debian: libcuda1, Ubuntu: libnvidia-compute-<driver version>)"}};
+std::optional<EncoderDiagnosis> diagnose_nvenc(const EncoderFailure& failure,
+                                               const GraphicsFacts& facts) {
+    const std::string_view said = failure.said;
+    const DriverPackages& packages = driver_packages(facts.distribution);
+    const auto install = [](std::string_view package) { return "install " + std::string(package); };
+    if (has(said, "Cannot load libcuda.so.1")) {
+        if (facts.nvidia_driver) {
+            return found("the NVIDIA driver's library libcuda.so.1 is missing",
+                         install(packages.nvidia_cuda));
+        }
+        return found("no NVIDIA driver is installed (libcuda.so.1 is missing)",
+                     "install the driver with its encode library, or without an NVIDIA card choose "
+                     "--encoder auto",
+                     true);
     }
-    return {{"no NVIDIA driver is installed (libcuda.so.1 is missing)",
-             "install the driver with its encode library, or without an NVIDIA card choose "
-             "--encoder auto"},
-            true};
-}
-
-std::optional<EncoderDiagnosis> diagnose_nvenc(std::string_view said, const GraphicsFacts& facts) {
-    if (has(said, "Cannot load libcuda.so.1")) return without_libcuda(facts.nvidia_driver);
+    if (has(said, "Cannot load libnvidia-encode.so.1")) {
+        return found("the NVIDIA driver's encode library libnvidia-encode.so.1 is missing",
+                     install(packages.nvidia_encode));
+    }
     if (has(said, "required nvenc API version")) return old_driver(said);
-    for (const auto& [words, cause, remedy] : kNvencWords) {
-        if (has(said, words)) return EncoderDiagnosis{{std::string(cause), std::string(remedy)}};
+    if (auto known = find_words(said, kNvencWords)) return known;
+    if (has(said, "Codec not supported") || has(said, "No capable devices found")) {
+        return codec_refused(failure, "the NVIDIA card");
     }
     return std::nullopt;
 }
 
-std::string va_driver_packages(uint32_t vendor) {
-    if (vendor == kVendorAmd) return "mesa-va-drivers";
-    if (vendor == kVendorIntel)
-        return "intel-media-va-driver, or i965-va-driver for a processor older than 2015";
-    return "mesa-va-drivers (AMD) or intel-media-va-driver (Intel)";
+const RenderNode* node_of(const EncoderFailure& failure, const GraphicsFacts& facts) {
+    const auto at = std::ranges::find(facts.nodes, failure.node, &RenderNode::path);
+    return at == facts.nodes.end() ? nullptr : &*at;
 }
 
-std::optional<EncoderDiagnosis> diagnose_vaapi(std::string_view said, const GraphicsFacts& facts) {
+EncoderDiagnosis no_va_driver(const RenderNode& node, const DriverPackages& packages) {
+    const std::string amd(packages.va_amd);
+    const std::string intel(packages.va_intel);
+    std::string remedy = "install " + amd + " (AMD) or " + intel + " (Intel)";
+    if (node.vendor == kVendorAmd) remedy = "install " + amd;
+    if (node.vendor == kVendorIntel) {
+        remedy = "install " + intel + ", or " + std::string(packages.va_intel_old) +
+                 " for a processor older than 2015";
+    }
+    return found("no VA-API driver works with " + node.path, remedy);
+}
+
+std::optional<EncoderDiagnosis> diagnose_vaapi_device(const EncoderFailure& failure,
+                                                      const GraphicsFacts& facts) {
+    const RenderNode* node = node_of(failure, facts);
+    if (node == nullptr && !facts.nodes.empty()) node = &facts.nodes.front();
+    if (node == nullptr) {
+        return found("there is no render node in /dev/dri",
+                     "load the graphics card's kernel driver (in a container, pass /dev/dri into "
+                     "it), or choose --encoder auto",
+                     true);
+    }
+    if (!node->permitted) {
+        return found("no permission to open " + node->path,
+                     "sudo usermod -aG render $USER, then log in again");
+    }
+    if (!failure.said.empty() && !has(failure.said, "Failed to initialise VAAPI connection") &&
+        !has(failure.said, "No VA display found")) {
+        return std::nullopt;
+    }
+    if (node->vendor == kVendorNvidia) {
+        return found("NVIDIA cards do not encode through VA-API", "use --encoder nvenc or auto",
+                     true);
+    }
+    return no_va_driver(*node, driver_packages(facts.distribution));
+}
+
+std::optional<EncoderDiagnosis> diagnose_vaapi(const EncoderFailure& failure,
+                                               const GraphicsFacts& facts) {
+    if (failure.stage == EncoderStage::Device) return diagnose_vaapi_device(failure, facts);
+    const std::string_view said = failure.said;
+    const RenderNode* node = node_of(failure, facts);
+    const uint32_t vendor = node == nullptr ? 0 : node->vendor;
+    const DriverPackages& packages = driver_packages(facts.distribution);
     if (has(said, "No usable encoding profile") || has(said, "No usable encoding entrypoint")) {
-        return EncoderDiagnosis{
-            {"the card's VA-API driver cannot encode this codec",
-             facts.vendor == kVendorIntel
-                 ? "install intel-media-va-driver-non-free, or choose --codec h264"
-                 : "install a VA-API driver with H.264 and HEVC, or choose --codec h264"}};
+        std::string remedy;
+        if (vendor == kVendorIntel) {
+            remedy = "install " + std::string(packages.va_intel_full) + ", or ";
+        } else if (vendor == kVendorAmd) {
+            remedy = "install " + std::string(packages.va_amd) + ", or ";
+        }
+        return codec_refused(failure, "the card's VA-API driver", remedy);
     }
     if (has(said, "Driver does not support") && has(said, " RC mode")) {
-        return EncoderDiagnosis{{"the card's VA-API driver knows no constant bitrate",
-                                 "update the VA-API driver, or choose --encoder x264"}};
+        // Intel's low-power encoders, the only ones of newer chips, leave it to that firmware.
+        return found("the card's VA-API driver knows no constant bitrate",
+                     vendor == kVendorIntel
+                         ? "have the card's HuC firmware loaded (package " +
+                               std::string(packages.firmware) +
+                               ", kernel option i915.enable_guc=2), or choose --encoder x264"
+                         : "update the VA-API driver, or choose --encoder x264");
     }
-    if (facts.node == Node::Missing) {
-        return EncoderDiagnosis{{"there is no render node in /dev/dri",
-                                 "load the graphics card's kernel driver (in a container, pass "
-                                 "/dev/dri into it), or choose --encoder auto"},
-                                true};
-    }
-    if (facts.node == Node::Forbidden) {
-        return EncoderDiagnosis{{"no permission to open " + facts.node_path,
-                                 "sudo usermod -aG render $USER, then log in again"}};
-    }
-    if (!said.empty() && !has(said, "Failed to initialise VAAPI connection") &&
-        !has(said, "No VA display found"))
-        return std::nullopt;
-    if (facts.vendor == kVendorNvidia) {
-        return EncoderDiagnosis{
-            {"NVIDIA cards do not encode through VA-API", "use --encoder nvenc or auto"}, true};
-    }
-    return EncoderDiagnosis{{"no VA-API driver works with " + facts.node_path,
-                             "install " + va_driver_packages(facts.vendor)}};
+    return find_words(said, kVaapiWords);
 }
 
 }  // namespace
@@ -135,22 +232,31 @@ std::optional<EncoderDiagnosis> diagnose_vaapi(std::string_view said, const Grap
 EncoderDiagnosis diagnose(const EncoderFailure& failure, const GraphicsFacts& facts) {
     const EncoderChoice& choice = *failure.choice;
     if (failure.error == AVERROR_ENCODER_NOT_FOUND) {
-        return {{std::string("this libavcodec was built without ") + choice.name,
-                 "install the distribution's full build (Debian, Ubuntu: libavcodec-extra)"}};
+        return found(std::string("this libavcodec was built without ") + choice.name,
+                     "install " + std::string(driver_packages(facts.distribution).codecs));
     }
     if (failure.error == AVERROR(ERANGE)) {
-        return {{"the picture's size, rate or bitrate is out of range",
-                 "check --width, --height, --fps and --bitrate"}};
+        return found("the picture's size, rate or bitrate is out of range",
+                     "check --width, --height, --fps and --bitrate");
     }
     if (failure.error == AVERROR(ENOMEM) && failure.said.empty()) {
-        return {{"the PC's memory is full", "close other programs"}};
+        return found("the PC's memory is full", "close other programs");
     }
     std::optional<EncoderDiagnosis> known;
-    if (choice.backend == EncoderBackend::Nvenc) known = diagnose_nvenc(failure.said, facts);
-    if (choice.backend == EncoderBackend::Vaapi) known = diagnose_vaapi(failure.said, facts);
+    if (choice.backend == EncoderBackend::Nvenc) known = diagnose_nvenc(failure, facts);
+    if (choice.backend == EncoderBackend::Vaapi) known = diagnose_vaapi(failure, facts);
     if (known) return *known;
-    return {
-        {in_own_words(failure), "update the driver or libavcodec; -v logs all that libav says"}};
+    return {{in_own_words(failure), general_remedy(failure)}};
+}
+
+const EncoderFailure& most_telling(std::span<const EncoderFailure> attempts,
+                                   const GraphicsFacts& facts) {
+    const auto weight = [&](const EncoderFailure& attempt) {
+        if (attempt.stage != EncoderStage::Device) return 2;
+        const RenderNode* node = node_of(attempt, facts);
+        return node != nullptr && node->vendor != kVendorNvidia ? 1 : 0;
+    };
+    return *std::ranges::max_element(attempts, {}, weight);  // the first of equal ones
 }
 
 }  // namespace ox

@@ -1,19 +1,12 @@
 #pragma once
 
-#include <string>
+#include <span>
 
 #include "video/diagnosis.h"
-#include "video/encoder_options.h"
+#include "video/encoder_failure.h"
 #include "video/graphics_facts.h"
 
 namespace ox {
-
-/// One encoder's refusal to open.
-struct EncoderFailure {
-    const EncoderChoice* choice = nullptr;
-    int error = 0;     ///< libav's
-    std::string said;  ///< libav's warnings and errors of the attempt, as it wrote them
-};
 
 struct EncoderDiagnosis {
     Diagnosis reason;
@@ -24,5 +17,10 @@ struct EncoderDiagnosis {
 /// Reads the cause out of libav's words; its own words and a general remedy when they say nothing
 /// known.
 EncoderDiagnosis diagnose(const EncoderFailure& failure, const GraphicsFacts& facts);
+
+/// Of one encoder's attempts with several cards, at least one, the attempt that tells its owner
+/// most: a card that refused before one that could not be opened, and an NVIDIA card or none last.
+const EncoderFailure& most_telling(std::span<const EncoderFailure> attempts,
+                                   const GraphicsFacts& facts);
 
 }  // namespace ox

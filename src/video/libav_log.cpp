@@ -4,18 +4,15 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
-#include <array>
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <mutex>
-#include <string_view>
 
 #include "log/log.h"
 
 namespace ox {
 namespace {
-
-constexpr size_t kMaxTape = 4096;
 
 LibavLogTape*& running_tape() {
     thread_local LibavLogTape* tape = nullptr;
@@ -34,7 +31,7 @@ const char* after_prefix(const char* words) {
 
 // Called by libav from whatever thread it works on; may come once for each part of a line.
 void log_line(void* source, int level, const char* format, va_list arguments) {
-    LibavLogTape* tape = running_tape();
+    LibavLogTape* tape = level <= AV_LOG_ERROR ? running_tape() : nullptr;
     const bool logged = log_level() <= static_cast<int32_t>(LogLevel::DEBUG);
     if (level > AV_LOG_WARNING || (!logged && tape == nullptr)) return;
     std::array<char, 512> text{};
@@ -51,7 +48,6 @@ void log_line(void* source, int level, const char* format, va_list arguments) {
 }  // namespace
 
 LibavLogTape::LibavLogTape() {
-    text_.reserve(kMaxTape);  // nothing may throw into libav's code
     running_tape() = this;
 }
 
@@ -59,8 +55,10 @@ LibavLogTape::~LibavLogTape() {
     running_tape() = nullptr;
 }
 
-void LibavLogTape::append(const char* words) {
-    text_.append(std::string_view(words).substr(0, kMaxTape - text_.size()));
+void LibavLogTape::append(std::string_view words) {
+    words = words.substr(0, text_.size() - size_);
+    std::copy(words.begin(), words.end(), text_.begin() + static_cast<ptrdiff_t>(size_));
+    size_ += words.size();
 }
 
 void route_libav_log() {

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace ox {
 
@@ -8,8 +11,10 @@ namespace ox {
 /// Process-wide; later calls do nothing.
 void route_libav_log();
 
-/// Collects libav's warnings and errors on this thread while it lives, the first few kilobytes of
-/// them, whatever the log's level. Needs `route_libav_log`. One at a time per thread.
+/// Collects libav's errors on this thread while it lives, the first few kilobytes of them, whatever
+/// the log's level; without allocating, so one can run for every picture. Its warnings, harmless
+/// remarks for the most part, are not among them. Needs `route_libav_log`. One at a time per
+/// thread.
 class LibavLogTape {
   public:
     LibavLogTape();
@@ -18,11 +23,12 @@ class LibavLogTape {
     LibavLogTape& operator=(const LibavLogTape&) = delete;
 
     /// As libav wrote it, without the names of its objects.
-    [[nodiscard]] const std::string& text() const { return text_; }
-    void append(const char* words);
+    [[nodiscard]] std::string text() const { return {text_.data(), size_}; }
+    void append(std::string_view words);
 
   private:
-    std::string text_;
+    std::array<char, 4096> text_{};
+    size_t size_ = 0;
 };
 
 }  // namespace ox

@@ -17,38 +17,110 @@
 #include "video/picture_converter.h"
 
 namespace ox {
+namespace {
+
+constexpr const char* kUsualRenderNode = "/dev/dri/renderD128";
+constexpr uint64_t kSlowPictureUs = 1'000'000;
+
+}  // namespace
 
 struct VideoEncoder::Impl {
-    /// Opens one encoder with the current settings; its name becomes the encoder's. A failure is
-    /// kept for `explain_failures`.
-    bool open_with(const EncoderChoice& choice);
+    /// Walks the ladder, past `tried`.
+    bool open_any(const EncoderChoice* tried);
+    /// Opens one encoder with the current settings, on whichever card has it; its name becomes the
+    /// encoder's. A failure is kept for `explain_failures`.
+    bool open_with(const EncoderChoice& wanted);
+    bool open_vaapi(const EncoderChoice& wanted);
+    /// One attempt; its failure goes to `attempts`.
+    bool open_on(const EncoderChoice& wanted, const std::string& node,
+                 std::vector<EncoderFailure>& attempts);
+    void close();
     void explain_failures(bool wanted);
-    bool convert(const uint8_t* pixels, uint32_t source_width, uint32_t source_height);
+    void explain_breakdown(const LibavLogTape& tape);
+    void watch_speed(uint64_t began_at, uint64_t ended_at);
 
     EncoderSettings settings;
     const EncoderChoice* choice = nullptr;  // of the open session
     std::string name;
+    std::string node;                       // render node of the open session, or of the last one
     std::unique_ptr<CodecSession> session;  // null while closed
     std::optional<PictureConverter> converter;
     EncodeBacklog backlog;
     std::vector<EncoderFailure> failures;
+    bool told_slow = false;
 };
 
+bool VideoEncoder::Impl::open_any(const EncoderChoice* tried) {
+    for (const EncoderChoice& entry : encoder_ladder(settings.codec)) {
+        if (&entry == tried) continue;
+        if (settings.backend != EncoderBackend::Auto && settings.backend != entry.backend) continue;
+        if (open_with(entry)) {
+            explain_failures(false);
+            OX_INFO("VideoEncoder: using %s (%s %ux%u @%ufps %ukbps)", entry.name,
+                    settings.codec == VideoCodec::Hevc ? "hevc" : "h264", settings.width,
+                    settings.height, settings.fps, settings.bitrate_kbps);
+            return true;
+        }
+        OX_WARN("VideoEncoder: %s unavailable — trying next backend", entry.name);
+    }
+    explain_failures(true);
+    return false;
+}
+
 bool VideoEncoder::Impl::open_with(const EncoderChoice& wanted) {
+    if (wanted.input == EncoderInput::VaapiSurface) return open_vaapi(wanted);
+    return open_on(wanted, {}, failures);
+}
+
+bool VideoEncoder::Impl::open_vaapi(const EncoderChoice& wanted) {
+    std::vector<EncoderFailure> attempts;
+    if (open_on(wanted, kUsualRenderNode, attempts)) return true;
+    const bool had_card = attempts.back().stage == EncoderStage::Opening;
+    if (!had_card && open_on(wanted, {}, attempts)) return true;
+    // The usual node may be a card that does not encode.
+    const GraphicsFacts facts = read_graphics_facts();
+    for (const RenderNode& other : facts.nodes) {
+        if (other.path != kUsualRenderNode && open_on(wanted, other.path, attempts)) return true;
+    }
+    const auto lacks_device = [](const EncoderFailure& attempt) {
+        return attempt.stage == EncoderStage::Device;
+    };
+    if (std::ranges::all_of(attempts, lacks_device)) {
+        OX_DEBUG("VideoEncoder: no VAAPI device (/dev/dri missing?)");
+    }
+    failures.push_back(most_telling(attempts, facts));
+    return false;
+}
+
+bool VideoEncoder::Impl::open_on(const EncoderChoice& wanted, const std::string& on,
+                                 std::vector<EncoderFailure>& attempts) {
     const LibavLogTape tape;
-    int error = 0;
-    session = CodecSession::open_with(wanted, settings, error);
+    EncoderFailure failure;
+    session = CodecSession::open_with(wanted, settings, on, failure);
     if (!session) {
-        failures.push_back({.choice = &wanted, .error = error, .said = tape.text()});
+        failure.said = tape.text();
+        attempts.push_back(std::move(failure));
         return false;
     }
     choice = &wanted;
     name = wanted.name;
+    node = on;
+    if (!on.empty() && on != kUsualRenderNode) {
+        OX_INFO("VideoEncoder: %s on %s", wanted.name, on.c_str());
+    }
     converter.emplace(session->picture_format(), settings.width, settings.height);
+    told_slow = false;
     return true;
 }
 
-/// One line for each encoder that did not open: a warning when one of them was `wanted`, else, as
+void VideoEncoder::Impl::close() {
+    converter.reset();
+    session.reset();
+    choice = nullptr;
+    name.clear();
+}
+
+/// One line for each encoder that failed: a warning when one of them was `wanted`, else, as
 /// another serves, news only where the PC has the hardware.
 void VideoEncoder::Impl::explain_failures(bool wanted) {
     if (failures.empty()) return;
@@ -68,11 +140,22 @@ void VideoEncoder::Impl::explain_failures(bool wanted) {
     failures.clear();
 }
 
-bool VideoEncoder::Impl::convert(const uint8_t* pixels, uint32_t source_width,
-                                 uint32_t source_height) {
-    if (!converter->ensure_input_ready(source_width, source_height)) return false;
-    AVFrame* picture = session->writable_picture();
-    return picture != nullptr && converter->convert(pixels, *picture);
+/// Why the open encoder does not go on.
+void VideoEncoder::Impl::explain_breakdown(const LibavLogTape& tape) {
+    failures.push_back({.choice = choice,
+                        .stage = EncoderStage::Streaming,
+                        .error = session->error(),
+                        .node = node,
+                        .said = tape.text()});
+    explain_failures(true);
+}
+
+/// A card that hangs shows as a picture that stands still: says so once.
+void VideoEncoder::Impl::watch_speed(uint64_t began_at, uint64_t ended_at) {
+    if (told_slow || ended_at - began_at < kSlowPictureUs) return;
+    told_slow = true;
+    OX_WARN("VideoEncoder: %s took %.1f s for one picture", name.c_str(),
+            static_cast<double>(ended_at - began_at) / 1e6);
 }
 
 VideoEncoder::VideoEncoder() : impl_(std::make_unique<Impl>()) {
@@ -84,21 +167,7 @@ VideoEncoder::~VideoEncoder() = default;
 bool VideoEncoder::init(const EncoderSettings& settings) {
     shutdown();
     impl_->settings = settings;
-    for (const EncoderChoice& choice : encoder_ladder(settings.codec)) {
-        if (settings.backend != EncoderBackend::Auto && settings.backend != choice.backend) {
-            continue;
-        }
-        if (impl_->open_with(choice)) {
-            impl_->explain_failures(false);
-            OX_INFO("VideoEncoder: using %s (%s %ux%u @%ufps %ukbps)", choice.name,
-                    settings.codec == VideoCodec::Hevc ? "hevc" : "h264", settings.width,
-                    settings.height, settings.fps, settings.bitrate_kbps);
-            return true;
-        }
-        OX_WARN("VideoEncoder: %s unavailable — trying next backend", choice.name);
-        shutdown();
-    }
-    impl_->explain_failures(true);
+    if (impl_->open_any(nullptr)) return true;
     OX_ERROR("VideoEncoder: no encoder available for codec %d", static_cast<int>(settings.codec));
     return false;
 }
@@ -110,18 +179,33 @@ bool VideoEncoder::encode_bgra(const uint8_t* pixels, uint32_t source_width, uin
     }
     out.width = impl_->settings.width;
     out.height = impl_->settings.height;
+    const uint64_t began_at = steady_now_us();
     if (impl_->backlog.pop(out)) {
-        out.encoded_at = steady_now_us();
+        out.encoded_at = began_at;
         return true;
     }
 
     out.data.clear();
     out.keyframe = false;
     out.timestamp = timestamp;
-    if (!impl_->convert(pixels, source_width, source_height)) return false;
+    if (!impl_->converter->ensure_input_ready(source_width, source_height)) return false;
+    const LibavLogTape tape;
+    if (!encode(pixels, timestamp, out)) {
+        impl_->explain_breakdown(tape);
+        return false;
+    }
+    out.encoded_at = steady_now_us();
+    impl_->watch_speed(began_at, out.encoded_at);
+    return true;
+}
+
+/// False when the session has failed.
+bool VideoEncoder::encode(const uint8_t* pixels, uint64_t timestamp, EncodedFrame& out) {
+    CodecSession& session = *impl_->session;
+    AVFrame* picture = session.writable_picture();
+    if (picture == nullptr || !impl_->converter->convert(pixels, *picture)) return false;
     const bool keyframe = force_idr.exchange(false);
     if (keyframe) OX_DEBUG("VideoEncoder: forcing IDR");
-    CodecSession& session = *impl_->session;
     if (!session.send_picture(keyframe, timestamp)) return false;
     while (const AVPacket* packet = session.receive_packet()) {
         if (!impl_->backlog.deliver({packet->data, static_cast<size_t>(packet->size)},
@@ -131,30 +215,45 @@ bool VideoEncoder::encode_bgra(const uint8_t* pixels, uint32_t source_width, uin
             force_idr = true;
         }
     }
-    out.encoded_at = steady_now_us();
-    return !session.failed();
+    return session.error() == 0;
 }
 
 bool VideoEncoder::reconfigure_bitrate(uint32_t kbps) {
     if (!impl_->session) return false;
-    impl_->settings.bitrate_kbps = kbps;
-    OX_INFO("VideoEncoder: reconfigure bitrate → %ukbps (re-init %s)", kbps, name().c_str());
     const EncoderChoice& choice = *impl_->choice;
-    shutdown();
-    if (!impl_->open_with(choice)) {
+    const std::string node = impl_->node;
+    const uint32_t before = impl_->settings.bitrate_kbps;
+    OX_INFO("VideoEncoder: reconfigure bitrate → %ukbps (re-init %s)", kbps, name().c_str());
+    const auto reopen = [&](uint32_t at_kbps) {
+        impl_->settings.bitrate_kbps = at_kbps;
+        return impl_->open_on(choice, node, impl_->failures);
+    };
+    // What it has given out already is still to be sent.
+    impl_->close();
+    bool open = reopen(kbps);
+    if (!open) {
         impl_->explain_failures(true);
-        return false;
+        open = reopen(before);
+        if (open) {
+            OX_WARN("VideoEncoder: %s refuses %ukbps and goes on at %ukbps", choice.name, kbps,
+                    before);
+        } else {
+            impl_->failures.clear();
+            impl_->settings.bitrate_kbps = kbps;
+            open = impl_->open_any(&choice);
+        }
     }
-    force_idr = true;
-    return true;
+    if (open) force_idr = true;
+    return open;
+}
+
+uint32_t VideoEncoder::bitrate_kbps() const {
+    return impl_->settings.bitrate_kbps;
 }
 
 void VideoEncoder::shutdown() {
     impl_->backlog.clear();
-    impl_->converter.reset();
-    impl_->session.reset();
-    impl_->choice = nullptr;
-    impl_->name.clear();
+    impl_->close();
 }
 
 bool VideoEncoder::can_invalidate_refs() const {

@@ -31,19 +31,25 @@ class VideoEncoder {
     VideoEncoder(const VideoEncoder&) = delete;
     VideoEncoder& operator=(const VideoEncoder&) = delete;
 
-    /// Opens the first backend that works. False when none does; each failure has its log line.
+    /// Opens the first backend that works, VA-API on the first render node that has it. False when
+    /// none does; each failure has its log line.
     bool init(const EncoderSettings& settings);
 
     /// Encodes one picture of `source_width` x `source_height` tightly packed BGRA pixels, with
     /// `kReadSlack` (video/capture.h) readable bytes behind them if it has to be scaled. True with
     /// empty `out.data` while an encoder buffers; `out.timestamp` is that of the picture that came
-    /// out. False when not open or on an encoder failure.
+    /// out. False when not open or on an encoder failure, whose cause is logged.
     bool encode_bgra(const uint8_t* pixels, uint32_t source_width, uint32_t source_height,
                      uint64_t timestamp, EncodedFrame& out);
 
-    /// Re-opens the same backend at a new bitrate; the next picture is a keyframe. False when not
-    /// open or when it fails, which leaves the encoder closed.
+    /// Re-opens the same backend at a new bitrate; the next encoded picture is a keyframe. When it
+    /// refuses, it is tried once more at the old bitrate, then what else the settings allow: `name`
+    /// and `bitrate_kbps` tell what came of it. False when not open or when all of them refuse,
+    /// which leaves the encoder closed.
     bool reconfigure_bitrate(uint32_t kbps);
+
+    /// The bitrate in force.
+    [[nodiscard]] uint32_t bitrate_kbps() const;
 
     /// Frees everything. Safe to call twice.
     void shutdown();
@@ -68,6 +74,8 @@ class VideoEncoder {
     std::atomic<bool> force_idr{false};
 
   private:
+    bool encode(const uint8_t* pixels, uint64_t timestamp, EncodedFrame& out);
+
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

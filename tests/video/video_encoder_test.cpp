@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+
 extern "C" {
-#include <libavutil/frame.h>
+#include <libavcodec/avcodec.h>
 #include <libavutil/opt.h>
 }
 
@@ -21,6 +23,52 @@ extern "C" {
 #include "video/codec_session.h"
 #include "video/encoder_options.h"
 #include "video/synthetic_capture.h"
+
+namespace {
+
+/// A graphics card that this machine lacks: while it is in, x264 encodes in h264_nvenc's place, and
+/// fails as told.
+struct Card {
+    bool in = false;
+    int refusals = 0;     ///< so many openings fail
+    bool broken = false;  ///< the next picture fails
+} card;
+
+template <typename Function>
+Function* libav(Function* /*own*/, const char* name) {
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+bool is_card(const AVCodecContext* context) {
+    return card.in && context->pix_fmt == AV_PIX_FMT_NV12;
+}
+
+}  // namespace
+
+const AVCodec* avcodec_find_encoder_by_name(const char* name) {
+    static auto* const real = libav(avcodec_find_encoder_by_name, "avcodec_find_encoder_by_name");
+    return real(card.in && std::strcmp(name, "h264_nvenc") == 0 ? "libx264" : name);
+}
+
+int avcodec_open2(AVCodecContext* context, const AVCodec* codec, AVDictionary** options) {
+    static auto* const real = libav(avcodec_open2, "avcodec_open2");
+    if (!is_card(context)) return real(context, codec, options);
+    if (card.refusals-- > 0) {
+        av_log(context, AV_LOG_ERROR, "OpenEncodeSessionEx failed: out of memory (10)\n");
+        return AVERROR_EXTERNAL;
+    }
+    av_dict_free(options);
+    av_dict_set(options, "tune", "zerolatency", 0);
+    return real(context, codec, options);
+}
+
+int avcodec_send_frame(AVCodecContext* context, const AVFrame* frame) {
+    static auto* const real = libav(avcodec_send_frame, "avcodec_send_frame");
+    if (!is_card(context) || !card.broken) return real(context, frame);
+    av_log(context, AV_LOG_ERROR, "EncodePicture failed!: generic error (20)\n");
+    av_log(context, AV_LOG_WARNING, "Some remark\n");
+    return AVERROR_EXTERNAL;
+}
 
 namespace ox {
 namespace {
@@ -154,6 +202,45 @@ TEST(VideoEncoder, WalksTheLadder) {
     EXPECT_EQ(encoder.name(), "");
 }
 
+TEST(VideoEncoder, ACardThatFailsLaterIsExplainedAndReplaced) {
+    const LogCapture log;
+    card = {.in = true};
+    VideoEncoder encoder;
+    EncodedFrame out;
+    const std::vector<uint8_t> pixels(size_t{kWidth} * kHeight * 4);
+    const auto encode = [&] { return encoder.encode_bgra(pixels.data(), kWidth, kHeight, 0, out); };
+    EncoderSettings settings = software(VideoCodec::H264);
+    settings.backend = EncoderBackend::Auto;
+    ASSERT_TRUE(encoder.init(settings) && encode() && encode());
+    ASSERT_EQ(encoder.name(), "h264_nvenc");
+    EXPECT_FALSE(out.keyframe);
+
+    card.refusals = 1;
+    EXPECT_TRUE(encoder.reconfigure_bitrate(2000) && encode());
+    EXPECT_EQ(encoder.name(), "h264_nvenc");
+    EXPECT_EQ(encoder.bitrate_kbps(), settings.bitrate_kbps) << "the old one is kept";
+    EXPECT_TRUE(out.keyframe);
+    EXPECT_EQ(log.times("[WARN ] VideoEncoder: h264_nvenc: the card's limit of"), 1);
+
+    card.refusals = 2;
+    EXPECT_TRUE(encoder.reconfigure_bitrate(2000) && encode());
+    EXPECT_NE(encoder.name(), "h264_nvenc") << "the next of the ladder";
+    EXPECT_EQ(encoder.bitrate_kbps(), 2000U);
+    EXPECT_TRUE(out.keyframe);
+
+    settings.backend = EncoderBackend::Nvenc;
+    ASSERT_TRUE(encoder.init(settings));
+    card.broken = true;
+    EXPECT_FALSE(encode());
+    EXPECT_EQ(log.times("[WARN ] VideoEncoder: h264_nvenc: EncodePicture failed!: generic error"),
+              1);
+
+    card = {.in = true, .refusals = 2};
+    EXPECT_FALSE(encoder.reconfigure_bitrate(2000)) << "no other is allowed";
+    EXPECT_FALSE(encode());
+    card = {};
+}
+
 TEST(VideoEncoder, RefusesWhatCannotBeEncoded) {
     VideoEncoder encoder;
     EncodedFrame out;
@@ -172,9 +259,9 @@ TEST(CodecSession, APacketKeepsItsPicturesCaptureTime) {
                                   EncoderOption{"rc-lookahead", "10"}};
     const EncoderChoice choice{"libx264", EncoderBackend::Software, EncoderInput::Yuv420p, false,
                                kOptions};
-    int error = 0;
-    const auto session = CodecSession::open_with(choice, software(VideoCodec::H264), error);
-    ASSERT_NE(session, nullptr) << error;
+    EncoderFailure failure;
+    const auto session = CodecSession::open_with(choice, software(VideoCodec::H264), {}, failure);
+    ASSERT_NE(session, nullptr) << failure.error;
     uint64_t received = 0;
     for (uint64_t n = 0; n < 200; ++n) {
         ASSERT_NE(session->writable_picture(), nullptr);

@@ -36,6 +36,10 @@ void streaming(const EncoderSettings& settings, const std::string& encoder_label
     });
 }
 
+void encoder(const std::string& encoder_label) {
+    tui::board().update([&](Snapshot& state) { state.session.encoder = encoder_label; });
+}
+
 void holding(uint32_t grace_s) {
     tui::board().update([&](Snapshot& state) {
         state.session.holding = true;

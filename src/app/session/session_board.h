@@ -15,6 +15,8 @@ namespace session_board {
 void launcher_authenticated(const std::string& session_id, const std::string& launcher);
 /// The stream runs.
 void streaming(const EncoderSettings& settings, const std::string& encoder_label);
+/// Another encoder has taken over.
+void encoder(const std::string& encoder_label);
 /// The launcher is gone and is waited for.
 void holding(uint32_t grace_s);
 /// The launcher came back.

@@ -77,11 +77,13 @@ void Session::apply_requests() {
     if (asked_kbps == 0) return;
     const uint32_t kbps = std::min(asked_kbps, kMaxBitrateKbps);
     const std::vector<pid_t> threads_before = threads_of_process();
-    if (encoder_.reconfigure_bitrate(kbps)) {
-        raised_.raise_since(threads_before);
-        // Slower, pacing would hold back what no encoder can make smaller.
-        video_.sender().set_pacing_rate(pacing_rate_bps(std::max(kbps, kMinBitrateKbps)));
-    }
+    const std::string name_before = encoder_.name();
+    if (!encoder_.reconfigure_bitrate(kbps)) return;
+    raised_.raise_since(threads_before);
+    // Slower, pacing would hold back what no encoder can make smaller.
+    video_.sender().set_pacing_rate(
+        pacing_rate_bps(std::max(encoder_.bitrate_kbps(), kMinBitrateKbps)));
+    if (encoder_.name() != name_before) session_board::encoder(encoder_label(encoder_.name()));
 }
 
 bool Session::wait_for_next_frame() {
