@@ -94,6 +94,7 @@ std::string in_own_words(const EncoderFailure& failure) {
         rest.remove_prefix(std::min(line.size() + 1, rest.size()));
         if (!line.empty() && !hands_on(line)) last = line;
     }
+    if (last.ends_with('.')) last.remove_suffix(1);
     if (!last.empty()) return std::string(last);
     std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
     av_strerror(failure.error, text.data(), text.size());
@@ -245,8 +246,12 @@ EncoderDiagnosis diagnose(const EncoderFailure& failure, const GraphicsFacts& fa
     std::optional<EncoderDiagnosis> known;
     if (choice.backend == EncoderBackend::Nvenc) known = diagnose_nvenc(failure, facts);
     if (choice.backend == EncoderBackend::Vaapi) known = diagnose_vaapi(failure, facts);
-    if (known) return *known;
-    return {{in_own_words(failure), general_remedy(failure)}};
+    if (!known) known = found(in_own_words(failure), general_remedy(failure));
+    const bool of_several = choice.backend == EncoderBackend::Vaapi && facts.nodes.size() > 1;
+    if (of_several && failure.stage != EncoderStage::Device && !failure.node.empty()) {
+        known->reason.cause += " (" + failure.node + ")";
+    }
+    return *known;
 }
 
 const EncoderFailure& most_telling(std::span<const EncoderFailure> attempts,
