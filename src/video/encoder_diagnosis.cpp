@@ -175,6 +175,10 @@ EncoderDiagnosis no_va_driver(const RenderNode& node, const DriverPackages& pack
     return found("no VA-API driver works with " + node.path, remedy);
 }
 
+EncoderDiagnosis not_for_nvidia() {
+    return found("NVIDIA cards do not encode through VA-API", "use --encoder nvenc or auto", true);
+}
+
 std::optional<EncoderDiagnosis> diagnose_vaapi_device(const EncoderFailure& failure,
                                                       const GraphicsFacts& facts) {
     const RenderNode* node = node_of(failure, facts);
@@ -193,10 +197,7 @@ std::optional<EncoderDiagnosis> diagnose_vaapi_device(const EncoderFailure& fail
         !has(failure.said, "No VA display found")) {
         return std::nullopt;
     }
-    if (node->vendor == kVendorNvidia) {
-        return found("NVIDIA cards do not encode through VA-API", "use --encoder nvenc or auto",
-                     true);
-    }
+    if (node->vendor == kVendorNvidia) return not_for_nvidia();
     return no_va_driver(*node, driver_packages(facts.distribution));
 }
 
@@ -208,6 +209,7 @@ std::optional<EncoderDiagnosis> diagnose_vaapi(const EncoderFailure& failure,
     const uint32_t vendor = node == nullptr ? 0 : node->vendor;
     const DriverPackages& packages = driver_packages(facts.distribution);
     if (has(said, "No usable encoding profile") || has(said, "No usable encoding entrypoint")) {
+        if (vendor == kVendorNvidia) return not_for_nvidia();
         std::string remedy;
         if (vendor == kVendorIntel) {
             remedy = "install " + std::string(packages.va_intel_full) + ", or ";
@@ -257,9 +259,10 @@ EncoderDiagnosis diagnose(const EncoderFailure& failure, const GraphicsFacts& fa
 const EncoderFailure& most_telling(std::span<const EncoderFailure> attempts,
                                    const GraphicsFacts& facts) {
     const auto weight = [&](const EncoderFailure& attempt) {
-        if (attempt.stage != EncoderStage::Device) return 2;
         const RenderNode* node = node_of(attempt, facts);
-        return node != nullptr && node->vendor != kVendorNvidia ? 1 : 0;
+        if (node != nullptr && node->vendor == kVendorNvidia) return 0;
+        if (attempt.stage != EncoderStage::Device) return 2;
+        return node != nullptr ? 1 : 0;
     };
     return *std::ranges::max_element(attempts, {}, weight);  // the first of equal ones
 }

@@ -19,7 +19,8 @@ struct EncoderDiagnosis {
 EncoderDiagnosis diagnose(const EncoderFailure& failure, const GraphicsFacts& facts);
 
 /// Of one encoder's attempts with several cards, at least one, the attempt that tells its owner
-/// most: a card that refused before one that could not be opened, and an NVIDIA card or none last.
+/// most: a card that refused before one that could not be opened; an NVIDIA card, which decodes at
+/// best, or none last.
 const EncoderFailure& most_telling(std::span<const EncoderFailure> attempts,
                                    const GraphicsFacts& facts);
 

@@ -95,6 +95,8 @@ TEST(EncoderDiagnosis, NamesTheCauseAndTheRemedy) {
         {kVaapi, Device, kNoDriver, card(kVendorNvidia), "NVIDIA", "nvenc", true},
         {kVaapi, Opening, "No usable encoding profile found.\n", card(kVendorAmd),
          "cannot encode H.264", "choose --encoder x264"},
+        {kVaapi, Opening, "No usable encoding profile found.\n", card(kVendorNvidia), "NVIDIA",
+         "nvenc", true},
         {kHevcVaapi, Opening, "No usable encoding profile found.\n", card(kVendorAmd),
          "cannot encode HEVC", "choose --codec h264"},
         {kVaapi, Opening, kNoCbr, card(kVendorIntel), "no constant bitrate", "HuC"},
@@ -140,7 +142,8 @@ TEST(EncoderDiagnosis, OfSeveralCardsTheOneThatTellsMostIsBlamed) {
     EXPECT_EQ(blamed(Device, kVendorIntel, Device), kNode) << "the first, when all is equal";
     EXPECT_EQ(blamed(Device, kVendorNvidia, Device), kOtherNode);
     EXPECT_EQ(blamed(Device, kVendorIntel, Opening), kOtherNode);
-    EXPECT_EQ(blamed(Opening, kVendorNvidia, Device), kNode);
+    EXPECT_EQ(blamed(Opening, kVendorNvidia, Device), kOtherNode);
+    EXPECT_EQ(blamed(Opening, kVendorIntel, Device), kNode);
 }
 
 TEST(EncoderDiagnosis, LooksAtThePc) {
