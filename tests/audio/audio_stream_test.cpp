@@ -121,10 +121,11 @@ TEST_F(AudioStreamTest, AChangeOfTheDefaultOutputIsFollowed) {
 TEST_F(AudioStreamTest, EndsWithItsNumbersInsteadOfUsingThemAgain) {
     const test::LogCapture log;
     PacketNumbers numbers(PacketNumbers::kEnd - 8, PacketNumbers::kEnd);
-    stream_.set_numbers(numbers);
-    stream_.set_parity_enabled(true);
-    ASSERT_TRUE(start());
-    EXPECT_TRUE(test::eventually([&] { return !stream_.running(); }, seconds(30)));
+    AudioStream stream;
+    stream.set_numbers(numbers);
+    stream.set_parity_enabled(true);
+    ASSERT_TRUE(start(stream));
+    EXPECT_TRUE(test::eventually([&] { return !stream.running(); }, seconds(10)));
     EXPECT_EQ(log.count("ERROR",
                         "AudioStream: all sequence numbers of this key are used up — stopping "
                         "audio"),
