@@ -18,7 +18,8 @@ esac
 scripts/setup.sh --package
 scripts/build.sh programs
 rm -f build/programs/orvex-agent_*.deb
-(cd build/programs && cpack >cpack.log) || { cat build/programs/cpack.log >&2; exit 1; }
+# The folders in the package get their modes from the umask.
+(umask 022 && cd build/programs && cpack >cpack.log) || { cat build/programs/cpack.log >&2; exit 1; }
 package=$(echo build/programs/orvex-agent_*.deb)
 echo "package.sh: built $package"
 $check || exit 0
