@@ -27,11 +27,12 @@ bool is_dry(int pipe) {
 
 }  // namespace
 
-std::string AudioCapture::default_monitor() {
+std::string AudioCapture::default_monitor() const {
     // A sound server that does not answer must not hold up the session.
     constexpr std::chrono::milliseconds kLimit{2000};
     const std::string sink =
-        first_output_of("pactl get-default-sink 2>/dev/null", sound_server_environment(), kLimit);
+        first_output_of("pactl get-default-sink 2>/dev/null", sound_server_environment(), kLimit,
+                        [this] { return is_cancelled(); });
     return sink.empty() ? "" : sink + ".monitor";
 }
 
@@ -41,6 +42,7 @@ bool AudioCapture::start(int sample_rate, int channels, const std::string& sourc
     stopping_ = false;
     dry_.reset();
     source_ = source.empty() ? default_monitor() : source;
+    if (is_cancelled()) return false;
     const std::string latency = "--latency-msec=" + std::to_string(latency_ms);
     std::vector<std::string> argv{"parec"};
     if (!source_.empty()) argv.insert(argv.end(), {"--device", source_});

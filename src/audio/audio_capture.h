@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -19,8 +20,12 @@ namespace ox {
 /// PCM through a pipe. Used by one thread, but for `stop`, `request_stop` and the counters.
 class AudioCapture {
   public:
+    /// Once `cancelled` returns true, a wait for a sound server that does not answer ends within
+    /// 50 ms, and nothing is started any more. Asked by the thread that starts; set before that.
+    void set_cancelled(std::function<bool()> cancelled) { cancelled_ = std::move(cancelled); }
+
     /// Name of the monitor of the default output, or empty when there is none to be found.
-    static std::string default_monitor();
+    [[nodiscard]] std::string default_monitor() const;
 
     /// Starts recording from `source` (empty: the default output's monitor, or parec's own choice
     /// when that is not known), ending an earlier recording. False when there is nothing to start.
@@ -56,6 +61,7 @@ class AudioCapture {
     [[nodiscard]] uint64_t audible_frames() const { return audible_frames_; }
 
   private:
+    [[nodiscard]] bool is_cancelled() const { return cancelled_ && cancelled_(); }
     bool start_recorder(const std::vector<std::string>& argv);
     bool wait_for_input(std::chrono::milliseconds limit);
     bool fill(uint8_t* bytes, size_t wanted);
@@ -65,6 +71,7 @@ class AudioCapture {
     std::optional<SteadyClock::time_point> dry_;
     int channels_ = 0;
     std::string source_;
+    std::function<bool()> cancelled_;
     std::atomic<bool> stopping_{false};
     std::atomic<uint64_t> frames_read_{0};     ///< buffers that went through the meter
     std::atomic<uint64_t> audible_frames_{0};  ///< those with a sample beyond about -60 dBFS

@@ -197,7 +197,7 @@ bool AudioStream::reopen_capture(const std::stop_token& stop) {
     if (now < next_reopen_ || stop.stop_requested()) return false;
     next_reopen_ = now + kReopenPause;
     // Without an output there is nothing to record, and parec's own choice may be a microphone.
-    std::string source = AudioCapture::default_monitor();
+    std::string source = capture_.default_monitor();
     if (source.empty()) source = watch_.default_monitor();  // an older pactl cannot say
     if (source.empty()) return false;
     if (!capture_.start(sample_rate_, channels_, source, AudioEncoder::kFrameMs)) return false;

@@ -3,8 +3,10 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "audio/audio_capture.h"
@@ -36,6 +38,10 @@ class AudioStream {
     /// Where the sequence numbers come from; outlives the stream. Without it they count from 0.
     /// Before `start`.
     void set_numbers(PacketNumbers& numbers) { numbers_ = &numbers; }
+    /// Asked, by any thread, whether to go on waiting for the sound server. Before `start`.
+    void set_cancelled(std::function<bool()> cancelled) {
+        capture_.set_cancelled(std::move(cancelled));
+    }
 
     /// Starts streaming through `sender`, which must be open and outlive the stream's run. The key
     /// is 32 bytes. False, after an error line, when something cannot be had; nothing is left

@@ -88,8 +88,10 @@ void PipedChild::stop() {
 }
 
 std::string first_output_of(const std::string& shell_command, const std::vector<std::string>& added,
-                            std::chrono::milliseconds limit) {
+                            std::chrono::milliseconds limit,
+                            const std::function<bool()>& cancelled) {
     constexpr size_t kMaxBytes = 255;
+    constexpr std::chrono::milliseconds kSlice{50};
     PipedChild child;
     if (child.start({"/bin/sh", "-c", shell_command}, added) != PipedChild::Started::Ok) return {};
     const auto deadline = SteadyClock::now() + limit;
@@ -97,13 +99,13 @@ std::string first_output_of(const std::string& shell_command, const std::vector<
     while (text.size() < kMaxBytes) {
         const auto left =
             std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
-        if (left.count() <= 0) {
+        if (left.count() <= 0 || cancelled()) {
             // What the command has started may keep the pipe open after the answer.
             if (text.find('\n') == text.npos) return {};
             break;
         }
         pollfd entry{.fd = child.output(), .events = POLLIN, .revents = 0};
-        const int ready = ::poll(&entry, 1, static_cast<int>(left.count()));
+        const int ready = ::poll(&entry, 1, static_cast<int>(std::min(left, kSlice).count()));
         if (ready < 0 && errno == EINTR) continue;
         if (ready < 0) return {};
         if (ready == 0) continue;

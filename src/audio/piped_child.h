@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -40,8 +41,10 @@ class PipedChild {
 };
 
 /// What a shell command prints, without trailing white space and cut at 255 bytes; empty when it
-/// prints no line, or no end, within `limit`. `added` as above.
+/// prints no line, or no end, within `limit` or until `cancelled`, asked every 50 ms, returns true.
+/// `added` as above.
 std::string first_output_of(const std::string& shell_command, const std::vector<std::string>& added,
-                            std::chrono::milliseconds limit);
+                            std::chrono::milliseconds limit,
+                            const std::function<bool()>& cancelled);
 
 }  // namespace ox

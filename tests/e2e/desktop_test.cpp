@@ -94,30 +94,31 @@ TEST(BeforeTheDesktop, ServersThatHangKeepNobodyFromStoppingTheAgent) {
     ChildProcess probe(
         {.argv = in_a_world_of_its_own(folder.path().string(), "true"), .environment = {}});
     if (probe.wait(kPatience) != 0) GTEST_SKIP() << "no mount namespaces for this user";
-    const auto stops_while_it_asks = [&](const char* server, bool named) {
-        SCOPED_TRACE(std::string(server) + (named ? ", in a session" : ""));
+    const auto stops_while_it_asks = [&](const char* server, bool in_session) {
+        SCOPED_TRACE(std::string(server) + (in_session ? ", in a session" : ""));
         const UniqueFd listener = listen_unix(folder.file(server));
         Agent agent({.arguments = {"--audio"},
                      .environment = {"DBUS_SESSION_BUS_ADDRESS=unix:path=" + folder.file("bus"),
                                      "PULSE_SERVER=unix:" + folder.file("sound"),
-                                     named ? "DISPLAY=:7" : "DISPLAY"},
+                                     in_session ? "DISPLAY=:7" : "DISPLAY"},
                      .capture = "auto",
                      .wrapper = in_a_world_of_its_own(folder.path().string(), "\"$@\"")});
         std::optional<TcpClient> launcher;
-        if (named) {
+        if (in_session) {
             ASSERT_TRUE(agent.wait_for_log("TcpControlServer: listening on port"));
             launcher.emplace(agent.control_port(), kPatience);
             launcher->send(auth_line());
+            ASSERT_TRUE(agent.wait_for_log("Session start: "));
         }
         pollfd asked{.fd = listener.get(), .events = POLLIN, .revents = 0};
         ASSERT_EQ(::poll(&asked, 1, static_cast<int>(kPatience.count())), 1);
         agent.expect_prompt_stop();
         std::filesystem::remove(folder.file(server));
     };
-    stops_while_it_asks("bus", false);
-    stops_while_it_asks("X7", false);
-    stops_while_it_asks("X7", true);
-    stops_while_it_asks("sound", false);
+    for (const char* server : {"bus", "X7", "sound"})
+        stops_while_it_asks(server, false);
+    for (const char* server : {"X7", "sound"})
+        stops_while_it_asks(server, true);
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ constexpr std::chrono::seconds kLeaseWait{2};
 Session::Session(const Options& options, SessionRequest request)
     : options_(options),
       request_(std::move(request)),
-      audio_(options),
+      audio_(options, [this] { return stop_requested(); }),
       pacer_(1, SteadyClock::now()) {}
 
 Session::~Session() = default;

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
+#include <utility>
 
 #include "app/options.h"
 #include "audio/audio_stream.h"
@@ -18,7 +20,10 @@ class SessionAudio {
     static constexpr int kChannels = 2;
     static constexpr int kBitrateBps = 128000;
 
-    explicit SessionAudio(const Options& options) : options_(options) {}
+    /// `cancelled`, asked by any thread, ends a wait for the sound server.
+    SessionAudio(const Options& options, std::function<bool()> cancelled) : options_(options) {
+        stream_.set_cancelled(std::move(cancelled));
+    }
 
     /// With sound asked for: keeps the sender's port for the `open` that follows.
     void reserve(uint16_t local_port);
