@@ -30,7 +30,6 @@ namespace ox {
 namespace {
 
 constexpr int kDefaultAcceptTimeoutS = 60;
-constexpr std::chrono::seconds kAuthTimeout{15};
 constexpr size_t kLongestControlLine = 8192;
 
 /// Binds all addresses, also while old connections of the port time out. False leaves errno.
@@ -88,7 +87,7 @@ bool TcpControlServer::accept_and_handshake(uint16_t port, const AbortPredicate&
 
 bool TcpControlServer::handshake(uint16_t port, const AbortPredicate& abort, int accept_timeout_s) {
     if (!open_listener(port) || !accept_launcher(port, abort, accept_timeout_s)) return false;
-    const auto auth_deadline = SteadyClock::now() + kAuthTimeout;
+    const auto auth_deadline = SteadyClock::now() + limits.auth;
     {
         Secret line;
         if (!receive_auth_line(auth_deadline, abort, line) || !authenticate(line.text())) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -47,15 +48,18 @@ class TcpControlServer {
         int32_t bitrate = 15000;  ///< kbit/s
     };
 
+    struct Limits {
+        std::chrono::milliseconds auth{15'000};  ///< for the whole auth line
+    };
+
     TcpControlServer() = default;
     ~TcpControlServer();
     TcpControlServer(const TcpControlServer&) = delete;
     TcpControlServer& operator=(const TcpControlServer&) = delete;
 
     /// Waits for one launcher on `port` and completes its handshake. Blocks for at most
-    /// `accept_timeout_s` (below 1: 60 s) plus 15 s for the auth line; `abort`, asked at least
-    /// every 100 ms, ends it earlier. False: `failure` and `last_error` say why, everything is
-    /// closed.
+    /// `accept_timeout_s` (below 1: 60 s) plus `limits.auth`; `abort`, asked at least every 100 ms,
+    /// ends it earlier. False: `failure` and `last_error` say why, everything is closed.
     bool accept_and_handshake(uint16_t port, const AbortPredicate& abort, int accept_timeout_s);
 
     /// IPv4 address to send media to; empty when no launcher ever connected.
@@ -79,6 +83,7 @@ class TcpControlServer {
     Secret master_key;                   ///< 32 bytes from the platform, or empty
     std::string expected_token_sha256;   ///< hex; empty refuses every launcher
     uint32_t host_caps = 0;              ///< capabilities the agent has, `caps` bits
+    Limits limits;
     std::function<void()> before_ready;  ///< runs when an accepted launcher is about to be told
 
     // Set by the owner before `start_async_read`; run on the reader thread; any may be empty. They

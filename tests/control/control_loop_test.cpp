@@ -1,3 +1,6 @@
+#include <unistd.h>
+
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -111,16 +114,18 @@ TEST_F(ControlLoopTest, LinesOfSeveralWritersStayWhole) {
 TEST_F(ControlLoopTest, CloseWakesAWriterWhoseLauncherDoesNotRead) {
     TcpClient launcher = connected_launcher();
     server_.start_async_read();
-    std::atomic<int> lines{0};
+    std::atomic<pid_t> writing{0};
     std::jthread writer([&] {
-        while (server_.send_line(std::string(100'000, 'x')))
-            ++lines;
+        writing = ::gettid();
+        while (server_.send_line(std::string(100'000, 'x'))) {
+        }
     });
-    // No line for a while: the writer waits for room inside its send.
-    for (int before = -1; before != lines || lines == 0;) {
-        before = lines;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
+    // Asleep it is only where it waits for room, inside its send.
+    EXPECT_TRUE(eventually([&] {
+        std::ifstream stat("/proc/self/task/" + std::to_string(writing) + "/stat");
+        std::string state;
+        return writing != 0 && std::getline(stat, state) && state.find(") S ") != state.npos;
+    }));
     const auto asked = std::chrono::steady_clock::now();
     server_.close();
     writer.join();

@@ -15,26 +15,31 @@ namespace {
 
 struct Fault {
     const char* call;
-    int at;  ///< which call of the process fails; 1 is the first
+    const char* on;  ///< a kind of descriptor, a thread's name, or "" for any
+    int at;          ///< which of these calls fails; 1 is the first
     int error;
+    bool costs_the_session;
+    const char* told;  ///< in the log or on the screen: the path that the agent took
 };
 
 constexpr Fault kFaults[] = {
-    {"socket", 3, EMFILE},
-    {"socket", 4, EMFILE},
-    {"listen", 2, EADDRINUSE},
-    {"accept4", 1, EMFILE},
-    {"getpeername", 1, ENOTCONN},
-    {"sendto", 5, ENOBUFS},
-    {"send", 1, EPIPE},
-    {"recv", 1, ECONNRESET},
-    {"recv", 2, ECONNRESET},
-    {"recvfrom", 1, ECONNRESET},
-    {"poll", 5, ENOMEM},
-    {"write", 6, ENOSPC},
-    {"pthread_create", 1, EAGAIN},
-    {"pthread_create", 2, EAGAIN},
-    {"pthread_create", 5, EAGAIN},
+    {"socket", "tcp", 1, EMFILE, true, "TcpControlServer: socket() failed: Too many open files"},
+    {"socket", "udp", 1, EMFILE, false, "UdpSender: hole-punch probe received"},
+    {"socket", "udp", 2, EMFILE, false, "InputReceiver: socket() failed: Too many open files"},
+    {"listen", "tcp", 1, EADDRINUSE, true,
+     "TcpControlServer: listen failed: Address already in use"},
+    {"accept4", "tcp", 1, EMFILE, true, "TcpControlServer: accept failed: Too many open files"},
+    {"getpeername", "tcp", 1, ENOTCONN, true, "Session: no UDP destination (no TCP peer?)"},
+    {"sendto", "udp", 5, ENOBUFS, false, "UdpSender: send error: No buffer space available"},
+    {"send", "tcp", 1, EPIPE, true, "TcpControlServer: failed to send session_ready"},
+    {"recv", "tcp", 1, ECONNRESET, true, "TcpControlServer: client closed during auth"},
+    {"recv", "ox-control", 1, ECONNRESET, true, "Session: launcher reconnected"},
+    {"recvfrom", "ox-probe", 1, ECONNRESET, false, "UdpSender: hole-punch probe received"},
+    {"poll", "tcp", 5, ENOMEM, true, "Standalone session ended: handshake_failed:"},
+    {"write", "screen", 1, ENOSPC, false, "Streaming to 127.0.0.1: H.264"},
+    {"pthread_create", "", 1, EAGAIN, false, "Screen: no thread (Resource temporarily"},
+    {"pthread_create", "", 2, EAGAIN, false, "Panic: cannot start the listener (Resource"},
+    {"pthread_create", "", 5, EAGAIN, false, "InputReceiver: cannot start the receive thread:"},
 };
 
 /// One short session. The launcher's exit status.
@@ -50,21 +55,27 @@ int stream_a_little(const Agent& agent) {
 }
 
 TEST(Faults, ACallThatFailsOnceCostsAtMostTheSession) {
-    for (const auto& [call, at, error] : kFaults) {
-        SCOPED_TRACE(std::string(call) + " " + std::to_string(at) + ": " + std::strerror(error));
+    for (const auto& [call, on, at, error, costs_the_session, told] : kFaults) {
+        SCOPED_TRACE(std::string(call) + " " + on + " " + std::to_string(at) + ": " +
+                     std::strerror(error));
         const TempDir folder;
         const std::string report = folder.file("happened");
-        Agent agent({.environment = {"LD_PRELOAD=" OX_FAULT_SHIM, std::string("OX_FAULT=") + call,
-                                     "OX_FAULT_AT=" + std::to_string(at),
-                                     "OX_FAULT_ERRNO=" + std::to_string(error),
-                                     "OX_FAULT_REPORT=" + report},
-                     .input = true});
+        Agent agent(
+            {.environment = {"LD_PRELOAD=" OX_FAULT_SHIM, std::string("OX_FAULT=") + call,
+                             std::string("OX_FAULT_ON=") + on, "OX_FAULT_AT=" + std::to_string(at),
+                             "OX_FAULT_ERRNO=" + std::to_string(error),
+                             "OX_FAULT_REPORT=" + report},
+             .input = true});
         EXPECT_TRUE(agent.wait_for_log("TcpControlServer: listening on port"));
+        int sessions = 0;
         const auto streams_after_it = [&] {
-            const bool happened = std::filesystem::exists(report);
-            return stream_a_little(agent) == 0 && happened;
+            ++sessions;
+            return stream_a_little(agent) == 0 && std::filesystem::exists(report);
         };
         EXPECT_TRUE(eventually(streams_after_it, kPatience * 2));
+        EXPECT_TRUE(costs_the_session || sessions == 1) << sessions;
+        const auto was_told = [&] { return agent.log().count(told) + agent.screen().count(told); };
+        EXPECT_TRUE(eventually(was_told)) << "not told: " << told;
         agent.expect_prompt_stop();
     }
 }

@@ -1,6 +1,7 @@
 // A library to preload: one call of one function fails once. OX_FAULT names it ("sendto"),
-// OX_FAULT_AT which of its calls (1 is the first), OX_FAULT_ERRNO with what (a number). When it has
-// happened, the file OX_FAULT_REPORT exists.
+// OX_FAULT_ON what it has to be called on (a kind of descriptor: "tcp", "udp", "unix", "other") or
+// by (a thread's name; empty: any call counts), OX_FAULT_AT which of these calls (1 is the first),
+// OX_FAULT_ERRNO with what (a number). When it has happened, the file OX_FAULT_REPORT exists.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -14,6 +15,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace {
 
@@ -22,10 +24,31 @@ Function* next(const char* name) {
     return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
-/// Whether this call of `name` is the one to fail; errno is set then.
-bool fails(const char* name) {
+const char* kind_of_socket(int domain, int type) {
+    if (domain == AF_UNIX) return "unix";
+    return (type & SOCK_DGRAM) != 0 ? "udp" : "tcp";
+}
+
+const char* kind_of(int fd) {
+    int domain = 0;
+    int type = 0;
+    socklen_t size = sizeof domain;
+    if (::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0) return "other";
+    ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size);
+    return kind_of_socket(domain, type);
+}
+const char* kind_of(const pollfd* entries) {
+    return kind_of(entries->fd);
+}
+
+/// Whether this call of `name` on a descriptor of `kind` is the one to fail; errno is set then.
+bool fails(const char* name, const char* kind) {
     static const char* const wanted = std::getenv("OX_FAULT");
     if (wanted == nullptr || std::strcmp(wanted, name) != 0) return false;
+    static const std::string on = std::getenv("OX_FAULT_ON");
+    char thread[16] = "";
+    ::pthread_getname_np(::pthread_self(), thread, sizeof thread);
+    if (!on.empty() && on != kind && on != thread) return false;
     static std::atomic<int> calls{0};
     static const int at = std::atoi(std::getenv("OX_FAULT_AT"));
     if (++calls != at) return false;
@@ -39,48 +62,52 @@ bool fails(const char* name) {
 
 // Wraps a function whose failure is the value -1: in the variant that the compiler takes when it
 // knows the buffer's size, or the only one.
-#define OX_WRAP_CHECKED(result, name, checked, parameters, arguments)   \
-    result checked parameters {                                         \
-        static auto* const real = next<result parameters>(#checked);    \
-        return fails(#name) ? static_cast<result>(-1) : real arguments; \
+#define OX_WRAP_CHECKED(result, name, checked, kind, parameters, arguments)   \
+    result checked parameters {                                               \
+        static auto* const real = next<result parameters>(#checked);          \
+        return fails(#name, kind) ? static_cast<result>(-1) : real arguments; \
     }
-#define OX_WRAP(result, name, parameters, arguments) \
-    OX_WRAP_CHECKED(result, name, name, parameters, arguments)
+#define OX_WRAP(result, name, kind, parameters, arguments) \
+    OX_WRAP_CHECKED(result, name, name, kind, parameters, arguments)
 
 extern "C" {
 
-OX_WRAP(int, socket, (int domain, int type, int protocol), (domain, type, protocol))
-OX_WRAP(int, listen, (int fd, int backlog), (fd, backlog))
-OX_WRAP(int, accept4, (int fd, sockaddr* address, socklen_t* length, int flags),
+OX_WRAP(int, socket, kind_of_socket(domain, type), (int domain, int type, int protocol),
+        (domain, type, protocol))
+OX_WRAP(int, listen, kind_of(fd), (int fd, int backlog), (fd, backlog))
+OX_WRAP(int, accept4, kind_of(fd), (int fd, sockaddr* address, socklen_t* length, int flags),
         (fd, address, length, flags))
-OX_WRAP(int, getpeername, (int fd, sockaddr* address, socklen_t* length), (fd, address, length))
-OX_WRAP(ssize_t, sendto,
+OX_WRAP(int, getpeername, kind_of(fd), (int fd, sockaddr* address, socklen_t* length),
+        (fd, address, length))
+OX_WRAP(ssize_t, sendto, kind_of(fd),
         (int fd, const void* bytes, size_t size, int flags, const sockaddr* to, socklen_t length),
         (fd, bytes, size, flags, to, length))
-OX_WRAP(ssize_t, send, (int fd, const void* bytes, size_t size, int flags),
+OX_WRAP(ssize_t, send, kind_of(fd), (int fd, const void* bytes, size_t size, int flags),
         (fd, bytes, size, flags))
-OX_WRAP(ssize_t, recv, (int fd, void* bytes, size_t size, int flags), (fd, bytes, size, flags))
-OX_WRAP_CHECKED(ssize_t, recv, __recv_chk,
+OX_WRAP(ssize_t, recv, kind_of(fd), (int fd, void* bytes, size_t size, int flags),
+        (fd, bytes, size, flags))
+OX_WRAP_CHECKED(ssize_t, recv, __recv_chk, kind_of(fd),
                 (int fd, void* bytes, size_t size, size_t room, int flags),
                 (fd, bytes, size, room, flags))
-OX_WRAP(ssize_t, recvfrom,
+OX_WRAP(ssize_t, recvfrom, kind_of(fd),
         (int fd, void* bytes, size_t size, int flags, sockaddr* from, socklen_t* length),
         (fd, bytes, size, flags, from, length))
-OX_WRAP_CHECKED(ssize_t, recvfrom, __recvfrom_chk,
+OX_WRAP_CHECKED(ssize_t, recvfrom, __recvfrom_chk, kind_of(fd),
                 (int fd, void* bytes, size_t size, size_t room, int flags, sockaddr* from,
                  socklen_t* length),
                 (fd, bytes, size, room, flags, from, length))
-OX_WRAP(int, poll, (pollfd * entries, nfds_t count, int timeout_ms), (entries, count, timeout_ms))
-OX_WRAP_CHECKED(int, poll, __poll_chk,
+OX_WRAP(int, poll, kind_of(entries), (pollfd * entries, nfds_t count, int timeout_ms),
+        (entries, count, timeout_ms))
+OX_WRAP_CHECKED(int, poll, __poll_chk, kind_of(entries),
                 (pollfd * entries, nfds_t count, int timeout_ms, size_t room),
                 (entries, count, timeout_ms, room))
-OX_WRAP(ssize_t, write, (int fd, const void* bytes, size_t size), (fd, bytes, size))
+OX_WRAP(ssize_t, write, kind_of(fd), (int fd, const void* bytes, size_t size), (fd, bytes, size))
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
                    void* argument) {
     static auto* const real =
         next<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
-    return fails("pthread_create") ? errno : real(thread, attributes, run, argument);
+    return fails("pthread_create", "") ? errno : real(thread, attributes, run, argument);
 }
 
 }  // extern "C"
