@@ -43,47 +43,38 @@ TEST(KeyframeRequest, OneAlreadyUnderWayAnswersIt) {
     EXPECT_TRUE(fresh.keyframe_requested);
 }
 
-class FeedbackHandlerTest : public testing::Test {
-  protected:
-    /// True when the packet made the session want a keyframe.
-    bool asks(const InputPacket& packet, int64_t now_us) {
-        signals_.keyframe_requested = false;
-        handler_.handle(packet, now_us);
-        return signals_.keyframe_requested;
-    }
-
-    const InputPacket plain_ = launcher::make_keyframe_request();
-    const InputPacket valid_ = launcher::make_lost_frames_request(
+TEST(FeedbackHandler, EveryWishIsTestedAndValidRfiRequestsAskAtMostOnceASecond) {
+    const InputPacket plain = launcher::make_keyframe_request();
+    const InputPacket valid = launcher::make_lost_frames_request(
         {.last_delivered = 7, .first_missing = 8, .last_missing = 9, .attempt = 1});
-    const InputPacket rejected_ = launcher::make_lost_frames_request(
+    const InputPacket rejected = launcher::make_lost_frames_request(
         {.last_delivered = 7, .first_missing = 9, .last_missing = 9, .attempt = 1});
-    const InputPacket report_ = launcher::make_media_feedback(
+    const InputPacket report = launcher::make_media_feedback(
         {.loss_pct = 1.25, .rtt_ms = 31, .decoded_fps = 60, .keyframe_wanted = true});
-    SessionSignals signals_;
-    FeedbackHandler handler_{signals_};
-};
-
-TEST_F(FeedbackHandlerTest, EveryFeedbackWishGoesThroughTheInFlightTest) {
-    signals_.last_keyframe_sent_us = 1'000'000;
-    for (const InputPacket& wish : {plain_, valid_, rejected_, report_})
-        EXPECT_FALSE(asks(wish, 1'100'000));
-    EXPECT_EQ(signals_.answered_in_flight, 4U);
-    EXPECT_TRUE(asks(report_, 2'000'000));
+    SessionSignals signals;
+    signals.last_keyframe_sent_us = 1'000'000;
+    FeedbackHandler handler(signals);
+    const struct {
+        const InputPacket& packet;
+        int64_t at_us;
+        bool asks;
+    } steps[] = {{plain, 1'100'000, false},    {valid, 1'100'000, false},
+                 {rejected, 1'100'000, false}, {report, 1'100'000, false},
+                 {report, 2'000'000, true},    {valid, 5'000'000, true},
+                 {valid, 5'999'999, false},    {valid, 6'000'000, true},
+                 {plain, 6'000'001, true},     {rejected, 6'000'002, true}};
+    for (const auto& [packet, at_us, asks] : steps) {
+        signals.keyframe_requested = false;
+        handler.handle(packet, at_us);
+        EXPECT_EQ(signals.keyframe_requested, asks) << +packet.kind << " at " << at_us;
+    }
+    EXPECT_EQ(signals.answered_in_flight, 4U);
+    EXPECT_EQ(handler.rfi_counters().valid, 4U);
     // Replaces what the control channel said.
     EXPECT_EQ(
-        (std::array{signals_.loss_pct.load(), signals_.rtt_ms.load(), signals_.decoded_fps.load()}),
+        (std::array{signals.loss_pct.load(), signals.rtt_ms.load(), signals.decoded_fps.load()}),
         (std::array{1.25F, 31.0F, 60.0F}));
-    EXPECT_EQ(signals_.last_media_feedback_us, 2'000'000);
-}
-
-TEST_F(FeedbackHandlerTest, ValidRfiRequestsAskAtMostOnceASecond) {
-    EXPECT_TRUE(asks(valid_, 5'000'000));
-    EXPECT_FALSE(asks(valid_, 5'999'999));
-    EXPECT_TRUE(asks(valid_, 6'000'000));
-    // Plain and rejected ones are not held back.
-    EXPECT_TRUE(asks(plain_, 6'000'001));
-    EXPECT_TRUE(asks(rejected_, 6'000'002));
-    EXPECT_EQ(handler_.rfi_counters().valid, 3U);
+    EXPECT_EQ(signals.last_media_feedback_us, 2'000'000);
 }
 
 using std::chrono::milliseconds;

@@ -8,12 +8,9 @@
 #include <array>
 #include <future>
 
-#include "support/environment.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/system_bus.h"
-#include "support/temp_dir.h"
-#include "support/unix_socket.h"
 
 namespace ox {
 namespace {
@@ -67,9 +64,7 @@ TEST(SleepInhibitor, HoldsTheLockForAsLongAsItLives) {
 }
 
 TEST(SleepInhibitor, ADeafBusCostsNoTime) {
-    const test::TempDir dir;
-    const UniqueFd listener = test::listen_unix(dir.file("deaf"));
-    const test::Environment deaf("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + dir.file("deaf"));
+    const test::DeafBus bus;
     const auto before = SteadyClock::now();
     { const SleepInhibitor inhibitor; }
     EXPECT_LT(SteadyClock::now() - before, 1s);

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -29,8 +28,7 @@ using std::chrono::seconds;
 class AudioCaptureTest : public testing::Test {
   protected:
     void program(const std::string& name, const std::string& script) const {
-        std::ofstream(dir_.file(name)) << "#!/bin/sh\n" << script << "\n";
-        ::chmod(dir_.file(name).c_str(), 0755);
+        ::chmod(dir_.write(name, "#!/bin/sh\n" + script + "\n").c_str(), 0755);
     }
     /// A recorder that notes its arguments and then does `body`.
     void recorder(const std::string& body) const {

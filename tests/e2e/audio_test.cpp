@@ -48,10 +48,7 @@ struct Listener : Player {
 TEST(Sound, IsSentAlsoWhenSilentAndItsEndCostsNeitherVideoNorTheNextLaunchersSound) {
     PulseDaemon pulse;
     ASSERT_TRUE(pulse.play_tone("out", kTone));
-    Agent agent(
-        {.arguments = {"--audio", "--audio-parity"},
-         .environment = {std::string("HOME=") + std::getenv("HOME"),
-                         std::string("XDG_RUNTIME_DIR=") + std::getenv("XDG_RUNTIME_DIR")}});
+    Agent agent({.arguments = {"--audio", "--audio-parity"}, .environment = pulse.environment()});
     auto player = std::make_optional<Listener>(agent);
     ASSERT_TRUE(player->hears(true));
 

@@ -35,7 +35,7 @@ constexpr Fault kFaults[] = {
     {"recv", "tcp", 1, ECONNRESET, true, "TcpControlServer: client closed during auth"},
     {"recv", "ox-control", 1, ECONNRESET, true, "Session: launcher reconnected"},
     {"recvfrom", "ox-probe", 1, ECONNRESET, false, "UdpSender: hole-punch probe received"},
-    {"poll", "tcp", 5, ENOMEM, true, "Standalone session ended: handshake_failed:"},
+    {"poll", "tcp", 1, ENOMEM, true, "Standalone session ended: handshake_failed:"},
     {"write", "screen", 1, ENOSPC, false, "Streaming to 127.0.0.1: H.264"},
     {"pthread_create", "", 1, EAGAIN, false, "Screen: no thread (Resource temporarily"},
     {"pthread_create", "", 2, EAGAIN, false, "Panic: cannot start the listener (Resource"},

@@ -1,4 +1,4 @@
-// The control port taken by another program, then by a stranger: the next launcher still gets in.
+// The control port taken by another program: the next launcher still gets in.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(Handshake, ABusyPortIsSaidOnceAndWaitedForAndAStrangerIsRefused) {
+TEST(Handshake, ABusyPortIsSaidOnceAndWaitedFor) {
     auto ports = std::make_shared<PortBlock>();
     UniqueFd occupier = bound_socket(SOCK_STREAM, ports->control());
     Agent agent({.ports = ports});
@@ -24,17 +24,12 @@ TEST(Handshake, ABusyPortIsSaidOnceAndWaitedForAndAStrangerIsRefused) {
     EXPECT_TRUE(agent.screen().wait_for(std::to_string(ports->control()), kPatience))
         << "the owner is not told";
     const auto cpu_before = agent.process().cpu_time();
-    std::this_thread::sleep_for(3s);  // nothing is to happen
+    std::this_thread::sleep_for(1s);  // four looks at the port, of which nothing is to come
     EXPECT_EQ(agent.log().count(bind_failed), 1U);
-    EXPECT_LE(agent.process().cpu_time() - cpu_before, 300ms) << "hot loop";
+    EXPECT_LE(agent.process().cpu_time() - cpu_before, 100ms) << "hot loop";
     occupier.reset();
     ASSERT_TRUE(agent.wait_for_log("TcpControlServer: listening on port"));
     EXPECT_TRUE(agent.screen().wait_for("Resolved: Port ", kPatience));
-
-    TcpClient stranger(agent.control_port(), kPatience);
-    stranger.send(auth_line("", "let me out"));
-    EXPECT_TRUE(agent.wait_for_log("Standalone session ended: handshake_failed:AUTH_REJECTED"));
-    EXPECT_TRUE(stranger.closed_within(kPatience));
     EXPECT_TRUE(Player(agent).receive_frames(1));
 }
 

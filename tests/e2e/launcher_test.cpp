@@ -109,9 +109,8 @@ void expect_all_of_a_session(bool lossy) {
     if (lossy) {
         pulse.emplace();
         ASSERT_TRUE(pulse->play_tone("out", 440));
-        setup = {.arguments = {"--audio", "--audio-parity"},
-                 .environment = {"OX_DEBUG_DROP_PCT=20", std::string("HOME=") + std::getenv("HOME"),
-                                 std::string("XDG_RUNTIME_DIR=") + std::getenv("XDG_RUNTIME_DIR")}};
+        setup = {.arguments = {"--audio", "--audio-parity"}, .environment = pulse->environment()};
+        setup.environment.emplace_back("OX_DEBUG_DROP_PCT=20");
     }
     Agent agent(setup);
     Options options = options_for(agent.port_base());
@@ -198,6 +197,7 @@ TEST(LauncherFailures, AreToldApart) {
 
     options.token = "wrong";
     expect(ExitStatus::Rejected, "token rejected");
+    EXPECT_TRUE(agent.wait_for_log("Standalone session ended: handshake_failed:AUTH_REJECTED"));
     options.token = test::kToken;
     options.no_end = true;
     options.seconds = 0.1;

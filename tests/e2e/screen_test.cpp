@@ -62,6 +62,9 @@ TEST(ScreenOfTheAgent, TerminalIsGivenBackWhateverSignalEndsIt) {
         ASSERT_TRUE(agent.shows("ЖДЁМ ЛАУНЧЕР")) << agent.terminal.text();
         EXPECT_FALSE(agent.is_given_back());
         EXPECT_TRUE(agent.terminal.alternate_screen());
+        const tcflag_t flags = agent.window.modes().c_lflag;
+        EXPECT_EQ(flags & static_cast<tcflag_t>(ECHO | ICANON | ISIG), tcflag_t{ISIG})
+            << "nothing typed is shown, but Ctrl+C stops";
         const auto status = agent.end_by(signal);
         const bool stops = signal == SIGINT || signal == SIGTERM || signal == SIGHUP;
         // A sanitizer reports a crash its own way.
@@ -73,7 +76,7 @@ TEST(ScreenOfTheAgent, TerminalIsGivenBackWhateverSignalEndsIt) {
     }
 }
 
-TEST(ScreenOfTheAgent, PaintsEverythingAnewAfterAStop) {
+TEST(ScreenOfTheAgent, PaintsEverythingAnewAfterAStopAndInAnotherSize) {
     AgentInTerminal agent;
     ASSERT_TRUE(agent.shows("ЖДЁМ ЛАУНЧЕР"));
     agent.agent.process().signal(SIGSTOP);
@@ -88,6 +91,10 @@ TEST(ScreenOfTheAgent, PaintsEverythingAnewAfterAStop) {
     EXPECT_TRUE(agent.shows("ЖДЁМ ЛАУНЧЕР"));
     EXPECT_EQ(agent.terminal.text().find("$ fg"), std::string::npos);
     EXPECT_TRUE(same_modes(agent.window.modes(), screen_modes));
+    agent.terminal.feed("\x1B[2J");
+    agent.terminal.resize(40, 12);
+    agent.window.resize(40, 12);
+    EXPECT_TRUE(agent.shows("ЖДЁМ ЛАУНЧЕР"));
     EXPECT_EQ(agent.end_by(SIGTERM), 0);
     EXPECT_TRUE(agent.is_given_back());
 }

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <numeric>
+#include <random>
+
 #include "e2e/watcher.h"
 #include "support/xvfb.h"
 
@@ -12,29 +15,53 @@ extern "C" {
 namespace ox::test {
 namespace {
 
-constexpr uint32_t kWidth = 640;
-constexpr uint32_t kHeight = 352;
-// No faster than a sanitized test can look at every pixel.
+constexpr int kWidth = 640;
+constexpr int kHeight = 480;
+constexpr int kFps = 60 / kSlowdown;  // no faster than a sanitized test can look at every pixel
 const Player::Setup kLauncher{
-    .width = kWidth, .height = kHeight, .fps = 60 / kSlowdown, .bitrate_kbps = 8000 / kSlowdown};
+    .width = kWidth, .height = kHeight, .fps = kFps, .bitrate_kbps = 4000};
 
-/// An X server, and an agent that captures it.
-struct CapturedScreen {
-    CapturedScreen() {
-        if (!server) return;
-        number.emplace(server->display());
-        agent.emplace(
-            Agent::Setup{.environment = {"DISPLAY=" + server->display()}, .capture = "x11"});
+/// A desktop on which so much can move that frames take several packets, and with so much detail
+/// that keyframes take several parity groups.
+class DesktopStream : public testing::Test {
+  protected:
+    void SetUp() override {
+        server_ = Xvfb::start({});
+        if (!server_) GTEST_SKIP() << "no Xvfb on this machine";
+        number_.emplace(server_->display());
+        for (int y = kHeight - 128; y < kHeight; y += 4) {
+            for (int x = 0; x < kWidth; x += 4)
+                paint(x, y, 4);
+        }
     }
-    std::unique_ptr<Xvfb> server = Xvfb::start({.screen = "640x352x24"});
-    std::optional<DrawnNumber> number;
-    std::optional<Agent> agent;
+    void paint(int x, int y, uint32_t side) {
+        number_->painter().fill(x, y, side, side, static_cast<uint32_t>(random_()));
+    }
+    [[nodiscard]] Agent::Setup capture(std::vector<std::string> environment = {}) const {
+        environment.push_back("DISPLAY=" + server_->display());
+        return {.environment = std::move(environment), .capture = "x11"};
+    }
+    bool receive_until(Player& player, const std::function<bool()>& done) {
+        // Chance has a part in what is waited for.
+        return player.receive_until(
+            [&] {
+                number_->change();
+                for (int i = 0; i < 10; ++i)
+                    paint(static_cast<int>(random_() % 40) * 16,
+                          static_cast<int>(random_() % 20 + 1) * 16, 16);
+                return done();
+            },
+            3 * kPatience);
+    }
+
+    std::unique_ptr<Xvfb> server_;
+    std::optional<DrawnNumber> number_;
+    std::minstd_rand random_{1};
 };
 
-TEST(Desktop, TheStreamFollowsAScreenThatChangesItsSize) {
-    CapturedScreen desktop;
-    if (!desktop.server) GTEST_SKIP() << "no Xvfb on this machine";
-    Player player(*desktop.agent, kLauncher);
+TEST_F(DesktopStream, TheStreamFollowsAScreenThatChangesItsSize) {
+    Agent agent(capture());
+    Player player(agent, kLauncher);
     std::array<int, 3> colour{};
     bool all_of_it = false;  // edges included
     player.on_picture = [&](const launcher::DecodedPicture& picture) {
@@ -59,36 +86,79 @@ TEST(Desktop, TheStreamFollowsAScreenThatChangesItsSize) {
     };
     for (const auto& [width, height, rgb, yuv] :
          {Step{480, 200, 0xFF0000, {82, 90, 240}}, Step{333, 351, 0x00FF00, {145, 54, 34}},
-          Step{640, 352, 0x0000FF, {41, 240, 110}}}) {
+          Step{640, 480, 0x0000FF, {41, 240, 110}}}) {
         SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height));
-        desktop.number->painter().resize_screen(width, height);
-        desktop.number->painter().fill(0, 0, width, height, rgb);
+        number_->painter().resize_screen(width, height);
+        number_->painter().fill(0, 0, width, height, rgb);
         colour = yuv;
         EXPECT_TRUE(player.receive_until([&] { return all_of_it; }));
         all_of_it = false;
     }
     EXPECT_EQ(player.pictures(), player.frames().size());
-    EXPECT_TRUE(
-        desktop.agent->wait_for_log("VideoEncoder: swscale BGRA 480x200 → yuv420p 640x352"));
+    EXPECT_TRUE(agent.wait_for_log("VideoEncoder: swscale BGRA 480x200 → yuv420p 640x480"));
 }
 
-TEST(Desktop, AKilledServerLeavesTheLastPictureAndTheSessionAlive) {
-    CapturedScreen desktop;
-    if (!desktop.server) GTEST_SKIP() << "no Xvfb on this machine";
-    Player player(*desktop.agent, kLauncher);
+TEST_F(DesktopStream, AKilledServerLeavesTheLastPictureAndTheSessionAlive) {
+    Agent agent(capture());
+    Player player(agent, kLauncher);
     Watcher watcher(player, DrawnNumber::decode);
     for (int i = 0; i < 5; ++i)
-        desktop.number->change();
+        number_->change();
     ASSERT_TRUE(player.receive_until([&] { return watcher.last() == 5; }));
-    desktop.server->kill();
+    server_->kill();
     ASSERT_TRUE(player.receive_frames(60));
-    EXPECT_TRUE(desktop.agent->wait_for_log("X11Capture: the X server is gone"));
+    EXPECT_TRUE(agent.wait_for_log("X11Capture: the X server is gone"));
     player.say("request_idr");
     const size_t before = player.frames().size();
     EXPECT_TRUE(player.receive_until([&] { return player.keyframes_since(before) > 0; }));
     EXPECT_EQ(watcher.last(), 5U) << "not the last picture, from a keyframe";
     player.say("end_session");
-    EXPECT_TRUE(desktop.agent->wait_for_log("Standalone session ended: client_end_session"));
+    EXPECT_TRUE(agent.wait_for_log("Standalone session ended: client_end_session"));
+}
+
+TEST_F(DesktopStream, SingleLossesAreRecoveredAndOthersAnsweredByAKeyframe) {
+    Agent agent(capture({"OX_DEBUG_DROP_PCT=5"}));
+    Player player(agent, kLauncher);
+    Watcher watcher(player, DrawnNumber::decode);
+    ASSERT_TRUE(receive_until(player,
+                              [&] {
+                                  const auto& stats = player.stats();
+                                  return stats.assembly.packets_recovered >= 1 &&
+                                         stats.keyframe_requests > 0 &&
+                                         player.keyframes_since(0) >= 3;
+                              }))
+        << player.stats().assembly.packets_recovered << " packets recovered";
+    const auto& stats = player.stats();
+    EXPECT_GT(stats.assembly.frames_lost, 0U);
+    EXPECT_EQ(stats.undecryptable, 0U);
+    EXPECT_EQ(player.pictures(), player.frames().size()) << "something broken was handed out";
+    // The screen comes to rest: in spite of all losses the launcher ends up with its picture.
+    EXPECT_TRUE(player.receive_until([&] { return watcher.last() == number_->number(); }));
+}
+
+TEST_F(DesktopStream, ANewBitrateIsAppliedAndKept) {
+    Agent agent(capture());
+    Player player(agent, kLauncher);
+    const auto mean_of_last = [&](size_t count) {
+        const auto begin = player.frames().end() - static_cast<ptrdiff_t>(count);
+        return std::accumulate(
+                   begin, player.frames().end(), size_t{0},
+                   [](size_t bytes, const Player::Frame& frame) { return bytes + frame.bytes; }) /
+               count;
+    };
+    ASSERT_TRUE(receive_until(player, [&] { return player.frames().size() >= 90; }));
+    const size_t before = mean_of_last(60);
+    player.say("set_settings", R"(,"bitrate":200)");
+    ASSERT_TRUE(receive_until(player, [&] {
+        return agent.log().count("VideoEncoder: reconfigure bitrate → 200kbps") > 0;
+    }));
+    const size_t changed = player.frames().size();
+    ASSERT_TRUE(receive_until(player, [&] { return player.frames().size() >= changed + 120; }));
+    EXPECT_LE(player.keyframes_since(changed), 1U) << "the reopened encoder starts with one";
+    constexpr size_t kBytesPerFrame = 200'000 / 8 / kFps;
+    EXPECT_LT(mean_of_last(60), kBytesPerFrame * 11 / 10);
+    EXPECT_GT(before, 2 * mean_of_last(60)) << "too little moved for the bitrate to matter";
+    EXPECT_EQ(player.pictures(), player.frames().size());
 }
 
 }  // namespace

@@ -172,6 +172,13 @@ void check_keyframe(Document& doc) {
     ASSERT_TRUE(parity);
     const auto around_end = parity->payload.subspan(96, 16);
     EXPECT_EQ(Bytes(around_end.begin(), around_end.end()), doc.hex("key-parity-end"));
+    // Nothing opens that was altered or cut off anywhere.
+    for (size_t i = 0; i < datagrams[3].size(); ++i) {
+        Bytes altered = datagrams[3];
+        EXPECT_FALSE(opener.open(std::span(altered).first(i))) << i;
+        altered[i] ^= 1;
+        EXPECT_FALSE(opener.open(altered)) << i;
+    }
 }
 
 void check_large_group_number(Document& doc) {

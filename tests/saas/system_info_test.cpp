@@ -2,30 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "saas/load_probe.h"
 #include "support/temp_dir.h"
 
 namespace ox {
 namespace {
 
-/// A folder that stands for the root of a PC.
-struct FakeRoot {
-    void write(const std::string& path, const std::string& text) const {
-        const std::filesystem::path file = dir.file(path);
-        std::filesystem::create_directories(file.parent_path());
-        std::ofstream(file) << text;
-    }
-    std::string path() const { return dir.path().string(); }
-
-    test::TempDir dir;
-};
-
 TEST(SystemInfo, ReadsAWholePcAndPrefersTheNvidiaDriversName) {
-    const FakeRoot root;
-    EXPECT_EQ(detect_system_info(root.path()).ram_mb, 0U);  // nothing can be read
+    const test::TempDir root;                                        // stands for that of a PC
+    EXPECT_EQ(detect_system_info(root.path().string()).ram_mb, 0U);  // nothing can be read
     root.write("proc/cpuinfo",
                "processor\t: 0\nmodel name\t: Example CPU: 8 cores \nmodel name\t: other\n");
     root.write("proc/meminfo", "MemTotal:       16384000 kB\nMemAvailable:    1536 kB\n");
@@ -36,19 +21,19 @@ TEST(SystemInfo, ReadsAWholePcAndPrefersTheNvidiaDriversName) {
     root.write("sys/class/drm/card0/device/uevent", "PCI_ID=1\n");
     root.write("sys/class/drm/card1/device/uevent", "PCI_ID=1\nDRIVER=amdgpu\n");
     root.write("sys/class/drm/card2/device/uevent", "DRIVER=i915\n");
-    const SystemInfo info = detect_system_info(root.path());
+    const SystemInfo info = detect_system_info(root.path().string());
     EXPECT_EQ(info.cpu_model, "Example CPU: 8 cores");
     EXPECT_EQ(info.ram_mb, 16'000U);
     EXPECT_EQ(info.os_version, "Example Linux 12");
     EXPECT_EQ(info.gpu_model, "amdgpu GPU");
-    EXPECT_DOUBLE_EQ(LoadProbe(root.path()).ram_free_mb(), 1.5);
+    EXPECT_DOUBLE_EQ(LoadProbe(root.path().string()).ram_free_mb(), 1.5);
     root.write("proc/driver/nvidia/gpus/1/information", "IRQ: 1\nModel: \t NV 9\n");
-    EXPECT_EQ(detect_system_info(root.path()).gpu_model, "NV 9");
+    EXPECT_EQ(detect_system_info(root.path().string()).gpu_model, "NV 9");
 }
 
 TEST(LoadProbe, ComparesWithThePreviousCall) {
-    const FakeRoot root;
-    LoadProbe load(root.path());
+    const test::TempDir root;  // stands for that of a PC
+    LoadProbe load(root.path().string());
     for (const auto& [stat, percent] : {
              std::pair{"", 0.0F},
              {"cpu  10 10 10 50 10 4 3 3 1000 1000\ncpu0 1\n", 40.0F},  // no guest columns

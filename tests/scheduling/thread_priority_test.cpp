@@ -18,7 +18,6 @@
 #include "scheduling/real_time_priority.h"
 #include "support/log_capture.h"
 #include "support/system_bus.h"
-#include "support/unix_socket.h"
 
 namespace ox {
 namespace {
@@ -167,19 +166,16 @@ TEST(ThreadPriority, RaisedThreadsHandNothingOnAndGiveItBack) {
 }
 
 TEST(ThreadPriority, AHangingBusCostsNoTime) {
-    const test::TempDir dir;
-    const std::string path = dir.file("deaf");
-    const UniqueFd listener = test::listen_unix(path);
-    ASSERT_TRUE(listener);
-    const test::Environment deaf("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + path);
+    const test::DeafBus bus;
     std::vector<UniqueFd> crowd;
     for (const bool is_crowded : {false, true}) {
         // In the end as many as may wait for it to accept them do so.
         while (is_crowded && (crowd.empty() || crowd.back())) {
-            crowd.push_back(test::unix_socket(path, [](int fd, const sockaddr* at, socklen_t size) {
-                ::fcntl(fd, F_SETFL, O_NONBLOCK);
-                return ::connect(fd, at, size);
-            }));
+            crowd.push_back(
+                test::unix_socket(bus.path, [](int fd, const sockaddr* at, socklen_t size) {
+                    ::fcntl(fd, F_SETFL, O_NONBLOCK);
+                    return ::connect(fd, at, size);
+                }));
         }
         std::jthread([] {
             become_ordinary_user();

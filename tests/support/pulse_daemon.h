@@ -6,6 +6,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "support/child_process.h"
 #include "support/eventually.h"
@@ -58,6 +59,12 @@ class PulseDaemon {
     bool play_tone(const std::string& sink, int hertz) const {
         return pactl("load-module module-sine sink=" + sink +
                      " frequency=" + std::to_string(hertz));
+    }
+
+    /// For an agent that is to find this server.
+    static std::vector<std::string> environment() {
+        return {std::string("HOME=") + std::getenv("HOME"),
+                std::string("XDG_RUNTIME_DIR=") + std::getenv("XDG_RUNTIME_DIR")};
     }
 
   private:

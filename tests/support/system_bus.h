@@ -9,6 +9,7 @@
 #include "support/environment.h"
 #include "support/eventually.h"
 #include "support/temp_dir.h"
+#include "support/unix_socket.h"
 
 namespace ox::test {
 
@@ -37,6 +38,18 @@ class SystemBus {
 
   public:
     BusConnection service{{}};  ///< the service's end
+};
+
+/// A system bus that lets everybody connect and never says anything.
+class DeafBus {
+    TempDir dir_;
+
+  public:
+    const std::string path = dir_.file("deaf");
+
+  private:
+    UniqueFd listener_ = listen_unix(path);
+    Environment variable_{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + path};
 };
 
 }  // namespace ox::test

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include <stdlib.h>
 
@@ -27,6 +29,12 @@ class TempDir {
     [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
     [[nodiscard]] std::string file(const std::string& name) const {
         return (path_ / name).string();
+    }
+    /// Writes a file, and the folders on the way to it. Gives its path.
+    std::string write(const std::string& name, std::string_view text) const {
+        std::filesystem::create_directories((path_ / name).parent_path());
+        std::ofstream(path_ / name, std::ios::binary) << text;
+        return file(name);
     }
 
   private:

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <csignal>
+#include <optional>
 
 #include "support/eventually.h"
 #include "support/pseudo_terminal.h"
@@ -19,55 +20,25 @@
 namespace ox::tui {
 namespace {
 
-TEST(FullScreen, FollowsTheBoardAndTheWindowAndEndsWithWhatWentWrong) {
-    const ox::test::PseudoTerminal window(80, 24);
-    ox::test::TerminalModel terminal(80, 24);
-    const auto shows = [&](const std::string& text) {
-        return ox::test::eventually([&] {
-            terminal.feed(window.read_all());
-            return terminal.text().find(text) != std::string::npos;
-        });
-    };
-    const ox::test::RedirectedFd redirected(STDOUT_FILENO, window.program.get());
-    Board board;
-    ScreenRunner runner;
-    runner.start(Lang::English, board, ColourMode::TrueColour);
-    EXPECT_TRUE(shows("Connecting to the platform"));
-    EXPECT_EQ(window.modes().c_lflag & static_cast<tcflag_t>(ECHO | ICANON), 0U);
-    EXPECT_NE(window.modes().c_lflag & static_cast<tcflag_t>(ISIG), 0U) << "Ctrl+C must stop";
-
-    board.update([](Snapshot& state) { state = test::streaming_board(); });
-    EXPECT_TRUE(shows("PLAYER CONNECTED"));
-    terminal.resize(40, 12);
-    window.resize(40, 12);
-    EXPECT_TRUE(shows("23.4\u00A0Mbit/s"));
-    EXPECT_TRUE(shows("ORVEX 0.4.448"));
-
-    board.push(EventKind::StoppedOnError);
-    runner.stop();
-    const std::string end = window.read_all();
-    EXPECT_EQ(end.substr(end.rfind("The agent")),
-              "The agent stopped on an error: /var/log/agent.log\r\n");
-}
-
-TEST(FullScreen, StalledTerminalMissesPicturesButNeverGetsPartsOfThem) {
+TEST(FullScreen, StalledTerminalMissesPicturesButNeverPartsOfThemNorTheLastWords) {
     const ox::test::OutputPipe pipe;
     pipe.fill();
     Snapshot board = test::streaming_board();
-    FullScreen screen(pipe.writer.get(), Lang::English, Host::Desktop, ColourMode::Ansi);
-    screen.paint(board);
+    std::optional<FullScreen> screen(std::in_place, pipe.writer.get(), Lang::English, Host::Desktop,
+                                     ColourMode::Ansi);
+    screen->paint(board);
     // Long enough for several more pictures. A screen that waits would never come back.
     board.session.width = 77'777;
     const auto end = SteadyClock::now() + std::chrono::milliseconds(250);
     while (SteadyClock::now() < end)
-        screen.paint(board);
+        screen->paint(board);
     EXPECT_EQ(pipe.read_all(), "");
     board.session.width = 1234;
-    screen.paint(board);
+    screen->paint(board);
     std::string written;
     ox::test::TerminalModel terminal(80, 24);
     EXPECT_TRUE(ox::test::eventually([&] {
-        screen.idle();
+        screen->idle();
         const std::string bytes = pipe.read_all();
         written += bytes;
         terminal.feed(bytes);
@@ -75,6 +46,10 @@ TEST(FullScreen, StalledTerminalMissesPicturesButNeverGetsPartsOfThem) {
     })) << terminal.text();
     EXPECT_EQ(written.find("77777"), std::string::npos) << "pictures pile up";
     EXPECT_EQ(terminal.unknown(), "");
+    board.events.back().kind = EventKind::StoppedOnError;
+    screen->paint(board);
+    screen.reset();
+    EXPECT_TRUE(pipe.read_all().ends_with("The agent stopped on an error: /var/log/agent.log\n"));
 }
 
 TEST(ScreenRunner, StopsInTimeWhateverStandardOutputDoes) {
