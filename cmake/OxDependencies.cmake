@@ -21,7 +21,8 @@ ox_require(FFMPEG "FFmpeg 5.1" libavcodec>=59.37 libavutil>=57.28 libswscale>=6.
 ox_require(AVFORMAT "FFmpeg 5.1" libavformat>=59.27)
 ox_require(OPUS "Opus 1.3" opus>=1.3)
 ox_require(PULSE "PulseAudio 16.1" libpulse>=16.1)
-ox_require(X11 "libX11 1.8 with libXext 1.3" x11>=1.8 xext>=1.3)
+ox_require(X11 "libX11 1.8 with libXdamage 1.1, libXext 1.3 and libXfixes 6.0"
+           x11>=1.8 x11-xcb>=1.8 xcb>=1.15 xdamage>=1.1 xext>=1.3 xfixes>=6.0)
 ox_require(XAU "libXau 1.0" xau>=1.0)
 ox_require(DBUS "D-Bus 1.14" dbus-1>=1.14)
 ox_require(PIPEWIRE "PipeWire 0.3.65" libpipewire-0.3>=0.3.65)

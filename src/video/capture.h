@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "desktop/desktop.h"
+#include "video/change_times.h"
 
 namespace ox {
 
@@ -33,6 +34,8 @@ struct CapturedFrame {
     uint32_t width = 0;
     uint32_t height = 0;
     uint64_t timestamp = 0;  ///< steady-clock us when the picture was taken; 0 when not known
+    /// Names the pixels: two frames of one backend with the same number hold the same. 0: unknown.
+    uint64_t content = 0;
 
     [[nodiscard]] const uint8_t* pixels() const { return lent ? lent.get() : data.data(); }
     [[nodiscard]] bool empty() const {
@@ -50,6 +53,9 @@ class ICapture {
     virtual int capture_frame(CapturedFrame& frame) = 0;
     [[nodiscard]] virtual uint32_t width() const = 0;
     [[nodiscard]] virtual uint32_t height() const = 0;
+    /// When the picture changed, as far as the backend hears of it; null where it does not. Valid
+    /// until the next call of another function.
+    [[nodiscard]] virtual ChangeTimes* changes() { return nullptr; }
     /// Releases everything. Safe to call twice.
     virtual void shutdown() {}
 };

@@ -38,6 +38,7 @@ struct VideoEncoder::Impl {
     void explain_failures(bool wanted);
     void explain_breakdown(const LibavLogTape& tape);
     void watch_speed(uint64_t began_at, uint64_t ended_at);
+    bool convert(const uint8_t* pixels, uint64_t content);
 
     EncoderSettings settings;
     const EncoderChoice* choice = nullptr;  // of the open session
@@ -45,6 +46,7 @@ struct VideoEncoder::Impl {
     std::string node;                       // render node of the open session, or of the last one
     std::unique_ptr<CodecSession> session;  // null while closed
     std::optional<PictureConverter> converter;
+    uint64_t converted = 0;  // the content that the session's picture holds; 0: not known
     EncodeBacklog backlog;
     std::vector<EncoderFailure> failures;
     bool told_slow = false;
@@ -110,6 +112,7 @@ bool VideoEncoder::Impl::open_on(const EncoderChoice& wanted, const std::string&
     }
     converter.emplace(session->picture_format(), settings.width, settings.height);
     told_slow = false;
+    converted = 0;
     return true;
 }
 
@@ -158,6 +161,16 @@ void VideoEncoder::Impl::watch_speed(uint64_t began_at, uint64_t ended_at) {
             static_cast<double>(ended_at - began_at) / 1e6);
 }
 
+/// False when the session has failed.
+bool VideoEncoder::Impl::convert(const uint8_t* pixels, uint64_t content) {
+    if (content != 0 && content == converted) return true;
+    converted = 0;
+    AVFrame* picture = session->writable_picture();
+    if (picture == nullptr || !converter->convert(pixels, *picture)) return false;
+    converted = content;
+    return true;
+}
+
 VideoEncoder::VideoEncoder() : impl_(std::make_unique<Impl>()) {
     route_libav_log();
 }
@@ -173,7 +186,7 @@ bool VideoEncoder::init(const EncoderSettings& settings) {
 }
 
 bool VideoEncoder::encode_bgra(const uint8_t* pixels, uint32_t source_width, uint32_t source_height,
-                               uint64_t timestamp, EncodedFrame& out) {
+                               uint64_t timestamp, EncodedFrame& out, uint64_t content) {
     if (!impl_->session || pixels == nullptr || source_width == 0 || source_height == 0) {
         return false;
     }
@@ -190,7 +203,7 @@ bool VideoEncoder::encode_bgra(const uint8_t* pixels, uint32_t source_width, uin
     out.timestamp = timestamp;
     if (!impl_->converter->ensure_input_ready(source_width, source_height)) return false;
     const LibavLogTape tape;
-    if (!encode(pixels, timestamp, out)) {
+    if (!encode(pixels, timestamp, content, out)) {
         impl_->explain_breakdown(tape);
         return false;
     }
@@ -200,10 +213,10 @@ bool VideoEncoder::encode_bgra(const uint8_t* pixels, uint32_t source_width, uin
 }
 
 /// False when the session has failed.
-bool VideoEncoder::encode(const uint8_t* pixels, uint64_t timestamp, EncodedFrame& out) {
+bool VideoEncoder::encode(const uint8_t* pixels, uint64_t timestamp, uint64_t content,
+                          EncodedFrame& out) {
     CodecSession& session = *impl_->session;
-    AVFrame* picture = session.writable_picture();
-    if (picture == nullptr || !impl_->converter->convert(pixels, *picture)) return false;
+    if (!impl_->convert(pixels, content)) return false;
     const bool keyframe = force_idr.exchange(false);
     if (keyframe) OX_DEBUG("VideoEncoder: forcing IDR");
     if (!session.send_picture(keyframe, timestamp)) return false;

@@ -38,9 +38,10 @@ class VideoEncoder {
     /// Encodes one picture of `source_width` x `source_height` tightly packed BGRA pixels, with
     /// `kReadSlack` (video/capture.h) readable bytes behind them if it has to be scaled. True with
     /// empty `out.data` while an encoder buffers; `out.timestamp` is that of the picture that came
-    /// out. False when not open or on an encoder failure, whose cause is logged.
+    /// out. False when not open or on an encoder failure, whose cause is logged. A `content` other
+    /// than 0 names the pixels: a picture with the number of the one before is not converted again.
     bool encode_bgra(const uint8_t* pixels, uint32_t source_width, uint32_t source_height,
-                     uint64_t timestamp, EncodedFrame& out);
+                     uint64_t timestamp, EncodedFrame& out, uint64_t content = 0);
 
     /// Re-opens the same backend at a new bitrate; the next encoded picture is a keyframe. When it
     /// refuses, it is tried once more at the old bitrate, then what else the settings allow: `name`
@@ -74,7 +75,7 @@ class VideoEncoder {
     std::atomic<bool> force_idr{false};
 
   private:
-    bool encode(const uint8_t* pixels, uint64_t timestamp, EncodedFrame& out);
+    bool encode(const uint8_t* pixels, uint64_t timestamp, uint64_t content, EncodedFrame& out);
 
     struct Impl;
     std::unique_ptr<Impl> impl_;

@@ -1,16 +1,17 @@
 #include "video/x11_capture.h"
 
-#include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <string_view>
 #include <utility>
 
 #include "base/clock.h"
-#include "desktop/x_server.h"
 #include "log/log.h"
+#include "video/picture_hash.h"
+#include "video/x11_damage_watch.h"
 #include "video/x11_diagnosis.h"
 #include "video/x11_grabber.h"
+#include "video/x11_image_reader.h"
+#include "video/x11_pointer.h"
 
 namespace ox {
 namespace {
@@ -20,28 +21,6 @@ constexpr size_t kPixelBytes = 4;
 bool plausible(ScreenSize size) {
     return size.width >= 1 && size.width <= X11Capture::kMaxSide && size.height >= 1 &&
            size.height <= X11Capture::kMaxSide;
-}
-
-PixelLayout layout_of(const XImage& image) {
-    return {.bits_per_pixel = image.bits_per_pixel,
-            .msb_first = image.byte_order == MSBFirst,
-            .red_mask = image.red_mask,
-            .green_mask = image.green_mask,
-            .blue_mask = image.blue_mask};
-}
-
-const uint8_t* row_of(const XImage& image, uint32_t y) {
-    return reinterpret_cast<const uint8_t*>(image.data) +
-           size_t{y} * static_cast<size_t>(image.bytes_per_line);
-}
-
-/// Through Xlib's own reader, for pixels that do not fill whole 16- or 32-bit words.
-void unpack_slowly(const XImage& image, uint32_t y, const PixelUnpacker& unpacker, uint8_t* out) {
-    auto& readable = const_cast<XImage&>(image);  // XGetPixel changes nothing
-    for (int x = 0; x < image.width; ++x) {
-        const uint32_t bgra = unpacker.to_bgra(XGetPixel(&readable, x, static_cast<int>(y)));
-        std::memcpy(out + static_cast<size_t>(x) * kPixelBytes, &bgra, kPixelBytes);
-    }
 }
 
 }  // namespace
@@ -67,6 +46,8 @@ bool X11Capture::init() {
             "PipeWire capture backend.");
     }
     if (!connect()) return false;
+    watch_changes();
+    show_pointer();
     // Asked for anew: the size that the connection came with may be older than the watch for
     // changes.
     if (!set_up(connection_->query_size().value_or(ScreenSize{}))) {
@@ -77,18 +58,11 @@ bool X11Capture::init() {
 }
 
 bool X11Capture::connect() {
-    constexpr std::chrono::seconds kHandshakeLimit{3};
-    const char* const name = XDisplayName(display_name_.empty() ? nullptr : display_name_.c_str());
-    const auto deadline = SteadyClock::now() + kHandshakeLimit;
-    // Xlib would wait for ever for a server that hangs. A connection that was let in stays for as
-    // long as Xlib makes its own: with its last client a server may start anew.
-    UniqueFd foothold;
-    if (const auto number = local_display_number(name))
-        foothold = enter_x_server(*number, authorization_, deadline, cancelled_);
-    if (!foothold && cancelled_ && cancelled_()) return false;
-    const bool hangs = !foothold && SteadyClock::now() >= deadline;
-    if (!hangs) connection_ = XConnection::open(display_name_, authorization_, cancelled_);
+    bool hangs = false;
+    connection_ = XConnection::open(display_name_, authorization_, cancelled_, hangs);
     if (connection_) return true;
+    if (cancelled_ && cancelled_()) return false;
+    const char* const name = XDisplayName(display_name_.empty() ? nullptr : display_name_.c_str());
     OX_ERROR("X11Capture: cannot open display '%s' — use --capture synthetic for headless", name);
     if (hangs) {
         OX_WARN("X11Capture: the X server of %s does not answer — restart the desktop", name);
@@ -99,9 +73,30 @@ bool X11Capture::connect() {
     return false;
 }
 
+void X11Capture::watch_changes() {
+    freshness_ = {};
+    bool hangs = false;
+    // Asked over this connection, too: its own requests need the extension.
+    int first_event = 0;
+    int first_error = 0;
+    if (XDamageQueryExtension(connection_->display(), &first_event, &first_error) != 0) {
+        auto second = XConnection::open(display_name_, authorization_, cancelled_, hangs);
+        if (second) damage_ = X11DamageWatch::start(std::move(second));
+    }
+    if (!damage_) OX_DEBUG("X11Capture: the X server does not tell of changes");
+}
+
+void X11Capture::show_pointer() {
+    pointer_ = X11Pointer::open(*connection_);
+    if (!pointer_) OX_INFO("X11Capture: no XFIXES — pictures without the mouse pointer");
+}
+
 /// Makes the grabber for a screen of this size. False, after a log line, when none works.
 bool X11Capture::set_up(ScreenSize size) {
     grabber_.reset();
+    overlay_.forget();
+    freshness_.forget();
+    kept_hash_.reset();
     if (!plausible(size)) {
         OX_ERROR("X11Capture: implausible geometry %ux%u", size.width, size.height);
         return false;
@@ -119,27 +114,76 @@ bool X11Capture::set_up(ScreenSize size) {
     }
     width_ = size.width;
     height_ = size.height;
-    const PixelLayout layout = layout_of(grabber_->image());
-    direct_bgra_ = layout.is_bgra();
-    unpacker_ = PixelUnpacker(layout);
+    reader_ = std::make_unique<XImageReader>(grabber_->image());
+    lends_ = reader_->is_picture() && grabber_->lend() != nullptr;
     OX_INFO("X11Capture: %ux%u via %s (depth %d)", width_, height_, way, grabber_->image().depth);
     return true;
 }
 
 int X11Capture::capture_frame(CapturedFrame& frame) {
     if (!connection_) return 1;
-    const auto resized = connection_->take_size_change();
-    if (resized && (!grabber_ || *resized != ScreenSize{width_, height_})) set_up(*resized);
-    if (!grab_current_size()) {
+    take_events();
+    if (pointer_) pointer_->ask();
+    lift_pointer();
+    const bool refreshed = refresh();
+    if (pointer_) pointer_->update();
+    if (!refreshed) {
+        if (grabber_ && lends_) lay_pointer(lent_memory());
         report_outage();
         return 1;
     }
     outage_reported_ = false;
     watch_for_black();
-    fill(frame);
+    deliver(frame);
     frame.timestamp = steady_now_us();
     ++frames_;
     return 0;
+}
+
+void X11Capture::take_events() {
+    std::optional<ScreenSize> resized;
+    connection_->take_events([&](const XEvent& event) {
+        if (const auto size = connection_->size_in(event)) resized = size;
+        if (pointer_) pointer_->on_event(event);
+    });
+    if (resized && (!grabber_ || *resized != ScreenSize{width_, height_})) set_up(*resized);
+}
+
+/// Brings the grabber's image up to date. False when that cannot be done.
+bool X11Capture::refresh() {
+    using Need = PictureFreshness::Need;
+    if (!grabber_ || connection_->lost()) return false;
+    const auto now = SteadyClock::now();
+    // Read before the grab: what is announced later, the grab may have missed.
+    const uint64_t announced = damage_ ? damage_->changes().count() : 0;
+    const Need need = damage_ ? freshness_.next(announced, now) : Need::Fetch;
+    if (need == Need::Nothing) return true;
+    if (!freshness_.trusted() && damage_) {
+        OX_DEBUG("X11Capture: the screen changes without the X server telling of it");
+        damage_.reset();
+    }
+    if (need == Need::Check && !kept_hash_) kept_hash_ = hash_of_image();
+    if (damage_) damage_->expect_change(*connection_);
+    if (!grab_current_size()) return false;
+    freshness_.fetched(announced, now);
+    if (need == Need::Check && check_kept_picture(now)) return true;
+    if (need == Need::Fetch) kept_hash_.reset();
+    ++content_;
+    return true;
+}
+
+/// Whether the picture that was fetched for a check is the kept one.
+bool X11Capture::check_kept_picture(SteadyClock::time_point now) {
+    const std::optional<uint64_t> kept = std::exchange(kept_hash_, hash_of_image());
+    if (kept == kept_hash_) return true;
+    if (kept) freshness_.found_change(now);  // else the screen has changed its size
+    return false;
+}
+
+uint64_t X11Capture::hash_of_image() const {
+    const XImage& image = grabber_->image();
+    return hash_picture(XImageReader::row_of(image, 0), static_cast<size_t>(image.bytes_per_line),
+                        XImageReader::row_bytes(image), height_);
 }
 
 /// Grabs; when the screen has just shrunk, so that the server refuses, once more in the new size.
@@ -159,9 +203,9 @@ void X11Capture::report_outage() {
 
 void X11Capture::watch_for_black() {
     const XImage& image = grabber_->image();
-    const size_t row_bytes = (size_t{width_} * static_cast<size_t>(image.bits_per_pixel) + 7) / 8;
-    if (!black_frames_.observe(row_of(image, 0), static_cast<size_t>(image.bytes_per_line),
-                               row_bytes, height_)) {
+    if (!black_frames_.observe(XImageReader::row_of(image, 0),
+                               static_cast<size_t>(image.bytes_per_line),
+                               XImageReader::row_bytes(image), height_)) {
         return;
     }
     OX_WARN(
@@ -170,35 +214,48 @@ void X11Capture::watch_for_black() {
         "backend; --capture synthetic is test-only.");
 }
 
-void X11Capture::fill(CapturedFrame& frame) const {
-    const XImage& image = grabber_->image();
-    const size_t row_bytes = size_t{width_} * kPixelBytes;
+PictureView X11Capture::lent_memory() const {
+    return {reinterpret_cast<uint8_t*>(grabber_->image().data), width_, height_};
+}
+
+void X11Capture::lift_pointer() {
+    if (grabber_ && lends_) overlay_.restore(lent_memory());
+}
+
+void X11Capture::lay_pointer(PictureView picture) {
+    if (pointer_ && pointer_->visible()) {
+        overlay_.draw(picture, pointer_->image(), pointer_->x(), pointer_->y());
+    }
+}
+
+void X11Capture::deliver(CapturedFrame& frame) {
+    const uint64_t look = pointer_ && pointer_->visible() ? pointer_->look() : 0;
+    if (std::exchange(shown_look_, look) != look) ++content_;
+    const size_t bytes = size_t{width_} * height_ * kPixelBytes;
+    if (lends_) {
+        lay_pointer(lent_memory());
+        frame.lent = grabber_->lend();
+        frame.data = {};
+    } else if (frame.lent || frame.content != content_ || frame.data.size() != bytes) {
+        frame.lent.reset();
+        resize_with_slack(frame.data, bytes);
+        reader_->read(grabber_->image(), frame.data.data());
+        lay_pointer({frame.data.data(), width_, height_});
+    }
     frame.width = width_;
     frame.height = height_;
-    frame.lent.reset();
-    if (direct_bgra_ && static_cast<size_t>(image.bytes_per_line) == row_bytes) {
-        frame.lent = grabber_->lend();
-        if (frame.lent) {
-            frame.data = {};
-            return;
-        }
-    }
-    resize_with_slack(frame.data, row_bytes * height_);
-    for (uint32_t y = 0; y < height_; ++y) {
-        uint8_t* out = frame.data.data() + y * row_bytes;
-        if (direct_bgra_) {
-            copy_bgra_opaque(row_of(image, y), width_, out);
-        } else if (unpacker_.reads_rows()) {
-            unpacker_.unpack_row(row_of(image, y), width_, out);
-        } else {
-            unpack_slowly(image, y, unpacker_, out);
-        }
-    }
+    frame.content = content_;
+}
+
+ChangeTimes* X11Capture::changes() {
+    return damage_ ? &damage_->changes() : nullptr;
 }
 
 void X11Capture::shutdown() {
     if (connection_) connection_->begin_close();
+    damage_.reset();
     grabber_.reset();
+    pointer_.reset();
     if (!connection_) return;
     connection_.reset();
     OX_DEBUG("X11Capture: closed (%llu frames)", static_cast<unsigned long long>(frames_));

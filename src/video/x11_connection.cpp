@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/clock.h"
+#include "desktop/x_server.h"
 #include "log/log.h"
 
 namespace ox {
@@ -53,11 +54,24 @@ void authorize(const XAuthorization& authorization) {
 
 std::unique_ptr<XConnection> XConnection::open(const std::string& name,
                                                const XAuthorization& authorization,
-                                               Cancelled cancelled) {
+                                               Cancelled cancelled, bool& hangs) {
+    constexpr std::chrono::seconds kHandshakeLimit{3};
+    XInitThreads();  // each connection is one thread's, but Xlib's lists of extensions are
+                     // everyone's
     XSetErrorHandler(on_refused_request);
     XSetIOErrorHandler(on_lost_connection);
+    const char* const asked = name.empty() ? nullptr : name.c_str();
+    const auto deadline = SteadyClock::now() + kHandshakeLimit;
+    // Xlib would wait for ever for a server that hangs. A connection that was let in stays for as
+    // long as Xlib makes its own: with its last client a server may start anew.
+    UniqueFd foothold;
+    if (const auto number = local_display_number(XDisplayName(asked)))
+        foothold = enter_x_server(*number, authorization, deadline, cancelled);
+    if (!foothold && cancelled && cancelled()) return nullptr;
+    hangs = !foothold && SteadyClock::now() >= deadline;
+    if (hangs) return nullptr;
     authorize(authorization);
-    Display* display = XOpenDisplay(name.empty() ? nullptr : name.c_str());
+    Display* display = XOpenDisplay(asked);
     authorize({});
     if (display == nullptr) return nullptr;
     return std::unique_ptr<XConnection>(new XConnection(display, std::move(cancelled)));
@@ -103,17 +117,18 @@ Window XConnection::root() const {
     return XDefaultRootWindow(display_);
 }
 
-std::optional<ScreenSize> XConnection::take_size_change() {
-    std::optional<ScreenSize> size;
+void XConnection::take_events(const std::function<void(const XEvent&)>& sink) {
     while (!lost_ && XEventsQueued(display_, QueuedAfterReading) > 0) {
         XEvent event;
         XNextEvent(display_, &event);
-        if (event.type == ConfigureNotify && event.xconfigure.window == root()) {
-            size = {static_cast<uint32_t>(event.xconfigure.width),
-                    static_cast<uint32_t>(event.xconfigure.height)};
-        }
+        sink(event);
     }
-    return size;
+}
+
+std::optional<ScreenSize> XConnection::size_in(const XEvent& event) const {
+    if (event.type != ConfigureNotify || event.xconfigure.window != root()) return std::nullopt;
+    return ScreenSize{static_cast<uint32_t>(event.xconfigure.width),
+                      static_cast<uint32_t>(event.xconfigure.height)};
 }
 
 std::optional<ScreenSize> XConnection::query_size() {

@@ -36,10 +36,11 @@ class XConnection {
     using Cancelled = std::function<bool()>;
 
     /// `name` is a display name or empty for `$DISPLAY`; without an authorization Xlib looks for
-    /// one. Null when there is no such server, or when it does not let us in.
+    /// one. Null when there is no such server, when it does not let us in, or, with `hangs` set,
+    /// when it does not answer.
     static std::unique_ptr<XConnection> open(const std::string& name,
                                              const XAuthorization& authorization,
-                                             Cancelled cancelled);
+                                             Cancelled cancelled, bool& hangs);
     ~XConnection();
     XConnection(const XConnection&) = delete;
     XConnection& operator=(const XConnection&) = delete;
@@ -53,9 +54,10 @@ class XConnection {
     /// Nobody wants pictures any more: from now on the server is waited for a second at the most.
     void begin_close() { closing_ = true; }
 
-    /// Empties the event queue without a round trip to the server. The root window's newest size if
-    /// one was announced since the last call.
-    std::optional<ScreenSize> take_size_change();
+    /// Empties the event queue without a round trip to the server.
+    void take_events(const std::function<void(const XEvent&)>& sink);
+    /// The root window's new size if that is what the event tells of.
+    [[nodiscard]] std::optional<ScreenSize> size_in(const XEvent& event) const;
 
     /// Asks the server for the root window's size; empty when it does not answer.
     std::optional<ScreenSize> query_size();

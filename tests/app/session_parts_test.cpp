@@ -4,10 +4,13 @@
 
 #include <array>
 #include <climits>
+#include <cmath>
+#include <random>
 
 #include "app/session/capture_selection.h"
 #include "app/session/feedback_handler.h"
 #include "app/session/frame_pacer.h"
+#include "app/session/frame_phase.h"
 #include "app/session/keyframe_policy.h"
 #include "app/session/session_signals.h"
 #include "app/session/stream_settings.h"
@@ -104,6 +107,73 @@ TEST(FramePacer, CatchesUpWithinFourIntervalsAndStartsAfreshBeyond) {
     EXPECT_EQ(pacer.next_deadline(), late + milliseconds(20));
     pacer.reset(kStart + milliseconds(500));
     EXPECT_EQ(pacer.next_deadline(), kStart + milliseconds(520));
+}
+
+/// A source of pictures beside the frame loop at 60 fps.
+struct Source {
+    double hz;          ///< 0: tells of no changes
+    double jitter_ms;   ///< either way
+    bool pauses;        ///< between the fourth and the sixth second
+    double at_most_ms;  ///< mean age of captured pictures, whatever the phase at the start
+};
+
+/// Mean age of the newest picture at each capture from the third second on, in ms. Checks on the
+/// way what is promised of the rate.
+double mean_age_ms(const Source& source, double start_ms, bool steered) {
+    constexpr int kFrames = 60 * 12;
+    constexpr double kIntervalMs = 1000.0 / 60;
+    const auto at = [](double ms) { return kStart + nanoseconds(std::llround(ms * 1e6)); };
+    const auto ms = [](auto span) {
+        return std::chrono::duration<double, std::milli>(span).count();
+    };
+    std::minstd_rand random(7);
+    std::uniform_real_distribution<double> jitter(-source.jitter_ms, source.jitter_ms);
+    FramePacer pacer(60, at(start_ms));
+    FramePhase phase(60);
+    auto newest = kStart;
+    auto last = at(start_ms);
+    int pictures = 0;
+    double next_ms = 0;
+    double ages_ms = 0;
+    int counted = 0;
+    for (int frame = 1; frame <= kFrames; ++frame) {
+        if (steered) pacer.shift(phase.step(pacer.upcoming()));
+        const auto now = pacer.next_deadline();
+        EXPECT_GT(ms(now - last), kIntervalMs * 0.98);
+        EXPECT_LT(ms(now - last), kIntervalMs * 1.25);
+        last = now;
+        for (; source.hz > 0 && at(next_ms) <= now; ++pictures) {
+            const bool paused = source.pauses && next_ms > 4000 && next_ms < 6000;
+            if (!paused) phase.changed(newest = at(next_ms));
+            next_ms = pictures * 1000 / source.hz + jitter(random);
+        }
+        if (frame < 180 || ms(now - newest) > 100) continue;  // nothing to be captured in a pause
+        ages_ms += ms(now - newest);
+        ++counted;
+    }
+    EXPECT_NEAR(ms(last - at(start_ms)), kFrames * kIntervalMs, kFrames * kIntervalMs / 100);
+    if (source.hz == 0) {
+        EXPECT_EQ(last, at(start_ms) + std::chrono::seconds(12));
+    }
+    return counted == 0 ? 0 : ages_ms / counted;
+}
+
+TEST(FramePhase, PicturesAreCapturedSoonAfterTheyChangedAtAnyRate) {
+    // Unsteered, the worst phase at 60 Hz makes the mean age 16 ms.
+    const Source sources[] = {
+        {60, 0, false, 0.8},   {60, 0.3, false, 1.7},  {59.94, 0.1, false, 0.8},
+        {30, 0.2, false, 9.3}, {120, 0.2, false, 1.0}, {144, 0.2, false, 3.8},
+        {60, 4, false, 5},     {60, 0.3, true, 1.7},   {59.2, 0.1, false, 8.7},
+        {0, 0, false, 0},
+    };
+    for (const Source& source : sources) {
+        for (double start_ms = 0.5; start_ms < 16.7; start_ms += 2.7) {
+            SCOPED_TRACE(std::to_string(source.hz) + " Hz, start " + std::to_string(start_ms));
+            const double steered = mean_age_ms(source, start_ms, true);
+            EXPECT_LE(steered, source.at_most_ms);
+            EXPECT_LE(steered, mean_age_ms(source, start_ms, false) + 1);
+        }
+    }
 }
 
 TEST(StreamSettings, WhatTheLauncherAsksForIsBroughtIntoRange) {

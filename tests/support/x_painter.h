@@ -2,16 +2,18 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 struct _XDisplay;
 struct _XGC;
 
 namespace ox::test {
 
-/// Paints straight onto the root window of an X server, and changes its size.
+/// Paints straight onto the root window of an X server, changes its size and its mouse pointer.
 class XPainter {
   public:
-    /// Throws std::runtime_error when there is no such server.
+    /// Hides the root window's mouse pointer. Throws std::runtime_error when there is no such
+    /// server.
     explicit XPainter(const std::string& display);
     ~XPainter();
     XPainter(const XPainter&) = delete;
@@ -24,6 +26,11 @@ class XPainter {
     /// Resizes the screen through RandR, up to the size the server was started with, and waits
     /// until it is done.
     void resize_screen(uint32_t width, uint32_t height);
+
+    /// Gives the root window a mouse pointer of these pixels (alpha highest, colours multiplied by
+    /// it) whose hot spot is (hot_x, hot_y), and waits until it is there.
+    void set_pointer(const std::vector<uint32_t>& argb, uint32_t width, int hot_x, int hot_y);
+    void move_pointer(int x, int y);
 
   private:
     _XDisplay* display_;

@@ -12,6 +12,7 @@ extern "C" {
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <optional>
 #include <random>
 #include <set>
 #include <string>
@@ -155,6 +156,32 @@ TEST_P(SoftwareEncoder, GivesOneDecodableUnitPerPictureAndKeyframesOnDemand) {
             EXPECT_EQ(pictures, 1) << "picture " << n << " is held back";
         }
     }
+}
+
+TEST_P(SoftwareEncoder, ConvertsAPictureOnceUntilItsNumberChanges) {
+    launcher::VideoDecoder decoder;
+    std::string error;
+    ASSERT_TRUE(decoder.open(
+        GetParam() == VideoCodec::Hevc ? launcher::Codec::Hevc : launcher::Codec::H264, error));
+    const auto shown = [&](uint64_t content) {
+        EXPECT_EQ(capture_.capture_frame(picture_), 0);
+        EncodedFrame unit;
+        EXPECT_TRUE(encoder_.encode_bgra(picture_.pixels(), picture_.width, picture_.height,
+                                         picture_.timestamp, unit, content));
+        std::optional<uint32_t> stamp;
+        decoder.decode({.data = unit.data}, [&](const launcher::DecodedPicture& picture) {
+            stamp = launcher::read_frame_stamp(picture.luma);
+        });
+        return stamp;
+    };
+    EXPECT_EQ(shown(7), 0U);
+    EXPECT_EQ(shown(7), 0U);
+    EXPECT_EQ(shown(8), 2U);
+    EXPECT_EQ(shown(0), 3U);
+    EXPECT_EQ(shown(0), 4U);
+    EXPECT_EQ(shown(8), 5U);
+    ASSERT_TRUE(encoder_.reconfigure_bitrate(3000));  // nothing is left of the picture
+    EXPECT_EQ(shown(8), 6U);
 }
 
 TEST_P(SoftwareEncoder, StaysWithinTheRateBuffer) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 
 #include "base/clock.h"
@@ -15,6 +16,11 @@ class FramePacer {
 
     /// Moves to the next frame and returns when it is due.
     SteadyClock::time_point next_deadline();
+    /// When the next frame will be due; stays with this one.
+    [[nodiscard]] SteadyClock::time_point upcoming() const { return deadline(frames_ + 1); }
+
+    /// Moves all deadlines to come.
+    void shift(std::chrono::nanoseconds by) { base_ += by; }
 
     /// Tells when the wait for the deadline was over. More than four intervals late, the schedule
     /// starts afresh at `now` instead of catching up in a burst.
@@ -24,7 +30,7 @@ class FramePacer {
     void reset(SteadyClock::time_point now);
 
   private:
-    [[nodiscard]] SteadyClock::time_point deadline() const;
+    [[nodiscard]] SteadyClock::time_point deadline(int64_t frame) const;
 
     uint32_t fps_;
     SteadyClock::time_point base_;

@@ -33,7 +33,8 @@ Session::Session(const Options& options, SessionRequest request)
     : options_(options),
       request_(std::move(request)),
       audio_(options, [this] { return stop_requested(); }),
-      pacer_(1, SteadyClock::now()) {}
+      pacer_(1, SteadyClock::now()),
+      phase_(1) {}
 
 Session::~Session() = default;
 
@@ -230,6 +231,7 @@ std::string Session::announce_stream() {
     mark_ = {.at = now};
     platform_report_ = now;
     pacer_ = FramePacer(settings_.fps, now);
+    phase_ = FramePhase(settings_.fps);
     video_.sender().set_pacing_rate(pacing_rate_bps(settings_.bitrate_kbps));
     OX_INFO("Streaming: %s %ux%u@%ufps %ukbps → %s:%u (encoder=%s)", codec_name(settings_.codec),
             settings_.width, settings_.height, settings_.fps, settings_.bitrate_kbps,

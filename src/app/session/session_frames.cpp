@@ -51,7 +51,7 @@ std::string Session::stream_one_frame() {
     encoded_.data.clear();
     encoded_.frame_id = *number;
     if (!encoder_.encode_bgra(picture_.pixels(), picture_.width, picture_.height,
-                              picture_.timestamp, encoded_)) {
+                              picture_.timestamp, encoded_, picture_.content)) {
         OX_WARN("Session: encode failed — ending");
         return "encode_failed";
     }
@@ -87,6 +87,10 @@ void Session::apply_requests() {
 }
 
 bool Session::wait_for_next_frame() {
+    if (ChangeTimes* changes = capture_->changes()) {
+        changes->take([this](SteadyClock::time_point at) { phase_.changed(at); });
+        pacer_.shift(phase_.step(pacer_.upcoming()));
+    }
     const auto deadline = pacer_.next_deadline();
     if (!sleep_until_or(deadline, [this] { return leave_requested(); })) return false;
     pacer_.arrived(SteadyClock::now());

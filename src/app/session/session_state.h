@@ -8,6 +8,7 @@
 #include "app/options.h"
 #include "app/session/feedback_handler.h"
 #include "app/session/frame_pacer.h"
+#include "app/session/frame_phase.h"
 #include "app/session/keyframe_policy.h"
 #include "app/session/media_stream.h"
 #include "app/session/session.h"
@@ -103,6 +104,7 @@ class Session {
     EncodedFrame encoded_;
     KeyframePolicy keyframes_;
     FramePacer pacer_;
+    FramePhase phase_;
     SteadyClock::time_point stream_start_{};
     FigureMark mark_;
     SteadyClock::time_point platform_report_{};  ///< the last one

@@ -82,8 +82,10 @@ void LatestPicture::on_frame(const uint8_t* rows, size_t stride) {
     picture.pixels = share(std::move(buffer), pool_);
     {
         const std::lock_guard lock(mutex_);
+        picture.content = latest_.content + 1;
         std::swap(latest_, picture);
     }
+    arrivals_.note(SteadyClock::now());
     arrived_.notify_all();
 }
 
@@ -99,6 +101,7 @@ bool LatestPicture::get(CapturedFrame& frame) const {
     frame.width = picture.width;
     frame.height = picture.height;
     frame.timestamp = 0;
+    frame.content = picture.content;
     return true;
 }
 

@@ -33,6 +33,9 @@ class LatestPicture {
     /// none has come yet. It can be read for as long as the frame holds it.
     bool get(CapturedFrame& frame) const;
 
+    /// When pictures came.
+    [[nodiscard]] ChangeTimes& arrivals() { return arrivals_; }
+
     /// Waits until a picture is there. False when `deadline` passes or `give_up`, asked every
     /// 50 ms, returns true.
     bool wait_for_first(SteadyClock::time_point deadline,
@@ -49,6 +52,7 @@ class LatestPicture {
         std::shared_ptr<const uint8_t> pixels;
         uint32_t width = 0;
         uint32_t height = 0;
+        uint64_t content = 0;
     };
 
     std::unique_ptr<Buffer> take_buffer(size_t bytes) const;
@@ -61,6 +65,7 @@ class LatestPicture {
     uint32_t width_ = 0;
     uint32_t height_ = 0;
     Picture latest_;
+    ChangeTimes arrivals_;  ///< has a guard of its own
 };
 
 }  // namespace ox

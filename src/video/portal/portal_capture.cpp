@@ -82,6 +82,10 @@ uint32_t PortalCapture::height() const {
     return share_ ? share_->pictures.height() : 0;
 }
 
+ChangeTimes* PortalCapture::changes() {
+    return share_ ? &share_->pictures.arrivals() : nullptr;
+}
+
 void PortalCapture::shutdown() {
     share_.reset();
 }

@@ -39,6 +39,7 @@ class PortalCapture final : public ICapture {
     int capture_frame(CapturedFrame& frame) override;
     [[nodiscard]] uint32_t width() const override;
     [[nodiscard]] uint32_t height() const override;
+    [[nodiscard]] ChangeTimes* changes() override;
     void shutdown() override;
 
   private:

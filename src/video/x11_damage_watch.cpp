@@ -1,0 +1,125 @@
+#include "video/x11_damage_watch.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "base/clock.h"
+#include "log/log.h"
+
+namespace ox {
+namespace {
+
+using std::chrono::milliseconds;
+
+/// The server tells of a change once and then waits to be asked again: so much later at the latest,
+/// which bounds what a screen costs that is drawn in a thousand pieces.
+constexpr milliseconds kAskAgain{4};
+
+/// The time of a change that was heard of at `now`, on a busy PC perhaps late. The server's clock
+/// has milliseconds and may be that old; where it is not the one of this PC, it says nothing.
+SteadyClock::time_point time_of(Time server_ms, SteadyClock::time_point now) {
+    constexpr milliseconds kResolution{2};
+    constexpr milliseconds kLate{100};
+    const auto since_boot = std::chrono::floor<milliseconds>(now.time_since_epoch());
+    const milliseconds age(static_cast<int32_t>(static_cast<uint32_t>(since_boot.count()) -
+                                                static_cast<uint32_t>(server_ms)));
+    if (age < milliseconds(0) || age > kLate) return now;
+    return std::min(now, SteadyClock::time_point(since_boot - age + kResolution));
+}
+
+}  // namespace
+
+std::unique_ptr<X11DamageWatch> X11DamageWatch::start(std::unique_ptr<XConnection> connection) {
+    Display* display = connection->display();
+    int first_event = 0;
+    int first_error = 0;
+    UniqueFd wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wake || XDamageQueryExtension(display, &first_event, &first_error) == 0) return nullptr;
+    const XErrorTrap trap(*connection);
+    const Damage damage = XDamageCreate(display, connection->root(), XDamageReportNonEmpty);
+    if (trap.failed()) return nullptr;
+    std::unique_ptr<X11DamageWatch> watch(new X11DamageWatch(
+        std::move(connection), damage, first_event + XDamageNotify, std::move(wake)));
+    try {
+        watch->thread_ =
+            std::jthread([self = watch.get()](const std::stop_token& stop) { self->run(stop); });
+    } catch (const std::system_error& error) {
+        OX_DEBUG("X11Capture: no thread for the watch over changes: %s", error.what());
+        return nullptr;
+    }
+    return watch;
+}
+
+X11DamageWatch::X11DamageWatch(std::unique_ptr<XConnection> connection, Damage damage,
+                               int event_type, UniqueFd wake)
+    : connection_(std::move(connection)),
+      damage_(damage),
+      event_type_(event_type),
+      wake_(std::move(wake)) {}
+
+X11DamageWatch::~X11DamageWatch() {
+    if (!thread_.joinable()) return;
+    connection_->begin_close();
+    thread_.request_stop();
+    ::eventfd_write(wake_.get(), 1);
+    thread_.join();
+}
+
+void X11DamageWatch::expect_change(const XConnection& grabbing) const {
+    XDamageSubtract(grabbing.display(), damage_, None, None);
+}
+
+void X11DamageWatch::run(const std::stop_token& stop) {
+    ::pthread_setname_np(::pthread_self(), "ox-x11-damage");
+    Display* display = connection_->display();
+    std::array<pollfd, 2> sources{
+        {{.fd = XConnectionNumber(display), .events = POLLIN, .revents = 0},
+         {.fd = wake_.get(), .events = POLLIN, .revents = 0}}};
+    std::optional<SteadyClock::time_point> ask_again;
+    // Nothing in here waits for the server: what is read has come, and what is written is one small
+    // request for an event that has come.
+    while (!stop.stop_requested()) {
+        if (read_changes() && !ask_again) ask_again = SteadyClock::now() + kAskAgain;
+        if (connection_->lost()) {
+            ask_again.reset();
+            sources[0].fd = -1;
+        }
+        int wait_ms = -1;
+        if (ask_again) {
+            const auto left = std::chrono::ceil<milliseconds>(*ask_again - SteadyClock::now());
+            wait_ms = static_cast<int>(std::max(left, milliseconds(0)).count());
+        }
+        if (wait_ms == 0) {
+            ask_again.reset();
+            expect_change(*connection_);
+            XFlush(display);
+            continue;
+        }
+        ::poll(sources.data(), sources.size(), wait_ms);
+    }
+    // Here, since Xlib keeps a lost connection locked for the thread that found it lost.
+    connection_.reset();
+}
+
+bool X11DamageWatch::read_changes() {
+    bool changed = false;
+    connection_->take_events([&](const XEvent& event) {
+        if (event.type != event_type_) return;
+        XDamageNotifyEvent damage{};
+        std::memcpy(&damage, &event, sizeof(damage));
+        changes_.note(time_of(damage.timestamp, SteadyClock::now()));
+        changed = true;
+    });
+    return changed;
+}
+
+}  // namespace ox

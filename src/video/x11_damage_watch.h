@@ -1,0 +1,50 @@
+#pragma once
+
+// Private to this folder: Xlib's macros must not reach anybody else.
+#include <X11/extensions/Xdamage.h>
+
+#include <memory>
+#include <optional>
+#include <stop_token>
+#include <thread>
+
+#include "base/unique_fd.h"
+#include "video/change_times.h"
+#include "video/x11_connection.h"
+
+namespace ox {
+
+/// Hears of every change of an X screen's picture (the DAMAGE extension), over a connection and on
+/// a thread of its own, so that neither the frame loop nor its connection waits for anything.
+class X11DamageWatch {
+  public:
+    /// Watches the screen behind `connection`. Null when the server cannot tell of changes.
+    static std::unique_ptr<X11DamageWatch> start(std::unique_ptr<XConnection> connection);
+    ~X11DamageWatch();
+    X11DamageWatch(const X11DamageWatch&) = delete;
+    X11DamageWatch& operator=(const X11DamageWatch&) = delete;
+
+    /// The changes so far, of several within 4 ms only the first. After a grab that
+    /// `expect_change` went before, one more is counted as soon as the screen differs from what was
+    /// grabbed.
+    [[nodiscard]] ChangeTimes& changes() { return changes_; }
+
+    /// Call before a grab over `grabbing`: asks the server, without waiting for it, to tell of the
+    /// next change, whatever it has told of already.
+    void expect_change(const XConnection& grabbing) const;
+
+  private:
+    X11DamageWatch(std::unique_ptr<XConnection> connection, Damage damage, int event_type,
+                   UniqueFd wake);
+    void run(const std::stop_token& stop);
+    bool read_changes();
+
+    std::unique_ptr<XConnection> connection_;  // used and closed by the thread
+    Damage damage_;
+    int event_type_;
+    UniqueFd wake_;
+    ChangeTimes changes_;
+    std::jthread thread_;
+};
+
+}  // namespace ox
