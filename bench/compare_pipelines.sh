@@ -8,12 +8,16 @@
 #
 #   bench/compare_pipelines.sh [--size WxH] [--fps N] [--still] [--matrix] [--bitrate KBPS]
 #                              [--rounds N] [--warm-up S] [--window S] [--agent-only]
-#                              [--results FILE]
+#                              [--phases [--content-fps N] [--beside AGENT]] [--results FILE]
 #
 # --still shows a scene that does not move, but for the strip that the latency is read from.
 # --matrix runs 1280x720 and 1920x1080, 30 and 60 fps, moving and still, one after the other.
 # --agent-only leaves the ready-made tools out: the agent's CPU per streamed frame, x264's share of
 # it, and the time from a capture to its last datagram.
+# --phases looks at the latency from a picture to its decoding where the screen has a clock of its
+# own: the painter paints the time once into each of --content-fps pictures a second (the stream's
+# rate by default), and each of the rounds is a session that begins at a time by chance. --beside
+# takes another build of the agent in turns with this one.
 # --results keeps the figures of every round, for bench/plot_comparison.sh.
 #
 # Defaults: 1920x1080 at 60 fps, 15000 kbit/s, 3 rounds of 3 s warm-up and 10 s window each.
@@ -22,14 +26,16 @@ cd "$(dirname "$0")/.."
 
 size=1920x1080 fps=60 scene=moving matrix=false results=
 bitrate=15000 rounds=3 warm_up=3 window=10
+phases=false content_fps='' beside=''
 peers=(ffmpeg ffmpeg-srtp gstreamer gstreamer-srtp)
 while [ $# -gt 0 ]; do
   case "$1" in
-    -h | --help) sed -n '2,21s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    -h | --help) sed -n '2,25s/^# \{0,1\}//p' "$0"; exit 0 ;;
     --agent-only) peers=() ;;
     --still) scene=still ;;
     --matrix) matrix=true ;;
-    --size | --fps | --bitrate | --rounds | --warm-up | --window | --results)
+    --phases) phases=true ;;
+    --content-fps | --beside | --size | --fps | --bitrate | --rounds | --warm-up | --window | --results)
       [ $# -ge 2 ] || { echo "compare_pipelines.sh: $1 needs a value" >&2; exit 2; }
       name=${1#--}
       printf -v "${name//-/_}" %s "$2"
@@ -72,8 +78,11 @@ trap 'exit 143' TERM HUP
 
 # Starts an X server of $size with the painter of $scene.
 start_screen() {
-  local number painted_fps=$fps
+  local number painted_fps=$fps strips=400
   [ "$scene" = moving ] || painted_fps=0
+  if $phases; then
+    painted_fps=${content_fps:-$fps} strips=0
+  fi
   rm -f "$scratch/display"
   mkfifo "$scratch/display"
   Xvfb -displayfd 3 -screen 0 "${size}x24" -noreset -nolisten tcp 3<>"$scratch/display" \
@@ -81,7 +90,7 @@ start_screen() {
   started+=($!)
   read -r -t 20 number <"$scratch/display"
   display=:$number
-  "$bin/bench/x_painter" "$display" "$painted_fps" >"$scratch/painter" &
+  "$bin/bench/x_painter" "$display" "$painted_fps" "$strips" >"$scratch/painter" &
   started+=($!)
   for _ in {1..200}; do
     grep -qs painting "$scratch/painter" && return
@@ -98,9 +107,10 @@ SRTP_KEY=$(od -An -N30 -tx1 /dev/urandom | tr -d ' \n')
 export SRTP_KEY
 probe() { "$bin/bench/pipeline_probe" "$1" "$port" "$size" "$fps" "$bitrate" "$warm_up" "$window" "${@:2}"; }
 
+agent=$bin/src/app/orvex-agent
 run_agent() {
   ORVEX_TOKEN=compare OX_LOG_FILE=$scratch/agent.log OX_TUI=plain probe agent \
-    "$bin/src/app/orvex-agent" --capture x11 --display "$display" --no-input --port-base "$port" \
+    "$agent" --capture x11 --display "$display" --no-input --port-base "$port" \
     --token-sha256 "$(printf compare | sha256sum | cut -c1-64)"
 }
 srtp_key_base64() {
@@ -147,14 +157,21 @@ run_gstreamer-srtp() {
   gstreamer_to 1180 ! srtpenc key="$SRTP_KEY" rtp-cipher=aes-128-icm rtp-auth=hmac-sha1-80
   probe srtp "${gstreamer_command[@]}"
 }
+run_beside() { agent=$beside run_agent; }
 run_x264() { "$bin/bench/x264_alone" "$display" "$fps" "$bitrate" "$warm_up" "$window"; }
 
 # One row per run: size, fps, scene, round, pipeline, then name=value pairs.
 compare() {
   local round pipeline result
+  local -a others=("${peers[@]}" x264)
+  if $phases; then
+    scene="content-${content_fps:-$fps}" others=("${peers[@]}")
+    [ -z "$beside" ] || others=(beside "${peers[@]}")
+  fi
   start_screen
   for round in $(seq "$rounds"); do
-    for pipeline in agent "${peers[@]}" x264; do
+    for pipeline in agent "${others[@]}"; do
+      ! $phases || sleep "0.0$((RANDOM % 90 + 10))"
       result=$("run_$pipeline")
       echo "$size $fps $scene $round $pipeline $result" | tee -a "$results"
     done
@@ -174,4 +191,8 @@ if $matrix; then
 else
   compare
 fi
-awk -f bench/comparison.awk "$results"
+if $phases; then
+  awk -f bench/phases.awk "$results"
+else
+  awk -f bench/comparison.awk "$results"
+fi

@@ -7,11 +7,13 @@
 //   pipeline_probe srtp  PORT      WxH FPS KBPS WARM-UP-S WINDOW-S COMMAND...
 //
 // The agent's session token comes from ORVEX_TOKEN, the key of srtp from SRTP_KEY (hex). Prints one
-// line of name=value pairs.
+// line of name=value pairs; the last one, hist, counts the pictures by their latency in whole
+// milliseconds, from 0 on.
 
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -173,6 +175,7 @@ class Measurement {
                        picture.luma.width, picture.luma.height);
         if (painted && *painted <= now) {
             latency_.add(now - *painted);
+            ++by_ms_[std::min((now - *painted) / 1000, by_ms_.size() - 1)];
         } else {
             ++unreadable_;
         }
@@ -195,12 +198,15 @@ class Measurement {
         };
         std::printf(
             "frames=%llu fps=%.1f cpu_ms=%.3f p50_ms=%.1f p99_ms=%.1f wire_p50_ms=%.1f "
-            "wire_p99_ms=%.1f rss_mb=%.1f burst_kb=%.0f lost=%llu unreadable=%llu\n",
+            "wire_p99_ms=%.1f rss_mb=%.1f burst_kb=%.0f lost=%llu unreadable=%llu hist=",
             static_cast<unsigned long long>(frames_), frames / time, cpu / frames, ms(latency_, 50),
             ms(latency_, 99), ms(wire_, 50), ms(wire_, 99), peak_resident_mb(),
             static_cast<double>(source.largest_burst()) / 1000,
             static_cast<unsigned long long>(source.lost()),
             static_cast<unsigned long long>(unreadable_));
+        for (size_t i = 0; i < by_ms_.size(); ++i)
+            std::printf(i == 0 ? "%u" : ",%u", by_ms_[i]);
+        std::puts("");
     }
     [[nodiscard]] uint64_t frames() const { return frames_; }
 
@@ -219,6 +225,7 @@ class Measurement {
     std::chrono::milliseconds cpu_;
     launcher::LatencyHistogram latency_;  ///< painted to decoded
     launcher::LatencyHistogram wire_;     ///< captured to last datagram; the agent's streams only
+    std::array<unsigned, 60> by_ms_{};    ///< painted to decoded; the last one: and above
     uint64_t frames_ = 0;
     uint64_t unreadable_ = 0;
 };

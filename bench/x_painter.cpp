@@ -2,6 +2,9 @@
 // along its top, until it is killed: the common input of the pipeline comparison.
 //
 //   x_painter DISPLAY [FPS [STRIPS-PER-SECOND]]
+//
+// With 0 strips a second the time is part of each picture, painted once with it, as a game's would
+// be.
 
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
@@ -93,7 +96,21 @@ class Painter {
         XSync(display_, False);
     }
 
-    void paint_strip() {
+    void paint_strip() { put_strip(window_); }
+
+    // Composed off screen and shown in one request: no capture sees half a picture. With the time
+    // in it, or below the strip.
+    void paint_scene(double seconds, bool with_time) {
+        compose_scene(seconds);
+        if (with_time) put_strip(back_);
+        const unsigned top = with_time ? 0 : kStripBlock;
+        XCopyArea(display_, back_, window_, context_, 0, static_cast<int>(top), width_,
+                  height_ - top, 0, static_cast<int>(top));
+        XFlush(display_);
+    }
+
+  private:
+    void put_strip(Drawable target) {
         auto bitmap = ox::bench::draw_strip(ox::steady_now_us());
         XImage image{};
         image.width = static_cast<int>(kStripWidth);
@@ -108,12 +125,11 @@ class Painter {
         image.bytes_per_line = static_cast<int>(kStripWidth / 8);
         image.bits_per_pixel = 1;
         XInitImage(&image);
-        XPutImage(display_, window_, context_, &image, 0, 0, 0, 0, kStripWidth, kStripBlock);
+        XPutImage(display_, target, context_, &image, 0, 0, 0, 0, kStripWidth, kStripBlock);
         XFlush(display_);
     }
 
-    // Composed off screen and shown in one request: no capture sees half a picture.
-    void paint_scene(double seconds) {
+    void compose_scene(double seconds) {
         const auto travel = [&](double speed, double phase, double range) {
             return static_cast<int>((0.5 + 0.5 * std::sin(speed * seconds + phase)) * range);
         };
@@ -125,12 +141,8 @@ class Painter {
                       travel(1.3 + 0.1 * i, phase, width_ - kSpriteSize),
                       travel(1.1 + 0.07 * i, 2 * phase, height_ - kSpriteSize));
         }
-        XCopyArea(display_, back_, window_, context_, 0, static_cast<int>(kStripBlock), width_,
-                  height_ - kStripBlock, 0, static_cast<int>(kStripBlock));
-        XFlush(display_);
     }
 
-  private:
     void upload_world(unsigned depth) {
         constexpr unsigned kBand = 64;
         const unsigned world_width = width_ + kMargin;
@@ -172,8 +184,10 @@ int main(int argc, char** argv) {
     }
     const double fps = argc > 2 ? std::atof(argv[2]) : 60.0;
     const double strips = argc > 3 ? std::atof(argv[3]) : 400.0;
-    if (!(fps >= 0.0) || !(strips >= std::max(fps, 1.0))) {
-        std::fprintf(stderr, "%s: rates must be 0 <= FPS <= STRIPS-PER-SECOND\n", argv[0]);
+    const bool time_in_picture = strips == 0.0;
+    if (!(fps >= 0.0) || !(time_in_picture ? fps > 0.0 : strips >= std::max(fps, 1.0))) {
+        std::fprintf(stderr, "%s: rates must be 0 <= FPS <= STRIPS-PER-SECOND, or 0 < FPS and 0\n",
+                     argv[0]);
         return 2;
     }
     const std::unique_ptr<Display, DisplayCloser> display(XOpenDisplay(argv[1]));
@@ -188,12 +202,22 @@ int main(int argc, char** argv) {
 
     using Seconds = std::chrono::duration<double>;
     const auto start = ox::SteadyClock::now();
+    const auto after = [&](double seconds) {
+        return start + std::chrono::duration_cast<ox::SteadyClock::duration>(Seconds(seconds));
+    };
+    if (time_in_picture) {
+        for (uint64_t picture = 1;; ++picture) {
+            const double seconds = static_cast<double>(picture) / fps;
+            ox::sleep_until_steady(after(seconds));
+            painter.paint_scene(seconds, true);
+        }
+    }
     auto tick = start;
     double next_scene = 0.0;
     for (;;) {
         const double now = Seconds(ox::SteadyClock::now() - start).count();
         if (now >= next_scene) {
-            painter.paint_scene(now);
+            painter.paint_scene(now, false);
             next_scene = fps > 0.0 ? std::max(next_scene + 1.0 / fps, now)
                                    : std::numeric_limits<double>::infinity();
         }

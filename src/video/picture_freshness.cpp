@@ -4,7 +4,7 @@ namespace ox {
 
 PictureFreshness::Need PictureFreshness::next(uint64_t announced, SteadyClock::time_point now) {
     if (suspected_at_) {
-        const bool explained = announced != suspected_count_;
+        const bool explained = announced > suspected_count_;
         if (!explained && now - *suspected_at_ >= kCheckPeriod) trusted_ = false;
         if (explained || !trusted_) suspected_at_.reset();
     }

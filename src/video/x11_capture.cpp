@@ -155,7 +155,7 @@ bool X11Capture::refresh() {
     if (!grabber_ || connection_->lost()) return false;
     const auto now = SteadyClock::now();
     // Read before the grab: what is announced later, the grab may have missed.
-    const uint64_t announced = damage_ ? damage_->changes().count() : 0;
+    const uint64_t announced = damage_ ? damage_->announced() : 0;
     const Need need = damage_ ? freshness_.next(announced, now) : Need::Fetch;
     if (need == Need::Nothing) return true;
     if (!freshness_.trusted() && damage_) {

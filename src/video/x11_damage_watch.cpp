@@ -64,7 +64,8 @@ X11DamageWatch::X11DamageWatch(std::unique_ptr<XConnection> connection, Damage d
     : connection_(std::move(connection)),
       damage_(damage),
       event_type_(event_type),
-      wake_(std::move(wake)) {}
+      wake_(std::move(wake)),
+      socket_(XConnectionNumber(connection_->display())) {}
 
 X11DamageWatch::~X11DamageWatch() {
     if (!thread_.joinable()) return;
@@ -72,6 +73,13 @@ X11DamageWatch::~X11DamageWatch() {
     thread_.request_stop();
     ::eventfd_write(wake_.get(), 1);
     thread_.join();
+}
+
+uint64_t X11DamageWatch::announced() const {
+    pollfd news{.fd = socket_, .events = POLLIN, .revents = 0};
+    const bool unread = ::poll(&news, 1, 0) != 0;
+    const bool unnoted = busy_;
+    return changes_.count() + (unread || unnoted ? 1 : 0);
 }
 
 void X11DamageWatch::expect_change(const XConnection& grabbing) const {
@@ -104,7 +112,9 @@ void X11DamageWatch::run(const std::stop_token& stop) {
             XFlush(display);
             continue;
         }
+        busy_ = false;
         ::poll(sources.data(), sources.size(), wait_ms);
+        busy_ = true;
     }
     // Here, since Xlib keeps a lost connection locked for the thread that found it lost.
     connection_.reset();

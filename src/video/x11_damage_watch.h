@@ -3,6 +3,8 @@
 // Private to this folder: Xlib's macros must not reach anybody else.
 #include <X11/extensions/Xdamage.h>
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <stop_token>
@@ -24,10 +26,12 @@ class X11DamageWatch {
     X11DamageWatch(const X11DamageWatch&) = delete;
     X11DamageWatch& operator=(const X11DamageWatch&) = delete;
 
-    /// The changes so far, of several within 4 ms only the first. After a grab that
-    /// `expect_change` went before, one more is counted as soon as the screen differs from what was
-    /// grabbed.
+    /// When the screen changed, of several changes within 4 ms only the first.
     [[nodiscard]] ChangeTimes& changes() { return changes_; }
+
+    /// A number that grows as soon as the server has told that the screen differs from what was
+    /// grabbed after a call of `expect_change`, whether or not the thread has got round to it.
+    [[nodiscard]] uint64_t announced() const;
 
     /// Call before a grab over `grabbing`: asks the server, without waiting for it, to tell of the
     /// next change, whatever it has told of already.
@@ -43,6 +47,8 @@ class X11DamageWatch {
     Damage damage_;
     int event_type_;
     UniqueFd wake_;
+    int socket_;                    // the connection's
+    std::atomic<bool> busy_{true};  // the thread may have read what it has not noted yet
     ChangeTimes changes_;
     std::jthread thread_;
 };
