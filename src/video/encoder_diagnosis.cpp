@@ -89,7 +89,7 @@ bool hands_on(std::string_view line) {
 /// Libav's last error, or its text for the error's number when it said nothing.
 std::string in_own_words(const EncoderFailure& failure) {
     std::string_view last;
-    for (std::string_view rest = failure.said; !rest.empty();) {
+    for (std::string_view rest = failure.errors; !rest.empty();) {
         const std::string_view line = rest.substr(0, rest.find('\n'));
         rest.remove_prefix(std::min(line.size() + 1, rest.size()));
         if (!line.empty() && !hands_on(line)) last = line;

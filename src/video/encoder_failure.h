@@ -19,9 +19,10 @@ enum class EncoderStage {
 struct EncoderFailure {
     const EncoderChoice* choice = nullptr;
     EncoderStage stage = EncoderStage::Opening;
-    int error = 0;       ///< libav's
-    std::string node{};  ///< render node of the attempt; empty: libav's choice, or none needed
-    std::string said{};  ///< libav's errors of the attempt, as it wrote them
+    int error = 0;         ///< libav's
+    std::string node{};    ///< render node of the attempt; empty: libav's choice, or none needed
+    std::string said{};    ///< libav's warnings and errors of the attempt, as it wrote them
+    std::string errors{};  ///< its errors alone
 };
 
 }  // namespace ox

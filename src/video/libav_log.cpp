@@ -31,14 +31,14 @@ const char* after_prefix(const char* words) {
 
 // Called by libav from whatever thread it works on; may come once for each part of a line.
 void log_line(void* source, int level, const char* format, va_list arguments) {
-    LibavLogTape* tape = level <= AV_LOG_ERROR ? running_tape() : nullptr;
+    LibavLogTape* tape = running_tape();
     const bool logged = log_level() <= static_cast<int32_t>(LogLevel::DEBUG);
     if (level > AV_LOG_WARNING || (!logged && tape == nullptr)) return;
     std::array<char, 512> text{};
     int print_prefix = 1;
     av_log_format_line2(source, level, format, arguments, text.data(),
                         static_cast<int>(text.size()), &print_prefix);
-    if (tape != nullptr) tape->append(after_prefix(text.data()));
+    if (tape != nullptr) tape->append(level, after_prefix(text.data()));
     std::string_view line(text.data());
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
         line.remove_suffix(1);
@@ -55,10 +55,15 @@ LibavLogTape::~LibavLogTape() {
     running_tape() = nullptr;
 }
 
-void LibavLogTape::append(std::string_view words) {
-    words = words.substr(0, text_.size() - size_);
-    std::copy(words.begin(), words.end(), text_.begin() + static_cast<ptrdiff_t>(size_));
-    size_ += words.size();
+void LibavLogTape::Words::append(std::string_view words) {
+    words = words.substr(0, bytes.size() - size);
+    std::copy(words.begin(), words.end(), bytes.begin() + static_cast<ptrdiff_t>(size));
+    size += words.size();
+}
+
+void LibavLogTape::append(int level, std::string_view words) {
+    all_.append(words);
+    if (level <= AV_LOG_ERROR) errors_.append(words);
 }
 
 void route_libav_log() {

@@ -11,10 +11,9 @@ namespace ox {
 /// Process-wide; later calls do nothing.
 void route_libav_log();
 
-/// Collects libav's errors on this thread while it lives, the first few kilobytes of them, whatever
-/// the log's level; without allocating, so one can run for every picture. Its warnings, harmless
-/// remarks for the most part, are not among them. Needs `route_libav_log`. One at a time per
-/// thread.
+/// Collects libav's warnings and errors on this thread while it lives, the first few kilobytes of
+/// them, whatever the log's level; without allocating, so one can run for every picture. Needs
+/// `route_libav_log`. One at a time per thread.
 class LibavLogTape {
   public:
     LibavLogTape();
@@ -23,12 +22,22 @@ class LibavLogTape {
     LibavLogTape& operator=(const LibavLogTape&) = delete;
 
     /// As libav wrote it, without the names of its objects.
-    [[nodiscard]] std::string text() const { return {text_.data(), size_}; }
-    void append(std::string_view words);
+    [[nodiscard]] std::string text() const { return all_.text(); }
+    /// Without the warnings, which are harmless remarks for the most part.
+    [[nodiscard]] std::string errors() const { return errors_.text(); }
+
+    /// A line or a part of one; `level` is libav's.
+    void append(int level, std::string_view words);
 
   private:
-    std::array<char, 4096> text_{};
-    size_t size_ = 0;
+    struct Words {
+        std::array<char, 2048> bytes{};
+        size_t size = 0;
+        void append(std::string_view words);
+        [[nodiscard]] std::string text() const { return {bytes.data(), size}; }
+    };
+    Words all_;
+    Words errors_;
 };
 
 }  // namespace ox

@@ -101,6 +101,7 @@ bool VideoEncoder::Impl::open_on(const EncoderChoice& wanted, const std::string&
     session = CodecSession::open_with(wanted, settings, on, failure);
     if (!session) {
         failure.said = tape.text();
+        failure.errors = tape.errors();
         attempts.push_back(std::move(failure));
         return false;
     }
@@ -149,7 +150,8 @@ void VideoEncoder::Impl::explain_breakdown(const LibavLogTape& tape) {
                         .stage = EncoderStage::Streaming,
                         .error = session->error(),
                         .node = node,
-                        .said = tape.text()});
+                        .said = tape.text(),
+                        .errors = tape.errors()});
     explain_failures(true);
 }
 

@@ -121,7 +121,8 @@ TEST(EncoderDiagnosis, NamesTheCauseAndTheRemedy) {
                                                      .stage = row.stage,
                                                      .error = row.error,
                                                      .node = kNode,
-                                                     .said = row.said},
+                                                     .said = row.said,
+                                                     .errors = row.said},
                                                     row.facts);
         EXPECT_NE(reason.cause.find(row.cause), std::string::npos) << reason.cause;
         EXPECT_NE(reason.remedy.find(row.remedy), std::string::npos) << reason.remedy;

@@ -55,7 +55,8 @@ int avcodec_open2(AVCodecContext* context, const AVCodec* codec, AVDictionary** 
     static auto* const real = libav(avcodec_open2, "avcodec_open2");
     if (!is_card(context)) return real(context, codec, options);
     if (card.refusals-- > 0) {
-        av_log(context, AV_LOG_ERROR, "OpenEncodeSessionEx failed: out of memory (10)\n");
+        av_log(context, AV_LOG_WARNING, "Width %d exceeds 256\n", context->width);
+        av_log(context, AV_LOG_ERROR, "No capable devices found\n");
         return AVERROR_EXTERNAL;
     }
     av_dict_free(options);
@@ -247,7 +248,7 @@ TEST(VideoEncoder, ACardThatFailsLaterIsExplainedAndReplaced) {
     EXPECT_EQ(encoder.name(), "h264_nvenc");
     EXPECT_EQ(encoder.bitrate_kbps(), settings.bitrate_kbps) << "the old one is kept";
     EXPECT_TRUE(out.keyframe);
-    EXPECT_EQ(log.times("[WARN ] VideoEncoder: h264_nvenc: the card's limit of"), 1);
+    EXPECT_EQ(log.times("[WARN ] VideoEncoder: h264_nvenc: the picture is larger or"), 1);
 
     card.refusals = 2;
     EXPECT_TRUE(encoder.reconfigure_bitrate(2000) && encode());
