@@ -132,8 +132,13 @@ void InputReceiver::handle_datagram(const uint8_t* bytes, size_t length) {
         deliver_feedback(packet);
         return;
     }
+    if (withheld_) return;
     apply_input(packet);
     ++applied_;
+}
+
+void InputReceiver::withhold(bool withheld) {
+    if (!withheld_.exchange(withheld) && withheld) release_pressed();
 }
 
 bool InputReceiver::open_datagram(const uint8_t* bytes, size_t length, InputPacket& packet) {

@@ -50,6 +50,10 @@ class InputReceiver {
     /// What comes afterwards is injected as before.
     void release_pressed() { release_wanted_ = true; }
 
+    /// Withholds input, or lets it through again, from now on and over every start: what comes
+    /// meanwhile is dropped, and what is held down is released soon. Any thread.
+    void withhold(bool withheld);
+
     /// Ends the thread, releases every key and button, removes the device. Safe to call twice.
     void stop();
 
@@ -80,6 +84,7 @@ class InputReceiver {
     std::optional<Key> key_;  ///< guarded by key_mutex_
     std::atomic<bool> running_{false};
     std::atomic<bool> release_wanted_{false};
+    std::atomic<bool> withheld_{false};
     std::jthread thread_;
     ReplayWindow window_;       ///< receive thread
     uint8_t last_buttons_ = 0;  ///< button bits last injected; as `device_`

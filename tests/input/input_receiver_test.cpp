@@ -1,6 +1,7 @@
 #include "input/input_receiver.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/input.h>
 #include <sodium.h>
@@ -8,6 +9,7 @@
 
 #include <vector>
 
+#include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/port_block.h"
 #include "support/sockets.h"
@@ -188,6 +190,29 @@ TEST_F(InputReceiverTest, ABusyPortIsShownUntilItIsFree) {
     occupier.reset();
     EXPECT_TRUE(receiver_.start_with_device(port_, UniqueFd()));
     EXPECT_EQ(busy_port(), 0);
+}
+
+TEST_F(InputReceiverTest, WithheldInputIsDroppedAndLeavesNothingPressed) {
+    send(InputKind::KeyDown, 0, 17);
+    send_marker(100);
+    events_until_marker(100);
+    receiver_.withhold(true);
+    send(InputKind::KeyDown, 0, 18);
+    send(InputKind::MouseMotion, 5, 5, 0b001);
+    ASSERT_TRUE(test::eventually([&] { return receiver_.received() == 4; }));
+    receiver_.withhold(true);
+    receiver_.stop();  // also when it is started again
+    EXPECT_EQ(receiver_.applied(), 2U);
+    EXPECT_THAT(events_until_marker({}), testing::HasSubstr("1:17=0 " + kReleaseAll));
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    events_ = UniqueFd(ends[0]);
+    ASSERT_TRUE(receiver_.start_with_device(port_, UniqueFd(ends[1])));
+    send(InputKind::KeyDown, 0, 19);
+    ASSERT_TRUE(test::eventually([&] { return receiver_.received() == 5; }));
+    receiver_.withhold(false);
+    send_marker(101);
+    EXPECT_EQ(events_until_marker(101), "");
 }
 
 }  // namespace
