@@ -62,6 +62,11 @@ void Board::raise(Alert alert, uint16_t port) {
     touch_locked();
 }
 
+void Board::raise_capture(CaptureTrouble trouble) {
+    update([&](Snapshot& fresh) { fresh.alert_reason.capture = trouble; });
+    raise(Alert::CaptureFailed, 0);
+}
+
 void Board::clear(Alert alert) {
     const std::lock_guard lock(mutex);
     if (!std::exchange(state.alerts.at(static_cast<size_t>(alert)), false)) return;
@@ -80,7 +85,7 @@ void Board::input_device(int error) {
     {
         const std::lock_guard lock(mutex);
         // A node that is there may have no module behind it.
-        state.uinput_absent = error == ENOENT || error == ENODEV || error == ENXIO;
+        state.alert_reason.uinput_absent = error == ENOENT || error == ENODEV || error == ENXIO;
     }
     raise(Alert::UinputDenied, 0);
 }

@@ -44,6 +44,23 @@ enum class LinkState : uint8_t { None = 0, Connected = 1, Reconnecting = 2, Stan
 /// What the board knows of the session. `Streaming` also while a lost launcher is waited for.
 enum class SessionState : uint8_t { None = 0, Preparing = 1, Streaming = 2 };
 
+/// How it is with a session's picture.
+enum class PictureState : uint8_t {
+    Fine = 0,
+    AwaitingOwner = 1,  ///< the desktop asks the PC's owner whether it may be shared
+    Lost = 2,           ///< its source is gone; no input is let through
+};
+
+/// What is behind Alert::CaptureFailed, as far as it takes another remedy.
+enum class CaptureTrouble : uint8_t {
+    NoPicture = 0,
+    Declined = 1,    ///< the owner has refused to share the screen
+    Unanswered = 2,  ///< nobody has answered the desktop's question
+    Stopped = 3,     ///< the owner has stopped the share
+    Black = 4,       ///< the desktop shows nothing
+};
+inline constexpr size_t kCaptureTroubleCount = 5;
+
 /// One entry of the recent-events list.
 struct Event {
     int64_t time_s = 0;  ///< system clock, seconds
@@ -84,6 +101,7 @@ struct SessionView {
     bool active = false;          ///< a session was handed to this PC
     bool holding = false;         ///< the launcher is gone, the session waits for it
     int64_t hold_until_s = 0;     ///< system clock, end of the wait
+    PictureState picture = PictureState::Fine;
 
     /// Appends the present readings to the history.
     void keep_figures();
@@ -95,6 +113,12 @@ struct ClosedPort {
     int error = 0;  ///< errno that tells why it could not be opened; 0: it could
 
     friend bool operator==(const ClosedPort&, const ClosedPort&) = default;
+};
+
+/// What is behind an alert where its cause decides on the remedy.
+struct AlertReason {
+    bool uinput_absent = false;  ///< Alert::UinputDenied: not a matter of permission
+    CaptureTrouble capture = CaptureTrouble::NoPicture;  ///< Alert::CaptureFailed
 };
 
 /// Everything that can be painted. Copied whole by `Board::snapshot()`.
@@ -109,8 +133,8 @@ struct Snapshot {
     uint8_t link_detail = 0;   ///< 3 while the platform link is up, else 0
     SessionView session;
     std::array<bool, kAlertCount> alerts{};
-    uint16_t busy_port = 0;      ///< for Alert::PortBusy
-    bool uinput_absent = false;  ///< for Alert::UinputDenied: not a matter of permission
+    uint16_t busy_port = 0;  ///< for Alert::PortBusy
+    AlertReason alert_reason;
     ClosedPort closed_port;
     std::deque<Event> events;   ///< oldest first, at most 8
     uint64_t events_total = 0;  ///< events ever pushed; tells which of `events` are new
@@ -137,6 +161,9 @@ class Board {
     /// Marks an alert active; the first time also pushes an event. `port` matters for PortBusy
     /// only, whose newest port is always kept.
     void raise(Alert alert, uint16_t port);
+
+    /// Raises Alert::CaptureFailed for this reason; the newest one is kept.
+    void raise_capture(CaptureTrouble trouble);
 
     /// Takes an alert back. Counts as a change only when it was active.
     void clear(Alert alert);

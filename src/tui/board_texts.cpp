@@ -60,6 +60,24 @@ constexpr Text kNoUinputText{
     "Players' mouse and keyboard won't work: there is no /dev/uinput. Run sudo modprobe uinput.",
     "Мышь и\u00A0клавиатура игроков не\u00A0заработают: нет /dev/uinput. Выполните sudo modprobe "
     "uinput."};
+// By what is behind a failed capture; the first is that of the alert.
+constexpr std::array<Text, kCaptureTroubleCount> kCaptureTexts{{
+    {"", ""},
+    {"Sharing the screen was declined on this PC. The next session asks again: choose the screen "
+     "in the window and confirm.",
+     "На\u00A0этом ПК отказались показать экран. Следующая сессия спросит снова: выберите экран "
+     "в\u00A0окне и\u00A0подтвердите."},
+    {"Nobody confirmed on this PC that the screen may be shared. The next session asks again: "
+     "confirm the window once.",
+     "На\u00A0этом ПК никто не\u00A0подтвердил показ экрана. Следующая сессия спросит снова: "
+     "подтвердите окно один раз."},
+    {"Sharing the screen was stopped on this PC, so the session ended. The next session asks for "
+     "permission again.",
+     "На\u00A0этом ПК остановили показ экрана, и\u00A0сессия завершилась. Следующая сессия снова "
+     "спросит разрешения."},
+    {"The player sees a black screen. Unlock the PC and wake its display.",
+     "Игрок видит чёрный экран. Разблокируйте ПК и\u00A0включите его дисплей."},
+}};
 
 // Texts before and after the port.
 struct PortText {
@@ -142,9 +160,13 @@ std::string alert_title(Alert alert, Lang lang, uint16_t port) {
     return kAlertTitles.at(static_cast<size_t>(alert)).in(lang);
 }
 
-std::string alert_text(Alert alert, Lang lang, Host host, uint16_t port, bool uinput_absent) {
-    if (alert == Alert::UinputDenied && uinput_absent) return kNoUinputText.in(lang);
+std::string alert_text(Alert alert, Lang lang, Host host, uint16_t port,
+                       const AlertReason& reason) {
+    if (alert == Alert::UinputDenied && reason.uinput_absent) return kNoUinputText.in(lang);
     if (alert == Alert::PortBusy) return kPortBusyText.with(port, lang);
+    if (alert == Alert::CaptureFailed && reason.capture != CaptureTrouble::NoPicture) {
+        return kCaptureTexts.at(static_cast<size_t>(reason.capture)).in(lang);
+    }
     if (alert == Alert::CaptureFailed && host == Host::NoDesktopSession) {
         return kNoDesktopText.in(lang);
     }

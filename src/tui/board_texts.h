@@ -17,9 +17,9 @@ Lang os_language();
 
 /// Short name of an alert.
 std::string alert_title(Alert alert, Lang lang, uint16_t port);
-/// What the owner should do about it. `uinput_absent` matters for UinputDenied only.
+/// What the owner should do about it.
 std::string alert_text(Alert alert, Lang lang, Host host, uint16_t port,
-                       bool uinput_absent = false);
+                       const AlertReason& reason = {});
 /// Why no launcher can connect, and what helps; for a port that is closed.
 std::string closed_port_text(const ClosedPort& closed, Lang lang);
 /// One line of the recent-events list; empty for a kind without a text.

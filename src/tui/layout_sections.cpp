@@ -104,7 +104,7 @@ void add_alert(std::vector<Line>& lines, Alert alert, const Snapshot& board, con
         return;
     }
     if (detail == AlertDetail::TitleAndText) add_wrapped(title, kStrong, true);
-    add_wrapped(alert_text(alert, view.lang, view.host, board.busy_port, board.uinput_absent), {},
+    add_wrapped(alert_text(alert, view.lang, view.host, board.busy_port, board.alert_reason), {},
                 detail == AlertDetail::Text);
 }
 

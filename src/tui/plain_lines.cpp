@@ -141,6 +141,7 @@ void PlainLines::add_session(const SessionView& session, const std::string& cloc
                 ? in(lang_, "Waiting for the launcher to come back", "Ждём возвращения лаунчера")
                 : in(lang_, "No longer waiting for the launcher", "Больше не\u00A0ждём лаунчер"));
     }
+    add_picture(std::exchange(picture_, session.picture), session, clock);
     std::string stream = stream_text(session, lang_);
     if (stream != stream_ && !stream.empty()) add(clock, stream);
     stream_ = std::move(stream);
@@ -158,19 +159,45 @@ void PlainLines::add_closed_port(const ClosedPort& closed, const std::string& cl
     }
 }
 
+void PlainLines::add_picture(PictureState before, const SessionView& session,
+                             const std::string& clock) {
+    if (session.picture == before) return;
+    switch (session.picture) {
+        case PictureState::AwaitingOwner:
+            add(clock,
+                in(lang_, "Waiting for the screen to be shared: confirm the window on this PC",
+                   "Ждём разрешения показать экран: подтвердите окно на\u00A0этом ПК"));
+            return;
+        case PictureState::Lost:
+            add(clock, in(lang_, "The screen can't be captured, mouse and keyboard are off",
+                          "Экран не\u00A0захватить, мышь и\u00A0клавиатура отключены"));
+            return;
+        case PictureState::Fine:
+            if (before == PictureState::Lost && session.state == SessionState::Streaming) {
+                add(clock, in(lang_, "The screen is captured again", "Экран снова захвачен"));
+            }
+            return;
+    }
+}
+
 void PlainLines::add_alert(Alert alert, const std::string& clock, const Snapshot& snapshot) {
     alerts_.at(static_cast<size_t>(alert)) = true;
+    const AlertReason& reason = snapshot.alert_reason;
     if (alert == Alert::PortBusy) busy_port_ = snapshot.busy_port;
-    if (alert == Alert::UinputDenied) uinput_absent_ = snapshot.uinput_absent;
-    add(clock, "! " + alert_text(alert, lang_, host_, snapshot.busy_port, snapshot.uinput_absent));
+    if (alert == Alert::UinputDenied) alert_reason_.uinput_absent = reason.uinput_absent;
+    if (alert == Alert::CaptureFailed) alert_reason_.capture = reason.capture;
+    add(clock, "! " + alert_text(alert, lang_, host_, snapshot.busy_port, reason));
 }
 
 void PlainLines::add_alerts(const Snapshot& snapshot, const std::string& clock) {
     for (size_t i = 0; i < kAlertCount; ++i) {
         const auto alert = static_cast<Alert>(i);
-        const bool told =
-            alerts_[i] && (alert != Alert::PortBusy || busy_port_ == snapshot.busy_port) &&
-            (alert != Alert::UinputDenied || uinput_absent_ == snapshot.uinput_absent);
+        const bool told = alerts_[i] &&
+                          (alert != Alert::PortBusy || busy_port_ == snapshot.busy_port) &&
+                          (alert != Alert::UinputDenied ||
+                           alert_reason_.uinput_absent == snapshot.alert_reason.uinput_absent) &&
+                          (alert != Alert::CaptureFailed ||
+                           alert_reason_.capture == snapshot.alert_reason.capture);
         if (snapshot.alerts[i]) {
             if (!told) add_alert(alert, clock, snapshot);
         } else if (std::exchange(alerts_[i], false)) {

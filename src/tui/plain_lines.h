@@ -42,6 +42,7 @@ class PlainLines {
     void add_identity(const Snapshot& snapshot);
     void add_events(const Snapshot& snapshot);
     void add_alert(Alert alert, const std::string& clock, const Snapshot& snapshot);
+    void add_picture(PictureState before, const SessionView& session, const std::string& clock);
     void add_alerts(const Snapshot& snapshot, const std::string& clock);
     void add_link(const Snapshot& snapshot, const std::string& clock);
     void add_closed_port(const ClosedPort& closed, const std::string& clock);
@@ -56,11 +57,12 @@ class PlainLines {
     Told<LinkState> link_;
     Told<SessionState> session_;
     Told<bool> holding_;
+    PictureState picture_ = PictureState::Fine;
     std::string stream_;
     ClosedPort closed_port_;
     std::array<bool, kAlertCount> alerts_{};
     uint16_t busy_port_ = 0;
-    bool uinput_absent_ = false;
+    AlertReason alert_reason_;  ///< as it was told last
 };
 
 }  // namespace ox::tui

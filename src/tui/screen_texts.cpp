@@ -24,12 +24,17 @@ const char* link(LinkState link, Lang lang) {
 
 const char* session_title(const Snapshot& snapshot, Lang lang) {
     const SessionView& session = snapshot.session;
+    if (session.state != SessionState::None && session.picture == PictureState::AwaitingOwner) {
+        return in(lang, "CONFIRM ON THIS PC", "ПОДТВЕРДИТЕ НА\u00A0ЭТОМ ПК");
+    }
     switch (session.state) {
         case SessionState::Preparing:
             return in(lang, "PREPARING A SESSION", "ГОТОВИМ СЕССИЮ");
         case SessionState::Streaming:
-            return session.holding ? in(lang, "PLAYER DROPPED", "ИГРОК ОТКЛЮЧИЛСЯ")
-                                   : in(lang, "PLAYER CONNECTED", "ИГРОК ПОДКЛЮЧЁН");
+            if (session.holding) return in(lang, "PLAYER DROPPED", "ИГРОК ОТКЛЮЧИЛСЯ");
+            return session.picture == PictureState::Lost
+                       ? in(lang, "NO PICTURE", "НЕТ ИЗОБРАЖЕНИЯ")
+                       : in(lang, "PLAYER CONNECTED", "ИГРОК ПОДКЛЮЧЁН");
         case SessionState::None:
             break;
     }
@@ -48,7 +53,25 @@ const char* session_title(const Snapshot& snapshot, Lang lang) {
     return in(lang, "NO SESSION", "НЕТ СЕССИИ");
 }
 
+const char* picture_hint(PictureState picture, Lang lang) {
+    switch (picture) {
+        case PictureState::AwaitingOwner:
+            return in(lang, "Confirm the window that asks to share the screen.",
+                      "Подтвердите окно с\u00A0вопросом о\u00A0показе экрана.");
+        case PictureState::Lost:
+            return in(lang, "The screen can't be captured now. Mouse and keyboard are off.",
+                      "Экран сейчас не\u00A0захватить. Мышь и\u00A0клавиатура отключены.");
+        case PictureState::Fine:
+            break;
+    }
+    return "";
+}
+
 std::string session_hint(const Snapshot& snapshot, Lang lang) {
+    if (snapshot.session.state != SessionState::None &&
+        snapshot.session.picture == PictureState::AwaitingOwner) {
+        return picture_hint(snapshot.session.picture, lang);
+    }
     if (snapshot.session.state != SessionState::None) {
         return snapshot.session.launcher.empty()
                    ? in(lang, "Waiting for the player's launcher.", "Ждём лаунчер игрока.")

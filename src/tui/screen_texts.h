@@ -18,6 +18,8 @@ const char* link(LinkState link, Lang lang);
 
 /// Headline of the session card, in capitals.
 const char* session_title(const Snapshot& snapshot, Lang lang);
+/// What the owner has to know of the picture; empty when it is fine.
+const char* picture_hint(PictureState picture, Lang lang);
 /// What the owner may want to know or do while no picture is streamed.
 std::string session_hint(const Snapshot& snapshot, Lang lang);
 /// "Holding the session for 42 s more".

@@ -118,7 +118,7 @@ class Card {
 
   private:
     [[nodiscard]] Tone state_tone() const {
-        if (session_.holding) return Tone::Warn;
+        if (session_.holding || session_.picture != PictureState::Fine) return Tone::Warn;
         if (session_.state == SessionState::Streaming) return Tone::Good;
         if (session_.state == SessionState::Preparing) return Tone::Accent;
         return board_.closed_port.error != 0 ? Tone::Bad : Tone::Dim;
@@ -167,6 +167,10 @@ class Card {
         if (session_.state != SessionState::Streaming) {
             add_hint();
             return;
+        }
+        for (const std::string& line :
+             text::wrap(screen_texts::picture_hint(session_.picture, view_.lang), inner_)) {
+            body_.emplace_back(line, Style{});
         }
         if (session_.holding) {
             add_hold();

@@ -88,7 +88,7 @@ TEST(IdleWatch, SeesWhatTheOwnerHasMended) {
         const tui::Snapshot board = tui::board().snapshot();
         const bool active = board.alerts.at(static_cast<size_t>(tui::Alert::UinputDenied));
         return active ? tui::alert_text(tui::Alert::UinputDenied, tui::Lang::English,
-                                        tui::Host::Desktop, 0, board.uinput_absent)
+                                        tui::Host::Desktop, 0, board.alert_reason)
                       : "";
     };
     const std::string absent =

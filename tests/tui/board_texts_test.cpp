@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <optional>
+#include <set>
 
 #include "support/environment.h"
 
@@ -55,6 +56,15 @@ TEST(BoardTexts, EventsAndAlertsInBothLanguages) {
             EXPECT_NE(alert_text(static_cast<Alert>(alert), lang, Host::Desktop, 1), "") << alert;
         }
     }
+    std::set<std::string> remedies;
+    for (const Lang lang : {Lang::English, Lang::Russian}) {
+        for (size_t trouble = 0; trouble < kCaptureTroubleCount; ++trouble) {
+            remedies.insert(alert_text(Alert::CaptureFailed, lang, Host::Desktop, 1,
+                                       static_cast<CaptureTrouble>(trouble)));
+        }
+    }
+    EXPECT_EQ(remedies.size(), 2 * kCaptureTroubleCount);
+    EXPECT_EQ(remedies.count(""), 0U);
 }
 
 TEST(BoardTexts, FirstLanguageVariableThatIsSetDecides) {

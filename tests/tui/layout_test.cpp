@@ -42,8 +42,18 @@ std::vector<Snapshot> boards_of_all_states() {
     reconnecting.link = LinkState::Reconnecting;
     Snapshot preparing = test::connected_board();
     preparing.session.state = SessionState::Preparing;
-    return {Snapshot{},         test::connected_board(), reconnecting,
-            preparing,          test::streaming_board(), test::holding_board(),
+    Snapshot asking = preparing;
+    asking.session.picture = PictureState::AwaitingOwner;
+    Snapshot lost = test::streaming_board();
+    lost.session.picture = PictureState::Lost;
+    return {Snapshot{},
+            test::connected_board(),
+            reconnecting,
+            preparing,
+            asking,
+            test::streaming_board(),
+            lost,
+            test::holding_board(),
             test::nasty_board()};
 }
 
@@ -123,6 +133,17 @@ TEST(Layout, TellsWhatMattersOfAStreamAHoldAndAClosedPort) {
          {std::string("NOBODY CAN CONNECT"), closed_port_text(closed.closed_port, Lang::English)}) {
         EXPECT_THAT(nobody, HasSubstr(fact));
     }
+    Snapshot asking = test::streaming_board();
+    asking.session.picture = PictureState::AwaitingOwner;
+    for (const SessionState state : {SessionState::Preparing, SessionState::Streaming}) {
+        asking.session.state = state;
+        const std::string shown = running_text(lay_out(asking, view(80, 24, Lang::Russian)));
+        EXPECT_THAT(shown, HasSubstr("ПОДТВЕРДИТЕ НА\u00A0ЭТОМ ПК"));
+        EXPECT_THAT(shown, HasSubstr("показе экрана."));
+    }
+    Snapshot lost = test::streaming_board();
+    lost.session.picture = PictureState::Lost;
+    EXPECT_THAT(running_text(lay_out(lost, view(80, 24))), HasSubstr("Mouse and keyboard are off"));
 
     Snapshot unknown = test::streaming_board();
     unknown.session.rtt_ms = unknown.session.loss_pct = -1;

@@ -78,6 +78,21 @@ TEST(PlainLines, SessionOfAStandaloneAgent) {
                 ElementsAre("14:03 The player dropped, holding the session for 1 min"));
     EXPECT_THAT(story.after([](Snapshot& s) { s.session.holding = false; }),
                 ElementsAre("now No longer waiting for the launcher"));
+    const auto set_picture = [&](PictureState picture) {
+        return story.after([=](Snapshot& s) { s.session.picture = picture; });
+    };
+    EXPECT_THAT(set_picture(PictureState::Lost),
+                ElementsAre("now The screen can't be captured, mouse and keyboard are off"));
+    EXPECT_THAT(set_picture(PictureState::Fine), ElementsAre("now The screen is captured again"));
+    story.board.raise_capture(CaptureTrouble::Black);
+    EXPECT_THAT(story.next(), ElementsAre("14:03 ! The player sees a black screen. Unlock the PC "
+                                          "and wake its display."));
+    story.board.raise_capture(CaptureTrouble::Black);
+    EXPECT_THAT(story.next(), IsEmpty());
+    story.board.raise_capture(CaptureTrouble::Declined);
+    EXPECT_THAT(story.next(), ElementsAre(testing::HasSubstr("was declined")));
+    story.board.clear(Alert::CaptureFailed);
+    EXPECT_THAT(story.next(), ElementsAre("now Resolved: Screen capture failed"));
     // Over and begun anew between two looks at the board.
     story.board.session_ended(false, 3900);
     EXPECT_THAT(story.after([&](Snapshot& s) {
