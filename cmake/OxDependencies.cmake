@@ -26,6 +26,7 @@ ox_require(X11 "libX11 1.8 with libXdamage 1.1, libXext 1.3 and libXfixes 6.0"
 ox_require(XAU "libXau 1.0" xau>=1.0)
 ox_require(DBUS "D-Bus 1.14" dbus-1>=1.14)
 ox_require(PIPEWIRE "PipeWire 0.3.65" libpipewire-0.3>=0.3.65)
+ox_require(WAYLAND "libwayland 1.21" wayland-client>=1.21)
 
 # libyuv ships no pkg-config file.
 find_path(YUV_INCLUDE_DIR libyuv.h REQUIRED)

@@ -14,8 +14,8 @@ program_packages=(
   ca-certificates ccache cmake g++ git ninja-build pkg-config
   # libraries of the program
   libavcodec-dev libavformat-dev libavutil-dev libdbus-1-dev libopus-dev libpipewire-0.3-dev
-  libpulse-dev libsodium-dev libssl-dev libswscale-dev libx11-dev libx11-xcb-dev libxau-dev
-  libxdamage-dev libxext-dev libxfixes-dev libyuv-dev nlohmann-json3-dev
+  libpulse-dev libsodium-dev libssl-dev libswscale-dev libwayland-dev libx11-dev libx11-xcb-dev
+  libxau-dev libxdamage-dev libxext-dev libxfixes-dev libyuv-dev nlohmann-json3-dev
 )
 # With the test and benchmark frameworks: the release build has both.
 build_packages=(

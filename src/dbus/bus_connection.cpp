@@ -135,6 +135,14 @@ BusWait BusConnection::read_until(SteadyClock::time_point deadline,
     }
 }
 
+bool BusConnection::read_pending(const std::function<void(DBusMessage&)>& take) {
+    if (!connection_) return false;
+    dbus_connection_read_write(connection_.get(), 0);
+    while (const DBusMessagePtr message{dbus_connection_pop_message(connection_.get())})
+        take(*message);
+    return is_open();
+}
+
 DBusMessagePtr BusConnection::call(DBusMessage& call, std::chrono::milliseconds limit) {
     const auto deadline = SteadyClock::now() + limit;
     uint32_t serial = 0;

@@ -52,6 +52,9 @@ class BusConnection {
     /// Hands every message that comes to `done`, until it returns true.
     BusWait read_until(SteadyClock::time_point deadline,
                        const std::function<bool(DBusMessage&)>& done);
+    /// Hands every message that is there to `take`; waits for none. False when the connection
+    /// broke.
+    bool read_pending(const std::function<void(DBusMessage&)>& take);
     /// Sends `call` and waits for its reply, which may be an error. Null when none comes.
     DBusMessagePtr call(DBusMessage& call, std::chrono::milliseconds limit);
 

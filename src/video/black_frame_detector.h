@@ -16,9 +16,13 @@ class BlackFrameDetector {
     /// `row_bytes` pixel bytes, `stride` bytes apart. True when the warning is due.
     bool observe(const uint8_t* rows, size_t stride, size_t row_bytes, uint32_t height);
 
+    /// The run goes on since the warning, and nothing but a pointer was lit anywhere in the picture
+    /// when that was looked at, which it is with every `kWarnAfter`th of the run.
+    [[nodiscard]] bool is_black() const { return all_black_; }
+
   private:
-    uint32_t black_frames_ = 0;
-    bool warned_ = false;
+    uint64_t black_frames_ = 0;
+    bool all_black_ = false;
 };
 
 }  // namespace ox

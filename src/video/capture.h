@@ -43,6 +43,17 @@ struct CapturedFrame {
     }
 };
 
+/// What a source of pictures says of itself.
+enum class CaptureState : uint8_t {
+    Live,           ///< pictures come, or would if anything changed
+    Doubtful,       ///< it may be over; which way is known within about a second
+    Lost,           ///< it is over, by no wish of the owner: opening it anew may bring it back
+    Gone,           ///< it is over, or never was, and this is not the owner's doing
+    OwnerStopped,   ///< the PC's owner has ended the share
+    OwnerDeclined,  ///< the PC's owner has refused it
+    OwnerAbsent,    ///< nobody at the PC has answered whether it may be shared
+};
+
 /// A source of screen pictures. Used by one thread.
 class ICapture {
   public:
@@ -56,6 +67,11 @@ class ICapture {
     /// When the picture changed, as far as the backend hears of it; null where it does not. Valid
     /// until the next call of another function.
     [[nodiscard]] virtual ChangeTimes* changes() { return nullptr; }
+    /// How it is with the source now, or, after an `init` without success, why. Looked at with
+    /// every picture and as long as nobody watches; never waits.
+    virtual CaptureState state() { return CaptureState::Live; }
+    /// Nothing but black has come for a while.
+    [[nodiscard]] virtual bool black() const { return false; }
     /// Releases everything. Safe to call twice.
     virtual void shutdown() {}
 };
@@ -63,10 +79,13 @@ class ICapture {
 /// The backend for `mode` ("auto", "x11", "portal", "synthetic") on this desktop, whose session
 /// decides what "auto" means; the size is that of the synthetic picture. `cancelled` may be asked
 /// as long as the backend lives, from other threads, too. True ends every wait: the portal's for
-/// the user at once, and one for an X server that hangs a second later.
+/// the user at once, and one for an X server that hangs a second later. `awaiting_owner` is told by
+/// `init` that the user is being asked for approval (true), and then that the answer is there or
+/// not waited for any more (false).
 std::unique_ptr<ICapture> make_capture(const std::string& mode, const Desktop& desktop,
                                        uint32_t width, uint32_t height,
-                                       std::function<bool()> cancelled = {});
+                                       std::function<bool()> cancelled = {},
+                                       std::function<void(bool)> awaiting_owner = {});
 /// The same on the desktop of this process's environment; `display` is an X display name or empty
 /// for `$DISPLAY`.
 std::unique_ptr<ICapture> make_capture(const std::string& mode, const std::string& display,

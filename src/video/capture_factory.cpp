@@ -10,11 +10,14 @@ namespace ox {
 
 std::unique_ptr<ICapture> make_capture(const std::string& mode, const Desktop& desktop,
                                        uint32_t width, uint32_t height,
-                                       std::function<bool()> cancelled) {
+                                       std::function<bool()> cancelled,
+                                       std::function<void(bool)> awaiting_owner) {
     if (mode == "synthetic") return std::make_unique<SyntheticCapture>(width, height);
     if (mode == "portal" || (mode == "auto" && desktop.is_wayland())) {
         auto config = PortalCapture::config_from_environment();
+        if (!desktop.wayland_display.empty()) config.wayland_display = desktop.wayland_display;
         config.cancelled = std::move(cancelled);
+        config.awaiting_owner = std::move(awaiting_owner);
         return std::make_unique<PortalCapture>(std::move(config));
     }
     return std::make_unique<X11Capture>(desktop.display, desktop.x_access.authorization,

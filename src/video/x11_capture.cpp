@@ -132,7 +132,7 @@ int X11Capture::capture_frame(CapturedFrame& frame) {
         report_outage();
         return 1;
     }
-    outage_reported_ = false;
+    outage_since_.reset();
     watch_for_black();
     deliver(frame);
     frame.timestamp = steady_now_us();
@@ -196,9 +196,16 @@ bool X11Capture::grab_current_size() {
 
 /// One line per outage: the session asks again with every frame.
 void X11Capture::report_outage() {
-    if (std::exchange(outage_reported_, true)) return;
+    if (outage_since_) return;
+    outage_since_ = SteadyClock::now();
     if (grabber_) OX_ERROR("X11Capture: %s failed", grabber_->call_name());
     if (connection_->lost()) OX_ERROR("X11Capture: the X server is gone");
+}
+
+CaptureState X11Capture::state() {
+    constexpr std::chrono::seconds kOutageCounts{2};
+    const bool out = outage_since_ && SteadyClock::now() - *outage_since_ >= kOutageCounts;
+    return !connection_ || connection_->lost() || out ? CaptureState::Gone : CaptureState::Live;
 }
 
 void X11Capture::watch_for_black() {

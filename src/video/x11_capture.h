@@ -45,6 +45,9 @@ class X11Capture final : public ICapture {
     [[nodiscard]] uint32_t width() const override { return width_; }
     [[nodiscard]] uint32_t height() const override { return height_; }
     [[nodiscard]] ChangeTimes* changes() override;
+    /// `Gone` when the server has ended, and after two seconds without a picture.
+    CaptureState state() override;
+    [[nodiscard]] bool black() const override { return black_frames_.is_black(); }
     void shutdown() override;
 
   private:
@@ -81,7 +84,7 @@ class X11Capture final : public ICapture {
     uint64_t shown_look_ = 0;            // the pointer's in the last frame; 0: no pointer
     uint64_t content_ = 0;
     BlackFrameDetector black_frames_;
-    bool outage_reported_ = false;
+    std::optional<SteadyClock::time_point> outage_since_;
     uint64_t frames_ = 0;
 };
 

@@ -1,6 +1,7 @@
 #include "support/pipewire_source.h"
 
 #include <pipewire/pipewire.h>
+#include <spa/buffer/meta.h>
 #include <spa/param/buffers.h>
 #include <spa/param/video/format-utils.h>
 #include <spa/pod/builder.h>
@@ -72,7 +73,8 @@ void PipewireSource::offer_format(bool at_first) {
     width_ = picture_.width;
     height_ = picture_.height;
     spa_video_info_raw info{};
-    info.format = setup_.bgrx ? SPA_VIDEO_FORMAT_BGRx : SPA_VIDEO_FORMAT_RGBx;
+    info.format =
+        setup_.layout != 0 ? static_cast<spa_video_format>(setup_.layout) : SPA_VIDEO_FORMAT_BGRx;
     info.size = {width_, height_};
     info.framerate = {0, 1};
     std::array<uint8_t, 1024> memory;
@@ -92,6 +94,7 @@ void PipewireSource::format_changed(const spa_pod* param) {
     spa_video_info_raw info{};
     if (param == nullptr || spa_format_video_raw_parse(param, &info) < 0) return;
     agreed_ = info.size.width == width_ && info.size.height == height_;
+    if (setup_.stalls) streaming_ = false;
     const auto stride = static_cast<int>(width_ * kPixelBytes + setup_.padding);
     std::array<uint8_t, 1024> memory;
     spa_pod_builder builder{};
@@ -102,8 +105,14 @@ void PipewireSource::format_changed(const spa_pod* param) {
                         SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1), SPA_PARAM_BUFFERS_size,
                         SPA_POD_Int(stride * static_cast<int>(height_)), SPA_PARAM_BUFFERS_stride,
                         SPA_POD_Int(stride), 0);
-    const spa_pod* params[] = {static_cast<const spa_pod*>(spa_pod_builder_pop(&builder, &object))};
-    pw_stream_update_params(stream_, params, 1);
+    const auto* buffers = static_cast<const spa_pod*>(spa_pod_builder_pop(&builder, &object));
+    spa_pod_builder_push_object(&builder, &object, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta);
+    spa_pod_builder_add(&builder, SPA_PARAM_META_type, SPA_POD_Id(SPA_META_VideoTransform),
+                        SPA_PARAM_META_size,
+                        SPA_POD_Int(static_cast<int>(sizeof(spa_meta_videotransform))), 0);
+    const spa_pod* params[] = {buffers,
+                               static_cast<const spa_pod*>(spa_pod_builder_pop(&builder, &object))};
+    pw_stream_update_params(stream_, params, 2);
 }
 
 void PipewireSource::tick() {
@@ -121,6 +130,10 @@ void PipewireSource::process() {
     pw_buffer* buffer = pw_stream_dequeue_buffer(stream_);
     if (buffer == nullptr) return;
     fill(buffer->buffer->datas[0]);
+    if (void* meta = spa_buffer_find_meta_data(buffer->buffer, SPA_META_VideoTransform,
+                                               sizeof(spa_meta_videotransform))) {
+        static_cast<spa_meta_videotransform*>(meta)->transform = setup_.transform;
+    }
     pw_stream_queue_buffer(stream_, buffer);
 }
 

@@ -19,8 +19,11 @@ class PipewireSource {
   public:
     struct Setup {
         uint32_t padding = 0;  ///< bytes behind each row
-        bool bgrx = true;      ///< false: R, G, B and a fourth byte
+        uint32_t layout = 0;   ///< an spa_video_format of four bytes a pixel; 0: BGRx
         bool blanks = false;   ///< a damaged and an empty buffer before each picture
+        /// An agreement on a new format stops it until its stream's state changes.
+        bool stalls = false;
+        uint32_t transform = 0;  ///< that it says of each picture; does nothing to the pixels
     };
 
     /// `pictures` is asked at once, and while somebody watches 61 times a second from another

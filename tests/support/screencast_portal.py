@@ -5,21 +5,25 @@
 # Usage: screencast_portal.py REPORT-FILE [BEHAVIOUR...]
 #
 # The report file gets "ready", then one line for each call that came in: its name, the options that
-# matter, and for Close calls what was closed. BEHAVIOURs:
+# matter, and for Close calls what was closed. SIGUSR1 closes the sessions as a desktop does when its
+# user presses "Stop": Closed is told, and there is no session any more. BEHAVIOURs:
 #
 #   node=N           the stream's PipeWire node (default 0)
 #   token=TEXT       the restore token that Start returns
 #   CALL=N           CALL's response code is N
 #   CALL=silent      CALL gets no Response
+#   CALL=late        CALL gets its Response after a while, as if somebody had to be asked
 #   CALL=mute        CALL gets not even a reply
 #   CALL=fail        CALL fails with a D-Bus error
 #   CALL=early       CALL's Response comes before its reply
 #   CALL=empty       CALL's results are empty
+#   once             CALL=... holds for the first such call alone
 #   no-token         SelectSources fails for a call with a restore token
 #   foreign          before each Response others come: to another request, from another program, and
 #                    one without the arguments of a Response
 
 import os
+import signal
 import socket
 import sys
 
@@ -35,16 +39,17 @@ dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
 bus = dbus.SessionBus()
 stranger = dbus.SessionBus(private=True)
 told = dict((word + "=").split("=", 2)[:2] for word in sys.argv[2:])
+sessions = set()
 report_file = open(sys.argv[1], "w", encoding="utf-8", buffering=1)
 
 
 def respond(connection, path, receiver, *arguments):
-    signal = dbus.lowlevel.SignalMessage(path, "org.freedesktop.portal.Request", "Response")
-    signal.set_destination(receiver)
+    response = dbus.lowlevel.SignalMessage(path, "org.freedesktop.portal.Request", "Response")
+    response.set_destination(receiver)
     if arguments:
-        signal.append(dbus.UInt32(arguments[0]), dbus.Dictionary(arguments[1], signature="sv"),
-                      signature="ua{sv}")
-    connection.send_message(signal)
+        response.append(dbus.UInt32(arguments[0]), dbus.Dictionary(arguments[1], signature="sv"),
+                        signature="ua{sv}")
+    connection.send_message(response)
     connection.flush()
 
 
@@ -71,8 +76,17 @@ def open_remote(message):
     reply(message, dbus.types.UnixFd(remote), "h")
 
 
+def close_sessions():
+    while sessions:
+        bus.send_message(dbus.lowlevel.SignalMessage(
+            sessions.pop(), "org.freedesktop.portal.Session", "Closed"))
+    bus.flush()
+    return GLib.SOURCE_CONTINUE
+
+
 def results_of(call, mine, options):
     if call == "CreateSession":
+        sessions.add(f"{DESKTOP}/session/{mine}/{options['session_handle_token']}")
         return {"session_handle": f"{DESKTOP}/session/{mine}/{options['session_handle_token']}"}
     if call == "SelectSources":
         return {}
@@ -83,7 +97,10 @@ def results_of(call, mine, options):
 
 def handle(_bus, message):
     call, arguments = message.get_member(), message.get_args_list()
-    if call == "Close":
+    if call == "Get" and message.get_path() in sessions:
+        reply(message, dbus.UInt32(1, variant_level=1), "v")
+    elif call == "Close":
+        sessions.discard(message.get_path())
         report_file.write(f"Close {message.get_interface().rsplit('.', 1)[1]}\n")
     elif message.get_interface() != "org.freedesktop.portal.ScreenCast":
         return dbus.lowlevel.HANDLER_RESULT_NOT_YET_HANDLED
@@ -92,7 +109,7 @@ def handle(_bus, message):
         words = [f"{key}={options[key]!s}" for key in sorted(options) if "handle" not in key]
         parent = [f"parent={arguments[1]!s}"] if call == "Start" else []
         report_file.write(" ".join([call, *parent, *words]) + "\n")
-        how = told.get(call, "")
+        how = told.pop(call, "") if "once" in told else told.get(call, "")
         if how == "fail" or "restore_token" in options and "no-token" in told:
             error = "org.freedesktop.portal.Error.Failed"
             bus.send_message(dbus.lowlevel.ErrorMessage(message, error, "not today"))
@@ -107,12 +124,15 @@ def handle(_bus, message):
                 GLib.timeout_add(50, reply, message, path, "o")
             else:
                 reply(message, path, "o")
-                if how != "silent":
+                if how == "late":
+                    GLib.timeout_add(1000, answer, message, path, how, results)
+                elif how != "silent":
                     answer(message, path, how, results)
     return dbus.lowlevel.HANDLER_RESULT_HANDLED
 
 
 bus.add_message_filter(handle)
+GLib.unix_signal_add(GLib.PRIORITY_HIGH, signal.SIGUSR1, close_sessions)
 name = dbus.service.BusName("org.freedesktop.portal.Desktop", bus)
 report_file.write("ready\n")
 GLib.MainLoop().run()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,6 +21,7 @@ class WaylandDesktop {
 
     [[nodiscard]] std::string bus_address() const { return "unix:path=" + dir_.file("bus"); }
     [[nodiscard]] std::string pipewire_socket() const { return dir_.file("pipewire-0"); }
+    [[nodiscard]] std::string wayland_socket() const { return dir_.file("wayland-0"); }
     /// For programs that are to run on this desktop.
     [[nodiscard]] std::vector<std::string> environment() const;
 
@@ -28,6 +30,8 @@ class WaylandDesktop {
     bool start_portal(std::vector<std::string> behaviours);
     /// SIGKILL.
     void kill_portal() { portal_.reset(); }
+    /// The portal closes its sessions, as when its user presses "Stop".
+    void stop_sharing() const { portal_->signal(SIGUSR1); }
     /// The calls that the present portal got.
     [[nodiscard]] const LogFile& portal_report() const { return report_; }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "video/black_frame_detector.h"
@@ -25,10 +26,23 @@ TEST(BlackFrameDetector, WarnsOncePerRunAndRearmsOnALitPicture) {
         EXPECT_TRUE(warned());
         for (int i = 0; i < 300; ++i)
             ASSERT_FALSE(warned());
+        EXPECT_FALSE(detector.is_black()) << "outside of the corner it is white";
         bytes[lit] = 9;
         EXPECT_FALSE(warned());
         bytes[lit] = 8;
     }
+    // A locked screen with its pointer.
+    std::fill(bytes.begin(), bytes.end(), uint8_t{0});
+    for (size_t y = 200; y < 232; ++y)
+        std::fill_n(bytes.begin() + static_cast<ptrdiff_t>(y * kRow + 400), 24 * 4, uint8_t{255});
+    for (int i = 0; i < 120; ++i) {
+        EXPECT_FALSE(detector.is_black());
+        warned();
+    }
+    EXPECT_TRUE(detector.is_black());
+    bytes[2] = 9;
+    warned();
+    EXPECT_FALSE(detector.is_black());
 }
 
 TEST(PixelUnpacker, StretchesEveryChannelToAByte) {

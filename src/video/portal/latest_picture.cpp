@@ -1,7 +1,6 @@
 #include "video/portal/latest_picture.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 namespace ox {
@@ -10,36 +9,20 @@ namespace {
 constexpr size_t kPixelBytes = 4;
 constexpr size_t kMaxFree = 2;  // one picture is the latest, one is being shown
 
-void copy_rows(const uint8_t* from, size_t stride, size_t row_bytes, uint32_t rows, uint8_t* to) {
-    if (stride == row_bytes) {
-        std::memcpy(to, from, row_bytes * rows);
-        return;
-    }
-    for (uint32_t row = 0; row < rows; ++row) {
-        std::memcpy(to + row * row_bytes, from + row * stride, row_bytes);
-    }
-}
-
 }  // namespace
 
 LatestPicture::LatestPicture() : pool_(std::make_shared<Pool>()) {
     pool_->free.reserve(kMaxFree);  // so that giving back never fails
 }
 
-void LatestPicture::set_size(uint32_t width, uint32_t height) {
-    const std::lock_guard lock(mutex_);
-    width_ = width;
-    height_ = height;
-}
-
 uint32_t LatestPicture::width() const {
     const std::lock_guard lock(mutex_);
-    return width_;
+    return latest_.width;
 }
 
 uint32_t LatestPicture::height() const {
     const std::lock_guard lock(mutex_);
-    return height_;
+    return latest_.height;
 }
 
 std::unique_ptr<LatestPicture::Buffer> LatestPicture::take_buffer(size_t bytes) const {
@@ -68,18 +51,11 @@ std::shared_ptr<const uint8_t> LatestPicture::share(std::unique_ptr<Buffer> buff
             }};
 }
 
-void LatestPicture::on_frame(const uint8_t* rows, size_t stride) {
-    Picture picture;
-    {
-        const std::lock_guard lock(mutex_);
-        picture.width = width_;
-        picture.height = height_;
-    }
-    if (picture.width == 0 || picture.height == 0) return;
-    const size_t row_bytes = picture.width * kPixelBytes;
-    auto buffer = take_buffer(row_bytes * picture.height);
-    copy_rows(rows, stride, row_bytes, picture.height, buffer->data());
-    picture.pixels = share(std::move(buffer), pool_);
+void LatestPicture::on_frame(uint32_t width, uint32_t height,
+                             const std::function<void(uint8_t*)>& fill) {
+    auto buffer = take_buffer(size_t{width} * height * kPixelBytes);
+    fill(buffer->data());
+    Picture picture{.pixels = share(std::move(buffer), pool_), .width = width, .height = height};
     {
         const std::lock_guard lock(mutex_);
         picture.content = latest_.content + 1;

@@ -20,14 +20,13 @@ class LatestPicture {
   public:
     LatestPicture();
 
-    /// The size of the pictures to come, as agreed with the source.
-    void set_size(uint32_t width, uint32_t height);
+    /// Size of the newest picture; 0 as long as there is none.
     [[nodiscard]] uint32_t width() const;
     [[nodiscard]] uint32_t height() const;
 
-    /// Takes a picture of the agreed size (nothing happens before there is one): rows of
-    /// width x 4 bytes, `stride` bytes (at least that many) apart. May throw std::bad_alloc.
-    void on_frame(const uint8_t* rows, size_t stride);
+    /// Takes a picture of this size: `fill` writes its width x height pixels of 4 bytes, without
+    /// padding, to where it is told. May throw std::bad_alloc.
+    void on_frame(uint32_t width, uint32_t height, const std::function<void(uint8_t*)>& fill);
 
     /// Lends the newest picture to `frame`, with timestamp 0. False, and `frame` as it was, when
     /// none has come yet. It can be read for as long as the frame holds it.
@@ -62,8 +61,6 @@ class LatestPicture {
     std::shared_ptr<Pool> pool_;
     mutable std::mutex mutex_;  ///< guards everything below
     mutable std::condition_variable arrived_;
-    uint32_t width_ = 0;
-    uint32_t height_ = 0;
     Picture latest_;
     ChangeTimes arrivals_;  ///< has a guard of its own
 };

@@ -6,11 +6,14 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <utility>
 
+#include "base/clock.h"
 #include "log/log.h"
 #include "video/portal/portal_diagnosis.h"
 #include "video/portal/stream_params.h"
+#include "video/portal/upright_copy.h"
 
 namespace ox {
 namespace {
@@ -28,6 +31,14 @@ using ContextPtr = std::unique_ptr<pw_context, Destroyer<pw_context_destroy>>;
 using CorePtr = std::unique_ptr<pw_core, Destroyer<pw_core_disconnect>>;
 using StreamPtr = std::unique_ptr<pw_stream, Destroyer<pw_stream_destroy>>;
 
+// A macro with casts of its own.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wold-style-cast"
+void listen_to(pw_core& core, spa_hook& hook, const pw_core_events& events, void* data) {
+    pw_core_add_listener(&core, &hook, &events, data);
+}
+#pragma GCC diagnostic pop
+
 void init_library() {
     static std::once_flag once;
     std::call_once(once, [] { pw_init(nullptr, nullptr); });
@@ -41,6 +52,7 @@ struct PipewireStream::Impl {
         if (loop) pw_thread_loop_stop(loop.get());
         // What taking the stream down does to its state is no news.
         if (stream) spa_hook_remove(&listener);
+        if (core) spa_hook_remove(&core_listener);
     }
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
@@ -52,18 +64,24 @@ struct PipewireStream::Impl {
     void state_changed(pw_stream_state state, const char* error);
     void format_changed(const spa_pod* format);
     void process();
-    void take(const spa_buffer& buffer);
+    [[nodiscard]] std::optional<portal::MappedPicture> picture_of(const spa_buffer& buffer) const;
+    void take(const portal::MappedPicture& picture, uint32_t transform);
 
     static const pw_stream_events kEvents;
+    static const pw_core_events kCoreEvents;
 
     LatestPicture& pictures;
     std::atomic<bool> over{false};
+    std::atomic<bool> daemon_gone{false};
+    std::atomic<bool> streaming{false};
+    std::atomic<uint64_t> new_format_us{0};  ///< steady clock; 0: a picture has come since
 
     // Used by the PipeWire thread alone.
-    portal::PictureSize size;
-    bool streaming = false;
+    portal::PictureFormat format;
+    bool had_picture = false;
 
     spa_hook listener{};
+    spa_hook core_listener{};
     LoopPtr loop;
     ContextPtr context;
     CorePtr core;
@@ -87,6 +105,17 @@ const pw_stream_events PipewireStream::Impl::kEvents = [] {
     return events;
 }();
 
+const pw_core_events PipewireStream::Impl::kCoreEvents = [] {
+    pw_core_events events{};
+    events.version = PW_VERSION_CORE_EVENTS;
+    events.error = [](void* self, uint32_t id, int /*seq*/, int result, const char* /*message*/) {
+        if (id != PW_ID_CORE || result != -EPIPE) return;
+        static_cast<Impl*>(self)->daemon_gone = true;
+        static_cast<Impl*>(self)->over = true;
+    };
+    return events;
+}();
+
 bool PipewireStream::Impl::connect_core(UniqueFd remote) {
     init_library();
     loop.reset(pw_thread_loop_new("ox-portal", nullptr));
@@ -99,7 +128,10 @@ bool PipewireStream::Impl::connect_core(UniqueFd remote) {
     }
     // The descriptor is PipeWire's from here on, also when this fails.
     core.reset(pw_context_connect_fd(context.get(), remote.release(), nullptr, 0));
-    if (core) return true;
+    if (core) {
+        listen_to(*core, core_listener, kCoreEvents, this);
+        return true;
+    }
     const std::string reason = std::strerror(errno);
     OX_ERROR("PortalCapture: cannot connect to PipeWire: %s", reason.c_str());
     portal::explain(portal::diagnose_no_pipewire({}));
@@ -115,67 +147,79 @@ bool PipewireStream::Impl::connect_stream(uint32_t node) {
         return false;
     }
     pw_stream_add_listener(stream.get(), &listener, &kEvents, this);
-    portal::ParamMemory memory;
-    const spa_pod* formats[] = {portal::offered_format(memory)};
+    portal::OfferedFormats formats;
+    portal::offer_formats(formats);
     // Without the last flag the session manager would connect the stream to another source, such as
     // a camera, when the screen's goes away.
     constexpr auto kFlags = static_cast<pw_stream_flags>(
         PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_DONT_RECONNECT);
     const int result =
-        pw_stream_connect(stream.get(), PW_DIRECTION_INPUT, node, kFlags, formats, 1);
+        pw_stream_connect(stream.get(), PW_DIRECTION_INPUT, node, kFlags, formats.params.data(),
+                          static_cast<uint32_t>(formats.params.size()));
     if (result < 0) OX_ERROR("PortalCapture: pw_stream_connect failed: %d", result);
     return result >= 0;
 }
 
 void PipewireStream::Impl::state_changed(pw_stream_state state, const char* error) {
-    if (state == PW_STREAM_STATE_STREAMING) {
-        OX_INFO("PortalCapture: PipeWire stream is streaming");
-        streaming = true;
-        return;
-    }
+    streaming = state == PW_STREAM_STATE_STREAMING;
+    if (streaming) OX_INFO("PortalCapture: PipeWire stream is streaming");
     if (state == PW_STREAM_STATE_ERROR) {
         OX_ERROR("PortalCapture: PipeWire stream error: %s", error != nullptr ? error : "?");
     }
     if (state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED) over = true;
-    if (std::exchange(streaming, false)) {
-        OX_WARN("PortalCapture: the stream has stopped (%s) — the last picture stays",
-                pw_stream_state_as_string(state));
-    }
 }
 
-void PipewireStream::Impl::format_changed(const spa_pod* format) {
-    const auto [width, height] = portal::agreed_size(*format).value_or(portal::PictureSize{});
-    if (width == 0) return;
-    OX_INFO("PortalCapture: negotiated %ux%u BGRx", width, height);
-    if (width != size.width || height != size.height) {
-        size = {width, height};
-        pictures.set_size(size.width, size.height);
-    }
-    portal::ParamMemory memory;
-    const spa_pod* params[] = {portal::wanted_buffers(memory)};
-    pw_stream_update_params(stream.get(), params, 1);
+void PipewireStream::Impl::format_changed(const spa_pod* param) {
+    const auto agreed = portal::agreed_format(*param);
+    if (!agreed) return;
+    OX_INFO("PortalCapture: negotiated %ux%u %s", agreed->size.width, agreed->size.height,
+            agreed->name);
+    format = *agreed;
+    portal::ParamMemory buffers;
+    portal::ParamMemory transform;
+    const spa_pod* params[] = {portal::wanted_buffers(buffers),
+                               portal::wanted_transform(transform)};
+    pw_stream_update_params(stream.get(), params, 2);
+    if (!had_picture) return;
+    // A compositor may stop for the new format and go on only when the stream's state changes.
+    new_format_us = steady_now_us();
+    pw_stream_set_active(stream.get(), false);
+    pw_stream_set_active(stream.get(), true);
 }
 
-/// Of several pictures that wait only the newest is of use.
+/// Of several pictures that wait only the newest is of use. A buffer may bring none, though, and
+/// of a desktop that is still no other comes.
 void PipewireStream::Impl::process() {
     pw_buffer* newest = nullptr;
+    std::optional<portal::MappedPicture> picture;
     while (pw_buffer* next = pw_stream_dequeue_buffer(stream.get())) {
-        if (newest != nullptr) pw_stream_queue_buffer(stream.get(), newest);
-        newest = next;
+        if (const auto found = picture_of(*next->buffer)) {
+            picture = found;
+            std::swap(newest, next);
+        }
+        if (next != nullptr) pw_stream_queue_buffer(stream.get(), next);
     }
     if (newest == nullptr) return;
-    take(*newest->buffer);
+    take(*picture, portal::transform_of(*newest->buffer));
     pw_stream_queue_buffer(stream.get(), newest);
 }
 
-void PipewireStream::Impl::take(const spa_buffer& buffer) {
-    if (buffer.n_datas == 0) return;
-    const auto picture = portal::picture_in(buffer.datas[0], size);
-    if (!picture) return;
+std::optional<portal::MappedPicture> PipewireStream::Impl::picture_of(
+    const spa_buffer& buffer) const {
+    if (buffer.n_datas == 0) return std::nullopt;
+    return portal::picture_in(buffer.datas[0], format.size);
+}
+
+void PipewireStream::Impl::take(const portal::MappedPicture& picture, uint32_t transform) {
+    const auto [width, height] = portal::upright_size(format.size, transform);
     try {
-        pictures.on_frame(picture->rows, picture->stride);
+        pictures.on_frame(width, height, [&](uint8_t* to) {
+            portal::copy_upright(picture, format, transform, to);
+        });
+        had_picture = true;
+        new_format_us = 0;
     } catch (const std::bad_alloc&) {
-        OX_ERROR("PortalCapture: no memory for a picture of %ux%u", size.width, size.height);
+        OX_ERROR("PortalCapture: no memory for a picture of %ux%u", width, height);
     }
 }
 
@@ -194,6 +238,20 @@ bool PipewireStream::start(UniqueFd remote, uint32_t node) {
 
 bool PipewireStream::over() const {
     return impl_->over;
+}
+
+bool PipewireStream::daemon_gone() const {
+    return impl_->daemon_gone;
+}
+
+bool PipewireStream::streaming() const {
+    return impl_->streaming;
+}
+
+bool PipewireStream::stalled(SteadyClock::time_point now) const {
+    constexpr std::chrono::seconds kLimit{2};
+    const std::chrono::microseconds since{impl_->new_format_us.load()};
+    return since.count() != 0 && now.time_since_epoch() - since > kLimit;
 }
 
 }  // namespace ox

@@ -5,27 +5,61 @@
 
 #include "base/clock.h"
 #include "log/log.h"
+#include "video/portal/compositor_watch.h"
 #include "video/portal/latest_picture.h"
 #include "video/portal/pipewire_stream.h"
 #include "video/portal/portal_bus.h"
 #include "video/portal/portal_diagnosis.h"
 #include "video/portal/screen_cast.h"
+#include "video/portal/share_watch.h"
 
 namespace ox {
 
 /// One running screen share. Goes in the reverse order: the stream, the portal's session, the bus.
 struct PortalCapture::Share {
-    explicit Share(const Config& config)
-        : bus(config.cancelled), screen_cast(bus, config.token_file, config.limits) {}
+    using Verdict = portal::ShareWatch::Verdict;
 
+    explicit Share(const Config& config)
+        : compositor(config.wayland_display),
+          bus(config.cancelled),
+          screen_cast(bus, config.token_file, config.limits, config.awaiting_owner) {}
+
+    Verdict look(SteadyClock::time_point now);
+    void disturbed(const char* by, SteadyClock::time_point now);
+
+    CompositorWatch compositor;
     portal::PortalBus bus;
     portal::ScreenCast screen_cast;
     LatestPicture pictures;
     PipewireStream stream{pictures};
+    portal::ShareWatch watch;
+    const char* disturbance = "the stream has stopped";
+    bool over_told = false;
 };
 
+/// Takes in what has happened to the share since the last look.
+portal::ShareWatch::Verdict PortalCapture::Share::look(SteadyClock::time_point now) {
+    if (const char* news = compositor.news()) disturbed(news, now);
+    const portal::PortalBus::News news = bus.take_news(screen_cast.session());
+    if (news.service_gone) disturbed("a part of the desktop portal has ended", now);
+    if (news.still_open) watch.still_open();
+    if (news.closed) watch.closed(now);
+    const bool stalled = stream.stalled(now);
+    watch.stream(stream.streaming() && !stalled, now);
+    if (stream.daemon_gone()) disturbed("PipeWire has ended", now);
+    if (stalled) disturbed("no picture came in the new format", now);
+    if (watch.wants_to_ask(now)) bus.ask_for_session(screen_cast.session());
+    return watch.verdict(now);
+}
+
+void PortalCapture::Share::disturbed(const char* by, SteadyClock::time_point now) {
+    disturbance = by;
+    watch.disturbed(now);
+}
+
 PortalCapture::Config PortalCapture::config_from_environment() {
-    return {.limits = portal_limits(std::getenv("OX_PORTAL_TIMEOUT_MS"))};
+    return {.limits = portal_limits(std::getenv("OX_PORTAL_TIMEOUT_MS")),
+            .wayland_display = "wayland-0"};
 }
 
 PortalCapture::PortalCapture(Config config) : config_(std::move(config)) {}
@@ -34,6 +68,12 @@ PortalCapture::~PortalCapture() = default;
 
 bool PortalCapture::init() {
     shutdown();
+    without_share_ = CaptureState::Gone;
+    share_ = open_share();
+    return share_ != nullptr;
+}
+
+std::unique_ptr<PortalCapture::Share> PortalCapture::open_share() {
     auto share = std::make_unique<Share>(config_);
     std::string error;
     if (!share->bus.open(config_.bus_address, error)) {
@@ -43,15 +83,21 @@ bool PortalCapture::init() {
             OX_ERROR("PortalCapture: no session bus: %s", error.c_str());
             portal::explain(portal::diagnose_no_bus());
         }
-        return false;
+        return nullptr;
     }
     auto screen = share->screen_cast.share_monitor();
-    if (!screen || !share->stream.start(std::move(screen->remote), screen->node)) return false;
-    if (!wait_for_first_frame(*share, screen->by_token)) return false;
+    using Outcome = portal::ScreenCast::Outcome;
+    if (share->screen_cast.outcome() == Outcome::Declined)
+        without_share_ = CaptureState::OwnerDeclined;
+    if (share->screen_cast.outcome() == Outcome::Unanswered)
+        without_share_ = CaptureState::OwnerAbsent;
+    if (!screen || !share->stream.start(std::move(screen->remote), screen->node)) return nullptr;
+    if (!wait_for_first_frame(*share, screen->by_token)) return nullptr;
     OX_INFO("PortalCapture: streaming %ux%u (node=%u)", share->pictures.width(),
             share->pictures.height(), screen->node);
-    share_ = std::move(share);
-    return true;
+    // What the compositor has said while the user was asked is no news.
+    share->compositor.news();
+    return share;
 }
 
 bool PortalCapture::wait_for_first_frame(const Share& share, bool by_token) const {
@@ -71,7 +117,44 @@ bool PortalCapture::wait_for_first_frame(const Share& share, bool by_token) cons
 }
 
 int PortalCapture::capture_frame(CapturedFrame& frame) {
-    return share_ && share_->pictures.get(frame) ? 0 : 1;
+    if (!share_ || !share_->pictures.get(frame)) return 1;
+    watch_for_black(frame);
+    return 0;
+}
+
+void PortalCapture::watch_for_black(const CapturedFrame& frame) {
+    const size_t row_bytes = size_t{frame.width} * 4;
+    if (!black_frames_.observe(frame.pixels(), row_bytes, row_bytes, frame.height)) return;
+    OX_WARN(
+        "PortalCapture: 120 all-black frames — the desktop shows nothing. The screen may be locked "
+        "or asleep: unlock the PC.");
+}
+
+CaptureState PortalCapture::state() {
+    using Verdict = portal::ShareWatch::Verdict;
+    if (!share_) return without_share_;
+    const auto verdict = share_->look(SteadyClock::now());
+    switch (verdict) {
+        case Verdict::Runs:
+        case Verdict::Paused:
+            return CaptureState::Live;
+        case Verdict::Closing:
+            return CaptureState::Doubtful;
+        case Verdict::Lost:
+        case Verdict::Stopped:
+            break;
+    }
+    const bool lost = verdict == Verdict::Lost;
+    if (!std::exchange(share_->over_told, true)) {
+        if (lost) {
+            OX_WARN("PortalCapture: the screen share has ended (%s) — the last picture stays",
+                    share_->disturbance);
+        } else {
+            OX_WARN("PortalCapture: the screen share was stopped at the PC");
+            config_.token_file.remove();
+        }
+    }
+    return lost ? CaptureState::Lost : CaptureState::OwnerStopped;
 }
 
 uint32_t PortalCapture::width() const {

@@ -15,6 +15,10 @@ Diagnosis diagnose_refused(std::string_view error) {
     const auto is = [&](std::string_view name) {
         return error.starts_with("org.freedesktop.DBus.Error." + std::string(name));
     };
+    if (is("Spawn.ChildExited") || is("Spawn.ChildSignaled"))
+        return {"the desktop portal ended as it was started, as it does without its desktop",
+                "log in to the desktop again if it has ended; see journalctl --user -u "
+                "'xdg-desktop-portal*'"};
     if (is("ServiceUnknown") || is("NameHasNoOwner") || is("Spawn."))
         return {"no desktop portal runs or can be started", kInstallBackend};
     if (is("UnknownMethod") || is("UnknownInterface") || is("UnknownObject"))

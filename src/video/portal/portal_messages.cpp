@@ -9,6 +9,7 @@ namespace {
 
 constexpr const char* kObjectPath = "/org/freedesktop/portal/desktop";
 constexpr const char* kScreenCast = "org.freedesktop.portal.ScreenCast";
+constexpr const char* kSession = "org.freedesktop.portal.Session";
 
 /// D-Bus type code of each alternative of an option's value.
 int type_of(const std::string& /*value*/) {
@@ -153,6 +154,35 @@ DBusMessagePtr make_close(const std::string& path, const char* interface) {
     DBusMessagePtr call(dbus_message_new_method_call(kBusName, path.c_str(), interface, "Close"));
     if (call) dbus_message_set_no_reply(call.get(), TRUE);
     return call;
+}
+
+DBusMessagePtr make_session_query(const std::string& path) {
+    if (dbus_validate_path(path.c_str(), nullptr) == FALSE) return nullptr;
+    DBusMessagePtr call(
+        dbus_message_new_method_call(kBusName, path.c_str(), DBUS_INTERFACE_PROPERTIES, "Get"));
+    const char* property = "version";
+    if (!call || dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &kSession, DBUS_TYPE_STRING,
+                                          &property, DBUS_TYPE_INVALID) == FALSE) {
+        return nullptr;
+    }
+    dbus_message_set_auto_start(call.get(), FALSE);
+    return call;
+}
+
+bool is_session_closed(DBusMessage& message, const std::string& path) {
+    return dbus_message_is_signal(&message, kSession, "Closed") != FALSE &&
+           dbus_message_has_path(&message, path.c_str()) != FALSE;
+}
+
+bool is_service_gone(DBusMessage& message) {
+    const char* name = nullptr;
+    const char* before = nullptr;
+    const char* after = nullptr;
+    return dbus_message_is_signal(&message, DBUS_INTERFACE_DBUS, "NameOwnerChanged") != FALSE &&
+           dbus_message_has_sender(&message, DBUS_SERVICE_DBUS) != FALSE &&
+           dbus_message_get_args(&message, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING,
+                                 &before, DBUS_TYPE_STRING, &after, DBUS_TYPE_INVALID) != FALSE &&
+           *before != '\0' && *after == '\0';
 }
 
 std::optional<Response> parse_response(DBusMessage& signal) {

@@ -38,6 +38,16 @@ DBusMessagePtr make_call(const char* method, const std::string& session,
 /// "....Session"); it wants no reply.
 DBusMessagePtr make_close(const std::string& path, const char* interface);
 
+/// The call that asks for a property which every session object of the portal has: answered by an
+/// error when there is no session at `path` any more. Starts no portal.
+DBusMessagePtr make_session_query(const std::string& path);
+
+/// Whether a message is the signal that tells that the session at `path` is over.
+bool is_session_closed(DBusMessage& message, const std::string& path);
+
+/// Whether a message is the bus's word that a name's owner has gone, without another in its place.
+bool is_service_gone(DBusMessage& message);
+
 /// What a request's Response signal brought. Members that the results did not hold are empty.
 struct Response {
     uint32_t code = 0;  ///< 0 granted, 1 cancelled by the user, 2 ended otherwise

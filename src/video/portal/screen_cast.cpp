@@ -1,5 +1,8 @@
 #include "video/portal/screen_cast.h"
 
+#include <chrono>
+#include <utility>
+
 #include "log/log.h"
 #include "video/portal/portal_diagnosis.h"
 
@@ -10,6 +13,10 @@ constexpr uint32_t kMonitor = 1;              // of the source types
 constexpr uint32_t kCursorInPicture = 2;      // of the cursor modes
 constexpr uint32_t kPersistUntilRevoked = 2;  // of the persist modes
 constexpr const char* kNoParentWindow = "";
+constexpr uint32_t kCancelledByUser = 1;  // of the response codes
+constexpr uint32_t kEndedOtherwise = 2;
+constexpr std::chrono::seconds kRetryAfter{1};
+constexpr std::chrono::milliseconds kNoPerson{1000};  // nobody answers a dialog faster
 
 std::string request_token() {
     return next_token("oxreq_");
@@ -18,14 +25,34 @@ std::string request_token() {
 }  // namespace
 
 ScreenCast::ScreenCast(PortalBus& bus, const RestoreTokenFile& token_file,
-                       const PortalLimits& limits)
-    : bus_(bus), token_file_(token_file), limits_(limits) {}
+                       const PortalLimits& limits, std::function<void(bool)> awaiting_owner)
+    : bus_(bus),
+      token_file_(token_file),
+      limits_(limits),
+      awaiting_owner_(std::move(awaiting_owner)) {}
 
 ScreenCast::~ScreenCast() {
+    close_session();
+}
+
+void ScreenCast::close_session() {
     if (!session_.empty()) bus_.close_object(session_, "org.freedesktop.portal.Session");
+    session_.clear();
 }
 
 std::optional<SharedScreen> ScreenCast::share_monitor() {
+    auto screen = try_once();
+    if (!screen && failed_at_once_) {
+        OX_INFO("PortalCapture: asking once more in a second");
+        close_session();
+        if (bus_.pause(kRetryAfter)) screen = try_once();
+    }
+    return screen;
+}
+
+std::optional<SharedScreen> ScreenCast::try_once() {
+    outcome_ = Outcome::Failed;
+    failed_at_once_ = false;
     token_ = token_file_.read();
     if (!token_) {
         OX_WARN(
@@ -38,6 +65,7 @@ std::optional<SharedScreen> ScreenCast::share_monitor() {
     if (!node) return std::nullopt;
     UniqueFd remote = open_remote();
     if (!remote) return std::nullopt;
+    outcome_ = Outcome::Shared;
     return SharedScreen{.node = *node, .remote = std::move(remote), .by_token = token_.has_value()};
 }
 
@@ -51,23 +79,24 @@ std::optional<Response> ScreenCast::ask(const char* method, const DBusMessagePtr
 std::optional<Response> ScreenCast::accept(const char* method, const RequestResult& result,
                                            std::chrono::milliseconds limit) {
     switch (result.outcome) {
-        case Outcome::Answered:
+        case portal::Outcome::Answered:
             if (result.response.code == 0) return result.response;
             OX_ERROR("PortalCapture: portal refused %s (response=%u)", method,
                      result.response.code);
+            failed_at_once_ = result.response.code == kEndedOtherwise && result.took < kNoPerson;
             break;
-        case Outcome::Refused:
+        case portal::Outcome::Refused:
             if (!result.error.empty()) OX_WARN("PortalCapture: %s", result.error.c_str());
             OX_ERROR("PortalCapture: %s returned no request handle", method);
             break;
-        case Outcome::TimedOut:
+        case portal::Outcome::TimedOut:
             OX_ERROR("PortalCapture: no Response for %s within %d ms", method,
                      static_cast<int>(limit.count()));
             break;
-        case Outcome::Cancelled:
+        case portal::Outcome::Cancelled:
             OX_INFO("PortalCapture: %s cancelled", method);
             break;
-        case Outcome::Lost:
+        case portal::Outcome::Lost:
             OX_ERROR("PortalCapture: session bus connection lost during %s", method);
             break;
     }
@@ -105,7 +134,7 @@ bool ScreenCast::select_sources() {
     if (token_) OX_INFO("PortalCapture: using saved restore token");
     auto result = request_sources(token_);
     // That is how a portal answers a token in another form than its own.
-    const bool token_refused = token_ && result.outcome == Outcome::Refused;
+    const bool token_refused = token_ && result.outcome == portal::Outcome::Refused;
     if (token_refused) {
         OX_WARN("PortalCapture: saved restore token not accepted (%s) — asking without it",
                 result.error.c_str());
@@ -117,14 +146,42 @@ bool ScreenCast::select_sources() {
     return true;
 }
 
-std::optional<uint32_t> ScreenCast::start() {
-    const auto limit = limits_.start(token_.has_value());
+/// The desktop asks the user. Of a token that it does not know it does not say so.
+void ScreenCast::tell_of_dialog() {
+    if (token_) {
+        OX_WARN(
+            "PortalCapture: the desktop asks again, although there is a saved choice — approve the "
+            "screen-share dialog; the new choice is stored in %s",
+            token_file_.path().c_str());
+    }
+    if (awaiting_owner_) awaiting_owner_(true);
+}
+
+RequestResult ScreenCast::request_start() {
     const std::string request = request_token();
     const auto call = make_call("Start", session_, kNoParentWindow, {{"handle_token", request}});
-    const auto result = call ? bus_.request(*call, request, limit) : RequestResult{};
-    const auto response = accept("Start", result, limit);
+    if (!call) return {};
+    bool asked = false;
+    const auto result = bus_.request(*call, request, limits_.start,
+                                     {.after = limits_.dialog(token_.has_value()), .act = [&] {
+                                          asked = true;
+                                          tell_of_dialog();
+                                      }});
+    if (asked && awaiting_owner_) awaiting_owner_(false);
+    return result;
+}
+
+std::optional<uint32_t> ScreenCast::start() {
+    const auto result = request_start();
+    const auto response = accept("Start", result, limits_.start);
     if (!response) {
-        if (result.outcome != Outcome::Cancelled && result.outcome != Outcome::Lost) {
+        const bool declined =
+            result.outcome == portal::Outcome::Answered && result.response.code == kCancelledByUser;
+        if (declined) outcome_ = Outcome::Declined;
+        if (result.outcome == portal::Outcome::TimedOut) outcome_ = Outcome::Unanswered;
+        if (token_ && outcome_ != Outcome::Failed) token_file_.remove();
+        if (!declined && result.outcome != portal::Outcome::Cancelled &&
+            result.outcome != portal::Outcome::Lost) {
             OX_ERROR(
                 "PortalCapture: screen sharing was not approved in time. Either approve the dialog "
                 "once on this machine, run an X11 session, or capture a dedicated virtual display "

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -22,17 +23,30 @@ struct SharedScreen {
 /// where that is known. Used by one thread; `bus`, which must be open, outlives it.
 class ScreenCast {
   public:
-    ScreenCast(PortalBus& bus, const RestoreTokenFile& token_file, const PortalLimits& limits);
+    /// How a request for a screen ended.
+    enum class Outcome { Shared, Declined, Unanswered, Failed };
+
+    /// `awaiting_owner` may be empty; it is told when the user is being asked, and when no longer.
+    ScreenCast(PortalBus& bus, const RestoreTokenFile& token_file, const PortalLimits& limits,
+               std::function<void(bool)> awaiting_owner);
     /// Closes the session: the portal stops the stream.
     ~ScreenCast();
     ScreenCast(const ScreenCast&) = delete;
     ScreenCast& operator=(const ScreenCast&) = delete;
 
     /// Goes through CreateSession, SelectSources, Start and OpenPipeWireRemote, and keeps the token
-    /// for the next time. Nothing when a step fails or the bus's owner cancels.
+    /// for the next time; one that the user has not confirmed is forgotten. Nothing when a step
+    /// fails or the bus's owner cancels. A portal that fails at once, as one does whose compositor
+    /// has just come back, is asked once more.
     std::optional<SharedScreen> share_monitor();
+    /// Of the last `share_monitor`.
+    [[nodiscard]] Outcome outcome() const { return outcome_; }
+    /// Object path of the session; empty when there is none.
+    [[nodiscard]] const std::string& session() const { return session_; }
 
   private:
+    std::optional<SharedScreen> try_once();
+    void close_session();
     std::optional<Response> ask(const char* method, const DBusMessagePtr& call,
                                 const std::string& request, std::chrono::milliseconds limit);
     std::optional<Response> accept(const char* method, const RequestResult& result,
@@ -41,12 +55,17 @@ class ScreenCast {
     bool create_session();
     bool select_sources();
     std::optional<uint32_t> start();
+    RequestResult request_start();
+    void tell_of_dialog();
     void keep_token(const std::string& token) const;
     UniqueFd open_remote();
 
     PortalBus& bus_;
     const RestoreTokenFile& token_file_;
     const PortalLimits& limits_;
+    std::function<void(bool)> awaiting_owner_;
+    Outcome outcome_ = Outcome::Failed;
+    bool failed_at_once_ = false;       ///< the portal ended a request otherwise, without a person
     std::optional<std::string> token_;  ///< the saved one, while it is of use
     std::string session_;               ///< object path; empty until created
 };

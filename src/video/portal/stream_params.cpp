@@ -1,6 +1,7 @@
 #include "video/portal/stream_params.h"
 
 #include <spa/buffer/buffer.h>
+#include <spa/buffer/meta.h>
 #include <spa/param/buffers.h>
 #include <spa/param/param.h>
 #include <spa/param/video/format-utils.h>
@@ -19,9 +20,7 @@ spa_pod_builder builder_in(ParamMemory& memory) {
     return builder;
 }
 
-}  // namespace
-
-const spa_pod* offered_format(ParamMemory& memory) {
+const spa_pod* offered_format(ParamMemory& memory, uint32_t layout) {
     const spa_rectangle usual{1920, 1080};
     const spa_rectangle smallest{1, 1};
     const spa_rectangle largest{kMaxSide, kMaxSide};
@@ -32,13 +31,23 @@ const spa_pod* offered_format(ParamMemory& memory) {
     spa_pod_builder builder = builder_in(memory);
     spa_pod_frame object{};
     spa_pod_builder_push_object(&builder, &object, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat);
-    spa_pod_builder_add(
-        &builder, SPA_FORMAT_mediaType, SPA_POD_Id(SPA_MEDIA_TYPE_video), SPA_FORMAT_mediaSubtype,
-        SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw), SPA_FORMAT_VIDEO_format,
-        SPA_POD_Id(SPA_VIDEO_FORMAT_BGRx), SPA_FORMAT_VIDEO_size,
-        SPA_POD_CHOICE_RANGE_Rectangle(&usual, &smallest, &largest), SPA_FORMAT_VIDEO_framerate,
-        SPA_POD_CHOICE_RANGE_Fraction(&usual_rate, &slowest, &fastest), 0);
+    spa_pod_builder_add(&builder, SPA_FORMAT_mediaType, SPA_POD_Id(SPA_MEDIA_TYPE_video),
+                        SPA_FORMAT_mediaSubtype, SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw),
+                        SPA_FORMAT_VIDEO_format, SPA_POD_Id(layout), SPA_FORMAT_VIDEO_size,
+                        SPA_POD_CHOICE_RANGE_Rectangle(&usual, &smallest, &largest),
+                        SPA_FORMAT_VIDEO_framerate,
+                        SPA_POD_CHOICE_RANGE_Fraction(&usual_rate, &slowest, &fastest), 0);
     return static_cast<const spa_pod*>(spa_pod_builder_pop(&builder, &object));
+}
+
+}  // namespace
+
+// What offers several layouts is asked for them one by one: those with red first cost a swap.
+void offer_formats(OfferedFormats& formats) {
+    constexpr std::array<uint32_t, 4> kLayouts{SPA_VIDEO_FORMAT_BGRx, SPA_VIDEO_FORMAT_BGRA,
+                                               SPA_VIDEO_FORMAT_RGBx, SPA_VIDEO_FORMAT_RGBA};
+    for (size_t i = 0; i < kLayouts.size(); ++i)
+        formats.params.at(i) = offered_format(formats.memory.at(i), kLayouts.at(i));
 }
 
 const spa_pod* wanted_buffers(ParamMemory& memory) {
@@ -56,7 +65,17 @@ const spa_pod* wanted_buffers(ParamMemory& memory) {
     return static_cast<const spa_pod*>(spa_pod_builder_pop(&builder, &object));
 }
 
-std::optional<PictureSize> agreed_size(const spa_pod& format) {
+const spa_pod* wanted_transform(ParamMemory& memory) {
+    spa_pod_builder builder = builder_in(memory);
+    spa_pod_frame object{};
+    spa_pod_builder_push_object(&builder, &object, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta);
+    spa_pod_builder_add(&builder, SPA_PARAM_META_type, SPA_POD_Id(SPA_META_VideoTransform),
+                        SPA_PARAM_META_size,
+                        SPA_POD_Int(static_cast<int>(sizeof(spa_meta_videotransform))), 0);
+    return static_cast<const spa_pod*>(spa_pod_builder_pop(&builder, &object));
+}
+
+std::optional<PictureFormat> agreed_format(const spa_pod& format) {
     uint32_t type = 0;
     uint32_t subtype = 0;
     uint32_t layout = 0;  // as a number: it may be one that the enumeration does not hold
@@ -71,12 +90,29 @@ std::optional<PictureSize> agreed_size(const spa_pod& format) {
                            0) < 0) {
         return std::nullopt;
     }
-    if (type != SPA_MEDIA_TYPE_video || subtype != SPA_MEDIA_SUBTYPE_raw ||
-        layout != SPA_VIDEO_FORMAT_BGRx || size.width == 0 || size.height == 0 ||
-        size.width > kMaxSide || size.height > kMaxSide) {
+    if (type != SPA_MEDIA_TYPE_video || subtype != SPA_MEDIA_SUBTYPE_raw || size.width == 0 ||
+        size.height == 0 || size.width > kMaxSide || size.height > kMaxSide) {
         return std::nullopt;
     }
-    return PictureSize{size.width, size.height};
+    PictureFormat agreed{.size = {size.width, size.height}};
+    switch (layout) {
+        case SPA_VIDEO_FORMAT_BGRx:
+            agreed.name = "BGRx";
+            return agreed;
+        case SPA_VIDEO_FORMAT_BGRA:
+            agreed.name = "BGRA";
+            return agreed;
+        case SPA_VIDEO_FORMAT_RGBx:
+            agreed.name = "RGBx";
+            break;
+        case SPA_VIDEO_FORMAT_RGBA:
+            agreed.name = "RGBA";
+            break;
+        default:
+            return std::nullopt;
+    }
+    agreed.red_first = true;
+    return agreed;
 }
 
 std::optional<MappedPicture> picture_in(const spa_data& block, PictureSize size) {
@@ -96,6 +132,12 @@ std::optional<MappedPicture> picture_in(const spa_data& block, PictureSize size)
     const size_t end = offset + stride * (size.height - 1) + row_bytes;
     if (end > block.maxsize) return std::nullopt;
     return MappedPicture{static_cast<const uint8_t*>(block.data) + offset, stride};
+}
+
+uint32_t transform_of(const spa_buffer& buffer) {
+    const auto* transform = static_cast<const spa_meta_videotransform*>(spa_buffer_find_meta_data(
+        &buffer, SPA_META_VideoTransform, sizeof(spa_meta_videotransform)));
+    return transform != nullptr ? transform->transform : 0;
 }
 
 }  // namespace ox::portal

@@ -4,6 +4,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <spa/buffer/meta.h>
+#include <spa/param/video/raw.h>
 
 #include <atomic>
 #include <thread>
@@ -13,6 +15,7 @@
 #include "support/pipewire_source.h"
 #include "support/screen_pictures.h"
 #include "support/unix_socket.h"
+#include "support/wayland_compositor.h"
 #include "support/wayland_test.h"
 
 namespace ox::test {
@@ -28,9 +31,8 @@ constexpr auto kShort = 400ms;
 
 PortalLimits patient() {
     PortalLimits limits;
-    limits.create_session = limits.select_sources = limits.start_with_token =
-        limits.start_without_token = limits.open_remote = limits.first_frame_with_token =
-            limits.first_frame_without_token = kPatience;
+    limits.create_session = limits.select_sources = limits.start = limits.open_remote =
+        limits.first_frame_with_token = limits.first_frame_without_token = kPatience;
     return limits;
 }
 
@@ -65,7 +67,9 @@ class Portal : public WaylandTest {
         return {.bus_address = desktop_->bus_address(),
                 .token_file = token_file_,
                 .limits = patient(),
-                .cancelled = {}};
+                .cancelled = {},
+                .awaiting_owner = {},
+                .wayland_display = desktop_->wayland_socket()};
     }
     /// Those that came in, in order, but for Close.
     [[nodiscard]] std::vector<std::string> calls() const {
@@ -85,36 +89,47 @@ constexpr const char* kNotApproved =
     "this machine, run an X11 session, or capture a dedicated virtual display for unattended "
     "hosts.";
 
+constexpr const char* kAsksAgain = "the desktop asks again, although there is a saved choice";
+
 TEST_F(Portal, EveryCallThatFailsIsToldAndNothingElseIsAsked) {
     using Limits = PortalLimits;
     const struct {
         std::string behaviour, error;
         bool not_approved = false;
         std::chrono::milliseconds Limits::*short_limit = nullptr;
+        CaptureState state = CaptureState::Gone;
+        int tries = 1;
     } cases[] = {
-        {"CreateSession=2", "portal refused CreateSession (response=2)"},
+        {"CreateSession=2", "portal refused CreateSession (response=2)", false, nullptr,
+         CaptureState::Gone, 2},
         {"CreateSession=fail", "CreateSession returned no request handle"},
         {"CreateSession=empty", "CreateSession did not return a session handle"},
         {"CreateSession=mute", "no Response for CreateSession within 400 ms", false,
          &Limits::create_session},
         {"SelectSources=silent", "no Response for SelectSources within 400 ms", false,
          &Limits::select_sources},
-        {"Start=1", "portal refused Start (response=1)", true},
-        {"Start=silent", "no Response for Start within 400 ms", true, &Limits::start_without_token},
+        {"Start=1", "portal refused Start (response=1)", false, nullptr,
+         CaptureState::OwnerDeclined},
+        {"Start=silent", "no Response for Start within 400 ms", true, &Limits::start,
+         CaptureState::OwnerAbsent},
         {"Start=empty", "Start returned no stream node"},
         {"OpenPipeWireRemote=fail", "OpenPipeWireRemote returned no fd"},
     };
-    for (const auto& [behaviour, error, not_approved, short_limit] : cases) {
+    for (const auto& [behaviour, error, not_approved, short_limit, state, tries] : cases) {
         SCOPED_TRACE(behaviour);
+        // One that the desktop has asked about in vain is of no use.
+        ASSERT_TRUE(token_file_.write("unknown"));
         start_portal(0, {behaviour});
         auto with = config();
         if (short_limit != nullptr) with.limits.*short_limit = kShort;
         PortalCapture capture(with);
         const LogCapture log;
         EXPECT_FALSE(capture.init());
-        EXPECT_EQ(log.count("ERROR", "PortalCapture: " + error), 1) << log.text();
+        EXPECT_EQ(capture.state(), state);
+        EXPECT_EQ(token_file_.read().has_value(), state == CaptureState::Gone);
+        EXPECT_EQ(log.count("ERROR", "PortalCapture: " + error), tries) << log.text();
         EXPECT_EQ(log.count("ERROR", kNotApproved), not_approved ? 1 : 0) << log.text();
-        EXPECT_EQ(log.times("[ERROR]"), not_approved ? 2 : 1) << log.text();
+        EXPECT_EQ(log.times("[ERROR]"), not_approved ? 2 : tries) << log.text();
         // A dialog that nobody waits for any more, and the session, are closed.
         const std::string last_call = behaviour.substr(0, behaviour.find('='));
         const size_t sessions = last_call == "CreateSession" ? 0 : 1;
@@ -176,11 +191,28 @@ TEST_F(Portal, SharesWithWhateverOrderOfAnswersAndRemembersTheToken) {
     // One that the portal cannot read is forgotten, and the next Start waits for the user again.
     start_portal(source.node(), {"no-token"});
     auto with = config();
-    with.limits.start_with_token = 0ms;
+    with.limits.dialog_with_token = 0ms;
     ASSERT_TRUE(PortalCapture(with).init()) << log.text();
+    EXPECT_EQ(log.times(kAsksAgain), 0) << log.text();
     EXPECT_THAT(calls(), ElementsAre("ready", "CreateSession", "SelectSources", "SelectSources",
                                      "Start", "OpenPipeWireRemote"));
     EXPECT_EQ(token_file_.read(), std::nullopt);
+
+    // Of one that it does not know a portal says nothing: the user is asked, and has time.
+    ASSERT_TRUE(token_file_.write("unknown"));
+    start_portal(source.node(), {"Start=late", "token=fourth token"});
+    with = config();
+    with.limits.dialog_with_token = 100ms;
+    std::vector<bool> awaited;
+    with.awaiting_owner = [&](bool awaiting) { awaited.push_back(awaiting); };
+    ASSERT_TRUE(PortalCapture(with).init()) << log.text();
+    EXPECT_THAT(awaited, ElementsAre(true, false));
+    EXPECT_EQ(log.times(kAsksAgain), 1) << log.text();
+    EXPECT_EQ(token_file_.read(), "fourth token");
+
+    // A portal whose compositor has just come back fails once.
+    start_portal(source.node(), {"Start=2", "once"});
+    ASSERT_TRUE(PortalCapture(config()).init()) << log.text();
 
     // A folder that cannot be written costs the token only.
     start_portal(source.node(), {"token=third token"});
@@ -194,8 +226,10 @@ TEST_F(Portal, SharesWithWhateverOrderOfAnswersAndRemembersTheToken) {
 }
 
 TEST_F(Portal, PicturesArriveToTheByteHoweverTheyLieInMemoryAndFollowTheMonitorsSize) {
-    for (const PipewireSource::Setup setup :
-         {PipewireSource::Setup{}, {.padding = 3}, {.padding = 16, .blanks = true}}) {
+    for (const PipewireSource::Setup setup : {PipewireSource::Setup{},
+                                              {.padding = 3},
+                                              {.padding = 16, .blanks = true},
+                                              {.layout = SPA_VIDEO_FORMAT_BGRA, .stalls = true}}) {
         SCOPED_TRACE(setup.padding);
         std::atomic<bool> changed{false};
         PipewireSource source(
@@ -226,7 +260,8 @@ TEST_F(Portal, PicturesArriveToTheByteHoweverTheyLieInMemoryAndFollowTheMonitors
         EXPECT_EQ(frame.timestamp, 0U);
         EXPECT_EQ(capture.width(), 500U);
         EXPECT_EQ(capture.height(), 90U);
-        EXPECT_EQ(log.count("INFO", "PortalCapture: negotiated 500x90 BGRx"), 1) << log.text();
+        EXPECT_EQ(log.times("PortalCapture: negotiated 500x90 BGR"), 1) << log.text();
+        EXPECT_EQ(capture.state(), CaptureState::Live);
         capture.shutdown();
         capture.shutdown();
         EXPECT_EQ(capture.capture_frame(frame), 1);
@@ -238,7 +273,8 @@ TEST_F(Portal, PicturesArriveToTheByteHoweverTheyLieInMemoryAndFollowTheMonitors
 
 TEST_F(Portal, WhatCannotBeReadGivesNoFrame) {
     const LogCapture log;
-    PipewireSource source(desktop_->pipewire_socket(), moving_pictures(320, 180), {.bgrx = false});
+    PipewireSource source(desktop_->pipewire_socket(), moving_pictures(320, 180),
+                          {.layout = SPA_VIDEO_FORMAT_xRGB});
     start_portal(source.node());
     auto with = config();
     with.limits.first_frame_without_token = kShort;
@@ -255,33 +291,100 @@ TEST_F(Portal, WhatCannotBeReadGivesNoFrame) {
     EXPECT_FALSE(camera.streaming());
 }
 
-TEST_F(Portal, WhenTheScreenGoesItsLastPictureStaysAndNothingElseIsShown) {
-    PipewireSource camera(desktop_->pipewire_socket(), moving_pictures(64, 64));
-    // A desktop that shows one picture, and nothing new after it.
-    auto screen = std::make_unique<PipewireSource>(
-        desktop_->pipewire_socket(),
-        [asked = 0, pictures = moving_pictures(320, 180)](CapturedFrame& frame) mutable {
-            return asked++ < 2 && pictures(frame);
-        });
-    start_portal(screen->node());
-    const LogCapture log;
-    PortalCapture capture(config());
-    ASSERT_TRUE(capture.init()) << log.text();
-    const auto shows_the_screen = [&] {
-        CapturedFrame frame;
-        return capture.capture_frame(frame) == 0 && SyntheticReference(320, 180).matches(frame);
+TEST_F(Portal, ARotatedPictureWithRedFirstIsShownUprightInItsColours) {
+    // 3 x 2 pixels that say where they are: the column in the first byte, the row in the third.
+    const auto picture = [](CapturedFrame& frame) {
+        frame.width = 3;
+        frame.height = 2;
+        frame.data.assign(size_t{3} * 2 * 4, 0);
+        for (size_t i = 0; i < 6; ++i) {
+            frame.data[i * 4] = static_cast<uint8_t>(i % 3);
+            frame.data[i * 4 + 2] = static_cast<uint8_t>(i / 3);
+        }
+        return true;
     };
-    EXPECT_TRUE(shows_the_screen());
-    const auto stops = [&] { return log.times("the last picture stays"); };
-    EXPECT_EQ(stops(), 0);
-    screen.reset();
-    EXPECT_TRUE(eventually([&] { return stops() == 1; }, kPatience)) << log.text();
-    desktop_->kill_portal();
-    desktop_->kill_pipewire();
-    desktop_->kill_bus();
-    EXPECT_FALSE(eventually([&] { return camera.streaming(); }, kShort));
-    EXPECT_TRUE(shows_the_screen());
-    EXPECT_EQ(stops(), 1) << log.text();
+    // Row by row, what is to be seen after the turn has been taken back, as column and row.
+    const struct {
+        uint32_t transform;
+        std::vector<std::pair<int, int>> upright;
+    } cases[] = {
+        {SPA_META_TRANSFORMATION_None, {{0, 0}, {1, 0}, {2, 0}, {0, 1}, {1, 1}, {2, 1}}},
+        {SPA_META_TRANSFORMATION_90, {{0, 1}, {0, 0}, {1, 1}, {1, 0}, {2, 1}, {2, 0}}},
+        {SPA_META_TRANSFORMATION_180, {{2, 1}, {1, 1}, {0, 1}, {2, 0}, {1, 0}, {0, 0}}},
+        {SPA_META_TRANSFORMATION_270, {{2, 0}, {2, 1}, {1, 0}, {1, 1}, {0, 0}, {0, 1}}},
+        {SPA_META_TRANSFORMATION_Flipped90, {{0, 0}, {0, 1}, {1, 0}, {1, 1}, {2, 0}, {2, 1}}}};
+    for (const auto& [transform, upright] : cases) {
+        SCOPED_TRACE(transform);
+        PipewireSource source(desktop_->pipewire_socket(), picture,
+                              {.layout = SPA_VIDEO_FORMAT_RGBx, .transform = transform});
+        start_portal(source.node());
+        PortalCapture capture(config());
+        ASSERT_TRUE(capture.init());
+        CapturedFrame frame;
+        ASSERT_EQ(capture.capture_frame(frame), 0);
+        EXPECT_EQ(frame.width, upright.size() / frame.height);
+        EXPECT_EQ(frame.width, transform % 2 == 0 ? 3U : 2U);
+        std::vector<std::pair<int, int>> seen;
+        for (size_t i = 0; i < upright.size(); ++i)
+            seen.emplace_back(frame.pixels()[i * 4 + 2], frame.pixels()[i * 4]);
+        EXPECT_EQ(seen, upright);
+    }
+}
+
+TEST_F(Portal, WhatEndedAShareIsToldApartAndItsLastPictureStays) {
+    const struct {
+        const char* what;
+        CaptureState state;
+    } cases[] = {{"stop", CaptureState::OwnerStopped},
+                 {"stop, and the screen goes", CaptureState::OwnerStopped},
+                 {"turn, stop", CaptureState::Lost},
+                 {"the screen goes", CaptureState::Lost},
+                 {"the portal dies, the screen goes", CaptureState::Lost},
+                 {"the compositor dies, the screen goes", CaptureState::Lost},
+                 {"PipeWire dies", CaptureState::Lost}};
+    for (const auto& [what, state] : cases) {
+        SCOPED_TRACE(what);
+        const auto happens = [&, text = std::string(what)](const char* event) {
+            return text.find(event) != std::string::npos;
+        };
+        auto compositor = std::make_unique<WaylandCompositor>(desktop_->wayland_socket());
+        PipewireSource camera(desktop_->pipewire_socket(), moving_pictures(64, 64));
+        // A desktop that shows one picture, and nothing new after it.
+        auto screen = std::make_unique<PipewireSource>(
+            desktop_->pipewire_socket(),
+            [asked = 0, pictures = moving_pictures(320, 180)](CapturedFrame& frame) mutable {
+                return asked++ < 2 && pictures(frame);
+            });
+        start_portal(screen->node(), {"token=the choice"});
+        const LogCapture log;
+        PortalCapture capture(config());
+        ASSERT_TRUE(capture.init()) << log.text();
+        ASSERT_TRUE(eventually([&] {
+            EXPECT_EQ(capture.state(), CaptureState::Live);
+            return compositor->watchers() == 1;
+        }));
+        EXPECT_FALSE(eventually([&] { return capture.state() != CaptureState::Live; }, kShort));
+        if (happens("turn")) compositor->turn_monitor();
+        if (happens("compositor")) compositor.reset();
+        if (happens("portal")) desktop_->kill_portal();
+        if (happens("stop")) desktop_->stop_sharing();
+        if (happens("screen")) screen.reset();
+        if (happens("PipeWire")) desktop_->kill_pipewire();
+        EXPECT_TRUE(eventually(
+            [&] {
+                const CaptureState now = capture.state();
+                return now != CaptureState::Live && now != CaptureState::Doubtful;
+            },
+            kPatience));
+        EXPECT_EQ(capture.state(), state) << log.text();
+        EXPECT_EQ(log.times("the screen share"), 1) << log.text();
+        // Without the token the owner is asked.
+        EXPECT_EQ(token_file_.read().has_value(), state == CaptureState::Lost);
+        EXPECT_FALSE(camera.streaming());
+        CapturedFrame frame;
+        EXPECT_EQ(capture.capture_frame(frame), 0);
+        EXPECT_TRUE(SyntheticReference(320, 180).matches(frame));
+    }
 }
 
 TEST_F(Portal, CancellingEndsEveryWait) {
