@@ -224,7 +224,7 @@ TEST(CaptureSelection, TheNextBestPictureTakesThePlaceOfOneThatCannotBeHad) {
         const test::LogCapture log;
         tui::board().update([](tui::Snapshot& state) { state.alerts = {}; });
         const Desktop desktop{.session_type = session_type, .display = display};
-        const auto capture = select_capture(mode, desktop, 320, 200, [] { return false; });
+        const auto capture = select_capture(mode, desktop, 320, 200, [] { return false; }).capture;
         EXPECT_EQ(capture != nullptr, backend != nullptr);
         EXPECT_EQ(log.count("WARN", warning), warning.empty() ? 0 : 1) << log.text();
         EXPECT_EQ(log.count("INFO", std::string("Session: capture backend = ") +
@@ -234,7 +234,7 @@ TEST(CaptureSelection, TheNextBestPictureTakesThePlaceOfOneThatCannotBeHad) {
                   backend == nullptr || warning == no_automatic);
     }
     // Nothing takes the place of what nobody waits for any more.
-    EXPECT_EQ(select_capture("portal", {}, 320, 200, [] { return true; }), nullptr);
+    EXPECT_EQ(select_capture("portal", {}, 320, 200, [] { return true; }).capture, nullptr);
 }
 
 }  // namespace

@@ -53,6 +53,7 @@ TEST_F(Wayland, NobodyHasToWaitForAnApprovalDialog) {
     launcher.send(auth_line());
     ASSERT_TRUE(launcher.read_line(kPatience));
     ASSERT_TRUE(eventually([&] { return desktop_->portal_report().count("Start") == 1; }));
+    EXPECT_TRUE(agent.screen().wait_for("confirm the window on this PC", kPatience));
     launcher.send("{\"type\":\"end_session\"}\n");
     EXPECT_TRUE(agent.wait_for_log("Standalone session ended: client_end_session"));
     // The dialog goes, and nothing is put in its place.
@@ -64,6 +65,59 @@ TEST_F(Wayland, NobodyHasToWaitForAnApprovalDialog) {
     ASSERT_TRUE(eventually([&] { return desktop_->portal_report().count("Start") == 2; }));
     agent.expect_prompt_stop();
     EXPECT_EQ(agent.log().count("falling back") + agent.log().count("[ERROR]"), 0U);
+}
+
+TEST_F(Wayland, AShareThatItsOwnerStopsEndsTheSessionAndALostOneComesBack) {
+    auto screen = std::make_unique<PipewireSource>(desktop_->pipewire_socket(),
+                                                   moving_pictures(kWidth, kHeight));
+    start_portal(screen->node(), {"token=the choice"});
+    Agent agent(automatic());
+    {
+        Player player(agent, kLauncher);
+        ASSERT_TRUE(player.receive_frames(10));
+        desktop_->stop_sharing();
+        ASSERT_TRUE(player.is_ended());
+    }
+    EXPECT_TRUE(agent.wait_for_log("Standalone session ended: capture_failed"));
+    EXPECT_TRUE(agent.screen().wait_for("! Sharing the screen was stopped on this PC", kPatience));
+    Player player(agent, kLauncher);
+    ASSERT_TRUE(player.receive_frames(10));
+    EXPECT_EQ(desktop_->portal_report().count("Start"), 2U);
+    EXPECT_EQ(desktop_->portal_report().count("restore_token"), 0U) << "the owner was not asked";
+    EXPECT_TRUE(agent.screen().wait_for("Resolved: Screen capture failed", kPatience));
+
+    // The compositor ends, and the portal is in its way for a moment.
+    ASSERT_TRUE(desktop_->start_portal({"CreateSession=2"}));
+    screen.reset();
+    ASSERT_TRUE(player.receive_until(
+        [&] { return agent.log().count("portal refused CreateSession") > 0; }));
+    EXPECT_TRUE(agent.screen().wait_for("mouse and keyboard are off", kPatience));
+    screen = std::make_unique<PipewireSource>(desktop_->pipewire_socket(),
+                                              moving_pictures(kWidth, kHeight));
+    start_portal(screen->node());
+    ASSERT_TRUE(player.receive_until(
+        [&] { return agent.log().count("Session: pictures come again") > 0; }, 3 * kPatience));
+    EXPECT_EQ(desktop_->portal_report().count("restore_token=the choice"), 1U);
+    EXPECT_EQ(agent.log().count("input is withheld"), 1U);
+    EXPECT_TRUE(player.receive_frames(10));
+    EXPECT_TRUE(player.control().is_connected());
+}
+
+TEST_F(Wayland, WhatWasDeclinedIsToldSoAndAskedOnceMoreForALauncherThatReturns) {
+    PipewireSource screen(desktop_->pipewire_socket(), moving_pictures(kWidth, kHeight));
+    start_portal(screen.node(), {"Start=1", "once"});
+    Agent agent(automatic());
+    {
+        Player player(agent, kLauncher);
+        ASSERT_TRUE(player.receive_frames(10));
+        EXPECT_TRUE(agent.screen().wait_for("! Sharing the screen was declined", kPatience));
+        EXPECT_EQ(agent.log().count("not approved in time"), 0U);
+    }
+    Player player(agent, kLauncher);
+    ASSERT_TRUE(player.receive_until(
+        [&] { return agent.log().count("Session: the screen is shared now") == 1; }));
+    EXPECT_TRUE(agent.screen().wait_for("Resolved: Screen capture failed", kPatience));
+    EXPECT_TRUE(player.receive_frames(10));
 }
 
 }  // namespace

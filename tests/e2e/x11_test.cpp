@@ -108,6 +108,7 @@ TEST_F(DesktopStream, AKilledServerLeavesTheLastPictureAndTheSessionAlive) {
     server_->kill();
     ASSERT_TRUE(player.receive_frames(60));
     EXPECT_TRUE(agent.wait_for_log("X11Capture: the X server is gone"));
+    EXPECT_TRUE(agent.wait_for_log("the source of the pictures is gone — input is with"));
     player.say("request_idr");
     const size_t before = player.frames().size();
     EXPECT_TRUE(player.receive_until([&] { return player.keyframes_since(before) > 0; }));

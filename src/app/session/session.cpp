@@ -5,7 +5,6 @@
 
 #include "app/memory_trim.h"
 #include "app/process_flags.h"
-#include "app/session/capture_selection.h"
 #include "app/session/session_board.h"
 #include "app/session/session_state.h"
 #include "app/session/stream_settings.h"
@@ -33,6 +32,7 @@ Session::Session(const Options& options, SessionRequest request)
     : options_(options),
       request_(std::move(request)),
       audio_(options, [this] { return stop_requested(); }),
+      capture_(options, [this](bool withheld) { input_.withhold(withheld); }),
       pacer_(1, SteadyClock::now()),
       phase_(1) {}
 
@@ -184,10 +184,10 @@ std::string Session::open_capture() {
     const auto cancelled = [this, was_panic] {
         return stop_requested() || signals_.end_requested || (panic_flag() && !was_panic);
     };
-    capture_ = select_capture(options_.capture, desktop_for(options_, cancelled),
-                              static_cast<uint32_t>(std::max(asked.width, 0)),
-                              static_cast<uint32_t>(std::max(asked.height, 0)), cancelled);
-    if (capture_) return {};
+    if (capture_.open(static_cast<uint32_t>(std::max(asked.width, 0)),
+                      static_cast<uint32_t>(std::max(asked.height, 0)), cancelled)) {
+        return {};
+    }
     return leave_requested() ? end_reason("capture_failed") : "capture_failed";
 }
 
@@ -286,7 +286,7 @@ void Session::log_summary(const std::string& reason) const {
 void Session::tear_down() {
     input_.stop();
     encoder_.shutdown();
-    if (capture_) capture_->shutdown();
+    capture_.shutdown();
     video_.close();
     audio_.close();
     control_.close();

@@ -2,7 +2,6 @@
 
 #include "app/session/stream_settings.h"
 #include "base/clock.h"
-#include "tui/board.h"
 
 namespace ox::session_board {
 
@@ -54,6 +53,12 @@ void resumed() {
         state.session.hold_until_s = 0;
         tui::board().push_locked(EventKind::StreamDirect, 0);
         tui::board().push_locked(EventKind::PlayerBack, 0);
+    });
+}
+
+void picture(tui::PictureState picture) {
+    tui::board().update([&](Snapshot& state) {
+        if (state.session.state != SessionState::None) state.session.picture = picture;
     });
 }
 

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 
+#include "tui/board.h"
 #include "video/video_encoder.h"
 
 namespace ox {
@@ -21,6 +22,8 @@ void encoder(const std::string& encoder_label);
 void holding(uint32_t grace_s);
 /// The launcher came back.
 void resumed();
+/// How it is with the picture.
+void picture(tui::PictureState picture);
 /// Measured figures; `rtt_ms` of 0 or less: the launcher has not reported.
 void figures(double mbps, double fps, float rtt_ms, float loss_pct);
 

@@ -35,6 +35,7 @@ std::string Session::stream_frames() {
 }
 
 std::string Session::stream_one_frame() {
+    if (!capture_.look_after(SteadyClock::now())) return "capture_failed";
     apply_requests();
     if (!wait_for_next_frame()) return {};
     if (!capture_picture()) {

@@ -34,6 +34,7 @@ std::string Session::hold_for_launcher() {
     control_.before_ready = nullptr;
     if (!is_back) {
         if (leave_requested()) return {};
+        if (!capture_.look_after(SteadyClock::now())) return "capture_failed";
         OX_WARN("Session: no reconnect within %ds — ending", grace);
         return "disconnect_timeout";
     }
@@ -44,8 +45,10 @@ bool Session::wait_for_reconnect() {
     // Only the deadline ends the hold: a stranger or a refused token costs its own time. Whoever
     // connects before it has as long for the auth line as at any other time.
     const auto deadline = SteadyClock::now() + std::chrono::seconds(options_.reconnect_grace_s);
-    const auto abort = [this] { return leave_requested(); };
-    while (!leave_requested() && SteadyClock::now() + kEarlyEnd < deadline) {
+    const auto abort = [this] {
+        return leave_requested() || !capture_.look_after(SteadyClock::now());
+    };
+    while (!abort() && SteadyClock::now() + kEarlyEnd < deadline) {
         if (control_.accept_and_handshake(control_port(), abort, remaining_seconds(deadline))) {
             return true;
         }
@@ -64,6 +67,7 @@ std::string Session::resume_with_new_keys() {
     audio_.resume(control_.keys.audio_key);
     input_.stop();
     start_input();
+    capture_.launcher_returned();
     control_.start_async_read();
     encoder_.force_idr = true;
     pacer_.reset(SteadyClock::now());

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -13,6 +12,7 @@
 #include "app/session/media_stream.h"
 #include "app/session/session.h"
 #include "app/session/session_audio.h"
+#include "app/session/session_capture.h"
 #include "app/session/session_signals.h"
 #include "app/sleep_inhibitor.h"
 #include "control/tcp_control_server.h"
@@ -93,7 +93,7 @@ class Session {
     MediaStream video_;
     SessionAudio audio_;
     InputReceiver input_;
-    std::unique_ptr<ICapture> capture_;
+    SessionCapture capture_;
     VideoEncoder encoder_;
     EncoderSettings settings_;
     RaisedThreads raised_{"Session"};      ///< this thread and the encoder's workers
