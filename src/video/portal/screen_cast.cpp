@@ -1,6 +1,7 @@
 #include "video/portal/screen_cast.h"
 
 #include <chrono>
+#include <string_view>
 #include <utility>
 
 #include "log/log.h"
@@ -16,7 +17,7 @@ constexpr const char* kNoParentWindow = "";
 constexpr uint32_t kCancelledByUser = 1;  // of the response codes
 constexpr uint32_t kEndedOtherwise = 2;
 constexpr std::chrono::seconds kRetryAfter{1};
-constexpr std::chrono::milliseconds kNoPerson{1000};  // nobody answers a dialog faster
+constexpr std::chrono::milliseconds kNoPerson{1000};  // nobody answers the dialog of Start faster
 
 std::string request_token() {
     return next_token("oxreq_");
@@ -83,7 +84,8 @@ std::optional<Response> ScreenCast::accept(const char* method, const RequestResu
             if (result.response.code == 0) return result.response;
             OX_ERROR("PortalCapture: portal refused %s (response=%u)", method,
                      result.response.code);
-            failed_at_once_ = result.response.code == kEndedOtherwise && result.took < kNoPerson;
+            failed_at_once_ = result.response.code == kEndedOtherwise &&
+                              (result.took < kNoPerson || std::string_view(method) != "Start");
             break;
         case portal::Outcome::Refused:
             if (!result.error.empty()) OX_WARN("PortalCapture: %s", result.error.c_str());
