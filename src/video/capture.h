@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -22,6 +23,13 @@ inline void resize_with_slack(std::vector<uint8_t>& pixels, size_t bytes) {
     pixels.resize(bytes);
 }
 
+/// A number for a picture's content that no other picture of this process has, whichever capture
+/// it comes from. Any thread.
+inline uint64_t next_content() {
+    static std::atomic<uint64_t> last{0};
+    return ++last;
+}
+
 /// One picture: width x height pixels, 4 bytes each in the order B, G, R, A, no row padding.
 ///
 /// The pixels lie in `data`, or, where a backend can lend them without a copy, in memory that
@@ -34,7 +42,8 @@ struct CapturedFrame {
     uint32_t width = 0;
     uint32_t height = 0;
     uint64_t timestamp = 0;  ///< steady-clock us when the picture was taken; 0 when not known
-    /// Names the pixels: two frames of one backend with the same number hold the same. 0: unknown.
+    /// Names the pixels (`next_content`): two frames with the same number hold the same. 0:
+    /// unknown.
     uint64_t content = 0;
 
     [[nodiscard]] const uint8_t* pixels() const { return lent ? lent.get() : data.data(); }

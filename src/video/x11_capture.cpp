@@ -168,7 +168,7 @@ bool X11Capture::refresh() {
     freshness_.fetched(announced, now);
     if (need == Need::Check && check_kept_picture(now)) return true;
     if (need == Need::Fetch) kept_hash_.reset();
-    ++content_;
+    content_ = next_content();
     return true;
 }
 
@@ -237,7 +237,7 @@ void X11Capture::lay_pointer(PictureView picture) {
 
 void X11Capture::deliver(CapturedFrame& frame) {
     const uint64_t look = pointer_ && pointer_->visible() ? pointer_->look() : 0;
-    if (std::exchange(shown_look_, look) != look) ++content_;
+    if (std::exchange(shown_look_, look) != look) content_ = next_content();
     const size_t bytes = size_t{width_} * height_ * kPixelBytes;
     if (lends_) {
         lay_pointer(lent_memory());

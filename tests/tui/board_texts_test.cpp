@@ -60,7 +60,7 @@ TEST(BoardTexts, EventsAndAlertsInBothLanguages) {
     for (const Lang lang : {Lang::English, Lang::Russian}) {
         for (size_t trouble = 0; trouble < kCaptureTroubleCount; ++trouble) {
             remedies.insert(alert_text(Alert::CaptureFailed, lang, Host::Desktop, 1,
-                                       static_cast<CaptureTrouble>(trouble)));
+                                       {.capture = static_cast<CaptureTrouble>(trouble)}));
         }
     }
     EXPECT_EQ(remedies.size(), 2 * kCaptureTroubleCount);

@@ -55,10 +55,12 @@ void LatestPicture::on_frame(uint32_t width, uint32_t height,
                              const std::function<void(uint8_t*)>& fill) {
     auto buffer = take_buffer(size_t{width} * height * kPixelBytes);
     fill(buffer->data());
-    Picture picture{.pixels = share(std::move(buffer), pool_), .width = width, .height = height};
+    Picture picture{.pixels = share(std::move(buffer), pool_),
+                    .width = width,
+                    .height = height,
+                    .content = next_content()};
     {
         const std::lock_guard lock(mutex_);
-        picture.content = latest_.content + 1;
         std::swap(latest_, picture);
     }
     arrivals_.note(SteadyClock::now());
