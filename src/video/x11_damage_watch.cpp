@@ -92,22 +92,23 @@ void X11DamageWatch::run(const std::stop_token& stop) {
     std::array<pollfd, 2> sources{
         {{.fd = XConnectionNumber(display), .events = POLLIN, .revents = 0},
          {.fd = wake_.get(), .events = POLLIN, .revents = 0}}};
-    std::optional<SteadyClock::time_point> ask_again;
+    constexpr auto kNever = SteadyClock::time_point::max();
+    auto ask_again_at = kNever;
     // Nothing in here waits for the server: what is read has come, and what is written is one small
     // request for an event that has come.
     while (!stop.stop_requested()) {
-        if (read_changes() && !ask_again) ask_again = SteadyClock::now() + kAskAgain;
+        if (read_changes()) ask_again_at = std::min(ask_again_at, SteadyClock::now() + kAskAgain);
         if (connection_->lost()) {
-            ask_again.reset();
+            ask_again_at = kNever;
             sources[0].fd = -1;
         }
         int wait_ms = -1;
-        if (ask_again) {
-            const auto left = std::chrono::ceil<milliseconds>(*ask_again - SteadyClock::now());
+        if (ask_again_at != kNever) {
+            const auto left = std::chrono::ceil<milliseconds>(ask_again_at - SteadyClock::now());
             wait_ms = static_cast<int>(std::max(left, milliseconds(0)).count());
         }
         if (wait_ms == 0) {
-            ask_again.reset();
+            ask_again_at = kNever;
             expect_change(*connection_);
             XFlush(display);
             continue;
