@@ -204,17 +204,27 @@ TEST_P(X11CaptureTest, ShowsTheMousePointerWhereverItIsAndNothingOfItWhereItWas)
         expected.left = x - 2;
         expected.top = y - 1;
         const uint64_t before = frame.content;
-        EXPECT_TRUE(shown());
+        ASSERT_EQ(capture.capture_frame(frame), 0);
+        EXPECT_EQ(expected.count_wrong_in(frame), 0);
         EXPECT_NE(frame.content, before);
     };
+    painter.move_pointer(100, 30);
+    expected.left = 98;
+    expected.top = 29;
+    EXPECT_TRUE(shown());
     for (const auto& [x, y] : {std::pair{40, 40}, {41, 40}, {0, 0}, {332, 0}, {0, 76}, {332, 76}})
         look(x, y);
     painter.fill(0, 0, 333, 77, 0xFFFFFF);  // below the pointer, too
     expected.colour = 0xFFFFFFFF;
+    EXPECT_TRUE(shown());
     look(331, 75);
     painter.resize_screen(200, 50);
     painter.fill(0, 0, 200, 50, 0);
+    painter.move_pointer(20, 20);
     expected.colour = 0xFF000000;
+    expected.left = 18;
+    expected.top = 19;
+    EXPECT_TRUE(shown());
     look(199, 49);
     EXPECT_EQ(frame.width * frame.height, 200U * 50);
     painter.set_pointer({0xFF112233}, 1, 0, 0);
