@@ -13,7 +13,7 @@ struct XFreeDeleter {
     void operator()(void* data) const { XFree(data); }
 };
 struct FreeDeleter {
-    void operator()(void* data) const { std::free(data); }
+    void operator()(void* data) const { std::free(data); }  // NOLINT: its owner
 };
 
 }  // namespace

@@ -15,9 +15,9 @@ constexpr int64_t kNanosPerSecond = 1'000'000'000;
 /// sleep's and the source's own jitter on the right side of the change.
 constexpr nanoseconds kMargin{500'000};
 constexpr nanoseconds kRecent{kNanosPerSecond};
-constexpr size_t kFewest = 16;         // changes that tell a rhythm
-constexpr int64_t kLargestStep = 128;  // parts of an interval
-constexpr int64_t kWorthwhile = 64;    // parts of an interval by which the mean wait must fall
+constexpr size_t kFewest = 16;       // changes that tell a rhythm
+constexpr int kLargestStep = 128;    // parts of an interval
+constexpr int64_t kWorthwhile = 64;  // parts of an interval by which the mean wait must fall
 
 constexpr double kGathered = 0.4;  // of 1, from where on phases have a common direction
 
@@ -57,7 +57,7 @@ bool FramePhase::runs_away(size_t changes) const {
     const double moved = std::arg(directions[1] * std::conj(directions[0])) / to_angle;
     // From the middle of the one half to that of the other.
     const double frames = static_cast<double>(span_) / 2 / static_cast<double>(interval_);
-    return std::abs(moved) > frames * static_cast<double>(interval_ / kLargestStep);
+    return std::abs(moved) > frames * static_cast<double>(interval_) / kLargestStep;
 }
 
 int64_t FramePhase::total_wait(size_t changes, int64_t earlier) const {
