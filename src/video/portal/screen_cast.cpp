@@ -164,11 +164,11 @@ RequestResult ScreenCast::request_start() {
     const auto call = make_call("Start", session_, kNoParentWindow, {{"handle_token", request}});
     if (!call) return {};
     bool asked = false;
-    const auto result = bus_.request(*call, request, limits_.start,
-                                     {.after = limits_.dialog(token_.has_value()), .act = [&] {
-                                          asked = true;
-                                          tell_of_dialog();
-                                      }});
+    RequestResult result = bus_.request(*call, request, limits_.start,
+                                        {.after = limits_.dialog(token_.has_value()), .act = [&] {
+                                             asked = true;
+                                             tell_of_dialog();
+                                         }});
     if (asked && awaiting_owner_) awaiting_owner_(false);
     return result;
 }
