@@ -85,6 +85,9 @@ class ICapture {
     virtual void shutdown() {}
 };
 
+/// Whether `make_capture` goes through the desktop's portal, which may ask the PC's owner.
+[[nodiscard]] bool asks_the_portal(const std::string& mode, const Desktop& desktop);
+
 /// The backend for `mode` ("auto", "x11", "portal", "synthetic") on this desktop, whose session
 /// decides what "auto" means; the size is that of the synthetic picture. `cancelled` may be asked
 /// as long as the backend lives, from other threads, too. True ends every wait: the portal's for

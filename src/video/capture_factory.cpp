@@ -8,12 +8,16 @@
 
 namespace ox {
 
+bool asks_the_portal(const std::string& mode, const Desktop& desktop) {
+    return mode == "portal" || (mode == "auto" && desktop.is_wayland());
+}
+
 std::unique_ptr<ICapture> make_capture(const std::string& mode, const Desktop& desktop,
                                        uint32_t width, uint32_t height,
                                        std::function<bool()> cancelled,
                                        std::function<void(bool)> awaiting_owner) {
     if (mode == "synthetic") return std::make_unique<SyntheticCapture>(width, height);
-    if (mode == "portal" || (mode == "auto" && desktop.is_wayland())) {
+    if (asks_the_portal(mode, desktop)) {
         auto config = PortalCapture::config_from_environment();
         if (!desktop.wayland_display.empty()) config.wayland_display = desktop.wayland_display;
         config.cancelled = std::move(cancelled);

@@ -28,10 +28,11 @@ bool SessionCapture::open(uint32_t width, uint32_t height, const std::function<b
     width_ = width;
     height_ = height;
     cancelled_ = cancelled;
+    const Desktop desktop = desktop_for(options_, cancelled);
     // A player who sees nothing could answer the desktop's question in the owner's place.
-    withhold_input_(true);
+    withhold_input_(asks_the_portal(options_.capture, desktop));
     SelectedCapture selected =
-        select_capture(options_.capture, desktop_for(options_, cancelled), width, height, cancelled,
+        select_capture(options_.capture, desktop, width, height, cancelled,
                        [this](bool awaiting) {
                            await_owner(awaiting);
                            show(awaiting ? PictureState::AwaitingOwner : PictureState::Fine);
