@@ -164,7 +164,7 @@ RequestResult ScreenCast::request_start() {
     const auto call = make_call("Start", session_, kNoParentWindow, {{"handle_token", request}});
     if (!call) return {};
     bool asked = false;
-    RequestResult result = bus_.request(*call, request, limits_.start,
+    RequestResult result = bus_.request(*call, request, limits_.start(token_.has_value()),
                                         {.after = limits_.dialog(token_.has_value()), .act = [&] {
                                              asked = true;
                                              tell_of_dialog();
@@ -175,7 +175,7 @@ RequestResult ScreenCast::request_start() {
 
 std::optional<uint32_t> ScreenCast::start() {
     const auto result = request_start();
-    const auto response = accept("Start", result, limits_.start);
+    const auto response = accept("Start", result, limits_.start(token_.has_value()));
     if (!response) {
         const bool declined =
             result.outcome == portal::Outcome::Answered && result.response.code == kCancelledByUser;

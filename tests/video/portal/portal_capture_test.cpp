@@ -31,8 +31,9 @@ constexpr auto kShort = 400ms;
 
 PortalLimits patient() {
     PortalLimits limits;
-    limits.create_session = limits.select_sources = limits.start = limits.open_remote =
-        limits.first_frame_with_token = limits.first_frame_without_token = kPatience;
+    limits.create_session = limits.select_sources = limits.start_with_token =
+        limits.start_without_token = limits.open_remote = limits.first_frame_with_token =
+            limits.first_frame_without_token = kPatience;
     return limits;
 }
 
@@ -110,7 +111,7 @@ TEST_F(Portal, EveryCallThatFailsIsToldAndNothingElseIsAsked) {
          &Limits::select_sources},
         {"Start=1", "portal refused Start (response=1)", false, nullptr,
          CaptureState::OwnerDeclined},
-        {"Start=silent", "no Response for Start within 400 ms", true, &Limits::start,
+        {"Start=silent", "no Response for Start within 400 ms", true, &Limits::start_with_token,
          CaptureState::OwnerAbsent},
         {"Start=empty", "Start returned no stream node"},
         {"OpenPipeWireRemote=fail", "OpenPipeWireRemote returned no fd"},
