@@ -49,10 +49,14 @@ void init_library() {
 struct PipewireStream::Impl {
     explicit Impl(LatestPicture& to) : pictures(to) {}
     ~Impl() {
-        if (loop) pw_thread_loop_stop(loop.get());
-        // What taking the stream down does to its state is no news.
+        if (!loop) return;
+        // The callbacks go while their thread runs: without it PipeWire calls them on its data
+        // thread. What taking the stream down does to its state is of no interest either.
+        pw_thread_loop_lock(loop.get());
         if (stream) spa_hook_remove(&listener);
         if (core) spa_hook_remove(&core_listener);
+        pw_thread_loop_unlock(loop.get());
+        pw_thread_loop_stop(loop.get());
     }
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
