@@ -50,7 +50,7 @@ hash=$(printf %s "$token" | sha256sum | cut -c1-64)
 XDG_CONFIG_HOME=$scratch/config OX_LOG_FILE=$log OX_TUI=plain "$agent" --no-input --capture auto \
   --token-sha256 "$hash" >"$scratch/screen" &
 agent_pid=$!
-await "Listening for next launcher\|Standalone mode" 1 10
+await "TcpControlServer: listening on port" 1 10
 
 echo "1. Confirm the window that asks to share the screen."
 play 5 &
