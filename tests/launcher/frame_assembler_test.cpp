@@ -42,6 +42,7 @@ TEST(FrameAssembler, RebuildsAnySingleLossOfEachGroup) {
         const Packets packets = packets_of(unit, 5, true);
         const size_t count = packets[0].header.count;
         const size_t covered = std::min<size_t>(count, 255 * 8);
+        ASSERT_EQ(packets.size(), count + (covered + 7) / 8);
         // Place by place, the same place of every group is lost, and the rest comes in reverse
         // before the parity.
         for (size_t place = 0; place < std::min<size_t>(8, covered); ++place) {

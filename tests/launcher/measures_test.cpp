@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <random>
 #include <vector>
@@ -73,12 +74,9 @@ TEST(StampChecker, FindsWrongPictures) {
     const std::vector<uint8_t> grey(256 * 8, 125);
     checker.add(10, read_frame_stamp({.bytes = grey, .stride = 256, .width = 256, .height = 8}));
     const auto& report = checker.report();
-    EXPECT_EQ(report.read, 5U);
-    EXPECT_EQ(report.first, 0xFFFFFFFF);
-    EXPECT_EQ(report.last, 77U);
-    EXPECT_EQ(report.out_of_order, 1U);
-    EXPECT_EQ(report.invented, 2U);
-    EXPECT_EQ(report.unreadable, 1U);
+    EXPECT_EQ((std::array<uint64_t, 6>{report.read, report.first, report.last, report.out_of_order,
+                                       report.invented, report.unreadable}),
+              (std::array<uint64_t, 6>{5, 0xFFFFFFFF, 77, 1, 2, 1}));
 }
 
 }  // namespace
