@@ -22,7 +22,8 @@ class ControlLoopTest : public ControlServerTest {
         };
         server_.message_callback = record;
         server_.settings_callback = [record](const SettingsChange& change) {
-            record("settings " + std::to_string(change.bitrate) + " " + std::to_string(change.fps));
+            record(testing::PrintToString(
+                std::vector{change.bitrate, change.fps, change.width, change.height}));
         };
         server_.stats_callback = [record](const ClientStats& stats) {
             record("stats " + std::to_string(static_cast<int>(stats.rtt_ms)));
@@ -43,12 +44,26 @@ std::string line_of_length(size_t length, const std::string& type) {
 }
 
 TEST_F(ControlLoopTest, HandlesEachLineOnceAndInOrderHoweverItIsCut) {
-    const std::string bytes =
-        "{\"type\":\"request_idr\"}\n{\"type\":\"set_settings\",\"bitrate\":900}\n\n"
-        "{\"type\":\"stats\",\"rtt_ms\":12}\n{}\nno json\n{\"type\":7}\n" +
-        std::string(8192, '[') + "\n" + line_of_length(8192, "just short enough") +
-        line_of_length(8193, "too long") + line_of_length(20'000, "far too long") +
-        "{\"type\":\"end_session\"}\n{\"type\":\"ping\",\"ts\":12345}\n{\"type\":\"ping\"}\n";
+    const std::string bytes = R"({"type":"request_idr"}
+{"type":"set_settings","bitrate":900,"height":1e300,"width":-1099511627776}
+
+{"type":"stats","rtt_ms":12}
+{}
+"ping"
+no json
+{"type":7}
+{"type":"ping","ts":"soon"}
+{"type":"anything else","ts":"no ping, so of any type"}
+)" + std::string(8192, '[') + "\n" +
+                              line_of_length(8192, "just short enough") +
+                              line_of_length(8193, "too long") +
+                              line_of_length(20'000, "far too long") +
+                              R"({"type":"end_session"}
+{"type":"ping","ts":-9223372036854775808}
+{"type":"ping","ts":18446744073709551615}
+{"type":"ping","ts":-1e19}
+{"type":"ping"}
+)";
     TcpClient launcher = connected_launcher();
     launcher.read_line(kPatience);
     record_everything();
@@ -59,16 +74,19 @@ TEST_F(ControlLoopTest, HandlesEachLineOnceAndInOrderHoweverItIsCut) {
         for (size_t at = 0; at < bytes.size(); at += cut) {
             launcher.send(std::string_view(bytes).substr(at, cut));
         }
-        EXPECT_EQ(launcher.read_line(kPatience), R"({"ts":12345,"type":"pong"})");
-        EXPECT_EQ(launcher.read_line(kPatience), R"({"ts":0,"type":"pong"})");
+        for (const char* ts : {"-9223372036854775808", "-1", "-9223372036854775808", "0"}) {
+            EXPECT_EQ(launcher.read_line(kPatience).value_or("nothing"),
+                      R"({"ts":)" + std::string(ts) + R"(,"type":"pong"})");
+        }
         EXPECT_EQ(take_events(),
-                  "request_idr|settings 900 0|stats 12|just short enough|end_session|")
+                  "request_idr|{ 900, 0, -2147483648, 2147483647 }|stats 12|anything else|just "
+                  "short enough|end_session|")
             << cut;
-        for (const char* size : {"8193", "20000"}) {
-            EXPECT_EQ(
-                log_.count("WARN", std::string("TcpControlServer: oversized control message (") +
-                                       size + " bytes) — ignoring"),
-                round);
+        for (const char* told : {"oversized control message (8193 bytes) — ignoring",
+                                 "oversized control message (20000 bytes) — ignoring",
+                                 "malformed message: 'ts' must be a number, but is string",
+                                 "malformed message: an object is expected, not a string"}) {
+            EXPECT_EQ(log_.times(told), round) << told;
         }
     }
 }

@@ -25,7 +25,7 @@ TEST_F(HandshakeTest, TakesALauncherThatSendsByteByByte) {
     auto result = handshake();
     TcpClient launcher = connect();
     for (const char c :
-         auth_with(R"("codec":1,"width":9000,"height":-3,"fps":75,"caps":7,"udp_ip":"10.1.2.3")")) {
+         auth_with(R"("codec":1,"height":-60.9,"fps":75,"caps":8589934593,"udp_ip":"10.1.2.3")")) {
         launcher.send({&c, 1});
     }
     ASSERT_TRUE(result.get()) << log_.text();
@@ -34,12 +34,13 @@ TEST_F(HandshakeTest, TakesALauncherThatSendsByteByByte) {
               R"({"audio_key":")" + base64(server_.keys.audio_key) + R"(","caps":2,"input_key":")" +
                   base64(server_.keys.input_key) + R"(","type":"session_ready","video_key":")" +
                   base64(server_.keys.video_key) + R"("})");
-    EXPECT_EQ(server_.requested.height, -3);
-    EXPECT_EQ(server_.launcher_caps, 7u);
+    EXPECT_EQ(server_.requested.height, -60);
+    EXPECT_EQ(server_.launcher_caps, UINT32_MAX);
     EXPECT_EQ(server_.granted_caps, 2u);
     EXPECT_EQ(server_.remote_address(), "10.1.2.3");
     EXPECT_EQ(
-        log_.count("INFO", "TcpControlServer: auth request — codec=1 9000x-3 @75fps 15000kbps"), 1);
+        log_.count("INFO", "TcpControlServer: auth request — codec=1 1920x-60 @75fps 15000kbps"),
+        1);
     expect_vanished_peer_is_noticed(port(), false, 30'000);
     server_.close();
     EXPECT_FALSE(server_.is_connected());
@@ -59,6 +60,8 @@ TEST_F(HandshakeTest, RefusesWhatIsNoGoodAuthLineAndTakesTheNextLauncher) {
         {auth_with(R"("fps":"60")"), "JSON parse error: 'fps' must be", good_hash},
         {"{\"type\":\"сс\\u001b[1mats\"}\n", "expected 'auth' message, got 'сс[1mats'", good_hash},
         {"{\"type\":\"auth\",\"token\":\"player-two-token\"}\n",
+         "session token verification FAILED — rejecting client", good_hash},
+        {"{\"type\":\"auth\",\"token\":\"player-one-token\\u0000\"}\n",
          "session token verification FAILED — rejecting client", good_hash},
         {good, "session token verification FAILED — rejecting client", good_hash + "0"},
         {good,

@@ -7,34 +7,11 @@
 #include <string>
 
 #include "control/auth_message.h"
-#include "control/control_message.h"
 #include "control/session_keys.h"
 #include "control/udp_destination.h"
 
 namespace ox {
 namespace {
-
-TEST(AuthMessage, FillsInWhatIsMissingAndBringsNumbersIntoRange) {
-    const struct {
-        std::string fields;
-        int32_t width;
-        uint32_t caps;
-    } rows[] = {
-        {"", 1920, 0},
-        {R"(,"width":-60.9,"caps":-5)", -60, 0},
-        {R"(,"width":1099511627776,"caps":4294967293)", INT32_MAX, 4294967293u},
-        {R"(,"width":-1e300,"caps":18446744073709551615)", INT32_MIN, UINT32_MAX},
-    };
-    for (const auto& [fields, width, caps] : rows) {
-        AuthMessage message;
-        ASSERT_FALSE(
-            parse_auth_message(R"({"token":"a\u0000b","type":"auth")" + fields + "}", message));
-        EXPECT_EQ(message.width, width) << fields;
-        EXPECT_EQ(message.caps, caps) << fields;
-        EXPECT_EQ(message.token.text(), std::string("a\0b", 3));
-        EXPECT_EQ(message.bitrate, 15000);
-    }
-}
 
 TEST(AuthMessage, RefusesWithATextThatIsFitForTheLog) {
     const std::pair<std::string, const char*> rows[] = {
@@ -53,37 +30,6 @@ TEST(AuthMessage, RefusesWithATextThatIsFitForTheLog) {
         for (const char* secret : {"SECRET", "99999"})
             EXPECT_EQ(error->text.find(secret), std::string::npos) << error->text;
     }
-}
-
-// The message as a text that a row of the table can be compared with.
-std::string read(const std::string& line) {
-    const auto message = parse_control_line(line);
-    if (const auto* ping = std::get_if<PingMessage>(&message)) return std::to_string(ping->ts);
-    if (const auto* named = std::get_if<NamedMessage>(&message)) return "named " + named->type;
-    if (const auto* bad = std::get_if<MalformedMessage>(&message)) return "malformed " + bad->why;
-    if (const auto* change = std::get_if<SettingsChange>(&message)) {
-        return "settings " + std::to_string(change->bitrate) + " " + std::to_string(change->fps) +
-               " " + std::to_string(change->width) + " " + std::to_string(change->height);
-    }
-    return std::holds_alternative<std::monostate>(message) ? "none" : "stats";
-}
-
-TEST(ControlMessage, ReadsEachKind) {
-    const std::pair<const char*, const char*> rows[] = {
-        {R"({"ts":-9223372036854775808,"type":"ping"})", "-9223372036854775808"},
-        {R"({"ts":18446744073709551615,"type":"ping"})", "-1"},
-        {R"({"ts":-1e19,"type":"ping"})", "-9223372036854775808"},
-        {R"({"type":"anything else","ts":"no ping, so of any type"})", "named anything else"},
-        {R"({"type":"set_settings","fps":30.7,"height":1e300,"width":-1099511627776})",
-         "settings 0 30 -2147483648 2147483647"},
-        {"{}", "none"},
-        {R"({"ts":"soon","type":"ping"})", "malformed 'ts' must be a number, but is string"},
-        {R"("ping")", "malformed an object is expected, not a string"},
-    };
-    for (const auto& [line, message] : rows) {
-        EXPECT_EQ(read(line), message) << line;
-    }
-    EXPECT_EQ(make_pong(-12345), R"({"ts":-12345,"type":"pong"})");
 }
 
 // What is derived from a master key is pinned by the wire vectors.
