@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -28,17 +27,14 @@
 namespace ox {
 namespace {
 
+using test::read_file;
+
 constexpr uint64_t kUsedUp = LeaseTable::kUsedUp;
 constexpr std::chrono::seconds kLong{20};
 const auto kNever = [] { return false; };
 
 std::vector<uint8_t> master(uint8_t n) {
     return std::vector<uint8_t>(32, n);
-}
-
-std::string read(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 TEST(PacketNumbers, AreGivenOutOnceAndEndInsteadOfWrapping) {
@@ -152,7 +148,7 @@ TEST_F(KeyLeasesTest, EverySessionOfAKeyGoesOnAlsoInAnotherProcess) {
     struct stat status {};
     ASSERT_EQ(::stat(file_.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0600U);
-    EXPECT_EQ(read(file_).find(std::string(16, '0')), std::string::npos) << "the key itself";
+    EXPECT_EQ(read_file(file_).find(std::string(16, '0')), std::string::npos) << "the key itself";
     EXPECT_EQ(log_.times("WARN"), 0) << log_.text();
 }
 
@@ -185,26 +181,18 @@ TEST_F(KeyLeasesTest, WhereNothingCanBeRecordedOneLineSaysSoAndTheProcessStillKe
     const std::string cannot = "KeyLeases: cannot record used packet numbers in ";
     std::ofstream(folder_.file("file")) << "in the way";
     std::ofstream(folder_.file("elsewhere")) << "precious";
-    const auto link_into = [&](const std::string& name) {
-        std::filesystem::create_directory(folder_.path() / name);
-        std::filesystem::create_symlink(folder_.file("elsewhere"),
-                                        folder_.path() / name / "key-leases");
-        return folder_.file(name);
-    };
-    const auto pipe_in = [&](const std::string& name) {
-        std::filesystem::create_directory(folder_.path() / name);
-        EXPECT_EQ(::mkfifo((folder_.file(name) + "/key-leases").c_str(), 0600), 0);
-        return folder_.file(name);
-    };
+    for (const char* name : {"link", "pipe"})
+        std::filesystem::create_directory(folder_.file(name));
+    std::filesystem::create_symlink(folder_.file("elsewhere"), folder_.file("link/key-leases"));
+    ASSERT_EQ(::mkfifo(folder_.file("pipe/key-leases").c_str(), 0600), 0);
     int warnings = 0;
-    for (const std::string& place : {folder_.file("file/below"), folder_.file("nowhere"),
-                                     link_into("link"), pipe_in("pipe")}) {
-        KeyLeases leases(place);
+    for (const char* place : {"file/below", "nowhere", "link", "pipe"}) {
+        KeyLeases leases(folder_.file(place));
         EXPECT_EQ(first_numbers(leases, 1), LeaseEnd{});
         EXPECT_EQ(first_numbers(leases, 1), (LeaseEnd{72'000, 120'000}));
         EXPECT_EQ(log_.times(cannot), ++warnings) << log_.text();
     }
-    EXPECT_EQ(read(folder_.file("elsewhere")), "precious");
+    EXPECT_EQ(read_file(folder_.file("elsewhere")), "precious");
 }
 
 TEST_F(KeyLeasesTest, ADamagedFileIsKeptAsideAndWhatItStillSaysHolds) {
@@ -213,14 +201,14 @@ TEST_F(KeyLeasesTest, ADamagedFileIsKeptAsideAndWhatItStillSaysHolds) {
         first_numbers(leases, 1);
         first_numbers(leases, 2);
     }
-    const std::string whole = read(file_);
+    const std::string whole = read_file(file_);
     const std::string torn = whole.substr(0, whole.size() - 12);  // in the last key's check sum
     std::ofstream(file_) << torn;
     ::chmod(file_.c_str(), 0400);
     KeyLeases leases(folder_.path().string());
     EXPECT_EQ(first_numbers(leases, 1).frames, 72'000U);
     EXPECT_EQ(log_.times("key-leases was damaged, 2 key(s) of it could be read"), 1) << log_.text();
-    EXPECT_EQ(read(file_ + ".damaged"), torn);
+    EXPECT_EQ(read_file(file_ + ".damaged"), torn);
     // Numbers that cannot be trusted count as used up.
     const auto numbers = leases.lease(master(2));
     leases.await(*numbers, kLong, kNever);
@@ -244,7 +232,7 @@ TEST_F(KeyLeasesTest, ARecordThatTakesItsTimeHoldsUpNobodyAndIsMadeUpFor) {
         leases.top_up(*numbers);
         EXPECT_EQ(numbers->video.left(), 74'000U);
         ASSERT_EQ(::flock(lock.get(), LOCK_UN), 0);
-        ASSERT_TRUE(test::eventually([&] { return !read(file_).empty(); }));
+        ASSERT_TRUE(test::eventually([&] { return !read_file(file_).empty(); }));
     }
     KeyLeases next(folder_.path().string());
     EXPECT_EQ(first_numbers(next, 1), (LeaseEnd{144'000, 120'000}));

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "e2e/agent.h"
@@ -18,12 +17,6 @@ struct Outcome {
     std::string out;
     std::string err;
 };
-
-std::string content_of(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path, std::ios::binary).rdbuf();
-    return content.str();
-}
 
 /// Runs the program on a machine without desktop and sound server, in an empty home folder, and
 /// fails the test when a file remains there.
@@ -41,7 +34,7 @@ Outcome run(std::vector<std::string> arguments) {
          .stderr_path = results.file("err")});
     const int status = program.wait(kPatience).value_or(-1);
     EXPECT_TRUE(std::filesystem::is_empty(home.path()));
-    return {status, content_of(results.file("out")), content_of(results.file("err"))};
+    return {status, read_file(results.file("out")), read_file(results.file("err"))};
 }
 
 TEST(CommandLine, HelpVersionAndSelfTestGoToStandardOutputWithStatusZero) {
@@ -64,7 +57,7 @@ TEST(CommandLine, HelpVersionAndSelfTestGoToStandardOutputWithStatusZero) {
     const auto selftest = run({"--selftest", "--port-base", "1"});
     EXPECT_EQ(selftest.status, 0);
     EXPECT_EQ(selftest.err, "");
-    EXPECT_EQ(selftest.out, content_of(OX_SELFTEST_OUTPUT)) << "not the texts that owners know";
+    EXPECT_EQ(selftest.out, read_file(OX_SELFTEST_OUTPUT)) << "not the texts that owners know";
 }
 
 TEST(CommandLine, EveryErrorEndsWithStatusTwo) {

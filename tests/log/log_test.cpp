@@ -21,15 +21,11 @@ namespace ox {
 namespace {
 
 namespace fs = std::filesystem;
+using test::read_file;
 using ::testing::EndsWith;
 using ::testing::MatchesRegex;
 
 constexpr int64_t kLimit = 10 * 1024 * 1024;
-
-std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 // Each test logs to files of its own, the console off.
 class Log : public ::testing::Test {

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -40,5 +41,11 @@ class TempDir {
   private:
     std::filesystem::path path_;
 };
+
+/// All bytes of a file; none when it cannot be read.
+inline std::string read_file(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
 
 }  // namespace ox::test
