@@ -31,6 +31,7 @@ TEST(Handshake, ABusyPortIsSaidOnceAndWaitedFor) {
     ASSERT_TRUE(agent.wait_for_log("TcpControlServer: listening on port"));
     EXPECT_TRUE(agent.screen().wait_for("Resolved: Port ", kPatience));
     EXPECT_TRUE(Player(agent).receive_frames(1));
+    EXPECT_EQ(agent.screen().count(std::to_string(ports->control())), 2U) << "told twice";
 }
 
 TEST(Handshake, APortThatTheSystemRefusesIsShownToTheOwner) {

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <optional>
-#include <set>
 
 #include "support/environment.h"
 
@@ -50,21 +49,6 @@ TEST(BoardTexts, EventsAndAlertsInBothLanguages) {
                                    "не~меньше 1024 в~start-agent."));
     EXPECT_EQ(closed_port_text({48003, EACCES}, Lang::English),
               "Port 48003 can't be opened, details in the log.");
-    for (size_t alert = 0; alert < kAlertCount; ++alert) {
-        for (const Lang lang : {Lang::English, Lang::Russian}) {
-            EXPECT_NE(alert_title(static_cast<Alert>(alert), lang, 1), "") << alert;
-            EXPECT_NE(alert_text(static_cast<Alert>(alert), lang, Host::Desktop, 1), "") << alert;
-        }
-    }
-    std::set<std::string> remedies;
-    for (const Lang lang : {Lang::English, Lang::Russian}) {
-        for (size_t trouble = 0; trouble < kCaptureTroubleCount; ++trouble) {
-            remedies.insert(alert_text(Alert::CaptureFailed, lang, Host::Desktop, 1,
-                                       {.capture = static_cast<CaptureTrouble>(trouble)}));
-        }
-    }
-    EXPECT_EQ(remedies.size(), 2 * kCaptureTroubleCount);
-    EXPECT_EQ(remedies.count(""), 0U);
 }
 
 TEST(BoardTexts, FirstLanguageVariableThatIsSetDecides) {

@@ -37,22 +37,28 @@ std::string running_text(const std::vector<Line>& lines) {
     return text;
 }
 
+void expect_shown(const std::vector<std::string>& facts, const Snapshot& board, const View& at) {
+    const std::string shown = running_text(lay_out(board, at));
+    for (const std::string& fact : facts)
+        EXPECT_THAT(shown, HasSubstr(fact));
+}
+
+Snapshot with(PictureState picture, SessionState state, Snapshot board = test::streaming_board()) {
+    board.session.picture = picture;
+    board.session.state = state;
+    return board;
+}
+
 std::vector<Snapshot> boards_of_all_states() {
     Snapshot reconnecting = test::connected_board();
     reconnecting.link = LinkState::Reconnecting;
-    Snapshot preparing = test::connected_board();
-    preparing.session.state = SessionState::Preparing;
-    Snapshot asking = preparing;
-    asking.session.picture = PictureState::AwaitingOwner;
-    Snapshot lost = test::streaming_board();
-    lost.session.picture = PictureState::Lost;
     return {Snapshot{},
             test::connected_board(),
             reconnecting,
-            preparing,
-            asking,
+            with(PictureState::Fine, SessionState::Preparing, test::connected_board()),
+            with(PictureState::AwaitingOwner, SessionState::Preparing, test::connected_board()),
             test::streaming_board(),
-            lost,
+            with(PictureState::Lost, SessionState::Streaming),
             test::holding_board(),
             test::nasty_board()};
 }
@@ -70,13 +76,12 @@ TEST(Layout, NothingIsEverOutsideTheTerminal) {
         }
     };
     for (const Snapshot& board : boards_of_all_states()) {
-        for (int columns = 1; columns <= 300; columns += columns < 45 ? 1 : 13) {
-            for (const int rows : {1, 4, 12, 24, 100})
-                check(board, view(columns, rows, columns % 2 ? Lang::English : Lang::Russian));
-        }
-        for (int rows = 1; rows <= 100; rows += rows < 45 ? 1 : 13) {
-            for (const int columns : {1, 40, 80, 300})
-                check(board, view(columns, rows, rows % 2 ? Lang::English : Lang::Russian));
+        for (int n = 1; n <= 300; n += n < 45 ? 1 : 13) {
+            const Lang lang = n % 2 ? Lang::English : Lang::Russian;
+            for (const int other : {1, 4, 12, 24, 40, 80, 300}) {
+                check(board, view(n, other, lang));
+                check(board, view(other, n, lang));
+            }
         }
     }
 }
@@ -91,10 +96,10 @@ TEST(Layout, EveryAlertIsReadableInFullAt80x24) {
         for (const Snapshot& board : boards_of_all_states()) {
             for (const std::vector<Alert>& alerts : sets) {
                 const Snapshot alarmed = test::with_alerts(board, alerts);
-                const std::string shown = running_text(lay_out(alarmed, view(80, 24, lang)));
-                for (const Alert alert : alerts) {
-                    EXPECT_THAT(shown, HasSubstr(alert_text(alert, lang, Host::Desktop, 48'001)));
-                }
+                std::vector<std::string> facts;
+                for (const Alert alert : alerts)
+                    facts.push_back(alert_text(alert, lang, Host::Desktop, 48'001));
+                expect_shown(facts, alarmed, view(80, 24, lang));
             }
         }
     }
@@ -103,51 +108,39 @@ TEST(Layout, EveryAlertIsReadableInFullAt80x24) {
 TEST(Layout, SmallTerminalKeepsLinkSessionAndAlerts) {
     const std::vector<Alert> alerts{Alert::CaptureFailed, Alert::PortBusy, Alert::SecondAgent};
     const Snapshot board = test::with_alerts(test::streaming_board(), alerts);
-    const std::string shown = running_text(lay_out(board, view(40, 12, Lang::Russian)));
-    for (const char* fact : {"Платформа на\u00A0связи", "ИГРОК ПОДКЛЮЧЁН", "23,4\u00A0Мбит/с"})
-        EXPECT_THAT(shown, HasSubstr(fact));
+    std::vector<std::string> facts{"Платформа на\u00A0связи", "ИГРОК ПОДКЛЮЧЁН",
+                                   "23,4\u00A0Мбит/с"};
     for (const Alert alert : alerts)
-        EXPECT_THAT(shown, HasSubstr(alert_title(alert, Lang::Russian, 48'001)));
+        facts.push_back(alert_title(alert, Lang::Russian, 48'001));
+    expect_shown(facts, board, view(40, 12, Lang::Russian));
     // The most important line is the last to go.
-    EXPECT_THAT(running_text(lay_out(board, view(40, 1))), HasSubstr("Platform connected"));
+    expect_shown({"Platform connected"}, board, view(40, 1));
 }
 
 TEST(Layout, TellsWhatMattersOfAStreamAHoldAndAClosedPort) {
-    const std::string stream = running_text(lay_out(test::streaming_board(), view(80, 24)));
-    for (const char* fact :
-         {"rig", "Some GPU", "0.4.448", "Platform connected 1 h 05 min", "PLAYER CONNECTED",
-          " 1:02:05 ", "2560×1440 · 120 fps · HEVC · NVENC", "player 10.0.0.5", "23.4 Mbit/s",
-          "119.2 fps", "17 ms", "0.3 %", "Session ended after 12 min", "/var/log/agent.log",
-          "Ctrl+C stops the agent", "kill -USR1 4711"}) {
-        EXPECT_THAT(stream, HasSubstr(fact));
-    }
-    const std::string hold =
-        running_text(lay_out(test::holding_board(), view(80, 24, Lang::Russian)));
-    EXPECT_THAT(hold, HasSubstr("ИГРОК ОТКЛЮЧИЛСЯ"));
-    EXPECT_THAT(hold, HasSubstr("Держим сессию ещё 42\u00A0с"));
-
+    const View english = view(80, 24);
+    const View russian = view(80, 24, Lang::Russian);
+    expect_shown({"rig", "Some GPU", "0.4.448", "Platform connected 1 h 05 min", "PLAYER CONNECTED",
+                  " 1:02:05 ", "2560×1440 · 120 fps · HEVC · NVENC", "player 10.0.0.5",
+                  "23.4 Mbit/s", "119.2 fps", "17 ms", "0.3 %", "Session ended after 12 min",
+                  "/var/log/agent.log", "Ctrl+C stops the agent", "kill -USR1 4711"},
+                 test::streaming_board(), english);
+    expect_shown({"ИГРОК ОТКЛЮЧИЛСЯ", "Держим сессию ещё 42\u00A0с"}, test::holding_board(),
+                 russian);
     Snapshot closed = test::connected_board();
     closed.closed_port = {3, EACCES};
-    const std::string nobody = running_text(lay_out(closed, view(100, 24)));
-    for (const std::string& fact :
-         {std::string("NOBODY CAN CONNECT"), closed_port_text(closed.closed_port, Lang::English)}) {
-        EXPECT_THAT(nobody, HasSubstr(fact));
-    }
-    Snapshot asking = test::streaming_board();
-    asking.session.picture = PictureState::AwaitingOwner;
+    expect_shown({"NOBODY CAN CONNECT", closed_port_text(closed.closed_port, Lang::English)},
+                 closed, view(100, 24));
     for (const SessionState state : {SessionState::Preparing, SessionState::Streaming}) {
-        asking.session.state = state;
-        const std::string shown = running_text(lay_out(asking, view(80, 24, Lang::Russian)));
-        EXPECT_THAT(shown, HasSubstr("ПОДТВЕРДИТЕ НА\u00A0ЭТОМ ПК"));
-        EXPECT_THAT(shown, HasSubstr("показе экрана."));
+        expect_shown({"ПОДТВЕРДИТЕ НА\u00A0ЭТОМ ПК", "показе экрана."},
+                     with(PictureState::AwaitingOwner, state), russian);
     }
-    Snapshot lost = test::streaming_board();
-    lost.session.picture = PictureState::Lost;
-    EXPECT_THAT(running_text(lay_out(lost, view(80, 24))), HasSubstr("Mouse and keyboard are off"));
+    expect_shown({"Mouse and keyboard are off"}, with(PictureState::Lost, SessionState::Streaming),
+                 english);
 
     Snapshot unknown = test::streaming_board();
     unknown.session.rtt_ms = unknown.session.loss_pct = -1;
-    EXPECT_THAT(running_text(lay_out(unknown, view(80, 24))), HasSubstr("— ms"));
+    expect_shown({"— ms"}, unknown, english);
     EXPECT_THAT(running_text(lay_out(unknown, view(40, 12))), Not(HasSubstr("loss")));
 }
 

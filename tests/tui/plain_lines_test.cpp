@@ -116,13 +116,6 @@ TEST(PlainLines, AControlPortThatCannotBeOpened) {
     EXPECT_THAT(story.next(), IsEmpty());
     story.board.control_port_open(3);
     EXPECT_THAT(story.next(), ElementsAre("now Port 3 is open"));
-    // Told of by its alert.
-    story.board.raise(Alert::PortBusy, 48'003);
-    story.board.control_port_closed(48'003, EADDRINUSE);
-    EXPECT_THAT(story.next(), ElementsAre("14:03 ! " + alert_text(Alert::PortBusy, Lang::English,
-                                                                  Host::Desktop, 48'003)));
-    story.board.control_port_open(48'003);
-    EXPECT_THAT(story.next(), ElementsAre("now Resolved: Port 48003 is busy"));
 }
 
 TEST(PlainLines, ForeignTextCannotBreakALine) {
