@@ -1,13 +1,16 @@
-// What is done to the pixels between a capture and an encoder.
+// The pixels of the test picture, and what is done to pixels between a capture and an encoder.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <vector>
 
 #include "video/black_frame_detector.h"
 #include "video/picture_converter.h"
 #include "video/pixel_unpacker.h"
+#include "video/synthetic_capture.h"
 
 namespace ox {
 namespace {
@@ -19,29 +22,30 @@ TEST(BlackFrameDetector, WarnsOncePerRunAndRearmsOnALitPicture) {
         if (i % kRow < 64 * 4 && i % 4 != 3) bytes[i] = 8;
     }
     BlackFrameDetector detector;
-    const auto warned = [&] { return detector.observe(bytes.data(), kRow, kRow, 480); };
+    // The numbers of those of the next pictures at which it warns.
+    const auto warnings_in = [&](int pictures) {
+        std::vector<int> warnings;
+        for (int i = 1; i <= pictures; ++i)
+            if (detector.observe(bytes.data(), kRow, kRow, 480)) warnings.push_back(i);
+        return warnings;
+    };
     for (const size_t lit : {size_t{2}, 31 * kRow + 63 * 4}) {
-        for (int i = 1; i < 120; ++i)
-            ASSERT_FALSE(warned()) << i;
-        EXPECT_TRUE(warned());
-        for (int i = 0; i < 300; ++i)
-            ASSERT_FALSE(warned());
+        EXPECT_THAT(warnings_in(400), testing::ElementsAre(120));
         EXPECT_FALSE(detector.is_black()) << "outside of the corner it is white";
         bytes[lit] = 9;
-        EXPECT_FALSE(warned());
+        EXPECT_THAT(warnings_in(1), testing::IsEmpty());
         bytes[lit] = 8;
     }
     // A locked screen with its pointer.
     std::fill(bytes.begin(), bytes.end(), uint8_t{0});
     for (size_t y = 200; y < 232; ++y)
         std::fill_n(bytes.begin() + static_cast<ptrdiff_t>(y * kRow + 400), 24 * 4, uint8_t{255});
-    for (int i = 0; i < 120; ++i) {
-        EXPECT_FALSE(detector.is_black());
-        warned();
-    }
+    warnings_in(119);
+    EXPECT_FALSE(detector.is_black());
+    warnings_in(1);
     EXPECT_TRUE(detector.is_black());
     bytes[2] = 9;
-    warned();
+    warnings_in(1);
     EXPECT_FALSE(detector.is_black());
 }
 
@@ -67,7 +71,7 @@ TEST(PixelUnpacker, StretchesEveryChannelToAByte) {
 }
 
 // The fourth byte of lent pixels may hold anything.
-TEST(PictureConverter, ColoursComeOutRightByEitherRoad) {
+TEST(PictureConverter, ColoursForACardComeOutRightByEitherRoad) {
     const struct {
         uint32_t bgra;
         int y, cb, cr;  // BT.601, limited range
@@ -76,33 +80,48 @@ TEST(PictureConverter, ColoursComeOutRightByEitherRoad) {
                    {0x77FF0000, 82, 90, 240},
                    {0x0000FF00, 145, 54, 34},
                    {0xFF0000FF, 41, 240, 110}};
-    constexpr uint32_t kWidth = 64;
-    constexpr uint32_t kHeight = 32;
-    for (const AVPixelFormat format : {AV_PIX_FMT_YUV420P, AV_PIX_FMT_NV12}) {
-        for (const uint32_t scale : {1U, 2U}) {
-            PictureConverter converter(format, kWidth, kHeight);
-            const AvFramePtr frame(av_frame_alloc());
-            frame->format = format;
-            frame->width = kWidth;
-            frame->height = kHeight;
-            ASSERT_EQ(av_frame_get_buffer(frame.get(), 32), 0);
-            ASSERT_TRUE(converter.ensure_input_ready(kWidth * scale, kHeight * scale));
-            for (const auto& [bgra, y, cb, cr] : colours) {
-                const std::vector<uint32_t> picture(size_t{kWidth} * kHeight * scale * scale, bgra);
-                const auto* bytes = reinterpret_cast<const uint8_t*>(picture.data());
-                ASSERT_TRUE(converter.convert(bytes, *frame));
-                const bool planar = format == AV_PIX_FMT_YUV420P;
-                for (int i = 0; i < static_cast<int>(kWidth) / 2; ++i) {
-                    const int line = 7;
-                    const uint8_t* second = frame->data[1] + line * frame->linesize[1];
-                    const uint8_t* third = frame->data[2] + line * frame->linesize[2];
-                    EXPECT_NEAR(frame->data[0][2 * line * frame->linesize[0] + 2 * i], y, 1);
-                    EXPECT_NEAR(planar ? second[i] : second[2 * i], cb, 1);
-                    EXPECT_NEAR(planar ? third[i] : second[2 * i + 1], cr, 1);
-                }
+    const AvFramePtr frame(av_frame_alloc());
+    frame->format = AV_PIX_FMT_NV12;
+    frame->width = 64;
+    frame->height = 32;
+    ASSERT_EQ(av_frame_get_buffer(frame.get(), 32), 0);
+    for (const uint32_t scale : {1U, 2U}) {
+        PictureConverter converter(AV_PIX_FMT_NV12, 64, 32);
+        ASSERT_TRUE(converter.ensure_input_ready(64 * scale, 32 * scale));
+        for (const auto& [bgra, y, cb, cr] : colours) {
+            const std::vector<uint32_t> picture(size_t{64} * 32 * scale * scale, bgra);
+            const auto* bytes = reinterpret_cast<const uint8_t*>(picture.data());
+            ASSERT_TRUE(converter.convert(bytes, *frame));
+            const uint8_t* luma = frame->data[0] + 14 * frame->linesize[0];
+            const uint8_t* chroma = frame->data[1] + 7 * frame->linesize[1];
+            for (int i = 0; i < 64; i += 2) {
+                EXPECT_NEAR(luma[i], y, 1);
+                EXPECT_NEAR(chroma[i], cb, 1);
+                EXPECT_NEAR(chroma[i + 1], cr, 1);
             }
         }
     }
+}
+
+// The number in the corner is read by every test of the whole agent.
+TEST(SyntheticCapture, DrawsBarsThatDarken) {
+    SyntheticCapture capture(640, 360);
+    ASSERT_TRUE(capture.init());
+    CapturedFrame frame;
+    ASSERT_EQ(capture.capture_frame(frame), 0);
+    const auto bars_of_row = [&](size_t y) {
+        std::vector<uint32_t> bars(8);
+        for (size_t bar = 0; bar < 8; ++bar)
+            std::memcpy(&bars[bar], frame.pixels() + (y * 640 + bar * 80 + 79) * 4, 4);
+        return bars;
+    };
+    // Row 359: 255 - 60*359/360 = 196; 200*196/255 = 153.
+    EXPECT_THAT(bars_of_row(359),
+                testing::ElementsAre(0xFF999999, 0xFF009999, 0xFF999900, 0xFF009900, 0xFF990099,
+                                     0xFF000099, 0xFF990000, 0xFF131313));
+    EXPECT_EQ(bars_of_row(180)[7], 0xFF161616);
+    EXPECT_FALSE(SyntheticCapture(0, 600).init());
+    EXPECT_FALSE(SyntheticCapture(8, 8193).init());
 }
 
 }  // namespace
