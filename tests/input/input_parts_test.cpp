@@ -22,8 +22,7 @@ TEST(KeyMap, ScanCodesGoBeforeVirtualKeys) {
     for (int scan = 0; scan < 256; ++scan) {
         const auto entry = extended.find(scan);
         const auto code = static_cast<uint8_t>(scan);
-        EXPECT_EQ(linux_key_code(0, code, true), entry == extended.end() ? 0 : entry->second)
-            << scan;
+        EXPECT_EQ(linux_key_code(0, code, true), entry == extended.end() ? 0 : entry->second);
         int plain = scan <= 88 ? scan : 0;
         if (scan == 89) plain = 117;
         if (scan >= 100 && scan <= 111) plain = scan + 83;
@@ -47,11 +46,8 @@ TEST(KeyMap, VirtualKeysWithoutAScanCode) {
 }
 
 TEST(ReplayWindow, AcceptsEachSequenceOnceWithin64OfTheNewest) {
-    struct Step {
-        uint16_t seq;
-        bool accepted;
-    };
-    const std::vector<std::vector<Step>> runs{
+    using Run = std::vector<std::pair<uint16_t, bool>>;  // sequences, and whether each is accepted
+    const std::vector<Run> runs{
         // Wrap, and second copies of either side of it.
         {{65535, true}, {0, true}, {65535, false}, {0, false}, {65534, true}},
         // The far end of the window: 63 behind is in, 64 behind is out.
@@ -64,14 +60,12 @@ TEST(ReplayWindow, AcceptsEachSequenceOnceWithin64OfTheNewest) {
         // Half the number space ahead counts as behind.
         {{0, true}, {32767, true}, {65535, false}, {0, false}},
     };
-    for (size_t run = 0; run < runs.size(); ++run) {
-        ReplayWindow window;
-        for (const Step& step : runs[run]) {
-            EXPECT_EQ(window.accept_sequence(step.seq), step.accepted)
-                << "run " << run << " seq " << step.seq;
-        }
+    ReplayWindow window;
+    for (const Run& run : runs) {
         window.reset();
-        EXPECT_TRUE(window.accept_sequence(runs[run][0].seq));
+        for (const auto& [sequence, accepted] : run)
+            EXPECT_EQ(window.accept_sequence(sequence), accepted)
+                << "run of " << run[0].first << " and " << run[1].first << ", " << sequence;
     }
 }
 

@@ -60,27 +60,26 @@ class InputReceiverTest : public testing::Test {
         send_bytes(seal(packet));
     }
 
-    /// A motion by `dx`: shows that everything sent before has been handled.
-    void send_marker(int dx) { send(InputKind::MouseMotion, dx); }
-
-    /// The device's events up to the sync of the marker, each as "type:code=value " and a sync as
-    /// "| "; the marker itself is left out. Without a marker everything up to the end.
-    std::string events_until_marker(std::optional<int> dx) {
-        const std::string marker = "2:0=" + std::to_string(dx.value_or(0)) + " ";
+    /// The device's events since the last look, up to those of all that was sent, each as
+    /// "type:code=value " and a sync as "| ". Sends a motion and leaves that out.
+    std::string events() {
+        send(InputKind::MouseMotion, 100);
+        return events_until("2:0=100 ");
+    }
+    /// Up to the sync after `marker`, or all that is left.
+    std::string events_until(const std::string& marker) {
         std::string seen;
         for (input_event event{}; ::read(events_.get(), &event, sizeof event) == sizeof event;) {
             EXPECT_EQ(event.input_event_sec + event.input_event_usec, 0);
             if (event.type != EV_SYN) {
                 seen += std::to_string(event.type) + ":" + std::to_string(event.code) + "=" +
                         std::to_string(event.value) + " ";
-                continue;
-            }
-            seen += "| ";
-            if (const size_t at = seen.find(marker); dx && at != std::string::npos) {
-                return seen.erase(at, marker.size()).substr(0, seen.size() - 2);
+            } else if (const size_t at = seen.find(marker); at != std::string::npos) {
+                return seen.erase(at, marker.size());
+            } else {
+                seen += "| ";
             }
         }
-        EXPECT_FALSE(dx) << "no marker";
         return seen;
     }
 
@@ -104,9 +103,8 @@ TEST_F(InputReceiverTest, EventsReachTheDeviceInOrderAndWhole) {
     send(InputKind::KeyUp, 0x41, 30);
     send(InputKind::KeyDown, 0x26, 72 | 0x0200);
     send(InputKind::KeyDown, 0xFF, 0);  // maps to nothing
-    send_marker(100);
     // The marker's button state is none: the two held buttons go up with it.
-    EXPECT_EQ(events_until_marker(100),
+    EXPECT_EQ(events(),
               "2:0=-3 2:1=7 1:272=1 | | 1:272=0 1:273=1 1:274=1 | "
               "2:8=2 | | 2:8=-273 | 1:30=1 | 1:30=0 | 1:103=1 | 1:273=0 1:274=0 ");
 }
@@ -138,14 +136,12 @@ TEST_F(InputReceiverTest, WhatIsNotAFreshAuthenticPacketIsDropped) {
     unknown.kind = 9;
     unknown.seq = seq_++;
     send_bytes(seal(unknown));
-    send_marker(100);
-    EXPECT_EQ(events_until_marker(100), "");
+    EXPECT_EQ(events(), "");
 
     send_bytes(good);
     send_bytes(good);          // a replay
     send_bytes(seal(packet));  // the same sequence under another nonce
-    send_marker(101);
-    EXPECT_EQ(events_until_marker(101), "1:30=1 | ");
+    EXPECT_EQ(events(), "1:30=1 | ");
     EXPECT_EQ(receiver_.received(), 14U);
 }
 
@@ -156,26 +152,23 @@ TEST_F(InputReceiverTest, NothingStaysPressedAfterTheEnd) {
     send(InputKind::KeyDown, 0, 17);
     send(InputKind::KeyDown, 0, 31);
     send(InputKind::KeyUp, 0, 31);
-    send_marker(100);
-    events_until_marker(100);
+    events();
     receiver_.stop();
-    EXPECT_EQ(events_until_marker({}), "1:17=0 1:30=0 " + kReleaseAll);
+    EXPECT_EQ(events_until("the end"), "1:17=0 1:30=0 " + kReleaseAll);
     EXPECT_EQ(log.count("INFO", "InputReceiver: released 2 tracked pressed keys"), 1);
     EXPECT_EQ(log.count("INFO", "InputReceiver: stopped (6 received, 6 applied)"), 1);
 }
 
 TEST_F(InputReceiverTest, NothingStaysPressedForALauncherThatIsGone) {
     send(InputKind::KeyDown, 0, 17);
-    send_marker(100);
-    events_until_marker(100);
+    events();
     receiver_.release_pressed();
     input_event first{};
     ASSERT_EQ(::read(events_.get(), &first, sizeof first), ssize_t{sizeof first});
     EXPECT_EQ((std::array<int, 3>{first.type, first.code, first.value}),
               (std::array<int, 3>{EV_KEY, 17, 0}));
     send(InputKind::KeyDown, 0, 18);  // it has come back
-    send_marker(101);
-    EXPECT_EQ(events_until_marker(101), kReleaseAll + "1:18=1 | ");
+    EXPECT_EQ(events(), kReleaseAll + "1:18=1 | ");
 }
 
 TEST_F(InputReceiverTest, ABusyPortIsShownUntilItIsFree) {
@@ -194,8 +187,7 @@ TEST_F(InputReceiverTest, ABusyPortIsShownUntilItIsFree) {
 
 TEST_F(InputReceiverTest, WithheldInputIsDroppedAndLeavesNothingPressed) {
     send(InputKind::KeyDown, 0, 17);
-    send_marker(100);
-    events_until_marker(100);
+    events();
     receiver_.withhold(true);
     send(InputKind::KeyDown, 0, 18);
     send(InputKind::MouseMotion, 5, 5, 0b001);
@@ -203,7 +195,7 @@ TEST_F(InputReceiverTest, WithheldInputIsDroppedAndLeavesNothingPressed) {
     receiver_.withhold(true);
     receiver_.stop();  // also when it is started again
     EXPECT_EQ(receiver_.applied(), 2U);
-    EXPECT_THAT(events_until_marker({}), testing::HasSubstr("1:17=0 " + kReleaseAll));
+    EXPECT_THAT(events_until("the end"), testing::HasSubstr("1:17=0 " + kReleaseAll));
     int ends[2];
     ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
     events_ = UniqueFd(ends[0]);
@@ -211,8 +203,7 @@ TEST_F(InputReceiverTest, WithheldInputIsDroppedAndLeavesNothingPressed) {
     send(InputKind::KeyDown, 0, 19);
     ASSERT_TRUE(test::eventually([&] { return receiver_.received() == 5; }));
     receiver_.withhold(false);
-    send_marker(101);
-    EXPECT_EQ(events_until_marker(101), "");
+    EXPECT_EQ(events(), "");
 }
 
 }  // namespace

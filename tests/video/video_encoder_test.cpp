@@ -102,14 +102,20 @@ bool has_idr(const std::vector<uint8_t>& unit, VideoCodec codec) {
 
 class SoftwareEncoder : public testing::TestWithParam<VideoCodec> {
   protected:
-    void SetUp() override { ASSERT_TRUE(capture_.init() && encoder_.init(software(GetParam()))); }
+    void SetUp() override {
+        const bool hevc = GetParam() == VideoCodec::Hevc;
+        std::string error;
+        for (launcher::VideoDecoder* decoder : {&early_, &late_})
+            ASSERT_TRUE(decoder->open(hevc ? launcher::Codec::Hevc : launcher::Codec::H264, error))
+                << error;
+        ASSERT_TRUE(capture_.init() && encoder_.init(software(GetParam())));
+    }
     /// Encodes the next synthetic picture.
-    EncodedFrame encode_next() {
+    EncodedFrame encode_next(uint64_t content = 0) {
         EncodedFrame out;
         EXPECT_EQ(capture_.capture_frame(picture_), 0);
         EXPECT_TRUE(encoder_.encode_bgra(picture_.pixels(), picture_.width, picture_.height,
-                                         picture_.timestamp, out));
-        EXPECT_FALSE(out.data.empty());
+                                         picture_.timestamp, out, content));
         EXPECT_EQ(out.timestamp, picture_.timestamp);
         EXPECT_GE(out.encoded_at, out.timestamp);
         return out;
@@ -118,6 +124,8 @@ class SoftwareEncoder : public testing::TestWithParam<VideoCodec> {
     VideoEncoder encoder_;
     SyntheticCapture capture_{kWidth, kHeight};
     CapturedFrame picture_;
+    launcher::VideoDecoder early_;
+    launcher::VideoDecoder late_;
 };
 
 INSTANTIATE_TEST_SUITE_P(Codecs, SoftwareEncoder,
@@ -129,12 +137,6 @@ INSTANTIATE_TEST_SUITE_P(Codecs, SoftwareEncoder,
 // The second decoder comes in with the forced keyframe: all that it needs must be in that.
 TEST_P(SoftwareEncoder, GivesOneDecodableUnitPerPictureAndKeyframesOnDemand) {
     constexpr uint32_t kForced = 60;
-    launcher::VideoDecoder early;
-    launcher::VideoDecoder late;
-    std::string error;
-    const auto codec =
-        GetParam() == VideoCodec::Hevc ? launcher::Codec::Hevc : launcher::Codec::H264;
-    ASSERT_TRUE(early.open(codec, error) && late.open(codec, error)) << error;
     for (uint32_t n = 0; n < 90; ++n) {
         encoder_.force_idr = n == kForced;
         const EncodedFrame unit = encode_next();
@@ -144,8 +146,8 @@ TEST_P(SoftwareEncoder, GivesOneDecodableUnitPerPictureAndKeyframesOnDemand) {
         EXPECT_EQ(has_idr(unit.data, GetParam()), key);
         EXPECT_EQ(unit.width, kWidth);
         EXPECT_EQ(unit.height, kHeight);
-        for (launcher::VideoDecoder* decoder : {&early, &late}) {
-            if (decoder == &late && n < kForced) continue;
+        for (launcher::VideoDecoder* decoder : {&early_, &late_}) {
+            if (decoder == &late_ && n < kForced) continue;
             int pictures = 0;
             decoder->decode({.data = unit.data}, [&](const launcher::DecodedPicture& picture) {
                 ++pictures;
@@ -160,17 +162,10 @@ TEST_P(SoftwareEncoder, GivesOneDecodableUnitPerPictureAndKeyframesOnDemand) {
 }
 
 TEST_P(SoftwareEncoder, ConvertsAPictureOnceUntilItsNumberChanges) {
-    launcher::VideoDecoder decoder;
-    std::string error;
-    ASSERT_TRUE(decoder.open(
-        GetParam() == VideoCodec::Hevc ? launcher::Codec::Hevc : launcher::Codec::H264, error));
     const auto shown = [&](uint64_t content) {
-        EXPECT_EQ(capture_.capture_frame(picture_), 0);
-        EncodedFrame unit;
-        EXPECT_TRUE(encoder_.encode_bgra(picture_.pixels(), picture_.width, picture_.height,
-                                         picture_.timestamp, unit, content));
+        const EncodedFrame unit = encode_next(content);
         std::optional<uint32_t> stamp;
-        decoder.decode({.data = unit.data}, [&](const launcher::DecodedPicture& picture) {
+        early_.decode({.data = unit.data}, [&](const launcher::DecodedPicture& picture) {
             stamp = launcher::read_frame_stamp(picture.luma);
         });
         return stamp;
@@ -227,7 +222,7 @@ TEST(VideoEncoder, WalksTheLadder) {
     EXPECT_EQ(log.count("DEBUG", "VideoEncoder: no VAAPI device (/dev/dri missing?)"), 1);
     EXPECT_EQ(log.times("[WARN ] VideoEncoder: hevc_vaapi: "), 1) << "the cause, once";
     EXPECT_EQ(log.count("ERROR", "VideoEncoder: no encoder available for codec 1"), 1);
-    EXPECT_EQ(encoder.name(), "");
+    EXPECT_FALSE(encoder.reconfigure_bitrate(1000));
 }
 
 TEST(VideoEncoder, ACardThatFailsLaterIsExplainedAndReplaced) {
@@ -242,6 +237,7 @@ TEST(VideoEncoder, ACardThatFailsLaterIsExplainedAndReplaced) {
     ASSERT_TRUE(encoder.init(settings) && encode() && encode());
     ASSERT_EQ(encoder.name(), "h264_nvenc");
     EXPECT_FALSE(out.keyframe);
+    EXPECT_FALSE(encoder.encode_bgra(pixels.data(), kWidth, 0, 0, out)) << "an empty picture";
 
     card.refusals = 1;
     EXPECT_TRUE(encoder.reconfigure_bitrate(2000) && encode());
@@ -269,17 +265,6 @@ TEST(VideoEncoder, ACardThatFailsLaterIsExplainedAndReplaced) {
     card = {};
 }
 
-TEST(VideoEncoder, RefusesWhatCannotBeEncoded) {
-    VideoEncoder encoder;
-    EncodedFrame out;
-    const std::vector<uint8_t> pixels(size_t{kWidth} * kHeight * 4);
-    EXPECT_FALSE(encoder.encode_bgra(pixels.data(), kWidth, kHeight, 0, out));
-    EXPECT_FALSE(encoder.reconfigure_bitrate(1000));
-    ASSERT_TRUE(encoder.init(software(VideoCodec::H264)));
-    EXPECT_FALSE(encoder.encode_bgra(pixels.data(), kWidth, 0, 0, out));
-    EXPECT_TRUE(encoder.encode_bgra(pixels.data(), kWidth, kHeight, 0, out));
-}
-
 // An encoder that looks ahead, set to less than its ladder's options: what comes out belongs to an
 // earlier picture than the one that has just gone in.
 TEST(CodecSession, APacketKeepsItsPicturesCaptureTime) {
@@ -291,16 +276,16 @@ TEST(CodecSession, APacketKeepsItsPicturesCaptureTime) {
     const auto session = CodecSession::open_with(choice, software(VideoCodec::H264), {}, failure);
     ASSERT_NE(session, nullptr) << failure.error;
     uint64_t received = 0;
-    for (uint64_t n = 0; n < 200; ++n) {
+    for (uint64_t n = 0; n < 100; ++n) {
         ASSERT_NE(session->writable_picture(), nullptr);
         ASSERT_TRUE(session->send_picture(false, 1000 + n * n));
         while (const AVPacket* packet = session->receive_packet()) {
+            EXPECT_LT(received, n) << "nothing was held back";
             EXPECT_EQ(session->captured_at(*packet), 1000 + received * received);
             ++received;
         }
     }
-    EXPECT_GT(received, 150U);
-    EXPECT_LT(received, 195U) << "nothing was held back";
+    EXPECT_GT(received, 50U);
 }
 
 // Hardware encoders cannot be opened without their hardware, but their options can be set: an

@@ -47,19 +47,16 @@ class SyntheticReference {
     /// Whether `frame` is the present reference picture or a later one (of the next thousand).
     bool matches(const CapturedFrame& frame) {
         if (frame.width != expected_.width || frame.height != expected_.height) return false;
-        for (int step = 0; step < 1000; ++step, next_(expected_)) {
-            if (!std::equal(expected_.data.begin(), expected_.data.end(), frame.pixels())) continue;
-            pictures_ += step > 0 ? 1 : 0;
-            return true;
-        }
+        for (int step = 0; step < 1000; ++step, next_(expected_), ++passed)
+            if (std::equal(expected_.data.begin(), expected_.data.end(), frame.pixels()))
+                return true;
         return false;
     }
-    [[nodiscard]] int pictures() const { return pictures_; }
+    int passed = 0;  ///< reference pictures that were there before
 
   private:
     ScreenPictures next_;
     CapturedFrame expected_;
-    int pictures_ = 0;
 };
 
 class Portal : public WaylandTest {
@@ -96,27 +93,25 @@ TEST_F(Portal, EveryCallThatFailsIsToldAndNothingElseIsAsked) {
     using Limits = PortalLimits;
     const struct {
         std::string behaviour, error;
-        bool not_approved = false;
         std::chrono::milliseconds Limits::*short_limit = nullptr;
         CaptureState state = CaptureState::Gone;
         int tries = 1;
     } cases[] = {
-        {"CreateSession=2", "portal refused CreateSession (response=2)", false, nullptr,
+        {"CreateSession=2", "portal refused CreateSession (response=2)", nullptr,
          CaptureState::Gone, 2},
         {"CreateSession=fail", "CreateSession returned no request handle"},
         {"CreateSession=empty", "CreateSession did not return a session handle"},
-        {"CreateSession=mute", "no Response for CreateSession within 400 ms", false,
+        {"CreateSession=mute", "no Response for CreateSession within 400 ms",
          &Limits::create_session},
-        {"SelectSources=silent", "no Response for SelectSources within 400 ms", false,
+        {"SelectSources=silent", "no Response for SelectSources within 400 ms",
          &Limits::select_sources},
-        {"Start=1", "portal refused Start (response=1)", false, nullptr,
-         CaptureState::OwnerDeclined},
-        {"Start=silent", "no Response for Start within 400 ms", true, &Limits::start_with_token,
+        {"Start=1", "portal refused Start (response=1)", nullptr, CaptureState::OwnerDeclined},
+        {"Start=silent", "no Response for Start within 400 ms", &Limits::start_with_token,
          CaptureState::OwnerAbsent},
         {"Start=empty", "Start returned no stream node"},
         {"OpenPipeWireRemote=fail", "OpenPipeWireRemote returned no fd"},
     };
-    for (const auto& [behaviour, error, not_approved, short_limit, state, tries] : cases) {
+    for (const auto& [behaviour, error, short_limit, state, tries] : cases) {
         SCOPED_TRACE(behaviour);
         // One that the desktop has asked about in vain is of no use.
         ASSERT_TRUE(token_file_.write("unknown"));
@@ -129,8 +124,9 @@ TEST_F(Portal, EveryCallThatFailsIsToldAndNothingElseIsAsked) {
         EXPECT_EQ(capture.state(), state);
         EXPECT_EQ(token_file_.read().has_value(), state == CaptureState::Gone);
         EXPECT_EQ(log.count("ERROR", "PortalCapture: " + error), tries) << log.text();
-        EXPECT_EQ(log.count("ERROR", kNotApproved), not_approved ? 1 : 0) << log.text();
-        EXPECT_EQ(log.times("[ERROR]"), not_approved ? 2 : tries) << log.text();
+        const int not_approved = state == CaptureState::OwnerAbsent ? 1 : 0;
+        EXPECT_EQ(log.count("ERROR", kNotApproved), not_approved) << log.text();
+        EXPECT_EQ(log.times("[ERROR]"), tries + not_approved) << log.text();
         // A dialog that nobody waits for any more, and the session, are closed.
         const std::string last_call = behaviour.substr(0, behaviour.find('='));
         const size_t sessions = last_call == "CreateSession" ? 0 : 1;
@@ -140,11 +136,9 @@ TEST_F(Portal, EveryCallThatFailsIsToldAndNothingElseIsAsked) {
             return report.count("Close Request") == abandoned &&
                    report.count("Close Session") == sessions;
         }));
-        ASSERT_FALSE(calls().empty());
         EXPECT_EQ(calls().back(), last_call);
         CapturedFrame frame;
         EXPECT_EQ(capture.capture_frame(frame), 1);
-        EXPECT_TRUE(frame.empty());
     }
     desktop_->kill_portal();
     const LogCapture log;
@@ -244,7 +238,6 @@ TEST_F(Portal, PicturesArriveToTheByteHoweverTheyLieInMemoryAndFollowTheMonitors
         ASSERT_TRUE(capture.init()) << log.text();
         CapturedFrame kept;
         ASSERT_EQ(capture.capture_frame(kept), 0);
-        const std::vector<uint8_t> copy(kept.pixels(), kept.pixels() + size_t{4} * 301 * 177);
         SyntheticReference before(301, 177);
         SyntheticReference after(500, 90);
         CapturedFrame frame;
@@ -252,9 +245,9 @@ TEST_F(Portal, PicturesArriveToTheByteHoweverTheyLieInMemoryAndFollowTheMonitors
         EXPECT_TRUE(eventually(
             [&] {
                 EXPECT_EQ(capture.capture_frame(frame), 0);
-                changed = before.pictures() >= 20;
+                changed = before.passed >= 20;
                 faithful = faithful && (frame.width == 301 ? before : after).matches(frame);
-                return !faithful || after.pictures() >= 20;
+                return !faithful || after.passed >= 20;
             },
             kPatience));
         EXPECT_TRUE(faithful);
@@ -267,13 +260,17 @@ TEST_F(Portal, PicturesArriveToTheByteHoweverTheyLieInMemoryAndFollowTheMonitors
         capture.shutdown();
         EXPECT_EQ(capture.capture_frame(frame), 1);
         // What was lent stays readable, and as it was.
-        EXPECT_TRUE(std::equal(copy.begin(), copy.end(), kept.pixels()));
+        EXPECT_TRUE(SyntheticReference(301, 177).matches(kept));
         EXPECT_TRUE(after.matches(frame));
     }
 }
 
 TEST_F(Portal, WhatCannotBeReadGivesNoFrame) {
     const LogCapture log;
+    PipewireSource camera(desktop_->pipewire_socket(), moving_pictures(320, 180));
+    start_portal(camera.node());
+    ASSERT_TRUE(PortalCapture(config()).init()) << "nothing is linked here\n" << log.text();
+    ASSERT_TRUE(eventually([&] { return !camera.streaming(); }));
     PipewireSource source(desktop_->pipewire_socket(), moving_pictures(320, 180),
                           {.layout = SPA_VIDEO_FORMAT_xRGB});
     start_portal(source.node());
@@ -286,48 +283,40 @@ TEST_F(Portal, WhatCannotBeReadGivesNoFrame) {
               1)
         << log.text();
     // A node that is not there: no other takes its place, and nobody waits for it.
-    PipewireSource camera(desktop_->pipewire_socket(), moving_pictures(320, 180));
     start_portal(camera.node() + 1000);
     EXPECT_FALSE(PortalCapture(config()).init());
     EXPECT_FALSE(camera.streaming());
 }
 
 TEST_F(Portal, ARotatedPictureWithRedFirstIsShownUprightInItsColours) {
-    // 3 x 2 pixels that say where they are: the column in the first byte, the row in the third.
+    // Two rows of three pixels, "abc" and "def": a letter's small form as red, its capital as blue.
     const auto picture = [](CapturedFrame& frame) {
         frame.width = 3;
         frame.height = 2;
-        frame.data.assign(size_t{3} * 2 * 4, 0);
-        for (size_t i = 0; i < 6; ++i) {
-            frame.data[i * 4] = static_cast<uint8_t>(i % 3);
-            frame.data[i * 4 + 2] = static_cast<uint8_t>(i / 3);
-        }
+        frame.data.clear();
+        for (uint8_t i = 0; i < 6; ++i)
+            frame.data.insert(frame.data.end(), {uint8_t('a' + i), 0, uint8_t('A' + i), 0});
         return true;
     };
-    // Row by row, what is to be seen after the turn has been taken back, as column and row.
-    const struct {
-        uint32_t transform;
-        std::vector<std::pair<int, int>> upright;
-    } cases[] = {
-        {SPA_META_TRANSFORMATION_None, {{0, 0}, {1, 0}, {2, 0}, {0, 1}, {1, 1}, {2, 1}}},
-        {SPA_META_TRANSFORMATION_90, {{0, 1}, {0, 0}, {1, 1}, {1, 0}, {2, 1}, {2, 0}}},
-        {SPA_META_TRANSFORMATION_180, {{2, 1}, {1, 1}, {0, 1}, {2, 0}, {1, 0}, {0, 0}}},
-        {SPA_META_TRANSFORMATION_270, {{2, 0}, {2, 1}, {1, 0}, {1, 1}, {0, 0}, {0, 1}}},
-        {SPA_META_TRANSFORMATION_Flipped90, {{0, 0}, {0, 1}, {1, 0}, {1, 1}, {2, 0}, {2, 1}}}};
-    for (const auto& [transform, upright] : cases) {
-        SCOPED_TRACE(transform);
+    // What is to be seen after the turn has been taken back.
+    for (const auto& [transform, upright] : {std::pair{SPA_META_TRANSFORMATION_None, "abc def "},
+                                             {SPA_META_TRANSFORMATION_90, "da eb fc "},
+                                             {SPA_META_TRANSFORMATION_180, "fed cba "},
+                                             {SPA_META_TRANSFORMATION_270, "cf be ad "},
+                                             {SPA_META_TRANSFORMATION_Flipped90, "ad be cf "}}) {
         PipewireSource source(desktop_->pipewire_socket(), picture,
                               {.layout = SPA_VIDEO_FORMAT_RGBx, .transform = transform});
         start_portal(source.node());
         PortalCapture capture(config());
-        ASSERT_TRUE(capture.init());
         CapturedFrame frame;
-        ASSERT_EQ(capture.capture_frame(frame), 0);
-        EXPECT_EQ(frame.width, upright.size() / frame.height);
-        EXPECT_EQ(frame.width, transform % 2 == 0 ? 3U : 2U);
-        std::vector<std::pair<int, int>> seen;
-        for (size_t i = 0; i < upright.size(); ++i)
-            seen.emplace_back(frame.pixels()[i * 4 + 2], frame.pixels()[i * 4]);
+        ASSERT_TRUE(capture.init() && capture.capture_frame(frame) == 0);
+        std::string seen;
+        for (uint32_t i = 0; i < frame.width * frame.height; ++i) {
+            const uint8_t* pixel = frame.pixels() + size_t{i} * 4;
+            EXPECT_EQ(pixel[0], pixel[2] - 'a' + 'A');
+            seen += static_cast<char>(pixel[2]);
+            if ((i + 1) % frame.width == 0) seen += ' ';
+        }
         EXPECT_EQ(seen, upright);
     }
 }
@@ -396,14 +385,11 @@ TEST_F(Portal, CancellingEndsEveryWait) {
             return std::exchange(first, false) && pictures(frame);
         });
     const UniqueFd silent_bus = listen_unix(dir_.file("silent"));
-    struct Case {
-        const char* behaviour;
-        std::string last_call;
-        size_t dialogs;
-    };
     for (const auto& [behaviour, last_call, dialogs] :
-         {Case{"silent bus", "ready", 0}, Case{"CreateSession=mute", "CreateSession", 1},
-          Case{"Start=silent", "Start", 1}, Case{"no frame", "OpenPipeWireRemote", 0}}) {
+         {std::tuple{"silent bus", std::string("ready"), 0U},
+          {"CreateSession=mute", "CreateSession", 1},
+          {"Start=silent", "Start", 1},
+          {"no frame", "OpenPipeWireRemote", 0}}) {
         SCOPED_TRACE(behaviour);
         start_portal(source.node(), {behaviour});
         std::atomic<bool> cancelled{false}, ended{false};
