@@ -39,11 +39,8 @@ struct Machine final : DesktopSources {
         return numbers;
     }
     std::optional<XAccess> enter(int x_display, const std::string& file) override {
-        const auto server = x.find(x_display);
-        if (server == x.end()) return std::nullopt;
-        const auto key = server->second.find(file);
-        if (key == server->second.end()) return std::nullopt;
-        return XAccess{.authorization = key->second};
+        if (!x.contains(x_display) || !x[x_display].contains(file)) return std::nullopt;
+        return XAccess{.authorization = x[x_display][file]};
     }
     std::vector<std::string> wayland_displays() override { return wayland; }
     bool wayland_answers(const std::string& display) override {
@@ -176,17 +173,11 @@ TEST(OwnXServer, OfRootIsOneWhoseCookieTheUserHas) {
         XOpenDisplay(server->display().c_str()), XCloseDisplay);
     ASSERT_NE(owner, nullptr);
     const int display = local_display_number(server->display()).value();
-    const auto admit = [&](const char* kind, const std::string& value) {
-        XServerInterpretedAddress address{};
-        std::string type = kind;
-        std::string name = value;
-        address.type = type.data();
-        address.typelength = static_cast<int>(type.size());
-        address.value = name.data();
-        address.valuelength = static_cast<int>(name.size());
-        XHostAddress host{.family = FamilyServerInterpreted,
-                          .length = 0,
-                          .address = reinterpret_cast<char*>(&address)};
+    const auto admit = [&](std::string user) {
+        std::string type = "localuser";
+        XServerInterpretedAddress address{static_cast<int>(type.size()),
+                                          static_cast<int>(user.size()), type.data(), user.data()};
+        XHostAddress host{FamilyServerInterpreted, 0, reinterpret_cast<char*>(&address)};
         XAddHost(owner.get(), &host);
         XSync(owner.get(), False);
     };
@@ -196,11 +187,11 @@ TEST(OwnXServer, OfRootIsOneWhoseCookieTheUserHas) {
     EXPECT_FALSE(is_entered(display, kOpen));
     // Anybody on this machine: what opens it proves nothing.
     XDisableAccessControl(owner.get());
-    admit("localuser", "daemon");
+    admit("daemon");
     EXPECT_FALSE(is_entered(display, kOpen));
     EXPECT_FALSE(is_entered(display, stale));
     // As the desktops of many distributions do, and their users besides.
-    admit("localuser", kUser);
+    admit(kUser);
     EXPECT_TRUE(is_entered(display, cookie));
     XEnableAccessControl(owner.get());
     XSync(owner.get(), False);

@@ -12,14 +12,9 @@ namespace ox::test {
 WaylandCompositor::WaylandCompositor(const std::string& socket) : display_(wl_display_create()) {
     const auto bound = [](wl_client* client, void* self, uint32_t version, uint32_t id) {
         auto* const compositor = static_cast<WaylandCompositor*>(self);
-        wl_resource* monitor =
+        compositor->monitor_ =
             wl_resource_create(client, &wl_output_interface, static_cast<int>(version), id);
-        wl_resource_set_implementation(monitor, nullptr, self, [](wl_resource* gone) {
-            auto* const owner = static_cast<WaylandCompositor*>(wl_resource_get_user_data(gone));
-            if (owner->monitor_ == gone) owner->monitor_ = nullptr;
-        });
-        compositor->monitor_ = monitor;
-        compositor->tell(monitor);
+        compositor->tell();
         ++compositor->watchers_;
     };
     ::unlink(socket.c_str());
@@ -42,19 +37,19 @@ void WaylandCompositor::run() {
     constexpr int kSliceMs = 10;
     while (!end_) {
         wl_event_loop_dispatch(wl_display_get_event_loop(display_), kSliceMs);
-        if (monitor_ != nullptr && turn_.exchange(false)) {
-            tell(monitor_);
+        if (turn_.exchange(false)) {
+            tell();
             transform_ = WL_OUTPUT_TRANSFORM_90;
-            tell(monitor_);
+            tell();
         }
         wl_display_flush_clients(display_);
     }
 }
 
-void WaylandCompositor::tell(wl_resource* monitor) const {
-    wl_output_send_geometry(monitor, 0, 0, 0, 0, WL_OUTPUT_SUBPIXEL_UNKNOWN, "", "", transform_);
-    wl_output_send_mode(monitor, WL_OUTPUT_MODE_CURRENT, 320, 180, 60'000);
-    wl_output_send_done(monitor);
+void WaylandCompositor::tell() const {
+    wl_output_send_geometry(monitor_, 0, 0, 0, 0, WL_OUTPUT_SUBPIXEL_UNKNOWN, "", "", transform_);
+    wl_output_send_mode(monitor_, WL_OUTPUT_MODE_CURRENT, 320, 180, 60'000);
+    wl_output_send_done(monitor_);
 }
 
 }  // namespace ox::test

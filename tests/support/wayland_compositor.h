@@ -19,14 +19,15 @@ class WaylandCompositor {
     WaylandCompositor(const WaylandCompositor&) = delete;
     WaylandCompositor& operator=(const WaylandCompositor&) = delete;
 
-    /// Turns the monitor and tells whoever has bound it; tells the same once before.
+    /// Turns the monitor and tells the latest that has bound it and is there still; tells the same
+    /// once before.
     void turn_monitor() { turn_ = true; }
     /// How many have bound the monitor.
     [[nodiscard]] int watchers() const { return watchers_; }
 
   private:
     void run();
-    void tell(wl_resource* monitor) const;
+    void tell() const;
 
     wl_display* display_;
     wl_resource* monitor_ = nullptr;  ///< of the latest that has bound it

@@ -32,30 +32,24 @@ void XPainter::fill(int x, int y, uint32_t width, uint32_t height, uint32_t pixe
 
 void XPainter::set_pointer(const std::vector<uint32_t>& argb, uint32_t width, int hot_x,
                            int hot_y) {
-    constexpr unsigned kDepth = 32;
     const Window root = XDefaultRootWindow(display_);
     const auto height = static_cast<uint32_t>(argb.size() / width);
-    const Pixmap pixmap = XCreatePixmap(display_, root, width, height, kDepth);
-    GC gc = XCreateGC(display_, pixmap, 0, nullptr);
-    std::vector<uint32_t> pixels = argb;
-    XImage image{};
-    image.width = static_cast<int>(width);
-    image.height = static_cast<int>(height);
-    image.format = ZPixmap;
-    image.data = reinterpret_cast<char*>(pixels.data());
-    image.byte_order = image.bitmap_bit_order = LSBFirst;
-    image.bitmap_unit = image.bitmap_pad = image.bits_per_pixel = image.depth = kDepth;
-    image.bytes_per_line = static_cast<int>(width * 4);
-    XInitImage(&image);
-    XPutImage(display_, pixmap, gc, &image, 0, 0, 0, 0, width, height);
+    const Pixmap pixmap = XCreatePixmap(display_, root, width, height, 32);
     const Picture picture = XRenderCreatePicture(
         display_, pixmap, XRenderFindStandardFormat(display_, PictStandardARGB32), 0, nullptr);
+    for (uint32_t at = 0; at < argb.size(); ++at) {
+        const auto channel = [&](int shift) {
+            return static_cast<unsigned short>((argb[at] >> shift & 0xFF) * 0x101);
+        };
+        const XRenderColor colour{channel(16), channel(8), channel(0), channel(24)};
+        XRenderFillRectangle(display_, PictOpSrc, picture, &colour, static_cast<int>(at % width),
+                             static_cast<int>(at / width), 1, 1);
+    }
     const Cursor cursor = XRenderCreateCursor(display_, picture, static_cast<unsigned>(hot_x),
                                               static_cast<unsigned>(hot_y));
     XDefineCursor(display_, root, cursor);
     XFreeCursor(display_, cursor);
     XRenderFreePicture(display_, picture);
-    XFreeGC(display_, gc);
     XFreePixmap(display_, pixmap);
     XSync(display_, False);
 }
