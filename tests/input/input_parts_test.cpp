@@ -32,9 +32,7 @@ TEST(KeyMap, ScanCodesGoBeforeVirtualKeys) {
     EXPECT_EQ(linux_key_code(0x41, 16, false), 16);
     EXPECT_EQ(linux_key_code(0x13, 69, false), 119);
     EXPECT_EQ(linux_key_code(0x90, 69, false), 69);
-}
-
-TEST(KeyMap, VirtualKeysWithoutAScanCode) {
+    // Virtual keys without a scan code.
     const std::pair<uint16_t, int> samples[] = {
         {0x08, 14}, {0x0D, 28}, {0x13, 119}, {0x1B, 1},   {0x20, 57}, {0x25, 105}, {0x28, 108},
         {0x30, 11}, {0x31, 2},  {0x41, 30},  {0x5A, 55},  {0x60, 82}, {0x6C, 0},   {0x6F, 98},

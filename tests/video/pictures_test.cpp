@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "video/black_frame_detector.h"
-#include "video/picture_converter.h"
 #include "video/pixel_unpacker.h"
 #include "video/synthetic_capture.h"
 
@@ -67,39 +66,6 @@ TEST(PixelUnpacker, StretchesEveryChannelToAByte) {
     };
     for (const auto& [layout, pixel, bgra] : cases) {
         EXPECT_EQ(PixelUnpacker(layout).to_bgra(pixel), bgra) << std::hex << pixel;
-    }
-}
-
-// The fourth byte of lent pixels may hold anything.
-TEST(PictureConverter, ColoursForACardComeOutRightByEitherRoad) {
-    const struct {
-        uint32_t bgra;
-        int y, cb, cr;  // BT.601, limited range
-    } colours[] = {{0xFFFFFFFF, 235, 128, 128},
-                   {0x00000000, 16, 128, 128},
-                   {0x77FF0000, 82, 90, 240},
-                   {0x0000FF00, 145, 54, 34},
-                   {0xFF0000FF, 41, 240, 110}};
-    const AvFramePtr frame(av_frame_alloc());
-    frame->format = AV_PIX_FMT_NV12;
-    frame->width = 64;
-    frame->height = 32;
-    ASSERT_EQ(av_frame_get_buffer(frame.get(), 32), 0);
-    for (const uint32_t scale : {1U, 2U}) {
-        PictureConverter converter(AV_PIX_FMT_NV12, 64, 32);
-        ASSERT_TRUE(converter.ensure_input_ready(64 * scale, 32 * scale));
-        for (const auto& [bgra, y, cb, cr] : colours) {
-            const std::vector<uint32_t> picture(size_t{64} * 32 * scale * scale, bgra);
-            const auto* bytes = reinterpret_cast<const uint8_t*>(picture.data());
-            ASSERT_TRUE(converter.convert(bytes, *frame));
-            const uint8_t* luma = frame->data[0] + 14 * frame->linesize[0];
-            const uint8_t* chroma = frame->data[1] + 7 * frame->linesize[1];
-            for (int i = 0; i < 64; i += 2) {
-                EXPECT_NEAR(luma[i], y, 1);
-                EXPECT_NEAR(chroma[i], cb, 1);
-                EXPECT_NEAR(chroma[i + 1], cr, 1);
-            }
-        }
     }
 }
 

@@ -89,17 +89,6 @@ EncoderSettings software(VideoCodec codec) {
             .bitrate_kbps = 4000};
 }
 
-/// Whether an access unit has an IDR picture, as the codecs number their NAL units.
-bool has_idr(const std::vector<uint8_t>& unit, VideoCodec codec) {
-    constexpr std::array<uint8_t, 3> kStartCode{0, 0, 1};
-    for (auto at = unit.begin();; ++at) {
-        at = std::search(at, unit.end(), kStartCode.begin(), kStartCode.end());
-        if (unit.end() - at < 4) return false;
-        const int type = codec == VideoCodec::Hevc ? at[3] >> 1 & 0x3F : at[3] & 0x1F;
-        if (codec == VideoCodec::Hevc ? type == 19 || type == 20 : type == 5) return true;
-    }
-}
-
 class SoftwareEncoder : public testing::TestWithParam<VideoCodec> {
   protected:
     void SetUp() override {
@@ -143,7 +132,6 @@ TEST_P(SoftwareEncoder, GivesOneDecodableUnitPerPictureAndKeyframesOnDemand) {
         EXPECT_FALSE(encoder_.force_idr);
         const bool key = n == 0 || n == kForced;
         EXPECT_EQ(unit.keyframe, key);
-        EXPECT_EQ(has_idr(unit.data, GetParam()), key);
         EXPECT_EQ(unit.width, kWidth);
         EXPECT_EQ(unit.height, kHeight);
         for (launcher::VideoDecoder* decoder : {&early_, &late_}) {
@@ -187,7 +175,6 @@ TEST_P(SoftwareEncoder, StaysWithinTheRateBuffer) {
     // x265 steers by rows and, unlike x264, now and then ends a few bits too high.
     const double slack = GetParam() == VideoCodec::Hevc ? capacity / 20 : 0;
     double buffered = capacity;
-    double lowest = capacity;
     double total = 0;
     const int pictures = GetParam() == VideoCodec::Hevc ? 80 : 300;
     std::minstd_rand random(7);
@@ -205,9 +192,8 @@ TEST_P(SoftwareEncoder, StaysWithinTheRateBuffer) {
         const double bits = static_cast<double>(out.data.size()) * 8;
         total += bits;
         buffered = std::min(buffered + per_picture, capacity) - bits;
-        lowest = std::min(lowest, buffered);
+        EXPECT_GE(buffered, -slack) << "after picture " << n;
     }
-    EXPECT_GE(lowest, -slack);
     EXPECT_LT(total / pictures, per_picture * 1.1);
     EXPECT_GT(total / pictures, per_picture * 0.4);
 }
@@ -230,14 +216,33 @@ TEST(VideoEncoder, ACardThatFailsLaterIsExplainedAndReplaced) {
     card = {.in = true};
     VideoEncoder encoder;
     EncodedFrame out;
-    const std::vector<uint8_t> pixels(size_t{kWidth} * kHeight * 4);
-    const auto encode = [&] { return encoder.encode_bgra(pixels.data(), kWidth, kHeight, 0, out); };
+    const std::vector<uint32_t> red(size_t{kWidth} * kHeight, 0x77FF0000);
+    const auto* pixels = reinterpret_cast<const uint8_t*>(red.data());
+    const auto encode = [&](uint32_t height = kHeight) {
+        return encoder.encode_bgra(pixels, kWidth, height, 0, out);
+    };
     EncoderSettings settings = software(VideoCodec::H264);
     settings.backend = EncoderBackend::Auto;
     ASSERT_TRUE(encoder.init(settings) && encode() && encode());
     ASSERT_EQ(encoder.name(), "h264_nvenc");
     EXPECT_FALSE(out.keyframe);
-    EXPECT_FALSE(encoder.encode_bgra(pixels.data(), kWidth, 0, 0, out)) << "an empty picture";
+    EXPECT_FALSE(encode(0)) << "an empty picture";
+    launcher::VideoDecoder decoder;
+    std::string error;
+    ASSERT_TRUE(decoder.open(launcher::Codec::H264, error)) << error;
+    // BT.601, limited range, of pictures of its own size and of others; alpha may be anything.
+    for (const uint32_t height : {kHeight, kHeight / 2}) {
+        encoder.force_idr = true;
+        ASSERT_TRUE(encode(height));
+        int pictures = 0;
+        decoder.decode({.data = out.data}, [&](const launcher::DecodedPicture& picture) {
+            ++pictures;
+            EXPECT_NEAR(*picture.image.data[0], 82, 2);
+            EXPECT_NEAR(*picture.image.data[1], 90, 2);
+            EXPECT_NEAR(*picture.image.data[2], 240, 2);
+        });
+        EXPECT_EQ(pictures, 1);
+    }
 
     card.refusals = 1;
     EXPECT_TRUE(encoder.reconfigure_bitrate(2000) && encode());
