@@ -86,6 +86,7 @@ TEST(SyntheticCapture, DrawsBarsThatDarken) {
                 testing::ElementsAre(0xFF999999, 0xFF009999, 0xFF999900, 0xFF009900, 0xFF990099,
                                      0xFF000099, 0xFF990000, 0xFF131313));
     EXPECT_EQ(bars_of_row(180)[7], 0xFF161616);
+    EXPECT_TRUE(SyntheticCapture(8192, 1).init());
     EXPECT_FALSE(SyntheticCapture(0, 600).init());
     EXPECT_FALSE(SyntheticCapture(8, 8193).init());
 }

@@ -89,6 +89,17 @@ EncoderSettings software(VideoCodec codec) {
             .bitrate_kbps = 4000};
 }
 
+/// Whether an access unit has an IDR picture, as the codecs number their NAL units.
+bool has_idr(const std::vector<uint8_t>& unit, VideoCodec codec) {
+    constexpr std::array<uint8_t, 3> kStartCode{0, 0, 1};
+    for (auto at = unit.begin();; ++at) {
+        at = std::search(at, unit.end(), kStartCode.begin(), kStartCode.end());
+        if (unit.end() - at < 4) return false;
+        const int type = codec == VideoCodec::Hevc ? at[3] >> 1 & 0x3F : at[3] & 0x1F;
+        if (codec == VideoCodec::Hevc ? type == 19 || type == 20 : type == 5) return true;
+    }
+}
+
 class SoftwareEncoder : public testing::TestWithParam<VideoCodec> {
   protected:
     void SetUp() override {
@@ -132,6 +143,7 @@ TEST_P(SoftwareEncoder, GivesOneDecodableUnitPerPictureAndKeyframesOnDemand) {
         EXPECT_FALSE(encoder_.force_idr);
         const bool key = n == 0 || n == kForced;
         EXPECT_EQ(unit.keyframe, key);
+        EXPECT_EQ(has_idr(unit.data, GetParam()), key);
         EXPECT_EQ(unit.width, kWidth);
         EXPECT_EQ(unit.height, kHeight);
         for (launcher::VideoDecoder* decoder : {&early_, &late_}) {
