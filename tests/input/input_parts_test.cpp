@@ -22,7 +22,8 @@ TEST(KeyMap, ScanCodesGoBeforeVirtualKeys) {
     for (int scan = 0; scan < 256; ++scan) {
         const auto entry = extended.find(scan);
         const auto code = static_cast<uint8_t>(scan);
-        EXPECT_EQ(linux_key_code(0, code, true), entry == extended.end() ? 0 : entry->second);
+        EXPECT_EQ(linux_key_code(0, code, true), entry == extended.end() ? 0 : entry->second)
+            << scan;
         int plain = scan <= 88 ? scan : 0;
         if (scan == 89) plain = 117;
         if (scan >= 100 && scan <= 111) plain = scan + 83;
