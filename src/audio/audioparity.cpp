@@ -121,7 +121,7 @@ Guard BlockEncoder::encode(const uint8_t* const* data, const size_t* lens, uint8
         header.orig_len[i] = static_cast<uint16_t>(lens[i]);
     }
     const auto shard32 = static_cast<uint32_t>(shard);
-    const WirehairCodec encoder =
+    auto* const encoder =
         wirehair_encoder_create(codec_.get(), message.data(), kDataFrames * shard, shard32);
     if (encoder == nullptr) return Guard::kEncodeFailed;
     if (!codec_) codec_.reset(encoder);  // else it is the same one
