@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <fstream>
+
 namespace ox::test {
 namespace {
 
@@ -16,7 +18,8 @@ ChildProcess::Options command(const Agent::Setup& setup, const TempDir& folder) 
     options.argv.insert(options.argv.end(), setup.arguments.begin(), setup.arguments.end());
     options.environment = {
         "OX_LOG_FILE=" + folder.file("agent.log"),
-        "OX_TUI=plain",
+        "OX_TUI",
+        "TERM=xterm",
         "OX_LANG=en",
         "HOME=" + folder.path().string(),
         "XDG_RUNTIME_DIR=" + folder.path().string(),
@@ -51,12 +54,8 @@ Agent::Agent(const Setup& setup)
 Agent::~Agent() {
     if (process_.running()) expect_prompt_stop();
     if (!testing::Test::HasFailure()) return;
-    std::string errors;
-    for (const auto& line : LogFile(folder_file("stderr.txt")).lines())
-        errors += line + "\n";
-    for (const auto& line : log_.lines())
-        errors += line + "\n";
-    ADD_FAILURE() << "the agent's last words:\n" << errors;
+    for (const char* name : {"stderr.txt", "agent.log"})
+        ADD_FAILURE() << name << ":\n" << std::ifstream(folder_file(name)).rdbuf();
 }
 
 bool Agent::wait_for_log(const std::string& text, size_t times) const {

@@ -87,9 +87,6 @@ TEST(Sound, IsSentAlsoWhenSilentAndItsEndCostsNeitherVideoNorTheNextLaunchersSou
                        "muted sink, wrong device, or DRM content") > 0;
         },
         3 * kPatience));
-    const uint64_t packets = player->sound().data_packets;
-    EXPECT_TRUE(player->receive_until([&] { return player->sound().data_packets > packets + 200; }))
-        << "silence is sent too";
     ASSERT_TRUE(pulse.pactl("set-sink-mute out 0"));
     EXPECT_TRUE(player->hears(true));
 

@@ -120,13 +120,12 @@ void expect_all_of_a_session(bool lossy) {
     options.save_stream = folder.file("stream.mkv");
     options.save_frame = folder.file("frame.png");
     options.bitrate_changes = {{.kbps = 1234, .at_seconds = 0.3}};
-    int reports = 0;
     int seconds_with_pictures = 0;
     bool enough = false;  // which of the packets are lost is chance
     const auto on_progress = [&](const Progress& progress) {
-        ++reports;
         if (progress.fps > 0) ++seconds_with_pictures;
-        enough = lossy && progress.frames_lost > 0 && seconds_with_pictures >= 3;
+        enough = lossy && progress.frames_lost > 0 && progress.packets_recovered > 0 &&
+                 seconds_with_pictures >= 3;
     };
     Session session(
         options, [&] { return enough; }, on_progress);
@@ -137,6 +136,7 @@ void expect_all_of_a_session(bool lossy) {
 
     const ReceiveStats& stream = summary.receive.stream;
     const DecodeStats& decode = summary.decode;
+    EXPECT_EQ(enough, lossy) << stream.assembly.packets_recovered << " packets recovered";
     EXPECT_EQ(stream.assembly.frames_lost > 0, lossy);
     EXPECT_EQ(stream.keyframe_requests > 0, lossy);
     EXPECT_EQ(stream.undecryptable, 0U);
@@ -145,12 +145,10 @@ void expect_all_of_a_session(bool lossy) {
     EXPECT_GE(decode.frames_decoded, 3U);
     EXPECT_EQ(decode.stamps.read, decode.frames_decoded);
     EXPECT_EQ(decode.decode_errors + decode.stamps.invented + decode.stamps.out_of_order, 0U);
-    EXPECT_GT(decode.latency.samples(), 0U);
     EXPECT_GT(summary.rtt_ms, 0.0);
-    EXPECT_GE(reports, 1);
     const auto json = nlohmann::json::parse(to_json(summary));
     EXPECT_EQ(json["result"], "ok");
-    EXPECT_EQ(json["latency_ms"]["samples"], decode.latency.samples());
+    EXPECT_GT(json["latency_ms"]["samples"], 0);
 
     const MediaFile recording = read_file(options.save_stream);
     const auto& [codec, times] = recording.tracks[0];

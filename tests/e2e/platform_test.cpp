@@ -40,12 +40,8 @@ class NonceWatch {
         std::memcpy(&header, datagram.data(), sizeof header);
         Nonce nonce{};
         Encryption::build_nonce(header, nonce.data());
-        const auto [known, fresh] =
-            sealed_.try_emplace(nonce, std::string(datagram.begin(), datagram.end()));
-        if (!fresh && !std::equal(datagram.begin(), datagram.end(), known->second.begin(),
-                                  known->second.end(),
-                                  [](uint8_t a, char b) { return a == static_cast<uint8_t>(b); }))
-            ++repeated_;
+        const std::vector<uint8_t> bytes(datagram.begin(), datagram.end());
+        if (sealed_.try_emplace(nonce, bytes).first->second != bytes) ++repeated_;
         if (header.stream == kStreamAudio) ++sounds_;
     }
     [[nodiscard]] size_t repeated() const { return repeated_; }
@@ -53,7 +49,7 @@ class NonceWatch {
 
   private:
     using Nonce = std::array<uint8_t, 12>;
-    std::map<Nonce, std::string> sealed_;
+    std::map<Nonce, std::vector<uint8_t>> sealed_;
     size_t repeated_ = 0;  ///< datagrams under the nonce of another one
     size_t sounds_ = 0;
 };
@@ -114,10 +110,12 @@ class PlatformTest : public testing::Test {
         player_.emplace(*agent_);
         EXPECT_TRUE(player_->receive_frames(5));
         const json ready = next("session_ready");
-        EXPECT_EQ(ready["session_id"], id);
         const int base = agent_->port_base();
-        EXPECT_EQ(ready["ports"],
-                  (json{{"audio", base + 1}, {"input", base + 2}, {"video", base}}));
+        EXPECT_EQ(ready,
+                  (json{{"ports", {{"audio", base + 1}, {"input", base + 2}, {"video", base}}},
+                        {"public_ip", "0.0.0.0"},
+                        {"session_id", id},
+                        {"type", "session_ready"}}));
         return *player_;
     }
 
@@ -246,11 +244,7 @@ TEST_F(PlatformTest, AKeyThatComesAgainSealsNothingTwiceUnderOneNonce) {
         }));
     };
     agent_->expect_prompt_stop();
-    const auto start = [&] {
-        start_agent({"--audio", "--audio-parity"},
-                    {std::string("HOME=") + std::getenv("HOME"),
-                     std::string("XDG_RUNTIME_DIR=") + std::getenv("XDG_RUNTIME_DIR")});
-    };
+    const auto start = [&] { start_agent({"--audio", "--audio-parity"}, pulse.environment()); };
     start();
     watch("s1");
     player_->say("end_session");

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "e2e/watcher.h"
+#include "e2e/player.h"
 #include "support/eventually.h"
 #include "support/pipewire_source.h"
 #include "support/screen_pictures.h"
@@ -18,6 +18,29 @@ constexpr uint32_t kHeight = 352;
 // No faster than a sanitized test can look at every pixel.
 const Player::Setup kLauncher{
     .width = kWidth, .height = kHeight, .fps = 60 / kSlowdown, .bitrate_kbps = 8000 / kSlowdown};
+
+/// Watches pictures that carry a growing number (`launcher::read_frame_stamp`): each must have one,
+/// and none may be lower than the one before.
+class Watcher {
+  public:
+    explicit Watcher(Player& player) {
+        player.on_picture = [this](const launcher::DecodedPicture& picture) {
+            const uint32_t number = launcher::read_frame_stamp(picture.luma).value_or(0);
+            wrong_ += number < last_ ? 1 : 0;
+            different_ += number > last_ ? 1 : 0;
+            last_ = number;
+        };
+    }
+    ~Watcher() { EXPECT_EQ(wrong_, 0); }
+    Watcher(const Watcher&) = delete;
+    Watcher& operator=(const Watcher&) = delete;
+    [[nodiscard]] int different() const { return different_; }
+
+  private:
+    uint32_t last_ = 0;
+    int different_ = 0;
+    int wrong_ = 0;
+};
 
 class Wayland : public WaylandTest {
   protected:

@@ -110,13 +110,5 @@ TEST(ScreenOfTheAgent, SimpleTerminalsGetPlainLines) {
     }
 }
 
-TEST(ScreenOfTheAgent, RedirectedOutputIsPlainLinesInAnyTerminal) {
-    Agent agent({.environment = {"OX_TUI", "TERM=xterm", "COLORTERM=truecolor"}});
-    EXPECT_TRUE(agent.screen().wait_for("Standalone mode, waiting for launchers", kPatience));
-    agent.expect_prompt_stop();
-    for (const std::string& line : agent.screen().lines())
-        EXPECT_THAT(line, Not(HasSubstr("\x1B")));
-}
-
 }  // namespace
 }  // namespace ox::test

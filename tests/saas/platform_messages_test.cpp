@@ -33,17 +33,12 @@ TEST(PlatformMessages, AreCompactWithAscendingKeys) {
         heartbeat_message(12.5F, 2048.0),
         R"({"cpu_pct":12.5,"gpu_pct":0.0,"ram_mb_free":2048.0,"status":"online","type":"heartbeat"})");
     EXPECT_EQ(
-        session_ready_message("s", "", 1, 2, 65535),
-        R"({"ports":{"audio":2,"input":65535,"video":1},"public_ip":"","session_id":"s","type":"session_ready"})");
-    EXPECT_EQ(
         session_stats_message("s", {.fps = 60.0F,
                                     .bitrate_kbps = NAN,
                                     .latency_ms = INFINITY,
                                     .packet_loss_pct = 0.5F,
                                     .uptime_sec = 3.0F}),
         R"({"bitrate_kbps":0.0,"fps":60.0,"latency_ms":0.0,"packet_loss_pct":0.5,"session_id":"s","type":"session_stats","uptime_sec":3.0})");
-    EXPECT_EQ(error_message("c", "m", "s1"),
-              R"({"code":"c","message":"m","session_id":"s1","type":"error"})");
 }
 
 template <typename T>

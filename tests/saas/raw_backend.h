@@ -1,7 +1,12 @@
 #pragma once
 
-#include <cstdint>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <chrono>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -17,25 +22,71 @@ class RawPeer : public TcpClient {
     using TcpClient::TcpClient;
 
     /// The upgrade request; empty when the agent closes.
-    std::string read_request();
+    std::string read_request() { return read_up_to("\r\n\r\n", kLimit).value_or(""); }
+
     /// Reads the request and accepts it; `first` goes out in the same segment.
-    std::string accept_upgrade(std::string_view first = "");
-    /// One unmasked final text frame.
-    void send_text(std::string_view text);
+    std::string accept_upgrade(std::string_view first = "") {
+        std::string request = read_request();
+        send("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n\r\n" + std::string(first));
+        return request;
+    }
+
+    /// One unmasked final text frame, in the form for up to 64 KiB whatever the length.
+    void send_text(std::string_view text) {
+        const auto size = text.size();
+        send(std::string{'\x81', '\x7E', static_cast<char>(size / 256), static_cast<char>(size)} +
+             std::string(text));
+    }
+
     /// The next text frame's payload, or nothing when the agent closes. Fails the test on a frame
     /// that a client must not send.
-    std::optional<std::string> read_frame();
-    bool closed();
+    std::optional<std::string> read_frame() {
+        const auto byte = [this] {
+            const auto one = take(1, kLimit);
+            return one ? static_cast<uint8_t>(one->front()) : 0U;
+        };
+        const unsigned first = byte();
+        if (first == 0) return std::nullopt;
+        const unsigned second = byte();
+        EXPECT_EQ(first, 0x81U) << "not one final text frame";
+        EXPECT_EQ(second & 0x80U, 0x80U) << "a client has to mask";
+        size_t size = second & 0x7FU;
+        EXPECT_LT(size, 127U) << "longer than any message that is read here";
+        if (size == 126) {
+            size = byte() * 256U;
+            size += byte();
+        }
+        const auto key = take(4, kLimit);
+        auto payload = take(size, kLimit);
+        for (size_t i = 0; payload && i < size; ++i)
+            (*payload)[i] = static_cast<char>((*payload)[i] ^ (*key)[i % 4]);
+        return payload;
+    }
+
+    bool closed() { return closed_within(kLimit); }
+
+  private:
+    static constexpr std::chrono::seconds kLimit{10};
 };
 
 /// A backend on a free port of this machine.
 class RawBackend {
   public:
     /// `receive_buffer` in bytes, 0 leaves the system's.
-    explicit RawBackend(int receive_buffer = 0);
+    explicit RawBackend(int receive_buffer = 0) {
+        if (receive_buffer == 0) return;
+        ::setsockopt(listener_.get(), SOL_SOCKET, SO_RCVBUF, &receive_buffer,
+                     sizeof receive_buffer);
+    }
     [[nodiscard]] uint16_t port() const noexcept { return port_; }
+
     /// Waits for the agent to connect.
-    RawPeer accept();
+    RawPeer accept() {
+        pollfd connecting{.fd = listener_.get(), .events = POLLIN, .revents = 0};
+        if (::poll(&connecting, 1, 10'000) != 1)
+            throw std::runtime_error("the agent does not connect");
+        return RawPeer(UniqueFd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)));
+    }
 
   private:
     UniqueFd listener_ = bound_socket(SOCK_STREAM, 0);

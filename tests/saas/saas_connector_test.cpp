@@ -1,6 +1,10 @@
+// The connector against a backend that says what the test tells it, and against a WebSocket and TLS
+// server of another make.
+
 #include "saas/saas_connector.h"
 
 #include <gmock/gmock.h>
+#include <sodium.h>
 
 #include <filesystem>
 #include <future>
@@ -8,9 +12,16 @@
 #include <thread>
 #include <vector>
 
-#include "saas/connector_fixture.h"
+#include "saas/platform_messages.h"
 #include "saas/raw_backend.h"
+#include "support/child_process.h"
 #include "support/dead_peer.h"
+#include "support/environment.h"
+#include "support/eventually.h"
+#include "support/log_capture.h"
+#include "support/log_file.h"
+#include "support/temp_dir.h"
+#include "tui/board.h"
 
 namespace ox {
 namespace {
@@ -23,11 +34,31 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
+constexpr const char* kAgentToken = "agent-secret-token";
 constexpr const char* kPong = R"({"type":"pong"})";
 
-class SaasConnectorTest : public test::ConnectorTest {
+/// The program's configuration and timing with waits that a test can afford, and a clean board.
+class SaasConnectorTest : public testing::Test {
   protected:
-    test::RawBackend backend_;
+    SaasConnectorTest() {
+        EXPECT_GE(sodium_init(), 0);
+        static const tui::Snapshot kFresh;
+        tui::board().update([](tui::Snapshot& state) { state = kFresh; });
+    }
+
+    static SaasConfig config(uint16_t port, const std::string& host = "127.0.0.1") {
+        SaasConfig config;
+        config.host = host;
+        config.port = port;
+        config.agent_token = kAgentToken;
+        return config;
+    }
+
+    static ConnectorTiming quick() {
+        return {.backoff = {.first = milliseconds(1),
+                            .longest = milliseconds(4),
+                            .replaced = milliseconds(20)}};
+    }
 
     /// Accepts the next connection and reads the registration.
     RawPeer accept_registered() {
@@ -37,12 +68,23 @@ class SaasConnectorTest : public test::ConnectorTest {
         return peer;
     }
 
+    static bool alert(tui::Alert which) {
+        return tui::board().snapshot().alerts.at(static_cast<size_t>(which));
+    }
+    static tui::LinkState link() { return tui::board().snapshot().link; }
     static std::vector<tui::EventKind> events() {
         std::vector<tui::EventKind> kinds;
         for (const auto& event : tui::board().snapshot().events)
             kinds.push_back(event.kind);
         return kinds;
     }
+    /// Whether a line with this text is logged, perhaps only soon.
+    bool logged(const std::string& text, int times = 1) {
+        return eventually([&] { return log_.times(text) >= times; });
+    }
+
+    test::LogCapture log_;
+    test::RawBackend backend_;
 };
 
 TEST_F(SaasConnectorTest, RegistersHandsRequestsOverAndKeepsTheLinkThroughNonsense) {
@@ -85,7 +127,7 @@ TEST_F(SaasConnectorTest, RegistersHandsRequestsOverAndKeepsTheLinkThroughNonsen
     EXPECT_THAT(log, HasSubstr(R"(raw={"type":"prepare_session","encryption_key":"*********",)"
                                R"("session_token_sha256":"****","client_id":1})"));
     EXPECT_THAT(log, HasSubstr(R"([WARN ] SaasConnector: invalid JSON: {"encryption_key":"*)"));
-    for (const char* secret : {"S3CRETKEY", "5EC0", test::kAgentToken})
+    for (const char* secret : {"S3CRETKEY", "5EC0", kAgentToken})
         EXPECT_THAT(log, Not(HasSubstr(secret)));
 }
 
@@ -96,8 +138,7 @@ TEST_F(SaasConnectorTest, ReportsARefusedTokenUntilAHandshakeSucceeds) {
         {"HTTP/1.1 500 Oh no\r\nX: 403 401\r\n\r\n", false},
         {"HTTP/1.1 101 OK, or so\r\n\r\n", false},
         {"HTTP/1.1 401 Unauthorized\r\n\r\nbody", true},
-        {std::string("HTTP/1.1 403 ") + test::kAgentToken + std::string(500, 'x') + "\r\n\r\n",
-         true},
+        {std::string("HTTP/1.1 403 ") + kAgentToken + std::string(500, 'x') + "\r\n\r\n", true},
     };
     for (const auto& [answer, refused] : answers) {
         RawPeer refusing = backend_.accept();
@@ -110,11 +151,14 @@ TEST_F(SaasConnectorTest, ReportsARefusedTokenUntilAHandshakeSucceeds) {
     EXPECT_EQ(link(), tui::LinkState::Reconnecting);
     RawPeer peer = accept_registered();
     EXPECT_FALSE(alert(tui::Alert::TokenRejected));
+    peer.close();
+    EXPECT_TRUE(logged("retry in 1ms", 2)) << "begins anew after a connection";
+    EXPECT_EQ(log_.times("retry in 4ms"), 2) << "doubles up to the limit";
     EXPECT_THAT(log_.text(), HasSubstr("WS handshake rejected: HTTP/1.1 403 ****"));
-    EXPECT_THAT(log_.text(), Not(HasSubstr(test::kAgentToken)));
+    EXPECT_THAT(log_.text(), Not(HasSubstr(kAgentToken)));
     // One event for the alert, none for connections that never were.
-    EXPECT_THAT(events(), ::testing::ElementsAre(tui::EventKind::AlertRaised,
-                                                 tui::EventKind::PlatformConnected));
+    using enum tui::EventKind;
+    EXPECT_THAT(events(), ::testing::ElementsAre(AlertRaised, PlatformConnected, PlatformLost));
 }
 
 TEST_F(SaasConnectorTest, ReportsASecondAgentAndLinkChangesOnce) {
@@ -162,7 +206,8 @@ TEST_F(SaasConnectorTest, TellsAgainWhatMattersAfterAReconnect) {
         EXPECT_THAT(peer.read_frame().value_or(""),
                     HasSubstr(R"("session_id":"s2","type":"session_ready")"));
         EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr("\"session_ended\""));  // key "s0"
-        EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr("\"error\""));  // key "s0#err"
+        EXPECT_EQ(peer.read_frame(),  // key "s0#err"
+                  R"({"code":"code","message":"text","session_id":"s0","type":"error"})");
         peer.send_text(R"({"type":"ping"})");
         EXPECT_EQ(peer.read_frame(), kPong);
     }
@@ -222,16 +267,15 @@ TEST_F(SaasConnectorTest, StopsSoonInEveryState) {
     };
     SaasConfig in_tls_handshake = config(backend_.port());
     in_tls_handshake.tls = true;
-    const std::string refused = "TCP connect to 127.0.0.1:1 failed";
     for (const auto& [where, state] : {
-             std::pair{config(1), refused},
+             std::pair{config(1), "TCP connect to 127.0.0.1:1 failed"},
              {config(1, "bad..name"), "cannot resolve bad..name:1"},
              {config(backend_.port()), "connecting to 127.0.0.1:"},  // unanswered upgrade request
              {in_tls_handshake, "(wss)"},
          }) {
         SaasConnector connector(where);  // with the program's own waits
         connector.start();
-        EXPECT_TRUE(eventually([&] { return log_.times(state) > 0; }));
+        EXPECT_TRUE(logged(state)) << state;
         EXPECT_LT(stop_takes(connector), seconds(2)) << state;
     }
     test::RawBackend deaf_backend(4096);
@@ -245,8 +289,8 @@ TEST_F(SaasConnectorTest, StopsSoonInEveryState) {
 }
 
 TEST_F(SaasConnectorTest, ConnectionsLostAndStopsAtRandomMomentsLeaveNothingBehind) {
-    const auto entries = [](const char* folder) {
-        return std::distance(std::filesystem::directory_iterator(folder), {});
+    const auto descriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     };
     std::mt19937 random(7);  // NOLINT: the same moments in each run
     std::jthread flapping([this](const std::stop_token& stop) {
@@ -258,44 +302,105 @@ TEST_F(SaasConnectorTest, ConnectionsLostAndStopsAtRandomMomentsLeaveNothingBehi
             if (i % 2 == 0) peer.close(true);
         }
     });
-    ptrdiff_t descriptors = 0;
-    ptrdiff_t threads = 0;
+    ptrdiff_t before = 0;
     for (int i = 0; i < 150; ++i) {
-        if (i == 10) {
-            descriptors = entries("/proc/self/fd");
-            threads = entries("/proc/self/task");
-        }
+        if (i == 10) before = descriptors();
         SaasConnector connector(config(backend_.port()), quick());
         connector.set_terminate_session_callback([&](const auto& id, const auto& reason) {
             connector.send_session_ended(id, reason, 1);
         });
         connector.start();
-        std::jthread sender([&] {
-            for (int n = 0; n < 20; ++n)
-                connector.send_session_stats("s", 1, 2, 3, 4, 5);
-        });
+        for (int n = 0; n < 20; ++n)
+            connector.send_session_stats("s", 1, 2, 3, 4, 5);
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 20'000));
         connector.stop();
     }
-    EXPECT_TRUE(eventually([&] { return entries("/proc/self/task") == threads; }));
     flapping.request_stop();
     test::TcpClient wakes_its_accept(backend_.port(), seconds(10));
     flapping.join();
     wakes_its_accept.close();
-    EXPECT_LE(entries("/proc/self/fd"), descriptors);
+    EXPECT_LE(descriptors(), before);
 }
 
-TEST(ReconnectBackoff, DoublesUpToTheLimitAndStartsAgainAfterAConnection) {
-    ReconnectBackoff backoff({});
-    const auto wait = [&](bool handshaken, uint16_t code = 0) {
-        return backoff.next_wait(handshaken, code).count();
-    };
-    for (const int expected : {1, 2, 4, 8, 16, 30, 30})
-        EXPECT_EQ(wait(false), 1000 * expected);
-    EXPECT_EQ(wait(true, 1006), 1000);
-    EXPECT_EQ(wait(false), 2000);
-    EXPECT_EQ(wait(true, kCloseReplaced), 30'000);
-    EXPECT_EQ(wait(false), 2000);
+class ForeignServerTest : public SaasConnectorTest {
+  protected:
+    ForeignServerTest() {
+        test::ChildProcess made(
+            {.argv = {OX_SAAS_TEST_DIR "/make_test_certs.sh", folder_.path().string()}});
+        EXPECT_EQ(made.wait(seconds(30)), 0);
+    }
+
+    /// Starts a server with the certificate of that name (none: without TLS), known as `host`.
+    SaasConfig serve(const std::string& certificate, const std::string& host) {
+        std::vector<std::string> argv{OX_TEST_PYTHON, OX_SAAS_TEST_DIR "/websocket_backend.py"};
+        if (!certificate.empty()) argv.push_back(folder_.file(certificate));
+        const std::string output = folder_.file("said" + std::to_string(++servers_));
+        said_ = test::LogFile(output);
+        server_.emplace(test::ChildProcess::Options{
+            .argv = argv, .stdout_path = output, .stderr_path = output});
+        const auto line = said_.wait_for("port ", seconds(20));
+        EXPECT_TRUE(line) << testing::PrintToString(said_.lines());
+        SaasConfig server =
+            config(static_cast<uint16_t>(std::stoi(line.value_or("port 0").substr(5))), host);
+        server.tls = !certificate.empty();
+        return server;
+    }
+
+    bool said(const std::string& line, size_t times = 1) {
+        return said_.wait_for(line, seconds(10), times).has_value();
+    }
+
+    test::TempDir folder_;
+    const test::Environment trust_{"SSL_CERT_FILE", folder_.file("ca.pem")};
+    int servers_ = 0;
+    test::LogFile said_{""};  ///< what the newest server reports
+    std::optional<test::ChildProcess> server_;
+};
+
+TEST_F(ForeignServerTest, TalksOverPlainTcpAndOverTlsToTheRightHost) {
+    for (const auto& [certificate, host, sni] : {std::tuple{"", "127.0.0.1", "path"},
+                                                 {"name", "localhost", "sni localhost"},
+                                                 {"address", "127.0.0.1", "sni None"}}) {
+        SCOPED_TRACE(sni);
+        SaasConnector connector(serve(certificate, host), quick());
+        std::atomic<size_t> id_size{0};
+        connector.set_prepare_session_callback(
+            [&](const PrepareSessionParams& params) { id_size = params.session_id.size(); });
+        connector.start();
+        EXPECT_TRUE(said(sni));
+        for (const char* line : {"path /agent/connect", "token agent-secret-token",
+                                 R"(message {"agent_version":)", R"(message {"type":"pong"})"})
+            EXPECT_TRUE(said(line)) << line;
+        EXPECT_TRUE(eventually([&] { return id_size == 70'000; }));
+        const size_t around = error_message("c", "", "").size();
+        for (const size_t size : {125, 126, 65'535, 65'536, 500'000})
+            connector.send_error("c", std::string(size - around, 'x'), "");
+        EXPECT_TRUE(said(R"(message {"code":"c")", 5));
+        connector.send_session_ended("s1", "shutdown", 1);
+        connector.stop();
+        EXPECT_TRUE(said(R"(message {"duration_sec":1,"reason":"shutdown")"));
+        EXPECT_TRUE(said("closed 1006"));  // no close frame; the connection just ends
+    }
+    EXPECT_TRUE(logged("SaasConnector: TLS established (TLS_"));
+}
+
+TEST_F(ForeignServerTest, RefusesCertificatesItCannotTrust) {
+    for (const auto& [certificate, host, fault] : {
+             std::tuple{"expired", "localhost", "certificate has expired"},
+             {"self_signed", "localhost", "self-signed certificate"},
+             {"other_name", "localhost", "hostname mismatch"},
+             {"name", "127.0.0.1", "IP address mismatch"},
+         }) {
+        SaasConnector connector(serve(certificate, host), quick());
+        connector.start();
+        EXPECT_TRUE(
+            logged("[ERROR] SaasConnector: TLS handshake failed: error:0A000086:SSL "
+                   "routines::certificate verify failed (" +
+                   std::string(fault) + ")"))
+            << log_.text();
+        connector.stop();
+        EXPECT_EQ(said_.count("path "), 0U) << certificate;
+    }
 }
 
 }  // namespace

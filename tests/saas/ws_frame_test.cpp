@@ -29,19 +29,12 @@ std::string react(const std::string& stream, size_t piece) {
             if (result == WsFrameDecoder::Result::TooLong) return reactions + "toolong";
             if (result == WsFrameDecoder::Result::NeedMore) break;
             std::string text;
-            switch (assembler.take(frame, text)) {
-                case WsAssembler::Step::Nothing:
-                    break;
-                case WsAssembler::Step::Message:
-                    reactions += "m(" + text + ")";
-                    break;
-                case WsAssembler::Step::Pong:
-                    reactions += "p(" + text + ")";
-                    break;
-                case WsAssembler::Step::Drop:
-                    return reactions + "drop" + std::to_string(assembler.close_code()) +
-                           assembler.close_reason();
-            }
+            const auto step = assembler.take(frame, text);
+            if (step == WsAssembler::Step::Message) reactions += "m(" + text + ")";
+            if (step == WsAssembler::Step::Pong) reactions += "p(" + text + ")";
+            if (step == WsAssembler::Step::Drop)
+                return reactions + "drop" + std::to_string(assembler.close_code()) +
+                       assembler.close_reason();
         }
     }
     return reactions + (decoder.mid_frame() ? "..." : "");

@@ -9,41 +9,20 @@
 #include <unistd.h>
 
 #include <ctime>
-#include <map>
 #include <system_error>
 
 namespace ox::test {
-namespace {
-
-/// By name, each as "NAME=value".
-std::map<std::string, std::string> merged_environment(const std::vector<std::string>& changes) {
-    std::map<std::string, std::string> result;
-    const auto apply = [&](const std::string& entry) {
-        const std::string name = entry.substr(0, entry.find('='));
-        result.erase(name);
-        if (name != entry) result[name] = entry;
-    };
-    for (char** entry = environ; *entry != nullptr; ++entry)
-        apply(*entry);
-    for (const auto& change : changes)
-        apply(change);
-    return result;
-}
-
-}  // namespace
-
 ChildProcess::ChildProcess(const Options& options) {
     std::vector<std::string> arguments{"setpriv", "--pdeathsig=KILL"};
+    for (const auto& change : options.environment) {
+        arguments.insert(arguments.end(), {"env", change});
+        if (change.find('=') == std::string::npos) arguments.insert(arguments.end() - 1, "-u");
+    }
     arguments.insert(arguments.end(), options.argv.begin(), options.argv.end());
-    auto environment = merged_environment(options.environment);
     std::vector<char*> argv;
     for (auto& argument : arguments)
         argv.push_back(argument.data());
     argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (auto& [name, entry] : environment)
-        envp.push_back(entry.data());
-    envp.push_back(nullptr);
 
     posix_spawn_file_actions_t files;
     ::posix_spawn_file_actions_init(&files);
@@ -53,9 +32,9 @@ ChildProcess::ChildProcess(const Options& options) {
                                        0600);
     ::posix_spawn_file_actions_addopen(&files, STDERR_FILENO, options.stderr_path.c_str(), kAppend,
                                        0600);
-    const int error = ::posix_spawnp(&pid_, argv[0], &files, nullptr, argv.data(), envp.data());
+    const int error = ::posix_spawnp(&pid_, argv[0], &files, nullptr, argv.data(), environ);
     ::posix_spawn_file_actions_destroy(&files);
-    if (error != 0) throw std::system_error(error, std::generic_category(), arguments[2]);
+    if (error != 0) throw std::system_error(error, std::generic_category(), options.argv[0]);
     pidfd_.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
 }
 

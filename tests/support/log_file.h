@@ -1,10 +1,13 @@
 #pragma once
 
 #include <chrono>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "support/eventually.h"
 
 namespace ox::test {
 
@@ -14,14 +17,24 @@ class LogFile {
     explicit LogFile(std::string path) : path_(std::move(path)) {}
 
     /// The whole lines so far (a line still being written is left out) that contain `with`.
-    [[nodiscard]] std::vector<std::string> lines(std::string_view with = "") const;
+    [[nodiscard]] std::vector<std::string> lines(std::string_view with = "") const {
+        std::ifstream in(path_, std::ios::binary);
+        std::vector<std::string> result;
+        for (std::string line; std::getline(in, line) && !in.eof();) {
+            if (line.find(with) != std::string::npos) result.push_back(line);
+        }
+        return result;
+    }
     [[nodiscard]] size_t count(std::string_view text) const { return lines(text).size(); }
 
     /// Waits until at least `times` lines contain `text`; gives the `times`-th of them, or nothing
     /// when `timeout` passes.
     [[nodiscard]] std::optional<std::string> wait_for(std::string_view text,
                                                       std::chrono::milliseconds timeout,
-                                                      size_t times = 1) const;
+                                                      size_t times = 1) const {
+        const auto came = [&] { return count(text) >= times; };
+        return eventually(came, timeout) ? std::optional(lines(text)[times - 1]) : std::nullopt;
+    }
 
   private:
     std::string path_;

@@ -1,8 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <random>
+#include <stdexcept>
 
 #include "base/unique_fd.h"
+#include "support/sockets.h"
 
 namespace ox::test {
 
@@ -11,12 +14,30 @@ namespace ox::test {
 class PortBlock {
   public:
     /// Throws std::runtime_error when nothing is free.
-    PortBlock();
+    PortBlock() {
+        std::random_device random;
+        for (int attempt = 0; attempt < 200; ++attempt) {
+            base_ = static_cast<uint16_t>(20'000 + 8 * (random() % 1500));
+            // The block's next, for nothing else.
+            reservation_ = bound_socket(SOCK_STREAM, static_cast<uint16_t>(base_ + kPorts));
+            if (reservation_ && all_free()) return;
+        }
+        throw std::runtime_error("no block of free ports");
+    }
 
     [[nodiscard]] uint16_t base() const noexcept { return base_; }
     [[nodiscard]] uint16_t control() const noexcept { return static_cast<uint16_t>(base_ + 3); }
 
   private:
+    static constexpr uint16_t kPorts = 6;
+
+    [[nodiscard]] bool all_free() const {
+        for (uint16_t port = base_; port < base_ + kPorts; ++port) {
+            if (!bound_socket(SOCK_STREAM, port) || !bound_socket(SOCK_DGRAM, port)) return false;
+        }
+        return true;
+    }
+
     UniqueFd reservation_;
     uint16_t base_ = 0;
 };

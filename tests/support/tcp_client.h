@@ -1,12 +1,22 @@
 #pragma once
 
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/unique_fd.h"
+#include "support/eventually.h"
+#include "support/sockets.h"
 
 namespace ox::test {
 
@@ -14,30 +24,89 @@ namespace ox::test {
 /// parts of one, garbage.
 class TcpClient {
   public:
+    using Milliseconds = std::chrono::milliseconds;
+
     /// Tries again until somebody listens. Throws std::runtime_error when `timeout` passes.
-    TcpClient(uint16_t port, std::chrono::milliseconds timeout);
+    TcpClient(uint16_t port, Milliseconds timeout) {
+        const sockaddr_in address = loopback(port);
+        const auto connects = [&] {
+            socket_.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+            const auto* at = reinterpret_cast<const sockaddr*>(&address);
+            return ::connect(socket_.get(), at, sizeof address) == 0;
+        };
+        if (!eventually(connects, timeout))
+            throw std::runtime_error("nobody listens on port " + std::to_string(port));
+        const int on = 1;  // what is sent in pieces leaves in pieces
+        ::setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    }
     /// The other end of a connection that a test has accepted.
     explicit TcpClient(UniqueFd socket) : socket_(std::move(socket)) {}
 
     /// False when the server has closed.
-    bool send(std::string_view bytes);
+    bool send(std::string_view bytes) {
+        while (!bytes.empty()) {
+            const auto sent = ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            if (sent <= 0) return false;
+            bytes.remove_prefix(static_cast<size_t>(sent));
+        }
+        return true;
+    }
 
     /// What comes before the next `end`, or nothing when `timeout` passes or the server closes.
-    std::optional<std::string> read_up_to(std::string_view end, std::chrono::milliseconds timeout);
-    std::optional<std::string> read_line(std::chrono::milliseconds timeout) {
-        return read_up_to("\n", timeout);
+    std::optional<std::string> read_up_to(std::string_view end, Milliseconds timeout) {
+        const auto came = [&] { return received_.find(end) != std::string::npos; };
+        if (!receive_until(came, timeout)) return std::nullopt;
+        auto text = take(received_.find(end), timeout);
+        received_.erase(0, end.size());
+        return text;
     }
+    std::optional<std::string> read_line(Milliseconds timeout) { return read_up_to("\n", timeout); }
     /// The next `size` bytes, or nothing.
-    std::optional<std::string> take(size_t size, std::chrono::milliseconds timeout);
+    std::optional<std::string> take(size_t size, Milliseconds timeout) {
+        const auto came = [&] { return received_.size() >= size; };
+        if (!receive_until(came, timeout)) return std::nullopt;
+        auto bytes = received_.substr(0, size);
+        received_.erase(0, size);
+        return bytes;
+    }
 
     /// Waits for the server to close or reset; what it sends until then is dropped.
-    bool closed_within(std::chrono::milliseconds timeout);
+    bool closed_within(Milliseconds timeout) {
+        const auto drop = [&] {
+            received_.clear();
+            return false;
+        };
+        receive_until(drop, timeout);
+        return ended_;
+    }
 
     /// Ends the connection, at once and without ceremony (RST) when `abruptly`.
-    void close(bool abruptly = false);
+    void close(bool abruptly = false) {
+        const linger at_once{abruptly ? 1 : 0, 0};
+        ::setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+        socket_.reset();
+        ended_ = true;
+    }
 
   private:
-    bool receive(std::chrono::steady_clock::time_point deadline);
+    /// False when `timeout` passes first or the server closes.
+    template <typename Condition>
+    bool receive_until(Condition&& condition, Milliseconds timeout) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (!condition()) {
+            const auto left =
+                std::chrono::ceil<Milliseconds>(deadline - std::chrono::steady_clock::now());
+            pollfd readable{socket_.get(), POLLIN, 0};
+            const auto wait = static_cast<int>(std::max<int64_t>(left.count(), 0));
+            if (ended_ || ::poll(&readable, 1, wait) != 1) return false;
+            std::array<char, 65'536> chunk;
+            const auto got = ::recv(socket_.get(), chunk.data(), chunk.size(), 0);
+            ended_ = got <= 0;
+            if (ended_) return false;
+            received_.append(chunk.data(), static_cast<size_t>(got));
+        }
+        return true;
+    }
 
     UniqueFd socket_;
     std::string received_;
