@@ -30,6 +30,8 @@ constexpr Fault kFaults[] = {
     {"accept4", "tcp", 1, EMFILE, true, "TcpControlServer: accept failed: Too many open files"},
     {"getpeername", "tcp", 1, ENOTCONN, true, "Session: no UDP destination (no TCP peer?)"},
     {"sendto", "udp", 5, ENOBUFS, false, "UdpSender: send error: No buffer space available"},
+    {"recv", "tcp", 1, ECONNRESET, true, "TcpControlServer: client closed during auth"},
+    {"recv", "ox-control", 1, ECONNRESET, true, "Session: launcher reconnected"},
     {"recvfrom", "ox-probe", 1, ECONNRESET, false, "UdpSender: hole-punch probe received"},
     {"poll", "tcp", 1, ENOMEM, true, "Standalone session ended: handshake_failed:"},
     {"pthread_create", "", 1, EAGAIN, false, "Screen: no thread (Resource temporarily"},

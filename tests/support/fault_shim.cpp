@@ -82,6 +82,11 @@ OX_WRAP(int, getpeername, kind_of(fd), (int fd, sockaddr* address, socklen_t* le
 OX_WRAP(ssize_t, sendto, kind_of(fd),
         (int fd, const void* bytes, size_t size, int flags, const sockaddr* to, socklen_t length),
         (fd, bytes, size, flags, to, length))
+OX_WRAP(ssize_t, recv, kind_of(fd), (int fd, void* bytes, size_t size, int flags),
+        (fd, bytes, size, flags))
+OX_WRAP_CHECKED(ssize_t, recv, __recv_chk, kind_of(fd),
+                (int fd, void* bytes, size_t size, size_t room, int flags),
+                (fd, bytes, size, room, flags))
 OX_WRAP(ssize_t, recvfrom, kind_of(fd),
         (int fd, void* bytes, size_t size, int flags, sockaddr* from, socklen_t* length),
         (fd, bytes, size, flags, from, length))
