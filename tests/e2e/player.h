@@ -1,14 +1,18 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "base/clock.h"
 #include "e2e/agent.h"
 #include "launcher/control_client.h"
+#include "launcher/control_messages.h"
 #include "launcher/media_socket.h"
 #include "launcher/video_decoder.h"
 #include "launcher/video_receiver.h"
@@ -38,16 +42,58 @@ class Player {
     };
 
     /// Throws std::runtime_error when the agent does not let it in.
-    Player(const Agent& agent, const Setup& setup);
+    Player(const Agent& agent, const Setup& setup) : setup_(setup) {
+        std::string error;
+        const std::string ip = "127.0.0." + std::to_string(setup.host);
+        const uint16_t port = setup.media_port == 0 ? agent.port_base() : setup.media_port;
+        if (!media_.open(port, error, ip) || !decoder_.open(launcher::Codec::H264, error)) {
+            throw std::runtime_error(error);
+        }
+        const std::string auth = launcher::make_auth_line({.token = kToken,
+                                                           .width = setup.width,
+                                                           .height = setup.height,
+                                                           .fps = setup.fps,
+                                                           .bitrate_kbps = setup.bitrate_kbps,
+                                                           .udp_ip = {}});
+        control_.set_local_ip(ip);
+        if (control_.connect("127.0.0.1", agent.control_port(), auth,
+                             SteadyClock::now() + kPatience,
+                             [] { return false; }) != launcher::ConnectResult::Ready) {
+            throw std::runtime_error("not let in: " + control_.error());
+        }
+        receiver_.emplace(std::span<const uint8_t, 32>(keys().video_key),
+                          launcher::VideoReceiver::Config{});
+        media_.set_agent("127.0.0.1", static_cast<uint16_t>(agent.port_base() + 4));
+    }
     explicit Player(const Agent& agent) : Player(agent, Setup{}) {}
 
     /// Receives until `done` holds. False when `timeout` passes first.
     bool receive_until(const std::function<bool()>& done,
-                       std::chrono::milliseconds timeout = kPatience);
+                       std::chrono::milliseconds timeout = kPatience) {
+        const auto deadline = SteadyClock::now() + timeout;
+        while (!done()) {
+            if (SteadyClock::now() >= deadline) return false;
+            if (setup_.probe && receiver_->stats().packets == 0) media_.send_probe();
+            media_.receive(std::chrono::milliseconds(5), [&](std::span<const uint8_t> datagram) {
+                if (on_datagram) on_datagram(datagram);
+                receiver_->on_datagram(datagram, steady_now_us());
+                take_frames();
+            });
+            receiver_->on_time(steady_now_us());
+            take_frames();
+            if (receiver_->take_keyframe_request(steady_now_us())) say("request_idr");
+        }
+        return true;
+    }
     /// Receives `count` more frames. False when they do not come.
-    bool receive_frames(size_t count);
+    bool receive_frames(size_t count) {
+        const size_t wanted = frames_.size() + count;
+        return receive_until([&] { return frames_.size() >= wanted; });
+    }
 
-    void say(const std::string& type, const std::string& more = "");
+    void say(const std::string& type, const std::string& more = "") {
+        control_.send_line(R"({"type":")" + type + "\"" + more + "}");
+    }
     launcher::ControlClient& control() { return control_; }
     /// Receives until the agent ends the session. False when it does not.
     bool is_ended() {
@@ -55,7 +101,11 @@ class Player {
     }
 
     [[nodiscard]] const std::vector<Frame>& frames() const { return frames_; }
-    [[nodiscard]] size_t keyframes_since(size_t first_frame) const;
+    [[nodiscard]] size_t keyframes_since(size_t first_frame) const {
+        return static_cast<size_t>(
+            std::count_if(frames_.begin() + static_cast<ptrdiff_t>(first_frame), frames_.end(),
+                          [](const Frame& frame) { return frame.keyframe; }));
+    }
     [[nodiscard]] size_t pictures() const { return pictures_; }
     [[nodiscard]] const launcher::StampChecker::Report& stamps() const { return stamps_.report(); }
     [[nodiscard]] const launcher::ReceiveStats& stats() const { return receiver_->stats(); }
@@ -67,7 +117,16 @@ class Player {
     std::function<void(std::span<const uint8_t>)> on_datagram;
 
   private:
-    void take_frames();
+    void take_frames() {
+        while (const auto frame = receiver_->next_frame()) {
+            frames_.push_back({frame->frame_id, frame->keyframe, frame->data.size()});
+            decoder_.decode(*frame, [&](const launcher::DecodedPicture& picture) {
+                ++pictures_;
+                stamps_.add(picture.frame_id, launcher::read_frame_stamp(picture.luma));
+                if (on_picture) on_picture(picture);
+            });
+        }
+    }
 
     Setup setup_;
     launcher::ControlClient control_;
