@@ -80,9 +80,9 @@ class TcpControlServer {
     void close();
 
     // Set by the owner before the handshake.
-    Secret master_key;                   ///< 32 bytes from the platform, or empty
-    std::string expected_token_sha256;   ///< hex; empty refuses every launcher
-    uint32_t host_caps = 0;              ///< capabilities the agent has, `caps` bits
+    Secret master_key;                  ///< 32 bytes from the platform, or empty
+    std::string expected_token_sha256;  ///< hex; empty refuses every launcher
+    uint32_t host_caps = 0;             ///< capabilities the agent has, `caps` bits
     Limits limits;
     std::function<void()> before_ready;  ///< runs when an accepted launcher is about to be told
 

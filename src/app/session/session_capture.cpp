@@ -32,11 +32,10 @@ bool SessionCapture::open(uint32_t width, uint32_t height, const std::function<b
     // A player who sees nothing could answer the desktop's question in the owner's place.
     withhold_input_(asks_the_portal(options_.capture, desktop));
     SelectedCapture selected =
-        select_capture(options_.capture, desktop, width, height, cancelled,
-                       [this](bool awaiting) {
-                           await_owner(awaiting);
-                           show(awaiting ? PictureState::AwaitingOwner : PictureState::Fine);
-                       });
+        select_capture(options_.capture, desktop, width, height, cancelled, [this](bool awaiting) {
+            await_owner(awaiting);
+            show(awaiting ? PictureState::AwaitingOwner : PictureState::Fine);
+        });
     capture_ = std::move(selected.capture);
     not_approved_ = selected.not_approved;
     if (capture_) settle();
