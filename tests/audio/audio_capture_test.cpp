@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <optional>
 #include <thread>
+#include <utility>
 
 #include "audio/audio_capture.h"
 #include "audio/live_edge.h"
@@ -28,6 +30,14 @@ class AudioCaptureTest : public testing::Test {
     void program(const std::string& name, const std::string& script) const {
         ::chmod(dir_.write(name, "#!/bin/sh\n" + script + "\n").c_str(), 0755);
     }
+    /// A recorder that notes its arguments and then does `body`.
+    void recorder(const std::string& body) const {
+        program("parec", "echo \"$@\" > " + dir_.file("args") + "\n" + body);
+    }
+    [[nodiscard]] std::string arguments() const {
+        return test::LogFile(dir_.file("args")).lines().at(0);
+    }
+
     test::TempDir dir_;
     test::Environment path_{"PATH", dir_.path().string() + ":" + std::getenv("PATH")};
     AudioCapture capture_;
@@ -35,8 +45,7 @@ class AudioCaptureTest : public testing::Test {
 };
 
 TEST_F(AudioCaptureTest, RecordsTheMonitorOfTheDefaultOutputOrLetsTheRecorderChoose) {
-    program("parec", "echo \"$@\" > " + dir_.file("args") +
-                         "; printf '\\001\\000\\377\\377'; exec sleep 60");
+    recorder("printf '\\001\\000\\377\\377'; exec sleep 60");
     const std::string rest = "--format=s16le --rate 48000 --channels 2 --latency-msec=5 --raw";
     for (const auto& [pactl, expected] :
          {std::pair{"[ \"$*\" = get-default-sink ] && printf 'speakers \\n'",
@@ -46,7 +55,7 @@ TEST_F(AudioCaptureTest, RecordsTheMonitorOfTheDefaultOutputOrLetsTheRecorderCho
         ASSERT_TRUE(capture_.start(48000, 2, "", 5));
         ASSERT_TRUE(capture_.read(samples_, 1));
         EXPECT_EQ(samples_, (std::vector<int16_t>{1, -1}));
-        EXPECT_EQ(test::LogFile(dir_.file("args")).lines().at(0), expected);
+        EXPECT_EQ(arguments(), expected);
         capture_.stop();
     }
 }
@@ -62,7 +71,7 @@ TEST_F(AudioCaptureTest, ASoundServerThatDoesNotAnswerIsNotWaitedForLong) {
 }
 
 TEST_F(AudioCaptureTest, AStopIsSeenSoonAlsoByAReaderOfAStubbornRecorder) {
-    program("parec", "trap '' TERM; printf a; while :; do sleep 1; done");
+    recorder("trap '' TERM; printf a; while :; do sleep 1; done");
     const test::LogCapture log;
     ASSERT_TRUE(capture_.start(48000, 1, "x", 5));
     const pid_t recorder = capture_.pid();
@@ -80,21 +89,40 @@ TEST_F(AudioCaptureTest, AStopIsSeenSoonAlsoByAReaderOfAStubbornRecorder) {
     ::kill(recorder, SIGKILL);
 }
 
-// What is late is seen where an agent stands still.
-TEST(LiveEdge, NeitherAShortStallNorASoundServerThatDeliversMuchAtOnceIsLate) {
+constexpr microseconds kBuffer{5000};
+
+TEST(LiveEdge, AStallOfFiftyMillisecondsIsPlayedAndMoreIsDroppedUpToTheNewest) {
     using Time = SteadyClock::time_point;
-    constexpr microseconds kBuffer{5000};
+    for (const auto stall : {milliseconds(54), milliseconds(200), milliseconds(5000)}) {
+        for (const bool while_waiting : {false, true}) {
+            LiveEdge edge;
+            Time now{milliseconds(5)};
+            ASSERT_TRUE(edge.keep(kBuffer, Time{}, now));
+            std::optional<Time> dry;
+            if (while_waiting) dry = now;
+            now += stall;
+            // What piled up comes without a wait, as fast as it is read.
+            const auto queued = stall / kBuffer;
+            int64_t kept = 0;
+            for (int64_t i = 0; i < queued; ++i) {
+                now += microseconds(20);
+                if (edge.keep(kBuffer, std::exchange(dry, {}), now)) ++kept;
+            }
+            EXPECT_EQ(kept, stall < milliseconds(55) ? queued : 0) << stall.count();
+            EXPECT_TRUE(edge.keep(kBuffer, now, now + milliseconds(5)));
+        }
+    }
+}
+
+TEST(LiveEdge, ASoundServerThatDeliversMuchAtOnceIsNotLate) {
     LiveEdge edge;
-    Time now{kBuffer};
-    ASSERT_TRUE(edge.keep(kBuffer, Time{}, now));
-    now += milliseconds(54);
-    for (int queued = 0; queued < 10; ++queued)
-        EXPECT_TRUE(edge.keep(kBuffer, {}, now += microseconds(20)));
-    for (int delivery = 0; delivery < 20; ++delivery) {
-        now += milliseconds(100);
-        EXPECT_TRUE(edge.keep(kBuffer, now - milliseconds(10), now));
-        for (int i = 1; i < 20; ++i)
-            EXPECT_TRUE(edge.keep(kBuffer, {}, now));
+    for (SteadyClock::time_point now{}; now.time_since_epoch() < seconds(2);
+         now += milliseconds(100)) {
+        for (int i = 0; i < 20; ++i) {
+            std::optional<SteadyClock::time_point> dry;
+            if (i == 0) dry = now - milliseconds(10);
+            EXPECT_TRUE(edge.keep(kBuffer, dry, now));
+        }
     }
 }
 

@@ -1,12 +1,16 @@
 #include "audio/audio_stream.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <numbers>
 
 #include "launcher/audio_decoder.h"
@@ -132,31 +136,37 @@ TEST_F(AudioStreamTest, EndsWithItsNumbersInsteadOfUsingThemAgain) {
     const auto first = receiver_.next_frame();
     ASSERT_TRUE(first);
     EXPECT_EQ(first->sequence, UINT32_MAX - 7);
-    const launcher::AudioStats& stats = receiver_.stats();
-    EXPECT_EQ((std::array{stats.data_packets, stats.repair_packets, stats.frames.lost}),
-              (std::array<uint64_t, 3>{8, 4, 0}));
+    EXPECT_EQ(receiver_.stats().data_packets, 8U);
+    EXPECT_EQ(receiver_.stats().repair_packets, 4U);
+    EXPECT_EQ(receiver_.stats().frames.lost, 0U);
 }
 
-/// A PATH on which the sound server's tools are the test's own: a recorder of silence, frame by
-/// frame, and a `pactl` of this script. libpulse has no server until `let_server_answer`.
+/// A PATH on which the sound server's tools are the test's own, without a server for libpulse until
+/// `let_server_answer`.
 class StandInTools {
   public:
-    explicit StandInTools(const std::string& pactl) {
-        folder_.write("parec", "#!/bin/sh\nwhile head -c 960 /dev/zero; do sleep 0.005; done\n");
-        folder_.write("pactl", "#!/bin/sh\n" + pactl + "\n");
-        for (const char* name : {"parec", "pactl"})
-            ::chmod(folder_.file(name).c_str(), 0755);
+    StandInTools(const std::string& parec, const std::string& pactl) {
+        for (const auto& [name, script] : {std::pair{"/parec", parec}, {"/pactl", pactl}}) {
+            std::ofstream(folder_.path().string() + name) << script;
+            ::chmod((folder_.path().string() + name).c_str(), 0755);
+        }
     }
     void let_server_answer() const {
         std::filesystem::create_symlink(
-            std::string(std::getenv("XDG_RUNTIME_DIR")) + "/pulse/native", folder_.file("late"));
+            std::string(std::getenv("XDG_RUNTIME_DIR")) + "/pulse/native", file("late"));
     }
+    [[nodiscard]] std::string file(const std::string& name) const { return folder_.file(name); }
 
   private:
     test::TempDir folder_;
     test::Environment path_{"PATH", folder_.path().string() + ":" + std::getenv("PATH")};
-    test::Environment server_{"PULSE_SERVER", "unix:" + folder_.file("late")};
+    test::Environment folder_variable_{"STAND_IN", folder_.path().string()};
+    test::Environment server_{"PULSE_SERVER", "unix:" + file("late")};
 };
+
+constexpr const char* kFrameByFrame =
+    "#!/bin/sh\nwhile head -c 960 /dev/zero; do sleep 0.005; done\n";
+constexpr const char* kNamesAnOutput = "#!/bin/sh\necho out\n";
 
 TEST_F(AudioStreamTest, ARecorderThatNoServerKnowsIsBelievedIfItsSourceIsKnown) {
     const test::LogCapture log;
@@ -165,7 +175,7 @@ TEST_F(AudioStreamTest, ARecorderThatNoServerKnowsIsBelievedIfItsSourceIsKnown) 
         return test::eventually([&] { return sender_.packets_sent() >= before + 20; }, seconds(10));
     };
     {
-        const StandInTools tools("echo out");
+        const StandInTools tools(kFrameByFrame, kNamesAnOutput);
         for (const bool with_server : {false, true}) {
             if (with_server) tools.let_server_answer();
             AudioStream stream;
@@ -176,7 +186,7 @@ TEST_F(AudioStreamTest, ARecorderThatNoServerKnowsIsBelievedIfItsSourceIsKnown) 
     EXPECT_EQ(log.times("WARN"), 0);
 
     const uint64_t before = sender_.packets_sent();
-    const StandInTools tools("exit 1");
+    const StandInTools tools(kFrameByFrame, "#!/bin/sh\nexit 1\n");
     ASSERT_TRUE(start());
     EXPECT_TRUE(test::eventually([&] {
         return log.count("WARN",
@@ -189,6 +199,72 @@ TEST_F(AudioStreamTest, ARecorderThatNoServerKnowsIsBelievedIfItsSourceIsKnown) 
     EXPECT_TRUE(is_heard());
     EXPECT_EQ(log.times("parec started (source=out.monitor"), 3);
     stream_.stop();
+}
+
+/// Holds a thread of this process up wherever it is, as when nothing runs it.
+class HeldThread {
+  public:
+    explicit HeldThread(const std::string& name) {
+        ::signal(SIGUSR2, [](int) {
+            for (arrived = true; held;)
+                ::usleep(1000);
+        });
+        held = true;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+            std::string comm;
+            std::getline(std::ifstream(entry.path() / "comm") >> std::ws, comm);
+            const int thread = std::stoi(entry.path().filename().string());
+            if (comm == name) ::tgkill(::getpid(), thread, SIGUSR2);
+        }
+        EXPECT_TRUE(test::eventually([] { return arrived.load(); }));
+    }
+    ~HeldThread() { held = arrived = false; }
+    HeldThread(const HeldThread&) = delete;
+    HeldThread& operator=(const HeldThread&) = delete;
+
+  private:
+    static inline std::atomic<bool> held{false};
+    static inline std::atomic<bool> arrived{false};
+};
+
+TEST_F(AudioStreamTest, WhatWasPlayedDuringAStallIsNotHeardAfterIt) {
+    // Silence, but for 300 ms on request, each frame in its time.
+    const StandInTools tools(R"(#!/usr/bin/env python3
+import os, sys, time
+folder = os.environ["STAND_IN"]
+loud = (b"\x00\x40" * 120 + b"\x00\xc0" * 120) * 2
+def play(frame):
+    sys.stdout.buffer.write(frame)
+    sys.stdout.buffer.flush()
+    time.sleep(0.005)
+while not os.path.exists(folder + "/stall"):
+    play(bytes(960))
+for _ in range(60):
+    play(loud)
+open(folder + "/over", "w")
+while True:
+    play(bytes(960))
+)",
+                             kNamesAnOutput);
+    ASSERT_TRUE(start());
+    ASSERT_TRUE(test::eventually([&] { return sender_.packets_sent() > 20; }, seconds(30)));
+    {
+        const HeldThread held("ox-audio");
+        std::ofstream(tools.file("stall")).flush();
+        ASSERT_TRUE(test::eventually([&] { return std::filesystem::exists(tools.file("over")); }));
+    }
+    const uint64_t enough = sender_.packets_sent() + 100;
+    ASSERT_TRUE(test::eventually([&] { return sender_.packets_sent() > enough; }));
+    stream_.stop();
+    int frames = 0;
+    int loud = 0;
+    socket_.receive(milliseconds(100), [&](std::span<const uint8_t> datagram) {
+        receiver_.on_datagram(datagram, steady_now_us());
+        for (; const auto frame = receiver_.next_frame(); ++frames)
+            if (amplitude(decoder_.decode(*frame), kTone) > kHeard) ++loud;
+    });
+    EXPECT_GE(frames, 100);
+    EXPECT_LE(loud, 11) << "more than 50 ms of it";
 }
 
 }  // namespace
