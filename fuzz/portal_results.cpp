@@ -70,6 +70,8 @@ void use(const portal::Response& response) {
 void messages(Bytes bytes) {
     portal::PendingRequest pending(kSerial, kRequest);
     while (const auto message = take_message(bytes)) {
+        portal::is_session_closed(*message, kRequest);
+        portal::is_service_gone(*message);
         const auto state = pending.take(*message);
         if (state == portal::PendingRequest::State::Waiting) continue;
         if (state == portal::PendingRequest::State::Answered) use(pending.response());
@@ -102,8 +104,8 @@ void format(Bytes bytes) {
     const size_t size = sizeof header + header.size;
     const auto pod = std::make_unique_for_overwrite<uint8_t[]>(size);
     std::memcpy(pod.get(), bytes.data(), size);
-    const auto picture = portal::agreed_size(*reinterpret_cast<const spa_pod*>(pod.get()));
-    if (picture) OX_FUZZ_REQUIRE(picture->width - 1 < 16384 && picture->height - 1 < 16384);
+    const auto agreed = portal::agreed_format(*reinterpret_cast<const spa_pod*>(pod.get()));
+    if (agreed) OX_FUZZ_REQUIRE(agreed->size.width - 1 < 16384 && agreed->size.height - 1 < 16384);
 }
 
 void buffer(const uint8_t* data, size_t size) {

@@ -113,7 +113,8 @@ class XConversation {
             const size_t length = load_le<uint16_t>(&list[2]);
             const size_t whole = kHead + (length + 3) / 4 * 4;
             if (whole > list.size()) return false;
-            const std::string address(list.begin() + kHead, list.begin() + kHead + length);
+            const std::string address(list.begin() + kHead,
+                                      list.begin() + kHead + static_cast<ptrdiff_t>(length));
             if (list[0] == kServerInterpreted &&
                 std::find(wanted.begin(), wanted.end(), address) != wanted.end()) {
                 return true;

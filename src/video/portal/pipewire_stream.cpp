@@ -31,9 +31,10 @@ using ContextPtr = std::unique_ptr<pw_context, Destroyer<pw_context_destroy>>;
 using CorePtr = std::unique_ptr<pw_core, Destroyer<pw_core_disconnect>>;
 using StreamPtr = std::unique_ptr<pw_stream, Destroyer<pw_stream_destroy>>;
 
-// A macro with casts of its own.
+// A macro with casts and a statement expression of its own.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wold-style-cast"
+#pragma GCC diagnostic ignored "-Wpedantic"
 void listen_to(pw_core& core, spa_hook& hook, const pw_core_events& events, void* data) {
     pw_core_add_listener(&core, &hook, &events, data);
 }
