@@ -4,6 +4,8 @@
 
 #include <array>
 
+#include "base/secret.h"
+
 namespace ox {
 namespace {
 
@@ -16,7 +18,7 @@ char to_lower(char c) {
 
 bool token_matches(std::string_view token, const std::string& expected_sha256_hex) {
     constexpr size_t kHexLength = size_t{2} * crypto_hash_sha256_BYTES;
-    std::array<unsigned char, crypto_hash_sha256_BYTES> digest{};
+    Secret digest(crypto_hash_sha256_BYTES);
     std::array<char, kHexLength + 1> hex{};
     ::crypto_hash_sha256(digest.data(), reinterpret_cast<const unsigned char*>(token.data()),
                          token.size());
