@@ -9,23 +9,17 @@
 #include <string_view>
 #include <utility>
 
+#include "base/c_handle.h"
 #include "base/environment.h"
 #include "base/local_socket.h"
 
 namespace ox {
 namespace {
 
-template <auto Destroy>
-struct Destroyer {
-    template <typename T>
-    void operator()(T* object) const {
-        Destroy(object);
-    }
-};
-using DisplayPtr = std::unique_ptr<wl_display, Destroyer<wl_display_disconnect>>;
-using RegistryPtr = std::unique_ptr<wl_registry, Destroyer<wl_registry_destroy>>;
-using OutputPtr = std::unique_ptr<wl_output, Destroyer<wl_output_destroy>>;
-using CallbackPtr = std::unique_ptr<wl_callback, Destroyer<wl_callback_destroy>>;
+using DisplayPtr = CHandle<wl_display, wl_display_disconnect>;
+using RegistryPtr = CHandle<wl_registry, wl_registry_destroy>;
+using OutputPtr = CHandle<wl_output, wl_output_destroy>;
+using CallbackPtr = CHandle<wl_callback, wl_callback_destroy>;
 
 UniqueFd connect_to(const std::string& display) {
     if (display.empty()) return {};

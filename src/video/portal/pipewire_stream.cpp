@@ -9,6 +9,7 @@
 #include <optional>
 #include <utility>
 
+#include "base/c_handle.h"
 #include "base/clock.h"
 #include "log/log.h"
 #include "video/portal/portal_diagnosis.h"
@@ -18,18 +19,10 @@
 namespace ox {
 namespace {
 
-/// Owner of a PipeWire object that `Destroy` ends.
-template <auto Destroy>
-struct Destroyer {
-    template <typename T>
-    void operator()(T* object) const {
-        Destroy(object);
-    }
-};
-using LoopPtr = std::unique_ptr<pw_thread_loop, Destroyer<pw_thread_loop_destroy>>;
-using ContextPtr = std::unique_ptr<pw_context, Destroyer<pw_context_destroy>>;
-using CorePtr = std::unique_ptr<pw_core, Destroyer<pw_core_disconnect>>;
-using StreamPtr = std::unique_ptr<pw_stream, Destroyer<pw_stream_destroy>>;
+using LoopPtr = CHandle<pw_thread_loop, pw_thread_loop_destroy>;
+using ContextPtr = CHandle<pw_context, pw_context_destroy>;
+using CorePtr = CHandle<pw_core, pw_core_disconnect>;
+using StreamPtr = CHandle<pw_stream, pw_stream_destroy>;
 
 // A macro with casts and a statement expression of its own.
 #pragma GCC diagnostic push

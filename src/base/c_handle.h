@@ -1,0 +1,21 @@
+#pragma once
+
+#include <memory>
+
+namespace ox {
+
+namespace detail {
+template <auto Destroy>
+struct Destroyer {
+    template <typename T>
+    void operator()(T* object) const {
+        Destroy(object);
+    }
+};
+}  // namespace detail
+
+/// Owner of a C library's object, which ends with `Destroy(object)`.
+template <typename T, auto Destroy>
+using CHandle = std::unique_ptr<T, detail::Destroyer<Destroy>>;
+
+}  // namespace ox
