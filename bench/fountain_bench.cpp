@@ -9,8 +9,8 @@
 #include <random>
 #include <vector>
 
-#include "transport/fountain/gf256.h"
-#include "transport/fountain/wirehair.h"
+#include "fountain/gf256.h"
+#include "fountain/wirehair.h"
 
 #if OX_HAVE_ISAL
 #include <isa-l.h>

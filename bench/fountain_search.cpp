@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "transport/fountain/binary_echelon.h"
-#include "transport/fountain/code_choice.h"
-#include "transport/fountain/dense_rows.h"
-#include "transport/fountain/gf256.h"
-#include "transport/fountain/matrix_solver.h"
+#include "fountain/binary_echelon.h"
+#include "fountain/code_choice.h"
+#include "fountain/dense_rows.h"
+#include "fountain/gf256.h"
+#include "fountain/matrix_solver.h"
 
 namespace {
 

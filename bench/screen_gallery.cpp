@@ -20,9 +20,9 @@
 #include <thread>
 
 #include "base/clock.h"
-#include "tui/board.h"
-#include "tui/clock_text.h"
-#include "tui/screen_runner.h"
+#include "tui/board/board.h"
+#include "tui/board/clock_text.h"
+#include "tui/screen/screen_runner.h"
 
 namespace {
 

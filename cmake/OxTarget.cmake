@@ -4,6 +4,8 @@ add_library(ox_build_settings INTERFACE)
 target_compile_options(ox_build_settings INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wnon-virtual-dtor -Wold-style-cast
   -Woverloaded-virtual)
+# A value that a switch forgets is a text, a message or a case that is missing.
+target_compile_options(ox_build_settings INTERFACE -Werror=switch)
 # GCC 12 sees overlapping copies in any concatenation of a literal and a string (GCC bug 105651), it
 # and the next two comparisons of impossible length in inlined ones of vectors (105329).
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
@@ -29,14 +31,26 @@ check_pie_supported()
 
 # ox_library(<name> SOURCES ... [PUBLIC libs...] [PRIVATE libs...])
 #
-# A static library whose headers are included as "<folder>/<file>.h". The link lists are the
-# project's architecture: a library sees the headers of what it links and of nothing else of ours
-# that its link list does not name.
+# A static library of the folder it is called in, whose headers are included as
+# "<folder below src>/<file>.h". Each library has an include folder of its own, which shows that
+# folder and nothing else: a file that includes a header of a library that its own library does not
+# link does not compile. The link lists are the project's architecture.
 function(ox_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
-  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  ox_include_folder(${name})
   target_link_libraries(${name} PUBLIC ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE} ox_build_settings)
+endfunction()
+
+# ox_include_folder(<library>): an include folder that shows the current source folder alone.
+function(ox_include_folder library)
+  file(RELATIVE_PATH folder ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
+  string(REGEX REPLACE "^src/" "" folder ${folder})
+  set(link ${PROJECT_BINARY_DIR}/include/${library}/${folder})
+  cmake_path(GET link PARENT_PATH parent)
+  file(MAKE_DIRECTORY ${parent})
+  file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${link} SYMBOLIC)
+  target_include_directories(${library} PUBLIC ${PROJECT_BINARY_DIR}/include/${library})
 endfunction()
 
 # ox_test(<name> SOURCES ... LIBS ... [LABELS ...] [TIMEOUT seconds])

@@ -2,8 +2,8 @@
 
 #include <vector>
 
+#include "fountain/wirehair.h"
 #include "fuzz.h"
-#include "transport/fountain/wirehair.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Texts from outside on their way to the screen.
 
-#include "tui/text.h"
+#include "base/text.h"
 #include "fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -2,7 +2,7 @@
 
 #include "control/port_check.h"
 #include "input/uinput_device.h"
-#include "tui/board.h"
+#include "tui/board/board.h"
 
 namespace ox {
 

@@ -19,7 +19,7 @@
 #include "log/log.h"
 #include "saas/platform_url.h"
 #include "saas/system_info.h"
-#include "tui/board.h"
+#include "tui/board/board.h"
 
 namespace ox {
 namespace {

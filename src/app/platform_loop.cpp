@@ -4,19 +4,20 @@
 #include <string>
 #include <utility>
 
+#include "app/board_reports.h"
 #include "app/build_info.h"
 #include "app/desktop_notice.h"
 #include "app/idle_watch.h"
 #include "app/keys/key_leases.h"
 #include "app/process_flags.h"
-#include "app/session/session.h"
+#include "app/session/run_session.h"
 #include "app/session_handover.h"
 #include "base/clock.h"
 #include "log/log.h"
 #include "log/log_path.h"
 #include "saas/log_text.h"
 #include "saas/saas_connector.h"
-#include "tui/board.h"
+#include "tui/board/board.h"
 
 namespace ox {
 namespace {
@@ -95,6 +96,7 @@ void run_platform(const Options& options, const PlatformEndpoint& endpoint,
                     loggable(reason).c_str());
             handover.request_terminate(session_id);
         });
+    connector.set_link_callback(report_platform_link);
     connector.start();
     OX_INFO("SaaS mode: waiting for prepare_session...");
     while (!shutdown_flag()) {

@@ -2,7 +2,7 @@
 
 #include <csignal>
 
-#include "tui/board.h"
+#include "tui/board/board.h"
 
 namespace ox {
 

@@ -8,12 +8,12 @@
 #include "app/desktop_notice.h"
 #include "app/idle_watch.h"
 #include "app/process_flags.h"
-#include "app/session/session.h"
+#include "app/session/run_session.h"
 #include "base/clock.h"
 #include "base/sleep.h"
 #include "control/port_check.h"
 #include "log/log.h"
-#include "tui/board.h"
+#include "tui/board/board.h"
 
 namespace ox {
 namespace {

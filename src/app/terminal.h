@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tui/screen_runner.h"
+#include "tui/screen/screen_runner.h"
 
 namespace ox {
 

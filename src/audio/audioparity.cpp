@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "transport/fountain/wirehair.h"
+#include "fountain/wirehair.h"
 
 namespace ox::audioparity {
 namespace {

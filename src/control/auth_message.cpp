@@ -2,9 +2,9 @@
 
 #include <exception>
 
+#include "base/text.h"
 #include "control/json_fields.h"
 #include "control/log_text.h"
-#include "tui/text.h"
 
 namespace ox {
 
@@ -15,7 +15,7 @@ std::optional<AuthError> parse_auth_message(std::string_view line, AuthMessage& 
         const std::string type = take_text(object, "type");
         if (type != "auth") {
             return AuthError{AuthError::Kind::wrong_type,
-                             has_type ? tui::text::printable(type) : "unknown"};
+                             has_type ? text::printable(type) : "unknown"};
         }
         const AuthMessage defaults;
         message.token = take_secret(object, "token");

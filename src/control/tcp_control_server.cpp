@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "base/clock.h"
+#include "base/text.h"
 #include "control/auth_message.h"
 #include "control/auth_reader.h"
 #include "control/capabilities.h"
@@ -23,8 +24,6 @@
 #include "control/udp_destination.h"
 #include "control/wait_readable.h"
 #include "log/log.h"
-#include "tui/board.h"
-#include "tui/text.h"
 
 namespace ox {
 namespace {
@@ -107,13 +106,9 @@ bool TcpControlServer::handshake(uint16_t port, const AbortPredicate& abort, int
 }
 
 bool TcpControlServer::open_listener(uint16_t port) {
-    if (const int error = try_to_listen(port)) {
-        if (error == EADDRINUSE) tui::board().raise(tui::Alert::PortBusy, port);
-        tui::board().control_port_closed(port, error);
-        return false;
-    }
-    tui::board().control_port_open(port);
-    return true;
+    const int error = try_to_listen(port);
+    if (on_listen) on_listen(port, error);
+    return error == 0;
 }
 
 int TcpControlServer::try_to_listen(uint16_t port) {
@@ -255,7 +250,7 @@ void TcpControlServer::choose_udp_ip(const std::string& reported) {
             OX_WARN(
                 "TcpControlServer: udp_ip '%s' is a different public address from TCP '%s' — "
                 "ignoring override",
-                tui::text::printable(reported).c_str(), tcp_remote_ip.c_str());
+                text::printable(reported).c_str(), tcp_remote_ip.c_str());
             udp_ip = tcp_remote_ip;
             return;
     }

@@ -85,6 +85,8 @@ class TcpControlServer {
     uint32_t host_caps = 0;             ///< capabilities the agent has, `caps` bits
     Limits limits;
     std::function<void()> before_ready;  ///< runs when an accepted launcher is about to be told
+    /// What came of each attempt to listen: 0, or the errno of its failure.
+    std::function<void(uint16_t port, int error)> on_listen;
 
     // Set by the owner before `start_async_read`; run on the reader thread; any may be empty. They
     // must not throw and must not call `close`.

@@ -17,7 +17,6 @@
 #include "input/key_map.h"
 #include "log/log.h"
 #include "scheduling/real_time_priority.h"
-#include "tui/board.h"
 
 namespace ox {
 namespace {
@@ -66,6 +65,7 @@ bool InputReceiver::start_with_device(uint16_t port, UniqueFd device) {
 }
 
 bool InputReceiver::bind_socket(uint16_t port) {
+    bind_error_ = 0;
     UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!socket) {
         OX_ERROR("InputReceiver: socket() failed: %s", std::strerror(errno));
@@ -80,12 +80,10 @@ bool InputReceiver::bind_socket(uint16_t port) {
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_ANY);
     if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
-        const int error = errno;
-        OX_ERROR("InputReceiver: bind :%u failed: %s", port, std::strerror(error));
-        if (error == EADDRINUSE) tui::board().raise(tui::Alert::PortBusy, port);
+        bind_error_ = errno;
+        OX_ERROR("InputReceiver: bind :%u failed: %s", port, std::strerror(bind_error_));
         return false;
     }
-    tui::board().clear_port(port);
     socket_ = std::move(socket);
     return true;
 }

@@ -39,8 +39,7 @@ class InputReceiver {
     void set_feedback_callback(FeedbackCallback callback);
 
     /// Binds `port`, creates the device (going on without one) and starts the thread with a fresh
-    /// replay window. False, after an error line, when the port cannot be had; one that is taken is
-    /// also shown to the owner.
+    /// replay window. False, after an error line, when the port cannot be had.
     bool start(uint16_t port);
 
     /// Same with a descriptor in place of the device that `start` would create.
@@ -56,6 +55,9 @@ class InputReceiver {
 
     /// Ends the thread, releases every key and button, removes the device. Safe to call twice.
     void stop();
+
+    /// errno with which the last `start` failed to bind its port; 0 when it could.
+    [[nodiscard]] int bind_error() const { return bind_error_; }
 
     /// errno that tells why `start` went on without a device; 0 when it made one.
     [[nodiscard]] int device_error() const { return device_.error(); }
@@ -79,6 +81,7 @@ class InputReceiver {
     void release_stuck_inputs();
 
     UniqueFd socket_;
+    int bind_error_ = 0;
     UinputDevice device_;  ///< receive thread while running, owner before and after
     std::mutex key_mutex_;
     std::optional<Key> key_;  ///< guarded by key_mutex_

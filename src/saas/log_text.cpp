@@ -4,7 +4,7 @@
 #include <array>
 #include <nlohmann/json.hpp>
 
-#include "tui/text.h"
+#include "base/text.h"
 
 namespace ox {
 namespace {
@@ -82,7 +82,7 @@ std::string loggable(std::string_view text, size_t max, std::string_view secret)
         }
     }
     std::replace(shown.begin(), shown.end(), '\n', ' ');  // keeps the words of two lines apart
-    shown = tui::text::sanitize(shown);
+    shown = text::sanitize(shown);
     if (shown.size() > max) {
         size_t end = max;
         while (end > 0 && (static_cast<unsigned char>(shown[end]) & 0xC0U) == 0x80U)

@@ -12,7 +12,6 @@
 #include "base/sleep.h"
 #include "log/log.h"
 #include "saas/log_text.h"
-#include "tui/board.h"
 
 namespace ox {
 namespace {
@@ -25,28 +24,6 @@ void block_sigpipe() {
     sigemptyset(&signals);
     sigaddset(&signals, SIGPIPE);
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
-
-void show_connected() {
-    auto& board = tui::board();
-    board.update([&](tui::Snapshot& shown) {
-        shown.link_detail = 3;
-        if (std::exchange(shown.link, tui::LinkState::Connected) == tui::LinkState::Connected)
-            return;
-        shown.link_since_s = system_now_s();
-        board.push_locked(tui::EventKind::PlatformConnected, 0);
-    });
-}
-
-void show_lost() {
-    auto& board = tui::board();
-    board.update([&](tui::Snapshot& shown) {
-        shown.link_detail = 0;
-        const auto before = std::exchange(shown.link, tui::LinkState::Reconnecting);
-        if (before != tui::LinkState::Reconnecting) shown.link_since_s = system_now_s();
-        // The first attempts of all have lost nothing.
-        if (before == tui::LinkState::Connected) board.push_locked(tui::EventKind::PlatformLost, 0);
-    });
 }
 
 }  // namespace
@@ -91,6 +68,14 @@ void SaasConnector::set_prepare_session_callback(PrepareSession callback) {
 
 void SaasConnector::set_terminate_session_callback(TerminateSessionCallback callback) {
     terminate_session_ = std::move(callback);
+}
+
+void SaasConnector::set_link_callback(LinkCallback callback) {
+    link_changed_ = std::move(callback);
+}
+
+void SaasConnector::report_link(LinkEvent event) {
+    if (link_changed_) link_changed_(event);
 }
 
 void SaasConnector::start() {
@@ -139,10 +124,10 @@ void SaasConnector::run_loop() {
 }
 
 milliseconds SaasConnector::after_connection(bool handshaken) {
-    show_lost();
+    report_link(LinkEvent::Lost);
     const milliseconds wait = backoff_.next_wait(handshaken, close_code_);
     if (close_code_ == kCloseReplaced) {
-        tui::board().raise(tui::Alert::SecondAgent, 0);
+        report_link(LinkEvent::Replaced);
         OX_ERROR(
             "SaasConnector: another agent with the same server token connected (%s) and replaced "
             "this one - two agents must not share one server token; waiting %d s before "
@@ -162,7 +147,9 @@ bool SaasConnector::connect_and_run() {
     PublishedTransport transport(*this);
     if (!transport->open(config_.host, config_.port, config_.tls)) return false;
     WsLink link(*transport, config_.agent_token, timing_.link);
-    if (!link.ws_handshake(config_.host, running_)) return false;
+    const auto handshake = link.ws_handshake(config_.host, running_);
+    if (handshake == WsLink::Handshake::TokenRefused) report_link(LinkEvent::TokenRefused);
+    if (handshake != WsLink::Handshake::Accepted) return false;
 
     mark_connected();
     if (const size_t stale = queue_.take_all().size(); stale > 0) {
@@ -180,9 +167,7 @@ bool SaasConnector::connect_and_run() {
 void SaasConnector::mark_connected() {
     connected_ = true;
     OX_INFO("SaasConnector: WebSocket connected");
-    tui::board().clear(tui::Alert::SecondAgent);
-    tui::board().clear(tui::Alert::TokenRejected);
-    show_connected();
+    report_link(LinkEvent::Connected);
 }
 
 void SaasConnector::resend_cached() {

@@ -33,27 +33,37 @@ struct ConnectorTiming {
     std::chrono::milliseconds last_words{500};
 };
 
+/// What becomes of the link to the platform.
+enum class LinkEvent : uint8_t {
+    Connected,     ///< the WebSocket handshake is complete
+    Lost,          ///< a connection has ended, or an attempt at one has failed
+    TokenRefused,  ///< the backend does not know the agent's token
+    Replaced,      ///< another agent has connected with the same token; comes after `Lost`
+};
+
 /// Keeps the agent attached to the platform: one worker thread connects, registers, sends what is
 /// queued, answers pings, hands over the backend's requests and reconnects when the link is lost.
 ///
 /// Made, started, stopped and destroyed by the main thread; the sending operations may be called
 /// from any thread at any time. They only queue: what is queued while there is no link is dropped
 /// at the next connection, and a session's readiness, its end and its errors are told again then.
-/// The platform link's state and alerts go to the board. Nothing here throws.
+/// Nothing here throws.
 class SaasConnector {
   public:
     using PrepareSession = std::function<void(PrepareSessionParams&&)>;
     /// Session id (may be empty) and reason.
     using TerminateSessionCallback = std::function<void(const std::string&, const std::string&)>;
+    using LinkCallback = std::function<void(LinkEvent)>;
 
     explicit SaasConnector(SaasConfig config, ConnectorTiming timing = {});
     ~SaasConnector();
     SaasConnector(const SaasConnector&) = delete;
     SaasConnector& operator=(const SaasConnector&) = delete;
 
-    /// Both before `start`. They run on the worker: the link is not served while they do.
+    /// All before `start`. They run on the worker: the link is not served while they do.
     void set_prepare_session_callback(PrepareSession callback);
     void set_terminate_session_callback(TerminateSessionCallback callback);
+    void set_link_callback(LinkCallback callback);
 
     /// Starts the worker. Calling it while a worker exists ends the process.
     void start();
@@ -82,6 +92,7 @@ class SaasConnector {
     class PublishedTransport;
 
     void run_loop();
+    void report_link(LinkEvent event);
     std::chrono::milliseconds after_connection(bool handshaken);
     bool connect_and_run();
     void mark_connected();
@@ -105,6 +116,7 @@ class SaasConnector {
     const ConnectorTiming timing_;
     PrepareSession prepare_session_;
     TerminateSessionCallback terminate_session_;
+    LinkCallback link_changed_;
 
     std::atomic<bool> running_{false};
     std::atomic<bool> connected_{false};

@@ -9,7 +9,6 @@
 #include "log/log.h"
 #include "saas/log_text.h"
 #include "saas/ws_upgrade.h"
-#include "tui/board.h"
 
 namespace ox {
 namespace {
@@ -25,26 +24,26 @@ std::span<const uint8_t> bytes_of(std::string_view text) {
 WsLink::WsLink(Transport& transport, std::string secret, Limits limits)
     : transport_(transport), secret_(std::move(secret)), limits_(limits), assembler_(secret_) {}
 
-bool WsLink::ws_handshake(const std::string& host, const std::atomic<bool>& running) {
+WsLink::Handshake WsLink::ws_handshake(const std::string& host, const std::atomic<bool>& running) {
     std::string request = ws_build_handshake(host, make_ws_key(), secret_);
     const bool sent = transport_.write_all(bytes_of(request)) >= 0;
     wipe(request);
-    if (!sent) return false;
+    if (!sent) return Handshake::Failed;
 
     UpgradeResponse response;
     auto state = UpgradeResponse::State::Incomplete;
     const auto deadline = SteadyClock::now() + limits_.upgrade;
     while (state == UpgradeResponse::State::Incomplete) {
-        if (!running || SteadyClock::now() >= deadline) return false;
+        if (!running || SteadyClock::now() >= deadline) return Handshake::Failed;
         const auto ready = transport_.wait_readable(milliseconds(200));
-        if (ready == Transport::Wait::Broken) return false;
+        if (ready == Transport::Wait::Broken) return Handshake::Failed;
         if (ready != Transport::Wait::Ready) continue;
         std::array<uint8_t, 2048> buffer{};
         const ssize_t count = transport_.read(buffer);
-        if (count == 0) return false;
+        if (count == 0) return Handshake::Failed;
         if (count > 0) state = response.feed(std::span(buffer).first(static_cast<size_t>(count)));
     }
-    if (state == UpgradeResponse::State::TooLong) return false;
+    if (state == UpgradeResponse::State::TooLong) return Handshake::Failed;
 
     if (const std::string_view leftover = response.leftover(); !leftover.empty()) {
         OX_INFO(
@@ -54,11 +53,10 @@ bool WsLink::ws_handshake(const std::string& host, const std::atomic<bool>& runn
         decoder_.feed(bytes_of(leftover));
         unexamined_ = true;
     }
-    if (state == UpgradeResponse::State::Accepted) return true;
+    if (state == UpgradeResponse::State::Accepted) return Handshake::Accepted;
     OX_ERROR("SaasConnector: WS handshake rejected: %.200s",
              loggable(response.text(), 200, secret_).c_str());
-    if (response.token_refused()) tui::board().raise(tui::Alert::TokenRejected, 0);
-    return false;
+    return response.token_refused() ? Handshake::TokenRefused : Handshake::Failed;
 }
 
 bool WsLink::ws_send_frame(std::string_view payload, WsOpcode opcode) {

@@ -23,6 +23,12 @@ class WsLink {
         Milliseconds frame_rest{5'000};  ///< without a further byte of a frame that has begun
     };
 
+    enum class Handshake {
+        Accepted,
+        TokenRefused,  ///< the backend does not know the token
+        Failed,
+    };
+
     enum class Receive {
         Message,   ///< one whole message was taken
         NeedMore,  ///< everything read so far has been used
@@ -32,9 +38,8 @@ class WsLink {
     /// Borrows `transport`. `secret` (the agent's token) is masked in what is logged.
     WsLink(Transport& transport, std::string secret, Limits limits);
 
-    /// Sends the upgrade request and judges the answer; raises TokenRejected on the board when the
-    /// backend does not know the token. Gives up soon after `running` is cleared.
-    bool ws_handshake(const std::string& host, const std::atomic<bool>& running);
+    /// Sends the upgrade request and judges the answer. Gives up soon after `running` is cleared.
+    Handshake ws_handshake(const std::string& host, const std::atomic<bool>& running);
 
     /// Sends one final frame. False when the connection is no longer usable.
     bool ws_send_frame(std::string_view payload, WsOpcode opcode = WsOpcode::Text);

@@ -17,7 +17,6 @@
 #include "base/sleep.h"
 #include "log/log.h"
 #include "transport/debug_drop.h"
-#include "tui/board.h"
 
 namespace ox {
 namespace {
@@ -101,8 +100,8 @@ UdpSender::~UdpSender() {
 
 bool UdpSender::open(const std::string& dest_ip, uint16_t dest_port, uint16_t src_port) {
     close();
+    bind_error_ = 0;
     if (!adopt_reserved(src_port) && !bind_anew(src_port)) return false;
-    if (src_port != 0) tui::board().clear_port(src_port);
     local_port_ = src_port;
     enlarge_send_buffer();
     ::setsockopt(socket_.get(), IPPROTO_IP, IP_TOS, &kExpeditedForwarding,
@@ -152,9 +151,8 @@ bool UdpSender::bind_anew(uint16_t port) {
         return false;
     }
     if (port == 0 || bind_socket(socket_, port)) return true;
-    const int error = errno;
-    OX_ERROR("UdpSender: bind :%u failed: %s", port, std::strerror(error));
-    if (error == EADDRINUSE) tui::board().raise(tui::Alert::PortBusy, port);
+    bind_error_ = errno;
+    OX_ERROR("UdpSender: bind :%u failed: %s", port, std::strerror(bind_error_));
     socket_.reset();
     return false;
 }

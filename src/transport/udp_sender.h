@@ -33,14 +33,16 @@ class UdpSender {
     UdpSender& operator=(const UdpSender&) = delete;
 
     /// Binds `src_port` already, without a word, so that no probe is too early for the `open` that
-    /// follows with the same port. What fails here is told there.
+    /// follows with the same port, which also reports what fails here.
     void reserve(uint16_t src_port);
 
     /// Binds `src_port` (0: the kernel picks one at the first send) and aims at `dest_ip` (dotted
-    /// IPv4) and `dest_port`. False with an error line when anything fails; a busy port also raises
-    /// the board's alert. An open sender is closed first; the counters run on.
+    /// IPv4) and `dest_port`. False with an error line when anything fails. An open sender is
+    /// closed first; the counters run on.
     bool open(const std::string& dest_ip, uint16_t dest_port, uint16_t src_port);
     [[nodiscard]] bool is_open() const { return socket_.is_open(); }
+    /// errno with which the last `open` failed to bind its port; 0 when it could.
+    [[nodiscard]] int bind_error() const { return bind_error_; }
 
     /// Asks probes to carry the first 8 bytes of `token`. Call before `start_probe_listener`.
     void set_probe_token(const uint8_t* token, size_t length);
@@ -97,6 +99,7 @@ class UdpSender {
     uint16_t reserved_port_ = 0;
     UniqueFd socket_;
     uint16_t local_port_ = 0;
+    int bind_error_ = 0;
     /// IPv4 address and port that are sent to, packed into one word so that no datagram takes a
     /// lock.
     std::atomic<uint64_t> destination_{0};

@@ -18,7 +18,7 @@
 #include "support/environment.h"
 #include "support/log_capture.h"
 #include "support/xvfb.h"
-#include "tui/board.h"
+#include "tui/board/board.h"
 
 namespace ox {
 namespace {

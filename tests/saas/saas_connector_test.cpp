@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "app/board_reports.h"
 #include "saas/platform_messages.h"
 #include "saas/raw_backend.h"
 #include "support/child_process.h"
@@ -21,7 +22,7 @@
 #include "support/log_capture.h"
 #include "support/log_file.h"
 #include "support/temp_dir.h"
-#include "tui/board.h"
+#include "tui/board/board.h"
 
 namespace ox {
 namespace {
@@ -133,6 +134,7 @@ TEST_F(SaasConnectorTest, RegistersHandsRequestsOverAndKeepsTheLinkThroughNonsen
 
 TEST_F(SaasConnectorTest, ReportsARefusedTokenUntilAHandshakeSucceeds) {
     SaasConnector connector(config(backend_.port()), quick());
+    connector.set_link_callback(report_platform_link);
     connector.start();
     const std::pair<std::string, bool> answers[] = {
         {"HTTP/1.1 500 Oh no\r\nX: 403 401\r\n\r\n", false},
@@ -163,6 +165,7 @@ TEST_F(SaasConnectorTest, ReportsARefusedTokenUntilAHandshakeSucceeds) {
 
 TEST_F(SaasConnectorTest, ReportsASecondAgentAndLinkChangesOnce) {
     SaasConnector connector(config(backend_.port()), quick());
+    connector.set_link_callback(report_platform_link);
     connector.start();
     for (const char* close : {"\x88\x0A\x0F\xA9replaced", "\x88\x02\x0F\xA9"}) {
         RawPeer peer = accept_registered();

@@ -4,7 +4,7 @@
 
 #include "desktop/desktop_search.h"
 #include "log/log.h"
-#include "tui/board.h"
+#include "tui/board/board.h"
 
 namespace ox {
 namespace {

@@ -1,12 +1,16 @@
 #include "app/session/media_stream.h"
 
+#include "app/board_reports.h"
+
 namespace ox {
 
 bool MediaStream::open(const std::string& launcher, uint16_t dest_port, uint16_t local_port) {
     // Parity for keyframes only: with repair for every picture a stream of small pictures would
     // grow by a packet each, and a lost one is mended by a keyframe.
     packetizer_.set_repair_ratio(0.0F);
-    return sender_.open(launcher, dest_port, local_port);
+    const bool opened = sender_.open(launcher, dest_port, local_port);
+    report_bound_port(local_port, sender_.bind_error());
+    return opened;
 }
 
 bool MediaStream::set_key(std::span<const uint8_t> key) {

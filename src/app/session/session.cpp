@@ -1,18 +1,19 @@
-#include "app/session/session.h"
+#include "app/session/run_session.h"
 
 #include <algorithm>
 #include <utility>
 
+#include "app/board_reports.h"
 #include "app/memory_trim.h"
 #include "app/process_flags.h"
+#include "app/session/session.h"
 #include "app/session/session_board.h"
-#include "app/session/session_state.h"
 #include "app/session/stream_settings.h"
 #include "base/sleep.h"
 #include "log/log.h"
 #include "saas/saas_connector.h"
 #include "scheduling/kernel_priority.h"
-#include "tui/board.h"
+#include "tui/board/board.h"
 
 namespace ox {
 namespace {
@@ -80,6 +81,7 @@ std::string Session::wait_for_launcher() {
     control_.master_key = std::move(request_.key_material);
     control_.expected_token_sha256 = request_.expected_token_sha256;
     control_.host_caps = host_caps(options_.media_rfi);
+    control_.on_listen = report_control_port;
     // A launcher may send its only probe as soon as it has its keys.
     control_.before_ready = [this] {
         video_.sender().reserve(port(kVideoLocalPortOffset));
@@ -140,9 +142,10 @@ void Session::start_input() {
     input_.set_feedback_callback([this](const InputPacket& packet) {
         feedback_.handle(packet, static_cast<int64_t>(steady_now_us()));
     });
-    if (input_.set_key(key.data(), key.size()) && input_.start(port(kInputPortOffset))) {
-        tui::board().input_device(input_.device_error());
-    }
+    if (!input_.set_key(key.data(), key.size())) return;
+    const bool started = input_.start(port(kInputPortOffset));
+    report_bound_port(port(kInputPortOffset), input_.bind_error());
+    if (started) tui::board().input_device(input_.device_error());
 }
 
 void Session::start_control() {

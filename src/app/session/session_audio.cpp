@@ -1,5 +1,6 @@
 #include "app/session/session_audio.h"
 
+#include "app/board_reports.h"
 #include "log/log.h"
 
 namespace ox {
@@ -10,7 +11,9 @@ void SessionAudio::reserve(uint16_t local_port) {
 
 void SessionAudio::open(const std::string& launcher, uint16_t dest_port, uint16_t local_port) {
     if (options_.audio) {
-        if (sender_.open(launcher, dest_port, local_port)) {
+        const bool opened = sender_.open(launcher, dest_port, local_port);
+        report_bound_port(local_port, sender_.bind_error());
+        if (opened) {
             sender_.start_probe_listener();
         } else {
             OX_WARN("Session: audio sender open failed — continuing video-only");

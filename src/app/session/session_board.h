@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tui/board.h"
+#include "tui/board/board.h"
 #include "video/video_encoder.h"
 
 namespace ox {

@@ -10,7 +10,7 @@
 #include "app/options.h"
 #include "app/session/capture_opening.h"
 #include "base/clock.h"
-#include "tui/board.h"
+#include "tui/board/board.h"
 #include "video/capture.h"
 
 namespace ox {

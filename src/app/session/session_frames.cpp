@@ -2,8 +2,8 @@
 #include <algorithm>
 
 #include "app/process_flags.h"
+#include "app/session/session.h"
 #include "app/session/session_board.h"
-#include "app/session/session_state.h"
 #include "app/session/stream_settings.h"
 #include "base/sleep.h"
 #include "log/log.h"

@@ -1,8 +1,8 @@
 // What a session does when its launcher is gone.
 #include <algorithm>
 
+#include "app/session/session.h"
 #include "app/session/session_board.h"
-#include "app/session/session_state.h"
 #include "base/sleep.h"
 #include "log/log.h"
 

@@ -1,0 +1,171 @@
+#include "fountain/wirehair.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+struct FreeCodec {
+    void operator()(WirehairCodec codec) const { wirehair_free(codec); }
+};
+using CodecOwner = std::unique_ptr<WirehairCodec_t, FreeCodec>;
+using Bytes = std::vector<uint8_t>;
+
+Bytes random_message(size_t bytes, uint32_t seed) {
+    std::mt19937 random(seed);
+    Bytes message(bytes);
+    for (uint8_t& byte : message)
+        byte = static_cast<uint8_t>(random());
+    return message;
+}
+
+CodecOwner make_encoder(const Bytes& message, uint32_t block_bytes) {
+    EXPECT_EQ(wirehair_init(), Wirehair_Success);
+    return CodecOwner(
+        wirehair_encoder_create(nullptr, message.data(), message.size(), block_bytes));
+}
+
+CodecOwner make_decoder(size_t message_bytes, uint32_t block_bytes) {
+    return CodecOwner(wirehair_decoder_create(nullptr, message_bytes, block_bytes));
+}
+
+Bytes block_of(WirehairCodec encoder, uint32_t id, uint32_t block_bytes) {
+    Bytes block(block_bytes);
+    uint32_t written = 0;
+    EXPECT_EQ(wirehair_encode(encoder, id, block.data(), block_bytes, &written), Wirehair_Success);
+    block.resize(written);
+    return block;
+}
+
+Bytes recovered(WirehairCodec decoder, size_t message_bytes) {
+    Bytes message(message_bytes);
+    EXPECT_EQ(wirehair_recover(decoder, message.data(), message_bytes), Wirehair_Success);
+    return message;
+}
+
+/// Feeds blocks that survive a lossy channel until the decoder has enough; returns how many it
+/// took.
+uint32_t feed(WirehairCodec decoder, WirehairCodec encoder, uint32_t block_bytes, double loss,
+              std::mt19937& random) {
+    std::geometric_distribution<uint32_t> lost(1 - loss);
+    WirehairResult result = Wirehair_NeedMore;
+    uint32_t fed = 0;
+    for (uint32_t id = lost(random); result == Wirehair_NeedMore; id += 1 + lost(random)) {
+        const Bytes block = block_of(encoder, id, block_bytes);
+        result = wirehair_decode(decoder, id, block.data(), static_cast<uint32_t>(block.size()));
+        ++fed;
+    }
+    EXPECT_EQ(result, Wirehair_Success);
+    return fed;
+}
+
+// One message through everything: source blocks as they are, decoding from a lossy channel, the
+// message and its last block, and the decoder as the next sender. Codecs of several threads do not
+// meet.
+TEST(Wirehair, AMessageOfAnyShapeSurvivesLossAndGoesOn) {
+    const struct {
+        uint32_t blocks, block_bytes, final_bytes;
+    } shapes[] = {{2, 1, 1},     {2, 40, 3},  {3, 33, 33},    {4, 160, 160}, {5, 1146, 1},
+                  {17, 100, 99}, {257, 9, 2}, {1000, 50, 13}, {2048, 4, 1},  {64000, 2, 1}};
+    std::vector<std::jthread> threads;
+    for (const auto shape : shapes) {
+        threads.emplace_back([shape] {
+            const auto [blocks, block_bytes, final_bytes] = shape;
+            SCOPED_TRACE(blocks);
+            const size_t full = size_t{blocks - 1} * block_bytes;
+            const Bytes message = random_message(full + final_bytes, blocks);
+            const CodecOwner encoder = make_encoder(message, block_bytes);
+            const CodecOwner decoder = make_decoder(message.size(), block_bytes);
+            const Bytes last(message.end() - static_cast<ptrdiff_t>(final_bytes), message.end());
+            EXPECT_EQ(block_of(encoder.get(), blocks - 1, block_bytes), last);
+
+            std::mt19937 random(blocks);
+            feed(decoder.get(), encoder.get(), block_bytes, 0.4, random);
+            EXPECT_TRUE(recovered(decoder.get(), message.size()) == message);
+            Bytes block(block_bytes);
+            uint32_t length = 0;
+            EXPECT_EQ(wirehair_recover_block(decoder.get(), blocks - 1, block.data(), &length),
+                      Wirehair_Success);
+            block.resize(length);
+            EXPECT_EQ(block, last);
+            EXPECT_EQ(wirehair_decoder_becomes_encoder(decoder.get()), Wirehair_Success);
+            for (const uint32_t id : {0U, blocks - 1, blocks, blocks + 77, UINT32_MAX}) {
+                EXPECT_EQ(block_of(decoder.get(), id, block_bytes),
+                          block_of(encoder.get(), id, block_bytes))
+                    << id;
+            }
+        });
+    }
+}
+
+// Every block count has a matrix that can be solved, and few blocks more than its own are needed.
+// One codec serves all messages, in both roles in turn.
+TEST(Wirehair, NeedsFewBlocksMoreThanTheMessageHas) {
+    uint32_t trials = 0;
+    uint32_t extra = 0;
+    std::mt19937 random(11);
+    CodecOwner one = make_encoder(random_message(9, 1), 3);
+    CodecOwner other = make_decoder(9, 3);
+    for (uint32_t blocks = 2; blocks <= 64000; blocks += blocks < 300 ? 1 : 5 + blocks) {
+        const Bytes message = random_message(blocks, 1);
+        std::swap(one, other);
+        ASSERT_EQ(wirehair_encoder_create(one.get(), message.data(), blocks, 1), one.get());
+        for (uint32_t i = 0; i < (blocks < 300 ? 12 : 1); ++i, ++trials) {
+            ASSERT_EQ(wirehair_decoder_create(other.get(), blocks, 1), other.get());
+            extra += feed(other.get(), one.get(), 1, 0.05 + 0.07 * i, random) - blocks;
+            ASSERT_TRUE(recovered(other.get(), blocks) == message) << blocks;
+        }
+    }
+    EXPECT_LT(extra, trials * 0.03);
+}
+
+TEST(WirehairRefusals, NothingIsCreatedForUnsuitableMessages) {
+    ASSERT_EQ(wirehair_init(), Wirehair_Success);
+    const struct {
+        uint64_t message_bytes;
+        uint32_t block_bytes;
+        bool possible;
+    } cases[] = {{0, 4, false},    {10, 0, false},    {10, 10, false},        {10, 9, true},
+                 {64000, 1, true}, {64001, 1, false}, {UINT64_MAX, 1, false}, {64001, 2, true}};
+    for (const auto& [message_bytes, block_bytes, possible] : cases)
+        EXPECT_EQ(make_decoder(message_bytes, block_bytes) != nullptr, possible) << message_bytes;
+    EXPECT_EQ(wirehair_encoder_create(nullptr, nullptr, 10, 4), nullptr);
+}
+
+// Ten bytes in blocks of four: three blocks, the last one two bytes long.
+TEST(WirehairRefusals, EveryCallChecksItsArgumentsAndItsTurn) {
+    const Bytes message{1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
+    const CodecOwner encoder = make_encoder(message, 4);
+    const CodecOwner decoder = make_decoder(message.size(), 4);
+    Bytes out(10);
+    uint32_t bytes = 0;
+    EXPECT_EQ(wirehair_encode(encoder.get(), 0, out.data(), 3, &bytes), Wirehair_InvalidInput);
+    EXPECT_EQ(wirehair_recover(decoder.get(), out.data(), 10), Wirehair_NeedMore);
+    EXPECT_EQ(wirehair_decoder_becomes_encoder(decoder.get()), Wirehair_NeedMore);
+    const struct {
+        uint32_t id;
+        Bytes block;
+        WirehairResult result;
+    } cases[] = {
+        {0, {}, Wirehair_InvalidInput},
+        {0, {1, 2, 3}, Wirehair_InvalidInput},
+        {2, {9}, Wirehair_InvalidInput},
+        {0, {1, 2, 3, 4}, Wirehair_NeedMore},
+        {0, {1, 2, 3, 4}, Wirehair_NeedMore},     // twice counts once
+        {2, {9, 10, 55, 66}, Wirehair_NeedMore},  // what pads the last one does not count
+        {1, {5, 6, 7, 8}, Wirehair_Success},
+        {7, {0, 0, 0, 0}, Wirehair_Success},  // not needed any more
+    };
+    for (const auto& [id, block, result] : cases)
+        EXPECT_EQ(
+            wirehair_decode(decoder.get(), id, block.data(), static_cast<uint32_t>(block.size())),
+            result)
+            << id << ", " << block.size();
+    EXPECT_EQ(recovered(decoder.get(), 10), message);
+}
+
+}  // namespace

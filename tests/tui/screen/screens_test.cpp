@@ -1,0 +1,115 @@
+// The screens and what they write to: no reader may hold the agent up.
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <csignal>
+#include <optional>
+
+#include "support/eventually.h"
+#include "support/pseudo_terminal.h"
+#include "support/redirected_fd.h"
+#include "support/terminal_model.h"
+#include "tui/screen/full_screen.h"
+#include "tui/screen/output_pipe.h"
+#include "tui/screen/sample_boards.h"
+#include "tui/screen/screen_runner.h"
+#include "tui/screen/terminal_output.h"
+
+namespace ox::tui {
+namespace {
+
+TEST(FullScreen, StalledTerminalMissesPicturesButNeverPartsOfThemNorTheLastWords) {
+    const ox::test::OutputPipe pipe;
+    pipe.fill();
+    Snapshot board = test::streaming_board();
+    std::optional<FullScreen> screen(std::in_place, pipe.writer.get(), Lang::English, Host::Desktop,
+                                     ColourMode::Ansi);
+    screen->paint(board);
+    // Long enough for several more pictures. A screen that waits would never come back.
+    board.session.width = 77'777;
+    const auto end = SteadyClock::now() + std::chrono::milliseconds(250);
+    while (SteadyClock::now() < end)
+        screen->paint(board);
+    EXPECT_EQ(pipe.read_all(), "");
+    board.session.width = 1234;
+    screen->paint(board);
+    std::string written;
+    ox::test::TerminalModel terminal(80, 24);
+    EXPECT_TRUE(ox::test::eventually([&] {
+        screen->idle();
+        const std::string bytes = pipe.read_all();
+        written += bytes;
+        terminal.feed(bytes);
+        return terminal.text().find("1234×1440") != std::string::npos;
+    })) << terminal.text();
+    EXPECT_EQ(written.find("77777"), std::string::npos) << "pictures pile up";
+    EXPECT_EQ(terminal.unknown(), "");
+    board.events.back().kind = EventKind::StoppedOnError;
+    screen->paint(board);
+    screen.reset();
+    EXPECT_TRUE(pipe.read_all().ends_with("The agent stopped on an error: /var/log/agent.log\n"));
+}
+
+TEST(ScreenRunner, StopsInTimeWhateverStandardOutputDoes) {
+    ASSERT_NE(std::signal(SIGPIPE, SIG_DFL), SIG_ERR);  // NOLINT: the macro casts
+    ox::test::OutputPipe full;
+    full.fill();
+    ox::test::OutputPipe broken;
+    broken.reader.reset();
+    const UniqueFd no_space(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+    for (const int fd : {full.writer.get(), broken.writer.get(), no_space.get(), -1}) {
+        const ox::test::RedirectedFd redirected(STDOUT_FILENO, fd);
+        Board board;
+        ScreenRunner runner;
+        runner.start(Lang::Russian, board, ColourMode::TrueColour);
+        for (int i = 0; i < 2000; ++i)
+            board.push(EventKind::PlayerBack);
+        const auto started = std::chrono::steady_clock::now();
+        runner.stop();
+        // Far above the tenths of a second that it takes, far below a wait for the reader.
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2)) << fd;
+    }
+}
+
+/// The reading and the writing end of a pipe, a terminal and a socket.
+std::array<std::pair<UniqueFd, UniqueFd>, 3> channels() {
+    ox::test::OutputPipe pipe;
+    ox::test::PseudoTerminal terminal(80, 24);
+    std::array<int, 2> ends{};
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    return {std::pair{std::move(pipe.reader), std::move(pipe.writer)},
+            {std::move(terminal.user), std::move(terminal.program)},
+            {UniqueFd(ends[0]), UniqueFd(ends[1])}};
+}
+
+// More than any of them holds: a write that waits would never come back.
+TEST(LineOutput, WaitsForNobodyAndDropsWholeLines) {
+    for (const auto& [reader, writer] : channels()) {
+        const std::string line(99, 'x');
+        LineOutput output(writer.get());
+        for (int i = 0; i < 20; ++i) {
+            for (int n = 0; n < 500; ++n)
+                output.add(line);
+            output.flush_within(std::chrono::milliseconds(1));
+        }
+        EXPECT_EQ(::fcntl(writer.get(), F_GETFL) & O_NONBLOCK, 0) << "the shared mode was changed";
+        std::string text;
+        std::array<char, 4096> buffer{};
+        for (pollfd readable{reader.get(), POLLIN, 0}; ::poll(&readable, 1, 200) == 1;) {
+            const ssize_t n = ::read(reader.get(), buffer.data(), buffer.size());
+            text.append(buffer.data(), static_cast<size_t>(std::max<ssize_t>(n, 0)));
+            output.flush();
+        }
+        std::erase(text, '\r');
+        EXPECT_GE(text.size(), 655 * (line.size() + 1)) << "what it buffers";
+        EXPECT_LT(text.size(), 10'000 * (line.size() + 1)) << "nothing was dropped?";
+        ASSERT_EQ(text.size() % (line.size() + 1), 0U);
+        for (size_t at = 0; at < text.size(); at += line.size() + 1)
+            ASSERT_EQ(text.substr(at, line.size() + 1), line + "\n");
+    }
+}
+
+}  // namespace
+}  // namespace ox::tui
