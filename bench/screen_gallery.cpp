@@ -1,5 +1,5 @@
-// Shows the console screen on this terminal in a chosen state, with made-up figures that move, for
-// looking at it and for measuring what it costs.
+// Shows the console screen on this terminal in a chosen state, with simulated measurements, to
+// review it and to measure its CPU time.
 //
 //   screen_gallery STATE [SECONDS]
 //
@@ -21,8 +21,8 @@
 
 #include "base/clock.h"
 #include "tui/board/board.h"
-#include "tui/board/clock_text.h"
-#include "tui/screen/screen_runner.h"
+#include "tui/board/localization.h"
+#include "tui/screen/screen.h"
 
 namespace {
 
@@ -32,13 +32,13 @@ using namespace ox::tui;
 std::sig_atomic_t volatile stop_requested = 0;
 
 void add_event(Snapshot& state, EventKind kind, int64_t seconds_ago, int64_t value = 0) {
-    board().push_locked(kind, value);
+    state.add_event(kind, value);
     Event& event = state.events.back();
     event.time_s -= seconds_ago;
     event.clock = clock_text(event.time_s);
 }
 
-void add_figures(SessionView& session, int step, bool poor) {
+void add_metrics(SessionView& session, int step, bool poor) {
     const double wave = std::sin(step / 5.0) + 0.5 * std::sin(step / 1.7);
     const double calm = std::sin(step / 11.0);  // quiet scenes need fewer bits
     session.measured_mbps = 9.3 + 1.6 * wave + 3.4 * calm;
@@ -50,7 +50,7 @@ void add_figures(SessionView& session, int step, bool poor) {
         session.rtt_ms = 130 + 60 * wave;
         session.loss_pct = std::max(0.0, 1.4 + 1.5 * wave);
     }
-    session.keep_figures();
+    session.record_metrics();
 }
 
 void begin(Snapshot& state) {
@@ -89,7 +89,7 @@ void stream(Snapshot& state, bool poor) {
     session.fps = 60;
     session.active = true;
     for (int step = 0; step < 70; ++step)
-        add_figures(session, step, poor);
+        add_metrics(session, step, poor);
 }
 
 void raise(Snapshot& state, Alert alert, int64_t seconds_ago) {
@@ -183,7 +183,7 @@ int main(int argc, char** argv) {
         for (int i = 0; i < 20 && stop_requested == 0 && SteadyClock::now() < end; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         if (!moves) continue;
-        board().update([&](Snapshot& state) { add_figures(state.session, step, name == "poor"); });
+        board().update([&](Snapshot& state) { add_metrics(state.session, step, name == "poor"); });
     }
     const double used_ms = cpu_ms() - before_ms;
     const std::chrono::duration<double> lasted = SteadyClock::now() - begun;

@@ -4,10 +4,12 @@ add_library(ox_build_settings INTERFACE)
 target_compile_options(ox_build_settings INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wnon-virtual-dtor -Wold-style-cast
   -Woverloaded-virtual)
-# A value that a switch forgets is a text, a message or a case that is missing.
 target_compile_options(ox_build_settings INTERFACE -Werror=switch)
-# GCC 12 sees overlapping copies in any concatenation of a literal and a string (GCC bug 105651), it
-# and the next two comparisons of impossible length in inlined ones of vectors (105329).
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  target_compile_options(ox_build_settings INTERFACE -Wthread-safety)  # see base/mutex.h
+endif()
+# False positives: overlapping copies in concatenations of a literal and a string (GCC bug 105651),
+# comparisons of impossible length in vectors (105329).
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   if(CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     target_compile_options(ox_build_settings INTERFACE -Wno-restrict)
@@ -31,10 +33,9 @@ check_pie_supported()
 
 # ox_library(<name> SOURCES ... [PUBLIC libs...] [PRIVATE libs...])
 #
-# A static library of the folder it is called in, whose headers are included as
-# "<folder below src>/<file>.h". Each library has an include folder of its own, which shows that
-# folder and nothing else: a file that includes a header of a library that its own library does not
-# link does not compile. The link lists are the project's architecture.
+# A static library of the current folder, whose headers are included as "<folder below src>/<file>.h".
+# Each library has an include folder with that folder alone: including a header of a library that is
+# not linked does not compile. The link lists are the project's architecture.
 function(ox_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
@@ -42,7 +43,7 @@ function(ox_library name)
   target_link_libraries(${name} PUBLIC ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE} ox_build_settings)
 endfunction()
 
-# ox_include_folder(<library>): an include folder that shows the current source folder alone.
+# ox_include_folder(<library>): an include folder that contains the current source folder alone.
 function(ox_include_folder library)
   file(RELATIVE_PATH folder ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
   string(REGEX REPLACE "^src/" "" folder ${folder})
@@ -64,8 +65,7 @@ function(ox_test name)
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   if(OX_SANITIZE)
-    # Optimising the sanitizers' checks takes four times as long as compiling, and it is not the
-    # tests' own speed that matters.
+    # Optimising the sanitizers' checks would take four times as long as compiling.
     target_compile_options(${name} PRIVATE -O0)
   endif()
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest_main GTest::gmock

@@ -1,11 +1,11 @@
-// Texts from outside on their way to the screen.
+// Text from outside that is shown on the screen.
 
 #include "base/text.h"
 #include "fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1) return 0;
-    namespace text = ox::tui::text;
+    namespace text = ox::text;
     const std::string_view bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
     const int columns = data[0] % 100;
     const std::string clean = text::sanitize(bytes);

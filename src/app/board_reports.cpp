@@ -18,7 +18,7 @@ void show_connected() {
         if (std::exchange(shown.link, tui::LinkState::Connected) == tui::LinkState::Connected)
             return;
         shown.link_since_s = system_now_s();
-        board.push_locked(tui::EventKind::PlatformConnected, 0);
+        shown.add_event(tui::EventKind::PlatformConnected);
     });
 }
 
@@ -29,7 +29,7 @@ void show_lost() {
         const auto before = std::exchange(shown.link, tui::LinkState::Reconnecting);
         if (before != tui::LinkState::Reconnecting) shown.link_since_s = system_now_s();
         // The first attempts of all have lost nothing.
-        if (before == tui::LinkState::Connected) board.push_locked(tui::EventKind::PlatformLost, 0);
+        if (before == tui::LinkState::Connected) shown.add_event(tui::EventKind::PlatformLost);
     });
 }
 

@@ -23,7 +23,7 @@ DesktopNotice::DesktopNotice(const Options& options) {
     const std::string& capture = options.capture;
     if (capture == "auto") {
         missing_.push_back({"display", [display = options.display](const Cancelled& cancelled) {
-                                return in_words(look_for_desktop(display, cancelled));
+                                return in_words(search_desktop(display, cancelled));
                             }});
     }
     // An X11 desktop is captured without the bus.

@@ -43,8 +43,11 @@ int answer(const CommandLine& command_line, const char* program) {
 /// Gives the terminal to the screen, or leaves it to the log.
 void start_screen(tui::ScreenRunner& screen, bool console_log, bool log_file_open) {
     if (!log_file_open) {
-        OX_WARN("Log file %s cannot be written - logging to the terminal only",
-                log_sinks().path.c_str());
+        const std::string path = [] {
+            const MutexLock lock(log_mutex());
+            return log_sinks().path;
+        }();
+        OX_WARN("Log file %s cannot be written - logging to the terminal only", path.c_str());
         return;
     }
     if (console_log) return;

@@ -46,7 +46,7 @@ void record_rented_session(const std::string& session_id) {
         state.session.since_s = system_now_s();
         state.session.id = session_id;
         state.session.active = true;
-        tui::board().push_locked(tui::EventKind::PcRented, 0);
+        state.add_event(tui::EventKind::PcRented);
     });
 }
 

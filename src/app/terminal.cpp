@@ -19,7 +19,7 @@ namespace {
 
 /// Opens `path` for appending as the logger's file. False when that fails.
 bool open_log_file(const std::string& path) {
-    const std::lock_guard lock(log_mutex());
+    const MutexLock lock(log_mutex());
     LogSinks& sinks = log_sinks();
     sinks.path = path;
     sinks.file = std::fopen(path.c_str(), "ae");  // NOLINT: closed by its owner, LogSinks
@@ -77,13 +77,13 @@ bool open_log_and_identify() {
         state.version = build::version();
         state.host = host_name();
         state.log_path = opened ? path : "";
-        tui::board().push_locked(tui::EventKind::AgentStarted, 0);
+        state.add_event(tui::EventKind::AgentStarted);
     });
     return opened;
 }
 
 void redirect_stderr_to_log() {
-    const std::lock_guard lock(log_mutex());
+    const MutexLock lock(log_mutex());
     LogSinks& sinks = log_sinks();
     sinks.console = false;
     std::fflush(stderr);

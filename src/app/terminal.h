@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tui/screen/screen_runner.h"
+#include "tui/screen/screen.h"
 
 namespace ox {
 

@@ -9,7 +9,7 @@
 #include "base/clock.h"
 #include "base/sleep.h"
 #include "log/log.h"
-#include "scheduling/real_time_priority.h"
+#include "scheduling/thread_priority.h"
 #include "transport/udp_sender.h"
 
 namespace ox {

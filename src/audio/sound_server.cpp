@@ -7,6 +7,7 @@
 #include "audio/pulse_handles.h"
 #include "base/clock.h"
 #include "base/environment.h"
+#include "base/local_socket.h"
 
 namespace ox {
 namespace {

@@ -7,8 +7,8 @@
 
 namespace ox {
 
-// Every wire format of the program is little-endian, and its packed structures go out as they lie
-// in memory; a big-endian port would need more than these two functions.
+// Every wire format of the program is little-endian, and packed structures are sent as they are in
+// memory; a big-endian port would need more than these two functions.
 static_assert(std::endian::native == std::endian::little, "the wire structs assume little-endian");
 
 /// Writes `value` to `out` (sizeof(value) bytes, any alignment), least significant byte first.

@@ -14,7 +14,7 @@ struct Destroyer {
 };
 }  // namespace detail
 
-/// Owner of a C library's object, which ends with `Destroy(object)`.
+/// Owner of a C library's object that is released by `Destroy(object)`.
 template <typename T, auto Destroy>
 using CHandle = std::unique_ptr<T, detail::Destroyer<Destroy>>;
 

@@ -11,7 +11,7 @@
 
 namespace ox {
 
-// The program never changes its environment: other threads read theirs at any time.
+// The program never changes its environment, so any thread may read it.
 
 /// Value of an environment variable; empty when it is not set.
 [[nodiscard]] inline std::string_view environment(const char* name) noexcept {
@@ -33,15 +33,15 @@ namespace ox {
     return user_entry(&passwd::pw_name);
 }
 
-/// The user's home folder, also where nobody has set HOME.
+/// The user's home folder, also where HOME is not set.
 [[nodiscard]] inline std::string home_folder() {
     if (const auto home = environment("HOME"); !home.empty()) return std::string(home);
     return user_entry(&passwd::pw_dir);
 }
 
 /// Folder of the user's sockets (file-hierarchy(7)): XDG_RUNTIME_DIR, or, in a process that was
-/// started outside of the user's sessions, the folder that logind makes with the first of them.
-/// Empty as long as there is none.
+/// started outside of the user's sessions, the folder that logind creates for them. Empty while
+/// there is none.
 [[nodiscard]] inline std::string runtime_folder() {
     if (const auto folder = environment("XDG_RUNTIME_DIR"); !folder.empty()) {
         return std::string(folder);
@@ -51,13 +51,6 @@ namespace ox {
     const bool is_ours = ::stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
                          status.st_uid == ::getuid();
     return is_ours ? folder : "";
-}
-
-/// Whether `path` is a socket of this process's user.
-[[nodiscard]] inline bool is_own_socket(const std::string& path) {
-    struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) &&
-           status.st_uid == ::getuid();
 }
 
 }  // namespace ox

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <string>
@@ -11,7 +13,7 @@
 namespace ox {
 
 /// A non-blocking connection to the stream socket at `path`. None, with the reason in errno, when
-/// nobody accepts there at once: a server that has stopped accepting is not waited for.
+/// the server is gone or its listen queue is full.
 [[nodiscard]] inline UniqueFd connect_local(const std::string& path) noexcept {
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
     if (path.size() >= sizeof address.sun_path) {
@@ -27,6 +29,13 @@ namespace ox {
         errno = error;
     }
     return socket;
+}
+
+/// Whether `path` is a socket of this process's user.
+[[nodiscard]] inline bool is_own_socket(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) &&
+           status.st_uid == ::getuid();
 }
 
 }  // namespace ox

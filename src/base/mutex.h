@@ -13,11 +13,11 @@
 #define OX_THREAD_ATTRIBUTE(attribute)
 #endif
 
-/// A field that is only touched while `mutex` is held.
+/// A field that is only accessed while `mutex` is held.
 #define OX_GUARDED_BY(mutex) OX_THREAD_ATTRIBUTE(guarded_by(mutex))
 /// A function that is only called while `mutex` is held.
 #define OX_REQUIRES(mutex) OX_THREAD_ATTRIBUTE(requires_capability(mutex))
-/// A function that takes `mutex` itself.
+/// A function that locks `mutex` itself.
 #define OX_EXCLUDES(mutex) OX_THREAD_ATTRIBUTE(locks_excluded(mutex))
 
 namespace ox {
@@ -32,7 +32,7 @@ class OX_THREAD_ATTRIBUTE(capability("mutex")) Mutex {
     std::mutex mutex_;
 };
 
-/// Holds a mutex for its own life, but for the waits.
+/// Locks a mutex for a scope, except during the waits.
 class OX_THREAD_ATTRIBUTE(scoped_lockable) MutexLock {
   public:
     explicit MutexLock(Mutex& mutex) OX_THREAD_ATTRIBUTE(acquire_capability(mutex))
@@ -41,8 +41,13 @@ class OX_THREAD_ATTRIBUTE(scoped_lockable) MutexLock {
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
 
-    /// Both may end without reason. The condition is looked at in a loop around them rather than in
-    /// a lambda, whose body the analysis would not know to run under the lock.
+    /// For std::condition_variable_any, whose waits with a stop token take any lock. Mark a
+    /// predicate that reads guarded fields with OX_REQUIRES.
+    void lock() OX_THREAD_ATTRIBUTE(acquire_capability()) { lock_.lock(); }
+    void unlock() OX_THREAD_ATTRIBUTE(release_capability()) { lock_.unlock(); }
+
+    /// Both may wake up spuriously: check the condition in a loop around them. (A lambda would need
+    /// an annotation of its own.)
     void wait(std::condition_variable& changed) { changed.wait(lock_); }
     std::cv_status wait_until(std::condition_variable& changed,
                               std::chrono::steady_clock::time_point deadline) {

@@ -14,16 +14,16 @@
 
 namespace ox {
 
-/// Overwrites a text that has carried a secret on its way through a library and empties it; unlike
-/// a plain clear() no compiler drops this.
+/// Overwrites and empties a string that held a secret for a library call. Unlike a plain clear(),
+/// the compiler cannot optimise this away.
 inline void wipe(std::string& text) noexcept {
     ::sodium_memzero(text.data(), text.size());
     text.clear();
 }
 
-/// A secret of any length: a key, a token, a line with keys in it. Moved, never copied unawares;
-/// whatever memory it leaves (at its end, when it grows or shrinks, when another takes its place)
-/// is overwritten first.
+/// A secret of any length: a key, a token, a line with keys in it. Move-only, with an explicit
+/// copy. All memory that it releases (on destruction, growth, truncation, assignment) is
+/// overwritten.
 class Secret {
   public:
     Secret() noexcept = default;
@@ -47,16 +47,14 @@ class Secret {
     Secret& operator=(const Secret&) = delete;
     ~Secret() { clear(); }
 
-    /// Another one with the same bytes.
     [[nodiscard]] Secret copy() const { return Secret(std::span<const uint8_t>(*this)); }
 
-    /// Overwrites the bytes and gives their memory back.
+    /// Overwrites the bytes and frees their memory.
     void clear() noexcept {
         if (bytes_) ::sodium_memzero(bytes_.get(), capacity_);
         bytes_.reset();
         size_ = capacity_ = 0;
     }
-    /// Room for `capacity` bytes in all, so that appending up to there moves nothing.
     void reserve(size_t capacity) {
         if (capacity <= capacity_) return;
         auto larger = std::make_unique<uint8_t[]>(capacity);
@@ -67,10 +65,10 @@ class Secret {
         size_ = size;
         capacity_ = capacity;
     }
-    /// Cuts or adds zero bytes at the end.
+    /// Truncates, or appends zero bytes.
     void resize(size_t size) {
         reserve(size);
-        // What is beyond the size is zero already.
+        // Bytes beyond the size are always zero.
         if (size < size_) ::sodium_memzero(bytes_.get() + size, size_ - size);
         size_ = size;
     }
@@ -91,12 +89,12 @@ class Secret {
     [[nodiscard]] uint8_t* end() noexcept { return data() + size_; }
     [[nodiscard]] const uint8_t* begin() const noexcept { return data(); }
     [[nodiscard]] const uint8_t* end() const noexcept { return data() + size_; }
-    /// The bytes as text; valid as long as they are.
+    /// A view of the bytes as text.
     [[nodiscard]] std::string_view text() const noexcept {
         return {reinterpret_cast<const char*>(data()), size_};
     }
 
-    /// In a time that depends on the sizes alone.
+    /// In constant time for equal sizes.
     [[nodiscard]] friend bool operator==(const Secret& a, std::span<const uint8_t> b) noexcept {
         return a.size() == b.size() &&
                (a.empty() || ::sodium_memcmp(a.data(), b.data(), b.size()) == 0);
@@ -111,7 +109,7 @@ class Secret {
     size_t capacity_ = 0;
 };
 
-/// A secret of fixed length that stays where it is, overwritten at its end.
+/// A secret of fixed length that cannot be moved, overwritten on destruction.
 template <size_t N>
 class SecretArray {
   public:

@@ -11,7 +11,7 @@
 
 namespace ox {
 
-/// Sleeps until `deadline` on the steady clock; a signal does not cut the sleep short.
+/// Sleeps until `deadline` on the steady clock, without being interrupted by signals.
 inline void sleep_until_steady(SteadyClock::time_point deadline) noexcept {
     const auto since_epoch = deadline.time_since_epoch();
     const auto seconds = std::chrono::floor<std::chrono::seconds>(since_epoch);
@@ -21,20 +21,20 @@ inline void sleep_until_steady(SteadyClock::time_point deadline) noexcept {
     }
 }
 
-/// Sleeps until `deadline` or until `stop()` returns true, which is asked at least every 50 ms.
-/// Returns false when `stop()` ended the sleep.
+/// Sleeps until `deadline`, or until `stop()`, polled every 50 ms, returns true; then returns
+/// false.
 template <typename Stop>
 bool sleep_until_or(SteadyClock::time_point deadline, Stop&& stop) {
-    constexpr std::chrono::milliseconds kSlice{50};
+    constexpr std::chrono::milliseconds kPollInterval{50};
     for (;;) {
         if (stop()) return false;
         const auto now = SteadyClock::now();
         if (now >= deadline) return true;
-        sleep_until_steady(std::min(deadline, now + kSlice));
+        sleep_until_steady(std::min(deadline, now + kPollInterval));
     }
 }
 
-/// Lets the calling thread's sleeps end on time: the kernel's default timer slack of 50 us is more
+/// Makes the calling thread's sleeps precise: the kernel's default timer slack of 50 us is more
 /// than the gap between two paced datagrams.
 inline void use_minimal_timer_slack() noexcept {
     ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);

@@ -5,8 +5,7 @@
 #include <string_view>
 #include <vector>
 
-/// Measuring and cutting UTF-8 text in terminal columns. Pure functions; malformed bytes read as
-/// U+FFFD, nothing fails, any thread may call.
+/// UTF-8 text in terminal columns. Pure functions that never fail; malformed bytes read as U+FFFD.
 namespace ox::text {
 
 /// Reads the code point at byte `index` and moves `index` past it. `index` must be inside `s`.
@@ -17,14 +16,14 @@ void append_cp(std::string& out, char32_t cp);
 int columns(char32_t cp);
 /// Width in terminal columns.
 int width(std::string_view s);
-/// `s` cut on the right to at most `max` columns, with an ellipsis when something was cut.
+/// `s` truncated on the right to at most `max` columns, with an ellipsis when something was cut.
 std::string clip(std::string_view s, int max);
-/// `s` cut on the left to at most `max` columns, with an ellipsis when something was cut.
+/// `s` truncated on the left to at most `max` columns, with an ellipsis when something was cut.
 std::string clip_left(std::string_view s, int max);
 /// `s` without C0 and C1 control characters and with malformed bytes replaced by U+FFFD.
 std::string sanitize(std::string_view s);
-/// `s` as it may be shown: like `sanitize`, and also without the invisible characters that turn or
-/// shift what follows, and with surrogates and numbers that are no code points replaced.
+/// `s` for display: like `sanitize`, also without invisible characters that reorder or shift text,
+/// and with surrogates and invalid code points replaced.
 std::string printable(std::string_view s);
 /// `s` broken at spaces into lines of at most `max` columns; a no-break space does not break.
 std::vector<std::string> wrap(std::string_view s, int max);

@@ -6,8 +6,7 @@
 
 namespace ox {
 
-/// Owner of one file descriptor; closes it on destruction. Move-only. A plain `int` borrows a
-/// descriptor for the length of a call.
+/// Owner of one file descriptor. Functions that only use a descriptor take a plain `int`.
 class UniqueFd {
   public:
     UniqueFd() noexcept = default;
@@ -21,15 +20,14 @@ class UniqueFd {
     UniqueFd& operator=(const UniqueFd&) = delete;
     ~UniqueFd() { reset(); }
 
-    /// The descriptor, or -1 when none is held.
+    /// The descriptor, or -1 when there is none.
     [[nodiscard]] int get() const noexcept { return fd_; }
     [[nodiscard]] bool is_open() const noexcept { return fd_ >= 0; }
     explicit operator bool() const noexcept { return is_open(); }
 
-    /// Gives the descriptor away without closing it.
     [[nodiscard]] int release() noexcept { return std::exchange(fd_, -1); }
 
-    /// Closes what is held and takes `fd` instead.
+    /// Closes the descriptor and owns `fd` instead.
     void reset(int fd = -1) noexcept {
         if (fd_ >= 0) ::close(fd_);
         fd_ = fd;

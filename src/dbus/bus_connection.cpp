@@ -10,31 +10,26 @@
 namespace ox {
 namespace {
 
-constexpr std::chrono::milliseconds kSlice{50};  // between two looks at the cancel condition
+constexpr std::chrono::milliseconds kCancelInterval{50};
 
-/// libdbus looks without a lock whether it has been made ready for threads.
-void prepare_for_threads() {
+// libdbus checks its thread support without a lock.
+void init_libdbus_threads() {
     static std::once_flag once;
     std::call_once(once, [] { dbus_threads_init_default(); });
 }
 
-/// Whether as many programs as may wait for the socket at `path` to accept them do so already.
-bool is_crowded(const std::string& path) {
-    return !connect_local(path) && errno == EAGAIN;
-}
-
-/// libdbus connects without a limit: at a hanging bus that others wait for, it would wait as long
-/// as the bus hangs.
-bool leads_to_a_crowd(const std::string& address) {
+// libdbus connects without a time limit: while a hanging bus has a full listen queue, it would
+// block.
+bool listen_queue_is_full(const std::string& address) {
     DBusAddressEntry** entries = nullptr;
     int count = 0;
     if (dbus_parse_address(address.c_str(), &entries, &count, nullptr) == FALSE) return false;
-    const bool crowded = std::any_of(entries, entries + count, [](DBusAddressEntry* entry) {
+    const bool full = std::any_of(entries, entries + count, [](DBusAddressEntry* entry) {
         const char* path = dbus_address_entry_get_value(entry, "path");
-        return path != nullptr && is_crowded(path);
+        return path != nullptr && !connect_local(path) && errno == EAGAIN;
     });
     dbus_address_entries_free(entries);
-    return crowded;
+    return full;
 }
 
 }  // namespace
@@ -63,8 +58,8 @@ UniqueFd descriptor_in(DBusMessage& reply) {
 
 bool BusConnection::open(const std::string& address, std::chrono::milliseconds limit,
                          std::string& error) {
-    prepare_for_threads();
-    if (leads_to_a_crowd(address)) {
+    init_libdbus_threads();
+    if (listen_queue_is_full(address)) {
         error = "the bus does not answer";
         return false;
     }
@@ -80,7 +75,7 @@ bool BusConnection::open(const std::string& address, std::chrono::milliseconds l
     return false;
 }
 
-// What dbus_bus_register does, which waits half a minute for a bus that does not answer.
+// Like dbus_bus_register, which waits half a minute for a bus that does not answer.
 bool BusConnection::say_hello(std::chrono::milliseconds limit, std::string& error) {
     const DBusMessagePtr hello(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
                                                             DBUS_INTERFACE_DBUS, "Hello"));
@@ -131,15 +126,15 @@ BusWait BusConnection::read_until(SteadyClock::time_point deadline,
         if (now >= deadline) return BusWait::TimedOut;
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
         dbus_connection_read_write(connection_.get(),
-                                   static_cast<int>(std::min(left, kSlice).count()));
+                                   static_cast<int>(std::min(left, kCancelInterval).count()));
     }
 }
 
-bool BusConnection::read_pending(const std::function<void(DBusMessage&)>& take) {
+bool BusConnection::read_pending(const std::function<void(DBusMessage&)>& handle) {
     if (!connection_) return false;
     dbus_connection_read_write(connection_.get(), 0);
     while (const DBusMessagePtr message{dbus_connection_pop_message(connection_.get())})
-        take(*message);
+        handle(*message);
     return is_open();
 }
 

@@ -2,26 +2,21 @@
 
 #include <dbus/dbus.h>
 
-#include <memory>
+#include "base/c_handle.h"
 
 namespace ox {
 
-struct DBusMessageUnref {
-    void operator()(DBusMessage* message) const { dbus_message_unref(message); }
-};
 /// One reference to a message.
-using DBusMessagePtr = std::unique_ptr<DBusMessage, DBusMessageUnref>;
+using DBusMessagePtr = CHandle<DBusMessage, dbus_message_unref>;
 
-struct DBusConnectionClose {
-    void operator()(DBusConnection* connection) const {
-        dbus_connection_close(connection);
-        dbus_connection_unref(connection);
-    }
-};
-/// A private connection, closed when it goes.
-using DBusConnectionPtr = std::unique_ptr<DBusConnection, DBusConnectionClose>;
+inline void close_and_unref(DBusConnection* connection) {
+    dbus_connection_close(connection);
+    dbus_connection_unref(connection);
+}
+/// A private connection.
+using DBusConnectionPtr = CHandle<DBusConnection, close_and_unref>;
 
-/// An error that a libdbus call may fill.
+/// An error that a libdbus call may set.
 class DBusErrorText {
   public:
     DBusErrorText() { dbus_error_init(&error_); }
@@ -30,7 +25,7 @@ class DBusErrorText {
     DBusErrorText& operator=(const DBusErrorText&) = delete;
 
     DBusError* fill() { return &error_; }
-    /// What was filled in, "?" when nothing was.
+    /// The message, "?" when no error was set.
     [[nodiscard]] const char* text() const {
         return error_.message != nullptr ? error_.message : "?";
     }

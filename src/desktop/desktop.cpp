@@ -33,17 +33,18 @@ Desktop desktop_in(const Variables& variables) {
 
 namespace {
 
-/// What the variables say, as far as it is there: they may be those of the session before.
-Desktop present_desktop(const Variables& variables, DesktopSources& sources) {
+// The desktop that the variables name, without what does not exist: they may be left over from an
+// earlier session.
+Desktop existing_desktop(const Variables& variables, DesktopSources& sources) {
     Desktop desktop = desktop_in(variables);
-    const auto drop = [&](std::string& display, std::string_view its_session) {
-        if (!display.empty() && desktop.session_type == its_session) desktop.session_type.clear();
+    const auto drop = [&](std::string& display, std::string_view session_type) {
+        if (!display.empty() && desktop.session_type == session_type) desktop.session_type.clear();
         display.clear();
     };
     if (!sources.wayland_answers(desktop.wayland_display)) drop(desktop.wayland_display, "wayland");
     const auto number = local_display_number(desktop.display);
     const auto access =
-        number ? sources.enter(*number, std::string(variables("XAUTHORITY"))) : std::nullopt;
+        number ? sources.connect_x(*number, std::string(variables("XAUTHORITY"))) : std::nullopt;
     if (access) {
         desktop.x_access = *access;
     } else {
@@ -52,7 +53,7 @@ Desktop present_desktop(const Variables& variables, DesktopSources& sources) {
     return desktop;
 }
 
-/// What listens on this machine.
+// The desktop that listens on this machine.
 Desktop listening_desktop(DesktopSources& sources) {
     Desktop desktop;
     const auto wayland = sources.wayland_displays();
@@ -61,7 +62,7 @@ Desktop listening_desktop(DesktopSources& sources) {
     });
     if (answering != wayland.end()) desktop.wayland_display = *answering;
     for (const int number : sources.x_displays()) {
-        const auto access = sources.enter(number, {});
+        const auto access = sources.connect_x(number, {});
         if (!access) continue;
         desktop.display = ":" + std::to_string(number);
         desktop.x_access = *access;
@@ -75,10 +76,10 @@ Desktop listening_desktop(DesktopSources& sources) {
 Desktop find_desktop(const Desktop& known, DesktopSources& sources) {
     if (known.has_screen()) return known;
     const std::vector<std::string> list = sources.manager_environment();
-    Desktop found = present_desktop(variables_in(list), sources);
+    Desktop found = existing_desktop(variables_in(list), sources);
     if (!found.has_screen()) found = listening_desktop(sources);
     if (!found.has_screen()) return known;
-    // "tty" of a remote log-in says nothing of the desktop.
+    // The "tty" of a remote login does not describe the desktop.
     if (known.session_type == "x11" || known.session_type == "wayland") {
         found.session_type = known.session_type;
     }

@@ -11,35 +11,35 @@
 
 namespace ox {
 
-/// What a client says of itself so that an X server lets it in (Xsecurity(7)).
+/// The credentials of an X client (Xsecurity(7)).
 struct XAuthorization {
-    std::string name{};  ///< of the scheme; empty: nothing is said, or Xlib finds out by itself
+    std::string name{};  ///< of the scheme; empty: none, or left to Xlib
     std::string data{};
 
     friend bool operator==(const XAuthorization&, const XAuthorization&) = default;
 };
 
-/// A way into an X server.
+/// Access to an X server.
 struct XAccess {
     XAuthorization authorization{};
-    /// A connection that was let in. A server may start anew when its last client goes, and lets
-    /// nobody in meanwhile: so this one stays until there is another.
-    std::shared_ptr<const UniqueFd> foothold{};
+    /// Keeps the server from resetting, which it may do when its last client disconnects, and
+    /// during which it refuses clients.
+    std::shared_ptr<const UniqueFd> held_connection{};
 };
 
-/// What capture has to know of the user's desktop session.
+/// The user's desktop session, as far as capture needs it.
 struct Desktop {
-    std::string session_type{};     ///< as XDG_SESSION_TYPE has it
-    std::string wayland_display{};  ///< as WAYLAND_DISPLAY has it
-    std::string display{};          ///< X display; empty: Xlib asks DISPLAY
+    std::string session_type{};     ///< as in XDG_SESSION_TYPE
+    std::string wayland_display{};  ///< as in WAYLAND_DISPLAY
+    std::string display{};          ///< X display; empty: Xlib uses DISPLAY
     XAccess x_access{};
 
-    /// Whether pictures come from the desktop portal rather than from the X server.
+    /// Whether it is captured through the desktop portal rather than from the X server.
     [[nodiscard]] bool is_wayland() const;
     [[nodiscard]] bool has_screen() const { return !display.empty() || !wayland_display.empty(); }
 };
 
-/// In words: "Wayland wayland-0", "X11 :0".
+/// "Wayland wayland-0", "X11 :0".
 std::string describe(const Desktop& desktop);
 
 /// Value of the variable of this name, empty when there is none.
@@ -47,37 +47,36 @@ using Variables = std::function<std::string_view(const char* name)>;
 /// The variables in a list of "NAME=value", which has to outlive the result.
 Variables variables_in(const std::vector<std::string>& list);
 
-/// What the variables say, without a look at whether it is there.
+/// The desktop that the variables name, whether it exists or not.
 Desktop desktop_in(const Variables& variables);
 
-/// Where a desktop can be found. Each answer is of the moment.
+/// The places to look for a desktop. Each answer may change at any time.
 class DesktopSources {
   public:
     DesktopSources() = default;
     DesktopSources(const DesktopSources&) = delete;
     DesktopSources& operator=(const DesktopSources&) = delete;
     virtual ~DesktopSources() = default;
-    /// The environment that the user's service manager gives to what it starts.
+    /// The environment of the user's service manager.
     virtual std::vector<std::string> manager_environment() = 0;
-    /// Numbers of the X displays of this machine that may be the user's, in the order of
-    /// preference.
+    /// Numbers of the local X displays that may be the user's, best first.
     virtual std::vector<int> x_displays() = 0;
-    /// The user's way in at this X display, with what is found in `authority_file` (may be empty)
-    /// and in the usual places; nothing when there is none.
-    virtual std::optional<XAccess> enter(int x_display, const std::string& authority_file) = 0;
-    /// Names of the user's Wayland displays, in the order of preference.
+    /// Access to this X display as its user, with the credentials in `authority_file` (may be
+    /// empty) and in the usual places.
+    virtual std::optional<XAccess> connect_x(int x_display, const std::string& authority_file) = 0;
+    /// Names of the user's Wayland displays, best first.
     virtual std::vector<std::string> wayland_displays() = 0;
     /// False for an empty name.
     virtual bool wayland_answers(const std::string& display) = 0;
 };
 
-/// The desktop that is there now, for a process whose environment names none (`known` has no
-/// screen, but may have a session type, which holds). What the service manager says comes first, as
-/// far as it is still true; then what listens on this machine, Wayland before X11, since a Wayland
-/// desktop has an X server too. `known` itself when nothing is found.
+/// Finds the running desktop when the process's environment names none (`known` has no screen, but
+/// may have a session type, which then decides). First choice is the service manager's environment,
+/// as far as it is up to date; then what listens on this machine, Wayland before X11, since a
+/// Wayland desktop has an X server too. Returns `known` when nothing is found.
 Desktop find_desktop(const Desktop& known, DesktopSources& sources);
 
-/// Number of a display of this machine (":0", ":1.0", "unix:2"); nothing for any other.
+/// Number of a local X display (":0", ":1.0", "unix:2"); nothing for any other.
 std::optional<int> local_display_number(std::string_view display);
 
 }  // namespace ox

@@ -7,14 +7,68 @@
 #include "base/local_socket.h"
 #include "dbus/bus_connection.h"
 #include "desktop/folder_entries.h"
-#include "desktop/user_manager.h"
-#include "desktop/x_authority.h"
 #include "desktop/x_server.h"
 
 namespace ox {
 namespace {
 
-/// This machine, at this moment.
+DBusMessagePtr make_get_environment() {
+    DBusMessagePtr call(dbus_message_new_method_call(
+        "org.freedesktop.systemd1", "/org/freedesktop/systemd1", DBUS_INTERFACE_PROPERTIES, "Get"));
+    const char* interface = "org.freedesktop.systemd1.Manager";
+    const char* property = "Environment";
+    if (!call ||
+        dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &interface, DBUS_TYPE_STRING,
+                                 &property, DBUS_TYPE_INVALID) == FALSE) {
+        return nullptr;
+    }
+    dbus_message_set_auto_start(call.get(), FALSE);
+    return call;
+}
+
+// The strings in a reply with a variant of an array of them; empty for any other.
+std::vector<std::string> strings_in(DBusMessage& reply) {
+    DBusMessageIter outer;
+    if (dbus_message_get_type(&reply) != DBUS_MESSAGE_TYPE_METHOD_RETURN ||
+        !dbus_message_has_signature(&reply, DBUS_TYPE_VARIANT_AS_STRING) ||
+        dbus_message_iter_init(&reply, &outer) == FALSE) {
+        return {};
+    }
+    DBusMessageIter array;
+    dbus_message_iter_recurse(&outer, &array);
+    if (dbus_message_iter_get_arg_type(&array) != DBUS_TYPE_ARRAY ||
+        dbus_message_iter_get_element_type(&array) != DBUS_TYPE_STRING) {
+        return {};
+    }
+    std::vector<std::string> strings;
+    DBusMessageIter element;
+    dbus_message_iter_recurse(&array, &element);
+    for (; dbus_message_iter_get_arg_type(&element) == DBUS_TYPE_STRING;
+         dbus_message_iter_next(&element)) {
+        const char* text = nullptr;
+        dbus_message_iter_get_basic(&element, &text);
+        strings.emplace_back(text);
+    }
+    return strings;
+}
+
+// The environment of the user's service manager ("NAME=value"), into which desktops put what the
+// programs of their session need (systemd, org.freedesktop.systemd1.Manager, property
+// "Environment"). Empty when there is no session bus or no such manager on it. Blocks for at most
+// twice `limit`, and no longer than 50 ms once `cancelled`, which may be empty, returns true.
+std::vector<std::string> user_manager_environment(std::chrono::milliseconds limit,
+                                                  std::function<bool()> cancelled) {
+    const std::string address = session_bus_address();
+    if (address == kAutolaunch) return {};  // a new bus would have no manager
+    BusConnection bus(std::move(cancelled));
+    std::string error;
+    if (!bus.open(address, limit, error)) return {};
+    const DBusMessagePtr call = make_get_environment();
+    const DBusMessagePtr reply = call ? bus.call(*call, limit) : nullptr;
+    return reply ? strings_in(*reply) : std::vector<std::string>{};
+}
+
+// Looks on this machine.
 class ThisMachine final : public DesktopSources {
   public:
     explicit ThisMachine(std::function<bool()> cancelled) : cancelled_(std::move(cancelled)) {}
@@ -27,17 +81,17 @@ class ThisMachine final : public DesktopSources {
 
     std::vector<int> x_displays() override { return local_x_displays(); }
 
-    std::optional<XAccess> enter(int x_display, const std::string& authority_file) override {
+    std::optional<XAccess> connect_x(int x_display, const std::string& authority_file) override {
         std::vector<XAuthorization> cookies;
         for (const std::string& file : authority_files(authority_file)) {
             const auto more = x_cookies(file, x_display);
             cookies.insert(cookies.end(), more.begin(), more.end());
         }
-        cookies.emplace_back();  // many servers let everything of their user in
+        cookies.emplace_back();  // many servers admit all of their user's processes
         for (const XAuthorization& cookie : cookies) {
-            UniqueFd foothold = enter_own_x_server(x_display, cookie, deadline_, cancelled_);
-            if (!foothold) continue;
-            return XAccess{cookie, std::make_shared<const UniqueFd>(std::move(foothold))};
+            UniqueFd connection = connect_own_x_server(x_display, cookie, deadline_, cancelled_);
+            if (!connection) continue;
+            return XAccess{cookie, std::make_shared<const UniqueFd>(std::move(connection))};
         }
         return std::nullopt;
     }
@@ -60,7 +114,7 @@ class ThisMachine final : public DesktopSources {
   private:
     static constexpr std::chrono::milliseconds kLimit{1000};
 
-    /// Where display managers and desktops put it.
+    // Where display managers and desktops put them.
     [[nodiscard]] std::vector<std::string> authority_files(const std::string& named) const {
         std::vector<std::string> files{named, std::string(environment("XAUTHORITY")),
                                        home_folder() + "/.Xauthority"};
@@ -76,7 +130,7 @@ class ThisMachine final : public DesktopSources {
 
     std::function<bool()> cancelled_;
     std::string runtime_ = runtime_folder();
-    SteadyClock::time_point deadline_ = SteadyClock::now() + kLimit;  ///< of the X servers
+    SteadyClock::time_point deadline_ = SteadyClock::now() + kLimit;  // for the X servers
 };
 
 }  // namespace
@@ -87,7 +141,7 @@ Desktop desktop_of_environment(const std::string& display) {
     return desktop;
 }
 
-Desktop look_for_desktop(const std::string& display, std::function<bool()> cancelled) {
+Desktop search_desktop(const std::string& display, std::function<bool()> cancelled) {
     ThisMachine machine(std::move(cancelled));
     return find_desktop(desktop_of_environment(display), machine);
 }
@@ -96,7 +150,7 @@ bool session_bus_listens() {
     constexpr std::string_view kPath = "unix:path=";
     const std::string address = session_bus_address();
     if (address == kAutolaunch) return false;
-    // Of any other kind of address its owner must know.
+    // Other kinds of addresses cannot be checked.
     const bool is_path = address.starts_with(kPath);
     return !is_path ||
            connect_local(address.substr(kPath.size(), address.find_first_of(",;") - kPath.size()))

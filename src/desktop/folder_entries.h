@@ -8,7 +8,7 @@
 
 namespace ox {
 
-/// Paths of the entries of `folder` whose names begin with `prefix`, in the order of the names.
+/// Paths of the entries of `folder` whose names begin with `prefix`, sorted.
 inline std::vector<std::string> folder_entries(const std::string& folder,
                                                const std::string& prefix) {
     std::vector<std::string> paths;

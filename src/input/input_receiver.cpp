@@ -16,7 +16,7 @@
 #include "input/input_datagram.h"
 #include "input/key_map.h"
 #include "log/log.h"
-#include "scheduling/real_time_priority.h"
+#include "scheduling/thread_priority.h"
 
 namespace ox {
 namespace {

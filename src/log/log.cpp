@@ -20,19 +20,19 @@ constexpr size_t kPrefixSize = 64;     // with the terminating zero
 constexpr size_t kMessageSize = 2048;  // with the terminating zero
 constexpr int64_t kRotateAboveBytes = 10'485'760;
 
-// Callers log between a failed call and the look at its errno.
-class ErrnoKeeper {
+// Callers may log between a failed call and the check of its errno.
+class ErrnoGuard {
   public:
-    ErrnoKeeper() noexcept : saved_(errno) {}
-    ErrnoKeeper(const ErrnoKeeper&) = delete;
-    ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
-    ~ErrnoKeeper() { errno = saved_; }
+    ErrnoGuard() noexcept : saved_(errno) {}
+    ErrnoGuard(const ErrnoGuard&) = delete;
+    ErrnoGuard& operator=(const ErrnoGuard&) = delete;
+    ~ErrnoGuard() { errno = saved_; }
 
   private:
     int saved_;
 };
 
-// What a printf-like call left in a buffer of `size` bytes, from its return value.
+// Bytes that a printf-like call wrote to a buffer of `size` bytes, from its return value.
 size_t written_length(int result, size_t size) noexcept {
     return result < 0 ? 0 : std::min(static_cast<size_t>(result), size - 1);
 }
@@ -54,19 +54,18 @@ size_t format_prefix(char* out, const char* level_name) noexcept {
 }
 
 void write_line(std::FILE* to, const char* line, size_t length) noexcept {
-    const bool taken = std::fwrite(line, 1, length, to) == length;
+    const bool written = std::fwrite(line, 1, length, to) == length;
     const bool flushed = std::fflush(to) == 0;
-    if (!taken || !flushed) std::clearerr(to);
+    if (!written || !flushed) std::clearerr(to);
 }
 
-// Renaming a device (/dev/null, /dev/full) or a pipe that was given as log file would take it away
-// from everybody else.
+// A device (/dev/null, /dev/full) or a pipe that is used as log file must not be renamed.
 bool is_regular_file(std::FILE* file) noexcept {
     struct stat info {};
     return ::fstat(::fileno(file), &info) == 0 && S_ISREG(info.st_mode);
 }
 
-// Moves the generations up by one and opens a fresh live file. Leaves no file when that fails.
+// Moves the generations up by one and opens a new log file; `sinks.file` is null when that fails.
 void rotate(LogSinks& sinks) {
     const std::string slot1 = rotated_log_name(sinks.path, 1);
     const std::string slot2 = rotated_log_name(sinks.path, 2);
@@ -93,20 +92,20 @@ void rotate_if_due(LogSinks& sinks) noexcept {
     try {
         rotate(sinks);
     } catch (const std::exception&) {
-        // No memory for the names, and nothing touched yet: the line goes into the file as it is.
+        // No memory for the names; nothing was renamed yet, so keep the current file.
         return;
     }
 }
 
 void write_to_sinks(const char* line, size_t length) noexcept {
-    const std::lock_guard lock(log_mutex());
+    const MutexLock lock(log_mutex());
     LogSinks& sinks = log_sinks();
     if (sinks.console) write_line(stderr, line, length);
     if (sinks.file == nullptr) return;
     rotate_if_due(sinks);
     if (sinks.file == nullptr) return;
     write_line(sinks.file, line, length);
-    // Lines that a full disk refused count, too: the rotation that they lead to makes room again.
+    // Lines that did not fit on a full disk count too: the rotation they cause frees space.
     sinks.bytes += static_cast<int64_t>(length);
 }
 
@@ -128,15 +127,15 @@ LogSinks& log_sinks() {
     return sinks;
 }
 
-std::mutex& log_mutex() {
-    static std::mutex mutex;
+Mutex& log_mutex() {
+    static Mutex mutex;
     return mutex;
 }
 
 void log_msg(LogLevel level, const char* level_name, const char* format, ...) {
     if (static_cast<int32_t>(level) < log_level().load(std::memory_order_relaxed)) return;
-    const ErrnoKeeper errno_keeper;
-    // Prefix, message and newline in one piece: each line reaches its sinks in a single write.
+    const ErrnoGuard errno_guard;
+    // One buffer for the whole line, so that it reaches each sink in a single write.
     std::array<char, kPrefixSize + kMessageSize> line{};
     size_t length = format_prefix(line.data(), level_name);
     va_list arguments;

@@ -3,14 +3,15 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
-#include <mutex>
 #include <string>
+
+#include "base/mutex.h"
 
 namespace ox {
 
 enum class LogLevel : int32_t { TRACE = 0, DEBUG = 1, INFO = 2, WARN = 3, ERROR = 4 };
 
-/// The logger's two sinks. One instance, guarded by `log_mutex()`.
+/// The logger's two sinks.
 struct LogSinks {
     bool console = true;             ///< write each line to standard error
     std::FILE* file = nullptr;       ///< the open log file, or null; closed by the destructor
@@ -26,18 +27,17 @@ struct LogSinks {
 
 /// Lowest level that is written (a `LogLevel` as a number); INFO at start.
 std::atomic<int32_t>& log_level();
-LogSinks& log_sinks();
-std::mutex& log_mutex();
+Mutex& log_mutex();
+LogSinks& log_sinks() OX_REQUIRES(log_mutex());
 
 /// Writes one line to the sinks: local time with microseconds, `level_name`, message. The message
-/// is cut at 2047 bytes. Any thread may call; allocates nothing, never throws, keeps errno. A sink
-/// that cannot be written loses the line and nothing else.
+/// is cut at 2047 bytes. Thread-safe; allocates nothing, never throws, preserves errno. A sink that
+/// cannot be written loses only this line.
 void log_msg(LogLevel level, const char* level_name, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
 }  // namespace ox
 
-// The level's name goes with the level at every call.
 #define OX_TRACE(...) ::ox::log_msg(::ox::LogLevel::TRACE, "TRACE", __VA_ARGS__)
 #define OX_DEBUG(...) ::ox::log_msg(::ox::LogLevel::DEBUG, "DEBUG", __VA_ARGS__)
 #define OX_INFO(...) ::ox::log_msg(::ox::LogLevel::INFO, "INFO", __VA_ARGS__)

@@ -4,8 +4,9 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdlib>
 #include <string_view>
+
+#include "base/environment.h"
 
 namespace ox {
 namespace {
@@ -13,16 +14,11 @@ namespace {
 constexpr mode_t kPrivateFolder = 0700;
 constexpr const char* kLogFileName = "/agent.log";
 
-std::string_view environment(const char* name) {
-    const char* value = std::getenv(name);
-    return value == nullptr ? std::string_view{} : std::string_view{value};
-}
-
 void make_folder(const std::string& path) {
     ::mkdir(path.c_str(), kPrivateFolder);
 }
 
-// Folder of the running program without a slash at its end; empty when it cannot be told.
+// Folder of the running program without a trailing slash; empty when it is unknown.
 std::string program_folder() {
     std::array<char, 4095> link{};
     const ssize_t length = ::readlink("/proc/self/exe", link.data(), link.size());
@@ -32,8 +28,8 @@ std::string program_folder() {
     return slash == std::string_view::npos ? std::string{} : std::string(program.substr(0, slash));
 }
 
-// The user's folder for state; what leads to it is created, it is not.
-std::string base_of_state() {
+// The user's folder for state; its parent is created.
+std::string user_state_folder() {
     if (const auto state = environment("XDG_STATE_HOME"); state.starts_with('/')) {
         return std::string(state);
     }
@@ -55,7 +51,7 @@ std::string default_log_path() {
 }
 
 std::string state_folder() {
-    const std::string base = base_of_state();
+    const std::string base = user_state_folder();
     make_folder(base);
     std::string folder = base + "/orvex";
     make_folder(folder);

@@ -4,13 +4,15 @@
 
 namespace ox {
 
-/// Where the agent logs: `OX_LOG_FILE`, else next to the program when that folder is writable, else
-/// below the state directory (created on the way). Reads the environment: call at start-up only.
+// These read the environment: call them at start-up only.
+
+/// The agent's log file: `OX_LOG_FILE`, else next to the program when that folder is writable, else
+/// `state_log_path`.
 std::string default_log_path();
 
 /// The agent's own folder below the state directory, which is `XDG_STATE_HOME` when absolute, else
-/// "~/.local/state", else "/tmp". Creates the folders on the way, readable by their owner only;
-/// failures are left to the opening of a file in it. Reads the environment: call at start-up only.
+/// "~/.local/state", else "/tmp". Creates missing folders, readable by their owner only; a failure
+/// shows when a file in it is opened.
 std::string state_folder();
 
 /// The log file in `state_folder`.

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <utility>
 
-#include "scheduling/real_time_limit.h"
+#include "scheduling/kernel_scheduling.h"
 
 namespace ox {
 namespace {
@@ -55,11 +55,11 @@ bool RealtimeKit::connect() {
 
 DBusMessagePtr RealtimeKit::call(DBusMessage& message) {
     DBusMessagePtr reply = bus_.call(message, time_left());
-    DBusErrorText refusal;
+    DBusErrorText error;
     if (!reply) {
         error_ = "RealtimeKit does not answer";
-    } else if (dbus_set_error_from_message(refusal.fill(), reply.get()) != FALSE) {
-        error_ = refusal.text();
+    } else if (dbus_set_error_from_message(error.fill(), reply.get()) != FALSE) {
+        error_ = error.text();
         reply.reset();
     }
     return reply;
@@ -78,7 +78,8 @@ std::optional<int64_t> RealtimeKit::property(const char* name) {
     return value;
 }
 
-bool RealtimeKit::order(const char* method, pid_t thread, int argument_type, const void* argument) {
+bool RealtimeKit::request(const char* method, pid_t thread, int argument_type,
+                          const void* argument) {
     const DBusMessagePtr message = make_call(kService, method);
     const auto id = static_cast<dbus_uint64_t>(thread);
     return message &&
@@ -89,22 +90,22 @@ bool RealtimeKit::order(const char* method, pid_t thread, int argument_type, con
 
 bool RealtimeKit::make_real_time(pid_t thread, int priority) {
     if (!connect()) return false;
-    const auto greatest = property("MaxRealtimePriority");
+    const auto max_priority = property("MaxRealtimePriority");
     const auto longest_us = property("RTTimeUSecMax");
-    if (!greatest || !longest_us) return false;
+    if (!max_priority || !longest_us) return false;
     if (!RealTimeLimit::kill_after(std::chrono::microseconds(*longest_us))) {
         error_ = "RLIMIT_RTTIME cannot be set";
         return false;
     }
-    const auto asked = static_cast<dbus_uint32_t>(
-        std::clamp<int64_t>(priority, 1, std::max<int64_t>(*greatest, 1)));
-    return order("MakeThreadRealtime", thread, DBUS_TYPE_UINT32, &asked);
+    const auto granted = static_cast<dbus_uint32_t>(
+        std::clamp<int64_t>(priority, 1, std::max<int64_t>(*max_priority, 1)));
+    return request("MakeThreadRealtime", thread, DBUS_TYPE_UINT32, &granted);
 }
 
 bool RealtimeKit::raise(pid_t thread, int nice) {
     if (!connect()) return false;
-    const dbus_int32_t asked = nice;
-    return order("MakeThreadHighPriority", thread, DBUS_TYPE_INT32, &asked);
+    const dbus_int32_t value = nice;
+    return request("MakeThreadHighPriority", thread, DBUS_TYPE_INT32, &value);
 }
 
 }  // namespace ox

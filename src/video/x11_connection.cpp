@@ -64,11 +64,11 @@ std::unique_ptr<XConnection> XConnection::open(const std::string& name,
     const auto deadline = SteadyClock::now() + kHandshakeLimit;
     // Xlib would wait for ever for a server that hangs. A connection that was let in stays for as
     // long as Xlib makes its own: with its last client a server may start anew.
-    UniqueFd foothold;
+    UniqueFd held_connection;
     if (const auto number = local_display_number(XDisplayName(asked)))
-        foothold = enter_x_server(*number, authorization, deadline, cancelled);
-    if (!foothold && cancelled && cancelled()) return nullptr;
-    hangs = !foothold && SteadyClock::now() >= deadline;
+        held_connection = connect_x_server(*number, authorization, deadline, cancelled);
+    if (!held_connection && cancelled && cancelled()) return nullptr;
+    hangs = !held_connection && SteadyClock::now() >= deadline;
     if (hangs) return nullptr;
     authorize(authorization);
     Display* display = XOpenDisplay(asked);

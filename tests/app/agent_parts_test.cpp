@@ -23,7 +23,7 @@
 #include "support/sockets.h"
 #include "support/temp_dir.h"
 #include "support/unix_socket.h"
-#include "tui/board/board_texts.h"
+#include "tui/board/messages.h"
 
 namespace ox {
 namespace {

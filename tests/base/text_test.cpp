@@ -43,13 +43,13 @@ TEST(Text, ClipOnEitherSide) {
     }
 }
 
-TEST(Text, SanitizeDropsControlsAndMendsMalformedBytes) {
+TEST(Text, SanitizeDropsControlsAndReplacesMalformedBytes) {
     const std::pair<std::string_view, std::string_view> cases[] = {
         {"a\tb\x1B[31m\r\n\x7F", "ab[31m"},
         {"\u0080x\u009By\u00A0z \u0416\U0001F3AE", "xy\u00A0z \u0416\U0001F3AE"},
         {"\xD0 \xFF\xD0z\xF0\x9F\x8E", "\uFFFD \uFFFD\uFFFDz\uFFFD\uFFFD\uFFFD"},
         {"\xC0\x9B[2J", "[2J"},                                            // an escape in disguise
-        {"\xED\xA0\x80\xF7\xBF\xBF\xBF", "\xED\xA0\x80\xF7\xBF\xBF\xBF"},  // as they are
+        {"\xED\xA0\x80\xF7\xBF\xBF\xBF", "\xED\xA0\x80\xF7\xBF\xBF\xBF"},  // unchanged
     };
     for (const auto& [text, clean] : cases)
         EXPECT_EQ(sanitize(text), clean);

@@ -5,10 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <map>
 
-#include "desktop/x_authority.h"
 #include "desktop/x_server.h"
 #include "support/environment.h"
 #include "support/temp_dir.h"
@@ -25,7 +23,7 @@ const XAuthorization kCookie{"MIT-MAGIC-COOKIE-1", "biscuit"};
 
 using Servers = std::map<int, std::map<std::string, XAuthorization>>;  ///< by authority file
 
-/// A machine on which these things are there.
+/// A machine with these desktops.
 struct Machine final : DesktopSources {
     std::vector<std::string> manager;
     std::vector<std::string> wayland;
@@ -38,7 +36,7 @@ struct Machine final : DesktopSources {
             numbers.push_back(number);
         return numbers;
     }
-    std::optional<XAccess> enter(int x_display, const std::string& file) override {
+    std::optional<XAccess> connect_x(int x_display, const std::string& file) override {
         if (!x.contains(x_display) || !x[x_display].contains(file)) return std::nullopt;
         return XAccess{.authorization = x[x_display][file]};
     }
@@ -48,7 +46,7 @@ struct Machine final : DesktopSources {
     }
 };
 
-TEST(FindDesktop, TakesWhatIsThereAndNothingOfTheSessionBefore) {
+TEST(FindDesktop, PicksWhatExistsAndIgnoresLeftOvers) {
     using Names = std::vector<std::string>;
     const Names x_session{"LANG=C", "DISPLAY=:0", "XAUTHORITY=/auth"};
     const Names wayland_session{"DISPLAY=:0", "WAYLAND_DISPLAY=wayland-0",
@@ -70,16 +68,16 @@ TEST(FindDesktop, TakesWhatIsThereAndNothingOfTheSessionBefore) {
         {"X session", {}, x_session, {}, {{0, {{"/auth", kCookie}}}}, "X11 :0", kCookie},
         {"a greeter's server", {}, x_session, {}, {{0, {{"/greeter", kOpen}}}}, "X11 "},
         {"Wayland session", {}, wayland_session, {"wayland-0"}, {}, "Wayland wayland-0"},
-        // A session type that is left over does not decide between what is there.
+        // A stale session type does not decide between what exists.
         {"X after Wayland", {}, wayland_session, {}, open, "X11 :0"},
         {"Wayland after X", {}, x_after_wayland, {"wayland-0"}, {}, "Wayland wayland-0"},
         {"all left over", {}, wayland_session, {}, {{3, {{"", kCookie}}}}, "X11 :3", kCookie},
         {"no manager", {}, {}, {"wayland-1"}, open, "Wayland wayland-1"},
-        {"the first that lets us in", {}, remote, {}, several, "X11 :1"},
-        // What the process was told holds.
-        {"told the type", {.session_type = "x11"}, {}, {"wayland-1"}, open, "X11 :0"},
-        {"a remote log-in", {.session_type = "tty"}, {}, {"wayland-1"}, {}, "Wayland wayland-1"},
-        {"told the display", {.display = ":9"}, wayland_session, {"wayland-0"}, open, "X11 :9"},
+        {"the first that admits us", {}, remote, {}, several, "X11 :1"},
+        // What is configured decides.
+        {"session type given", {.session_type = "x11"}, {}, {"wayland-1"}, open, "X11 :0"},
+        {"a remote login", {.session_type = "tty"}, {}, {"wayland-1"}, {}, "Wayland wayland-1"},
+        {"display given", {.display = ":9"}, wayland_session, {"wayland-0"}, open, "X11 :9"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -114,7 +112,7 @@ std::string entry(uint16_t family, const std::string& host, const std::string& n
     return bytes;
 }
 
-TEST(XCookies, AreThoseOfTheDisplayAlsoAfterTheHostGotAnotherName) {
+TEST(XCookies, AreThoseOfTheDisplayWhateverTheHostName) {
     constexpr uint16_t kLocal = 256;
     constexpr uint16_t kWild = 65535;
     constexpr uint16_t kInternet = 0;
@@ -125,11 +123,10 @@ TEST(XCookies, AreThoseOfTheDisplayAlsoAfterTheHostGotAnotherName) {
                              entry(kLocal, "name", "7", "XDM-AUTHORIZATION-1", "other scheme") +
                              entry(kWild, "", "", scheme, "any");
     const test::TempDir dir;
-    const std::string path = dir.file("Xauthority");
-    std::ofstream(path, std::ios::binary) << file;
+    const std::string path = dir.write("Xauthority", file);
     EXPECT_EQ(x_cookies(path, 7),
               (std::vector<XAuthorization>{{scheme, std::string("ol\0d", 4)}, {scheme, "any"}}));
-    std::ofstream(path, std::ios::binary) << file.substr(0, file.size() - 1);
+    dir.write("Xauthority", file.substr(0, file.size() - 1));
     EXPECT_EQ(x_cookies(path, 7).size(), 1U);
     EXPECT_TRUE(x_cookies(dir.path().string(), 7).empty());
     EXPECT_TRUE(x_cookies(dir.file("nothing"), 7).empty());
@@ -138,13 +135,13 @@ TEST(XCookies, AreThoseOfTheDisplayAlsoAfterTheHostGotAnotherName) {
 constexpr const char* kUser = "nobody";
 constexpr uid_t kUserId = 65534;
 
-/// Whether the user `kUser` takes the server of this display for its own.
-bool is_entered(int display, const XAuthorization& authorization) {
+/// Whether the user `kUser` accepts the server of this display as its own.
+bool is_admitted(int display, const XAuthorization& authorization) {
     const pid_t child = ::fork();
     if (child == 0) {
         const bool is_user = ::setresuid(kUserId, kUserId, kUserId) == 0;
         const auto deadline = SteadyClock::now() + std::chrono::seconds(10);
-        ::_exit(is_user && enter_own_x_server(display, authorization, deadline, {}) ? 1 : 0);
+        ::_exit(is_user && connect_own_x_server(display, authorization, deadline, {}) ? 1 : 0);
     }
     int status = 0;
     ::waitpid(child, &status, 0);
@@ -155,10 +152,10 @@ bool is_entered(int display, const XAuthorization& authorization) {
 TEST(OwnXServer, OfRootIsOneWhoseCookieTheUserHas) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can start a server of root";
     const test::TempDir dir;
-    const std::string authority = dir.file("authority");
     const XAuthorization cookie{"MIT-MAGIC-COOKIE-1", std::string(16, '7')};
     const XAuthorization stale{cookie.name, std::string(16, '8')};
-    std::ofstream(authority, std::ios::binary) << entry(65535, "", "", cookie.name, cookie.data);
+    const std::string authority =
+        dir.write("authority", entry(65535, "", "", cookie.name, cookie.data));
     const auto server = test::Xvfb::start({.arguments = {"-auth", authority}});
     if (!server) GTEST_SKIP() << "no Xvfb on this machine";
     const test::Environment as_its_user("XAUTHORITY", authority);
@@ -175,21 +172,21 @@ TEST(OwnXServer, OfRootIsOneWhoseCookieTheUserHas) {
         XSync(owner.get(), False);
     };
 
-    EXPECT_TRUE(is_entered(display, cookie));
-    EXPECT_FALSE(is_entered(display, stale));
-    EXPECT_FALSE(is_entered(display, kOpen));
-    // Anybody on this machine: what opens it proves nothing.
+    EXPECT_TRUE(is_admitted(display, cookie));
+    EXPECT_FALSE(is_admitted(display, stale));
+    EXPECT_FALSE(is_admitted(display, kOpen));
+    // Every local user is admitted: that proves nothing.
     XDisableAccessControl(owner.get());
     admit("daemon");
-    EXPECT_FALSE(is_entered(display, kOpen));
-    EXPECT_FALSE(is_entered(display, stale));
-    // As the desktops of many distributions do, and their users besides.
+    EXPECT_FALSE(is_admitted(display, kOpen));
+    EXPECT_FALSE(is_admitted(display, stale));
+    // Many distributions admit the user by name, too.
     admit(kUser);
-    EXPECT_TRUE(is_entered(display, cookie));
+    EXPECT_TRUE(is_admitted(display, cookie));
     XEnableAccessControl(owner.get());
     XSync(owner.get(), False);
-    EXPECT_TRUE(is_entered(display, cookie));
-    EXPECT_FALSE(is_entered(display, kOpen));
+    EXPECT_TRUE(is_admitted(display, cookie));
+    EXPECT_FALSE(is_admitted(display, kOpen));
 }
 
 }  // namespace

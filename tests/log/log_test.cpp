@@ -59,7 +59,7 @@ class Log : public ::testing::Test {
     const std::string path_ = dir_.file("agent.log");
 };
 
-TEST_F(Log, LineHasAPrefixAndIsCutButAlwaysEnded) {
+TEST_F(Log, LineHasAPrefixAndIsTruncatedButAlwaysTerminated) {
     OX_WARN("Component: %d%%", 42);
     EXPECT_THAT(
         text(),
@@ -72,7 +72,7 @@ TEST_F(Log, LineHasAPrefixAndIsCutButAlwaysEnded) {
     }
 }
 
-TEST_F(Log, FileIsRotatedBeforeTheFirstLineBeyondTheLimitAndFourGenerationsAreKept) {
+TEST_F(Log, FileIsRotatedBeyondTheLimitAndFourGenerationsAreKept) {
     for (int64_t beyond = 0; beyond <= 1; ++beyond) {
         close();
         std::ofstream(path_).close();
@@ -102,7 +102,7 @@ TEST_F(Log, RedirectedStderrFollowsTheRotation) {
     EXPECT_EQ(text(1), "");
 }
 
-TEST_F(Log, LinesThatAFullDiskRefusesCountButRotateNoDevice) {
+TEST_F(Log, LinesLostToAFullDiskCountButADeviceIsNotRotated) {
     fs::create_symlink("/dev/full", dir_.file("full.log"));
     open(dir_.file("full.log"));
     const int64_t before = log_sinks().bytes;
@@ -113,7 +113,7 @@ TEST_F(Log, LinesThatAFullDiskRefusesCountButRotateNoDevice) {
     EXPECT_TRUE(fs::is_symlink(dir_.file("full.log"))) << "a device is not rotated away";
 }
 
-TEST_F(Log, RemovedFolderEndsTheFileSinkOnlyAndTheLevelHoldsForBoth) {
+TEST_F(Log, RemovedFolderEndsOnlyTheFileSinkAndTheLevelAppliesToBoth) {
     fs::create_directory(dir_.file("gone"));
     open(dir_.file("gone/agent.log"));
     fs::remove_all(dir_.file("gone"));
@@ -130,7 +130,7 @@ TEST_F(Log, RemovedFolderEndsTheFileSinkOnlyAndTheLevelHoldsForBoth) {
     EXPECT_THAT(read_file(dir_.file("console")), MatchesRegex(".*first\n[^\n]*second\n"));
 }
 
-TEST_F(Log, LinesOfManyThreadsComeOutWholeAcrossRotations) {
+TEST_F(Log, LinesOfManyThreadsStayWholeAcrossRotations) {
     constexpr size_t kThreads = 8;
     constexpr size_t kLines = 1250;
     const auto text_of = [](size_t thread, size_t line) {
@@ -148,10 +148,10 @@ TEST_F(Log, LinesOfManyThreadsComeOutWholeAcrossRotations) {
     std::istringstream all(text(2) + text(1) + text());
     std::array<size_t, kThreads> next{};
     for (std::string line; std::getline(all, line);) {
-        const std::string said = line.substr(line.find("[INFO ] ") + 8);
-        const auto t = static_cast<size_t>(said[0] - 'a');
+        const std::string message = line.substr(line.find("[INFO ] ") + 8);
+        const auto t = static_cast<size_t>(message[0] - 'a');
         ASSERT_LT(t, kThreads) << line;
-        ASSERT_EQ(said, text_of(t, next[t]++));
+        ASSERT_EQ(message, text_of(t, next[t]++));
     }
     EXPECT_THAT(next, ::testing::Each(kLines));
 }

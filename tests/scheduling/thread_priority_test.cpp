@@ -13,9 +13,7 @@
 #include <thread>
 #include <tuple>
 
-#include "scheduling/kernel_priority.h"
-#include "scheduling/raised_threads.h"
-#include "scheduling/real_time_priority.h"
+#include "scheduling/thread_priority.h"
 #include "support/log_capture.h"
 #include "support/system_bus.h"
 
@@ -24,7 +22,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// From now on the kernel refuses the calling thread what it refuses an ordinary user.
+/// Takes the calling thread's right to raised priorities, as an ordinary user has none.
 void become_ordinary_user() {
     const rlimit nothing{};
     ::setrlimit(RLIMIT_RTPRIO, &nothing);
@@ -38,12 +36,12 @@ void become_ordinary_user() {
     ASSERT_FALSE(raise_thread(own_thread_id()));
 }
 
-/// A RealtimeKit that writes down what it is asked for, and refuses real-time when it is told to.
-struct RealtimeKitStandIn {
-    using Order = std::tuple<std::string, pid_t, int>;  ///< method, thread, priority
+/// A RealtimeKit that records the requests, and can refuse real-time.
+struct FakeRealtimeKit {
+    using Request = std::tuple<std::string, pid_t, int>;  ///< method, thread, priority
 
-    std::vector<Order> serve(size_t count, bool grants_real_time = true) {
-        std::vector<Order> orders;
+    std::vector<Request> serve(size_t count, bool grants_real_time = true) {
+        std::vector<Request> requests;
         bus.service.read_until(SteadyClock::now() + 10s, [&](DBusMessage& call) {
             if (dbus_message_get_type(&call) != DBUS_MESSAGE_TYPE_METHOD_CALL) return false;
             const std::string method = dbus_message_get_member(&call);
@@ -63,7 +61,7 @@ struct RealtimeKitStandIn {
                 dbus_message_get_args(&call, nullptr, DBUS_TYPE_UINT64, &thread,
                                       is_real_time ? DBUS_TYPE_UINT32 : DBUS_TYPE_INT32, &priority,
                                       DBUS_TYPE_INVALID);
-                orders.emplace_back(method, static_cast<pid_t>(thread), priority);
+                requests.emplace_back(method, static_cast<pid_t>(thread), priority);
                 rlimit limits{};
                 ::getrlimit(RLIMIT_RTTIME, &limits);
                 EXPECT_TRUE(!is_real_time || limits.rlim_max <= 200'000);
@@ -72,15 +70,15 @@ struct RealtimeKitStandIn {
                 reply.reset(dbus_message_new_error(&call, DBUS_ERROR_ACCESS_DENIED, "Not today"));
             }
             bus.service.post(*reply);
-            return orders.size() == count;
+            return requests.size() == count;
         });
-        return orders;
+        return requests;
     }
 
     test::SystemBus bus{"org.freedesktop.RealtimeKit1"};
 };
 
-/// A worker as a library starts it.
+/// A library's worker thread.
 struct Worker {
     Worker() { running.wait(); }
     ~Worker() { done.count_down(); }
@@ -101,7 +99,7 @@ int nice_of(pid_t thread) {
 
 TEST(ThreadPriority, RealtimeKitIsAskedForWhatTheKernelRefuses) {
     for (const bool grants : {true, false}) {
-        RealtimeKitStandIn kit;
+        FakeRealtimeKit kit;
         const test::LogCapture log;
         auto thread = std::async(std::launch::async, [&] {
             become_ordinary_user();
@@ -112,16 +110,16 @@ TEST(ThreadPriority, RealtimeKitIsAskedForWhatTheKernelRefuses) {
                 << log.text();
             return own_thread_id();
         });
-        const auto orders = kit.serve(grants ? 1 : 2, grants);
+        const auto requests = kit.serve(grants ? 1 : 2, grants);
         const pid_t id = thread.get();
-        std::vector<RealtimeKitStandIn::Order> expected{{"MakeThreadRealtime", id, 5}};
+        std::vector<FakeRealtimeKit::Request> expected{{"MakeThreadRealtime", id, 5}};
         if (!grants) expected.emplace_back("MakeThreadHighPriority", id, -11);
-        EXPECT_EQ(orders, expected);
+        EXPECT_EQ(requests, expected);
     }
 }
 
 TEST(ThreadPriority, RealtimeKitIsAskedForAThreadAndItsNewWorkersOnly) {
-    RealtimeKitStandIn kit;
+    FakeRealtimeKit kit;
     const Worker old;
     std::jthread([&] {
         become_ordinary_user();
@@ -129,14 +127,14 @@ TEST(ThreadPriority, RealtimeKitIsAskedForAThreadAndItsNewWorkersOnly) {
         const Worker worker;
         RaisedThreads raised("Test");
         raised.raise_since(before);
-        const std::vector<RealtimeKitStandIn::Order> expected{
+        const std::vector<FakeRealtimeKit::Request> expected{
             {"MakeThreadHighPriority", own_thread_id(), -11},
             {"MakeThreadHighPriority", worker.id, -11}};
         EXPECT_EQ(kit.serve(expected.size()), expected);
     }).join();
 }
 
-TEST(ThreadPriority, RaisedThreadsHandNothingOnAndGiveItBack) {
+TEST(ThreadPriority, RaisedPriorityIsNotInheritedAndIsRestored) {
     if (!std::async(std::launch::async, [] { return raise_thread(own_thread_id()); }).get()) {
         GTEST_SKIP() << "the kernel grants this user no priority";
     }
@@ -161,13 +159,13 @@ TEST(ThreadPriority, RaisedThreadsHandNothingOnAndGiveItBack) {
     }).join();
 }
 
-TEST(ThreadPriority, AHangingBusCostsNoTime) {
+TEST(ThreadPriority, AHangingBusDoesNotDelay) {
     const test::DeafBus bus;
-    std::vector<UniqueFd> crowd;
-    for (const bool is_crowded : {false, true}) {
-        // In the end as many as may wait for it to accept them do so.
-        while (is_crowded && (crowd.empty() || crowd.back())) {
-            crowd.push_back(
+    std::vector<UniqueFd> clients;
+    for (const bool queue_is_full : {false, true}) {
+        // Fill the listen queue.
+        while (queue_is_full && (clients.empty() || clients.back())) {
+            clients.push_back(
                 test::unix_socket(bus.path, [](int fd, const sockaddr* at, socklen_t size) {
                     ::fcntl(fd, F_SETFL, O_NONBLOCK);
                     return ::connect(fd, at, size);
@@ -187,11 +185,11 @@ TEST(ThreadPriority, AHangingBusCostsNoTime) {
     }
 }
 
-TEST(ThreadPriority, ARealTimeThreadThatNeverWaitsBecomesOrdinaryInTime) {
+TEST(ThreadPriority, ARealTimeThreadThatNeverWaitsBecomesOrdinary) {
     if (!std::async(std::launch::async, become_real_time).get()) {
         GTEST_SKIP() << "the kernel grants this user no real-time priority";
     }
-    // What a parent may have left behind.
+    // State that a parent may have left.
     struct sigaction handler {};
     ::sigaction(SIGXCPU, nullptr, &handler);
     if (handler.sa_handler == SIG_DFL) ::signal(SIGXCPU, SIG_IGN);
@@ -200,7 +198,7 @@ TEST(ThreadPriority, ARealTimeThreadThatNeverWaitsBecomesOrdinaryInTime) {
     ::sigaddset(&blocked, SIGXCPU);
     ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
     ASSERT_TRUE(RealTimeLimit::kill_after(200ms));
-    // Twice: the first time moves the soft limit.
+    // Twice: the first time raises the soft limit.
     for (int i = 0; i < 2; ++i) {
         std::jthread([] {
             const auto is_real_time = [] { return (::sched_getscheduler(0) & SCHED_RR) != 0; };

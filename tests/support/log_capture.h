@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -15,7 +14,7 @@ class LogCapture {
   public:
     explicit LogCapture(LogLevel lowest = LogLevel::DEBUG)
         : old_level_(log_level().exchange(static_cast<int32_t>(lowest))) {
-        const std::lock_guard lock(log_mutex());
+        const MutexLock lock(log_mutex());
         old_console_ = log_sinks().console;
         old_file_ = log_sinks().file;
         log_sinks().console = false;
@@ -23,7 +22,7 @@ class LogCapture {
     }
     ~LogCapture() {
         {
-            const std::lock_guard lock(log_mutex());
+            const MutexLock lock(log_mutex());
             log_sinks().console = old_console_;
             log_sinks().file = old_file_;
         }
@@ -36,7 +35,7 @@ class LogCapture {
 
     /// Everything so far, with prefixes and newlines.
     [[nodiscard]] std::string text() const {
-        const std::lock_guard lock(log_mutex());
+        const MutexLock lock(log_mutex());
         return {text_, size_};
     }
 

@@ -23,7 +23,7 @@ Desktop desktop_for(const Options& options, const std::function<bool()>& cancell
     Desktop desktop = desktop_of_environment(options.display);
     // A way of capture that was asked for by name takes what was named with it.
     if (options.capture != "auto" || desktop.has_screen()) return desktop;
-    desktop = look_for_desktop(options.display, cancelled);
+    desktop = search_desktop(options.display, cancelled);
     if (desktop.has_screen()) OX_INFO("Session: desktop found: %s", describe(desktop).c_str());
     return desktop;
 }

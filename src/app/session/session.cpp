@@ -12,7 +12,7 @@
 #include "base/sleep.h"
 #include "log/log.h"
 #include "saas/saas_connector.h"
-#include "scheduling/kernel_priority.h"
+#include "scheduling/kernel_scheduling.h"
 #include "tui/board/board.h"
 
 namespace ox {

@@ -17,7 +17,7 @@
 #include "app/sleep_inhibitor.h"
 #include "control/tcp_control_server.h"
 #include "input/input_receiver.h"
-#include "scheduling/raised_threads.h"
+#include "scheduling/thread_priority.h"
 #include "video/capture.h"
 #include "video/video_encoder.h"
 

@@ -31,7 +31,7 @@ void streaming(const EncoderSettings& settings, const std::string& encoder_label
         state.session.width = settings.width;
         state.session.height = settings.height;
         state.session.fps = settings.fps;
-        tui::board().push_locked(EventKind::PlayerConnected, 0);
+        state.add_event(EventKind::PlayerConnected);
     });
 }
 
@@ -43,7 +43,7 @@ void holding(uint32_t grace_s) {
     tui::board().update([&](Snapshot& state) {
         state.session.holding = true;
         state.session.hold_until_s = system_now_s() + grace_s;
-        tui::board().push_locked(EventKind::PlayerDropped, grace_s);
+        state.add_event(EventKind::PlayerDropped, grace_s);
     });
 }
 
@@ -51,8 +51,8 @@ void resumed() {
     tui::board().update([](Snapshot& state) {
         state.session.holding = false;
         state.session.hold_until_s = 0;
-        tui::board().push_locked(EventKind::StreamDirect, 0);
-        tui::board().push_locked(EventKind::PlayerBack, 0);
+        state.add_event(EventKind::StreamDirect);
+        state.add_event(EventKind::PlayerBack);
     });
 }
 
@@ -70,7 +70,7 @@ void figures(double mbps, double fps, float rtt_ms, float loss_pct) {
             state.session.rtt_ms = rtt_ms;
             state.session.loss_pct = loss_pct;
         }
-        state.session.keep_figures();
+        state.session.record_metrics();
     });
 }
 

@@ -8,7 +8,7 @@
 #include "base/sleep.h"
 #include "log/log.h"
 #include "saas/saas_connector.h"
-#include "scheduling/kernel_priority.h"
+#include "scheduling/kernel_scheduling.h"
 
 namespace ox {
 namespace {

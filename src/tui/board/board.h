@@ -6,8 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <string>
+
+#include "base/mutex.h"
 
 namespace ox::tui {
 
@@ -41,47 +42,46 @@ inline constexpr size_t kAlertCount = 7;
 
 enum class LinkState : uint8_t { None = 0, Connected = 1, Reconnecting = 2, Standalone = 3 };
 
-/// What the board knows of the session. `Streaming` also while a lost launcher is waited for.
+/// `Streaming` also while the session waits for a lost launcher.
 enum class SessionState : uint8_t { None = 0, Preparing = 1, Streaming = 2 };
 
-/// How it is with a session's picture.
 enum class PictureState : uint8_t {
     Fine = 0,
-    AwaitingOwner = 1,  ///< the desktop asks the PC's owner whether it may be shared
-    Lost = 2,           ///< its source is gone; no input is let through
+    AwaitingOwner = 1,  ///< the desktop asks the PC's owner for permission to share it
+    Lost = 2,           ///< its source is gone; input is blocked
 };
 
-/// What is behind Alert::CaptureFailed, as far as it takes another remedy.
+/// The causes of Alert::CaptureFailed that have remedies of their own.
 enum class CaptureTrouble : uint8_t {
     NoPicture = 0,
-    Declined = 1,    ///< the owner has refused to share the screen
-    Unanswered = 2,  ///< nobody has answered the desktop's question
-    Stopped = 3,     ///< the owner has stopped the share
+    Declined = 1,    ///< the owner refused to share the screen
+    Unanswered = 2,  ///< nobody answered the desktop's question
+    Stopped = 3,     ///< the owner stopped the share
     Black = 4,       ///< the desktop shows nothing
 };
 
 /// One entry of the recent-events list.
 struct Event {
     int64_t time_s = 0;  ///< system clock, seconds
-    std::string clock;   ///< local time as "HH:MM", taken when the event was made
-    std::string detail;  ///< free text; empty for the events made by the board itself
+    std::string clock;   ///< local time of the event as "HH:MM"
+    std::string detail;  ///< free text; empty for the board's own events
     EventKind kind = EventKind::AgentStarted;
     int64_t value = 0;  ///< duration in seconds for SessionEnded and PlayerDropped, else 0
     Alert alert = Alert::NvidiaDriverMissing;  ///< for AlertRaised
     uint16_t port = 0;                         ///< for AlertRaised with PortBusy
 };
 
-/// What was measured of a stream at one moment. Readings that nobody has reported are -1.
-struct Figures {
+/// One measurement of a stream; -1 where there is none yet.
+struct StreamMetrics {
     float mbps = 0.0F;
     float fps = 0.0F;
     float rtt_ms = -1.0F;
     float loss_pct = -1.0F;
 };
-/// Figures that a session keeps for its graphs: a little over three minutes at one in two seconds.
-inline constexpr size_t kKeptFigures = 100;
+/// Length of the graphs: a little over three minutes at one measurement in two seconds.
+inline constexpr size_t kMetricsHistory = 100;
 
-/// The numbers and names of the running session as the screen shows them.
+/// The session as the screen shows it.
 struct SessionView {
     SessionState state = SessionState::None;
     int64_t since_s = 0;   ///< system clock when the state was entered
@@ -96,31 +96,31 @@ struct SessionView {
     double measured_fps = 0.0;
     double rtt_ms = -1.0;  ///< -1 until the launcher has reported
     double loss_pct = -1.0;
-    std::deque<Figures> history;  ///< of the readings above; oldest first, at most kKeptFigures
-    bool active = false;          ///< a session was handed to this PC
-    bool holding = false;         ///< the launcher is gone, the session waits for it
-    int64_t hold_until_s = 0;     ///< system clock, end of the wait
+    std::deque<StreamMetrics> history;  ///< oldest first, at most kMetricsHistory
+    bool active = false;                ///< a session was assigned to this PC
+    bool holding = false;               ///< the launcher is gone, the session waits for it
+    int64_t hold_until_s = 0;           ///< system clock, end of the wait
     PictureState picture = PictureState::Fine;
 
-    /// Appends the present readings to the history.
-    void keep_figures();
+    /// Appends the current measurements to the history.
+    void record_metrics();
 };
 
 /// The control port as long as no launcher can connect to it.
 struct ClosedPort {
     uint16_t port = 0;
-    int error = 0;  ///< errno that tells why it could not be opened; 0: it could
+    int error = 0;  ///< errno of the failure to open it; 0: it is open
 
     friend bool operator==(const ClosedPort&, const ClosedPort&) = default;
 };
 
-/// What is behind an alert where its cause decides on the remedy.
+/// The causes of alerts whose remedy depends on it.
 struct AlertReason {
-    bool uinput_absent = false;  ///< Alert::UinputDenied: not a matter of permission
+    bool uinput_absent = false;  ///< Alert::UinputDenied: no device, rather than no permission
     CaptureTrouble capture = CaptureTrouble::NoPicture;  ///< Alert::CaptureFailed
 };
 
-/// Everything that can be painted. Copied whole by `Board::snapshot()`.
+/// Everything that the screen can show.
 struct Snapshot {
     bool started = false;
     std::string version;
@@ -136,69 +136,69 @@ struct Snapshot {
     AlertReason alert_reason;
     ClosedPort closed_port;
     std::deque<Event> events;   ///< oldest first, at most 8
-    uint64_t events_total = 0;  ///< events ever pushed; tells which of `events` are new
-    uint64_t changes = 0;       ///< grows by one with every change
+    uint64_t events_total = 0;  ///< events ever added; tells which of `events` are new
+    uint64_t changes = 0;       ///< grows with every change
+
+    /// Adds an event and drops the oldest beyond 8.
+    void add_event(EventKind kind, int64_t value = 0);
+    void add_event(Event event);
 };
 
-/// The one shared model of what the owner sees. Every part of the program reports here; the screen
-/// copies it. All fields of `state` are guarded by `mutex`; every change goes through `update` or
-/// one of the functions below, which count it and wake the screen.
+/// The state that every part of the program reports and the screen shows. Every change goes
+/// through the functions below, which count it and wake the screen.
 class Board {
   public:
-    /// A consistent copy, for use without the lock.
-    [[nodiscard]] Snapshot snapshot() const;
+    [[nodiscard]] Snapshot snapshot() const OX_EXCLUDES(mutex);
 
-    /// Runs `change(state)` under the lock, then counts the change and wakes the screen. `change`
-    /// may call `push_locked`, and nothing else of the board.
+    /// Runs `change(state)` under the lock. It must not call the board.
     template <typename Change>
-    void update(Change&& change) {
-        const std::lock_guard lock(mutex);
+    void update(Change&& change) OX_EXCLUDES(mutex) {
+        const MutexLock lock(mutex);
         change(state);
         touch_locked();
     }
 
-    /// Marks an alert active; the first time also pushes an event. `port` matters for PortBusy
-    /// only, whose newest port is always kept.
-    void raise(Alert alert, uint16_t port);
+    /// Sets an alert; the first time also adds an event. `port` is for PortBusy only, whose newest
+    /// port is kept.
+    void raise(Alert alert, uint16_t port) OX_EXCLUDES(mutex);
+    /// Sets Alert::CaptureFailed with this cause; the newest one is kept.
+    void raise_capture(CaptureTrouble trouble) OX_EXCLUDES(mutex);
+    /// Clears an alert. Counts as a change only when it was active.
+    void clear(Alert alert) OX_EXCLUDES(mutex);
+    /// Clears PortBusy if it is about this port.
+    void clear_port(uint16_t port) OX_EXCLUDES(mutex);
 
-    /// Raises Alert::CaptureFailed for this reason; the newest one is kept.
-    void raise_capture(CaptureTrouble trouble);
+    /// Result of creating the input device: 0 clears the alert, an errno sets it.
+    void input_device(int error) OX_EXCLUDES(mutex);
 
-    /// Takes an alert back. Counts as a change only when it was active.
-    void clear(Alert alert);
-    /// Takes back the alert that this port is busy.
-    void clear_port(uint16_t port);
+    /// Result of opening the control port (`error` is an errno). Counts as a change only when it
+    /// differs from the last one.
+    void control_port_closed(uint16_t port, int error) OX_EXCLUDES(mutex);
+    void control_port_open(uint16_t port) OX_EXCLUDES(mutex);
+    [[nodiscard]] ClosedPort closed_port() const OX_EXCLUDES(mutex);
 
-    /// What came of making the input device: `error` is the errno of the failure, 0 takes the alert
-    /// back.
-    void input_device(int error);
+    /// Adds an event and drops the oldest beyond 8.
+    void push_locked(EventKind kind, int64_t value) OX_REQUIRES(mutex);
+    void push(EventKind kind, int64_t value = 0) OX_EXCLUDES(mutex);
 
-    /// What came of opening the control port: `error` is the errno of the failure. Each counts as
-    /// a change only when it is news. The port that is open is not busy either.
-    void control_port_closed(uint16_t port, int error);
-    void control_port_open(uint16_t port);
-    [[nodiscard]] ClosedPort closed_port() const;
+    /// Closes the recorded session, if there is one: adds SessionEnded when it was streaming (or
+    /// `started` says so), else SessionNotStarted. A negative duration is replaced by the time
+    /// since the session entered its state.
+    void session_ended(bool started, int64_t duration_s) OX_EXCLUDES(mutex);
 
-    /// Appends an event and drops the oldest beyond 8. The caller holds `mutex`.
-    void push_locked(EventKind kind, int64_t value);
-    /// Same, taking the lock.
-    void push(EventKind kind, int64_t value = 0);
+    /// Counts a change and wakes the screen.
+    void touch_locked() OX_REQUIRES(mutex);
 
-    /// Closes the recorded session, if there is one: pushes SessionEnded when it was streaming (or
-    /// `started` says so), SessionNotStarted otherwise. A negative duration is replaced by the time
-    /// since the session's state was entered.
-    void session_ended(bool started, int64_t duration_s);
+    mutable Mutex mutex;
+    std::condition_variable changed;  ///< notified on every change
+    Snapshot state OX_GUARDED_BY(mutex);
 
-    /// Counts a change and wakes the screen. The caller holds `mutex`.
-    void touch_locked();
-
-    mutable std::mutex mutex;
-    std::condition_variable changed;  ///< notified on every change, waited on with `mutex`
-    Snapshot state;                   ///< guarded by `mutex`
-
-    /// Tells the screen to end. A lone atomic, since signal handlers set it; they cannot notify, so
-    /// the screen looks at it at least every 100 ms.
+    /// Ends the screen. Atomic, since signal handlers set it; they cannot notify, so the screen
+    /// polls it at least every 100 ms.
     std::atomic<bool> quit{false};
+
+  private:
+    void raise_locked(Alert alert, uint16_t port) OX_REQUIRES(mutex);
 };
 
 /// The process-wide board, created on first use.

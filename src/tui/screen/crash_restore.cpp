@@ -12,11 +12,11 @@
 namespace ox::tui::crash_restore {
 namespace {
 
-// A return from the handler repeats the instruction that caused these.
+// Returning from the handler repeats the instruction that caused these.
 constexpr std::array kFaults{SIGSEGV, SIGBUS, SIGFPE, SIGILL};
-// Raised by the process itself, or by what it cannot go on after.
+// Raised by the process itself, or after errors that it cannot continue from.
 constexpr std::array kAborts{SIGABRT, SIGTRAP, SIGSYS};
-// End the process unless somebody handles them.
+// End the process unless they have a handler.
 constexpr std::array kRequests{SIGHUP,    SIGINT,  SIGQUIT,   SIGTERM, SIGPIPE,
                                SIGALRM,   SIGUSR1, SIGUSR2,   SIGXCPU, SIGXFSZ,
                                SIGVTALRM, SIGPROF, SIGSTKFLT, SIGPOLL, SIGPWR};
@@ -61,8 +61,8 @@ void on_fatal_signal(int number, siginfo_t* info, void* /*context*/) {
     const int saved_errno = errno;
     restore_terminal();
     ::sigaction(number, &record().before.at(static_cast<size_t>(number)), nullptr);
-    // A real fault comes again by itself, with its details for a debugger; all else must be sent
-    // again and is delivered when this handler returns.
+    // A real fault recurs by itself, with its details for a debugger; anything else is raised again
+    // and delivered when this handler returns.
     const bool real_fault = info != nullptr && info->si_code > 0 && contains(kFaults, number);
     if (!real_fault) ::raise(number);
     errno = saved_errno;
@@ -72,14 +72,14 @@ bool is_ours(const struct sigaction& action) {
     return (action.sa_flags & SA_SIGINFO) != 0 && action.sa_sigaction == on_fatal_signal;
 }
 
-void take_over(int number, bool also_from_a_handler) {
+void install(int number, bool replace_handlers) {
     struct sigaction& before = record().before.at(static_cast<size_t>(number));
     if (::sigaction(number, nullptr, &before) != 0) return;
     const bool is_default =
         (before.sa_flags & SA_SIGINFO) == 0 && before.sa_handler == SIG_DFL;  // NOLINT
     const bool is_ignored =
         (before.sa_flags & SA_SIGINFO) == 0 && before.sa_handler == SIG_IGN;  // NOLINT
-    if (!is_default && (is_ignored || !also_from_a_handler)) return;
+    if (!is_default && (is_ignored || !replace_handlers)) return;
     struct sigaction action {};
     action.sa_sigaction = on_fatal_signal;
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
@@ -87,13 +87,13 @@ void take_over(int number, bool also_from_a_handler) {
     ::sigaction(number, &action, nullptr);
 }
 
-void give_back(int number) {
+void uninstall(int number) {
     struct sigaction now {};
     if (::sigaction(number, nullptr, &now) != 0 || !is_ours(now)) return;
     ::sigaction(number, &record().before.at(static_cast<size_t>(number)), nullptr);
 }
 
-// A stack that has overflown has no room for a handler.
+// After a stack overflow a handler needs a stack of its own.
 void use_own_handler_stack() {
     static std::array<std::byte, 65'536> memory;
     stack_t present{};
@@ -111,21 +111,21 @@ void arm(int fd, std::string_view bytes, const std::optional<termios>& modes) {
     is_armed = true;
     use_own_handler_stack();
     for (const int number : kFaults)
-        take_over(number, true);
+        install(number, true);
     for (const int number : kAborts)
-        take_over(number, true);
+        install(number, true);
     for (const int number : kRequests)
-        take_over(number, false);
+        install(number, false);
 }
 
 bool disarm() {
     const bool was_armed = is_armed.exchange(false);
     for (const int number : kFaults)
-        give_back(number);
+        uninstall(number);
     for (const int number : kAborts)
-        give_back(number);
+        uninstall(number);
     for (const int number : kRequests)
-        give_back(number);
+        uninstall(number);
     return was_armed;
 }
 

@@ -7,19 +7,17 @@
 
 namespace ox::tui {
 
-/// Gives the terminal back when a signal is about to end the process: for every catchable signal
-/// whose effect would be that, there is a handler that does the restoring and then lets the signal
-/// have its effect. One terminal at a time, process-wide. Not for concurrent use; the handlers may
-/// run in any thread.
+/// Restores the terminal when a signal is about to end the process: every catchable signal with
+/// that effect gets a handler that restores the terminal and then lets the signal take effect. One
+/// terminal at a time, process-wide. Not for concurrent use; the handlers may run in any thread.
 namespace crash_restore {
 
-/// Sets the handlers. On such a signal `bytes` (which must live on) are written to `fd` without
-/// waiting and, where given, `modes` are set on it. A handler that somebody else installed for a
-/// fault (SIGSEGV and its like) is called afterwards; other signals that somebody handles are left
-/// to him, now and when he installs his handler later.
+/// Installs the handlers. On such a signal `bytes` (not copied) are written to `fd` without waiting
+/// and `modes`, if any, are set on it. An existing handler of a fault (SIGSEGV and the like) is
+/// called afterwards; other signals that have a handler, now or later, are left to it.
 void arm(int fd, std::string_view bytes, const std::optional<termios>& modes);
 
-/// Takes back what `arm` did. True when no signal has restored the terminal meanwhile.
+/// Undoes `arm`. False when a signal has already restored the terminal.
 bool disarm();
 
 /// False once a signal has restored the terminal: nothing more may be written to it.

@@ -1,11 +1,67 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
 #include <vector>
 
-#include "tui/screen/styled_line.h"
-
 namespace ox::tui {
+
+/// The role of a piece of text; the palette maps it to a colour.
+enum class Tone : uint8_t {
+    Text,    ///< the terminal's own colour
+    Dim,     ///< labels and older entries
+    Faint,   ///< rules and frames
+    Accent,  ///< graphs
+    Good,
+    Warn,
+    Bad,
+    Logo,
+};
+
+struct Style {
+    Tone tone = Tone::Text;
+    bool bold = false;
+    uint8_t shade = 0;  ///< 0..255, position in the logo's gradient
+
+    bool operator==(const Style&) const = default;
+};
+
+struct Span {
+    std::string text;
+    Style style;
+};
+
+/// One line of styled text.
+class Line {
+  public:
+    Line() = default;
+    Line(std::string_view text, Style style) { add(text, style); }
+
+    Line& add(std::string_view text, Style style = {});
+    Line& add(const Line& other);
+    /// Adds spaces up to column `column`.
+    Line& pad_to(int column);
+
+    /// In terminal columns.
+    [[nodiscard]] int width() const { return width_; }
+    [[nodiscard]] bool empty() const { return spans_.empty(); }
+    [[nodiscard]] const std::vector<Span>& spans() const { return spans_; }
+    /// Truncated to at most `max` columns, with an ellipsis when something was cut.
+    [[nodiscard]] Line clipped(int max) const;
+
+  private:
+    std::vector<Span> spans_;
+    int width_ = 0;
+};
+
+/// `left` and `right` at the two edges of `width` columns. When they do not fit with a column
+/// between them, `left` is truncated, down to `least_left` columns; then `right` is left out.
+Line spread(const Line& left, const Line& right, int width, int least_left = 12);
+
+/// `items` side by side with a separator, in as many lines of `width` columns as it takes.
+std::vector<Line> flow(const std::vector<Line>& items, int width);
 
 /// Size of a terminal.
 struct Size {
@@ -15,20 +71,20 @@ struct Size {
     bool operator==(const Size&) const = default;
 };
 
-/// One place of the terminal. `cp` is 0 in the right half of a wide character.
+/// One cell of the terminal. `cp` is 0 in the right half of a wide character.
 struct Cell {
     char32_t cp = U' ';
-    char32_t mark = 0;  ///< a combining mark on top, 0 for none
+    char32_t mark = 0;  ///< a combining mark, 0 for none
     Style style;
 
     bool operator==(const Cell&) const = default;
 };
 
-/// A picture of the terminal's whole content. Whatever the lines hold, a frame has nothing beyond
-/// its edges and no character that a terminal would obey instead of showing it.
+/// The content of the whole terminal. A frame never contains control characters or anything
+/// outside its edges, whatever the lines hold.
 class Frame {
   public:
-    /// An empty picture. `size` is at least 1x1.
+    /// Empty. `size` is at least 1x1.
     explicit Frame(Size size);
     Frame(Size size, const std::vector<Line>& lines);
 

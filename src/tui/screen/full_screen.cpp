@@ -2,24 +2,20 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
 #include <string>
-#include <string_view>
 #include <utility>
 
+#include "base/environment.h"
 #include "base/text.h"
-#include "tui/screen/painter.h"
 
 namespace ox::tui {
 namespace {
 
-constexpr std::chrono::milliseconds kBetweenPictures{100};
-constexpr std::chrono::milliseconds kLastFlush{50};
+constexpr std::chrono::milliseconds kFrameInterval{100};
+constexpr std::chrono::milliseconds kFinalFlush{50};
 
-// The kernel's own console has few characters in its fonts.
 const Glyphs& glyphs_of_this_terminal() {
-    const char* term = std::getenv("TERM");
-    return term != nullptr && std::string_view(term) == "linux" ? kConsoleGlyphs : kFullGlyphs;
+    return environment("TERM") == "linux" ? kConsoleGlyphs : kFullGlyphs;
 }
 
 }  // namespace
@@ -36,12 +32,12 @@ FullScreen::FullScreen(int fd, Lang lang, Host host, ColourMode mode)
 FullScreen::~FullScreen() {
     output_.drop();
     output_.add(TerminalSession::leave_bytes());
-    // The picture is gone, and with it what it told of an error.
+    // The alternate screen is gone, and the error message with it.
     if (!snapshot_.events.empty() && snapshot_.events.back().kind == EventKind::StoppedOnError) {
-        const std::string words = event_text(snapshot_.events.back(), view_.lang, 0);
-        output_.add(text::printable(words + ": " + snapshot_.log_path) + "\n");
+        const std::string message = event_text(snapshot_.events.back(), view_.lang, 0);
+        output_.add(text::printable(message + ": " + snapshot_.log_path) + "\n");
     }
-    output_.flush_within(kLastFlush);
+    output_.flush_within(kFinalFlush);
 }
 
 void FullScreen::paint(const Snapshot& snapshot) {
@@ -62,7 +58,7 @@ void FullScreen::draw_if_due() {
     const int64_t now_s = system_now_s();
     if (!changed_ && !damaged_ && now_s == view_.now_s) return;
     const auto now = SteadyClock::now();
-    if (output_.waiting() > 0 || now - drawn_ < kBetweenPictures) return;
+    if (output_.buffered_bytes() > 0 || now - drawn_ < kFrameInterval) return;
     drawn_ = now;
     view_.size = size;
     view_.now_s = now_s;

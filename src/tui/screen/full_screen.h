@@ -5,22 +5,20 @@
 #include <optional>
 
 #include "base/clock.h"
-#include "tui/board/board_texts.h"
 #include "tui/screen/frame.h"
 #include "tui/screen/layout.h"
-#include "tui/screen/palette.h"
 #include "tui/screen/screen.h"
 #include "tui/screen/terminal_output.h"
 #include "tui/screen/terminal_session.h"
 
 namespace ox::tui {
 
-/// Shows the board as a picture that fills the terminal. Repaints what changed, at most ten times a
-/// second, and once a second for the running clocks. A terminal that takes nothing misses pictures,
-/// never parts of one.
+/// Shows the board on the whole terminal. Repaints what changed, at most ten times a second, and
+/// once a second for the running clocks. A terminal that does not read misses whole frames, never
+/// parts of one.
 class FullScreen final : public Screen {
   public:
-    /// Draws on the terminal that `fd` refers to. Construct and destroy as `TerminalSession` wants.
+    /// Construct and destroy as `TerminalSession` requires.
     FullScreen(int fd, Lang lang, Host host, ColourMode mode);
     ~FullScreen() override;
 
@@ -37,8 +35,8 @@ class FullScreen final : public Screen {
     ColourMode mode_;
     Snapshot snapshot_;
     bool changed_ = false;
-    bool damaged_ = true;         // what the terminal shows is not known
-    std::optional<Frame> shown_;  // as of the last picture that was sent
+    bool damaged_ = true;         // the terminal's content is unknown
+    std::optional<Frame> shown_;  // as last sent
     SteadyClock::time_point drawn_{};
 };
 

@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
-#include <map>
+#include <optional>
 #include <string>
-#include <tuple>
 #include <utility>
 
 #include "base/text.h"
@@ -36,15 +35,13 @@ const Glyphs kConsoleGlyphs{.corners = {"┌", "┐", "└", "┘"},
 
 namespace {
 
-constexpr int kWidestText = 100;
-constexpr int kTallestPicture = 40;
+constexpr int kMaxWidth = 100;
+constexpr int kMaxHeight = 40;
 constexpr int kLogoColumns = 64;
-// Below that, lines are too dear to be left empty.
-constexpr int kAiryRows = 16;
-// From that on the session may take more than it needs, and does not shrink with each event.
-constexpr int kRoomyRows = 32;
+constexpr int kAiryRows = 16;   // from here on there is room for empty lines
+constexpr int kRoomyRows = 32;  // from here on the session card gets extra space
 
-/// How much detail each part gets.
+// How much detail each part gets.
 struct Plan {
     bool margin_above = true;
     bool logo = true;
@@ -56,7 +53,7 @@ struct Plan {
     int footer = 2;
 };
 
-/// What is given up, one thing after the other, until the picture fits.
+// Details that are given up, in this order, until everything fits.
 using Step = void (*)(Plan&);
 constexpr Step kSteps[] = {
     [](Plan& plan) { plan.card.padded = false; },
@@ -83,27 +80,29 @@ constexpr Step kSteps[] = {
     [](Plan& plan) { plan.card.details = false; },
 };
 
-/// Makes the parts of the picture, each once in every form that is asked for.
-class Parts {
+// Builds the layout of one plan after the other; rebuilds only the parts whose details changed.
+class Builder {
   public:
-    Parts(const Snapshot& board, const View& view, int width)
+    Builder(const Snapshot& board, const View& view, int width)
         : board_(board), view_(view), width_(width) {}
 
-    /// Lines that the picture of `plan` takes.
+    /// Number of lines that `plan` takes.
     int height(const Plan& plan) {
-        const int apart = plan.airy ? 1 : 0;
-        int total = plan.footer > 0 ? plan.footer + apart : 0;
+        follow(plan);
+        const int gap = plan.airy ? 1 : 0;
+        int total = plan.footer > 0 ? plan.footer + gap : 0;
         total += plan.margin_above ? 1 : 0;
-        for (const std::vector<Line>* part : upper(plan))
-            total += static_cast<int>(part->size()) + apart;
-        return total - apart;
+        for (const std::vector<Line>* part : parts_above_footer())
+            total += static_cast<int>(part->size()) + gap;
+        return total - gap;
     }
 
-    /// The picture of `plan`, cut or filled up to `rows` lines; the footer stands at the bottom.
-    std::vector<Line> picture(const Plan& plan, int rows) {
+    /// The layout of `plan`, cut or filled up to `rows` lines, with the footer at the bottom.
+    std::vector<Line> build(const Plan& plan, int rows) {
+        follow(plan);
         std::vector<Line> lines(plan.margin_above ? 1 : 0);
         bool first = true;
-        for (const std::vector<Line>* part : upper(plan)) {
+        for (const std::vector<Line>* part : parts_above_footer()) {
             if (plan.airy && !first) lines.emplace_back();
             first = false;
             lines.insert(lines.end(), part->begin(), part->end());
@@ -115,61 +114,44 @@ class Parts {
     }
 
   private:
-    // Those that are not empty, from the top.
-    std::vector<const std::vector<Line>*> upper(const Plan& plan) {
-        std::vector<const std::vector<Line>*> parts;
-        if (plan.header) parts.push_back(&header(plan.logo));
-        parts.push_back(&link());
-        parts.push_back(&card(plan.card));
-        parts.push_back(&alerts(plan.alerts, plan.airy));
-        parts.push_back(&events(plan.events));
+    void follow(const Plan& plan) {
+        const bool first = !plan_;
+        if (first) link_ = {link_line(board_, view_, width_)};
+        if (first || plan.logo != plan_->logo) {
+            header_ = plan.logo ? logo_header(board_, view_, width_)
+                                : std::vector<Line>{header_line(board_, view_, width_)};
+        }
+        if (first || plan.card != plan_->card) {
+            card_ = session_card(board_, view_, width_, plan.card);
+        }
+        if (first || plan.alerts != plan_->alerts || plan.airy != plan_->airy) {
+            alerts_ = alert_lines(board_, view_, width_, plan.alerts, plan.airy);
+        }
+        if (first || plan.events != plan_->events) {
+            events_ = event_lines(board_, view_, width_, plan.events);
+        }
+        plan_ = plan;
+    }
+    [[nodiscard]] std::vector<const std::vector<Line>*> parts_above_footer() const {
+        std::vector<const std::vector<Line>*> parts{&link_, &card_, &alerts_, &events_};
+        if (plan_->header) parts.insert(parts.begin(), &header_);
         std::erase_if(parts, [](const std::vector<Line>* part) { return part->empty(); });
         return parts;
     }
 
-    // Under each key the result of `make()`, called at the first time only.
-    template <typename Key, typename Make>
-    static const std::vector<Line>& once(std::map<Key, std::vector<Line>>& made, const Key& key,
-                                         Make&& make) {
-        const auto found = made.find(key);
-        return found != made.end() ? found->second : made.emplace(key, make()).first->second;
-    }
-    const std::vector<Line>& header(bool logo) {
-        return once(headers_, logo, [&] {
-            return logo ? logo_header(board_, view_, width_)
-                        : std::vector<Line>{header_line(board_, view_, width_)};
-        });
-    }
-    const std::vector<Line>& link() {
-        return once(links_, 0, [&] { return std::vector<Line>{link_line(board_, view_, width_)}; });
-    }
-    const std::vector<Line>& card(const CardPlan& plan) {
-        const CardKey key(plan.box, plan.padded, plan.airy, plan.graph_rows, plan.details);
-        return once(cards_, key, [&] { return session_card(board_, view_, width_, plan); });
-    }
-    const std::vector<Line>& alerts(AlertDetail detail, bool airy) {
-        const bool apart = airy && detail == AlertDetail::TitleAndText;
-        return once(alerts_, std::pair(detail, apart),
-                    [&] { return alert_lines(board_, view_, width_, detail, apart); });
-    }
-    const std::vector<Line>& events(size_t count) {
-        return once(events_, count, [&] { return event_lines(board_, view_, width_, count); });
-    }
-
-    using CardKey = std::tuple<bool, bool, bool, int, bool>;
-
     const Snapshot& board_;
     const View& view_;
     int width_;
-    std::map<bool, std::vector<Line>> headers_;
-    std::map<int, std::vector<Line>> links_;
-    std::map<CardKey, std::vector<Line>> cards_;
-    std::map<std::pair<AlertDetail, bool>, std::vector<Line>> alerts_;
-    std::map<size_t, std::vector<Line>> events_;
+    std::optional<Plan> plan_;  // that the parts are built for
+    std::vector<Line> header_;
+    std::vector<Line> link_;
+    std::vector<Line> card_;
+    std::vector<Line> alerts_;
+    std::vector<Line> events_;
 };
 
-/// The richest plan with a picture of at most `rows` lines; the poorest one when none is so low.
-Plan fitting_plan(Parts& parts, int width, int rows) {
+// The richest plan of at most `rows` lines, else the poorest one.
+Plan fitting_plan(Builder& builder, int width, int rows) {
     Plan full;
     full.logo = width >= kLogoColumns;
     full.airy = full.margin_above = full.card.airy = rows >= kAiryRows;
@@ -184,12 +166,12 @@ Plan fitting_plan(Parts& parts, int width, int rows) {
         }
         return result;
     };
-    const auto fits = [&] { return parts.height(plan()) <= rows; };
+    const auto fits = [&] { return builder.height(plan()) <= rows; };
     size_t taken = 0;
     while (!fits() && taken < given_up.size())
         given_up.at(taken++) = true;
     if (!fits()) return plan();
-    // The last step may have made more room than was needed.
+    // Take steps back that turned out not to be needed.
     while (taken-- > 0) {
         given_up.at(taken) = false;
         given_up.at(taken) = !fits();
@@ -198,11 +180,11 @@ Plan fitting_plan(Parts& parts, int width, int rows) {
 }
 
 Snapshot with_printable_texts(Snapshot board) {
-    const auto clean = [](std::string& words) { words = text::printable(words); };
-    for (std::string* words :
+    const auto clean = [](std::string& text) { text = text::printable(text); };
+    for (std::string* text :
          {&board.version, &board.host, &board.log_path, &board.gpu, &board.session.id,
           &board.session.launcher, &board.session.encoder, &board.session.codec}) {
-        clean(*words);
+        clean(*text);
     }
     for (Event& event : board.events) {
         clean(event.clock);
@@ -221,15 +203,15 @@ int margin_for(int columns) {
 std::vector<Line> lay_out(const Snapshot& snapshot, const View& view) {
     const int columns = std::max(view.size.columns, 1);
     const int rows = std::max(view.size.rows, 1);
-    const int width = std::min(columns - 2 * margin_for(columns), kWidestText);
+    const int width = std::min(columns - 2 * margin_for(columns), kMaxWidth);
     const int left = (columns - width) / 2;
-    const int height = std::min(rows, kTallestPicture);
+    const int height = std::min(rows, kMaxHeight);
     const int above = (rows - height) / 3;
 
     const Snapshot board = with_printable_texts(snapshot);
     std::vector<Line> lines(static_cast<size_t>(above));
-    Parts parts(board, view, width);
-    for (const Line& line : parts.picture(fitting_plan(parts, width, height), height)) {
+    Builder builder(board, view, width);
+    for (const Line& line : builder.build(fitting_plan(builder, width, height), height)) {
         Line placed;
         if (!line.empty()) placed.pad_to(left).add(line.clipped(width));
         lines.push_back(std::move(placed));

@@ -7,9 +7,8 @@
 #include <vector>
 
 #include "tui/board/board.h"
-#include "tui/board/board_texts.h"
+#include "tui/board/messages.h"
 #include "tui/screen/frame.h"
-#include "tui/screen/styled_line.h"
 
 namespace ox::tui {
 
@@ -27,21 +26,21 @@ struct Glyphs {
     std::array<const char*, 9> bars;
 };
 extern const Glyphs kFullGlyphs;
-extern const Glyphs kConsoleGlyphs;  ///< of the few that every console font has
+extern const Glyphs kConsoleGlyphs;  ///< the few that every console font has
 
-/// What the picture depends on besides the board.
+/// What the layout depends on besides the board.
 struct View {
     Size size{.columns = 80, .rows = 24};
     Lang lang = Lang::English;
     Host host = Host::Desktop;
     int64_t now_s = 0;  ///< system clock
-    pid_t pid = 0;      ///< of the agent; told to the owner, who may want to signal it
+    pid_t pid = 0;      ///< of the agent, shown so that the owner can signal it
     const Glyphs* glyphs = &kFullGlyphs;
 };
 
-/// The picture of the board: at most `view.size.rows` lines, none wider than `view.size.columns`.
-/// Shows as much detail as there is room for; link, session and alerts go last. Pure but for the
-/// time zone, in which the clock is shown. Any thread may call.
+/// The board as at most `view.size.rows` lines, none wider than `view.size.columns`. Shows as much
+/// detail as there is room for; link, session and alerts are given up last. Pure except for the
+/// local time zone.
 std::vector<Line> lay_out(const Snapshot& snapshot, const View& view);
 
 }  // namespace ox::tui

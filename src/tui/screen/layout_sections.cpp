@@ -5,12 +5,10 @@
 #include <string>
 
 #include "base/text.h"
-#include "tui/screen/screen_texts.h"
+#include "tui/board/messages.h"
 
 namespace ox::tui {
 namespace {
-
-using screen_texts::in;
 
 constexpr Style kDim{.tone = Tone::Dim};
 constexpr Style kFaint{.tone = Tone::Faint};
@@ -45,6 +43,20 @@ Line heading(const Line& label, const View& view, int width) {
     while (line.width() < width)
         line.add(view.glyphs->horizontal, kFaint);
     return line;
+}
+
+Text link_text(LinkState link) {
+    switch (link) {
+        case LinkState::None:
+            return {"Connecting to the platform", "Подключаемся к\u00A0платформе"};
+        case LinkState::Connected:
+            return {"Platform connected", "Платформа на\u00A0связи"};
+        case LinkState::Reconnecting:
+            return {"Connection lost, reconnecting", "Связь пропала, переподключаемся"};
+        case LinkState::Standalone:
+            return {"Standalone, no platform", "Автономно, без платформы"};
+    }
+    return {"", ""};
 }
 
 Tone link_tone(LinkState link) {
@@ -88,9 +100,8 @@ void add_alert(std::vector<Line>& lines, Alert alert, const Snapshot& board, con
                int width, AlertDetail detail) {
     const std::string marker = std::string(view.glyphs->alert) + " ";
     const int indent = text::width(marker);
-    const auto add_wrapped = [&](const std::string& words, Style style, bool marked) {
-        std::vector<std::string> wrapped = text::wrap(words, std::max(width - indent, 1));
-        for (const std::string& piece : wrapped) {
+    const auto add_wrapped = [&](const std::string& message, Style style, bool marked) {
+        for (const std::string& piece : text::wrap(message, std::max(width - indent, 1))) {
             Line line;
             if (marked) line.add(marker, {.tone = Tone::Bad, .bold = true});
             marked = false;
@@ -114,7 +125,7 @@ std::vector<Line> logo_header(const Snapshot& board, const View& view, int width
     std::vector<Line> facts;
     Line host(board.host, {});
     if (!host.empty()) host.add("   ");
-    facts.push_back(host.add(screen_texts::time_of_day(view.now_s), kStrong));
+    facts.push_back(host.add(clock_text_with_seconds(view.now_s), kStrong));
     if (!board.gpu.empty()) facts.emplace_back(board.gpu, kDim);
     facts.emplace_back("orvex-agent " + board.version, kDim);
     facts.resize(kLogo.size());
@@ -130,19 +141,19 @@ Line header_line(const Snapshot& board, const View& view, int width) {
     Line name("ORVEX", {.tone = Tone::Logo, .bold = true, .shade = 0});
     if (!board.version.empty()) name.add(" " + board.version, kDim);
     if (!board.host.empty()) name.add("  ").add(board.host);
-    return spread(name, Line(screen_texts::time_of_day(view.now_s), kStrong), width, 5);
+    return spread(name, Line(clock_text_with_seconds(view.now_s), kStrong), width, 5);
 }
 
 Line link_line(const Snapshot& board, const View& view, int width) {
     const Tone tone = link_tone(board.link);
     Line line(view.glyphs->dot, {.tone = tone});
-    line.add(" ").add(screen_texts::link(board.link, view.lang),
+    line.add(" ").add(link_text(board.link).in(view.lang),
                       {.tone = tone == Tone::Warn ? Tone::Warn : Tone::Text});
-    Line lasted;
+    Line elapsed;
     if (board.link_since_s != 0) {
-        lasted.add(duration_words(view.now_s - board.link_since_s, view.lang), kDim);
+        elapsed.add(duration_words(view.now_s - board.link_since_s, view.lang), kDim);
     }
-    return spread(line, lasted, width, line.width());
+    return spread(line, elapsed, width, line.width());
 }
 
 std::vector<Line> alert_lines(const Snapshot& board, const View& view, int width,
@@ -151,10 +162,10 @@ std::vector<Line> alert_lines(const Snapshot& board, const View& view, int width
     for (size_t i = 0; i < kAlertCount; ++i) {
         if (!board.alerts.at(i)) continue;
         if (lines.empty()) {
-            const Line label(in(view.lang, "Needs attention", "Требует внимания"),
+            const Line label(Text{"Needs attention", "Требует внимания"}.in(view.lang),
                              {.tone = Tone::Bad});
             lines.push_back(heading(label, view, width));
-        } else if (airy) {
+        } else if (airy && detail == AlertDetail::TitleAndText) {
             lines.emplace_back();
         }
         add_alert(lines, static_cast<Alert>(i), board, view, width, detail);
@@ -165,17 +176,17 @@ std::vector<Line> alert_lines(const Snapshot& board, const View& view, int width
 std::vector<Line> event_lines(const Snapshot& board, const View& view, int width, size_t count) {
     std::vector<Line> lines;
     for (auto event = board.events.rbegin(); event != board.events.rend() && count > 0; ++event) {
-        std::string words = event_text(*event, view.lang, event->port);
-        if (words.empty()) continue;
-        if (!event->detail.empty()) words += ": " + event->detail;
+        std::string message = event_text(*event, view.lang, event->port);
+        if (message.empty()) continue;
+        if (!event->detail.empty()) message += ": " + event->detail;
         if (lines.empty()) {
-            lines.push_back(heading({in(view.lang, "Events", "События"), kDim}, view, width));
+            lines.push_back(heading({Text{"Events", "События"}.in(view.lang), kDim}, view, width));
         }
         const bool newest = lines.size() == 1;
         const char* space = width < kNarrow ? " " : "  ";
         Line line(event->clock, kDim);
         line.add(space).add(view.glyphs->small_dot, {.tone = event_tone(event->kind)}).add(space);
-        lines.push_back(line.add(words, newest ? Style{} : kDim).clipped(width));
+        lines.push_back(line.add(message, newest ? Style{} : kDim).clipped(width));
         --count;
     }
     return lines;
@@ -184,10 +195,10 @@ std::vector<Line> event_lines(const Snapshot& board, const View& view, int width
 std::vector<Line> footer_lines(const Snapshot& board, const View& view, int width, int rows) {
     constexpr int kShortestPath = 16;
     Line stop("Ctrl+C", {});
-    stop.add(in(view.lang, " stops the agent", " остановит агента"), kDim);
+    stop.add(Text{" stops the agent", " остановит агента"}.in(view.lang), kDim);
     Line log;
     if (!board.log_path.empty()) {
-        log.add(in(view.lang, "Log  ", "Лог  "), kDim);
+        log.add(Text{"Log  ", "Лог  "}.in(view.lang), kDim);
         const int beside = rows > 1 ? 0 : stop.width() + 2;
         const int room = width - log.width() - beside;
         log = room < kShortestPath && rows == 1
@@ -198,7 +209,7 @@ std::vector<Line> footer_lines(const Snapshot& board, const View& view, int widt
     if (rows == 1) return {spread(log.empty() ? stop : log, log.empty() ? Line{} : stop, width)};
     Line panic("kill -USR1 " + std::to_string(view.pid), {});
     panic.add(
-        in(view.lang, " ends sessions until a restart", " прервёт сессии до\u00A0перезапуска"),
+        Text{" ends sessions until a restart", " прервёт сессии до\u00A0перезапуска"}.in(view.lang),
         kDim);
     return {log, spread(stop, panic, width, stop.width())};
 }

@@ -5,10 +5,93 @@
 namespace ox::tui {
 namespace {
 
-// Moving the cursor takes about as many bytes as writing so many unchanged characters again.
+struct Rgb {
+    int red;
+    int green;
+    int blue;
+};
+
+// Chosen to be readable on dark and on light backgrounds.
+constexpr Rgb kDim{128, 136, 149};
+constexpr Rgb kFaint{92, 100, 112};
+constexpr Rgb kAccent{45, 150, 166};
+constexpr Rgb kGood{63, 182, 96};
+constexpr Rgb kWarn{217, 154, 38};
+constexpr Rgb kBad{240, 82, 82};
+constexpr Rgb kLogoFirst{52, 190, 210};
+constexpr Rgb kLogoLast{124, 110, 245};
+
+Rgb between(Rgb first, Rgb last, int shade) {
+    const auto mix = [shade](int a, int b) { return a + (b - a) * shade / 255; };
+    return {mix(first.red, last.red), mix(first.green, last.green), mix(first.blue, last.blue)};
+}
+
+std::string true_colour(Style style) {
+    const auto code = [](Rgb rgb) {
+        return ";38;2;" + std::to_string(rgb.red) + ";" + std::to_string(rgb.green) + ";" +
+               std::to_string(rgb.blue);
+    };
+    switch (style.tone) {
+        case Tone::Text:
+            return {};
+        case Tone::Dim:
+            return code(kDim);
+        case Tone::Faint:
+            return code(kFaint);
+        case Tone::Accent:
+            return code(kAccent);
+        case Tone::Good:
+            return code(kGood);
+        case Tone::Warn:
+            return code(kWarn);
+        case Tone::Bad:
+            return code(kBad);
+        case Tone::Logo:
+            return code(between(kLogoFirst, kLogoLast, style.shade));
+    }
+    return {};
+}
+
+// "Bright black" is invisible in some themes; faint is not.
+const char* basic_colour(Tone tone) {
+    switch (tone) {
+        case Tone::Text:
+            return "";
+        case Tone::Dim:
+        case Tone::Faint:
+            return ";2";
+        case Tone::Accent:
+        case Tone::Logo:
+            return ";36";
+        case Tone::Good:
+            return ";32";
+        case Tone::Warn:
+            return ";33";
+        case Tone::Bad:
+            return ";31";
+    }
+    return "";
+}
+
+}  // namespace
+
+std::string sgr(Style style, ColourMode mode) {
+    std::string codes = "\x1B[0";
+    if (style.bold) codes += ";1";
+    if (mode == ColourMode::TrueColour) codes += true_colour(style);
+    if (mode == ColourMode::Ansi) codes += basic_colour(style.tone);
+    if (mode == ColourMode::Plain && (style.tone == Tone::Dim || style.tone == Tone::Faint)) {
+        codes += ";2";
+    }
+    return codes + "m";
+}
+
+namespace {
+
+// A cursor move takes about as many bytes as rewriting this many unchanged characters.
 constexpr int kCheapGap = 4;
 
-// Of other characters a terminal may think that they have another width than we do.
+// Terminals disagree about the width of the other characters.
 bool width_is_certain(const Cell& cell) {
     const char32_t cp = cell.cp;
     return cell.mark == 0 &&
@@ -37,8 +120,8 @@ class ChangePainter {
         return shown_.at(column, row) == wanted_.at(column, row);
     }
 
-    // Writes from a changed place to the last one before a longer unchanged stretch; returns the
-    // column behind.
+    // Writes from a changed cell to the last one before a longer unchanged run; returns the column
+    // after it.
     int paint_run(int column, int row) {
         if (wanted_.at(column, row).cp == 0) --column;
         move_to(column, row);

@@ -1,18 +1,24 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "tui/screen/frame.h"
-#include "tui/screen/palette.h"
 
 namespace ox::tui {
 
-/// What to send to a terminal that shows `shown`, so that it shows `wanted`, of the same size:
-/// cursor moves, styles and the changed characters (ECMA-48). Empty when nothing changed. Leaves
-/// the style reset; the cursor may be anywhere. Needs automatic wrapping off.
+/// One line per event, or the full screen in one of two palettes.
+enum class ColourMode : uint8_t { Plain, Ansi, TrueColour };
+
+/// The control sequence (ECMA-48 SGR) that sets `style`, whatever was set before. Plain has no
+/// colours, only bold and dim.
+std::string sgr(Style style, ColourMode mode);
+
+/// The bytes (ECMA-48) that turn `shown` on a terminal into `wanted`, of the same size. Empty when
+/// nothing changed. Resets the style at the end; needs automatic wrapping off.
 std::string paint_changes(const Frame& shown, const Frame& wanted, ColourMode mode);
 
-/// Same for a terminal that shows anything: clears it first.
+/// Same for a terminal with unknown content: clears it first.
 std::string paint_all(const Frame& wanted, ColourMode mode);
 
 }  // namespace ox::tui

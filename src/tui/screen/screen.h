@@ -1,12 +1,19 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <thread>
+
 #include "tui/board/board.h"
+#include "tui/board/localization.h"
+#include "tui/screen/painter.h"
 
 namespace ox::tui {
 
-/// One way of showing the board. Made, fed and destroyed by `ScreenRunner`, which calls from one
-/// thread at a time; what a screen does to the terminal, its destructor takes back. No call may
-/// wait for the terminal longer than a few hundredths of a second.
+/// One way of showing the board, driven by ScreenRunner from one thread at a time. The destructor
+/// restores the terminal. No call blocks for longer than a few hundredths of a second.
 class Screen {
   public:
     Screen() = default;
@@ -17,8 +24,37 @@ class Screen {
     /// Shows a board that has changed.
     virtual void paint(const Snapshot& snapshot) = 0;
 
-    /// The board is as it was; called about ten times a second in place of `paint`.
+    /// Called about ten times a second while the board does not change.
     virtual void idle() = 0;
+};
+
+/// Owns the thread that shows the board on standard output, as its only writer. It ends when the
+/// board's `quit` is set; the destructor sets it and joins (within about 200 ms, whatever state
+/// standard output is in).
+class ScreenRunner {
+  public:
+    ScreenRunner() = default;
+    ~ScreenRunner();
+    ScreenRunner(const ScreenRunner&) = delete;
+    ScreenRunner& operator=(const ScreenRunner&) = delete;
+
+    /// Starts the thread. Call once, before other threads start; `stop` from the same thread. With
+    /// colours the screen has the terminal to itself until then. `board` must outlive the runner.
+    void start(Lang lang, Board& board, ColourMode mode);
+
+    /// Sets `quit`, joins, and shows what was reported after the thread saw it. Idempotent.
+    void stop();
+
+  private:
+    void run();
+    // Paints the board if it has changed, or as soon as it changes within `wait`.
+    void show_changes(std::chrono::milliseconds wait);
+
+    Board* board_ = nullptr;
+    // Used by the thread while it runs, by the caller after the join.
+    std::unique_ptr<Screen> screen_;
+    std::optional<uint64_t> shown_changes_;
+    std::jthread thread_;
 };
 
 }  // namespace ox::tui

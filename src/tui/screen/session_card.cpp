@@ -1,90 +1,108 @@
 #include "tui/screen/session_card.h"
 
 #include <algorithm>
+#include <cmath>
 #include <string>
 
 #include "base/text.h"
-#include "tui/screen/graph.h"
-#include "tui/screen/screen_texts.h"
+#include "tui/board/messages.h"
+#include "tui/screen/session_metrics.h"
 
 namespace ox::tui {
 namespace {
-
-using screen_texts::in;
-using screen_texts::number;
 
 constexpr Style kDim{.tone = Tone::Dim};
 constexpr Style kFaint{.tone = Tone::Faint};
 constexpr Style kStrong{.bold = true};
 
-// One measured quantity, with what tells whether a reading is good.
-struct Quantity {
-    const char* label;
-    const char* unit;
-    int decimals;
-    double value;
-    float Figures::*reading;
-    float top;  ///< of the graph
-    Tone (*tone)(float value, float expected);
-    float expected = 0.0F;
-};
-
-Tone always_fine(float /*value*/, float /*expected*/) {
-    return Tone::Accent;
-}
-Tone rate_tone(float fps, float expected) {
-    if (fps < 0.0F || fps >= 0.9F * expected) return Tone::Accent;
-    return fps >= 0.6F * expected ? Tone::Warn : Tone::Bad;
-}
-Tone round_trip_tone(float ms, float /*expected*/) {
-    if (ms < 60.0F) return Tone::Accent;
-    return ms < 150.0F ? Tone::Warn : Tone::Bad;
-}
-Tone loss_tone(float percent, float /*expected*/) {
-    if (percent < 0.5F) return Tone::Accent;
-    return percent < 2.0F ? Tone::Warn : Tone::Bad;
-}
-
-float highest(const std::deque<Figures>& history, float Figures::*reading, float least) {
-    float most = least;
-    for (const Figures& figures : history)
-        most = std::max(most, figures.*reading);
-    return most;
-}
-
-std::vector<Quantity> quantities(const SessionView& session, Lang lang) {
-    const auto& history = session.history;
-    const auto expected_fps = static_cast<float>(session.fps);
-    return {
-        {in(lang, "Bit rate", "Битрейт"), in(lang, "Mbit/s", "Мбит/с"), 1, session.measured_mbps,
-         &Figures::mbps, highest(history, &Figures::mbps, 1.0F), always_fine},
-        {in(lang, "Frame rate", "Кадры"), in(lang, "fps", "кадр/с"), 1, session.measured_fps,
-         &Figures::fps, highest(history, &Figures::fps, std::max(expected_fps, 1.0F)), rate_tone,
-         expected_fps},
-        {in(lang, "Round trip", "Задержка"), in(lang, "ms", "мс"), session.rtt_ms < 10 ? 1 : 0,
-         session.rtt_ms, &Figures::rtt_ms, highest(history, &Figures::rtt_ms, 40.0F),
-         round_trip_tone},
-        {in(lang, "Loss", "Потери"), "%", 1, session.loss_pct, &Figures::loss_pct,
-         highest(history, &Figures::loss_pct, 4.0F), loss_tone},
-    };
-}
-
-Style value_style(const Quantity& q) {
-    const Tone tone = q.tone(static_cast<float>(q.value), q.expected);
-    return {.tone = tone == Tone::Accent ? Tone::Text : tone, .bold = true};
-}
-
-// Items side by side with a separator, in as many lines as it takes.
-std::vector<Line> flow(const std::vector<Line>& items, int width) {
-    std::vector<Line> lines;
-    for (const Line& item : items) {
-        if (!lines.empty() && lines.back().width() + 3 + item.width() <= width) {
-            lines.back().add(" · ", kFaint).add(item);
-        } else {
-            lines.push_back(item.clipped(width));
-        }
+// Headline of the session card.
+Text session_title(const Snapshot& snapshot) {
+    const SessionView& session = snapshot.session;
+    if (session.state != SessionState::None && session.picture == PictureState::AwaitingOwner) {
+        return {"CONFIRM ON THIS PC", "ПОДТВЕРДИТЕ НА\u00A0ЭТОМ ПК"};
     }
-    return lines;
+    switch (session.state) {
+        case SessionState::Preparing:
+            return {"PREPARING A SESSION", "ГОТОВИМ СЕССИЮ"};
+        case SessionState::Streaming:
+            if (session.holding) return {"PLAYER DROPPED", "ИГРОК ОТКЛЮЧИЛСЯ"};
+            return session.picture == PictureState::Lost
+                       ? Text{"NO PICTURE", "НЕТ ИЗОБРАЖЕНИЯ"}
+                       : Text{"PLAYER CONNECTED", "ИГРОК ПОДКЛЮЧЁН"};
+        case SessionState::None:
+            break;
+    }
+    if (snapshot.closed_port.error != 0) {
+        return {"NOBODY CAN CONNECT", "ПОДКЛЮЧИТЬСЯ НЕЛЬЗЯ"};
+    }
+    switch (snapshot.link) {
+        case LinkState::Connected:
+            return {"WAITING FOR A PLAYER", "ЖДЁМ ИГРОКА"};
+        case LinkState::Standalone:
+            return {"WAITING FOR A LAUNCHER", "ЖДЁМ ЛАУНЧЕР"};
+        case LinkState::None:
+        case LinkState::Reconnecting:
+            break;
+    }
+    return {"NO SESSION", "НЕТ СЕССИИ"};
+}
+
+// What the owner has to know about the picture; empty when it is fine.
+Text picture_hint(PictureState picture) {
+    switch (picture) {
+        case PictureState::AwaitingOwner:
+            return {"Confirm the window that asks to share the screen.",
+                    "Подтвердите окно с\u00A0вопросом о\u00A0показе экрана."};
+        case PictureState::Lost:
+            return {"The screen can't be captured now. Mouse and keyboard are off.",
+                    "Экран сейчас не\u00A0захватить. Мышь и\u00A0клавиатура отключены."};
+        case PictureState::Fine:
+            break;
+    }
+    return {"", ""};
+}
+
+Text idle_hint(LinkState link) {
+    switch (link) {
+        case LinkState::Connected:
+            return {"The next session starts by itself.", "Следующая сессия начнётся сама."};
+        case LinkState::Standalone:
+            return {"A launcher can connect to this PC now.",
+                    "Лаунчер может подключиться к\u00A0этому ПК."};
+        case LinkState::Reconnecting:
+            return {"Nobody can rent this PC until the connection is back.",
+                    "Пока связи нет, этот ПК нельзя арендовать."};
+        case LinkState::None:
+            break;
+    }
+    return {"Nobody can rent this PC until it is connected.",
+            "Пока связи нет, этот ПК нельзя арендовать."};
+}
+
+// What the owner may want to know or do while nothing is streamed.
+std::string session_hint(const Snapshot& snapshot, Lang lang) {
+    const SessionView& session = snapshot.session;
+    if (session.state != SessionState::None) {
+        if (session.picture == PictureState::AwaitingOwner) {
+            return picture_hint(session.picture).in(lang);
+        }
+        return session.launcher.empty()
+                   ? Text{"Waiting for the player's launcher.", "Ждём лаунчер игрока."}.in(lang)
+                   : Text{"Starting the stream.", "Запускаем поток."}.in(lang);
+    }
+    if (snapshot.closed_port.error != 0) return closed_port_text(snapshot.closed_port, lang);
+    return idle_hint(snapshot.link).in(lang);
+}
+
+// A bar `columns` wide, of which `share` (0..1) is full.
+Line meter(double share, int columns, Tone tone, const Glyphs& glyphs) {
+    const int full = static_cast<int>(std::lround(std::clamp(share, 0.0, 1.0) * columns));
+    Line line;
+    for (int i = 0; i < columns; ++i) {
+        line.add(i < full ? glyphs.meter_full : glyphs.meter_empty,
+                 {.tone = i < full ? tone : Tone::Faint});
+    }
+    return line;
 }
 
 class Card {
@@ -128,25 +146,25 @@ class Card {
         const Tone tone = state_tone();
         Line line(view_.glyphs->dot, {.tone = tone});
         const Tone title = tone == Tone::Dim ? Tone::Text : tone;
-        return line.add(" ").add(screen_texts::session_title(board_, view_.lang),
+        return line.add(" ").add(session_title(board_).in(view_.lang),
                                  {.tone = title, .bold = true});
     }
 
-    // For how long the player has been connected.
-    [[nodiscard]] Line lasted() const {
+    // How long the session has been in its state.
+    [[nodiscard]] Line elapsed() const {
         if (session_.state == SessionState::None || session_.since_s == 0) return {};
-        return {screen_texts::stopwatch(view_.now_s - session_.since_s), kStrong};
+        return {stopwatch(view_.now_s - session_.since_s), kStrong};
     }
 
-    [[nodiscard]] Line bare_headline() const { return spread(headline(), lasted(), width_); }
+    [[nodiscard]] Line bare_headline() const { return spread(headline(), elapsed(), width_); }
 
-    // The headline lies in the frame's upper edge.
+    // The headline is part of the frame's upper edge.
     [[nodiscard]] Line top_edge() const {
         const Glyphs& glyphs = *view_.glyphs;
         Line line(glyphs.corners[0], kFaint);
         line.add(glyphs.horizontal, kFaint).add(" ").add(headline().clipped(width_ - 6)).add(" ");
         Line right;
-        const Line time = lasted();
+        const Line time = elapsed();
         if (!time.empty() && line.width() + time.width() + 5 <= width_) {
             right.add(" ").add(time).add(" ").add(glyphs.horizontal, kFaint);
         }
@@ -169,7 +187,7 @@ class Card {
             return;
         }
         for (const std::string& line :
-             text::wrap(screen_texts::picture_hint(session_.picture, view_.lang), inner_)) {
+             text::wrap(picture_hint(session_.picture).in(view_.lang), inner_)) {
             body_.emplace_back(line, Style{});
         }
         if (session_.holding) {
@@ -180,7 +198,7 @@ class Card {
         }
         add_format();
         gap();
-        add_figures();
+        add_metrics();
     }
 
     void gap() {
@@ -189,8 +207,7 @@ class Card {
 
     void add_hint() {
         const Line player(session_.launcher, kDim);
-        for (const std::string& line :
-             text::wrap(screen_texts::session_hint(board_, view_.lang), inner_)) {
+        for (const std::string& line : text::wrap(session_hint(board_, view_.lang), inner_)) {
             body_.emplace_back(line, kDim);
         }
         if (!body_.empty()) body_.back() = spread(body_.back(), player, inner_, 24);
@@ -198,7 +215,10 @@ class Card {
 
     void add_hold() {
         const int64_t left = std::max<int64_t>(session_.hold_until_s - view_.now_s, 0);
-        Line line(screen_texts::holding(left, view_.lang), {});
+        const Text before{"Holding the session for ", "Держим сессию ещё "};
+        const Text after{" more", ""};
+        Line line(before.in(view_.lang) + duration_words(left, view_.lang) + after.in(view_.lang),
+                  {});
         const int room = inner_ - line.width() - 2;
         const int64_t whole = hold_length();
         if (whole > 0 && room >= 8) {
@@ -209,7 +229,7 @@ class Card {
         body_.push_back(line.clipped(inner_));
     }
 
-    // Of the hold that goes on; 0 when the event that began it is gone.
+    // Duration of the whole hold; 0 when the event that began it is gone.
     [[nodiscard]] int64_t hold_length() const {
         for (auto event = board_.events.rbegin(); event != board_.events.rend(); ++event) {
             if (event->kind == EventKind::PlayerDropped) return event->value;
@@ -221,10 +241,11 @@ class Card {
         std::vector<Line> items;
         items.emplace_back(std::to_string(session_.width) + "×" + std::to_string(session_.height),
                            Style{});
-        // Where figures stand right below, the rate that is reached tells enough.
+        // Without graphs the measured rate stands right below.
         if (plan_.graph_rows > 0 || session_.holding) {
             items.emplace_back(
-                std::to_string(session_.fps) + in(view_.lang, " fps", "\u00A0кадр/с"), Style{});
+                std::to_string(session_.fps) + Text{" fps", "\u00A0кадр/с"}.in(view_.lang),
+                Style{});
         }
         if (!session_.codec.empty()) items.emplace_back(session_.codec, Style{});
         if (!session_.encoder.empty()) items.emplace_back(session_.encoder, Style{});
@@ -233,59 +254,17 @@ class Card {
         body_.insert(body_.end(), lines.begin(), lines.end());
         Line player;
         if (!session_.launcher.empty()) {
-            player.add(in(view_.lang, "player ", "игрок "), kDim).add(session_.launcher);
+            player.add(Text{"player ", "игрок "}.in(view_.lang), kDim).add(session_.launcher);
         }
         body_.at(first) = spread(body_.at(first), player, inner_, lines.front().width());
     }
 
-    void add_figures() {
-        const std::vector<Quantity> all = quantities(session_, view_.lang);
-        if (plan_.graph_rows > 0) {
-            for (const Quantity& q : all)
-                add_row(q);
-            return;
-        }
-        std::vector<Line> items;
-        for (const Quantity& q : all) {
-            if (q.value < 0) continue;
-            items.push_back(Line(number(q.value, q.decimals, view_.lang), value_style(q))
-                                .add(std::string("\u00A0") + q.unit, kDim));
-            if (q.reading == &Figures::loss_pct) {
-                items.back().add(in(view_.lang, " loss", " потерь"), kDim);
-            }
-        }
-        for (Line& line : flow(items, inner_))
-            body_.push_back(std::move(line));
-    }
-
-    // Label, value, unit and graph, each in its column.
-    void add_row(const Quantity& q) {
-        constexpr int kLabel = 12;
-        constexpr int kValue = 6;
-        constexpr int kUnit = 9;
-        const std::string value = number(q.value, q.decimals, view_.lang);
-        Line line(q.label, kDim);
-        line.pad_to(kLabel + std::max(0, kValue - text::width(value)));
-        line.add(value, value_style(q)).add(" ").add(q.unit, kDim);
-        line.pad_to(kLabel + kValue + kUnit);
-
-        const int columns = inner_ - line.width();
-        if (columns < 8) {
-            body_.push_back(line);
-            return;
-        }
-        std::vector<GraphPoint> points;
-        for (const Figures& figures : session_.history) {
-            const float reading = figures.*q.reading;
-            points.push_back({reading, q.tone(reading, q.expected)});
-        }
-        const int rows = q.reading == &Figures::mbps ? plan_.graph_rows : 1;
-        std::vector<Line> graph = bar_graph(points, q.top, columns, rows, *view_.glyphs);
-        for (const Line& part : graph) {
-            body_.push_back(line.add(part));
-            line = Line().pad_to(kLabel + kValue + kUnit);
-        }
-        if (rows > 1) gap();
+    void add_metrics() {
+        const std::vector<Line> lines =
+            plan_.graph_rows > 0
+                ? metric_graphs(session_, view_, inner_, plan_.graph_rows, plan_.airy)
+                : metric_summary(session_, view_, inner_);
+        body_.insert(body_.end(), lines.begin(), lines.end());
     }
 
     const Snapshot& board_;

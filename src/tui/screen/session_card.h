@@ -8,15 +8,17 @@ namespace ox::tui {
 
 /// How much of the session is shown.
 struct CardPlan {
-    bool box = true;     ///< with a frame around
-    bool padded = true;  ///< with empty lines inside the frame
-    bool airy = true;    ///< with empty lines between the groups
-    int graph_rows = 1;  ///< height of the bit rate's graph; 0: all figures side by side, no graphs
+    bool box = true;      ///< with a frame around
+    bool padded = true;   ///< with empty lines inside the frame
+    bool airy = true;     ///< with empty lines between the groups
+    int graph_rows = 1;   ///< height of the bit rate's graph; 0: measurements without graphs
     bool details = true;  ///< more than the headline
+
+    bool operator==(const CardPlan&) const = default;
 };
 
-/// The session in `width` columns: headline, picture format, figures with their recent history; or
-/// what it waits for. All texts of `board` must be printable.
+/// The session in `width` columns: headline, picture format, measurements; or what it waits for.
+/// All texts of `board` must be printable.
 std::vector<Line> session_card(const Snapshot& board, const View& view, int width,
                                const CardPlan& plan);
 

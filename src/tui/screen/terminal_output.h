@@ -8,51 +8,49 @@
 
 namespace ox::tui {
 
-/// Writes bytes to a terminal, pipe, socket or file that may be slow, full, broken or closed,
-/// without ever waiting for it. What is not taken at once is kept. An output that fails loses what
-/// it was given. Never raises SIGPIPE. Used by one thread at a time.
+/// Non-blocking, buffered output to a terminal, pipe, socket or file that may be slow, full, broken
+/// or closed. A failed output loses what it was given. Never raises SIGPIPE. Used by one thread at
+/// a time.
 class TerminalOutput {
   public:
-    /// Takes an own handle on what `fd` refers to, so that `fd`'s modes, which other processes may
-    /// share, stay as they are. A closed `fd` gives an output that drops everything.
+    /// Opens a descriptor of its own, since other processes may share `fd` and its modes. With a
+    /// closed `fd` everything is dropped.
     explicit TerminalOutput(int fd);
 
-    /// Appends to what is waiting, without a limit of its own.
+    /// Buffers `bytes`, without a limit.
     void add(std::string_view bytes) {
-        if (fd_) waiting_.append(bytes);
+        if (fd_) buffered_.append(bytes);
     }
-    /// Bytes that were not taken yet.
-    [[nodiscard]] size_t waiting() const { return waiting_.size(); }
-    /// Forgets what is waiting; of what was already begun, the rest is lost.
-    void drop() { waiting_.clear(); }
+    [[nodiscard]] size_t buffered_bytes() const { return buffered_.size(); }
+    /// Discards the buffer, even in the middle of what was added.
+    void drop() { buffered_.clear(); }
 
-    /// Writes as much of what is waiting as the output takes at once.
+    /// Writes as much as the output accepts without blocking.
     void flush();
-
-    /// Same, for an output that is slow: goes on until all is written or `limit` has passed.
+    /// Waits for the output, until all is written or `limit` has passed.
     void flush_within(std::chrono::milliseconds limit);
 
-    /// The own handle, -1 when there is none; for asking what it refers to.
+    /// The own descriptor, -1 when there is none.
     [[nodiscard]] int fd() const { return fd_.get(); }
 
   private:
     enum class Kind { Plain, Socket };
 
-    // Writes once; false when the output takes nothing now.
+    // Writes once; false when the output accepts nothing now.
     bool write_some();
 
     UniqueFd fd_;
     Kind kind_ = Kind::Plain;
-    bool shared_handle_ = true;
-    std::string waiting_;
+    bool is_shared_ = true;  // blocking mode and all with `fd`
+    std::string buffered_;
 };
 
-/// Whole lines for a `TerminalOutput`: keeps up to 64 KiB, lines beyond that are lost whole.
+/// Line-wise output: buffers up to 64 KiB, and drops whole lines beyond that.
 class LineOutput {
   public:
     explicit LineOutput(int fd) : output_(fd) {}
 
-    /// Appends `line` and a newline to what is waiting.
+    /// Buffers `line` and a newline.
     void add(std::string_view line);
     void flush() { output_.flush(); }
     void flush_within(std::chrono::milliseconds limit) { output_.flush_within(limit); }

@@ -12,11 +12,11 @@ namespace ox::tui {
 namespace {
 
 constexpr Size kUnknownSize{.columns = 80, .rows = 24};
-// Beyond that no font is readable; keeps the work and the memory of a repaint bounded.
-constexpr int kMostColumns = 500;
-constexpr int kMostRows = 300;
+// Bounds the time and memory of a repaint; no larger terminal is readable.
+constexpr int kMaxColumns = 500;
+constexpr int kMaxRows = 300;
 
-// A process in the background must not change the modes of the shell in front.
+// A background process must not change the modes of the foreground shell.
 bool is_in_foreground(int fd) {
     const pid_t group = ::tcgetpgrp(fd);
     return group < 0 || group == ::getpgrp();
@@ -29,14 +29,14 @@ TerminalSession::TerminalSession(int fd) : fd_(fd) {
     ::sigaddset(&watched_, SIGWINCH);
     ::sigaddset(&watched_, SIGCONT);
     sigset_t blocked = watched_;
-    // Else a write from the background would stop the agent where the terminal is set so.
+    // With "stty tostop" a write from the background would stop the agent.
     ::sigaddset(&blocked, SIGTTOU);
     ::pthread_sigmask(SIG_BLOCK, &blocked, &old_mask_);
 
     termios modes{};
     if (is_in_foreground(fd_) && ::tcgetattr(fd_, &modes) == 0) old_modes_ = modes;
-    guarded_ = ::isatty(fd_) == 1;
-    if (guarded_) crash_restore::arm(fd_, leave_bytes(), old_modes_);
+    is_armed_ = ::isatty(fd_) == 1;
+    if (is_armed_) crash_restore::arm(fd_, leave_bytes(), old_modes_);
     set_modes();
 }
 
@@ -78,7 +78,7 @@ bool TerminalSession::was_disturbed() {
 }
 
 bool TerminalSession::is_lost() const {
-    return guarded_ && !crash_restore::armed();
+    return is_armed_ && !crash_restore::armed();
 }
 
 Size TerminalSession::size() const {
@@ -86,8 +86,8 @@ Size TerminalSession::size() const {
     if (::ioctl(fd_, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
         return kUnknownSize;
     }
-    return {.columns = std::min<int>(size.ws_col, kMostColumns),
-            .rows = std::min<int>(size.ws_row, kMostRows)};
+    return {.columns = std::min<int>(size.ws_col, kMaxColumns),
+            .rows = std::min<int>(size.ws_row, kMaxRows)};
 }
 
 }  // namespace ox::tui

@@ -10,32 +10,30 @@
 
 namespace ox::tui {
 
-/// Keeps a terminal in the state that a full-screen picture needs, from construction to
-/// destruction: no echo, no line editing, typed Ctrl+C still a signal, Ctrl+Z and Ctrl+S without
-/// effect (a suspended agent would leave its player alone). What is typed meanwhile is thrown
-/// away. Also arms `crash_restore`. Not a terminal: nothing of this happens.
+/// Puts a terminal into full-screen mode for its lifetime: no echo, no line editing, Ctrl+C still a
+/// signal, Ctrl+Z and Ctrl+S without effect (a suspended agent would freeze the player's stream).
+/// Input is discarded. Also arms `crash_restore`. Does nothing when it is not a terminal.
 ///
-/// Construct and destroy in the same thread, before the threads that write to the terminal start;
-/// they inherit its signal mask, by which changes of the terminal's size are noticed without a
-/// handler that would cut system calls short.
+/// Construct and destroy in the same thread, before other threads start: they inherit the signal
+/// mask that it sets to learn of size changes without a handler, which would interrupt system
+/// calls.
 class TerminalSession {
   public:
-    /// `fd` is borrowed.
     explicit TerminalSession(int fd);
     ~TerminalSession();
     TerminalSession(const TerminalSession&) = delete;
     TerminalSession& operator=(const TerminalSession&) = delete;
 
-    /// To be written first: alternate screen, cursor hidden, no wrapping (xterm control sequences).
+    /// Write first: alternate screen, cursor hidden, no wrapping (xterm control sequences).
     static std::string_view enter_bytes();
-    /// To be written last. Also ends a sequence that was cut short.
+    /// Write last. Also terminates an incomplete sequence.
     static std::string_view leave_bytes();
 
-    /// True when the picture may have been damaged: the terminal has changed its size, or the
-    /// process was stopped and goes on. Sets the modes again where that is needed.
+    /// True when the content may be damaged: the terminal has changed its size, or the process was
+    /// stopped and continued. Sets the modes again where needed.
     bool was_disturbed();
 
-    /// True once a fatal signal has given the terminal back: nothing more may be written to it.
+    /// True once a fatal signal has restored the terminal: nothing more may be written to it.
     [[nodiscard]] bool is_lost() const;
 
     /// The terminal's size; 80x24 when it is unknown.
@@ -45,7 +43,7 @@ class TerminalSession {
     void set_modes();
 
     int fd_;
-    bool guarded_ = false;
+    bool is_armed_ = false;
     sigset_t watched_{};
     sigset_t old_mask_{};
     std::optional<termios> old_modes_;

@@ -26,7 +26,7 @@ std::string text_of(const Line& line) {
     return text;
 }
 
-// With every run of spaces and line ends as one space.
+// All lines, with every run of spaces and line ends as one space.
 std::string running_text(const std::vector<Line>& lines) {
     std::string text;
     for (const Line& line : lines) {
@@ -63,7 +63,7 @@ std::vector<Snapshot> boards_of_all_states() {
             test::nasty_board()};
 }
 
-TEST(Layout, NothingIsEverOutsideTheTerminal) {
+TEST(Layout, NeverExceedsTheTerminal) {
     const auto check = [](const Snapshot& board, const View& at) {
         const std::vector<Line> lines = lay_out(board, at);
         ASSERT_LE(static_cast<int>(lines.size()), at.size.rows);
@@ -113,11 +113,11 @@ TEST(Layout, SmallTerminalKeepsLinkSessionAndAlerts) {
     for (const Alert alert : alerts)
         facts.push_back(alert_title(alert, Lang::Russian, 48'001));
     expect_shown(facts, board, view(40, 12, Lang::Russian));
-    // The most important line is the last to go.
+    // The most important line is given up last.
     expect_shown({"Platform connected"}, board, view(40, 1));
 }
 
-TEST(Layout, TellsWhatMattersOfAStreamAHoldAndAClosedPort) {
+TEST(Layout, ShowsAStreamAHoldAndAClosedPort) {
     const View english = view(80, 24);
     const View russian = view(80, 24, Lang::Russian);
     expect_shown({"rig", "Some GPU", "0.4.448", "Platform connected 1 h 05 min", "PLAYER CONNECTED",

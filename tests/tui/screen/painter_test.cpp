@@ -14,7 +14,7 @@ namespace {
 
 using ox::test::TerminalModel;
 
-/// The picture painted without any thought, each character by itself.
+/// The frame painted naively, each character by itself.
 std::string one_by_one(const Frame& frame, ColourMode mode) {
     std::string bytes;
     for (int row = 0; row < frame.size().rows; ++row) {
@@ -47,7 +47,7 @@ void expect_shows(const TerminalModel& terminal, const Frame& frame, ColourMode 
     }
 }
 
-// Any text at any place in any style, of one and two columns and with marks.
+// Random text in random styles, of one and two columns and with marks.
 std::vector<Line> random_lines(std::mt19937& random, Size size) {
     const std::string_view pieces[] = {"a", "b",       " ", "  ",      "Ж",   "漢",
                                        "🎮", "e\u0301", "─", "\x1B[2J", "\xD0"};
@@ -65,7 +65,7 @@ std::vector<Line> random_lines(std::mt19937& random, Size size) {
 }
 
 TEST(Painter, TerminalShowsEachFrameAfterItsChanges) {
-    std::mt19937 random(20240611);  // NOLINT: the same frames in each run
+    std::mt19937 random(20240611);  // the same frames in each run
     for (const ColourMode mode : {ColourMode::Ansi, ColourMode::TrueColour}) {
         const Size size{.columns = 17, .rows = 3};
         TerminalModel terminal(size.columns, size.rows);
@@ -82,7 +82,7 @@ TEST(Painter, TerminalShowsEachFrameAfterItsChanges) {
     }
 }
 
-TEST(Painter, CharacterOfDoubtfulWidthDoesNotShiftItsLine) {
+TEST(Painter, CharacterOfUncertainWidthDoesNotShiftItsLine) {
     const Size size{.columns = 10, .rows = 1};
     const Frame frame(size, {Line("a☕b c", {})});
     TerminalModel terminal(size.columns, size.rows);

@@ -23,11 +23,8 @@ inline Snapshot connected_board() {
     board.link_since_s = kNow - 3900;
     for (const EventKind kind : {EventKind::AgentStarted, EventKind::PlatformConnected,
                                  EventKind::PcRented, EventKind::SessionEnded}) {
-        Event event;
-        event.kind = kind;
-        event.clock = "14:03";
-        event.value = 754;
-        board.events.push_back(event);
+        board.add_event(kind, 754);
+        board.events.back().clock = "14:03";
     }
     return board;
 }
@@ -48,7 +45,7 @@ inline Snapshot streaming_board() {
         session.measured_fps = 119.2;
         session.rtt_ms = i < 3 ? -1 : 17;
         session.loss_pct = i < 3 ? -1 : 0.3;
-        session.keep_figures();
+        session.record_metrics();
     }
     session.measured_mbps = 23.4;
     return board;
@@ -58,10 +55,7 @@ inline Snapshot holding_board() {
     Snapshot board = streaming_board();
     board.session.holding = true;
     board.session.hold_until_s = kNow + 42;
-    Event event;
-    event.kind = EventKind::PlayerDropped;
-    event.value = 60;
-    board.events.push_back(event);
+    board.add_event(EventKind::PlayerDropped, 60);
     return board;
 }
 
@@ -79,7 +73,7 @@ inline std::vector<Alert> all_alerts() {
     return alerts;
 }
 
-/// Every text from outside is hostile, every number absurd.
+/// Every external text is hostile, every number absurd.
 inline Snapshot nasty_board() {
     Snapshot board = with_alerts(holding_board(), all_alerts());
     using std::string_view_literals::operator""sv;
@@ -99,7 +93,7 @@ inline Snapshot nasty_board() {
     board.session.measured_mbps = 1e300;
     board.session.measured_fps = std::nan("");
     board.session.rtt_ms = INFINITY;
-    board.session.keep_figures();
+    board.session.record_metrics();
     return board;
 }
 

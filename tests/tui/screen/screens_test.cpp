@@ -1,33 +1,72 @@
-// The screens and what they write to: no reader may hold the agent up.
+// The screens and their output: no reader may block the agent.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <optional>
+#include <string>
+
+#include "base/unique_fd.h"
 
 #include "support/eventually.h"
 #include "support/pseudo_terminal.h"
 #include "support/redirected_fd.h"
 #include "support/terminal_model.h"
 #include "tui/screen/full_screen.h"
-#include "tui/screen/output_pipe.h"
 #include "tui/screen/sample_boards.h"
-#include "tui/screen/screen_runner.h"
+#include "tui/screen/screen.h"
 #include "tui/screen/terminal_output.h"
 
 namespace ox::tui {
 namespace {
 
-TEST(FullScreen, StalledTerminalMissesPicturesButNeverPartsOfThemNorTheLastWords) {
-    const ox::test::OutputPipe pipe;
+/// A pipe whose reading end never blocks.
+class OutputPipe {
+  public:
+    OutputPipe() {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+        reader.reset(ends[0]);
+        writer.reset(ends[1]);
+        ::fcntl(reader.get(), F_SETFL, O_NONBLOCK);
+    }
+
+    /// Puts newlines into the pipe until it takes no more.
+    void fill() const {
+        const UniqueFd other(::open(("/proc/self/fd/" + std::to_string(writer.get())).c_str(),
+                                    O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+        while (::write(other.get(), "\n", 1) == 1) {
+        }
+    }
+
+    /// Everything that is in the pipe, without what `fill` put there.
+    [[nodiscard]] std::string read_all() const {
+        std::string text;
+        std::array<char, 4096> buffer;
+        for (ssize_t n = 0; (n = ::read(reader.get(), buffer.data(), buffer.size())) > 0;) {
+            text.append(buffer.data(), static_cast<size_t>(n));
+        }
+        text.erase(0, text.find_first_not_of('\n'));
+        return text;
+    }
+
+    UniqueFd reader;
+    UniqueFd writer;
+};
+
+TEST(FullScreen, StalledTerminalMissesWholeFramesButNotTheFinalMessage) {
+    const OutputPipe pipe;
     pipe.fill();
     Snapshot board = test::streaming_board();
     std::optional<FullScreen> screen(std::in_place, pipe.writer.get(), Lang::English, Host::Desktop,
                                      ColourMode::Ansi);
     screen->paint(board);
-    // Long enough for several more pictures. A screen that waits would never come back.
+    // Long enough for several more frames. A screen that blocks would never return.
     board.session.width = 77'777;
     const auto end = SteadyClock::now() + std::chrono::milliseconds(250);
     while (SteadyClock::now() < end)
@@ -44,7 +83,7 @@ TEST(FullScreen, StalledTerminalMissesPicturesButNeverPartsOfThemNorTheLastWords
         terminal.feed(bytes);
         return terminal.text().find("1234×1440") != std::string::npos;
     })) << terminal.text();
-    EXPECT_EQ(written.find("77777"), std::string::npos) << "pictures pile up";
+    EXPECT_EQ(written.find("77777"), std::string::npos) << "frames queue up";
     EXPECT_EQ(terminal.unknown(), "");
     board.events.back().kind = EventKind::StoppedOnError;
     screen->paint(board);
@@ -54,9 +93,9 @@ TEST(FullScreen, StalledTerminalMissesPicturesButNeverPartsOfThemNorTheLastWords
 
 TEST(ScreenRunner, StopsInTimeWhateverStandardOutputDoes) {
     ASSERT_NE(std::signal(SIGPIPE, SIG_DFL), SIG_ERR);  // NOLINT: the macro casts
-    ox::test::OutputPipe full;
+    OutputPipe full;
     full.fill();
-    ox::test::OutputPipe broken;
+    OutputPipe broken;
     broken.reader.reset();
     const UniqueFd no_space(::open("/dev/full", O_WRONLY | O_CLOEXEC));
     for (const int fd : {full.writer.get(), broken.writer.get(), no_space.get(), -1}) {
@@ -68,14 +107,14 @@ TEST(ScreenRunner, StopsInTimeWhateverStandardOutputDoes) {
             board.push(EventKind::PlayerBack);
         const auto started = std::chrono::steady_clock::now();
         runner.stop();
-        // Far above the tenths of a second that it takes, far below a wait for the reader.
+        // Far above the usual tenths of a second, far below a wait for the reader.
         EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2)) << fd;
     }
 }
 
 /// The reading and the writing end of a pipe, a terminal and a socket.
 std::array<std::pair<UniqueFd, UniqueFd>, 3> channels() {
-    ox::test::OutputPipe pipe;
+    OutputPipe pipe;
     ox::test::PseudoTerminal terminal(80, 24);
     std::array<int, 2> ends{};
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
@@ -84,8 +123,8 @@ std::array<std::pair<UniqueFd, UniqueFd>, 3> channels() {
             {UniqueFd(ends[0]), UniqueFd(ends[1])}};
 }
 
-// More than any of them holds: a write that waits would never come back.
-TEST(LineOutput, WaitsForNobodyAndDropsWholeLines) {
+// More than any of them holds: a blocking write would never return.
+TEST(LineOutput, NeverBlocksAndDropsWholeLines) {
     for (const auto& [reader, writer] : channels()) {
         const std::string line(99, 'x');
         LineOutput output(writer.get());

@@ -1,4 +1,4 @@
-#include "tui/board/board_texts.h"
+#include "tui/board/messages.h"
 
 #include <gtest/gtest.h>
 
@@ -18,7 +18,7 @@ std::string with_no_break_spaces(std::string text) {
     return text;
 }
 
-TEST(BoardTexts, EventsAndAlertsInBothLanguages) {
+TEST(Messages, EventsAndAlertsInBothLanguages) {
     const struct {
         int kind;
         const char* english;
@@ -38,7 +38,7 @@ TEST(BoardTexts, EventsAndAlertsInBothLanguages) {
         EXPECT_EQ(event_text(event, Lang::English, 48000), english);
         EXPECT_EQ(event_text(event, Lang::Russian, 48000), with_no_break_spaces(russian));
     }
-    // What helps depends on where the agent runs.
+    // The remedy depends on where the agent runs.
     EXPECT_EQ(alert_text(Alert::CaptureFailed, Lang::English, Host::NoDesktopSession, 1),
               "Can't capture the screen. Log in to the desktop session and restart the agent.");
     EXPECT_EQ(alert_text(Alert::CaptureFailed, Lang::Russian, Host::Desktop, 1),
@@ -51,7 +51,7 @@ TEST(BoardTexts, EventsAndAlertsInBothLanguages) {
               "Port 48003 can't be opened, details in the log.");
 }
 
-TEST(BoardTexts, FirstLanguageVariableThatIsSetDecides) {
+TEST(Localization, FirstLanguageVariableThatIsSetDecides) {
     using Value = std::optional<std::string>;
     const struct {
         Value ox_lang, lc_all, lc_messages, lang;

@@ -1,23 +1,60 @@
-#include "scheduling/real_time_limit.h"
+#include "scheduling/kernel_scheduling.h"
 
 #include <sched.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
+#include <filesystem>
 #include <mutex>
-
-#include "scheduling/kernel_priority.h"
+#include <string>
 
 namespace ox {
+
+pid_t own_thread_id() noexcept {
+    return static_cast<pid_t>(::syscall(SYS_gettid));
+}
+
+std::vector<pid_t> threads_of_process() {
+    std::vector<pid_t> threads;
+    std::error_code failure;
+    std::filesystem::directory_iterator entry("/proc/self/task", failure);
+    for (; !failure && entry != end(entry); entry.increment(failure)) {
+        const std::string name = entry->path().filename();
+        pid_t thread = 0;
+        std::from_chars(name.data(), name.data() + name.size(), thread);
+        if (thread > 0) threads.push_back(thread);
+    }
+    return threads;
+}
+
+bool become_real_time() noexcept {
+    const sched_param parameters{.sched_priority = kRealTimePriority};
+    return ::sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &parameters) == 0;
+}
+
+bool raise_thread(pid_t thread) noexcept {
+    return ::setpriority(PRIO_PROCESS, static_cast<id_t>(thread), kRaisedNice) == 0;
+}
+
+bool start_ordinary_threads_only() noexcept {
+    const int policy = ::sched_getscheduler(0);
+    if ((policy & ~SCHED_RESET_ON_FORK) != SCHED_OTHER) return false;
+    const sched_param parameters{.sched_priority = 0};
+    return ::sched_setscheduler(0, SCHED_OTHER | SCHED_RESET_ON_FORK, &parameters) == 0;
+}
+
 namespace {
 
 constexpr rlim_t kLongestRunUs = 100'000;
 
-// Input and sound, and room for more; a thread that finds none is not looked after.
+// Input, sound and spare slots; a thread that finds none is not limited.
 std::array<std::atomic<pid_t>, 8> limited{};
 
 void replace(pid_t from, pid_t to) {
@@ -37,20 +74,20 @@ bool set_limits(rlim_t hard_us) {
 
 void make_ordinary(pid_t thread) {
     const sched_param parameters{.sched_priority = 0};
-    // Without the flag it would be refused.
+    // Without the flag the kernel refuses.
     if (thread > 0) ::sched_setscheduler(thread, SCHED_OTHER | SCHED_RESET_ON_FORK, &parameters);
 }
 
-/// Only system calls from here on.
+// Async-signal-safe.
 void on_limit(int /*signal*/) {
     const int saved_errno = errno;
-    // The kernel sends the signal to the thread itself, but a thread that looks for signals at
-    // that moment may snatch it; then it could be any of them.
+    // The kernel signals the thread itself, but another thread that checks for signals at that
+    // moment may receive it; then it could be about any of them.
     const pid_t self = own_thread_id();
     const bool is_own = std::find(limited.begin(), limited.end(), self) != limited.end();
     for (const std::atomic<pid_t>& thread : limited)
         if (!is_own || thread == self) make_ordinary(thread);
-    // The kernel has put the soft limit a second up, above the hard one.
+    // The kernel has raised the soft limit by a second, above the hard one.
     set_limits(RLIM_INFINITY);
     errno = saved_errno;
 }
@@ -67,7 +104,7 @@ void install_handler() {
     });
 }
 
-/// A mask is inherited, from a parent too: a signal that nobody takes would end at the hard limit.
+// The mask may be inherited blocked, which would leave only the hard limit.
 void unblock_signal() {
     sigset_t signal;
     ::sigemptyset(&signal);

@@ -1,12 +1,12 @@
-#include "tui/screen/screen_runner.h"
+#include "tui/screen/screen.h"
 
 #include <pthread.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <system_error>
 
+#include "base/clock.h"
+#include "base/environment.h"
 #include "log/log.h"
 #include "tui/screen/full_screen.h"
 #include "tui/screen/plain_screen.h"
@@ -16,14 +16,10 @@ namespace {
 
 constexpr std::chrono::milliseconds kTick{100};
 
-bool is_set(const char* name) {
-    const char* value = std::getenv(name);
-    return value != nullptr && *value != '\0';
-}
-
-// Where no desktop is to be seen at all, the remedy for a failed capture is to log in to one.
 Host detect_host() {
-    return is_set("DISPLAY") || is_set("WAYLAND_DISPLAY") ? Host::Desktop : Host::NoDesktopSession;
+    const bool has_desktop =
+        !environment("DISPLAY").empty() || !environment("WAYLAND_DISPLAY").empty();
+    return has_desktop ? Host::Desktop : Host::NoDesktopSession;
 }
 
 }  // namespace
@@ -51,7 +47,7 @@ void ScreenRunner::stop() {
     if (!thread_.joinable()) return;
     board_->quit = true;
     {
-        const std::lock_guard lock(board_->mutex);
+        const MutexLock lock(board_->mutex);
         board_->changed.notify_all();
     }
     thread_.join();
@@ -66,21 +62,18 @@ void ScreenRunner::run() {
 }
 
 void ScreenRunner::show_changes(std::chrono::milliseconds wait) {
-    Snapshot snapshot;
-    bool changed = false;
+    const auto deadline = SteadyClock::now() + wait;
+    std::optional<Snapshot> snapshot;
     {
-        std::unique_lock lock(board_->mutex);
-        const auto has_changed = [this] { return shown_changes_ != board_->state.changes; };
-        board_->changed.wait_for(lock, wait, [&] { return has_changed() || board_->quit; });
-        changed = has_changed();
-        if (changed) snapshot = board_->state;
+        MutexLock lock(board_->mutex);
+        while (shown_changes_ == board_->state.changes && !board_->quit) {
+            if (lock.wait_until(board_->changed, deadline) == std::cv_status::timeout) break;
+        }
+        if (shown_changes_ != board_->state.changes) snapshot = board_->state;
     }
-    if (!changed) {
-        screen_->idle();
-        return;
-    }
-    shown_changes_ = snapshot.changes;
-    screen_->paint(snapshot);
+    if (!snapshot) return screen_->idle();
+    shown_changes_ = snapshot->changes;
+    screen_->paint(*snapshot);
 }
 
 }  // namespace ox::tui

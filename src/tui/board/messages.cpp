@@ -1,28 +1,19 @@
-#include "tui/board/board_texts.h"
+#include "tui/board/messages.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <string_view>
 
 namespace ox::tui {
 namespace {
 
-// One text in both languages, "{port}" standing for a port. The no-break spaces of the Russian ones
-// are written as \u00A0, so that nobody takes them for ordinary spaces.
-struct Text {
-    const char* english;
-    const char* russian;
-
-    [[nodiscard]] std::string in(Lang lang, uint16_t port = 0) const {
-        constexpr std::string_view kPort = "{port}";
-        std::string text = lang == Lang::Russian ? russian : english;
-        if (const size_t at = text.find(kPort); at != std::string::npos) {
-            text.replace(at, kPort.size(), std::to_string(port));
-        }
-        return text;
+// `text` with the port in place of "{port}".
+std::string with_port(std::string text, uint16_t port) {
+    constexpr std::string_view kPort = "{port}";
+    if (const size_t at = text.find(kPort); at != std::string::npos) {
+        text.replace(at, kPort.size(), std::to_string(port));
     }
-};
+    return text;
+}
 
 Text title_of(Alert alert) {
     switch (alert) {
@@ -133,7 +124,7 @@ Text remedy_for(Alert alert, Host host, const AlertReason& reason) {
     return {"", ""};
 }
 
-Text event_words(EventKind kind) {
+Text event_message(EventKind kind) {
     switch (kind) {
         case EventKind::AgentStarted:
             return {"Agent started", "Агент запущен"};
@@ -171,64 +162,39 @@ Text event_words(EventKind kind) {
 
 }  // namespace
 
-Lang os_language() {
-    for (const char* name : {"OX_LANG", "LC_ALL", "LC_MESSAGES", "LANG"}) {
-        const char* value = std::getenv(name);
-        if (value == nullptr || *value == '\0') continue;
-        const bool russian =
-            (value[0] == 'r' || value[0] == 'R') && (value[1] == 'u' || value[1] == 'U');
-        return russian ? Lang::Russian : Lang::English;
-    }
-    return Lang::English;
-}
-
 std::string alert_title(Alert alert, Lang lang, uint16_t port) {
-    return title_of(alert).in(lang, port);
+    return with_port(title_of(alert).in(lang), port);
 }
 
 std::string alert_text(Alert alert, Lang lang, Host host, uint16_t port,
                        const AlertReason& reason) {
-    return remedy_for(alert, host, reason).in(lang, port);
+    return with_port(remedy_for(alert, host, reason).in(lang), port);
 }
 
 std::string closed_port_text(const ClosedPort& closed, Lang lang) {
-    constexpr uint16_t kFirstOrdinaryPort = 1024;
+    constexpr uint16_t kFirstUnprivilegedPort = 1024;
     Text text{"Port {port} can't be opened, details in the log.",
               "Порт {port} не\u00A0открывается, подробности в\u00A0логе."};
     if (closed.error == EADDRINUSE) {
         text = {"No launcher can connect until port {port} is free.",
                 "Лаунчер не\u00A0подключится, пока порт {port} занят."};
-    } else if (closed.error == EACCES && closed.port < kFirstOrdinaryPort) {
+    } else if (closed.error == EACCES && closed.port < kFirstUnprivilegedPort) {
         text = {
             "The system doesn't let the agent open port {port}. Set PORT_BASE to 1024 or more "
             "in start-agent.",
             "Система не\u00A0даёт агенту открыть порт {port}. Укажите PORT_BASE "
             "не\u00A0меньше 1024 в\u00A0start-agent."};
     }
-    return text.in(lang, closed.port);
+    return with_port(text.in(lang), closed.port);
 }
 
 std::string event_text(const Event& event, Lang lang, uint16_t port) {
     if (event.kind == EventKind::AlertRaised) return alert_title(event.alert, lang, port);
-    std::string text = event_words(event.kind).in(lang);
+    std::string text = event_message(event.kind).in(lang);
     if (event.kind == EventKind::SessionEnded || event.kind == EventKind::PlayerDropped) {
         text += duration_words(event.value, lang);
     }
     return text;
-}
-
-std::string duration_words(int64_t seconds, Lang lang) {
-    constexpr int64_t kMinute = 60;
-    constexpr int64_t kHour = 3600;
-    const int64_t total = std::max<int64_t>(seconds, 0);
-    const Text second_unit{" s", "\u00A0с"};
-    const Text minute_unit{" min", "\u00A0мин"};
-    const Text hour_unit{" h ", "\u00A0ч "};
-    if (total < kMinute) return std::to_string(total) + second_unit.in(lang);
-    if (total < kHour) return std::to_string(total / kMinute) + minute_unit.in(lang);
-    const int64_t minutes = total % kHour / kMinute;
-    return std::to_string(total / kHour) + hour_unit.in(lang) + (minutes < 10 ? "0" : "") +
-           std::to_string(minutes) + minute_unit.in(lang);
 }
 
 }  // namespace ox::tui
