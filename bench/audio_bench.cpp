@@ -1,10 +1,7 @@
-// From a 5 ms buffer of sound that was read to its datagram on the wire: the components of the
-// audio stream in the order in which its thread calls them, beside libopus and a bare sendto.
+// From 5 ms of PCM to its datagram: the audio stream's packetizer beside libopus and a bare sendto.
 
-#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <opus/opus.h>
-#include <sys/socket.h>
 
 #include <array>
 #include <cmath>
@@ -13,14 +10,12 @@
 #include <vector>
 
 #include "allocation_count.h"
-#include "audio/audio_encoder.h"
-#include "audio/audio_headers.h"
-#include "audio/parity_block.h"
+#include "audio/audio_packetizer.h"
 #include "base/clock.h"
 #include "base/unique_fd.h"
 #include "log/log.h"
 #include "percentile.h"
-#include "transport/encryption.h"
+#include "support/sockets.h"
 #include "transport/udp_sender.h"
 
 namespace ox {
@@ -52,75 +47,33 @@ std::vector<Frame> sound() {
     return frames;
 }
 
-/// A loopback socket that nobody reads.
-class Sink {
-  public:
-    Sink() {
-        address_.sin_family = AF_INET;
-        address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        auto* generic = reinterpret_cast<sockaddr*>(&address_);
-        socklen_t size = sizeof address_;
-        ::bind(socket_.get(), generic, size);
-        ::getsockname(socket_.get(), generic, &size);
-    }
-    [[nodiscard]] const sockaddr_in& address() const { return address_; }
-
-  private:
-    UniqueFd socket_{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-    sockaddr_in address_{};
+/// A loopback socket that is never read.
+struct Sink {
+    UniqueFd socket = test::bound_socket(SOCK_DGRAM, 0);
+    uint16_t port = test::port_of(socket);
+    sockaddr_in address = test::loopback(port);
 };
 
 /// What the audio thread does with a buffer.
 class AgentPath {
   public:
-    AgentPath(const Sink& sink, bool parity) : parity_(parity) {
+    AgentPath(const Sink& sink, bool parity) {
         const std::array<uint8_t, Encryption::kKeyBytes> key{7};
-        ready_ = encryption_.set_key(key.data(), key.size()) &&
-                 encoder_.init(kRate, kChannels, kBitrate) &&
-                 sender_.open("127.0.0.1", ntohs(sink.address().sin_port), 0);
+        packetizer_.set_parity_enabled(parity);
+        ready_ = sender_.open("127.0.0.1", sink.port, 0) &&
+                 packetizer_.open(sender_, key, kRate, kChannels, kBitrate);
     }
     [[nodiscard]] bool ready() const { return ready_; }
-
-    void send(const Frame& pcm) {
-        encoder_.encode(pcm.data(), kFrameSamples, opus_);
-        const uint32_t sequence = sequence_++;
-        const uint64_t timestamp = steady_now_us();
-        const bool complete = parity_ && block_.add(sequence, opus_, timestamp);
-        seal_and_send(audio_data_header(sequence, timestamp), opus_);
-        if (!complete || !block_.fits() || block_.encode(shards_) != audioparity::Guard::kOk) {
-            return;
-        }
-        for (size_t i = 0; i < audioparity::kRepairs; ++i) {
-            seal_and_send(audio_repair_header(block_.base(), i, block_.last_timestamp()),
-                          {shards_.bytes[i].data(), shards_.lengths[i]});
-        }
-    }
+    void send(const Frame& pcm) { packetizer_.send_frame(pcm.data()); }
     [[nodiscard]] uint64_t packets() const { return sender_.packets_sent(); }
 
   private:
-    void seal_and_send(const PacketHeader& header, std::span<const uint8_t> payload) {
-        packet_.header = header;
-        packet_.payload.assign(payload);
-        size_t sealed = 0;
-        encryption_.encrypt_packet(header, packet_.payload.data(), payload.size(),
-                                   packet_.payload.data(), sealed);
-        packet_.payload.resize(sealed);
-        sender_.send_packet(packet_);
-    }
-
-    bool parity_;
-    bool ready_ = false;
-    AudioEncoder encoder_;
-    Encryption encryption_;
     UdpSender sender_;
-    ParityBlock block_;
-    ParityBlock::Shards shards_;
-    OutgoingPacket packet_;
-    std::vector<uint8_t> opus_;
-    uint32_t sequence_ = 0;
+    AudioPacketizer packetizer_;
+    bool ready_ = false;
 };
 
-/// The least that has to be done: libopus with the same settings, and one sendto in clear.
+/// The minimum: libopus with the same settings, and one unencrypted sendto.
 class BarePath {
   public:
     explicit BarePath(const Sink& sink)
@@ -136,7 +89,7 @@ class BarePath {
         const int length = ::opus_encode(encoder_.get(), pcm.data(), kFrameSamples, buffer_.data(),
                                          static_cast<opus_int32>(buffer_.size()));
         ::sendto(socket_.get(), buffer_.data(), static_cast<size_t>(length), 0,
-                 reinterpret_cast<const sockaddr*>(&sink_.address()), sizeof(sockaddr_in));
+                 reinterpret_cast<const sockaddr*>(&sink_.address), sizeof(sockaddr_in));
     }
 
   private:

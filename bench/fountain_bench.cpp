@@ -9,7 +9,6 @@
 #include <random>
 #include <vector>
 
-#include "fountain/gf256.h"
 #include "fountain/wirehair.h"
 
 #if OX_HAVE_ISAL
@@ -18,10 +17,6 @@
 
 namespace {
 
-struct FreeCodec {
-    void operator()(WirehairCodec codec) const { wirehair_free(codec); }
-};
-using CodecOwner = std::unique_ptr<WirehairCodec_t, FreeCodec>;
 using Bytes = std::vector<uint8_t>;
 
 constexpr uint32_t kLargeBlock = 1024;
@@ -48,7 +43,7 @@ void encode_message(benchmark::State& state) {
     Bytes block(kLargeBlock);
     uint32_t written = 0;
     for (auto _ : state) {
-        const CodecOwner encoder(
+        const WirehairCodecPtr encoder(
             wirehair_encoder_create(nullptr, message.data(), message.size(), kLargeBlock));
         wirehair_encode(encoder.get(), block_count, block.data(), kLargeBlock, &written);
         benchmark::DoNotOptimize(block.data());
@@ -60,7 +55,7 @@ void encode_message(benchmark::State& state) {
 void encode_repair_blocks(benchmark::State& state) {
     const auto block_count = static_cast<uint32_t>(state.range(0));
     const Bytes message = random_bytes(size_t{block_count} * kLargeBlock);
-    const CodecOwner encoder(
+    const WirehairCodecPtr encoder(
         wirehair_encoder_create(nullptr, message.data(), message.size(), kLargeBlock));
     Bytes block(kLargeBlock);
     uint32_t written = 0;
@@ -76,7 +71,7 @@ void encode_repair_blocks(benchmark::State& state) {
 void decode_message(benchmark::State& state) {
     const auto block_count = static_cast<uint32_t>(state.range(0));
     const Bytes message = random_bytes(size_t{block_count} * kLargeBlock);
-    const CodecOwner encoder(
+    const WirehairCodecPtr encoder(
         wirehair_encoder_create(nullptr, message.data(), message.size(), kLargeBlock));
     const uint32_t repairs = block_count / 10;
     std::vector<uint32_t> ids;
@@ -88,7 +83,8 @@ void decode_message(benchmark::State& state) {
     }
     Bytes restored(message.size());
     for (auto _ : state) {
-        const CodecOwner decoder(wirehair_decoder_create(nullptr, message.size(), kLargeBlock));
+        const WirehairCodecPtr decoder(
+            wirehair_decoder_create(nullptr, message.size(), kLargeBlock));
         WirehairResult result = Wirehair_NeedMore;
         for (size_t i = 0; result == Wirehair_NeedMore && i < ids.size(); ++i) {
             result = wirehair_decode(decoder.get(), ids[i], blocks[i].data(), kLargeBlock);
@@ -120,7 +116,7 @@ void encode_four_plus_two(benchmark::State& state) {
     Bytes repair(size_t{2} * bytes);
     uint32_t written = 0;
     for (auto _ : state) {
-        const CodecOwner encoder(
+        const WirehairCodecPtr encoder(
             wirehair_encoder_create(nullptr, message.data(), message.size(), bytes));
         wirehair_encode(encoder.get(), 4, repair.data(), bytes, &written);
         wirehair_encode(encoder.get(), 5, repair.data() + bytes, bytes, &written);
@@ -132,7 +128,7 @@ void encode_four_plus_two(benchmark::State& state) {
 void decode_two_lost_of_four(benchmark::State& state) {
     const auto bytes = static_cast<uint32_t>(state.range(0));
     const Bytes message = random_bytes(size_t{4} * bytes);
-    const CodecOwner encoder(
+    const WirehairCodecPtr encoder(
         wirehair_encoder_create(nullptr, message.data(), message.size(), bytes));
     constexpr std::array<uint32_t, 4> kIds{0, 3, 4, 5};
     std::vector<Bytes> blocks;
@@ -140,7 +136,7 @@ void decode_two_lost_of_four(benchmark::State& state) {
         blocks.push_back(block_of(encoder.get(), id, bytes));
     Bytes restored(message.size());
     for (auto _ : state) {
-        const CodecOwner decoder(wirehair_decoder_create(nullptr, message.size(), bytes));
+        const WirehairCodecPtr decoder(wirehair_decoder_create(nullptr, message.size(), bytes));
         for (size_t i = 0; i < kIds.size(); ++i) {
             wirehair_decode(decoder.get(), kIds[i], blocks[i].data(), bytes);
         }
@@ -152,24 +148,6 @@ void decode_two_lost_of_four(benchmark::State& state) {
 
 BENCHMARK(encode_four_plus_two)->Apply(shard_lengths);
 BENCHMARK(decode_two_lost_of_four)->Apply(shard_lengths);
-
-/// Multiply-add of one block, per implementation.
-void multiply_add(benchmark::State& state, ox::fountain::Gf256Path path) {
-    const auto* kernels = ox::fountain::gf256_kernels(path);
-    if (kernels == nullptr) return state.SkipWithError("not on this processor");
-    const auto bytes = static_cast<size_t>(state.range(0));
-    const Bytes source = random_bytes(bytes);
-    Bytes target = random_bytes(bytes);
-    for (auto _ : state) {
-        kernels->muladd_mem(target.data(), 0x57, source.data(), bytes);
-        benchmark::DoNotOptimize(target.data());
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
-}
-BENCHMARK_CAPTURE(multiply_add, portable, ox::fountain::Gf256Path::kPortable)->Apply(shard_lengths);
-BENCHMARK_CAPTURE(multiply_add, ssse3, ox::fountain::Gf256Path::kSsse3)->Apply(shard_lengths);
-BENCHMARK_CAPTURE(multiply_add, avx2, ox::fountain::Gf256Path::kAvx2)->Apply(shard_lengths);
 
 #if OX_HAVE_ISAL
 

@@ -11,9 +11,7 @@
 #include <vector>
 
 #include "fountain/binary_echelon.h"
-#include "fountain/code_choice.h"
-#include "fountain/dense_rows.h"
-#include "fountain/gf256.h"
+#include "fountain/code_rows.h"
 #include "fountain/matrix_solver.h"
 
 namespace {
@@ -200,7 +198,6 @@ int usage() {
 
 int main(int argc, char** argv) {
     if (argc < 2) return usage();
-    if (gf256_init() != 0) return 1;
     const std::string mode = argv[1];
     std::vector<uint32_t> numbers;
     for (int i = 2; i < argc; ++i) {

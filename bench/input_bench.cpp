@@ -1,14 +1,12 @@
-// From an input datagram on the wire to the events at the device: the agent's receiver beside a
-// bare loop of poll, recv and write that opens and checks nothing. Both write into a pipe of their
-// own in place of the device, and get their datagrams in turns, so that both see the same machine.
+// From an input datagram to the events at the device: the agent's receiver beside a bare loop of
+// poll, recv and write without decryption. Each writes into a pipe in place of the device; they get
+// their datagrams in turns, so that load affects both.
 
-#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <linux/input.h>
 #include <poll.h>
 #include <sodium.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
@@ -23,6 +21,7 @@
 #include "input/input_receiver.h"
 #include "log/log.h"
 #include "percentile.h"
+#include "support/sockets.h"
 
 namespace ox {
 namespace {
@@ -31,7 +30,7 @@ using Key = std::array<uint8_t, InputReceiver::kKeyBytes>;
 using Datagram = std::array<uint8_t, kInputDatagramBytes>;
 constexpr Key kKey{1, 2, 3};
 constexpr size_t kMotionBytes = 2 * sizeof(input_event);  ///< REL_X and SYN_REPORT
-constexpr std::chrono::microseconds kPause{300};  ///< the receivers are back in poll by then
+constexpr std::chrono::microseconds kPause{300};          ///< until the receivers poll again
 
 struct Pipe {
     Pipe() {
@@ -39,27 +38,12 @@ struct Pipe {
         if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
         read.reset(ends[0]);
         write.reset(ends[1]);
-        // The clock is stopped by a look at the pipe, not by the scheduler.
+        // The clock is stopped by polling the pipe, not by the scheduler.
         ::fcntl(read.get(), F_SETFL, O_NONBLOCK);
     }
     UniqueFd read;
     UniqueFd write;
 };
-
-UniqueFd bound_socket(uint16_t& port) {
-    UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    socklen_t size = sizeof address;
-    if (::bind(socket.get(), generic, size) != 0 ||
-        ::getsockname(socket.get(), generic, &size) != 0) {
-        throw std::runtime_error("no loopback socket");
-    }
-    port = ntohs(address.sin_port);
-    return socket;
-}
 
 /// A receiver under measurement: its pipe and the address it listens at.
 class Path {
@@ -88,10 +72,7 @@ class Path {
 
   protected:
     void connect_to(uint16_t port) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const sockaddr_in address = test::loopback(port);
         if (::connect(launcher_.get(), reinterpret_cast<const sockaddr*>(&address),
                       sizeof address) != 0) {
             throw std::runtime_error("connect failed");
@@ -106,8 +87,7 @@ class Path {
 class AgentPath final : public Path {
   public:
     AgentPath() {
-        uint16_t port = 0;
-        bound_socket(port).reset();  // a port that was free a moment ago
+        const uint16_t port = test::port_of(test::bound_socket(SOCK_DGRAM, 0));  // free again
         receiver_.set_key(kKey.data(), kKey.size());
         if (!receiver_.start_with_device(port, std::move(pipe.write))) {
             throw std::runtime_error("the receiver did not start");
@@ -122,9 +102,7 @@ class AgentPath final : public Path {
 class BarePath final : public Path {
   public:
     BarePath() {
-        uint16_t port = 0;
-        socket_ = bound_socket(port);
-        connect_to(port);
+        connect_to(test::port_of(socket_));
         thread_ = std::jthread([this](const std::stop_token& stop) { loop(stop); });
     }
 
@@ -143,7 +121,7 @@ class BarePath final : public Path {
         }
     }
 
-    UniqueFd socket_;
+    UniqueFd socket_ = test::bound_socket(SOCK_DGRAM, 0);
     std::jthread thread_;
 };
 
@@ -152,7 +130,7 @@ Datagram sealed_motion(uint16_t sequence) {
     packet.seq = sequence;
     packet.data0 = 1;
     Datagram datagram{};
-    std::memcpy(datagram.data(), &sequence, sizeof sequence);  // a nonce that comes once
+    std::memcpy(datagram.data(), &sequence, sizeof sequence);  // a unique nonce
     std::array<uint8_t, sizeof packet> plain{};
     std::memcpy(plain.data(), &packet, sizeof packet);
     ::crypto_aead_chacha20poly1305_ietf_encrypt(datagram.data() + kInputNonceBytes, nullptr,

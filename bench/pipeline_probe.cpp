@@ -1,6 +1,5 @@
-// Runs one sender of the pipeline comparison, receives and decodes what it sends, and measures it
-// over a window after a warm-up, bursts from the start. The sender's picture carries the painter's
-// time strip.
+// Runs one sender of the pipeline comparison, receives and decodes its stream, and measures it over
+// a window after a warm-up, bursts from the start. The picture contains the painter's time strip.
 //
 //   pipeline_probe agent PORT-BASE WxH FPS KBPS WARM-UP-S WINDOW-S COMMAND...
 //   pipeline_probe rtp   PORT      WxH FPS KBPS WARM-UP-S WINDOW-S COMMAND...
@@ -30,12 +29,12 @@
 #include "base/clock.h"
 #include "base/sleep.h"
 #include "burst_meter.h"
-#include "launcher/control_client.h"
-#include "launcher/control_messages.h"
-#include "launcher/latency_histogram.h"
-#include "launcher/media_socket.h"
-#include "launcher/video_decoder.h"
-#include "launcher/video_receiver.h"
+#include "launcher/client/control_client.h"
+#include "launcher/client/control_messages.h"
+#include "launcher/client/media_socket.h"
+#include "launcher/client/timing_stats.h"
+#include "launcher/client/video_decoder.h"
+#include "launcher/client/video_receiver.h"
 #include "rtp_h264.h"
 #include "srtp_opener.h"
 #include "support/child_process.h"
@@ -61,7 +60,7 @@ class Source {
   public:
     using Sink = std::function<void(const launcher::AssembledFrame&)>;
     virtual ~Source() = default;
-    /// Called once the sender runs.
+    /// Called after the sender's start.
     virtual void start() = 0;
     virtual void receive(const Sink& sink) = 0;
     [[nodiscard]] virtual uint64_t lost() const = 0;
@@ -71,9 +70,9 @@ class Source {
     void open_socket(uint16_t port) {
         std::string error;
         if (!socket_.open(port, error)) throw std::runtime_error(error);
-        socket_.note_arrival_times();
+        socket_.enable_arrival_times();
     }
-    /// Hands over what comes within `kPoll`.
+    /// Passes on the datagrams of the next `kPoll`.
     void receive_datagrams(const launcher::MediaSocket::Sink& sink) {
         socket_.receive(kPoll, [&](std::span<const uint8_t> datagram) {
             burst_.add(socket_.arrival_ns(), datagram.size());
@@ -120,7 +119,7 @@ class AgentSource final : public Source {
     void start() override {
         const char* token = std::getenv("ORVEX_TOKEN");
         const launcher::AuthRequest request{.token = token != nullptr ? token : "",
-                                            .codec = 0,
+                                            .codec = launcher::Codec::H264,
                                             .width = plan_.width,
                                             .height = plan_.height,
                                             .fps = plan_.fps,
@@ -138,10 +137,10 @@ class AgentSource final : public Source {
         if (receiver_->stats().packets == 0) socket_.send_probe();
         receive_datagrams([&](std::span<const uint8_t> datagram) {
             receiver_->on_datagram(datagram, steady_now_us());
-            hand_out(sink);
+            deliver_frames(sink);
         });
         receiver_->on_time(steady_now_us());
-        hand_out(sink);
+        deliver_frames(sink);
         if (receiver_->take_keyframe_request(steady_now_us())) {
             control_.send_line(launcher::kRequestIdrLine);
         }
@@ -151,7 +150,7 @@ class AgentSource final : public Source {
     }
 
   private:
-    void hand_out(const Sink& sink) {
+    void deliver_frames(const Sink& sink) {
         while (const auto frame = receiver_->next_frame())
             sink(*frame);
     }
@@ -161,7 +160,7 @@ class AgentSource final : public Source {
     std::optional<launcher::VideoReceiver> receiver_;
 };
 
-// The senders are single processes, so their own times are those of the whole tree.
+// Each sender is a single process, so its own CPU time is all of it.
 class Measurement {
   public:
     explicit Measurement(const test::ChildProcess& sender)
@@ -180,8 +179,8 @@ class Measurement {
             ++unreadable_;
         }
     }
-    /// A frame is whole; from the agent it tells when its picture was taken.
-    void add_whole(const launcher::AssembledFrame& frame) {
+    /// A complete frame; those of the agent have a capture time.
+    void add_frame(const launcher::AssembledFrame& frame) {
         if (frame.timestamp != 0 && frame.completed >= frame.timestamp) {
             wire_.add(frame.completed - frame.timestamp);
         }
@@ -225,7 +224,7 @@ class Measurement {
     std::chrono::milliseconds cpu_;
     launcher::LatencyHistogram latency_;  ///< painted to decoded
     launcher::LatencyHistogram wire_;     ///< captured to last datagram; the agent's streams only
-    std::array<unsigned, 60> by_ms_{};    ///< painted to decoded; the last one: and above
+    std::array<unsigned, 60> by_ms_{};    ///< painted to decoded; the last one counts the rest
     uint64_t frames_ = 0;
     uint64_t unreadable_ = 0;
 };
@@ -246,22 +245,22 @@ int run(const Plan& plan) {
     std::string error;
     if (!decoder.open(launcher::Codec::H264, error)) throw std::runtime_error(error);
 
-    // Not /dev/stderr, which is the sender's own: closed when it is opened.
+    // /dev/stderr would be the sender's own, which is closed when it is opened.
     const std::string own_stderr = "/proc/" + std::to_string(::getpid()) + "/fd/2";
     test::ChildProcess sender({.argv = plan.command, .environment = {}, .stderr_path = own_stderr});
     source->start();
     std::optional<Measurement> measurement;
     std::optional<SteadyClock::time_point> first_picture;
-    const auto give_up = SteadyClock::now() + std::chrono::seconds(20) +
-                         std::chrono::duration_cast<SteadyClock::duration>(
-                             std::chrono::duration<double>(plan.warm_up_s + plan.window_s));
+    const auto deadline = SteadyClock::now() + std::chrono::seconds(20) +
+                          std::chrono::duration_cast<SteadyClock::duration>(
+                              std::chrono::duration<double>(plan.warm_up_s + plan.window_s));
     while (!measurement || measurement->seconds() < plan.window_s) {
-        if (!sender.running() || SteadyClock::now() > give_up) {
+        if (!sender.running() || SteadyClock::now() > deadline) {
             std::fprintf(stderr, "pipeline_probe: no stream from %s\n", plan.command[0].c_str());
             return 1;
         }
         source->receive([&](const launcher::AssembledFrame& frame) {
-            if (measurement) measurement->add_whole(frame);
+            if (measurement) measurement->add_frame(frame);
             decoder.decode(frame, [&](const launcher::DecodedPicture& picture) {
                 const auto now = SteadyClock::now();
                 if (!first_picture) first_picture = now;

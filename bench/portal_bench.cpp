@@ -1,6 +1,6 @@
-// Portal capture of a moving Wayland desktop: CPU time per frame of the capturing process, and how
-// old a picture is when it is handed out and when it is encoded. The compositor's end runs in a
-// process of its own and writes the time into each picture.
+// Portal capture of a moving Wayland desktop: CPU time per frame of the capturing process, and the
+// age of a picture when captured and when encoded. The compositor's end runs in a process of its
+// own and writes the time into each picture.
 //
 //   portal_bench            1280x720 and 1920x1080 at 60 fps
 //   portal_bench SECONDS    the time that each measurement takes (default 5)
@@ -70,7 +70,7 @@ double percentile(std::vector<uint64_t>& ages, double share) {
 bool measure(PortalCapture& capture, VideoEncoder* encoder, int seconds) {
     CapturedFrame frame;
     EncodedFrame encoded;
-    std::vector<uint64_t> handed_out;
+    std::vector<uint64_t> captured;
     std::vector<uint64_t> done;
     uint64_t last = 0;
     const auto begin = SteadyClock::now();
@@ -80,7 +80,7 @@ bool measure(PortalCapture& capture, VideoEncoder* encoder, int seconds) {
         sleep_until_steady(begin + i * std::chrono::microseconds(1'000'000 / kFps));
         if (capture.capture_frame(frame) != 0) return false;
         const uint64_t stamp = stamp_of(frame);
-        if (stamp != last) handed_out.push_back(steady_now_us() - stamp);
+        if (stamp != last) captured.push_back(steady_now_us() - stamp);
         if (encoder != nullptr) {
             encoded.data.clear();
             if (!encoder->encode_bgra(frame.pixels(), frame.width, frame.height, steady_now_us(),
@@ -93,8 +93,8 @@ bool measure(PortalCapture& capture, VideoEncoder* encoder, int seconds) {
     }
     const double per_frame = (cpu_ms() - cpu) / frames;
     std::printf("%5ux%-5u %-8s %8.2f %8zu %7.1f /%5.1f", frame.width, frame.height,
-                encoder != nullptr ? "encoded" : "captured", per_frame, handed_out.size(),
-                percentile(handed_out, 0.5), percentile(handed_out, 0.99));
+                encoder != nullptr ? "encoded" : "captured", per_frame, captured.size(),
+                percentile(captured, 0.5), percentile(captured, 0.99));
     if (encoder != nullptr) {
         std::printf(" %9.1f /%5.1f", percentile(done, 0.5), percentile(done, 0.99));
     }

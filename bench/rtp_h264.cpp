@@ -15,7 +15,7 @@ uint16_t big_endian_16(std::span<const uint8_t> bytes) {
     return static_cast<uint16_t>(bytes[0] << 8 | bytes[1]);
 }
 
-// What lies behind the header, RFC 3550 section 5.1; empty for anything malformed.
+// The payload behind the header (RFC 3550 section 5.1); empty for a malformed packet.
 std::span<const uint8_t> payload_of(std::span<const uint8_t> packet) {
     constexpr size_t kFixedHeader = 12;
     if (packet.size() < kFixedHeader || packet[0] >> 6 != 2) return {};

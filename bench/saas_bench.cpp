@@ -1,9 +1,8 @@
-// The platform link: how long a message waits for the wire, what an idle link costs, and what ten
-// thousand lost connections leave behind. The backend is a socket in this process.
+// The platform link: time from a queued message to the wire, CPU time of an idle link, memory
+// growth over ten thousand lost connections. The backend is a socket in this process.
 
 #include <benchmark/benchmark.h>
 #include <malloc.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
@@ -20,30 +19,17 @@
 #include "log/log.h"
 #include "saas/saas_connector.h"
 #include "saas/ws_frame.h"
+#include "support/sockets.h"
 
 namespace ox {
 namespace {
 
-/// Accepts connections, agrees to the upgrade and counts bytes.
+/// Accepts connections and upgrades.
 class Backend {
   public:
-    Backend() : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        auto* generic = reinterpret_cast<sockaddr*>(&address);
-        socklen_t size = sizeof address;
-        if (::bind(listener_.get(), generic, size) != 0 || ::listen(listener_.get(), 16) != 0 ||
-            ::getsockname(listener_.get(), generic, &size) != 0) {
-            throw std::runtime_error("no port for the backend");
-        }
-        port_ = ntohs(address.sin_port);
-    }
-
     [[nodiscard]] SaasConfig config() const {
         SaasConfig config;
-        config.host = "127.0.0.1";
-        config.port = port_;
+        config.backend = {.host = "127.0.0.1", .port = test::port_of(listener_)};
         return config;
     }
 
@@ -70,8 +56,7 @@ class Backend {
     }
 
   private:
-    UniqueFd listener_;
-    uint16_t port_ = 0;
+    UniqueFd listener_ = test::bound_socket(SOCK_STREAM, 0);
 };
 
 void queue_to_wire(benchmark::State& state) {

@@ -1,6 +1,4 @@
-#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
-#include <sys/socket.h>
 
 #include <array>
 #include <random>
@@ -8,14 +6,12 @@
 #include <vector>
 
 #include "allocation_count.h"
-#include "base/unique_fd.h"
 #include "log/log.h"
+#include "support/sockets.h"
 #include "transport/encryption.h"
-#include "transport/nonce.h"
 #include "transport/packetizer.h"
 #include "transport/token_bucket.h"
 #include "transport/udp_sender.h"
-#include "transport/xor_parity.h"
 
 namespace ox {
 namespace {
@@ -116,18 +112,12 @@ void token_bucket(benchmark::State& state) {
 }
 BENCHMARK(token_bucket);
 
-// Full datagrams to a loopback socket that nobody reads: once its buffer is full the kernel throws
-// them away on arrival, as it would for a slow receiver.
+// Full datagrams to a loopback socket that is never read: once its buffer is full the kernel drops
+// them on arrival, as for a slow receiver.
 void send_packet(benchmark::State& state) {
-    const UniqueFd sink(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = ::inet_addr("127.0.0.1");
-    socklen_t size = sizeof address;
+    const UniqueFd sink = test::bound_socket(SOCK_DGRAM, 0);
     UdpSender sender;
-    if (::bind(sink.get(), reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
-        ::getsockname(sink.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
-        !sender.open("127.0.0.1", ntohs(address.sin_port), 0)) {
+    if (!sender.open("127.0.0.1", test::port_of(sink), 0)) {
         state.SkipWithError("no loopback socket");
         return;
     }

@@ -14,8 +14,8 @@
 #include "log/log.h"
 #include "support/x_painter.h"
 #include "support/xvfb.h"
-#include "video/av_handles.h"
-#include "video/encoder_options.h"
+#include "video/encoder_ladder.h"
+#include "video/libav.h"
 #include "video/picture_converter.h"
 #include "video/pixel_unpacker.h"
 #include "video/synthetic_capture.h"
@@ -154,12 +154,15 @@ void convert(benchmark::State& state, AVPixelFormat format, uint32_t source_heig
     const Scene scene(width_for(from), from);
     PictureConverter converter(format, width_for(height), height);
     const AvFramePtr out = make_picture(format, width_for(height), height);
-    converter.ensure_input_ready(scene.width(), scene.height());
+    const auto run = [&](size_t n) {
+        converter.convert(scene.at(n), scene.width(), scene.height(), *out);
+    };
+    run(0);
     size_t n = 0;
     for (auto _ : state)
-        converter.convert(scene.at(n++), *out);
+        run(n++);
     if (from == height) {
-        converter.convert(scene.at(0), *out);
+        run(0);
         state.counters["luma_psnr_db"] = luma_psnr_db(*out, scene.at(0));
     }
 }
@@ -234,10 +237,9 @@ void x264_alone(benchmark::State& state) {
     const Scene scene(width_for(height), height);
     std::vector<AvFramePtr> pictures;
     PictureConverter converter(AV_PIX_FMT_YUV420P, scene.width(), height);
-    converter.ensure_input_ready(scene.width(), height);
     for (size_t n = 0; n < Scene::kPictures; ++n) {
         pictures.push_back(make_picture(AV_PIX_FMT_YUV420P, scene.width(), height));
-        converter.convert(scene.at(n), *pictures.back());
+        converter.convert(scene.at(n), scene.width(), height, *pictures.back());
     }
     const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
     const AvCodecContextPtr context(avcodec_alloc_context3(codec));

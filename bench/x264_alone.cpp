@@ -1,5 +1,5 @@
-// The lower bound of the pipeline comparison: x264 with the agent's settings, paced, on pictures of
-// the painter's scene that lie ready in its own format. Nothing is captured, converted or sent.
+// The lower bound of the pipeline comparison: x264 with the agent's settings, paced, on prepared
+// pictures of the painter's scene in its own format. Nothing is captured, converted or sent.
 //
 //   x264_alone DISPLAY FPS KBPS WARM-UP-S WINDOW-S
 
@@ -13,10 +13,10 @@
 
 #include "base/clock.h"
 #include "base/sleep.h"
-#include "launcher/latency_histogram.h"
+#include "launcher/client/timing_stats.h"
 #include "log/log.h"
-#include "video/av_handles.h"
-#include "video/encoder_options.h"
+#include "video/encoder_ladder.h"
+#include "video/libav.h"
 #include "video/picture_converter.h"
 #include "video/x11_capture.h"
 
@@ -58,8 +58,8 @@ std::vector<ox::AvFramePtr> record(ox::X11Capture& capture, int fps) {
         picture->height = static_cast<int>(capture.height());
         pacer.wait();
         if (av_frame_get_buffer(picture.get(), 32) < 0 || capture.capture_frame(frame) != 0 ||
-            !converter.ensure_input_ready(frame.width, frame.height) ||
-            !converter.convert(frame.pixels(), *picture)) {
+            converter.convert(frame.pixels(), frame.width, frame.height, *picture) !=
+                ox::PictureConverter::Result::Converted) {
             return {};
         }
         pictures.push_back(std::move(picture));

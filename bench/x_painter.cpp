@@ -98,8 +98,8 @@ class Painter {
 
     void paint_strip() { put_strip(window_); }
 
-    // Composed off screen and shown in one request: no capture sees half a picture. With the time
-    // in it, or below the strip.
+    // Composed off screen and shown in one request, so that captures see whole pictures. With the
+    // time in it, or below the strip.
     void paint_scene(double seconds, bool with_time) {
         compose_scene(seconds);
         if (with_time) put_strip(back_);

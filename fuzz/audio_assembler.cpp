@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "fuzz.h"
-#include "launcher/audio_assembler.h"
+#include "launcher/client/audio_assembler.h"
 
 namespace {
 

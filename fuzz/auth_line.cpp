@@ -1,7 +1,6 @@
-// The first line that a stranger sends to the control port.
+// The first line at the control port, before authentication.
 
-#include "control/auth_message.h"
-#include "control/token_check.h"
+#include "control/auth_line.h"
 #include "control/udp_destination.h"
 #include "fuzz.h"
 
@@ -16,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         ox::judge_udp_override(message.udp_ip, peer);
         ox::choose_udp_destination(message.udp_ip, peer);
     }
-    // Nobody knows a token of this hash.
+    // No known token has this hash.
     OX_FUZZ_REQUIRE(!ox::token_matches(message.token.text(), std::string(64, '0')));
     return 0;
 }

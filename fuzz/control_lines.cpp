@@ -1,9 +1,8 @@
-// What an authenticated launcher sends afterwards, in pieces of any size.
+// An authenticated launcher's lines, in pieces of any size.
 
 #include <vector>
 
 #include "control/control_message.h"
-#include "control/line_splitter.h"
 #include "fuzz.h"
 
 namespace {
@@ -31,8 +30,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const Lines lines = split(bytes, bytes.size());
     OX_FUZZ_REQUIRE(lines == split(bytes, data[0] % 64U + 1));
     for (const auto& line : lines) {
-        const ox::ControlMessage message = ox::parse_control_line(line.first);
-        if (const auto* ping = std::get_if<ox::PingMessage>(&message)) ox::make_pong(ping->ts);
+        const ox::ControlLine parsed = ox::parse_control_line(line.first);
+        if (const auto* ping = std::get_if<ox::Ping>(&parsed)) ox::make_pong(ping->ts);
     }
     return 0;
 }

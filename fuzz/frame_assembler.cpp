@@ -1,9 +1,9 @@
-// Opened media packets in any order at the launcher: bounded memory, frames in order.
+// Decrypted media packets in any order at the launcher: bounded memory, frames in order.
 
 #include <cstring>
 
 #include "fuzz.h"
-#include "launcher/frame_assembler.h"
+#include "launcher/client/frame_assembler.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider input(data, size);

@@ -12,7 +12,6 @@
 #include <thread>
 
 #include "fuzz.h"
-#include "input/feedback.h"
 #include "input/input_receiver.h"
 
 namespace {

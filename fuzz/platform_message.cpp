@@ -1,14 +1,14 @@
-// A text message from the backend, what of it is logged, and what goes back of it.
+// A message of the backend, what is logged of it, and what is sent back.
 
 #include "fuzz.h"
-#include "saas/log_text.h"
 #include "saas/platform_messages.h"
+#include "saas/redaction.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
     for (const std::string& line :
-         {ox::loggable(text, 100, "secret"), ox::loggable(ox::mask_broken_json(text)),
-          ox::loggable(ox::mask_secrets(text))}) {
+         {ox::loggable(text, 100, "secret"), ox::loggable(ox::redact_broken_json(text)),
+          ox::loggable(ox::redact_secrets(text))}) {
         for (const char c : line)
             OX_FUZZ_REQUIRE(static_cast<unsigned char>(c) >= 0x20 && c != 0x7F);
     }
@@ -17,8 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         ox::session_ready_message(prepare->session_id, "0.0.0.0", 1, 2, 3);
         ox::session_stats_message(prepare->session_id, {});
         ox::error_message("CODE", prepare->client_id, prepare->session_id);
-        // A key is masked wherever the message is quoted.
-        OX_FUZZ_REQUIRE(ox::mask_secrets(text).size() == text.size());
+        OX_FUZZ_REQUIRE(ox::redact_secrets(text).size() == text.size());
     } else if (const auto* terminate = std::get_if<ox::TerminateSession>(&message)) {
         ox::session_ended_message(terminate->session_id, terminate->reason, 1);
     }

@@ -14,10 +14,10 @@
 
 #include "base/unique_fd.h"
 #include "fuzz.h"
-#include "video/portal/pending_request.h"
+#include "video/portal/portal_bus.h"
 #include "video/portal/portal_messages.h"
 #include "video/portal/restore_token.h"
-#include "video/portal/stream_params.h"
+#include "video/portal/stream_format.h"
 
 namespace {
 
@@ -72,7 +72,7 @@ void messages(Bytes bytes) {
     while (const auto message = take_message(bytes)) {
         portal::is_session_closed(*message, kRequest);
         portal::is_service_gone(*message);
-        const auto state = pending.take(*message);
+        const auto state = pending.handle_message(*message);
         if (state == portal::PendingRequest::State::Waiting) continue;
         if (state == portal::PendingRequest::State::Answered) use(pending.response());
         break;
@@ -104,7 +104,7 @@ void format(Bytes bytes) {
     const size_t size = sizeof header + header.size;
     const auto pod = std::make_unique_for_overwrite<uint8_t[]>(size);
     std::memcpy(pod.get(), bytes.data(), size);
-    const auto agreed = portal::agreed_format(*reinterpret_cast<const spa_pod*>(pod.get()));
+    const auto agreed = portal::parse_format(*reinterpret_cast<const spa_pod*>(pod.get()));
     if (agreed) OX_FUZZ_REQUIRE(agreed->size.width - 1 < 16384 && agreed->size.height - 1 < 16384);
 }
 

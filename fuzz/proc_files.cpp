@@ -6,12 +6,11 @@
 #include <fstream>
 
 #include "fuzz.h"
-#include "saas/load_probe.h"
 #include "saas/system_info.h"
 
 namespace {
 
-/// A root folder of this process's own; gone with it.
+/// A temporary root folder.
 class Root {
   public:
     Root() : path_("/tmp/orvex-fuzz-" + std::to_string(::getpid())) {

@@ -1,10 +1,9 @@
-// What the backend sends once the WebSocket is open, in pieces of any size.
+// Frames of the backend, in pieces of any size.
 
 #include <utility>
 #include <vector>
 
 #include "fuzz.h"
-#include "saas/ws_assembler.h"
 #include "saas/ws_frame.h"
 
 namespace {
@@ -41,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::span<const uint8_t> bytes(data + 1, size - 1);
     OX_FUZZ_REQUIRE(receive(bytes, bytes.size()) == receive(bytes, data[0] % 16U + 1));
 
-    // What we encode ourselves decodes to the same.
+    // Encoding and decoding round-trip.
     const std::string payload(bytes.begin(), bytes.end());
     const std::string encoded =
         ox::encode_ws_frame(ox::WsOpcode::Binary, payload, {1, 2, 3, data[0]});

@@ -1,4 +1,4 @@
-// The backend's answer to the WebSocket upgrade, in pieces of any size.
+// The backend's response to the WebSocket upgrade, in pieces of any size.
 
 #include "saas/ws_upgrade.h"
 #include "fuzz.h"
@@ -37,8 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::span<const uint8_t> bytes(data + 1, size - 1);
     const Outcome whole = feed(bytes, bytes.size());
     const Outcome pieces = feed(bytes, data[0] % 16U + 1);
-    // The lenient check looks at all that has come so far: what came along with the head may help
-    // an answer to be accepted, never to be rejected.
+    // The lenient check includes the bytes behind the head, which may only turn a rejection into an
+    // acceptance.
     using State = ox::UpgradeResponse::State;
     if (pieces.state == State::Accepted || whole.state != State::Accepted)
         OX_FUZZ_REQUIRE(pieces == whole);

@@ -6,11 +6,11 @@ namespace {
 
 constexpr uint32_t kBits = 32;
 constexpr uint32_t kBlock = 8;
-// Video levels run from 16 to 235; what lies between these limits is no clear black or white.
+// Of video levels from 16 to 235; a level in between is neither black nor white.
 constexpr unsigned kDarkBelow = 80;
 constexpr unsigned kBrightAbove = 170;
 
-// Mean of the block's inner 4x4 pixels: the rim suffers from the neighbours.
+// Mean of the inner 4x4 pixels, which neighbouring blocks do not bleed into.
 unsigned block_level(const LumaPlane& plane, uint32_t bit) {
     unsigned sum = 0;
     for (size_t y = 2; y < 6; ++y)

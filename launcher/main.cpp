@@ -8,9 +8,9 @@
 #include <span>
 #include <string>
 
+#include "launcher/client/video_decoder.h"
 #include "launcher/options.h"
 #include "launcher/session.h"
-#include "launcher/video_decoder.h"
 
 namespace {
 
@@ -85,19 +85,20 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
     const std::span<char*> arguments(argv, static_cast<size_t>(argc));
-    const ParsedCommandLine parsed =
+    using Action = ox::CommandLineAction;
+    const auto parsed =
         parse_command_line(arguments.subspan(argc > 0 ? 1 : 0), std::getenv("ORVEX_TOKEN"));
     switch (parsed.action) {
-        case ParsedCommandLine::Action::ShowHelp:
+        case Action::ShowHelp:
             std::fputs(usage_text().c_str(), stdout);
             return 0;
-        case ParsedCommandLine::Action::ShowVersion:
+        case Action::ShowVersion:
             std::puts(OX_LAUNCHER_VERSION);
             return 0;
-        case ParsedCommandLine::Action::Fail:
+        case Action::Fail:
             std::fprintf(stderr, "orvex-launcher: %s\n", parsed.error.c_str());
             return static_cast<int>(ExitStatus::Usage);
-        case ParsedCommandLine::Action::Run:
+        case Action::Run:
             break;
     }
     return run(parsed.options);

@@ -5,9 +5,10 @@
 #include <string>
 #include <vector>
 
-namespace ox::launcher {
+#include "base/command_line.h"
+#include "launcher/client/control_messages.h"
 
-enum class Codec : int32_t { H264 = 0, Hevc = 1 };
+namespace ox::launcher {
 
 /// A bitrate to ask for when media has been coming for `at_seconds`.
 struct BitrateChange {
@@ -45,17 +46,10 @@ struct Options {
     bool quiet = false;
 };
 
-struct ParsedCommandLine {
-    enum class Action : uint8_t { Run, ShowHelp, ShowVersion, Fail };
-    Action action = Action::Run;
-    Options options;
-    std::string error;  ///< for Fail: one line for the user
-};
-
 /// Reads the arguments behind the program's name; `environment_token` (may be null) serves when no
 /// token is given among them. Pure.
-ParsedCommandLine parse_command_line(std::span<const char* const> arguments,
-                                     const char* environment_token);
+ParsedCommandLine<Options> parse_command_line(std::span<const char* const> arguments,
+                                              const char* environment_token);
 
 /// The usage text, with all options, their defaults and the exit statuses.
 std::string usage_text();

@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "base/sleep.h"
-#include "launcher/control_messages.h"
-#include "launcher/feedback_packets.h"
+#include "launcher/client/control_messages.h"
+#include "launcher/client/feedback_packets.h"
 
 namespace ox::launcher {
 
@@ -36,8 +36,10 @@ Session::Session(const Options& options, StopPredicate stop, ProgressSink progre
     : options_(with_changes_in_order(options)),
       stop_(std::move(stop)),
       progress_(std::move(progress)),
+      outputs_(options),
       queue_(kQueuedFrames),
-      decode_(queue_),
+      decode_(queue_, {.picture = [this](const auto& picture) { outputs_.on_picture(picture); },
+                       .frame = [this](const auto& frame) { outputs_.on_frame(frame); }}),
       next_idr_s_(options.request_idr_every_s) {
     summary_.codec = options.codec;
     summary_.stamps_checked = options.check_stamps;
@@ -54,12 +56,11 @@ Summary Session::run() {
     if (open_outputs() && connect()) {
         stream();
         finish();
-        conclude();
     }
     return summary_;
 }
 
-// Everything that can fail on this side fails before the agent is bothered.
+// Local failures come before the connection to the agent.
 bool Session::open_outputs() {
     std::string error;
     if (!parse_input_script(options_.input_script, input_steps_, error)) {
@@ -70,19 +71,14 @@ bool Session::open_outputs() {
     const bool opened =
         socket_.open(options_.local_port, error, options_.local_ip) &&
         (!options_.audio || audio_socket_.open(audio_port, error, options_.local_ip)) &&
-        decode_.open({.codec = options_.codec,
-                      .save_stream = options_.save_stream,
-                      .record_sound = options_.audio,
-                      .keep_last_picture = !options_.save_frame.empty(),
-                      .check_stamps = options_.check_stamps},
-                     error);
+        decode_.open(options_.codec, error) && outputs_.open(error);
     if (!opened) fail(ExitStatus::Failed, error);
     return opened;
 }
 
 bool Session::connect() {
     const std::string auth = make_auth_line({.token = options_.token,
-                                             .codec = static_cast<int32_t>(options_.codec),
+                                             .codec = options_.codec,
                                              .width = options_.width,
                                              .height = options_.height,
                                              .fps = options_.fps,
@@ -122,24 +118,26 @@ bool Session::start_media() {
     socket_.set_agent(control_.agent_ip(), static_cast<uint16_t>(options_.port_base + 4));
     receive_.emplace(socket_, queue_, std::span(keys.video_key).first<PacketOpener::kKeyBytes>(),
                      VideoReceiver::Config{.limits = {}, .decode_damaged = options_.decode_damaged},
-                     [this](const KeyframeRequest& request) { ask_for_keyframe(request); });
-    return !options_.audio || connect_audio();
+                     [this](const KeyframeRequest& request) { request_keyframe(request); });
+    return !options_.audio || start_audio();
 }
 
-// The input port is quicker, but may be closed: the agent's owner can do without input. A request
-// that arrives twice counts once.
-void Session::ask_for_keyframe(const KeyframeRequest& request) {
+// The input port is faster, but an agent without input has it closed. The agent counts a request
+// that arrives twice once.
+void Session::request_keyframe(const KeyframeRequest& request) {
     if (!options_.no_feedback)
         input_.send(request.lost ? make_lost_frames_request(*request.lost)
                                  : make_keyframe_request());
     control_.send_line(kRequestIdrLine);
 }
 
-bool Session::connect_audio() {
+bool Session::start_audio() {
     audio_socket_.set_agent(control_.agent_ip(), static_cast<uint16_t>(options_.port_base + 5));
     const Secret& key = control_.keys().audio_key;
-    audio_.emplace(audio_socket_, std::span(key).first<PacketOpener::kKeyBytes>(),
-                   [this](const AudioFrame& frame) { decode_.record_audio(frame); });
+    audio_.emplace(
+        audio_socket_, std::span(key).first<PacketOpener::kKeyBytes>(),
+        AudioWorker::Sinks{.frame = [this](const auto& frame) { outputs_.on_audio(frame); },
+                           .samples = [this](const auto& pcm) { outputs_.on_samples(pcm); }});
     std::string error;
     if (audio_->start(error)) return true;
     fail(ExitStatus::Failed, error);
@@ -158,7 +156,7 @@ void Session::stream() {
         sleep_until_steady(next_tick);
         const auto now = SteadyClock::now();
         const ReceiveSnapshot receive = receive_->snapshot();
-        if (!check(receive, now)) return;
+        if (!may_continue(receive, now)) return;
         if (receive.stream.first_media_us != 0) {
             const auto media_us = steady_now_us() - receive.stream.first_media_us;
             send_due_requests(static_cast<double>(media_us) / 1e6);
@@ -171,7 +169,7 @@ void Session::stream() {
     }
 }
 
-bool Session::check(const ReceiveSnapshot& receive, SteadyClock::time_point now) {
+bool Session::may_continue(const ReceiveSnapshot& receive, SteadyClock::time_point now) {
     const ReceiveStats& stream = receive.stream;
     if (stop_ && stop_()) return false;
     if (receive.broken) {
@@ -250,32 +248,25 @@ void Session::finish() {
     queue_.close();
     decode_.join();
     std::string error;
-    const bool recorded = decode_.finish_recording(error);
+    const bool saved = outputs_.finish(error);
     summary_.receive = receive_->snapshot();
     summary_.decode = decode_.stats();
+    summary_.outputs = outputs_.results();
     summary_.rtt_ms = control_.rtt_ms();
     summary_.input = input_.counters();
-    // Without a picture, that is the failure to tell, not what could not be saved.
-    if (summary_.decode.frames_decoded == 0) return;
-    if (recorded && !options_.save_frame.empty() &&
-        decode_.save_last_picture(options_.save_frame, error))
-        return;
-    if (!error.empty()) fail(ExitStatus::Failed, error);
-}
-
-void Session::conclude() {
-    if (summary_.decode.frames_decoded > 0) return;
     const ReceiveStats& stream = summary_.receive.stream;
-    if (stream.assembly.frames_complete == 0) {
+    if (summary_.decode.frames_decoded > 0) {
+        if (!saved) fail(ExitStatus::Failed, error);
+    } else if (stream.assembly.frames_complete == 0) {
         fail(ExitStatus::TimedOut, "stopped before a whole frame came");
-        return;
+    } else {
+        // Outranks the way in which the session ended.
+        summary_.status = ExitStatus::Undecodable;
+        summary_.error = "none of " + std::to_string(stream.assembly.frames_complete) +
+                         " frames could be decoded (" + std::to_string(stream.keyframes) +
+                         " keyframes, " + std::to_string(summary_.decode.decode_errors) +
+                         " refused by the decoder)";
     }
-    // Worse news than how the session ended.
-    summary_.status = ExitStatus::Undecodable;
-    summary_.error = "none of " + std::to_string(stream.assembly.frames_complete) +
-                     " frames could be decoded (" + std::to_string(stream.keyframes) +
-                     " keyframes, " + std::to_string(summary_.decode.decode_errors) +
-                     " refused by the decoder)";
 }
 
 }  // namespace ox::launcher

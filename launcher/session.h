@@ -6,23 +6,20 @@
 #include <string>
 
 #include "base/clock.h"
-#include "launcher/audio_worker.h"
-#include "launcher/control_client.h"
-#include "launcher/decode_worker.h"
-#include "launcher/frame_queue.h"
-#include "launcher/input_channel.h"
+#include "launcher/client/audio_worker.h"
+#include "launcher/client/control_client.h"
+#include "launcher/client/input_channel.h"
+#include "launcher/client/media_socket.h"
+#include "launcher/client/video_workers.h"
 #include "launcher/input_script.h"
-#include "launcher/media_socket.h"
 #include "launcher/options.h"
-#include "launcher/progress_meter.h"
-#include "launcher/receive_worker.h"
-#include "launcher/summary.h"
+#include "launcher/report.h"
+#include "launcher/session_outputs.h"
 
 namespace ox::launcher {
 
-/// One session with an agent, from the connection to the summary. The owner's thread drives it; a
-/// receiving, a decoding, a control and, with sound, an audio thread work below it and are gone
-/// when `run` returns.
+/// One session with an agent, from the connection to the summary. Runs on the owner's thread; its
+/// receiving, decoding, control and audio threads have ended when `run` returns.
 class Session {
   public:
     using StopPredicate = std::function<bool()>;
@@ -39,17 +36,16 @@ class Session {
     bool open_outputs();
     bool connect();
     bool start_media();
-    bool connect_audio();
+    bool start_audio();
     void stream();
-    /// Ends the loop of `stream` when something is over; true = go on.
-    bool check(const ReceiveSnapshot& receive, SteadyClock::time_point now);
+    /// False when streaming is over: stopped, long enough or failed.
+    bool may_continue(const ReceiveSnapshot& receive, SteadyClock::time_point now);
     void send_due_requests(double media_seconds);
     void send_due_input(double media_seconds);
-    void ask_for_keyframe(const KeyframeRequest& request);
-    /// Tells agent and user how it goes. False when nothing that comes can be decoded.
+    void request_keyframe(const KeyframeRequest& request);
+    /// Sends statistics to the agent, shows progress. False when nothing can be decoded.
     bool report(const ReceiveSnapshot& receive);
     void finish();
-    void conclude();
     void fail(ExitStatus status, std::string error);
 
     const Options options_;
@@ -63,6 +59,7 @@ class Session {
     InputChannel input_;
     std::vector<InputStep> input_steps_;
     size_t next_input_step_ = 0;
+    SessionOutputs outputs_;
     FrameQueue queue_;
     DecodeWorker decode_;
     std::optional<ReceiveWorker> receive_;
@@ -70,7 +67,7 @@ class Session {
 
     ProgressMeter meter_;
     SteadyClock::time_point media_deadline_;
-    uint64_t last_packets_ = 0;  ///< at the last move of `media_deadline_`
+    uint64_t last_packets_ = 0;  ///< when `media_deadline_` was set
     size_t next_bitrate_change_ = 0;
     double next_idr_s_ = 0;
 };

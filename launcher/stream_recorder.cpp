@@ -1,20 +1,63 @@
 #include "launcher/stream_recorder.h"
 
-#include <algorithm>
-#include <cstring>
+extern "C" {
+#include <libavcodec/bsf.h>
+#include <libavformat/avformat.h>
+}
 
-#include "launcher/audio_track.h"
-#include "launcher/av_handles.h"
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "base/c_handle.h"
+#include "launcher/client/av_handles.h"
 
 namespace ox::launcher {
 
 namespace {
 
-// The parameter sets that lie in front of a keyframe, for the file's header.
+using ParserPtr = CHandle<AVCodecParserContext, av_parser_close>;
+
+struct FilterDeleter {
+    void operator()(AVBSFContext* p) const noexcept { av_bsf_free(&p); }
+};
+struct FormatDeleter {
+    void operator()(AVFormatContext* p) const noexcept {
+        avio_closep(&p->pb);
+        avformat_free_context(p);
+    }
+};
+
+constexpr int kSampleRate = 48000;
+constexpr uint16_t kPreSkip = 120;  // 2.5 ms: what the encoder looks ahead
+
+constexpr std::array<uint8_t, 19> kOpusHead = {
+    'O',
+    'p',
+    'u',
+    's',
+    'H',
+    'e',
+    'a',
+    'd',
+    1,  // version
+    2,  // channels
+    kPreSkip & 0xFF,
+    kPreSkip >> 8,
+    kSampleRate & 0xFF,
+    (kSampleRate >> 8) & 0xFF,
+    0,
+    0,
+    0,
+    0,  // gain
+    0,  // channel mapping: stereo
+};
+
+// The parameter sets in front of a keyframe, for the file's header.
 std::vector<uint8_t> parameter_sets(const AVCodecParameters& parameters, AVPacket& packet) {
     AVBSFContext* made = nullptr;
     if (av_bsf_alloc(av_bsf_get_by_name("extract_extradata"), &made) < 0) return {};
-    const AvPtr<AVBSFContext> filter(made);
+    const std::unique_ptr<AVBSFContext, FilterDeleter> filter(made);
     if (avcodec_parameters_copy(filter->par_in, &parameters) < 0) return {};
     if (av_bsf_init(filter.get()) < 0) return {};
     const AvPtr<AVPacket> copy(av_packet_clone(&packet));
@@ -29,7 +72,7 @@ std::vector<uint8_t> parameter_sets(const AVCodecParameters& parameters, AVPacke
 
 // Picture size from the parameter sets in `packet`; false when there is none.
 bool picture_size(AVCodecID codec, const AVPacket& packet, int& width, int& height) {
-    const AvPtr<AVCodecParserContext> parser(av_parser_init(codec));
+    const ParserPtr parser(av_parser_init(codec));
     const AvPtr<AVCodecContext> context(avcodec_alloc_context3(avcodec_find_decoder(codec)));
     if (!parser || !context) return false;
     parser->flags |= PARSER_FLAG_COMPLETE_FRAMES;
@@ -52,10 +95,31 @@ AvPtr<AVPacket> packet_of(const std::vector<uint8_t>& bytes, bool keyframe) {
     return packet;
 }
 
+// Adds a stream of 48 kHz stereo Opus (RFC 7845). Null when memory runs out.
+AVStream* add_opus_stream(AVFormatContext& format) {
+    AVStream* stream = avformat_new_stream(&format, nullptr);
+    auto* head = static_cast<uint8_t*>(av_mallocz(kOpusHead.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (stream == nullptr || head == nullptr) {
+        av_free(head);
+        return nullptr;
+    }
+    std::ranges::copy(kOpusHead, head);
+    AVCodecParameters& parameters = *stream->codecpar;
+    parameters.extradata = head;  // freed with the stream
+    parameters.extradata_size = static_cast<int>(kOpusHead.size());
+    parameters.codec_type = AVMEDIA_TYPE_AUDIO;
+    parameters.codec_id = AV_CODEC_ID_OPUS;
+    parameters.sample_rate = kSampleRate;
+    parameters.initial_padding = kPreSkip;
+    av_channel_layout_default(&parameters.ch_layout, 2);
+    stream->time_base = {1, 1000};
+    return stream;
+}
+
 }  // namespace
 
 struct StreamRecorder::Impl {
-    AvPtr<AVFormatContext> format;
+    std::unique_ptr<AVFormatContext, FormatDeleter> format;
     AVCodecID codec = AV_CODEC_ID_NONE;
     bool sound = false;
     bool header_written = false;
@@ -74,23 +138,13 @@ bool StreamRecorder::fail(const std::string& what) {
     return false;
 }
 
-uint64_t StreamRecorder::frames() const {
-    const std::lock_guard lock(mutex_);
-    return frames_;
-}
-
-uint64_t StreamRecorder::audio_frames() const {
-    const std::lock_guard lock(mutex_);
-    return audio_frames_;
-}
-
-std::string StreamRecorder::error() const {
-    const std::lock_guard lock(mutex_);
-    return error_;
+StreamRecorder::Counts StreamRecorder::counts() const {
+    const MutexLock lock(mutex_);
+    return counts_;
 }
 
 bool StreamRecorder::open(const std::string& path, const Tracks& tracks, std::string& error) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     auto impl = std::make_unique<Impl>();
     impl->codec = codec_id(tracks.codec);
     impl->sound = tracks.sound;
@@ -125,7 +179,7 @@ bool StreamRecorder::write_header(const AssembledFrame& keyframe) {
     stream->time_base = {1, 1000};
     if (impl.sound && add_opus_stream(*impl.format) == nullptr)
         return fail("cannot record: out of memory");
-    // Sound may come late or never; pictures do not wait for it longer than this.
+    // How long pictures wait for sound, which may be late or absent.
     impl.format->max_interleave_delta = 1'000'000;
     if (const int result = avformat_write_header(impl.format.get(), nullptr); result < 0)
         return fail("cannot write the recording: " + av_error_text(result));
@@ -133,8 +187,8 @@ bool StreamRecorder::write_header(const AssembledFrame& keyframe) {
     return true;
 }
 
-// Capture time since the first frame. A frame that lost its capture time goes by its arrival, and
-// no frame goes before the one it follows.
+// Capture time since the first frame. A frame without a capture time is placed by its arrival;
+// times always grow.
 int64_t StreamRecorder::presentation_ms(const AssembledFrame& frame) {
     Impl& impl = *impl_;
     const bool first = impl.previous_ms < 0;
@@ -165,36 +219,39 @@ bool StreamRecorder::write_packet(AVPacket& packet, int stream, int64_t ms) {
     return result >= 0 || fail("cannot write the recording: " + av_error_text(result));
 }
 
-bool StreamRecorder::write(const AssembledFrame& frame) {
-    const std::lock_guard lock(mutex_);
-    if (!impl_ || !error_.empty()) return false;
-    if (!impl_->header_written) {
-        if (!frame.keyframe) return true;
-        if (!write_header(frame)) return false;
-    }
+void StreamRecorder::write(const AssembledFrame& frame) {
+    const MutexLock lock(mutex_);
+    if (!impl_ || !error_.empty()) return;
+    if (!impl_->header_written && (!frame.keyframe || !write_header(frame))) return;
     const AvPtr<AVPacket> packet = packet_of(frame.data, frame.keyframe);
-    if (!packet) return fail("cannot record: out of memory");
-    if (!write_packet(*packet, 0, presentation_ms(frame))) return false;
-    ++frames_;
-    return true;
+    if (!packet)
+        fail("cannot record: out of memory");
+    else if (write_packet(*packet, 0, presentation_ms(frame)))
+        ++counts_.frames;
 }
 
 void StreamRecorder::write_audio(const AudioFrame& frame) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!impl_ || !impl_->sound || !error_.empty()) return;
-    const auto time = impl_->audio_clock.place(frame);
+    const auto time = impl_->audio_clock.capture_time(frame);
     if (!time || impl_->start_timestamp == 0 || *time < impl_->start_timestamp) return;
-    // No frame goes before the one it follows, also where the clock was set back.
+    // Times always grow, also where the clock was set back.
     const int64_t ms = std::max(static_cast<int64_t>(*time - impl_->start_timestamp) / 1000,
                                 impl_->previous_audio_ms + 1);
     const AvPtr<AVPacket> packet = packet_of(frame.opus, true);
     if (!packet || !write_packet(*packet, 1, ms)) return;
     impl_->previous_audio_ms = ms;
-    ++audio_frames_;
+    ++counts_.audio_frames;
 }
 
-bool StreamRecorder::finish() {
-    const std::lock_guard lock(mutex_);
+bool StreamRecorder::finish(std::string& error) {
+    const MutexLock lock(mutex_);
+    const bool complete = complete_file();
+    if (!complete) error = error_;
+    return complete;
+}
+
+bool StreamRecorder::complete_file() {
     if (!impl_) return error_.empty();
     const std::unique_ptr<Impl> impl = std::move(impl_);
     if (!impl->header_written) return fail("nothing recorded: no keyframe came");

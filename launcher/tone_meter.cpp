@@ -53,8 +53,8 @@ void transform(std::vector<Complex>& values) {
     }
 }
 
-// Frequency of the highest peak, between the lines of the spectrum by a parabola through the
-// logarithms, which for this window is good to a tenth of a line.
+// Frequency of the highest peak, interpolated by a parabola through the logarithms; with this
+// window exact to a tenth of a line.
 double strongest_hz(std::span<const double> power) {
     const auto last = power.end() - 1;
     const auto peak = std::max_element(power.begin() + 1, last);

@@ -8,18 +8,17 @@
 
 namespace ox::launcher {
 
-/// Loudness and pitch of a stretch of sound. Levels are relative to a sine wave of full scale, so
-/// that one of a quarter of full scale has -12 dBFS.
+/// Levels are relative to a sine wave of full scale: one of a quarter of full scale has -12 dBFS.
 struct ToneReport {
     static constexpr double kSilenceDbfs = -120;
 
     double level_dbfs = kSilenceDbfs;  ///< of the mean power, both channels
     double peak_dbfs = kSilenceDbfs;   ///< of the loudest sample
-    double pitch_hz = 0;               ///< strongest frequency; 0 = too quiet to tell
+    double pitch_hz = 0;               ///< strongest frequency; 0 = too quiet to measure
 };
 
-/// Measures 16-bit stereo sound at 48 kHz: the whole of it and the last 85 ms of it. Pure; used by
-/// one thread.
+/// Measures 16-bit stereo sound at 48 kHz, as a whole and over its last 85 ms. Pure; used by one
+/// thread.
 class ToneMeter {
   public:
     static constexpr int kSampleRate = 48000;
@@ -28,20 +27,17 @@ class ToneMeter {
     /// `samples`: left and right in turn.
     void add(std::span<const int16_t> samples);
 
-    /// Everything so far.
     [[nodiscard]] ToneReport whole() const;
-    /// The last full window; silence before there was one.
+    /// The last full window; silence before the first one.
     [[nodiscard]] const ToneReport& latest() const { return latest_; }
-    /// Sample pairs so far.
-    [[nodiscard]] uint64_t samples() const { return samples_; }
 
   private:
     using Spectrum = std::array<double, kWindow / 2 + 1>;  ///< power per frequency
 
     void end_window();
 
-    uint64_t samples_ = 0;
-    double power_ = 0;  ///< sum over all samples of both channels, full scale 1
+    uint64_t samples_ = 0;  ///< pairs
+    double power_ = 0;      ///< sum over all samples of both channels, full scale 1
     int peak_ = 0;
     double window_power_ = 0;
     int window_peak_ = 0;

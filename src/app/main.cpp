@@ -2,12 +2,12 @@
 
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
+#include <optional>
+#include <span>
+#include <thread>
 
 #include "app/build_info.h"
-#include "app/desktop_notice.h"
-#include "app/gpu_driver_check.h"
-#include "app/idle_watch.h"
+#include "app/host_checks.h"
 #include "app/memory_trim.h"
 #include "app/options.h"
 #include "app/panic_listener.h"
@@ -17,7 +17,7 @@
 #include "app/standalone_loop.h"
 #include "app/terminal.h"
 #include "log/log.h"
-#include "saas/platform_url.h"
+#include "saas/saas_config.h"
 #include "saas/system_info.h"
 #include "tui/board/board.h"
 
@@ -28,16 +28,15 @@ constexpr int kExitOk = 0;
 constexpr int kExitNoCrypto = 1;
 constexpr int kExitUsage = 2;
 
-/// Answers a command line that starts nothing. Returns the exit status.
-int answer(const CommandLine& command_line, const char* program) {
-    if (std::holds_alternative<ShowVersion>(command_line)) {
+/// Answers a command line that does not run the agent. Returns the exit status.
+int answer(const ParsedCommandLine<Options>& command_line, const char* program) {
+    if (command_line.action == CommandLineAction::ShowVersion) {
         std::printf("%s\n", build::version());
         return kExitOk;
     }
-    const auto* error = std::get_if<UsageError>(&command_line);
-    if (error != nullptr && !error->message.empty()) OX_ERROR("%s", error->message.c_str());
-    std::printf(kUsageFormat, program);  // NOLINT: a format of our own
-    return error == nullptr ? kExitOk : kExitUsage;
+    if (!command_line.error.empty()) OX_ERROR("%s", command_line.error.c_str());
+    std::fputs(usage_text(program).c_str(), stdout);
+    return command_line.action == CommandLineAction::ShowHelp ? kExitOk : kExitUsage;
 }
 
 /// Gives the terminal to the screen, or leaves it to the log.
@@ -52,7 +51,7 @@ void start_screen(tui::ScreenRunner& screen, bool console_log, bool log_file_ope
     }
     if (console_log) return;
     redirect_stderr_to_log();
-    screen.start(tui::os_language(), tui::board(), choose_colour_mode(terminal_environment()));
+    screen.start(tui::os_language(), tui::board(), terminal_colour_mode());
 }
 
 void raise_start_up_alerts(const Options& options) {
@@ -67,28 +66,39 @@ void log_banner(const Options& options) {
     OX_INFO(
         "orvex-agent (Linux) %s starting — port_base=%u capture=%s codec=%s backend=%d "
         "bitrate=%ukbps fps=%u",
-        build::tag(), static_cast<unsigned>(options.port_base), options.capture.c_str(),
-        options.codec == VideoCodec::Hevc ? "hevc" : "h264", static_cast<int>(options.encoder),
+        build::tag(), static_cast<unsigned>(options.port_base), name_of(options.capture),
+        codec_info(options.codec).option_name, static_cast<int>(options.encoder),
         static_cast<unsigned>(options.bitrate_kbps), static_cast<unsigned>(options.fps));
+}
+
+std::jthread listen_for_stop_requests() {
+    install_signal_handler(SIGINT, on_sigint);
+    install_signal_handler(SIGUSR1, on_sigusr1);
+    std::jthread panic_listener = start_panic_listener();
+    install_signal_handler(SIGTERM, on_sigint);
+    // nohup(1) sets "ignored": the agent is to outlive its terminal.
+    if (!is_ignored(SIGHUP)) install_signal_handler(SIGHUP, on_sigint);
+    return panic_listener;
 }
 
 int run(int argc, char** argv) {
     reserve_standard_descriptors();
-    note_linked_libraries();
-    const CommandLine command_line =
-        parse_command_line(argc, argv, option_defaults_from_environment());
-    const auto* request = std::get_if<RunRequest>(&command_line);
-    if (request == nullptr) return answer(command_line, argc > 0 ? argv[0] : "orvex-agent");
-    const Options& options = request->options;
-    if (request->log_level) log_level() = static_cast<int32_t>(*request->log_level);
+    record_linked_libraries();
+    const auto arguments =
+        std::span<const char* const>(argv, static_cast<size_t>(argc)).subspan(argc > 0 ? 1 : 0);
+    const auto command_line = parse_command_line(arguments, default_options());
+    if (command_line.action != CommandLineAction::Run) {
+        return answer(command_line, argc > 0 ? argv[0] : "orvex-agent");
+    }
+    const Options& options = command_line.options;
+    if (options.log_level) log_level() = static_cast<int32_t>(*options.log_level);
     if (options.selftest) {
-        // The components' progress lines would stand between the results.
-        if (!request->log_level) log_level() = static_cast<int32_t>(LogLevel::WARN);
+        // Without the components' progress lines between the results.
+        if (!options.log_level) log_level() = static_cast<int32_t>(LogLevel::WARN);
         return run_selftest();
     }
 
-    const bool console_log =
-        console_log_switch(std::getenv("OX_CONSOLE_LOG")) || wants_verbose(argc, argv);
+    const bool console_log = console_log_requested() || wants_verbose(arguments);
     const bool log_file_open = open_log_and_identify();
     std::optional<PlatformEndpoint> backend;
     if (!options.saas_url.empty()) {
@@ -102,7 +112,7 @@ int run(int argc, char** argv) {
     tui::ScreenRunner screen;
     start_screen(screen, console_log, log_file_open);
     IdleWatch idle(options);
-    idle.look();
+    idle.check();
     raise_start_up_alerts(options);
 
     if (::sodium_init() < 0) {
@@ -110,14 +120,9 @@ int run(int argc, char** argv) {
         tui::board().push(tui::EventKind::StoppedOnError);
         return kExitNoCrypto;
     }
-    install_signal_handler(SIGINT, on_sigint);
-    install_signal_handler(SIGUSR1, on_sigusr1);
-    const std::jthread panic_listener = start_panic_listener();
-    install_signal_handler(SIGTERM, on_sigint);
-    // The window of the terminal was closed. Whoever started us with nohup(1) wants us to stay.
-    if (!is_ignored(SIGHUP)) install_signal_handler(SIGHUP, on_sigint);
+    const std::jthread panic_listener = listen_for_stop_requests();
     ignore_sigpipe();
-    keep_ended_children();
+    reset_sigchld();
     log_banner(options);
 
     const SystemInfo system_info = detect_system_info();

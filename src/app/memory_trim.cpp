@@ -29,14 +29,14 @@ uintptr_t page_bytes() {
     return bytes;
 }
 
-/// The read-only segments of the linked libraries. Those that relocations write (PT_GNU_RELRO) are
-/// parts of writable ones.
+/// The read-only segments of the linked libraries. What relocations write (PT_GNU_RELRO) is part of
+/// writable ones.
 std::vector<PageRange>& linked_segments() {
     static std::vector<PageRange> segments;
     return segments;
 }
 
-int note_read_only_segments(dl_phdr_info* library, size_t /*size*/, void* /*data*/) {
+int record_read_only_segments(dl_phdr_info* library, size_t /*size*/, void* /*data*/) {
     for (const auto& segment : std::span(library->dlpi_phdr, library->dlpi_phnum)) {
         if (segment.p_type != PT_LOAD || (segment.p_flags & PF_W) != 0) continue;
         const uintptr_t begin = library->dlpi_addr + segment.p_vaddr;
@@ -46,7 +46,7 @@ int note_read_only_segments(dl_phdr_info* library, size_t /*size*/, void* /*data
     return 0;
 }
 
-/// Whether a page is as its file has it, by its entry in /proc/PID/pagemap
+/// Whether a page is as in its file, by its entry in /proc/PID/pagemap
 /// (Documentation/admin-guide/mm/pagemap.rst of the kernel).
 bool is_unchanged(uint64_t entry) {
     constexpr uint64_t kOfAFile = 1ULL << 61;
@@ -57,12 +57,12 @@ bool is_unchanged(uint64_t entry) {
 
 void drop(PageRange pages) {
     if (pages.first >= pages.end) return;
-    // The loader tells addresses as numbers.
+    // The loader gives addresses as numbers.
     ::madvise(reinterpret_cast<void*>(pages.first * page_bytes()),  // NOLINT
               (pages.end - pages.first) * page_bytes(), MADV_DONTNEED);
 }
 
-/// Drops the unchanged pages of `pages`. What cannot be looked at stays.
+/// Drops the unchanged pages of `pages`; unknown ones stay.
 void drop_unchanged(int pagemap, PageRange pages) {
     std::array<uint64_t, 512> entries;  // NOLINT: filled by pread
     while (pages.first < pages.end) {
@@ -86,9 +86,9 @@ void drop_unchanged(int pagemap, PageRange pages) {
 
 }  // namespace
 
-void note_linked_libraries() {
+void record_linked_libraries() {
     linked_segments().clear();
-    ::dl_iterate_phdr(note_read_only_segments, nullptr);
+    ::dl_iterate_phdr(record_read_only_segments, nullptr);
 }
 
 void trim_memory() {

@@ -3,117 +3,136 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <string_view>
 
 #include "audio/audioparity.h"
 
 namespace ox {
 namespace {
 
-int32_t to_number(const char* text) {
-    return static_cast<int32_t>(std::strtol(text, nullptr, 10));
+template <auto Field>
+bool set_text(Options& options, std::string_view /*name*/, const char* value) {
+    options.*Field = value;
+    return true;
 }
 
-/// State of one parse: what has been read so far, and the first error.
-struct Parse {
-    RunRequest request;
-    std::string error;
-};
+template <auto Field>
+bool set_number(Options& options, std::string_view /*name*/, const char* value) {
+    options.*Field = static_cast<int32_t>(std::strtol(value, nullptr, 10));
+    return true;
+}
 
-using FlagEffect = void (*)(Parse&);
-using ValueEffect = void (*)(Parse&, const char* value);
+/// Off for the option that begins with "--no-".
+template <auto Field>
+bool set_switch(Options& options, std::string_view name, const char* /*value*/) {
+    options.*Field = !name.starts_with("--no-");
+    return true;
+}
 
-struct FlagOption {
-    std::string_view name;
-    FlagEffect apply;
-};
-struct ValueOption {
-    std::string_view name;
-    ValueEffect apply;
-};
+template <LogLevel Level>
+bool set_log_level(Options& options, std::string_view /*name*/, const char* /*value*/) {
+    options.log_level = Level;
+    return true;
+}
 
-void set_encoder(Parse& parse, const char* value) {
-    const std::string_view name = value;
-    if (name == "auto") {
-        parse.request.options.encoder = EncoderBackend::Auto;
-    } else if (name == "nvenc") {
-        parse.request.options.encoder = EncoderBackend::Nvenc;
-    } else if (name == "vaapi") {
-        parse.request.options.encoder = EncoderBackend::Vaapi;
-    } else if (name == "x264" || name == "sw" || name == "software") {
-        parse.request.options.encoder = EncoderBackend::Software;
-    } else {
-        parse.error = "unknown encoder '" + std::string(name) + "'";
+bool set_size(Options& options, std::string_view name, const char* value) {
+    return name == "--width" ? set_number<&Options::width>(options, name, value)
+                             : set_number<&Options::height>(options, name, value);
+}
+
+bool set_reconnect_grace(Options& options, std::string_view /*name*/, const char* value) {
+    // Clamped before it is narrowed: a huge number must not become 0, which is "off".
+    options.reconnect_grace_s =
+        static_cast<uint32_t>(std::clamp<long>(std::strtol(value, nullptr, 10), 0, INT32_MAX));
+    return true;
+}
+
+/// Sets `field` to what `value` stands for in `words`.
+template <typename T, size_t N>
+bool set_choice(T& field, std::string_view value,
+                const std::array<std::pair<std::string_view, T>, N>& words) {
+    const auto* const found = std::find_if(words.begin(), words.end(),
+                                           [&](const auto& word) { return word.first == value; });
+    if (found != words.end()) field = found->second;
+    return found != words.end();
+}
+
+bool set_encoder(Options& options, std::string_view /*name*/, const char* value) {
+    using enum EncoderBackend;
+    using Word = std::pair<std::string_view, EncoderBackend>;
+    return set_choice(
+        options.encoder, value,
+        std::array{Word{"auto", Auto}, Word{"nvenc", Nvenc}, Word{"vaapi", Vaapi},
+                   Word{"x264", Software}, Word{"sw", Software}, Word{"software", Software}});
+}
+
+bool set_codec(Options& options, std::string_view /*name*/, const char* value) {
+    const auto codec = codec_named(value);
+    if (codec) options.codec = *codec;
+    return codec.has_value();
+}
+
+bool set_capture(Options& options, std::string_view /*name*/, const char* value) {
+    const auto backend = capture_backend_named(value);
+    if (backend) options.capture = *backend;
+    return backend.has_value();
+}
+
+using Row = OptionRow<Options>;
+constexpr std::array kOptions{
+    Row{"Modes"},
+    Row{"(no --saas-url)", "standalone: wait for a launcher on TCP port base + 3"},
+    Row{"--saas-url <url>", "platform: stay attached to the backend at ws://... or wss://...",
+        set_text<&Options::saas_url>},
+    Row{"--token <text>", "agent token sent to the backend", set_text<&Options::token>},
+    Row{"--token-sha256 <hex>",
+        "SHA-256 of the launcher's session token, standalone mode\n(else any non-empty token)",
+        set_text<&Options::token_sha256>},
+    Row{"--selftest", "check wire formats and codecs offline, then exit",
+        set_switch<&Options::selftest>},
+    Row{"Picture"},
+    Row{"--capture <mode>", "auto, x11, portal or synthetic (default auto)", set_capture},
+    Row{"--display <name>", "X display to capture (default $DISPLAY)", set_text<&Options::display>},
+    Row{"--encoder <name>", "auto, nvenc, vaapi or x264 (default auto)", set_encoder},
+    Row{"--codec <name>", "h264 or hevc (default h264)", set_codec},
+    Row{"--bitrate <kbps>", "video bitrate (default 15000)", set_number<&Options::bitrate_kbps>},
+    Row{"--fps <n>", "frame rate (default 60)", set_number<&Options::fps>},
+    Row{"--width <n>, --height <n>", "resolution (default 1920x1080)", set_size},
+    Row{"--media-rfi, --no-media-rfi",
+        "reference-frame invalidation (default off, OX_MEDIA_RFI=1 also)",
+        set_switch<&Options::media_rfi>},
+    Row{"Sound and input"},
+    Row{"--audio", "stream the PC's sound (default off)", set_switch<&Options::audio>},
+    Row{"--no-audio", {}, set_switch<&Options::audio>},
+    Row{"--audio-parity, --no-audio-parity",
+        "4:2 audio parity (default off, OX_AUDIO_PARITY=1 also enables)",
+        set_switch<&Options::audio_parity>},
+    Row{"--no-input", "do not inject the player's keyboard and mouse", set_switch<&Options::input>},
+    Row{"Network"},
+    Row{"--port-base <n>", "first port (default 47998): video +0, audio +1, input +2 to +5",
+        set_number<&Options::port_base>},
+    Row{"--reconnect-grace <s>", "hold a session for a lost launcher (default 60, 0=off)",
+        set_reconnect_grace},
+    Row{"Output"},
+    Row{"-v", "log at level DEBUG", set_log_level<LogLevel::DEBUG>},
+    Row{"--verbose",
+        "raw log in the terminal instead of the status screen\n(OX_CONSOLE_LOG=1 does the same)",
+        [](Options&, std::string_view, const char*) { return true; }},
+    Row{"-q, --quiet", "log at level WARN", set_log_level<LogLevel::WARN>},
+    Row{"-h, --help", "this text"},
+};
+constexpr size_t kHelpColumn = 28;
+
+std::string fault_text(ArgumentFault fault, std::string_view name, std::string_view value) {
+    switch (fault) {
+        case ArgumentFault::Unknown:
+            return "unknown argument '" + std::string(name) + "' (see --help)";
+        case ArgumentFault::NoValue:
+            return {};
+        case ArgumentFault::BadValue:
+            break;
     }
-}
-
-void set_codec(Parse& parse, const char* value) {
-    const std::string_view name = value;
-    if (name == "h264" || name == "avc") {
-        parse.request.options.codec = VideoCodec::H264;
-    } else if (name == "hevc" || name == "h265") {
-        parse.request.options.codec = VideoCodec::Hevc;
-    } else {
-        parse.error = "unknown codec '" + std::string(name) + "'";
-    }
-}
-
-void set_capture(Parse& parse, const char* value) {
-    constexpr std::array<std::string_view, 4> kModes{"auto", "x11", "portal", "synthetic"};
-    if (std::find(kModes.begin(), kModes.end(), value) == kModes.end()) {
-        parse.error = "unknown capture mode '" + std::string(value) + "'";
-        return;
-    }
-    parse.request.options.capture = value;
-}
-
-void set_reconnect_grace(Parse& parse, const char* value) {
-    // Narrowed first, "for ever" in big numbers would become "off".
-    const long seconds = std::strtol(value, nullptr, 10);
-    parse.request.options.reconnect_grace_s =
-        static_cast<uint32_t>(std::clamp<long>(seconds, 0, INT32_MAX));
-}
-
-constexpr std::array kFlagOptions{
-    FlagOption{"--audio", [](Parse& p) { p.request.options.audio = true; }},
-    FlagOption{"--no-audio", [](Parse& p) { p.request.options.audio = false; }},
-    FlagOption{"--audio-parity", [](Parse& p) { p.request.options.audio_parity = true; }},
-    FlagOption{"--no-audio-parity", [](Parse& p) { p.request.options.audio_parity = false; }},
-    FlagOption{"--media-rfi", [](Parse& p) { p.request.options.media_rfi = true; }},
-    FlagOption{"--no-media-rfi", [](Parse& p) { p.request.options.media_rfi = false; }},
-    FlagOption{"--no-input", [](Parse& p) { p.request.options.input = false; }},
-    FlagOption{"--selftest", [](Parse& p) { p.request.options.selftest = true; }},
-    FlagOption{"-v", [](Parse& p) { p.request.log_level = LogLevel::DEBUG; }},
-    FlagOption{"--verbose", [](Parse&) {}},
-    FlagOption{"-q", [](Parse& p) { p.request.log_level = LogLevel::WARN; }},
-    FlagOption{"--quiet", [](Parse& p) { p.request.log_level = LogLevel::WARN; }},
-};
-
-constexpr std::array kValueOptions{
-    ValueOption{"--saas-url", [](Parse& p, const char* v) { p.request.options.saas_url = v; }},
-    ValueOption{"--token", [](Parse& p, const char* v) { p.request.options.token = v; }},
-    ValueOption{"--token-sha256",
-                [](Parse& p, const char* v) { p.request.options.token_sha256 = v; }},
-    ValueOption{"--display", [](Parse& p, const char* v) { p.request.options.display = v; }},
-    ValueOption{"--port-base",
-                [](Parse& p, const char* v) { p.request.options.port_base = to_number(v); }},
-    ValueOption{"--encoder", set_encoder},
-    ValueOption{"--codec", set_codec},
-    ValueOption{"--bitrate",
-                [](Parse& p, const char* v) { p.request.options.bitrate_kbps = to_number(v); }},
-    ValueOption{"--reconnect-grace", set_reconnect_grace},
-    ValueOption{"--fps", [](Parse& p, const char* v) { p.request.options.fps = to_number(v); }},
-    ValueOption{"--width", [](Parse& p, const char* v) { p.request.options.width = to_number(v); }},
-    ValueOption{"--height",
-                [](Parse& p, const char* v) { p.request.options.height = to_number(v); }},
-    ValueOption{"--capture", set_capture},
-};
-
-template <typename Table>
-const typename Table::value_type* find_option(const Table& table, std::string_view name) {
-    const auto found = std::find_if(table.begin(), table.end(),
-                                    [&](const auto& option) { return option.name == name; });
-    return found == table.end() ? nullptr : &*found;
+    const std::string_view what = name == "--capture" ? "capture mode" : name.substr(2);
+    return "unknown " + std::string(what) + " '" + std::string(value) + "'";
 }
 
 }  // namespace
@@ -122,36 +141,26 @@ bool parse_media_rfi_switch(const char* value) {
     return audioparity::parse_switch_value(value);
 }
 
-OptionDefaults option_defaults_from_environment() {
-    return {.audio_parity = audioparity::audio_parity_enabled(),
-            .media_rfi = parse_media_rfi_switch(std::getenv("OX_MEDIA_RFI"))};
+Options default_options() {
+    Options options;
+    options.audio_parity = audioparity::audio_parity_enabled();
+    options.media_rfi = parse_media_rfi_switch(std::getenv("OX_MEDIA_RFI"));
+    return options;
 }
 
-CommandLine parse_command_line(int argc, const char* const* argv, const OptionDefaults& defaults) {
-    Parse parse;
-    parse.request.options.audio_parity = defaults.audio_parity;
-    parse.request.options.media_rfi = defaults.media_rfi;
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view argument = argv[i];
-        if (argument == "-h" || argument == "--help") return ShowHelp{};
-        if (argument == "--version") return ShowVersion{};
-        if (const auto* flag = find_option(kFlagOptions, argument)) {
-            flag->apply(parse);
-        } else if (const auto* option = find_option(kValueOptions, argument)) {
-            if (i + 1 >= argc || argv[i + 1] == nullptr) return UsageError{};
-            option->apply(parse, argv[++i]);
-        } else {
-            parse.error = "unknown argument '" + std::string(argument) + "' (see --help)";
-        }
-        if (!parse.error.empty()) return UsageError{parse.error};
-    }
-    return parse.request;
+ParsedCommandLine<Options> parse_command_line(std::span<const char* const> arguments,
+                                              const Options& defaults) {
+    return read_command_line(kOptions, arguments, defaults, fault_text);
 }
 
-bool wants_verbose(int argc, const char* const* argv) {
-    return std::any_of(argv + std::min(argc, 1), argv + argc, [](const char* argument) {
-        return std::string_view(argument) == "--verbose";
-    });
+bool wants_verbose(std::span<const char* const> arguments) {
+    return std::any_of(arguments.begin(), arguments.end(),
+                       [](std::string_view argument) { return argument == "--verbose"; });
+}
+
+std::string usage_text(std::string_view program) {
+    return "orvex-agent — Linux merchant agent\nUsage: " + std::string(program) + " [options]\n" +
+           help_of(kOptions, kHelpColumn);
 }
 
 }  // namespace ox

@@ -2,21 +2,23 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
-#include <variant>
+#include <string_view>
 
+#include "base/command_line.h"
 #include "log/log.h"
+#include "video/capture_factory.h"
 #include "video/video_encoder.h"
 
 namespace ox {
 
-/// The parsed command line.
 struct Options {
     std::string saas_url;      ///< empty: standalone mode
     std::string token;         ///< agent token for the backend
     std::string token_sha256;  ///< hex SHA-256 of the launcher's token, standalone mode
     std::string display;       ///< X display; empty: `$DISPLAY`
-    std::string capture = "auto";
+    CaptureBackend capture = CaptureBackend::Auto;
     int32_t port_base = 47998;
     EncoderBackend encoder = EncoderBackend::Auto;
     VideoCodec codec = VideoCodec::H264;
@@ -30,45 +32,24 @@ struct Options {
     bool media_rfi = false;
     bool input = true;
     bool selftest = false;
-};
-
-/// Defaults that come from the environment.
-struct OptionDefaults {
-    bool audio_parity = false;
-    bool media_rfi = false;
+    std::optional<LogLevel> log_level{};  ///< as the command line asks for it
 };
 
 /// True for "1", "on", "true", "yes" and "enabled" in any mix of ASCII case; the words of
 /// OX_AUDIO_PARITY.
 bool parse_media_rfi_switch(const char* value);
 
-/// Reads OX_AUDIO_PARITY and OX_MEDIA_RFI.
-OptionDefaults option_defaults_from_environment();
+/// The defaults, two of which come from OX_AUDIO_PARITY and OX_MEDIA_RFI.
+Options default_options();
 
-/// What the command line asks for. `log_level` is set when an option changed it.
-struct RunRequest {
-    Options options;
-    std::optional<LogLevel> log_level;
-};
-/// `--help`: print the usage text and end with status 0.
-struct ShowHelp {};
-/// `--version`: print the version and end with status 0.
-struct ShowVersion {};
-/// The command line is unusable: log `message` when there is one, print the usage text and end
-/// with status 2.
-struct UsageError {
-    std::string message;
-};
-using CommandLine = std::variant<RunRequest, ShowHelp, ShowVersion, UsageError>;
+/// Reads the arguments behind the program's name. Numbers are read as `strtol` does, without a
+/// range check. A missing value is an error without a text.
+ParsedCommandLine<Options> parse_command_line(std::span<const char* const> arguments,
+                                              const Options& defaults);
 
-/// Reads the arguments behind the program's name, left to right. Numbers are read as `strtol` does,
-/// without a range check. Has no effects of its own.
-CommandLine parse_command_line(int argc, const char* const* argv, const OptionDefaults& defaults);
+/// Whether some argument is "--verbose", even one that is another option's value.
+bool wants_verbose(std::span<const char* const> arguments);
 
-/// True when some argument is "--verbose", wherever it stands.
-bool wants_verbose(int argc, const char* const* argv);
-
-/// The usage text, a printf format with one %s for the program's path.
-extern const char* const kUsageFormat;
+std::string usage_text(std::string_view program);
 
 }  // namespace ox

@@ -3,24 +3,23 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <span>
 #include <string_view>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "app/process_flags.h"
 #include "base/clock.h"
+#include "base/environment.h"
 #include "base/local_socket.h"
+#include "base/thread.h"
 #include "base/unique_fd.h"
 #include "log/log.h"
 
@@ -29,42 +28,35 @@ namespace {
 
 constexpr int kPollMs = 200;
 constexpr size_t kReadBytes = 63;
-/// Clients that may be connected without having said their word; one more takes the place of the
-/// first.
-constexpr size_t kMostSilent = 16;
+/// Clients that have not sent anything; one more replaces the oldest.
+constexpr size_t kMaxSilentClients = 16;
 
-/// Binds and listens at `path`, readable and writable by the owner alone from the first moment on.
+/// Binds and listens at `path`. The file has mode 0600 from the beginning.
 UniqueFd listen_at(const std::string& path) {
     UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket) {
         OX_WARN("Panic: cannot create socket (%s) — SIGUSR1 still works", std::strerror(errno));
         return {};
     }
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
-        errno = ENAMETOOLONG;
-    } else {
-        std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-        // On Linux bind(2) gives the file the mode of the socket's own inode, less the umask.
-        ::fchmod(socket.get(), S_IRUSR | S_IWUSR);
-        if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
-                0 &&
-            ::listen(socket.get(), 4) == 0) {
-            ::chmod(path.c_str(), S_IRUSR | S_IWUSR);
-            return socket;
-        }
+    // On Linux bind(2) gives the file the mode of the socket's own inode, less the umask.
+    ::fchmod(socket.get(), S_IRUSR | S_IWUSR);
+    const auto address = local_address(path);
+    if (address &&
+        ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) == 0 &&
+        ::listen(socket.get(), 4) == 0) {
+        ::chmod(path.c_str(), S_IRUSR | S_IWUSR);
+        return socket;
     }
     OX_WARN("Panic: cannot listen on %s (%s) — SIGUSR1 still works", path.c_str(),
             std::strerror(errno));
     return {};
 }
 
-/// The listening socket and its file. An agent that is started later puts its own file in the place
-/// of ours, and takes it along when it ends.
+/// The listening socket and its file. An agent that is started later replaces the file by its own,
+/// and removes that when it ends.
 class PanicSocket {
   public:
-    explicit PanicSocket(std::string path) : path_(std::move(path)) { take(); }
+    explicit PanicSocket(std::string path) : path_(std::move(path)) { open(); }
     ~PanicSocket() {
         if (own_ && identify(path_) == own_) ::unlink(path_.c_str());
     }
@@ -74,9 +66,9 @@ class PanicSocket {
     [[nodiscard]] bool is_open() const { return socket_.is_open(); }
     [[nodiscard]] int get() const { return socket_.get(); }
 
-    /// Puts the file there again when it has gone, or nobody listens behind the one that is there.
-    void keep() {
-        if (identify(path_) != own_ && is_free()) take();
+    /// Makes the file again when there is none, or one that nobody listens to.
+    void restore_if_lost() {
+        if (identify(path_) != own_ && is_free()) open();
     }
 
   private:
@@ -95,12 +87,12 @@ class PanicSocket {
 
     [[nodiscard]] bool is_free() const {
         const auto present = identify(path_);
-        // The folder may be gone until the user's next session.
+        // Between the user's sessions there may be no folder.
         if (!present) return identify(path_.substr(0, path_.rfind('/'))).has_value();
         return S_ISSOCK(present->mode) && !connect_local(path_) && errno == ECONNREFUSED;
     }
 
-    void take() {
+    void open() {
         ::unlink(path_.c_str());
         UniqueFd socket = listen_at(path_);
         if (!socket) return;
@@ -117,14 +109,14 @@ class PanicSocket {
     std::optional<FileIdentity> own_;
 };
 
-/// The clients that have connected and not said their word yet. Each has all the time it wants,
-/// since the word may be typed by hand, and none keeps another waiting.
+/// The clients that have not sent their command yet. It may be typed by hand, so there is no time
+/// limit, and no client blocks another.
 class SilentClients {
   public:
     void accept_from(int listener) {
         UniqueFd client(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!client) return;
-        if (clients_.size() == kMostSilent) clients_.erase(clients_.begin());
+        if (clients_.size() == kMaxSilentClients) clients_.erase(clients_.begin());
         clients_.push_back(std::move(client));
     }
 
@@ -133,23 +125,24 @@ class SilentClients {
             watched.push_back({.fd = client.get(), .events = POLLIN, .revents = 0});
     }
 
-    /// Reads once from each that `watched`, as filled by `add_to`, shows ready, and lets go of it.
-    void hear(std::span<const pollfd> watched) {
+    /// Reads once from each client that is ready in `watched`, as filled by `add_to`, and closes
+    /// it.
+    void read_ready(std::span<const pollfd> watched) {
         for (size_t i = 0; i < watched.size(); ++i) {
             if (watched[i].revents == 0) continue;
-            hear_word(clients_[i].get());
+            read_command(clients_[i].get());
             clients_[i].reset();
         }
         std::erase_if(clients_, [](const UniqueFd& client) { return !client; });
     }
 
   private:
-    static void hear_word(int client) {
+    static void read_command(int client) {
         std::array<char, kReadBytes> text{};
         const ssize_t length = ::read(client, text.data(), text.size());
         if (length < 1) return;
-        const std::string_view word(text.data(), static_cast<size_t>(length));
-        if (word.find("stop") == std::string_view::npos) return;
+        const std::string_view command(text.data(), static_cast<size_t>(length));
+        if (command.find("stop") == std::string_view::npos) return;
         OX_ERROR("PANIC: local stop requested — ending the session now");
         panic_flag().exchange(true);
     }
@@ -158,41 +151,39 @@ class SilentClients {
 };
 
 void listen_for_stop(const std::stop_token& stop) {
-    constexpr std::chrono::seconds kKeepPeriod{2};
+    constexpr std::chrono::seconds kCheckPeriod{2};
     PanicSocket socket(panic_socket_path());
     SilentClients clients;
     std::vector<pollfd> watched;
-    auto next_keep = SteadyClock::now() + kKeepPeriod;
+    auto next_check = SteadyClock::now() + kCheckPeriod;
     while (socket.is_open() && !stop.stop_requested()) {
         watched.assign(1, {.fd = socket.get(), .events = POLLIN, .revents = 0});
         clients.add_to(watched);
         if (::poll(watched.data(), watched.size(), kPollMs) > 0) {
-            clients.hear(std::span(watched).subspan(1));
+            clients.read_ready(std::span(watched).subspan(1));
             if (watched.front().revents != 0) clients.accept_from(socket.get());
         }
-        if (SteadyClock::now() < next_keep) continue;
-        socket.keep();
-        next_keep = SteadyClock::now() + kKeepPeriod;
+        if (SteadyClock::now() < next_check) continue;
+        socket.restore_if_lost();
+        next_check = SteadyClock::now() + kCheckPeriod;
     }
 }
 
 }  // namespace
 
 std::string panic_socket_path() {
-    const char* runtime_dir = std::getenv("XDG_RUNTIME_DIR");
-    if (runtime_dir != nullptr && *runtime_dir != '\0') {
-        return std::string(runtime_dir) + "/orvex-agent-panic.sock";
+    if (const auto folder = environment("XDG_RUNTIME_DIR"); !folder.empty()) {
+        return std::string(folder) + "/orvex-agent-panic.sock";
     }
     return "/tmp/orvex-agent-" + std::to_string(::getuid()) + "-panic.sock";
 }
 
 std::jthread start_panic_listener() {
-    try {
-        return std::jthread([](const std::stop_token& stop) { listen_for_stop(stop); });
-    } catch (const std::system_error& error) {
-        OX_WARN("Panic: cannot start the listener (%s) — SIGUSR1 still works", error.what());
-        return {};
-    }
+    return start_thread([](const std::stop_token& stop) { listen_for_stop(stop); },
+                        [](const char* reason) {
+                            OX_WARN("Panic: cannot start the listener (%s) — SIGUSR1 still works",
+                                    reason);
+                        });
 }
 
 }  // namespace ox

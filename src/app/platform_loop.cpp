@@ -6,8 +6,7 @@
 
 #include "app/board_reports.h"
 #include "app/build_info.h"
-#include "app/desktop_notice.h"
-#include "app/idle_watch.h"
+#include "app/host_checks.h"
 #include "app/keys/key_leases.h"
 #include "app/process_flags.h"
 #include "app/session/run_session.h"
@@ -15,7 +14,7 @@
 #include "base/clock.h"
 #include "log/log.h"
 #include "log/log_path.h"
-#include "saas/log_text.h"
+#include "saas/redaction.h"
 #include "saas/saas_connector.h"
 #include "tui/board/board.h"
 
@@ -24,19 +23,24 @@ namespace {
 
 constexpr std::chrono::seconds kHandoverWait{2};
 
+std::vector<std::string> supported_codecs() {
+    std::vector<std::string> names;
+    for (const VideoCodec codec : kVideoCodecs)
+        names.emplace_back(codec_info(codec).option_name);
+    return names;
+}
+
 SaasConfig connector_config(const Options& options, const PlatformEndpoint& endpoint,
                             const SystemInfo& system_info) {
     const auto number = [](int32_t value) { return std::to_string(static_cast<uint32_t>(value)); };
-    return {.host = endpoint.host,
-            .port = endpoint.port,
-            .tls = endpoint.tls,
+    return {.backend = endpoint,
             .agent_token = options.token,
             .agent_version = build::version(),
             .system_info = system_info,
             .port_base = static_cast<uint16_t>(options.port_base),
             .max_fps = static_cast<uint32_t>(options.fps),
             .max_resolution = number(options.width) + "x" + number(options.height),
-            .supported_codecs = {"h264", "hevc"}};
+            .supported_codecs = supported_codecs()};
 }
 
 void record_rented_session(const std::string& session_id) {
@@ -66,7 +70,7 @@ void run_prepared(const Options& options, PrepareSessionParams params, SaasConne
                            .expected_token_sha256 = params.session_token_sha256,
                            .terminate_requested = &handover.terminate_requested()};
     const SessionEnd end = run_session(options, std::move(request), streamed_seconds);
-    connector.send_session_ended(id, end.reason, streamed_seconds);
+    connector.send_session_ended(id, to_string(end), streamed_seconds);
     tui::board().session_ended(false, streamed_seconds);
     OX_INFO("SaaS: waiting for next prepare_session...");
 }
@@ -100,8 +104,8 @@ void run_platform(const Options& options, const PlatformEndpoint& endpoint,
     connector.start();
     OX_INFO("SaaS mode: waiting for prepare_session...");
     while (!shutdown_flag()) {
-        idle.look();
-        desktop.look_now_and_then([&] { return shutdown_flag() || handover.is_pending(); });
+        idle.check();
+        desktop.check_if_due([&] { return shutdown_flag() || handover.is_pending(); });
         auto params = handover.take(kHandoverWait, [] { return shutdown_flag().load(); });
         if (params) run_prepared(options, std::move(*params), connector, handover, leases);
     }

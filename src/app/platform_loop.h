@@ -1,16 +1,14 @@
 #pragma once
 
 #include "app/options.h"
-#include "saas/platform_url.h"
-#include "saas/system_info.h"
+#include "saas/saas_config.h"
 
 namespace ox {
 
 class DesktopNotice;
 class IdleWatch;
 
-/// Stays attached to the platform's backend and runs one session for every one it prepares, until
-/// the shutdown flag is set.
+/// Runs the sessions that the platform's backend prepares, until the shutdown flag is set.
 void run_platform(const Options& options, const PlatformEndpoint& endpoint,
                   const SystemInfo& system_info, DesktopNotice& desktop, IdleWatch& idle);
 

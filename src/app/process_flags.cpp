@@ -5,6 +5,16 @@
 #include "tui/board/board.h"
 
 namespace ox {
+namespace {
+
+void set_disposition(int signal, void (*disposition)(int)) {
+    struct sigaction action {};
+    action.sa_handler = disposition;
+    ::sigemptyset(&action.sa_mask);
+    ::sigaction(signal, &action, nullptr);
+}
+
+}  // namespace
 
 std::atomic<int> g_last_signal{0};
 
@@ -29,7 +39,7 @@ void on_sigusr1(int /*signal*/) {
 }
 
 void install_signal_handler(int signal, void (*handler)(int)) {
-    // The flags and the board are made on first use, which must not happen inside a handler.
+    // These are constructed on first use, which must not be in a signal handler.
     shutdown_flag();
     panic_flag();
     tui::board();
@@ -37,7 +47,7 @@ void install_signal_handler(int signal, void (*handler)(int)) {
     action.sa_handler = handler;
     ::sigemptyset(&action.sa_mask);
     ::sigaction(signal, &action, nullptr);
-    // A parent's mask is inherited: what it blocked for itself would never stop the agent.
+    // The parent's signal mask is inherited.
     sigset_t handled;
     ::sigemptyset(&handled);
     ::sigaddset(&handled, signal);
@@ -50,22 +60,11 @@ bool is_ignored(int signal) {
     return (action.sa_flags & SA_SIGINFO) == 0 && action.sa_handler == SIG_IGN;  // NOLINT
 }
 
-namespace {
-
-void set_disposition(int signal, void (*disposition)(int)) {
-    struct sigaction action {};
-    action.sa_handler = disposition;
-    ::sigemptyset(&action.sa_mask);
-    ::sigaction(signal, &action, nullptr);
-}
-
-}  // namespace
-
 void ignore_sigpipe() {
     set_disposition(SIGPIPE, SIG_IGN);  // NOLINT: the macro casts
 }
 
-void keep_ended_children() {
+void reset_sigchld() {
     set_disposition(SIGCHLD, SIG_DFL);
 }
 

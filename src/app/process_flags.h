@@ -4,25 +4,24 @@
 
 namespace ox {
 
-/// Set by SIGINT, SIGTERM and SIGHUP: the whole agent is to stop.
+/// Set by SIGINT, SIGTERM and SIGHUP: the agent is to stop.
 std::atomic<bool>& shutdown_flag();
 /// Set by SIGUSR1 and the panic channel: every session is to end, until the agent is restarted.
 std::atomic<bool>& panic_flag();
-/// Number of the last of these signals, 0 before the first.
+/// The last signal that stops the agent; 0: none.
 extern std::atomic<int> g_last_signal;
 
-/// Handlers; they only store into atomics.
+/// Signal handlers; they only store into atomics.
 void on_sigint(int signal);
 void on_sigusr1(int signal);
 
-/// Installs `handler` for `signal`. Blocking calls are interrupted and not restarted.
+/// Installs `handler`, without restarting blocking calls, and unblocks `signal`.
 void install_signal_handler(int signal, void (*handler)(int));
-/// Whether the process takes no notice of `signal`.
 bool is_ignored(int signal);
-/// A write to a closed pipe or socket is to fail, not to kill.
+/// A write to a closed pipe or socket then fails instead of ending the process.
 void ignore_sigpipe();
-/// A child that has ended keeps its id until it is waited for, also where SIGCHLD was inherited as
-/// ignored: a signal meant for it must not meet another process.
-void keep_ended_children();
+/// Sets SIGCHLD to its default, in case it was inherited as ignored: an ended child then keeps its
+/// process id until it is waited for, and no signal for it can hit another process.
+void reset_sigchld();
 
 }  // namespace ox

@@ -8,7 +8,7 @@
 namespace ox {
 
 void SessionHandover::offer(PrepareSessionParams params) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     pending_ = std::move(params);
     pending_terminated_ = false;
     terminate_.exchange(false);
@@ -16,27 +16,27 @@ void SessionHandover::offer(PrepareSessionParams params) {
 }
 
 void SessionHandover::request_terminate(const std::string& session_id) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (pending_ && (!running_ || pending_->session_id == session_id)) pending_terminated_ = true;
     terminate_.exchange(true);
     changed_.notify_all();
 }
 
 bool SessionHandover::is_pending() const {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return pending_.has_value();
 }
 
 std::optional<PrepareSessionParams> SessionHandover::take(std::chrono::milliseconds limit,
                                                           const std::function<bool()>& stop) {
-    // A signal handler cannot notify, so its flag is looked at in slices.
+    // A signal handler cannot notify.
     constexpr std::chrono::milliseconds kSlice{100};
     const auto deadline = SteadyClock::now() + limit;
-    std::unique_lock lock(mutex_);
-    // A wish to terminate that came after a newer session was prepared has been for the one before.
+    MutexLock lock(mutex_);
+    // Unless it was meant for the one in the slot, a request to terminate ends with its session.
     if (std::exchange(running_, false) && !pending_terminated_) terminate_.exchange(false);
     while (!pending_ && !stop() && SteadyClock::now() < deadline) {
-        changed_.wait_until(lock, std::min(deadline, SteadyClock::now() + kSlice));
+        lock.wait_until(changed_, std::min(deadline, SteadyClock::now() + kSlice));
     }
     if (!pending_ || stop()) return std::nullopt;
     running_ = true;

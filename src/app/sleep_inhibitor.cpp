@@ -1,8 +1,8 @@
 #include "app/sleep_inhibitor.h"
 
 #include <chrono>
-#include <system_error>
 
+#include "base/thread.h"
 #include "dbus/bus_connection.h"
 #include "log/log.h"
 
@@ -11,7 +11,6 @@ namespace {
 
 constexpr std::chrono::milliseconds kBusLimit{5000};
 
-// What, who, why, mode: sd-bus's and systemd-inhibit(1)'s order.
 DBusMessagePtr make_inhibit_call() {
     DBusMessagePtr call(dbus_message_new_method_call("org.freedesktop.login1",
                                                      "/org/freedesktop/login1",
@@ -28,6 +27,10 @@ DBusMessagePtr make_inhibit_call() {
     return call;
 }
 
+void warn(const char* reason) {
+    OX_WARN("Session: the PC may fall asleep under the player (%s)", reason);
+}
+
 std::string refusal(DBusMessage* reply) {
     DBusErrorText error;
     if (reply == nullptr) return "no answer";
@@ -38,11 +41,7 @@ std::string refusal(DBusMessage* reply) {
 }  // namespace
 
 SleepInhibitor::SleepInhibitor() {
-    try {
-        thread_ = std::jthread([this](const std::stop_token& stop) { take_lock(stop); });
-    } catch (const std::system_error& error) {
-        OX_WARN("Session: the PC may fall asleep under the player (%s)", error.what());
-    }
+    thread_ = start_thread([this](const std::stop_token& stop) { request_lock(stop); }, warn);
 }
 
 SleepInhibitor::~SleepInhibitor() {
@@ -51,7 +50,7 @@ SleepInhibitor::~SleepInhibitor() {
     if (lock_) OX_DEBUG("Session: sleep and idle are allowed again");
 }
 
-void SleepInhibitor::take_lock(const std::stop_token& stop) {
+void SleepInhibitor::request_lock(const std::stop_token& stop) {
     BusConnection bus([&stop] { return stop.stop_requested(); });
     std::string error;
     if (bus.open(system_bus_address(), kBusLimit, error)) {
@@ -63,7 +62,7 @@ void SleepInhibitor::take_lock(const std::stop_token& stop) {
     if (lock_) {
         OX_INFO("Session: the PC stays awake until the session ends");
     } else if (!stop.stop_requested()) {
-        OX_WARN("Session: the PC may fall asleep under the player (%s)", error.c_str());
+        warn(error.c_str());
     }
 }
 

@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "app/build_info.h"
+#include "base/environment.h"
 #include "log/log.h"
 #include "log/log_path.h"
 
@@ -45,28 +45,19 @@ void reserve_standard_descriptors() {
     if (fd > STDERR_FILENO) ::close(fd);
 }
 
-TerminalEnvironment terminal_environment() {
-    return {.ox_tui = std::getenv("OX_TUI"),
-            .term = std::getenv("TERM"),
-            .colorterm = std::getenv("COLORTERM"),
-            .stdout_is_terminal = ::isatty(STDOUT_FILENO) == 1};
-}
-
-tui::ColourMode choose_colour_mode(const TerminalEnvironment& environment) {
-    const auto text = [](const char* value) { return std::string_view(value ? value : ""); };
-    if (text(environment.ox_tui) == "plain") return tui::ColourMode::Plain;
-    if (!environment.stdout_is_terminal) return tui::ColourMode::Plain;
-    const std::string_view term = text(environment.term);
+tui::ColourMode terminal_colour_mode() {
+    if (environment("OX_TUI") == "plain") return tui::ColourMode::Plain;
+    if (::isatty(STDOUT_FILENO) != 1) return tui::ColourMode::Plain;
+    const std::string_view term = environment("TERM");
     if (term.empty() || term == "dumb") return tui::ColourMode::Plain;
-    const std::string_view colorterm = text(environment.colorterm);
-    if (colorterm == "truecolor" || colorterm == "24bit") return tui::ColourMode::TrueColour;
-    return tui::ColourMode::Ansi;
+    const std::string_view colour = environment("COLORTERM");
+    return colour == "truecolor" || colour == "24bit" ? tui::ColourMode::TrueColour
+                                                      : tui::ColourMode::Ansi;
 }
 
-bool console_log_switch(const char* value) {
-    if (value == nullptr) return false;
+bool console_log_requested() {
     constexpr std::array<std::string_view, 6> kOn{"1", "true", "TRUE", "yes", "on", "ON"};
-    return std::find(kOn.begin(), kOn.end(), value) != kOn.end();
+    return std::find(kOn.begin(), kOn.end(), environment("OX_CONSOLE_LOG")) != kOn.end();
 }
 
 bool open_log_and_identify() {

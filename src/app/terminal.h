@@ -4,31 +4,21 @@
 
 namespace ox {
 
-/// Opens /dev/null in place of standard descriptors that the process was started without, so that
-/// no file of ours gets their numbers. Call first of all.
+/// Opens /dev/null in place of missing standard descriptors, so that no other file gets their
+/// numbers. To be called first.
 void reserve_standard_descriptors();
 
-/// What decides how the terminal is used.
-struct TerminalEnvironment {
-    const char* ox_tui = nullptr;     ///< `OX_TUI`
-    const char* term = nullptr;       ///< `TERM`
-    const char* colorterm = nullptr;  ///< `COLORTERM`
-    bool stdout_is_terminal = false;
-};
+/// By `OX_TUI`, `TERM` and `COLORTERM` and whether standard output is a terminal.
+tui::ColourMode terminal_colour_mode();
 
-/// Reads the process's environment and standard output.
-TerminalEnvironment terminal_environment();
-
-tui::ColourMode choose_colour_mode(const TerminalEnvironment& environment);
-
-/// True when `OX_CONSOLE_LOG` has a value that asks for the raw log in the terminal.
-bool console_log_switch(const char* value);
+/// Whether `OX_CONSOLE_LOG` asks for the raw log in the terminal.
+bool console_log_requested();
 
 /// Opens the log file and fills the board's identity with it. False when it cannot be written.
 bool open_log_and_identify();
 
-/// Hands the terminal to the screen: the log leaves it, and what libraries print on standard error
-/// goes to the log file.
+/// Leaves the terminal to the screen: the log and what libraries print on standard error go to the
+/// log file alone.
 void redirect_stderr_to_log();
 
 }  // namespace ox

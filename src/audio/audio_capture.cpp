@@ -15,32 +15,35 @@
 namespace ox {
 namespace {
 
-/// How long a blocked read takes at most to see that it is to stop, and how old its knowledge that
-/// there is nothing to read can become. Less than what may be late, so that a sound server that
-/// delivers much at once is not taken for a stall.
-constexpr std::chrono::milliseconds kSlice{10};
+/// Bounds how late a stop request is seen and how old `empty_` can be. Well below the lateness at
+/// which LiveEdge drops, so that a sound server that delivers in bursts is not taken for a stall.
+constexpr std::chrono::milliseconds kPollSlice{10};
 
-bool is_dry(int pipe) {
+bool is_empty(int pipe) {
     int bytes = 0;
     return ::ioctl(pipe, FIONREAD, &bytes) == 0 && bytes == 0;
+}
+
+bool is_audible(const std::vector<int16_t>& samples) {
+    constexpr int16_t kSilence = 33;  // about -60 dBFS
+    return std::ranges::any_of(
+        samples, [](int16_t sample) { return sample > kSilence || sample < -kSilence; });
 }
 
 }  // namespace
 
 std::string AudioCapture::default_monitor() const {
-    // A sound server that does not answer must not hold up the session.
     constexpr std::chrono::milliseconds kLimit{2000};
     const std::string sink =
-        first_output_of("pactl get-default-sink 2>/dev/null", sound_server_environment(), kLimit,
-                        [this] { return is_cancelled(); });
+        shell_output("pactl get-default-sink 2>/dev/null", sound_server_environment(), kLimit,
+                     [this] { return is_cancelled(); });
     return sink.empty() ? "" : sink + ".monitor";
 }
 
 bool AudioCapture::start(int sample_rate, int channels, const std::string& source, int latency_ms) {
     stop();
     if (sample_rate < 1 || channels < 1) return false;
-    stopping_ = false;
-    dry_.reset();
+    empty_.reset();
     source_ = source.empty() ? default_monitor() : source;
     if (is_cancelled()) return false;
     const std::string latency = "--latency-msec=" + std::to_string(latency_ms);
@@ -56,13 +59,7 @@ bool AudioCapture::start(int sample_rate, int channels, const std::string& sourc
     return true;
 }
 
-pid_t AudioCapture::pid() const {
-    const std::lock_guard lock(child_mutex_);
-    return child_.pid();
-}
-
 bool AudioCapture::start_recorder(const std::vector<std::string>& argv) {
-    const std::lock_guard lock(child_mutex_);
     switch (child_.start(argv, sound_server_environment())) {
         case PipedChild::Started::Ok:
             return true;
@@ -76,20 +73,19 @@ bool AudioCapture::start_recorder(const std::vector<std::string>& argv) {
     return false;
 }
 
-bool AudioCapture::wait_readable(std::chrono::milliseconds limit) {
-    const std::lock_guard lock(child_mutex_);
-    // The end of a recording is there to be read, too.
-    return (!child_.is_open() && !stopping_) || wait_for_input(limit);
+bool AudioCapture::wait_readable(std::chrono::milliseconds limit, const std::stop_token& stop) {
+    const bool ended = !child_.is_open();
+    return ended ? !stop.stop_requested() : wait_for_input(limit, stop);
 }
 
-bool AudioCapture::wait_for_input(std::chrono::milliseconds limit) {
+bool AudioCapture::wait_for_input(std::chrono::milliseconds limit, const std::stop_token& stop) {
     const auto deadline = SteadyClock::now() + limit;
-    while (!stopping_) {
+    while (!stop.stop_requested()) {
         const auto now = SteadyClock::now();
-        if (is_dry(child_.output())) dry_ = now;
+        if (is_empty(child_.output())) empty_ = now;
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
         pollfd entry{.fd = child_.output(), .events = POLLIN, .revents = 0};
-        const auto wait = std::clamp(left, std::chrono::milliseconds{0}, kSlice);
+        const auto wait = std::clamp(left, std::chrono::milliseconds{0}, kPollSlice);
         const int ready = ::poll(&entry, 1, static_cast<int>(wait.count()));
         if (ready > 0 || (ready < 0 && errno != EINTR)) return true;
         if (left.count() <= 0) return false;
@@ -97,23 +93,24 @@ bool AudioCapture::wait_for_input(std::chrono::milliseconds limit) {
     return false;
 }
 
-bool AudioCapture::read(std::vector<int16_t>& samples, size_t frames) {
-    const std::lock_guard lock(child_mutex_);
+bool AudioCapture::read(std::vector<int16_t>& samples, size_t frames, const std::stop_token& stop) {
     if (!child_.is_open() || frames == 0) return false;
     samples.resize(frames * static_cast<size_t>(channels_));
-    // The samples are the machine's own 16-bit integers: little-endian, as parec was asked for.
-    if (!fill(reinterpret_cast<uint8_t*>(samples.data()), samples.size() * sizeof(int16_t))) {
+    // parec was asked for little-endian samples: the machine's own 16-bit integers.
+    if (!read_bytes(reinterpret_cast<uint8_t*>(samples.data()), samples.size() * sizeof(int16_t),
+                    stop)) {
         return false;
     }
-    note_energy(samples.data(), samples.size());
+    ++buffers_read_;
+    if (is_audible(samples)) ++audible_buffers_;
     return true;
 }
 
-bool AudioCapture::fill(uint8_t* bytes, size_t wanted) {
+bool AudioCapture::read_bytes(uint8_t* bytes, size_t wanted, const std::stop_token& stop) {
     size_t have = 0;
     while (have < wanted) {
-        if (stopping_) return false;
-        if (!wait_for_input(kSlice)) continue;
+        if (stop.stop_requested()) return false;
+        if (!wait_for_input(kPollSlice, stop)) continue;
         const ssize_t length = ::read(child_.output(), bytes + have, wanted - have);
         if (length > 0) {
             have += static_cast<size_t>(length);
@@ -122,28 +119,13 @@ bool AudioCapture::fill(uint8_t* bytes, size_t wanted) {
         if (length < 0 && errno == EINTR) continue;
         if (length < 0) {
             OX_ERROR("AudioCapture: read() failed: %s", std::strerror(errno));
-        } else if (!stopping_) {
+        } else if (!stop.stop_requested()) {
             OX_WARN("AudioCapture: parec closed the pipe after %zu/%zu bytes", have, wanted);
         }
         child_.stop();
         return false;
     }
     return true;
-}
-
-void AudioCapture::note_energy(const int16_t* samples, size_t count) {
-    constexpr int16_t kSilence = 33;  // about -60 dBFS
-    ++frames_read_;
-    const bool audible = std::any_of(samples, samples + count, [](int16_t sample) {
-        return sample > kSilence || sample < -kSilence;
-    });
-    if (audible) ++audible_frames_;
-}
-
-void AudioCapture::stop() {
-    stopping_ = true;  // a reader lets go of the child
-    const std::lock_guard lock(child_mutex_);
-    child_.stop();
 }
 
 }  // namespace ox

@@ -26,12 +26,12 @@ class AudioEncoder {
 
     /// Samples per channel in one frame.
     [[nodiscard]] int frame_samples() const { return frame_samples_; }
-    // As libopus reads them back; -1 when it does not say.
+    // As read back from libopus; -1 when unavailable.
     [[nodiscard]] int application() const { return application_; }
     [[nodiscard]] int lookahead() const { return lookahead_; }
     [[nodiscard]] int vbr() const { return vbr_; }
 
-    /// Delay from the first sample's arrival to the decoded sound: a frame and the lookahead.
+    /// A frame and the lookahead.
     [[nodiscard]] double codec_delay_ms() const { return kFrameMs + lookahead_ms(); }
 
   private:

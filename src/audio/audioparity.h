@@ -4,16 +4,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <vector>
-
-#include "transport/nonce.h"
 
 struct WirehairCodec_t;
 
 /// Forward error correction of the audio stream: four consecutive audio frames form a block, for
 /// which two repair symbols are sent. Any four of the six pieces restore the block. A repair symbol
 /// travels as a shard, a 16-byte header followed by the symbol, inside a media packet flagged
-/// AUDIO_PARITY (nonce: `build_nonce`).
+/// AUDIO_PARITY.
 ///
 /// Nothing here logs or throws; failures are `Guard` values.
 namespace ox::audioparity {
@@ -25,8 +24,8 @@ inline constexpr size_t kShardHeaderBytes = 16;
 inline constexpr size_t kMaxRepairBytes = kShardHeaderBytes + kMaxShardBytes;
 inline constexpr uint8_t kShardVersion = 1;
 
-/// Whether a switch text means on: "1", "on", "true", "yes" or "enabled" in any case of letters.
-/// Null, empty and everything else mean off.
+/// True for "1", "on", "true", "yes" and "enabled", in any case; false for everything else, null
+/// included.
 bool parse_switch_value(const char* text) noexcept;
 
 /// The switch in the environment variable OX_AUDIO_PARITY.
@@ -47,17 +46,17 @@ enum class Guard : uint8_t {
     kBadVersion = 5,
     kBadShardLen = 6,    ///< outside 1 .. 1146, or other than the block's; also a frame to encode
     kBadOrigLen = 7,     ///< above the shard length, or other than the block's
-    kBadPayloadLen = 8,  ///< missing, or not the length that the header says
-    kDuplicate = 9,      ///< the block has this piece
+    kBadPayloadLen = 8,  ///< missing, or other than the header's length
+    kDuplicate = 9,      ///< the block already has this piece
     kBadIndex = 10,      ///< data index above 3
     kEncodeFailed = 11,  ///< null argument, or the encoder failed
     kDecodeFailed = 12,  ///< the pieces do not restore the block
 };
 
-/// The guard's name in lower_snake_case, "unknown" for a value that is none. Static text.
+/// The guard's name in lower_snake_case, "unknown" for any other value.
 const char* guard_name(Guard guard) noexcept;
 
-/// The header in front of a repair symbol, little-endian as it lies on the wire.
+/// The header in front of a repair symbol, in wire layout (little-endian).
 struct ShardHeader {
     uint16_t shard_len = 0;  ///< bytes of every symbol of the block: its longest frame
     uint8_t block_len = 0;
@@ -78,8 +77,7 @@ Guard parse_shard_header(const uint8_t* bytes, size_t length, ShardHeader& heade
 /// kBadPayloadLen.
 Guard parse_shard(const uint8_t* bytes, size_t length, ShardHeader& header) noexcept;
 
-/// Makes the two repair shards of one block after the other; keeps its memory, so that only the
-/// first one allocates. Used by one thread.
+/// Encodes the repair shards of blocks; only the first block allocates. Used by one thread.
 class BlockEncoder {
   public:
     /// data, lens: four frames of 1 to 1146 bytes. out: two buffers of at least 1162 bytes.
@@ -92,7 +90,7 @@ class BlockEncoder {
     Codec codec_;
 };
 
-/// Makes the repair shards of a single block; see `BlockEncoder::encode`.
+/// `BlockEncoder::encode` for a single block.
 Guard encode_block(const uint8_t* const* data, const size_t* lens, uint8_t* const* out,
                    size_t* out_lens) noexcept;
 
@@ -111,17 +109,17 @@ class BlockDecoder {
               size_t length) noexcept;
 
     [[nodiscard]] bool have_all_sources() const noexcept;
-    /// True when `recover` has pieces enough.
+    /// True when there are enough pieces for `recover`.
     [[nodiscard]] bool can_recover() const noexcept;
 
-    /// Fills `frames` with the four frames; `rebuilt` tells whether any was missing. kDecodeFailed
-    /// (and `frames` empty) when the pieces do not suffice.
+    /// Fills `frames` with the four frames; `rebuilt`: any of them was missing. kDecodeFailed, with
+    /// `frames` empty, when the pieces do not suffice.
     Guard recover(std::vector<std::vector<uint8_t>>& frames, bool& rebuilt) const noexcept;
 
   private:
     struct Piece {
         std::array<uint8_t, kMaxShardBytes> bytes{};  ///< padded with zeros to the shard length
-        size_t length = 0;                            ///< as it came
+        size_t length = 0;                            ///< as received
         bool present = false;
     };
 
@@ -135,3 +133,45 @@ class BlockDecoder {
 };
 
 }  // namespace ox::audioparity
+
+namespace ox {
+
+/// The sender's side: collects four consecutive audio frames, sequence numbers 4n to 4n + 3, and
+/// encodes their repair symbols. A gap inside a block leaves it incomplete. One thread; allocates
+/// for the first block only.
+class ParityBlock {
+  public:
+    /// Longest frame of a block that gets repair symbols.
+    static constexpr size_t kMaxFitBytes = 1100;
+
+    /// Adds the frame with this sequence number. True when it completed a block.
+    bool add(uint32_t sequence, std::span<const uint8_t> frame, uint64_t timestamp);
+
+    /// All four frames of the complete block are short enough.
+    [[nodiscard]] bool fits() const { return fits_; }
+    /// First sequence number of the block.
+    [[nodiscard]] uint32_t base() const { return base_; }
+    /// Timestamp of the fourth frame.
+    [[nodiscard]] uint64_t last_timestamp() const { return last_timestamp_; }
+
+    /// Encodes the complete block's repair shards into `out`, with their lengths.
+    struct Shards {
+        std::array<std::array<uint8_t, audioparity::kMaxRepairBytes>, audioparity::kRepairs>
+            bytes{};
+        std::array<size_t, audioparity::kRepairs> lengths{};
+    };
+    audioparity::Guard encode(Shards& out);
+
+    void reset() { collected_ = 0; }
+
+  private:
+    audioparity::BlockEncoder encoder_;
+    std::array<std::array<uint8_t, audioparity::kMaxShardBytes>, audioparity::kDataFrames> slots_{};
+    std::array<size_t, audioparity::kDataFrames> lengths_{};
+    uint32_t base_ = 0;
+    uint64_t last_timestamp_ = 0;
+    size_t collected_ = 0;
+    bool fits_ = false;
+};
+
+}  // namespace ox

@@ -7,24 +7,36 @@
 
 namespace ox {
 
-/// Tells sound that is late from sound that is live. When the recorder's queue has run dry and the
-/// next sound is waited for, the reader is at the live edge. How far a buffer lies behind follows
-/// from the time that has passed since the queue was last seen dry and the sound that was read
-/// since: a reader that is held up while it waits looks like one that waits, but for that.
-/// Pure; one thread.
+/// Tells late sound from live sound. While the recorder's pipe is empty and the reader waits, the
+/// reader is at the live edge; from then on a buffer is late by the time that has passed minus the
+/// sound that was read. Pure; one thread.
 class LiveEdge {
   public:
-    /// One buffer of `length` has been read by `now`. `dry`: when the queue was last seen without
-    /// anything to read before the buffer was whole, if at all. False: the buffer is more than 50
-    /// ms late and is to be dropped.
-    bool keep(std::chrono::microseconds length, std::optional<SteadyClock::time_point> dry,
-              SteadyClock::time_point now);
+    /// One buffer of `length` has been read by `now`. `empty`: when the pipe was last seen empty
+    /// before the buffer was complete, if at all. False: the buffer is more than 50 ms late and is
+    /// to be dropped.
+    bool is_live(std::chrono::microseconds length, std::optional<SteadyClock::time_point> empty,
+                 SteadyClock::time_point now) {
+        // A recorder that catches up may be slower than its reader for a moment.
+        constexpr std::chrono::milliseconds kWaited{1};
+        constexpr std::chrono::milliseconds kLate{50};
+        if (!known_ || (empty && now - *empty >= kWaited)) {
+            known_ = true;
+            dropping_ = false;
+            edge_ = empty.value_or(now);
+            read_since_ = {};
+        }
+        read_since_ += length;
+        // Once late, drop everything up to the live edge: the newest sound counts.
+        dropping_ = dropping_ || (now - edge_) - read_since_ > kLate;
+        return !dropping_;
+    }
 
-    /// The recording starts afresh.
+    /// For a new recording.
     void reset() { *this = {}; }
 
   private:
-    SteadyClock::time_point edge_{};  ///< when the queue was last dry
+    SteadyClock::time_point edge_{};  ///< when the pipe was last empty
     std::chrono::microseconds read_since_{0};
     bool known_ = false;
     bool dropping_ = false;

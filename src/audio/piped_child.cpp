@@ -20,7 +20,7 @@ namespace ox {
 namespace {
 
 /// The child's side of fork: only async-signal-safe calls from here to exec.
-[[noreturn]] void become(char* const* argv, char* const* environment, int output, pid_t parent) {
+[[noreturn]] void run_child(char* const* argv, char* const* environment, int output, pid_t parent) {
     ::prctl(PR_SET_PDEATHSIG, SIGTERM, 0UL, 0UL, 0UL);
     const bool parent_died_before = ::getppid() != parent;
     if (parent_died_before) ::_exit(127);
@@ -44,7 +44,7 @@ void append(std::vector<char*>& pointers, const std::vector<std::string>& texts)
 }  // namespace
 
 PipedChild::Started PipedChild::start(const std::vector<std::string>& argv,
-                                      const std::vector<std::string>& added) {
+                                      const std::vector<std::string>& overrides) {
     stop();
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) < 0) return Started::NoPipe;
@@ -55,19 +55,18 @@ PipedChild::Started PipedChild::start(const std::vector<std::string>& argv,
     arguments.push_back(nullptr);
     std::vector<char*> variables;
     for (char** entry = environ; *entry != nullptr; ++entry) {
-        const bool is_replaced =
-            std::any_of(added.begin(), added.end(), [&](std::string_view replacement) {
-                return std::string_view(*entry).starts_with(
-                    replacement.substr(0, replacement.find('=') + 1));
-            });
-        if (!is_replaced) variables.push_back(*entry);
+        const bool overridden = std::ranges::any_of(overrides, [&](std::string_view variable) {
+            const std::string_view name = variable.substr(0, variable.find('=') + 1);
+            return std::string_view(*entry).starts_with(name);
+        });
+        if (!overridden) variables.push_back(*entry);
     }
-    append(variables, added);
+    append(variables, overrides);
     variables.push_back(nullptr);
     const pid_t parent = ::getpid();
     const pid_t pid = ::fork();
     if (pid < 0) return Started::NoFork;
-    if (pid == 0) become(arguments.data(), variables.data(), write_end.get(), parent);
+    if (pid == 0) run_child(arguments.data(), variables.data(), write_end.get(), parent);
     pid_ = pid;
     output_ = std::move(read_end);
     return Started::Ok;
@@ -87,20 +86,19 @@ void PipedChild::stop() {
     pid_ = -1;
 }
 
-std::string first_output_of(const std::string& shell_command, const std::vector<std::string>& added,
-                            std::chrono::milliseconds limit,
-                            const std::function<bool()>& cancelled) {
+std::string shell_output(const std::string& command, const std::vector<std::string>& overrides,
+                         std::chrono::milliseconds limit, const std::function<bool()>& cancelled) {
     constexpr size_t kMaxBytes = 255;
     constexpr std::chrono::milliseconds kSlice{50};
     PipedChild child;
-    if (child.start({"/bin/sh", "-c", shell_command}, added) != PipedChild::Started::Ok) return {};
+    if (child.start({"/bin/sh", "-c", command}, overrides) != PipedChild::Started::Ok) return {};
     const auto deadline = SteadyClock::now() + limit;
     std::string text;
     while (text.size() < kMaxBytes) {
         const auto left =
             std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
         if (left.count() <= 0 || cancelled()) {
-            // What the command has started may keep the pipe open after the answer.
+            // A grandchild may keep the pipe open after the answer.
             if (text.find('\n') == text.npos) return {};
             break;
         }

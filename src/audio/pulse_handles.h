@@ -20,10 +20,10 @@ struct PulseContextClose {
         ::pa_context_unref(context);
     }
 };
-/// A connection to the sound server; goes before its loop.
+/// A connection to the sound server; destroyed before its loop.
 using PulseContextPtr = std::unique_ptr<pa_context, PulseContextClose>;
 
-/// Begins to connect to the user's sound server; null when there is none. Starts none either.
+/// Begins to connect to the user's sound server, without starting one; null on failure.
 inline PulseContextPtr connect_to_sound_server(pa_mainloop& loop) {
     PulseContextPtr context(::pa_context_new(::pa_mainloop_get_api(&loop), "orvex-agent"));
     const std::string address = sound_server_address();

@@ -12,16 +12,16 @@
 namespace ox {
 namespace {
 
-/// Lets go of an operation whose callback does the work.
-void started(pa_operation* operation) {
+/// For an operation whose callback does the work.
+void release_operation(pa_operation* operation) {
     if (operation != nullptr) ::pa_operation_unref(operation);
 }
 
 }  // namespace
 
-/// The connection to the sound server and what is known through it. Every question carries the
-/// number of the round it belongs to: an event that touches the recording starts a new round, and
-/// answers of an older one count for nothing.
+/// The connection to the sound server and the state learned through it. Every query belongs to a
+/// numbered round: an event that affects the recording starts a new round, and replies to queries
+/// of an older one are ignored.
 class RecordingWatch::Server {
   public:
     void watch(pid_t pid) {
@@ -48,7 +48,7 @@ class RecordingWatch::Server {
     [[nodiscard]] const std::string& default_sink() const { return default_sink_; }
 
   private:
-    /// What a server has known may have been moved since.
+    /// A recording that the server knew may have been moved since.
     [[nodiscard]] Verdict unreachable() const {
         return found_ ? Verdict::Unknown : Verdict::Unwatched;
     }
@@ -61,14 +61,14 @@ class RecordingWatch::Server {
         return other_default ? Verdict::DefaultChanged : Verdict::OnMonitor;
     }
 
-    /// The server may yet name the recording: the recorder has had little time to connect, or a
-    /// question has no answer yet, while the first sound of a recorder that was slow is there.
+    /// The server may still report the recording: the recorder was started just now, or a query is
+    /// unanswered.
     [[nodiscard]] bool is_appearing() const {
-        constexpr std::chrono::milliseconds kAppears{250};
-        constexpr std::chrono::seconds kAnswers{2};
+        constexpr std::chrono::milliseconds kAppearLimit{250};
+        constexpr std::chrono::seconds kReplyLimit{2};
         const auto now = SteadyClock::now();
-        return now - watched_since_ <= kAppears ||
-               (unanswered_since_ && now - *unanswered_since_ <= kAnswers);
+        return now - watched_since_ <= kAppearLimit ||
+               (query_pending_since_ && now - *query_pending_since_ <= kReplyLimit);
     }
 
     bool connected_or_connecting() {
@@ -84,7 +84,7 @@ class RecordingWatch::Server {
             disconnect();
             return false;
         }
-        unanswered_since_ = now;
+        query_pending_since_ = now;
         ::pa_context_set_state_callback(context_.get(), &Server::on_state, this);
         ::pa_context_set_subscribe_callback(context_.get(), &Server::on_event, this);
         return true;
@@ -95,30 +95,31 @@ class RecordingWatch::Server {
         loop_.reset();
         output_index_.reset();
         default_sink_.clear();
-        unanswered_since_.reset();
+        query_pending_since_.reset();
         new_round();
     }
 
-    /// Forgets what the recording is attached to, and asks anew.
+    /// Forgets what the recording is attached to, and queries it again.
     void new_round() {
         ++round_;
         source_known_ = false;
         monitored_sink_.clear();
-        if (ready()) ask_for_outputs();
+        if (ready()) query_source_outputs();
     }
 
     [[nodiscard]] bool ready() const {
         return context_ && ::pa_context_get_state(context_.get()) == PA_CONTEXT_READY;
     }
 
-    void ask_for_outputs() {
-        asked_round_ = round_;
-        if (!unanswered_since_) unanswered_since_ = SteadyClock::now();
-        started(::pa_context_get_source_output_info_list(context_.get(), &Server::on_output, this));
+    void query_source_outputs() {
+        outputs_round_ = round_;
+        if (!query_pending_since_) query_pending_since_ = SteadyClock::now();
+        release_operation(
+            ::pa_context_get_source_output_info_list(context_.get(), &Server::on_output, this));
     }
 
-    void ask_for_default() {
-        started(::pa_context_get_server_info(context_.get(), &Server::on_server, this));
+    void query_default_sink() {
+        release_operation(::pa_context_get_server_info(context_.get(), &Server::on_server, this));
     }
 
     static void on_state(pa_context* context, void* self) {
@@ -126,8 +127,8 @@ class RecordingWatch::Server {
         if (::pa_context_get_state(context) != PA_CONTEXT_READY) return;
         constexpr auto kMask = static_cast<pa_subscription_mask_t>(
             PA_SUBSCRIPTION_MASK_SOURCE_OUTPUT | PA_SUBSCRIPTION_MASK_SERVER);
-        started(::pa_context_subscribe(context, kMask, nullptr, nullptr));
-        server->ask_for_default();
+        release_operation(::pa_context_subscribe(context, kMask, nullptr, nullptr));
+        server->query_default_sink();
         server->new_round();
     }
 
@@ -135,7 +136,7 @@ class RecordingWatch::Server {
                          void* self) {
         auto* server = static_cast<Server*>(self);
         if ((type & PA_SUBSCRIPTION_EVENT_FACILITY_MASK) == PA_SUBSCRIPTION_EVENT_SERVER) {
-            server->ask_for_default();
+            server->query_default_sink();
         } else if (!server->output_index_ || *server->output_index_ == index) {
             server->new_round();
         }
@@ -150,15 +151,15 @@ class RecordingWatch::Server {
     static void on_output(pa_context* context, const pa_source_output_info* info, int end,
                           void* self) {
         auto* server = static_cast<Server*>(self);
-        if (server->asked_round_ != server->round_) return;
-        if (end != 0) server->unanswered_since_.reset();
+        if (server->outputs_round_ != server->round_) return;
+        if (end != 0) server->query_pending_since_.reset();
         if (end != 0 || info == nullptr) return;
         const char* pid = ::pa_proplist_gets(info->proplist, PA_PROP_APPLICATION_PROCESS_ID);
         if (pid == nullptr || server->pid_ != pid) return;
         server->found_ = true;
         server->output_index_ = info->index;
         server->source_round_ = server->round_;
-        started(
+        release_operation(
             ::pa_context_get_source_info_by_index(context, info->source, &Server::on_source, self));
     }
 
@@ -172,20 +173,20 @@ class RecordingWatch::Server {
     }
 
     PulseMainloopPtr loop_;
-    PulseContextPtr context_;  // goes before its loop
+    PulseContextPtr context_;  // destroyed before its loop
     SteadyClock::time_point last_try_{};
 
     std::string pid_;  ///< the recording process
     SteadyClock::time_point watched_since_{};
-    bool found_ = false;  ///< a server has known its recording
-    /// Since when the server has owed the list of the streams.
-    std::optional<SteadyClock::time_point> unanswered_since_;
-    std::optional<uint32_t> output_index_;  ///< its stream at the server, once known
+    bool found_ = false;  ///< a server has reported its recording
+    /// Since when the list of source outputs is awaited.
+    std::optional<SteadyClock::time_point> query_pending_since_;
+    std::optional<uint32_t> output_index_;  ///< its source output, once known
     uint64_t round_ = 0;
-    uint64_t asked_round_ = 0;   ///< round of the last question for the streams
-    uint64_t source_round_ = 0;  ///< round of the last question for the source
+    uint64_t outputs_round_ = 0;  ///< round of the last source output query
+    uint64_t source_round_ = 0;   ///< round of the last source query
     bool source_known_ = false;
-    std::string monitored_sink_;  ///< output whose monitor is recorded; empty: no monitor
+    std::string monitored_sink_;  ///< sink whose monitor is recorded; empty: no monitor
     std::string default_sink_;    ///< empty until known
 };
 

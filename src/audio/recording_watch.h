@@ -7,19 +7,17 @@
 
 namespace ox {
 
-/// Watches, from outside, what a recording process is attached to at the sound server. When an
-/// output disappears, the server moves its recordings to another source, which may be a microphone;
-/// nothing of that may be sent. A recording that no server knows, of a server out of reach or by a
-/// recorder that hides behind another process, is nobody's to watch.
+/// Watches which source a recording process is attached to at the sound server. When an output
+/// disappears, the server moves its recordings to another source, which may be a microphone.
 ///
-/// The server tells of a move before it delivers the first sound from the new source. So a buffer
-/// may go out if, after it was read, `poll` has taken in everything the server had to say and still
-/// finds the recording on a monitor. Used by one thread; `poll` never blocks.
+/// The server announces a move before it delivers the first sound from the new source. So a buffer
+/// may be sent if `poll`, called after the buffer was read, still finds the recording on a monitor.
+/// Used by one thread; `poll` never blocks.
 class RecordingWatch {
   public:
     enum class Verdict {
-        Unknown,         ///< not known (yet, or again): send nothing
-        Unwatched,       ///< no server answers, or none knows this recording
+        Unknown,         ///< a reply is awaited: send nothing
+        Unwatched,       ///< no server is reachable, or it does not know this recording
         OnMonitor,       ///< records an output's monitor
         Elsewhere,       ///< records something that is no monitor
         DefaultChanged,  ///< records a monitor, but the default output is another one now
@@ -33,12 +31,12 @@ class RecordingWatch {
     /// Watches the recording of the process `pid` from now on.
     void watch(pid_t pid);
 
-    /// Takes in what the server has said since, without waiting for more.
+    /// Processes the server's messages received so far.
     Verdict poll();
 
-    /// Output that the server calls the default one; empty until it is known.
+    /// The server's default output; empty until known.
     [[nodiscard]] const std::string& default_sink() const;
-    /// Name of its monitor, or empty.
+    /// Its monitor, or empty.
     [[nodiscard]] std::string default_monitor() const {
         return default_sink().empty() ? "" : default_sink() + ".monitor";
     }

@@ -12,11 +12,11 @@
 namespace ox {
 namespace {
 
-/// Folder that XDG_RUNTIME_DIR should name; empty when libpulse needs no help, or none is known.
+/// Value that XDG_RUNTIME_DIR lacks; empty when libpulse needs no help or none is known.
 std::string missing_runtime_folder() {
-    const bool knows =
+    const bool configured =
         !environment("PULSE_SERVER").empty() || !environment("XDG_RUNTIME_DIR").empty();
-    const std::string folder = knows ? "" : runtime_folder();
+    const std::string folder = configured ? "" : runtime_folder();
     return !folder.empty() && is_own_socket(folder + "/pulse/native") ? folder : "";
 }
 

@@ -7,15 +7,15 @@
 
 namespace ox {
 
-/// Where the user's sound server listens, when libpulse would not find that out by itself because
-/// this process was started outside of the user's session; else empty. Of the moment.
+/// Address of the user's sound server at this moment, for a process that was started outside of the
+/// user's session; empty when libpulse finds the server by itself, or there is none.
 std::string sound_server_address();
 
-/// What is added to the environment of a child that talks to the sound server ("NAME=value").
+/// Environment variables ("NAME=value") for a child that talks to the sound server.
 std::vector<std::string> sound_server_environment();
 
-/// Whether a sound server answers within `limit` and until `cancelled`, asked every 50 ms, returns
-/// true. Starts none.
+/// Whether a sound server answers within `limit`, or before `cancelled` (polled every 50 ms)
+/// returns true. Does not start one.
 bool sound_server_answers(std::chrono::milliseconds limit, const std::function<bool()>& cancelled);
 
 }  // namespace ox

@@ -1,20 +1,20 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <variant>
 
+// What an authenticated launcher sends: lines of JSON.
+
 namespace ox {
 
-/// Statistics as the launcher measures them; 0 where it sent none.
-struct ClientStats {
-    float rtt_ms = 0;
-    float packet_loss_pct = 0;
-    float decoded_fps = 0;
-    float jitter_ms = 0;
-};
-
+/// The launcher wants a keyframe.
+struct RequestIdr {};
+/// The launcher ends the session.
+struct EndSession {};
 /// Stream settings the launcher asks for; 0 = leave as it is.
 struct SettingsChange {
     int32_t bitrate = 0;  ///< kbit/s
@@ -22,28 +22,58 @@ struct SettingsChange {
     int32_t width = 0;
     int32_t height = 0;
 };
-
-/// A keep-alive question, answered with the same `ts`.
-struct PingMessage {
-    int64_t ts = 0;
+/// Statistics as the launcher measures them; 0 where it sent none.
+struct ClientStats {
+    float rtt_ms = 0;
+    float packet_loss_pct = 0;
+    float decoded_fps = 0;
+    float jitter_ms = 0;
 };
-/// Any message without a payload that matters here.
-struct NamedMessage {
+/// A well-formed message of a type that this agent does not know.
+struct UnknownControlMessage {
     std::string type;
 };
-/// A line that is to be dropped: no JSON object, or a field of the wrong type.
-struct MalformedMessage {
-    std::string why;
+using ControlMessage =
+    std::variant<RequestIdr, EndSession, SettingsChange, ClientStats, UnknownControlMessage>;
+
+/// A keep-alive, answered with the same `ts`.
+struct Ping {
+    int64_t ts = 0;
 };
+/// No JSON object, or a field of the wrong type.
+struct MalformedLine {
+    std::string error;  ///< fit for the log
+};
+/// One control line. `std::monostate`: an object without a type, ignored.
+using ControlLine = std::variant<std::monostate, MalformedLine, Ping, ControlMessage>;
 
-/// One control line, read. `std::monostate`: an object without a type, ignored.
-using ControlMessage = std::variant<std::monostate, PingMessage, NamedMessage, SettingsChange,
-                                    ClientStats, MalformedMessage>;
-
-/// Reads one line (without its line feed). Never throws; numbers out of range are converted.
-ControlMessage parse_control_line(std::string_view line);
+/// Parses one line (without its line feed). Never throws; numbers out of range are clamped.
+ControlLine parse_control_line(std::string_view line);
 
 /// The reply to a ping.
 std::string make_pong(int64_t ts);
+
+/// Splits a byte stream into lines with bounded memory: of a line longer than `max_length` only
+/// the length is kept.
+class LineSplitter {
+  public:
+    struct Line {
+        std::string_view text;  ///< without line feed; empty when the line was too long
+        size_t length = 0;      ///< bytes that were sent, also of a line too long
+    };
+
+    explicit LineSplitter(size_t max_length);
+
+    /// Calls `on_line` for each line that `bytes` complete, in order. Its text is valid during the
+    /// call only.
+    void feed(std::string_view bytes, const std::function<void(const Line&)>& on_line);
+
+  private:
+    void append(std::string_view part);
+
+    size_t max_length_;
+    std::string partial_;  ///< start of the unfinished line; empty once it is too long
+    size_t length_ = 0;    ///< length of the unfinished line so far
+};
 
 }  // namespace ox

@@ -15,7 +15,7 @@ using nlohmann::json;
                                 value.type_name());
 }
 
-// The limits of a 64-bit integer are not doubles; 2^63 and -2^63 are.
+// INT64_MAX is no double; 2^63 is.
 constexpr double kTwoPow63 = 9223372036854775808.0;
 
 int64_t saturated_int64(const json& number) {
@@ -51,7 +51,7 @@ std::string* text_field(json& object, const char* key) {
 }  // namespace
 
 json parse_json_object(std::string_view line) {
-    // The parser takes a NUL byte for the end of its input and would not see what follows.
+    // The parser takes a NUL byte for the end of its input and would ignore what follows.
     if (line.find('\0') != std::string_view::npos) throw std::invalid_argument("NUL byte");
     json parsed = json::parse(line);
     if (!parsed.is_object()) {
@@ -59,6 +59,13 @@ json parse_json_object(std::string_view line) {
                                     parsed.type_name());
     }
     return parsed;
+}
+
+std::string redacted_json_error(std::string_view message) {
+    // The two places where the library quotes its input: bad tokens and numbers out of range.
+    for (const std::string_view quote : {"; last read: '", " parsing '"})
+        message = message.substr(0, message.find(quote));
+    return std::string(message);
 }
 
 std::string take_text(json& object, const char* key) {

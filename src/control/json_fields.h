@@ -7,22 +7,25 @@
 
 #include "base/secret.h"
 
-// Reading of one-line JSON objects. A key that is absent gives the fallback; a value of another
-// kind throws. What is thrown is a std::exception; its text must go through `without_input` before
-// it is logged.
+// Reading of one-line JSON objects. An absent key gives the fallback; a value of another kind
+// throws a std::exception, whose text must pass `redacted_json_error` before it is logged.
 
 namespace ox {
 
 /// Throws when `line` is not one JSON object.
 nlohmann::json parse_json_object(std::string_view line);
 
-/// Takes the text out of `object`; empty when absent.
+/// A JSON library's error message without its quotes of the input: a half-written auth line would
+/// show the token.
+std::string redacted_json_error(std::string_view message);
+
+/// Moves the text out of `object`; empty when absent.
 std::string take_text(nlohmann::json& object, const char* key);
-/// Same, leaving nothing of it in `object`.
+/// Same, and wipes it in `object`.
 Secret take_secret(nlohmann::json& object, const char* key);
 
-/// Any JSON number, its fraction dropped, brought into the range of the type; a 64-bit integer
-/// without a sign keeps its bits.
+/// Any JSON number, truncated and clamped to the range of the type; for int64 an unsigned integer
+/// keeps its bits.
 int32_t int32_field(const nlohmann::json& object, const char* key, int32_t fallback);
 int64_t int64_field(const nlohmann::json& object, const char* key, int64_t fallback);
 uint32_t uint32_field(const nlohmann::json& object, const char* key, uint32_t fallback);

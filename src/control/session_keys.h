@@ -19,6 +19,9 @@ struct SessionKeySet {
     void generate(std::span<const uint8_t> master_key);
 };
 
+/// The answer to an accepted auth line, with the keys.
+Secret make_session_ready(const SessionKeySet& keys, uint32_t granted_caps);
+
 /// Standard base64 with padding (RFC 4648 section 4).
 Secret to_base64(std::span<const uint8_t> bytes);
 

@@ -6,7 +6,7 @@ namespace ox {
 
 bool is_private_ip(const std::string& text) {
     in_addr address{};
-    // A C string ends at the first NUL byte; a text that goes on behind it is no address.
+    // inet_pton would ignore what follows a NUL byte.
     if (text.find('\0') != std::string::npos) return false;
     if (::inet_pton(AF_INET, text.c_str(), &address) != 1) return false;
     const uint32_t ip = ntohl(address.s_addr);

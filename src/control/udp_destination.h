@@ -3,26 +3,25 @@
 #include <cstdint>
 #include <string>
 
-// Which IPv4 address the media of a session goes to. A launcher behind the same router as the agent
-// is better reached at its private address, which it alone knows; a launcher on the internet only
-// at the address its TCP connection came from.
+// Which IPv4 address the media of a session goes to. A launcher behind the agent's own router is
+// better reached at its private address, which it alone knows; a launcher on the internet only at
+// the address its TCP connection came from.
 
 namespace ox {
 
-/// Dotted IPv4 in 10/8, 172.16/12, 192.168/16 or 127/8. Anything that is no such text is not
-/// private.
+/// Whether `text` is dotted IPv4 in 10/8, 172.16/12, 192.168/16 or 127/8.
 bool is_private_ip(const std::string& text);
 
-/// What becomes of the address a launcher reports of itself at the handshake.
+/// What the handshake does with the address that a launcher reports of itself.
 enum class UdpOverride : uint8_t {
-    none,       ///< it reported none
+    none,       ///< none was reported
     same,       ///< it is the TCP peer's
-    overrides,  ///< private: kept instead of the TCP peer's
-    ignored,    ///< a different public address or no address: the TCP peer's is taken
+    overrides,  ///< private: replaces the TCP peer's
+    ignored,    ///< another public address, or no address: the TCP peer's is used
 };
 UdpOverride judge_udp_override(const std::string& reported, const std::string& tcp_remote);
 
-/// Where the kept address leads once media is to be sent.
+/// Which of the addresses the media goes to.
 enum class UdpDestination : uint8_t {
     unknown,               ///< neither address is known
     tcp_remote,            ///< nothing was reported

@@ -9,8 +9,8 @@ namespace ox::fountain {
 
 /// A binary matrix that is kept in echelon form while rows are inserted one by one.
 ///
-/// Right of a row's pivot column stands the reduced row; left of it stands, bit by bit, the record
-/// of which pivot rows were added to it, so that the same additions can be repeated on the blocks.
+/// Right of its pivot column a row holds the reduced row; left of it a bit for every pivot row that
+/// was added to it, so that the same additions can be repeated on the blocks.
 class BinaryEchelon {
   public:
     static constexpr uint32_t kNone = UINT32_MAX;
@@ -20,12 +20,12 @@ class BinaryEchelon {
     [[nodiscard]] uint32_t columns() const noexcept {
         return static_cast<uint32_t>(pivot_rows_.size());
     }
-    /// A multiple of four, for vector instructions.
+    /// A multiple of four, so that rows are processed four words at a time.
     [[nodiscard]] size_t words_per_row() const noexcept { return words_; }
 
     /// Adds a row given as at most words_per_row() words, least significant bit first. Returns the
-    /// row's pivot column, or kNone for a row that depends on the earlier ones (which is not kept).
-    /// `tag` is the caller's name of the row.
+    /// row's pivot column, or kNone for a row that depends on the earlier ones and is not stored.
+    /// `tag` identifies the row to the caller.
     uint32_t insert(std::span<const uint64_t> row, uint32_t tag);
 
     /// The row that has its pivot in `column`, or kNone.

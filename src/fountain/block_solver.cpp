@@ -1,13 +1,8 @@
 #include "fountain/block_solver.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cstring>
-
-#include "fountain/block_sum.h"
-#include "fountain/dense_rows.h"
-#include "fountain/gf256.h"
 
 namespace ox::fountain {
 namespace {
@@ -30,12 +25,11 @@ void BlockSolver::run() {
 // Peeled columns as if all columns of the elimination were zero.
 void BlockSolver::start_peeled_columns() {
     for (const auto& [row, column] : matrix_.peeling().steps()) {
-        BlockSum sum;
+        BlockSum sum(blocks_.at(column), bytes_);
         sum.add(source_.at(row));
         for (const uint16_t other : matrix_.rows().peel_columns(row)) {
             if (other != column && matrix_.is_peeled(other)) sum.add(blocks_.at(other));
         }
-        sum.store(blocks_.at(column), bytes_);
     }
 }
 
@@ -51,12 +45,11 @@ void BlockSolver::start_sparse_pivots() {
         }
         if (echelon.tag(pivot) >= MatrixSolver::kDenseTag) continue;
         const uint32_t row = echelon.tag(pivot);
-        BlockSum sum;
+        BlockSum sum(elimination_block(column), bytes_);
         sum.add(source_.at(row));
         for (const uint16_t other : matrix_.rows().peel_columns(row)) {
             if (matrix_.is_peeled(other)) sum.add(blocks_.at(other));
         }
-        sum.store(elimination_block(column), bytes_);
     }
 }
 
@@ -96,12 +89,9 @@ void BlockSolver::fill_window_sums(uint32_t first, uint32_t count) {
         const auto low = static_cast<uint32_t>(std::countr_zero(i));
         const uint8_t* const block = elimination_block(first + low);
         const uint32_t rest = i & (i - 1);
-        if (rest == 0) {
-            std::memcpy(window_sums_.at(i), block, bytes_);
-        } else {
-            const std::array<const uint8_t*, 2> parts{window_sums_.at(rest), block};
-            gf256_sum_mem(window_sums_.at(i), parts.data(), parts.size(), bytes_);
-        }
+        BlockSum sum(window_sums_.at(i), bytes_);
+        sum.add(block);
+        if (rest != 0) sum.add(window_sums_.at(rest));
     }
 }
 
@@ -180,7 +170,7 @@ void BlockSolver::substitute_above() {
 void BlockSolver::finish_peeled_columns() {
     const size_t first_mix = matrix_.params().block_count;
     for (const auto& [row, column] : matrix_.peeling().steps()) {
-        BlockSum sum;
+        BlockSum sum(blocks_.at(column), bytes_);
         sum.add(source_.at(row));
         for (const uint16_t mix : matrix_.rows().mix_columns(row)) {
             sum.add(blocks_.at(first_mix + mix));
@@ -188,7 +178,6 @@ void BlockSolver::finish_peeled_columns() {
         for (const uint16_t other : matrix_.rows().peel_columns(row)) {
             if (other != column) sum.add(blocks_.at(other));
         }
-        sum.store(blocks_.at(column), bytes_);
     }
 }
 

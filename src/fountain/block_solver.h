@@ -1,12 +1,11 @@
 #pragma once
 
-#include "fountain/block_buffer.h"
-#include "fountain/block_source.h"
+#include "fountain/blocks.h"
 #include "fountain/matrix_solver.h"
 
 namespace ox::fountain {
 
-/// Carries out on the blocks what MatrixSolver found out on the matrix.
+/// Computes the intermediate blocks from a solved matrix.
 class BlockSolver {
   public:
     /// `matrix` is solved; `blocks` receives its columns() intermediate blocks of `block_bytes`.

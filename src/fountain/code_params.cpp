@@ -1,6 +1,10 @@
 #include "fountain/code_params.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+
+#include "fountain/matrix_solver.h"
 
 namespace ox::fountain {
 namespace {
@@ -41,6 +45,24 @@ uint32_t peel_seed_for(uint32_t block_count) noexcept {
     return listed ? found->seed : 0;
 }
 
+constexpr uint32_t kSeedLimit = 256;
+
+bool encoder_can_be_solved(const CodeParams& params) {
+    MatrixSolver matrix;
+    matrix.reset(params);
+    for (uint32_t id = 0; id < params.block_count; ++id)
+        matrix.add_row(id);
+    return matrix.solve();
+}
+
+// The rule that made the table, so that a longer table changes nothing.
+uint32_t find_peel_seed(CodeParams params) {
+    params.peel_seed = 0;
+    while (params.peel_seed < kSeedLimit && !encoder_can_be_solved(params))
+        ++params.peel_seed;
+    return params.peel_seed;
+}
+
 }  // namespace
 
 CodeParams code_params_with(uint32_t block_count, uint16_t dense_count, uint32_t peel_seed,
@@ -60,6 +82,20 @@ CodeParams code_params(uint32_t block_count) noexcept {
     const uint16_t dense_count = dense_count_for(block_count);
     return code_params_with(block_count, dense_count, peel_seed_for(block_count),
                             kDenseSeeds[dense_count / 4U]);
+}
+
+CodeParams choose_code(uint32_t block_count) {
+    static std::array<std::atomic<uint16_t>, kMaxBlocks - kTabledBlocks + 1> found{};  // seed + 1
+    CodeParams params = code_params(block_count);
+    if (block_count <= kTabledBlocks) return params;
+    std::atomic<uint16_t>& entry = found[block_count - kTabledBlocks];
+    uint32_t known = entry.load(std::memory_order_relaxed);
+    if (known == 0) {
+        known = find_peel_seed(params) + 1;
+        entry.store(static_cast<uint16_t>(known), std::memory_order_relaxed);
+    }
+    params.peel_seed = known - 1;
+    return params;
 }
 
 }  // namespace ox::fountain

@@ -29,12 +29,18 @@ struct CodeParams {
     }
 };
 
-/// What the tables say of a message of `block_count` blocks, kMinBlocks .. kMaxBlocks. The peel
-/// seed is meaningless above kTabledBlocks.
+/// The tables' values for a message of `block_count` blocks. The peel seed is meaningless above
+/// kTabledBlocks.
 CodeParams code_params(uint32_t block_count) noexcept;
 
 /// The same with the sizes and seeds given, for the search of the tables.
 CodeParams code_params_with(uint32_t block_count, uint16_t dense_count, uint32_t peel_seed,
                             uint32_t dense_seed) noexcept;
+
+/// The code of a message of `block_count` blocks, kMinBlocks .. kMaxBlocks: the same at the sender
+/// and at the receiver. Takes the peel seed from the table; for a count that the table does not
+/// cover, it is searched at the first use in a process, which takes about as long as solving an
+/// encoder's matrix. Any thread. Throws std::bad_alloc.
+CodeParams choose_code(uint32_t block_count);
 
 }  // namespace ox::fountain

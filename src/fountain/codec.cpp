@@ -4,9 +4,6 @@
 #include <cstring>
 
 #include "fountain/block_solver.h"
-#include "fountain/block_sum.h"
-#include "fountain/code_choice.h"
-#include "fountain/gf256.h"
 
 namespace ox::fountain {
 
@@ -52,7 +49,7 @@ WirehairResult Codec::start_decoder(uint64_t message_bytes, uint32_t block_bytes
     if (cut != Wirehair_Success) return cut;
     params_ = choose_code(shape_.block_count);
     direct_ = DirectCode::find(shape_.block_count);
-    wanting_ = shape_.block_count;
+    missing_ = shape_.block_count;
     matrix_ready_ = false;
     source_matrix_ = 0;
     source_count_ = 0;
@@ -86,12 +83,11 @@ void Codec::generate_directly(uint32_t block_id, uint8_t* out, size_t bytes) con
 void Codec::generate(uint32_t block_id, uint8_t* out, size_t bytes) const noexcept {
     if (direct_ != nullptr) return generate_directly(block_id, out, bytes);
     const CodeRow row(params_, block_id);
-    BlockSum sum;
+    BlockSum sum(out, bytes);
     row.for_each_peel_column([&](uint16_t column) { sum.add(blocks_.at(column)); });
     for (const uint16_t column : row.mix_columns()) {
         sum.add(blocks_.at(size_t{params_.block_count} + column));
     }
-    sum.store(out, bytes);
 }
 
 uint32_t Codec::encode(uint32_t block_id, uint8_t* out, uint32_t out_bytes) const noexcept {
@@ -119,7 +115,7 @@ void Codec::copy_padded(uint8_t* to, const uint8_t* block, uint32_t bytes) const
     std::memset(to + bytes, 0, shape_.block_bytes - bytes);
 }
 
-void Codec::keep_block(uint32_t block_id, const uint8_t* block, uint32_t bytes) {
+void Codec::store_block(uint32_t block_id, const uint8_t* block, uint32_t bytes) {
     uint8_t* place = nullptr;
     if (received_.size() < shape_.block_count) {
         place = received_blocks_.at(received_.size());
@@ -152,9 +148,9 @@ bool Codec::complete_by_matrix(bool& kept) {
 
 bool Codec::complete_directly(bool& kept) {
     DirectSolution solution;
-    const uint32_t wanting = solution.solve(*direct_, received_.ids());
-    kept = wanting < wanting_;
-    if (wanting == 0) {
+    const uint32_t missing = solution.solve(*direct_, received_.ids());
+    kept = missing < missing_;
+    if (missing == 0) {
         blocks_.reset(shape_.block_count, shape_.block_bytes);
         const BlockSource source = received_source();
         for (size_t i = 0; i < solution.missing().size(); ++i) {
@@ -166,8 +162,8 @@ bool Codec::complete_directly(bool& kept) {
             }
         }
     }
-    wanting_ = wanting;
-    return wanting == 0;
+    missing_ = missing;
+    return missing == 0;
 }
 
 // With the newest block kept: does what is held suffice now? A block that adds nothing to an
@@ -192,7 +188,7 @@ WirehairResult Codec::decode(uint32_t block_id, const uint8_t* block, uint32_t b
     if (bytes != expected && bytes != shape_.block_bytes) return Wirehair_InvalidInput;
     if (complete_) return Wirehair_Success;
     if (received_.find(block_id) != ReceivedIds::kNone) return Wirehair_NeedMore;
-    keep_block(block_id, block, expected);
+    store_block(block_id, block, expected);
     complete_ = try_to_complete();
     return complete_ ? Wirehair_Success : Wirehair_NeedMore;
 }

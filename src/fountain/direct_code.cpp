@@ -7,13 +7,12 @@
 #include <utility>
 
 #include "fountain/block_solver.h"
-#include "fountain/gf256.h"
 #include "fountain/matrix_solver.h"
 
 namespace ox::fountain {
 
-// The message of unit vectors: its intermediate blocks are the factors looked for.
-bool DirectCode::make(uint32_t block_count) {
+// Encodes the unit vectors: the intermediate blocks are then the factors.
+bool DirectCode::compute(uint32_t block_count) {
     params_ = code_params(block_count);
     MatrixSolver matrix;
     matrix.reset(params_);
@@ -39,7 +38,7 @@ const DirectCode* DirectCode::find(uint32_t block_count) {
     Entry& entry = entries[block_count];
     std::call_once(entry.once, [&] {
         auto code = std::make_unique<DirectCode>();
-        if (code->make(block_count)) entry.code = std::move(code);
+        if (code->compute(block_count)) entry.code = std::move(code);
     });
     return entry.code.get();
 }

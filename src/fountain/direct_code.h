@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <span>
 
-#include "fountain/block_buffer.h"
+#include "fountain/blocks.h"
 #include "fountain/code_params.h"
 
 namespace ox::fountain {
@@ -19,8 +19,8 @@ class DirectCode {
     /// One factor per source block.
     using Factors = std::array<uint8_t, kMaxBlocks>;
 
-    /// The code of a block count, made at its first use and kept for the life of the process; any
-    /// thread. Null for counts above kMaxBlocks. Throws std::bad_alloc.
+    /// The code of a block count, computed at its first use and cached for the life of the process;
+    /// any thread. Null for counts above kMaxBlocks. Throws std::bad_alloc.
     static const DirectCode* find(uint32_t block_count);
 
     [[nodiscard]] uint32_t block_count() const noexcept { return params_.block_count; }
@@ -29,18 +29,18 @@ class DirectCode {
     [[nodiscard]] Factors factors(uint32_t id) const noexcept;
 
   private:
-    bool make(uint32_t block_count);
+    bool compute(uint32_t block_count);
 
     CodeParams params_;
     BlockBuffer intermediate_factors_;  ///< per intermediate block, Factors
 };
 
-/// How the source blocks that are missing follow from the blocks received.
+/// The missing source blocks as sums of the received blocks.
 // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): filled as far as it is read
 class DirectSolution {
   public:
     /// Works on the ids of received blocks, all different, at most twice the block count. Returns
-    /// how many blocks are wanting still: 0 when every missing block can be computed.
+    /// how many blocks are still missing: 0 when every missing block can be computed.
     uint32_t solve(const DirectCode& code, std::span<const uint32_t> ids) noexcept;
 
     /// The missing source blocks.

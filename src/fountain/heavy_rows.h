@@ -9,12 +9,12 @@
 
 namespace ox::fountain {
 
-/// The last columns of the elimination, where heavy rows with coefficients in GF(256) stand in for
-/// the pivots that the binary rows could not give.
+/// The last columns of the elimination, where heavy rows with coefficients in GF(256) replace the
+/// pivots that the binary rows lack.
 class HeavySolution {
   public:
-    /// An unknown as a sum of pivot rows' reduced right-hand sides: factor times the right-hand
-    /// side of the row with its pivot in heavy column i, over all i that have one.
+    /// An unknown as a sum over the heavy columns i with a pivot: factors[i] times the reduced
+    /// right-hand side of the pivot row.
     struct Unknown {
         uint16_t heavy_column = 0;
         std::array<uint8_t, kMaxHeavyColumns> factors{};

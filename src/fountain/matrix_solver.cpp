@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <array>
 
-#include "fountain/dense_rows.h"
-
 namespace ox::fountain {
 namespace {
 

@@ -4,16 +4,15 @@
 #include <vector>
 
 #include "fountain/binary_echelon.h"
-#include "fountain/code_params.h"
+#include "fountain/code_rows.h"
 #include "fountain/heavy_rows.h"
 #include "fountain/peeling.h"
-#include "fountain/row_table.h"
 
 namespace ox::fountain {
 
-/// Finds out how the intermediate blocks follow from a set of received blocks, on the matrix alone:
-/// peeling, then elimination of the deferred columns together with the mix columns. No block data
-/// is touched, so a set that does not suffice costs little.
+/// Solves the matrix that gives the intermediate blocks from a set of received blocks: peeling,
+/// then elimination of the deferred columns together with the mix columns. No block data is
+/// touched, so an insufficient set is cheap.
 ///
 /// The columns of the elimination are the deferred columns followed by the mix columns.
 class MatrixSolver {
@@ -21,7 +20,7 @@ class MatrixSolver {
     /// An echelon row's tag: a row of the row table, or kDenseTag + the number of a dense row.
     static constexpr uint32_t kDenseTag = 0x8000'0000U;
 
-    /// Forgets everything; `params` must outlive the solver's use.
+    /// Starts over.
     void reset(const CodeParams& params);
 
     /// Adds a received block's row; only before the first `solve`.
@@ -30,8 +29,8 @@ class MatrixSolver {
     /// Solves with the rows added, at least block_count of them. True when they suffice.
     bool solve();
 
-    /// After a failed `solve`: adds one row more. `kept` tells whether the row brought anything
-    /// new; a row that did not is forgotten. True when the rows now suffice.
+    /// After a failed `solve`: adds one more row. `kept`: the row is independent of the others; a
+    /// dependent one is dropped. True when the rows now suffice.
     bool add_extra_row(uint32_t id, bool& kept);
 
     [[nodiscard]] const CodeParams& params() const noexcept { return params_; }

@@ -73,7 +73,7 @@ void Peeling::peel_ready_rows(const RowTable& rows) {
     while (!ready_.empty()) {
         const uint32_t row = ready_.back();
         ready_.pop_back();
-        if (rows_[row].unsolved != 1) continue;  // another row has solved its column meanwhile
+        if (rows_[row].unsolved != 1) continue;  // its column was solved by another row
         const uint16_t column = rows_[row].sum;
         rows_[row].used = true;
         steps_.push_back({static_cast<uint16_t>(row), column});
@@ -81,8 +81,7 @@ void Peeling::peel_ready_rows(const RowTable& rows) {
     }
 }
 
-// The column that lets most others be peeled at once; where no pairs are left, the one that the
-// most rows contain.
+// The column whose solution solves the most others; without pairs, the one in the most rows.
 uint16_t Peeling::pick_column() {
     while (groups_by_size_.size() > 2) {
         std::vector<uint16_t>& largest = groups_by_size_.back();

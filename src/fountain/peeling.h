@@ -3,13 +3,13 @@
 #include <cstdint>
 #include <vector>
 
-#include "fountain/row_table.h"
+#include "fountain/code_rows.h"
 
 namespace ox::fountain {
 
-/// Solves the sparse part of the matrix by peeling: a row with one column left unsolved solves that
-/// column, which may leave other rows with one. When no such row is left, one column is set aside
-/// ("deferred") for the elimination and peeling goes on.
+/// Solves the sparse part of the matrix by peeling: a row with a single unsolved column solves it,
+/// which may leave other rows with one. When there is no such row, one column is deferred to the
+/// elimination and peeling continues.
 class Peeling {
   public:
     struct Step {
@@ -17,7 +17,7 @@ class Peeling {
         uint16_t column;
     };
 
-    /// Peels all columns of `rows`; each ends in a step or among the deferred ones.
+    /// Every column of `rows` ends up in a step or deferred.
     void run(const CodeParams& params, const RowTable& rows);
 
     /// The solved columns. The other columns of a step's row are deferred or solved by earlier
@@ -32,7 +32,7 @@ class Peeling {
     }
 
   private:
-    // Small, because peeling jumps about in an array of them.
+    // Small, because peeling accesses an array of them at random.
     struct Row {
         uint16_t sum = 0;  ///< of the unsolved columns' numbers, by exclusive or
         uint8_t unsolved = 0;
@@ -57,11 +57,11 @@ class Peeling {
     std::vector<uint32_t> column_starts_;  ///< per column, into column_rows_
     std::vector<uint16_t> column_rows_;
 
-    // Columns that rows with two unsolved columns tie together: solving one solves the whole group.
+    // Columns connected by rows with two unsolved columns: solving one solves the whole group.
     std::vector<uint16_t> group_parent_;
     std::vector<uint16_t> group_size_;
     std::vector<std::vector<uint16_t>> groups_by_size_;  ///< roots; entries may be outdated
-    std::vector<uint16_t> columns_by_degree_;  ///< ascending, those left when no group was
+    std::vector<uint16_t> columns_by_degree_;  ///< ascending, filled when no group is left
 };
 
 }  // namespace ox::fountain

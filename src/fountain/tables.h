@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
-/// Every number that the fountain code's matrix is made of. Sender and receiver must use the same
-/// ones: a change of any of them changes the repair blocks.
+/// All constants of the fountain code's matrix. Sender and receiver must use the same ones: a
+/// change of any of them changes the repair blocks.
 ///
 /// Where they come from:
 /// - as in the published Wirehair code, as far as known: the field polynomial, the limits of N, six

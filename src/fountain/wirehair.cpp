@@ -5,7 +5,6 @@
 #include <new>
 
 #include "fountain/codec.h"
-#include "fountain/gf256.h"
 
 struct WirehairCodec_t {
     ox::fountain::Codec codec;
@@ -73,7 +72,6 @@ const char* wirehair_result_string(WirehairResult result) {
 
 WirehairResult wirehair_init_(int expected_version) {
     if (expected_version != kVersion) return Wirehair_InvalidInput;
-    if (ox::fountain::gf256_init() != 0) return Wirehair_UnsupportedPlatform;
     initialised.store(true, std::memory_order_release);
     return Wirehair_Success;
 }

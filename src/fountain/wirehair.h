@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 /// A systematic erasure code (fountain code): a message cut into N blocks is restored from any N of
 /// its source blocks and of arbitrarily many repair blocks, in rare cases from one block more.
@@ -31,21 +32,19 @@ using WirehairCodec = WirehairCodec_t*;
 
 extern "C" {
 
-/// The name of a result, "Unknown" for a value that is none. The text is static.
+/// The name of a result, "Unknown" for any other value.
 const char* wirehair_result_string(WirehairResult result);
 
-/// Must have succeeded once before any codec is created; any thread, any number of times. The
-/// version is 2: another one gives InvalidInput. UnsupportedPlatform: the processor's GF(256)
-/// arithmetic fails its check.
+/// Must have succeeded once before any codec is created; any thread, any number of times.
+/// InvalidInput for a version other than 2.
 WirehairResult wirehair_init_(int expected_version);
 
 /// An encoder for a message, which is not needed any more after the call. Takes time proportional
 /// to the message. Null when not initialised, for a null or empty message, a zero block length, N
 /// outside 2 .. 64000 or too little memory.
 ///
-/// `reuse` is null or a codec whose memory the new one takes over; the old handle is then the new
-/// one. When the call fails, `reuse` is still the caller's, and the only thing left to do with it
-/// is to pass it to another create call or to free it.
+/// `reuse` is null or a codec to be reused, whose handle is then returned. When the call fails,
+/// `reuse` still belongs to the caller, who may only pass it to another create call or free it.
 WirehairCodec wirehair_encoder_create(WirehairCodec reuse, const void* message,
                                       uint64_t message_bytes, uint32_t block_bytes);
 
@@ -60,7 +59,7 @@ WirehairCodec wirehair_decoder_create(WirehairCodec reuse, uint64_t message_byte
                                       uint32_t block_bytes);
 
 /// Takes a received block, in any order; the bytes are copied. NeedMore until enough blocks have
-/// arrived, then Success, also for every later block. A block id that came before is NeedMore (or
+/// arrived, then Success, also for every later block. A duplicate block id is NeedMore (or
 /// Success) and changes nothing. InvalidInput for a null argument, an encoder, or a length other
 /// than the block's own; the last source block may also come padded to `block_bytes`. OOM leaves
 /// the decoder as it was before the call.
@@ -90,3 +89,8 @@ void wirehair_free(WirehairCodec codec);
 inline WirehairResult wirehair_init() {
     return wirehair_init_(2);
 }
+
+struct WirehairFree {
+    void operator()(WirehairCodec codec) const noexcept { wirehair_free(codec); }
+};
+using WirehairCodecPtr = std::unique_ptr<WirehairCodec_t, WirehairFree>;

@@ -8,12 +8,12 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
 #include <utility>
 
-#include "input/input_datagram.h"
 #include "input/key_map.h"
 #include "log/log.h"
 #include "scheduling/thread_priority.h"
@@ -40,13 +40,13 @@ bool InputReceiver::set_key(const uint8_t* key, size_t length) {
         OX_ERROR("InputReceiver: invalid key size %zu", length);
         return false;
     }
-    const std::lock_guard lock(key_mutex_);
+    const MutexLock lock(key_mutex_);
     key_.emplace(std::span<const uint8_t, kKeyBytes>(key, kKeyBytes));
     return true;
 }
 
 void InputReceiver::set_feedback_callback(FeedbackCallback callback) {
-    const std::lock_guard lock(feedback_mutex_);
+    assert(!running_);
     feedback_callback_ = std::move(callback);
 }
 
@@ -91,7 +91,7 @@ bool InputReceiver::bind_socket(uint16_t port) {
 bool InputReceiver::run(uint16_t port) {
     window_.reset();
     last_buttons_ = 0;
-    release_wanted_ = false;  // a wish that the last run came too late for
+    release_requested_ = false;  // may be left over from the last run
     running_ = true;
     try {
         thread_ = std::jthread([this] { recv_loop(); });
@@ -111,7 +111,7 @@ void InputReceiver::recv_loop() {
     while (running_) {
         pollfd entry{.fd = socket_.get(), .events = POLLIN, .revents = 0};
         const int ready = ::poll(&entry, 1, kPollMs);
-        if (release_wanted_.exchange(false)) release_stuck_inputs();
+        if (release_requested_.exchange(false)) release_stuck_inputs();
         if (ready < 0 && errno != EINTR) return;
         if (ready <= 0 || (entry.revents & POLLIN) == 0) continue;
         const ssize_t length = ::recv(socket_.get(), buffer.data(), buffer.size(), 0);
@@ -127,7 +127,7 @@ void InputReceiver::handle_datagram(const uint8_t* bytes, size_t length) {
     if (!window_.accept_sequence(packet.seq)) return;
     if (is_feedback(packet.kind)) {
         ++feedback_;
-        deliver_feedback(packet);
+        if (feedback_callback_) feedback_callback_(packet);
         return;
     }
     if (withheld_) return;
@@ -140,10 +140,10 @@ void InputReceiver::withhold(bool withheld) {
 }
 
 bool InputReceiver::open_datagram(const uint8_t* bytes, size_t length, InputPacket& packet) {
-    const std::lock_guard lock(key_mutex_);
+    const MutexLock lock(key_mutex_);
     if (!key_) {
-        static std::atomic<bool> told{false};
-        if (!told.exchange(true)) {
+        static std::atomic<bool> reported{false};
+        if (!reported.exchange(true)) {
             OX_ERROR("InputReceiver: no decryption key — dropping all input packets");
         }
         return false;
@@ -154,11 +154,6 @@ bool InputReceiver::open_datagram(const uint8_t* bytes, size_t length, InputPack
         return false;
     }
     return true;
-}
-
-void InputReceiver::deliver_feedback(const InputPacket& packet) {
-    const std::lock_guard lock(feedback_mutex_);
-    if (feedback_callback_) feedback_callback_(packet);
 }
 
 void InputReceiver::apply_input(const InputPacket& packet) {
@@ -213,23 +208,17 @@ void InputReceiver::apply_key(const InputPacket& packet, bool pressed) {
         return;
     }
     device_.uinput_key(static_cast<uint16_t>(code), pressed);
-    {
-        const std::lock_guard lock(pressed_mutex_);
-        pressed_keys_.set(static_cast<size_t>(code), pressed);
-    }
+    pressed_keys_.set(static_cast<size_t>(code), pressed);
     device_.uinput_sync();
 }
 
 void InputReceiver::release_stuck_inputs() {
-    {
-        const std::lock_guard lock(pressed_mutex_);
-        const size_t held = pressed_keys_.count();
-        for (size_t code = 0; held > 0 && code < pressed_keys_.size(); ++code) {
-            if (pressed_keys_[code]) device_.uinput_key(static_cast<uint16_t>(code), false);
-        }
-        pressed_keys_.reset();
-        if (held > 0) OX_INFO("InputReceiver: released %zu tracked pressed keys", held);
+    const size_t pressed = pressed_keys_.count();
+    for (size_t code = 0; pressed > 0 && code < pressed_keys_.size(); ++code) {
+        if (pressed_keys_[code]) device_.uinput_key(static_cast<uint16_t>(code), false);
     }
+    pressed_keys_.reset();
+    if (pressed > 0) OX_INFO("InputReceiver: released %zu tracked pressed keys", pressed);
     for (const uint16_t code : kModifiers)
         device_.uinput_key(code, false);
     for (const uint16_t code : kButtons)
@@ -241,7 +230,7 @@ void InputReceiver::release_stuck_inputs() {
 void InputReceiver::stop() {
     if (!socket_) return;
     running_ = false;
-    // Also wakes a poll on an unconnected datagram socket, whatever the result says.
+    // Wakes the poll, although it fails on an unconnected datagram socket.
     ::shutdown(socket_.get(), SHUT_RD);
     if (thread_.joinable()) thread_.join();
     release_stuck_inputs();

@@ -43,8 +43,8 @@ constexpr auto kExtendedScan = make_table({
     {93, KEY_COMPOSE},
 });
 
-/// Windows virtual-key codes without a rule of their own. The generic shift, control and alt codes
-/// (0x10 to 0x12) are left out: only their left and right variants name a key.
+/// Windows virtual-key codes that no range in from_virtual_key covers. The generic shift, control
+/// and alt codes (0x10 to 0x12) are left out: only their left and right variants name a key.
 constexpr auto kVirtualKey = make_table({
     {0x08, KEY_BACKSPACE}, {0x09, KEY_TAB},        {0x0D, KEY_ENTER},      {0x13, KEY_PAUSE},
     {0x14, KEY_CAPSLOCK},  {0x1B, KEY_ESC},        {0x20, KEY_SPACE},      {0x21, KEY_PAGEUP},
@@ -62,18 +62,18 @@ constexpr auto kVirtualKey = make_table({
     {0xDC, KEY_BACKSLASH}, {0xDD, KEY_RIGHTBRACE}, {0xDE, KEY_APOSTROPHE}, {0xE2, KEY_102ND},
 });
 
-/// Keys outside the extended set. 0: the scan code says nothing.
+/// Keys outside the extended set; 0 for an unknown scan code.
 int from_plain_scan(uint16_t virtual_key, uint8_t scan) {
     constexpr uint16_t kVirtualPause = 0x13;
     if (scan == 69) return virtual_key == kVirtualPause ? KEY_PAUSE : KEY_NUMLOCK;
     if (scan == 89) return KEY_KPEQUAL;
     if (scan >= 100 && scan <= 111) return scan - 100 + KEY_F13;
-    // Linux took its first key codes over from the scan codes of set 1.
+    // The first Linux key codes equal the scan codes of set 1.
     return scan >= 1 && scan <= 88 ? scan : 0;
 }
 
-/// The fallback for launchers that send no scan code. The runs follow the launchers' numbering, not
-/// the keyboard's layout.
+/// The fallback for launchers that send no scan code. The ranges follow the virtual-key numbering,
+/// not the keyboard layout.
 int from_virtual_key(uint16_t vk) {
     const auto within = [vk](uint16_t first, uint16_t last) { return vk >= first && vk <= last; };
     if (within(0x41, 0x5A)) return vk - 35;

@@ -14,7 +14,7 @@
 namespace ox {
 namespace {
 
-/// Highest key or button code that is announced; every keyboard key and every button lies below.
+/// Highest key or button code that is announced.
 constexpr int kLastKeyCode = 766;
 
 }  // namespace
@@ -75,7 +75,7 @@ void UinputDevice::uinput_event(uint16_t type, uint16_t code, int32_t value) {
     event.code = code;
     event.value = value;
     if (::write(fd_.get(), &event, sizeof event) < 0 && errno == EINTR) {
-        // One more try; any other failure costs this event and nothing else.
+        // Any other failure loses this event only.
         if (::write(fd_.get(), &event, sizeof event) < 0) return;
     }
 }

@@ -7,7 +7,7 @@
 namespace ox {
 
 /// The virtual keyboard and pointer (kernel documentation: input/uinput). Every event is one write
-/// of one `struct input_event`; without a device nothing happens. One thread at a time.
+/// of one `struct input_event`; without a device it is a no-op. One thread at a time.
 class UinputDevice {
   public:
     UinputDevice() = default;
@@ -15,15 +15,14 @@ class UinputDevice {
     UinputDevice(const UinputDevice&) = delete;
     UinputDevice& operator=(const UinputDevice&) = delete;
 
-    /// Opens /dev/uinput and creates the device. False, after a log line, when there is none or
-    /// access is denied; the player's input is then decoded and not injected.
+    /// Opens /dev/uinput and creates the device. False after a log line.
     bool uinput_init();
 
-    /// Takes a descriptor that accepts the same writes in place of a created device.
+    /// Writes events to `fd` in place of a created device.
     void adopt(UniqueFd fd);
 
     [[nodiscard]] bool is_present() const { return fd_.is_open(); }
-    /// errno of the last `uinput_init`; 0 when it made the device.
+    /// errno of the last `uinput_init`; 0 on success.
     [[nodiscard]] int error() const { return error_; }
 
     void uinput_event(uint16_t type, uint16_t code, int32_t value);
@@ -40,11 +39,11 @@ class UinputDevice {
 
     UniqueFd fd_;
     int error_ = 0;
-    bool created_ = false;  ///< made by uinput_init, to be destroyed by an ioctl
+    bool created_ = false;  ///< by uinput_init; needs UI_DEV_DESTROY
 };
 
-/// Whether this user may make such a device, as far as permissions tell: 0, or the errno that tells
-/// why not (ENOENT: the kernel's module is not loaded). `path` is for tests.
+/// 0 when permissions allow this user to create the device, else the errno (ENOENT: the kernel
+/// module is not loaded). `path` is for tests.
 int uinput_access_error(const char* path = "/dev/uinput");
 
 }  // namespace ox

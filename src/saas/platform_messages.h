@@ -9,9 +9,8 @@
 #include "base/secret.h"
 #include "saas/saas_config.h"
 
-/// The JSON messages between agent and platform, as pure functions: builders give the text to send
-/// (compact, keys in ascending order; bytes that are no UTF-8 are replaced), the parser gives what
-/// a received text asks for.
+/// The JSON messages between agent and platform, as pure functions. Built messages are compact,
+/// with keys in ascending order; bytes that are no UTF-8 are replaced.
 namespace ox {
 
 /// A rented session as the backend asks for it.
@@ -19,7 +18,7 @@ struct PrepareSessionParams {
     std::string session_id;
     std::string client_id;
     Secret encryption_key;             ///< the platform's master key
-    std::string session_token_sha256;  ///< hex; empty: no launcher will be let in
+    std::string session_token_sha256;  ///< hex; empty: every launcher is refused
     uint32_t max_duration_sec = 3600;
     std::string codec = "h264";
     std::string resolution = "1920x1080";
@@ -45,7 +44,7 @@ struct SessionStats {
     float packet_loss_pct = 0.0F;
     float uptime_sec = 0.0F;
 };
-/// Numbers that JSON cannot express (infinite, not a number) are sent as 0.
+/// Infinity and NaN, which JSON does not have, become 0.
 std::string session_stats_message(const std::string& session_id, const SessionStats& stats);
 
 /// An empty `session_id` is left out.
@@ -59,15 +58,14 @@ struct TerminateSession {
     std::string reason = "saas_terminated";
 };
 
-/// A message that cannot be used.
 struct BadMessage {
     enum class Kind {
         InvalidJson,
-        WrongType,   ///< a member that has to be text is none
+        WrongType,   ///< of a member
         BadPrepare,  ///< a prepare_session with a member of the wrong type
     };
     Kind kind = Kind::InvalidJson;
-    std::string detail;  ///< quotes nothing of the message but type names
+    std::string detail;  ///< no part of the message but type names
 };
 
 struct UnknownMessage {

@@ -9,8 +9,8 @@ namespace ox {
 /// Close code of a backend that saw another agent connect with the same token.
 inline constexpr uint16_t kCloseReplaced = 4009;
 
-/// How long to wait before the next connection attempt: twice as long after every failure, from the
-/// start again after a connection that got through its handshake. Pure.
+/// The wait before the next connection attempt: doubled after every failure, reset after a
+/// completed handshake. Pure.
 class ReconnectBackoff {
   public:
     using Duration = std::chrono::milliseconds;
@@ -18,13 +18,13 @@ class ReconnectBackoff {
     struct Limits {
         Duration first{1000};
         Duration longest{30'000};
-        /// After `kCloseReplaced`: two agents that reconnect at once would throw each other out.
+        /// After `kCloseReplaced`: two agents that reconnect at once would replace each other.
         Duration replaced{30'000};
     };
 
     explicit ReconnectBackoff(Limits limits) : limits_(limits), current_(limits.first) {}
 
-    /// The wait after an attempt that ended; `handshaken` tells whether it had been a connection.
+    /// `handshaken`: the attempt that has ended got through its handshake.
     Duration next_wait(bool handshaken, uint16_t close_code) {
         if (handshaken) current_ = limits_.first;
         const Duration wait = close_code == kCloseReplaced ? limits_.replaced : current_;

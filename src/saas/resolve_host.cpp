@@ -5,9 +5,10 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
-#include <system_error>
-#include <thread>
+
+#include "base/clock.h"
+#include "base/mutex.h"
+#include "base/thread.h"
 
 namespace ox {
 namespace {
@@ -23,10 +24,10 @@ AddressList look_up(const std::string& host, const std::string& port, int flags)
 }
 
 struct PendingLookUp {
-    std::mutex mutex;
+    Mutex mutex;
     std::condition_variable finished;
-    bool done = false;  ///< guarded by `mutex`, like `result`
-    AddressList result;
+    bool done OX_GUARDED_BY(mutex) = false;
+    AddressList result OX_GUARDED_BY(mutex);
 };
 
 }  // namespace
@@ -39,24 +40,23 @@ AddressList resolve_host(const std::string& host, uint16_t port, const std::atom
     const std::string port_text = std::to_string(port);
     if (AddressList list = look_up(host, port_text, AI_NUMERICHOST)) return list;
 
-    // getaddrinfo cannot be interrupted and takes many seconds when no name server answers, so it
-    // runs on a thread that is left to itself when the caller has to go. It owns all it touches.
+    // getaddrinfo cannot be interrupted and may take many seconds, so it runs on a thread that is
+    // detached and owns what it uses.
     const auto pending = std::make_shared<PendingLookUp>();
-    try {
-        std::thread([pending, host, port_text] {
+    std::jthread thread = start_thread(
+        [pending, host, port_text] {
             AddressList list = look_up(host, port_text, 0);
-            const std::lock_guard lock(pending->mutex);
+            const MutexLock lock(pending->mutex);
             pending->result = std::move(list);
             pending->done = true;
             pending->finished.notify_one();
-        }).detach();
-    } catch (const std::system_error&) {
-        return nullptr;
-    }
-    std::unique_lock lock(pending->mutex);
-    while (!pending->done && running) {
-        pending->finished.wait_for(lock, std::chrono::milliseconds(100));
-    }
+        },
+        [](const char* /*reason*/) {});
+    if (!thread.joinable()) return nullptr;
+    thread.detach();
+    MutexLock lock(pending->mutex);
+    while (!pending->done && running)
+        lock.wait_until(pending->finished, SteadyClock::now() + std::chrono::milliseconds(100));
     return std::move(pending->result);
 }
 

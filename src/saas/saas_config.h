@@ -2,17 +2,29 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <variant>
 #include <vector>
 
 #include "saas/system_info.h"
 
 namespace ox {
 
-/// Where the backend is, and what the agent tells it about itself.
+/// Where the platform's backend listens.
+struct PlatformEndpoint {
+    std::string host;   ///< name or address, an IPv6 address with or without its brackets
+    uint16_t port = 0;  ///< never 0
+    bool tls = false;   ///< wss://
+};
+
+/// Splits a backend URL: `ws://` or `wss://`, host, optional port (80 or 443 without one), and a
+/// path that is ignored. An authority with a "]" is a host as a whole. The second alternative is
+/// the text of the error as it is to be logged. Pure.
+std::variant<PlatformEndpoint, std::string> parse_platform_url(std::string_view url);
+
+/// The backend, and what the agent registers with.
 struct SaasConfig {
-    std::string host;  ///< name or address, an IPv6 address with or without its brackets
-    uint16_t port = 0;
-    bool tls = false;         ///< wss://
+    PlatformEndpoint backend;
     std::string agent_token;  ///< secret; sent in the upgrade request, never logged
 
     std::string agent_version = "1.0.0";

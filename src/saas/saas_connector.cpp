@@ -6,19 +6,20 @@
 #include <algorithm>
 #include <csignal>
 #include <exception>
-#include <system_error>
 #include <utility>
+#include <variant>
 
+#include "base/secret.h"
 #include "base/sleep.h"
+#include "base/thread.h"
 #include "log/log.h"
-#include "saas/log_text.h"
 
 namespace ox {
 namespace {
 
 using std::chrono::milliseconds;
 
-/// TLS writes with plain `write`, which raises SIGPIPE on a connection that was reset.
+/// The TLS library writes with `write`, which raises SIGPIPE on a connection that was reset.
 void block_sigpipe() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -26,33 +27,40 @@ void block_sigpipe() {
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
+template <typename... Handlers>
+struct Overloaded : Handlers... {
+    using Handlers::operator()...;
+};
+template <typename... Handlers>
+Overloaded(Handlers...) -> Overloaded<Handlers...>;
+
 }  // namespace
 
-/// Lets `stop` reach the worker's transport while it lives.
-class SaasConnector::PublishedTransport {
+/// A connection that `stop` can abort while it exists.
+class SaasConnector::PublishedConnection {
   public:
-    explicit PublishedTransport(SaasConnector& owner)
-        : owner_(owner), transport_(owner.running_, owner.timing_.transport) {
-        const std::lock_guard lock(owner_.transport_mutex_);
-        owner_.transport_ = &transport_;
-        // A stop that has already looked found nothing to cut off.
-        if (!owner_.running_) transport_.abort();
+    explicit PublishedConnection(SaasConnector& owner)
+        : owner_(owner), connection_(owner.running_, owner.timing_.connection) {
+        const MutexLock lock(owner_.connection_mutex_);
+        owner_.connection_ = &connection_;
+        // A `stop` that was earlier than this has found nothing to abort.
+        if (!owner_.running_) connection_.abort();
     }
-    ~PublishedTransport() {
-        transport_.close();
-        const std::lock_guard lock(owner_.transport_mutex_);
-        owner_.transport_ = nullptr;
-        owner_.transport_gone_.notify_all();
+    ~PublishedConnection() {
+        connection_.close();
+        const MutexLock lock(owner_.connection_mutex_);
+        owner_.connection_ = nullptr;
+        owner_.connection_gone_.notify_all();
     }
-    PublishedTransport(const PublishedTransport&) = delete;
-    PublishedTransport& operator=(const PublishedTransport&) = delete;
+    PublishedConnection(const PublishedConnection&) = delete;
+    PublishedConnection& operator=(const PublishedConnection&) = delete;
 
-    Transport& operator*() noexcept { return transport_; }
-    Transport* operator->() noexcept { return &transport_; }
+    TcpConnection& operator*() noexcept { return connection_; }
+    TcpConnection* operator->() noexcept { return &connection_; }
 
   private:
     SaasConnector& owner_;
-    Transport transport_;
+    TcpConnection connection_;
 };
 
 SaasConnector::SaasConnector(SaasConfig config, ConnectorTiming timing)
@@ -62,7 +70,7 @@ SaasConnector::~SaasConnector() {
     stop();
 }
 
-void SaasConnector::set_prepare_session_callback(PrepareSession callback) {
+void SaasConnector::set_prepare_session_callback(PrepareSessionCallback callback) {
     prepare_session_ = std::move(callback);
 }
 
@@ -81,12 +89,12 @@ void SaasConnector::report_link(LinkEvent event) {
 void SaasConnector::start() {
     if (worker_.joinable()) std::terminate();
     running_ = true;
-    try {
-        worker_ = std::thread([this] { run_loop(); });
-    } catch (const std::system_error& error) {
-        running_ = false;
-        OX_ERROR("SaasConnector: cannot start the worker thread: %s", error.what());
-    }
+    worker_ =
+        start_thread([this] { run_loop(); },
+                     [this](const char* reason) {
+                         running_ = false;
+                         OX_ERROR("SaasConnector: cannot start the worker thread: %s", reason);
+                     });
 }
 
 void SaasConnector::stop() {
@@ -94,11 +102,11 @@ void SaasConnector::stop() {
     connected_ = false;
     queue_.wake();
     {
-        std::unique_lock lock(transport_mutex_);
-        transport_gone_.wait_for(lock, timing_.last_words,
-                                 [this] { return transport_ == nullptr; });
-        // The worker frees what is its own; this only makes its calls return.
-        if (transport_) transport_->abort();
+        const auto deadline = SteadyClock::now() + timing_.drain_timeout;
+        MutexLock lock(connection_mutex_);
+        while (connection_ && SteadyClock::now() < deadline)
+            lock.wait_until(connection_gone_, deadline);
+        if (connection_) connection_->abort();
     }
     if (worker_.joinable()) worker_.join();
 }
@@ -107,23 +115,24 @@ void SaasConnector::run_loop() {
     ::pthread_setname_np(::pthread_self(), "ox-saas");
     block_sigpipe();
     while (running_) {
-        OX_INFO("SaasConnector: connecting to %s:%u%s", loggable(config_.host).c_str(),
-                unsigned{config_.port}, config_.tls ? " (wss)" : " (ws)");
+        const PlatformEndpoint& backend = config_.backend;
+        OX_INFO("SaasConnector: connecting to %s:%u%s", loggable(backend.host).c_str(),
+                unsigned{backend.port}, backend.tls ? " (wss)" : " (ws)");
         bool handshaken = false;
         try {
-            handshaken = connect_and_run();
+            handshaken = run_connection();
         } catch (const std::exception& error) {
             OX_ERROR("SaasConnector: connection given up: %s", error.what());
         }
         connected_ = false;
         if (!running_) break;
-        const milliseconds wait = after_connection(handshaken);
+        const milliseconds wait = after_disconnect(handshaken);
         sleep_until_or(SteadyClock::now() + wait, [this] { return !running_; });
     }
     OX_INFO("SaasConnector: stopped");
 }
 
-milliseconds SaasConnector::after_connection(bool handshaken) {
+milliseconds SaasConnector::after_disconnect(bool handshaken) {
     report_link(LinkEvent::Lost);
     const milliseconds wait = backoff_.next_wait(handshaken, close_code_);
     if (close_code_ == kCloseReplaced) {
@@ -132,7 +141,7 @@ milliseconds SaasConnector::after_connection(bool handshaken) {
             "SaasConnector: another agent with the same server token connected (%s) and replaced "
             "this one - two agents must not share one server token; waiting %d s before "
             "reconnecting",
-            close_reason_.empty() ? "close code 4009" : safe(close_reason_).c_str(),
+            close_reason_.empty() ? "close code 4009" : redacted(close_reason_).c_str(),
             static_cast<int>(wait.count() / 1000));
     }
     close_code_ = 0;
@@ -140,14 +149,15 @@ milliseconds SaasConnector::after_connection(bool handshaken) {
     return wait;
 }
 
-bool SaasConnector::connect_and_run() {
+bool SaasConnector::run_connection() {
     close_code_ = 0;
     close_reason_.clear();
     backend_pings_ = false;
-    PublishedTransport transport(*this);
-    if (!transport->open(config_.host, config_.port, config_.tls)) return false;
-    WsLink link(*transport, config_.agent_token, timing_.link);
-    const auto handshake = link.ws_handshake(config_.host, running_);
+    const PlatformEndpoint& backend = config_.backend;
+    PublishedConnection connection(*this);
+    if (!connection->open(backend.host, backend.port, backend.tls)) return false;
+    WsLink link(*connection, config_.agent_token, timing_.link);
+    const auto handshake = link.ws_handshake(backend.host, running_);
     if (handshake == WsLink::Handshake::TokenRefused) report_link(LinkEvent::TokenRefused);
     if (handshake != WsLink::Handshake::Accepted) return false;
 
@@ -157,8 +167,8 @@ bool SaasConnector::connect_and_run() {
     }
     send_register();
     resend_cached();
-    const bool usable = serve(link);
-    if (send_queued(link) && usable) transport->say_goodbye();
+    const ServeEnd end = serve(link);
+    if (send_queued(link) && end == ServeEnd::Stopped) connection->shut_down();
     close_code_ = link.close_code();
     close_reason_ = link.close_reason();
     return true;
@@ -171,59 +181,61 @@ void SaasConnector::mark_connected() {
 }
 
 void SaasConnector::resend_cached() {
-    const std::lock_guard lock(cache_mutex_);
+    const MutexLock lock(cache_mutex_);
     if (!pending_session_ready_.empty()) {
         OX_INFO("SaasConnector: re-sending cached session_ready");
         send_json(pending_session_ready_);
     }
-    for (const auto& [key, entry] : terminal_cache_.entries()) {
-        OX_INFO("SaasConnector: re-sending cached terminal message (%s)", safe(key).c_str());
+    for (const auto& [key, entry] : final_messages_.entries()) {
+        OX_INFO("SaasConnector: re-sending cached terminal message (%s)", redacted(key).c_str());
         send_json(entry.text);
     }
 }
 
-/// False when the connection has to end, true when only the agent does.
-bool SaasConnector::serve(WsLink& link) {
+SaasConnector::ServeEnd SaasConnector::serve(WsLink& link) {
     auto heartbeat_at = SteadyClock::now();
     for (;;) {
-        if (!send_queued(link)) return false;
-        // Asked behind the queue, whose look takes the wake of a stop with it.
-        if (!running_) return true;
+        if (!send_queued(link)) return ServeEnd::Broken;
+        // After the queue, which also consumes the wake-up of `stop`.
+        if (!running_) return ServeEnd::Stopped;
         const auto now = SteadyClock::now();
         if (now - heartbeat_at > timing_.heartbeat) {
             do_heartbeat();
             heartbeat_at = now;
         }
-        if (const auto silent = now - link.last_frame_at();
-            backend_pings_ && silent > timing_.silence) {
-            OX_WARN(
-                "SaasConnector: nothing received for %lld ms although the backend pings - closing "
-                "to reconnect",
-                static_cast<long long>(std::chrono::floor<milliseconds>(silent).count()));
-            return false;
-        }
-        if (link.frame_stalled()) {
-            OX_WARN("SaasConnector: the rest of a frame did not come - closing");
-            return false;
-        }
-        switch (link.wait(time_to_next_duty(link, heartbeat_at), queue_.wake_fd())) {
-            case Transport::Wait::Ready:
-                if (!receive(link)) return false;
+        if (is_dead(link)) return ServeEnd::Broken;
+        switch (link.wait(poll_timeout(link, heartbeat_at), queue_.wake_fd())) {
+            case TcpConnection::Wait::Ready:
+                if (!receive(link)) return ServeEnd::Broken;
                 break;
-            case Transport::Wait::TimedOut:
-            case Transport::Wait::Woken:
+            case TcpConnection::Wait::TimedOut:
+            case TcpConnection::Wait::Woken:
                 break;
-            case Transport::Wait::Broken:
-                return false;
+            case TcpConnection::Wait::Broken:
+                return ServeEnd::Broken;
         }
     }
 }
 
-milliseconds SaasConnector::time_to_next_duty(const WsLink& link,
-                                              SteadyClock::time_point heartbeat_at) const {
+bool SaasConnector::is_dead(const WsLink& link) const {
+    const auto silent = SteadyClock::now() - link.last_frame_at();
+    if (backend_pings_ && silent > timing_.silence) {
+        OX_WARN(
+            "SaasConnector: nothing received for %lld ms although the backend pings - closing to "
+            "reconnect",
+            static_cast<long long>(std::chrono::floor<milliseconds>(silent).count()));
+        return true;
+    }
+    if (!link.frame_stalled()) return false;
+    OX_WARN("SaasConnector: the rest of a frame did not come - closing");
+    return true;
+}
+
+milliseconds SaasConnector::poll_timeout(const WsLink& link,
+                                         SteadyClock::time_point heartbeat_at) const {
     auto due = heartbeat_at + timing_.heartbeat;
     if (backend_pings_) due = std::min(due, link.last_frame_at() + timing_.silence);
-    // One millisecond more, since both are due only once their time has passed.
+    // One millisecond more: both are due only after their time has passed.
     auto wait = std::chrono::ceil<milliseconds>(due - SteadyClock::now()) + milliseconds(1);
     if (queue_.wake_fd() < 0) wait = std::min(wait, milliseconds(100));
     return std::max(wait, milliseconds(0));
@@ -253,6 +265,58 @@ bool SaasConnector::receive(WsLink& link) {
     return true;
 }
 
+void SaasConnector::handle_message(const std::string& text) {
+    const auto handler = Overloaded{
+        [&](const BackendPing&) {
+            backend_pings_ = true;
+            send_json(pong_message());
+        },
+        [&](const TerminateSession& terminate) {
+            if (terminate_session_) terminate_session_(terminate.session_id, terminate.reason);
+        },
+        [&](PrepareSessionParams& params) { handle_prepare(std::move(params), text); },
+        [&](const BadMessage& bad) { log_bad_message(bad, text); },
+        [&](const UnknownMessage& unknown) {
+            OX_DEBUG("SaasConnector: unhandled message type '%s'", redacted(unknown.type).c_str());
+        },
+    };
+    PlatformMessage message = parse_platform_message(text);
+    std::visit(handler, message);
+}
+
+void SaasConnector::handle_prepare(PrepareSessionParams params, const std::string& text) {
+    if (params.session_token_sha256.empty()) {
+        OX_WARN(
+            "SaasConnector: prepare_session has no session_token_sha256 — TCP auth falls back to "
+            "non-empty-token check (downgrade)");
+    }
+    OX_INFO("SaasConnector: prepare_session id=%s codec=%s res=%s fps=%u bitrate=%ukbps",
+            redacted(params.session_id).c_str(), redacted(params.codec).c_str(),
+            redacted(params.resolution).c_str(), params.fps, params.bitrate_kbps);
+    if (!prepare_session_) return;
+    try {
+        prepare_session_(std::move(params));
+    } catch (const std::exception& error) {
+        log_bad_message({BadMessage::Kind::BadPrepare, error.what()}, text);
+    }
+}
+
+void SaasConnector::log_bad_message(const BadMessage& bad, const std::string& text) const {
+    switch (bad.kind) {
+        case BadMessage::Kind::InvalidJson:
+            OX_WARN("SaasConnector: invalid JSON: %.80s",
+                    redacted(redact_broken_json(text), 80).c_str());
+            return;
+        case BadMessage::Kind::WrongType:
+            OX_WARN("SaasConnector: message ignored: %s", redacted(bad.detail).c_str());
+            return;
+        case BadMessage::Kind::BadPrepare:
+            OX_ERROR("SaasConnector: prepare_session error: %s raw=%.200s",
+                     redacted(bad.detail).c_str(), redacted(redact_secrets(text), 200).c_str());
+            return;
+    }
+}
+
 void SaasConnector::send_json(std::string text) {
     queue_.push(std::move(text));
 }
@@ -274,7 +338,7 @@ void SaasConnector::send_session_ready(const std::string& session_id, const std:
     std::string text =
         session_ready_message(session_id, public_ip, video_port, audio_port, input_port);
     {
-        const std::lock_guard lock(cache_mutex_);
+        const MutexLock lock(cache_mutex_);
         pending_session_ready_ = text;
     }
     send_json(std::move(text));
@@ -284,9 +348,9 @@ void SaasConnector::send_session_ended(const std::string& session_id, const std:
                                        uint32_t duration_sec) {
     std::string text = session_ended_message(session_id, reason, duration_sec);
     {
-        const std::lock_guard lock(cache_mutex_);
+        const MutexLock lock(cache_mutex_);
         pending_session_ready_.clear();
-        terminal_cache_.store(session_id, text);
+        final_messages_.store(session_id, text);
     }
     send_json(std::move(text));
 }
@@ -304,18 +368,18 @@ void SaasConnector::send_error(const std::string& code, const std::string& messa
                                const std::string& session_id) {
     std::string text = error_message(code, message, session_id);
     if (!session_id.empty()) {
-        const std::lock_guard lock(cache_mutex_);
-        terminal_cache_.store(session_id + "#err", text);
+        const MutexLock lock(cache_mutex_);
+        final_messages_.store(session_id + "#err", text);
     }
     send_json(std::move(text));
 }
 
 void SaasConnector::clear_pending_session_ready() {
-    const std::lock_guard lock(cache_mutex_);
+    const MutexLock lock(cache_mutex_);
     pending_session_ready_.clear();
 }
 
-std::string SaasConnector::safe(std::string_view text, size_t max) const {
+std::string SaasConnector::redacted(std::string_view text, size_t max) const {
     return loggable(text, max, config_.agent_token);
 }
 

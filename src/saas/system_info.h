@@ -5,7 +5,7 @@
 
 namespace ox {
 
-/// What the platform is told about this PC when it registers.
+/// What the agent registers about this PC.
 struct SystemInfo {
     std::string cpu_model;     ///< empty when unknown
     std::string os_version;    ///< distribution name, or kernel name and release
@@ -15,7 +15,25 @@ struct SystemInfo {
 };
 
 /// Reads the PC's description from /proc, /sys and /etc below `root` (tests give a folder of
-/// fixtures) and logs it in one line. What cannot be read keeps its fallback; never fails.
+/// fixtures) and logs it in one line. Never fails.
 SystemInfo detect_system_info(const std::string& root = "");
+
+/// Reads the PC's load from /proc below `root`. One thread owns it.
+class LoadProbe {
+  public:
+    explicit LoadProbe(std::string root = "") : root_(std::move(root)) {}
+
+    /// CPU load in percent of all CPUs since the previous call; the first call gives the average
+    /// since boot. 0 when no time has passed or /proc/stat cannot be read.
+    float cpu_usage_pct();
+
+    /// Available memory in MiB, 0 when unknown.
+    [[nodiscard]] double ram_free_mb() const;
+
+  private:
+    std::string root_;
+    uint64_t previous_idle_ = 0;
+    uint64_t previous_total_ = 0;
+};
 
 }  // namespace ox

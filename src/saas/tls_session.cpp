@@ -16,12 +16,12 @@ bool is_address(const std::string& host) {
            ::inet_pton(AF_INET6, host.c_str(), &address) == 1;
 }
 
-/// Makes the handshake fail unless the certificate is made out to `host`.
+/// Makes the handshake fail unless the certificate matches `host`.
 bool require_host(SSL* session, std::string host) {
     if (is_address(host)) {
         return X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(session), host.c_str()) == 1;
     }
-    // The dot that makes a name absolute is for the resolver; no certificate carries it.
+    // The final dot of an absolute name is for the resolver alone; no certificate has it.
     if (host.ends_with('.')) host.pop_back();
     SSL_set_hostflags(session, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
     // The macro SSL_set_tlsext_host_name spelled out, without its C cast.
@@ -43,7 +43,7 @@ void TlsSession::SessionDeleter::operator()(ssl_st* session) const noexcept {
 std::unique_ptr<TlsSession> TlsSession::create(int fd, const std::string& host) {
     ERR_clear_error();
     std::unique_ptr<TlsSession> tls(new TlsSession());
-    // A context per connection, so that a renewed trust store counts from the next attempt on.
+    // A context per connection: the next attempt sees a renewed trust store.
     tls->context_.reset(SSL_CTX_new(TLS_client_method()));
     SSL_CTX* context = tls->context_.get();
     if (!context || SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION) != 1 ||

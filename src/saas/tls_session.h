@@ -11,39 +11,38 @@ struct ssl_ctx_st;
 
 namespace ox {
 
-/// What one attempt to move bytes came to.
+/// The outcome of one read, write or handshake step.
 enum class IoStatus {
     Done,
-    WantRead,   ///< nothing moved; try again when the socket is readable
-    WantWrite,  ///< nothing moved; try again when the socket is writable
+    WantRead,   ///< try again when the socket is readable
+    WantWrite,  ///< try again when the socket is writable
     Closed,     ///< the peer has ended the stream
     Failed,     ///< the stream is unusable
 };
 
 struct IoResult {
     IoStatus status = IoStatus::Failed;
-    size_t count = 0;  ///< bytes moved, with `Done`
+    size_t count = 0;  ///< bytes, with `Done`
 };
 
-/// The client side of one TLS connection over a non-blocking socket that it borrows. The server's
-/// certificate must chain to the system's trust store and be made out to the host; TLS 1.2 at
-/// least. One thread uses it from creation to destruction.
+/// A TLS client (1.2 or later) on a non-blocking socket that it borrows. The server's certificate
+/// must chain to the system's trust store and match the host. Used by one thread.
 class TlsSession {
   public:
-    /// Null when the library refuses, for example for a host name it cannot use.
+    /// Null when the library refuses, for instance because of the host name.
     static std::unique_ptr<TlsSession> create(int fd, const std::string& host);
 
     IoStatus handshake();
     IoResult read(std::span<uint8_t> buffer);
     IoResult write(std::span<const uint8_t> bytes);
-    /// Decrypted bytes wait inside, which `poll` cannot see.
+    /// There are decrypted bytes, which `poll` does not see.
     [[nodiscard]] bool has_pending() const;
-    /// Tells the peer that the stream ends here, if that is still possible. Does not wait.
+    /// Does not block.
     void send_close_notify();
 
     [[nodiscard]] std::string cipher_name() const;
-    /// Why the handshake failed: the first queued library error (which it takes off the queue), and
-    /// the certificate's fault if there is one.
+    /// Why the handshake failed: the first queued library error, which is removed from the queue,
+    /// and the fault of the certificate.
     [[nodiscard]] std::string failure_text() const;
 
   private:

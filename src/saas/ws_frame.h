@@ -6,10 +6,11 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace ox {
 
-/// Frame types of RFC 6455, section 5.2.
+/// RFC 6455, section 5.2.
 enum class WsOpcode : uint8_t {
     Continuation = 0,
     Text = 1,
@@ -33,12 +34,12 @@ struct WsFrame {
     std::string payload;  ///< unmasked
 };
 
-/// Cuts a byte stream into frames. Pure; the bytes may come in pieces of any size. Tolerates what
-/// does no harm: masked frames from a server, reserved bits, lengths in a longer form than needed.
+/// Decodes a byte stream, in pieces of any size, into frames. Tolerates masked frames from a
+/// server, reserved bits and lengths in a longer form than needed.
 class WsFrameDecoder {
   public:
     enum class Result {
-        NeedMore,  ///< the rest of the next frame has not been fed yet
+        NeedMore,  ///< the next frame is incomplete
         Frame,
         TooLong,  ///< a frame announces more than kMaxWsMessage bytes; the stream is unusable
     };
@@ -48,16 +49,46 @@ class WsFrameDecoder {
     /// Takes the next frame.
     Result next(WsFrame& frame);
 
-    /// Part of a frame has arrived (true also when a whole one waits to be taken).
+    /// There are bytes of a frame that was not taken.
     [[nodiscard]] bool mid_frame() const noexcept { return consumed_ < buffer_.size(); }
 
-    /// Payload bytes that the frame announced after `TooLong`.
+    /// After `TooLong`: the payload size of that frame.
     [[nodiscard]] uint64_t announced() const noexcept { return announced_; }
 
   private:
     std::string buffer_;
     size_t consumed_ = 0;  ///< bytes of `buffer_` that belonged to frames already taken
     uint64_t announced_ = 0;
+};
+
+/// Puts messages together from frames. `secret` is redacted in the log.
+class WsAssembler {
+  public:
+    enum class Step {
+        Nothing,
+        Message,  ///< `message` holds a whole text or binary message
+        Pong,     ///< `message` holds the payload of the pong to send
+        Drop,     ///< close frame or limit exceeded: the connection ends
+    };
+
+    explicit WsAssembler(std::string secret) : secret_(std::move(secret)) {}
+
+    Step take(WsFrame frame, std::string& message);
+
+    /// Of the close frame that ended the connection; 0 and empty without one.
+    [[nodiscard]] uint16_t close_code() const noexcept { return close_code_; }
+    [[nodiscard]] const std::string& close_reason() const noexcept { return close_reason_; }
+
+  private:
+    Step take_continuation(const WsFrame& frame, std::string& message);
+    Step take_data(WsFrame& frame, std::string& message);
+    Step take_close(const WsFrame& frame);
+
+    std::string secret_;
+    std::string fragments_;
+    bool fragment_active_ = false;
+    uint16_t close_code_ = 0;
+    std::string close_reason_;
 };
 
 }  // namespace ox

@@ -7,7 +7,7 @@
 
 #include "base/secret.h"
 #include "log/log.h"
-#include "saas/log_text.h"
+#include "saas/redaction.h"
 #include "saas/ws_upgrade.h"
 
 namespace ox {
@@ -21,12 +21,12 @@ std::span<const uint8_t> bytes_of(std::string_view text) {
 
 }  // namespace
 
-WsLink::WsLink(Transport& transport, std::string secret, Limits limits)
-    : transport_(transport), secret_(std::move(secret)), limits_(limits), assembler_(secret_) {}
+WsLink::WsLink(TcpConnection& connection, std::string secret, Limits limits)
+    : connection_(connection), secret_(std::move(secret)), limits_(limits), assembler_(secret_) {}
 
 WsLink::Handshake WsLink::ws_handshake(const std::string& host, const std::atomic<bool>& running) {
     std::string request = ws_build_handshake(host, make_ws_key(), secret_);
-    const bool sent = transport_.write_all(bytes_of(request)) >= 0;
+    const bool sent = connection_.write_all(bytes_of(request)) >= 0;
     wipe(request);
     if (!sent) return Handshake::Failed;
 
@@ -35,11 +35,11 @@ WsLink::Handshake WsLink::ws_handshake(const std::string& host, const std::atomi
     const auto deadline = SteadyClock::now() + limits_.upgrade;
     while (state == UpgradeResponse::State::Incomplete) {
         if (!running || SteadyClock::now() >= deadline) return Handshake::Failed;
-        const auto ready = transport_.wait_readable(milliseconds(200));
-        if (ready == Transport::Wait::Broken) return Handshake::Failed;
-        if (ready != Transport::Wait::Ready) continue;
+        const auto ready = connection_.wait_readable(milliseconds(200));
+        if (ready == TcpConnection::Wait::Broken) return Handshake::Failed;
+        if (ready != TcpConnection::Wait::Ready) continue;
         std::array<uint8_t, 2048> buffer{};
-        const ssize_t count = transport_.read(buffer);
+        const ssize_t count = connection_.read(buffer);
         if (count == 0) return Handshake::Failed;
         if (count > 0) state = response.feed(std::span(buffer).first(static_cast<size_t>(count)));
     }
@@ -51,7 +51,7 @@ WsLink::Handshake WsLink::ws_handshake(const std::string& host, const std::atomi
             "reader",
             leftover.size());
         decoder_.feed(bytes_of(leftover));
-        unexamined_ = true;
+        undecoded_ = true;
     }
     if (state == UpgradeResponse::State::Accepted) return Handshake::Accepted;
     OX_ERROR("SaasConnector: WS handshake rejected: %.200s",
@@ -62,27 +62,27 @@ WsLink::Handshake WsLink::ws_handshake(const std::string& host, const std::atomi
 bool WsLink::ws_send_frame(std::string_view payload, WsOpcode opcode) {
     WsMaskKey key{};
     randombytes_buf(key.data(), key.size());
-    return transport_.write_all(bytes_of(encode_ws_frame(opcode, payload, key))) >= 0;
+    return connection_.write_all(bytes_of(encode_ws_frame(opcode, payload, key))) >= 0;
 }
 
-Transport::Wait WsLink::wait(Milliseconds timeout, int wake_fd) {
-    if (unexamined_) return Transport::Wait::Ready;
-    if (!decoder_.mid_frame()) return transport_.wait_readable(timeout, wake_fd);
+TcpConnection::Wait WsLink::wait(Milliseconds timeout, int wake_fd) {
+    if (undecoded_) return TcpConnection::Wait::Ready;
+    if (!decoder_.mid_frame()) return connection_.wait_readable(timeout, wake_fd);
     const auto start = SteadyClock::now();
-    const auto left = std::chrono::ceil<milliseconds>(limits_.frame_rest - frame_waited_);
+    const auto left = std::chrono::ceil<milliseconds>(limits_.frame - frame_waited_);
     const auto result =
-        transport_.wait_readable(std::clamp(left, milliseconds(0), timeout), wake_fd);
+        connection_.wait_readable(std::clamp(left, milliseconds(0), timeout), wake_fd);
     frame_waited_ += SteadyClock::now() - start;
     return result;
 }
 
 bool WsLink::read_available() {
-    if (unexamined_) return true;
+    if (undecoded_) return true;
     std::array<uint8_t, 16'384> buffer{};
-    const ssize_t count = transport_.read(buffer);
+    const ssize_t count = connection_.read(buffer);
     if (count > 0) {
         decoder_.feed(std::span(buffer).first(static_cast<size_t>(count)));
-        unexamined_ = true;
+        undecoded_ = true;
         frame_waited_ = {};
     }
     return count != 0;
@@ -92,7 +92,7 @@ WsLink::Receive WsLink::ws_recv_message(std::string& message) {
     for (WsFrame frame;;) {
         switch (decoder_.next(frame)) {
             case WsFrameDecoder::Result::NeedMore:
-                unexamined_ = false;
+                undecoded_ = false;
                 return Receive::NeedMore;
             case WsFrameDecoder::Result::TooLong:
                 OX_ERROR("SaasConnector: WS frame %lluB exceeds limit — closing",
@@ -118,7 +118,7 @@ WsLink::Receive WsLink::ws_recv_message(std::string& message) {
 }
 
 bool WsLink::frame_stalled() const {
-    return frame_waited_ >= limits_.frame_rest;
+    return frame_waited_ >= limits_.frame;
 }
 
 }  // namespace ox

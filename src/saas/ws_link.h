@@ -5,22 +5,20 @@
 #include <string_view>
 
 #include "base/clock.h"
-#include "saas/transport.h"
-#include "saas/ws_assembler.h"
+#include "saas/tcp_connection.h"
 #include "saas/ws_frame.h"
 
 namespace ox {
 
-/// The WebSocket on top of one open transport, client side (RFC 6455), as far as the backend uses
-/// it: no extensions, no subprotocols, no close frame, not even in reply to one. The connector's
-/// worker owns it and alone calls it.
+/// The WebSocket client (RFC 6455) on one open connection, as far as the backend needs it: no
+/// extensions, no subprotocols, no close frame, not even in reply to one. Used by one thread.
 class WsLink {
   public:
     using Milliseconds = std::chrono::milliseconds;
 
     struct Limits {
-        Milliseconds upgrade{15'000};    ///< until the answer's head is complete
-        Milliseconds frame_rest{5'000};  ///< without a further byte of a frame that has begun
+        Milliseconds upgrade{15'000};  ///< until the response's head is complete
+        Milliseconds frame{5'000};     ///< without progress in the middle of a frame
     };
 
     enum class Handshake {
@@ -30,30 +28,31 @@ class WsLink {
     };
 
     enum class Receive {
-        Message,   ///< one whole message was taken
-        NeedMore,  ///< everything read so far has been used
+        Message,
+        NeedMore,  ///< everything read so far is decoded
         Drop,      ///< the connection has to end
     };
 
-    /// Borrows `transport`. `secret` (the agent's token) is masked in what is logged.
-    WsLink(Transport& transport, std::string secret, Limits limits);
+    /// Borrows `connection`. `secret` (the agent's token) is redacted in the log.
+    WsLink(TcpConnection& connection, std::string secret, Limits limits);
 
-    /// Sends the upgrade request and judges the answer. Gives up soon after `running` is cleared.
+    /// Sends the upgrade request and reads the response. Gives up soon after `running` is cleared.
     Handshake ws_handshake(const std::string& host, const std::atomic<bool>& running);
 
     /// Sends one final frame. False when the connection is no longer usable.
     bool ws_send_frame(std::string_view payload, WsOpcode opcode = WsOpcode::Text);
 
-    /// Waits until `read_available` has something to do, at most `timeout`.
-    Transport::Wait wait(Milliseconds timeout, int wake_fd);
+    /// Waits until there is something for `read_available`, `wake_fd` is readable or `timeout` has
+    /// passed.
+    TcpConnection::Wait wait(Milliseconds timeout, int wake_fd);
 
-    /// Reads once, without waiting. False at the end of the stream.
+    /// Reads once, without blocking. False at the end of the stream.
     bool read_available();
 
-    /// Takes the next message out of what has been read; answers pings on the way.
+    /// Takes the next message out of what has been read and answers the pings before it.
     Receive ws_recv_message(std::string& message);
 
-    /// A frame has begun and nothing more of it has come for longer than allowed.
+    /// The rest of a frame has not come in time.
     [[nodiscard]] bool frame_stalled() const;
 
     [[nodiscard]] SteadyClock::time_point last_frame_at() const noexcept { return last_frame_at_; }
@@ -63,12 +62,12 @@ class WsLink {
     }
 
   private:
-    Transport& transport_;
+    TcpConnection& connection_;
     const std::string secret_;
     const Limits limits_;
     WsFrameDecoder decoder_;
     WsAssembler assembler_;
-    bool unexamined_ = false;  ///< the decoder has bytes that nobody has looked at
+    bool undecoded_ = false;  ///< the decoder may hold another whole frame
     SteadyClock::duration frame_waited_{};
     SteadyClock::time_point last_frame_at_ = SteadyClock::now();
 };

@@ -8,16 +8,16 @@
 
 namespace ox {
 
-/// 16 random bytes in base64, as the upgrade request needs them (RFC 6455, section 4.1).
+/// 16 random bytes in base64 (RFC 6455, section 4.1).
 std::string make_ws_key();
 
-/// The HTTP request that turns the connection into a WebSocket. Bytes that no header may carry
-/// (a stray line end in a token read from a file) are left out. Pure.
+/// The HTTP upgrade request. Control characters (a line end in a token that was read from a file)
+/// are left out. Pure.
 std::string ws_build_handshake(std::string_view host, std::string_view key,
                                std::string_view agent_token);
 
-/// Collects the server's answer to the upgrade request and judges it, leniently: it is accepted
-/// when it mentions 101 and an upgrade. Pure.
+/// Collects the server's response to the upgrade request. The check is lenient: accepted is what
+/// mentions 101 and an upgrade.
 class UpgradeResponse {
   public:
     enum class State { Incomplete, TooLong, Accepted, Rejected };
@@ -26,16 +26,16 @@ class UpgradeResponse {
 
     /// Everything received.
     [[nodiscard]] const std::string& text() const noexcept { return text_; }
-    /// What came behind the head: the beginning of the first frame.
+    /// The bytes behind the head, which begin the first frame.
     [[nodiscard]] std::string_view leftover() const noexcept;
-    /// The status line says 401 or 403: the backend does not know the agent's token.
+    /// The status is 401 or 403: the backend does not know the agent's token.
     [[nodiscard]] bool token_refused() const noexcept;
 
   private:
     static constexpr size_t kMaxHead = 16'384;
 
     std::string text_;
-    size_t head_size_ = 0;  ///< with the empty line; 0 while it is incomplete
+    size_t head_size_ = 0;  ///< with the empty line; 0: incomplete
 };
 
 }  // namespace ox

@@ -2,12 +2,11 @@
 
 namespace ox {
 
-/// Share of datagrams to lose on purpose, in percent: a plain decimal number of 1 to 99. Null and
-/// any other text mean 0.
+/// Percentage of datagrams to drop on purpose: a decimal number of 1 to 99, else (or null) 0.
 int parse_drop_percent(const char* text);
 
-/// Decides by chance whether the datagram at hand is to be lost, for trying out recovery. The share
-/// comes from `OX_DEBUG_DROP_PCT`, read at the first call in the process. Any thread may call.
+/// Decides at random whether to drop a datagram, for testing recovery. The percentage comes from
+/// `OX_DEBUG_DROP_PCT`, read at the first call in the process. Any thread.
 bool draw_debug_drop();
 
 }  // namespace ox

@@ -5,8 +5,8 @@
 #include <array>
 #include <span>
 
+#include "base/byte_order.h"
 #include "log/log.h"
-#include "transport/nonce.h"
 
 namespace ox {
 
@@ -21,6 +21,16 @@ const unsigned char* wire_bytes(const PacketHeader& header) {
 }
 
 }  // namespace
+
+void audioparity::build_nonce(uint32_t stream, uint32_t frame_id, uint16_t index, uint8_t flags,
+                              uint8_t out[kNonceBytes]) {
+    constexpr uint16_t kParityPad = 0xA5C3;
+    const bool repair_symbol = (flags & packet_flags::AUDIO_PARITY) != 0;
+    store_le<uint32_t>(out, stream);
+    store_le<uint32_t>(out + 4, frame_id);
+    store_le<uint16_t>(out + 8, index);
+    store_le<uint16_t>(out + 10, repair_symbol ? kParityPad : uint16_t{0});
+}
 
 Encryption::Encryption() {
     if (sodium_init() < 0) OX_ERROR("Encryption: libsodium initialization failed");
@@ -56,6 +66,17 @@ bool Encryption::encrypt_packet(const PacketHeader& header, const uint8_t* plain
         return false;
     }
     out_length = static_cast<size_t>(sealed_length);
+    return true;
+}
+
+bool Encryption::seal(OutgoingPacket& packet) const {
+    PacketPayload& payload = packet.payload;
+    size_t sealed_bytes = 0;
+    if (!encrypt_packet(packet.header, payload.data(), payload.size(), payload.data(),
+                        sealed_bytes)) {
+        return false;
+    }
+    payload.resize(sealed_bytes);
     return true;
 }
 

@@ -4,13 +4,24 @@
 #include <cstdint>
 
 #include "base/secret.h"
-#include "transport/packet_header.h"
+#include "transport/packet.h"
 
 namespace ox {
 
-/// Holder of one stream key; seals media payloads with ChaCha20-Poly1305 (RFC 8439), the packet
-/// header being the additional data. Used by one sending thread at a time. Neither copied nor
-/// moved, so that the key exists in one place.
+namespace audioparity {
+
+inline constexpr size_t kNonceBytes = 12;
+
+/// The 96-bit nonce of a sealed media payload (RFC 8439): stream, frame id and index little-endian,
+/// then a pad of 0xA5C3 for audio repair symbols and 0 otherwise, which separates a repair symbol
+/// from the data packet that shares its other fields.
+void build_nonce(uint32_t stream, uint32_t frame_id, uint16_t index, uint8_t flags,
+                 uint8_t out[kNonceBytes]);
+
+}  // namespace audioparity
+
+/// Seals media payloads under one stream key with ChaCha20-Poly1305 (RFC 8439), the packet header
+/// being the additional data. Used by one sending thread at a time; the key exists in one place.
 class Encryption {
   public:
     static constexpr size_t kKeyBytes = 32;
@@ -19,7 +30,7 @@ class Encryption {
     Encryption(const Encryption&) = delete;
     Encryption& operator=(const Encryption&) = delete;
 
-    /// Takes a key of exactly 32 bytes. Any other length: false, and the old key stays.
+    /// Takes a key of exactly 32 bytes. Any other length: false, keeping the old key.
     bool set_key(const uint8_t* key, size_t length);
 
     /// The 12-byte nonce that belongs to `header`.
@@ -30,6 +41,8 @@ class Encryption {
     /// or libsodium fails.
     bool encrypt_packet(const PacketHeader& header, const uint8_t* plaintext, size_t length,
                         uint8_t* out, size_t& out_length) const;
+    /// Seals the packet's payload in place. False as above.
+    bool seal(OutgoingPacket& packet) const;
 
   private:
     SecretArray<kKeyBytes> key_;

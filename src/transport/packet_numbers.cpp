@@ -5,7 +5,7 @@
 namespace ox {
 
 void PacketNumbers::add(uint64_t first, uint64_t end) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     first = std::max(first, added_end_);
     end = std::min(end, kEnd);
     if (first >= end) return;
@@ -18,7 +18,7 @@ void PacketNumbers::add(uint64_t first, uint64_t end) {
 }
 
 std::optional<uint32_t> PacketNumbers::take() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (ranges_.empty()) return std::nullopt;
     Range& range = ranges_.front();
     const auto number = static_cast<uint32_t>(range.next++);
@@ -27,18 +27,18 @@ std::optional<uint32_t> PacketNumbers::take() {
 }
 
 std::optional<uint32_t> PacketNumbers::peek() const {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (ranges_.empty()) return std::nullopt;
     return static_cast<uint32_t>(ranges_.front().next);
 }
 
 uint64_t PacketNumbers::end() const {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return added_end_;
 }
 
 uint64_t PacketNumbers::left() const {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     uint64_t sum = 0;
     for (const Range& range : ranges_)
         sum += range.end - range.next;

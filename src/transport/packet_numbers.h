@@ -1,18 +1,19 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <vector>
 
+#include "base/mutex.h"
+
 namespace ox {
 
-/// Gives out the numbers (`frame_id`) under which the packets of one stream are sealed, in
-/// ascending order and each once. A number is part of the nonce, so that none may come twice under
-/// one key: they end rather than wrap. Any thread.
+/// Allocates the numbers (`frame_id`) under which the packets of one stream are sealed: ascending,
+/// each once. A number is part of the nonce and must not repeat under one key, so they run out
+/// rather than wrap. Any thread.
 class PacketNumbers {
   public:
-    /// One more than the last number there is.
+    /// One more than the last number.
     static constexpr uint64_t kEnd = uint64_t{1} << 32;
 
     /// All numbers, for a key that has sealed nothing yet.
@@ -22,18 +23,18 @@ class PacketNumbers {
     PacketNumbers(const PacketNumbers&) = delete;
     PacketNumbers& operator=(const PacketNumbers&) = delete;
 
-    /// Adds the numbers from `first` up to `end`, without it, behind those that are there. What is
-    /// not above all that was ever added is left out.
-    void add(uint64_t first, uint64_t end);
+    /// Appends the numbers from `first` up to `end`, without it. Ignores those that are not above
+    /// everything added before.
+    void add(uint64_t first, uint64_t end) OX_EXCLUDES(mutex_);
 
-    /// The next number; nothing when there is none left.
-    std::optional<uint32_t> take();
-    /// What `take` would give.
-    [[nodiscard]] std::optional<uint32_t> peek() const;
-    /// The end of all that was ever added.
-    [[nodiscard]] uint64_t end() const;
+    /// The next number, if any is left.
+    std::optional<uint32_t> take() OX_EXCLUDES(mutex_);
+    /// What `take` would return.
+    [[nodiscard]] std::optional<uint32_t> peek() const OX_EXCLUDES(mutex_);
+    /// One more than the highest number ever added.
+    [[nodiscard]] uint64_t end() const OX_EXCLUDES(mutex_);
     /// How many are left.
-    [[nodiscard]] uint64_t left() const;
+    [[nodiscard]] uint64_t left() const OX_EXCLUDES(mutex_);
 
   private:
     struct Range {
@@ -41,9 +42,9 @@ class PacketNumbers {
         uint64_t end;
     };
 
-    mutable std::mutex mutex_;
-    std::vector<Range> ranges_;  ///< ascending, none empty; guarded by mutex_
-    uint64_t added_end_ = 0;     ///< end of all that was added; guarded by mutex_
+    mutable Mutex mutex_;
+    std::vector<Range> ranges_ OX_GUARDED_BY(mutex_);  ///< ascending, none empty
+    uint64_t added_end_ OX_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace ox

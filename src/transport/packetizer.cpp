@@ -6,7 +6,6 @@
 #include <span>
 
 #include "log/log.h"
-#include "transport/xor_parity.h"
 
 namespace ox {
 namespace {
@@ -27,13 +26,13 @@ size_t repair_packet_count(size_t data_packets, bool protect) {
                      kMaxPackets - data_packets});
 }
 
-// What lies in packet `index` of a frame.
+// The bytes of data packet `index`.
 std::span<const uint8_t> slice(std::span<const uint8_t> frame, size_t index) {
     const size_t offset = index * kVideoPayloadBytes;
     return frame.subspan(offset, std::min(kVideoPayloadBytes, frame.size() - offset));
 }
 
-// Fills `out` with the XOR of the `packets` slices from `first` on, short ones padded with zeros.
+// Fills `out` with the XOR of `packets` slices from `first` on, short ones padded with zeros.
 void fill_parity(std::span<const uint8_t> frame, size_t first, size_t packets, PacketPayload& out) {
     out.assign(slice(frame, first));
     const size_t filled = out.size();
@@ -46,6 +45,11 @@ void fill_parity(std::span<const uint8_t> frame, size_t first, size_t packets, P
 }
 
 }  // namespace
+
+void xor_into(uint8_t* __restrict dst, const uint8_t* __restrict src, size_t length) noexcept {
+    for (size_t i = 0; i < length; ++i)
+        dst[i] = static_cast<uint8_t>(dst[i] ^ src[i]);
+}
 
 void Packetizer::set_repair_ratio(float ratio) {
     // Written so that NaN, too, becomes 0.
@@ -94,8 +98,8 @@ void Packetizer::packetize(const EncodedFrame& frame, uint32_t stream,
         const size_t first = j * kGroupPackets;
         fill_parity(bytes, first, std::min(kGroupPackets, count - first), packet.payload);
     }
-    // Too small for parity to pay: sent twice instead. Same header and bytes, so the same nonce
-    // seals the same plaintext.
+    // Parity of a single packet would be its copy. Same header and bytes, so the same nonce seals
+    // the same plaintext.
     if (count == 1 && stream == kStreamVideo) out.push_back(out.back());
 }
 

@@ -1,16 +1,19 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
 #include "base/encoded_frame.h"
-#include "transport/outgoing_packet.h"
+#include "transport/packet.h"
 
 namespace ox {
 
-/// Cuts access units into packets and adds XOR parity: one repair packet for every 8 data packets
-/// of a keyframe, and of any frame when the repair ratio is above 0. Keeps nothing from frame to
-/// frame.
+/// XORs `length` bytes of `src` into `dst`. The two do not overlap; any alignment.
+void xor_into(uint8_t* dst, const uint8_t* src, size_t length) noexcept;
+
+/// Splits access units into packets and adds XOR parity: one repair packet for every 8 data packets
+/// of a keyframe, and of any frame when the repair ratio is above 0. No state between frames.
 class Packetizer {
   public:
     static constexpr size_t kGroupPackets = 8;  ///< data packets that one repair packet covers
@@ -19,7 +22,7 @@ class Packetizer {
     void set_repair_ratio(float ratio);
     [[nodiscard]] float repair_ratio() const;
 
-    /// Appends the packets of `frame`, payloads in clear, to `out`: data packets in order, then
+    /// Appends the packets of `frame`, payloads in plaintext, to `out`: data packets in order, then
     /// repair packets; a lone video packet is followed by a copy of itself. An empty frame appends
     /// nothing; one of more than 65535 packets is dropped with an error line.
     void packetize(const EncodedFrame& frame, uint32_t stream,

@@ -6,7 +6,7 @@ namespace ox {
 namespace {
 
 constexpr double kBurstMs = 16.0;
-// A shorter sleep costs more than it evens out; a longer one would hold up the sending thread.
+// A shorter sleep is not worth its overhead; a longer one would delay the sending thread.
 constexpr int64_t kMinSleepUs = 50;
 constexpr double kMaxSleepUs = 1000.0;
 
@@ -25,8 +25,8 @@ TokenBucket::Decision TokenBucket::take(size_t length, SteadyClock::time_point n
     using std::chrono::nanoseconds;
     const auto elapsed_ns = static_cast<double>(nanoseconds(now - last_refill_).count());
     tokens_ = std::min(burst_bytes(rate_), tokens_ + elapsed_ns * rate_ / 1e9);
-    // Deliberately the time before any sleep: the next refill covers the slept interval a second
-    // time, which is kept in bounds by the bucket's size and lets late wake-ups catch up.
+    // Deliberately the time before any sleep: the next refill counts the slept interval a second
+    // time, which lets late wake-ups catch up and is bounded by the bucket's size.
     last_refill_ = now;
 
     Decision decision;

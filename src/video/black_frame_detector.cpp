@@ -21,10 +21,10 @@ size_t lit_units(const uint8_t* row, size_t bytes) {
     return lit;
 }
 
-/// Black but for a pointer or as much.
-bool is_dark_all_over(const uint8_t* rows, size_t stride, size_t row_bytes, uint32_t height) {
+/// Nothing lit that is larger than a pointer.
+bool is_dark_everywhere(const uint8_t* rows, size_t stride, size_t row_bytes, uint32_t height) {
     constexpr uint32_t kRowStep = 8;
-    constexpr size_t kPointerShare = 256;  // of the picture at the least
+    constexpr size_t kPointerShare = 256;  // a pointer covers at most 1/256 of the picture
     size_t lit = 0;
     size_t seen = 0;
     for (uint32_t y = 0; y < height; y += kRowStep, seen += row_bytes / kUnitBytes)
@@ -46,7 +46,7 @@ bool BlackFrameDetector::observe(const uint8_t* rows, size_t stride, size_t row_
         }
     }
     if (++black_frames_ % kWarnAfter != 0) return false;
-    all_black_ = is_dark_all_over(rows, stride, row_bytes, height);
+    all_black_ = is_dark_everywhere(rows, stride, row_bytes, height);
     return black_frames_ == kWarnAfter;
 }
 

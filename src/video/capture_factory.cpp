@@ -1,37 +1,71 @@
-#include <utility>
+#include "video/capture_factory.h"
 
-#include "desktop/desktop_search.h"
-#include "video/capture.h"
+#include <array>
+
 #include "video/portal/portal_capture.h"
 #include "video/synthetic_capture.h"
 #include "video/x11_capture.h"
 
 namespace ox {
+namespace {
 
-bool asks_the_portal(const std::string& mode, const Desktop& desktop) {
-    return mode == "portal" || (mode == "auto" && desktop.is_wayland());
+constexpr std::array kBackends{CaptureBackend::Auto, CaptureBackend::X11, CaptureBackend::Portal,
+                               CaptureBackend::Synthetic};
+
+CaptureBackend resolve(const CaptureRequest& request) {
+    if (request.backend != CaptureBackend::Auto) return request.backend;
+    return request.desktop.is_wayland() ? CaptureBackend::Portal : CaptureBackend::X11;
 }
 
-std::unique_ptr<ICapture> make_capture(const std::string& mode, const Desktop& desktop,
-                                       uint32_t width, uint32_t height,
-                                       std::function<bool()> cancelled,
-                                       std::function<void(bool)> awaiting_owner) {
-    if (mode == "synthetic") return std::make_unique<SyntheticCapture>(width, height);
-    if (asks_the_portal(mode, desktop)) {
-        auto config = PortalCapture::config_from_environment();
-        if (!desktop.wayland_display.empty()) config.wayland_display = desktop.wayland_display;
-        config.cancelled = std::move(cancelled);
-        config.awaiting_owner = std::move(awaiting_owner);
-        return std::make_unique<PortalCapture>(std::move(config));
+std::unique_ptr<ICapture> make_portal_capture(const CaptureRequest& request) {
+    auto config = PortalCapture::config_from_environment();
+    if (!request.desktop.wayland_display.empty()) {
+        config.wayland_display = request.desktop.wayland_display;
     }
-    return std::make_unique<X11Capture>(desktop.display, desktop.x_access.authorization,
-                                        std::move(cancelled));
+    config.cancelled = request.cancelled;
+    config.on_awaiting_owner = request.on_awaiting_owner;
+    return std::make_unique<PortalCapture>(std::move(config));
 }
 
-std::unique_ptr<ICapture> make_capture(const std::string& mode, const std::string& display,
-                                       uint32_t width, uint32_t height,
-                                       std::function<bool()> cancelled) {
-    return make_capture(mode, desktop_of_environment(display), width, height, std::move(cancelled));
+}  // namespace
+
+const char* name_of(CaptureBackend backend) {
+    switch (backend) {
+        case CaptureBackend::Auto:
+            return "auto";
+        case CaptureBackend::X11:
+            return "x11";
+        case CaptureBackend::Portal:
+            return "portal";
+        case CaptureBackend::Synthetic:
+            return "synthetic";
+    }
+    return "?";
+}
+
+std::optional<CaptureBackend> capture_backend_named(std::string_view name) {
+    for (const CaptureBackend backend : kBackends)
+        if (name == name_of(backend)) return backend;
+    return std::nullopt;
+}
+
+bool uses_portal(const CaptureRequest& request) {
+    return resolve(request) == CaptureBackend::Portal;
+}
+
+std::unique_ptr<ICapture> make_capture(const CaptureRequest& request) {
+    switch (resolve(request)) {
+        case CaptureBackend::Synthetic:
+            return std::make_unique<SyntheticCapture>(request.synthetic_width,
+                                                      request.synthetic_height);
+        case CaptureBackend::Portal:
+            return make_portal_capture(request);
+        case CaptureBackend::X11:
+        case CaptureBackend::Auto:
+            break;
+    }
+    return std::make_unique<X11Capture>(request.desktop.display,
+                                        request.desktop.x_access.authorization, request.cancelled);
 }
 
 }  // namespace ox

@@ -16,7 +16,7 @@ namespace {
 constexpr uint32_t kMaxSide = 1U << 14;
 constexpr uint32_t kMaxFps = 1000;
 constexpr uint32_t kMaxKbps = 10'000'000;
-constexpr uint32_t kScheduledKeyframeSeconds = 30;  // all others are made on demand
+constexpr uint32_t kScheduledKeyframeSeconds = 30;  // the others are on demand
 constexpr uint32_t kBufferBitsPerKbit = 125;        // an eighth of a second of data
 constexpr int kSurfacePool = 8;
 constexpr int kBufferAlignment = 32;
@@ -43,19 +43,22 @@ AVPixelFormat context_format(EncoderInput input) {
 
 }  // namespace
 
-std::unique_ptr<CodecSession> CodecSession::open_with(const EncoderChoice& choice,
-                                                      const EncoderSettings& settings,
-                                                      const std::string& node,
-                                                      EncoderFailure& failure) {
+std::variant<std::unique_ptr<CodecSession>, EncoderFailure> CodecSession::open(
+    const EncoderChoice& choice, const EncoderSettings& settings, const std::string& node) {
+    const LibavLogCapture log;
     std::unique_ptr<CodecSession> session(new CodecSession);
-    const int error = session->open(choice, settings, node);
+    const int error = session->set_up(choice, settings, node);
     if (error >= 0) return session;
-    failure = {.choice = &choice, .stage = session->stage_, .error = error, .node = node};
-    return nullptr;
+    return EncoderFailure{.choice = &choice,
+                          .stage = session->stage_,
+                          .error = error,
+                          .node = node,
+                          .messages = log.messages(),
+                          .errors = log.errors()};
 }
 
-int CodecSession::open(const EncoderChoice& choice, const EncoderSettings& settings,
-                       const std::string& node) {
+int CodecSession::set_up(const EncoderChoice& choice, const EncoderSettings& settings,
+                         const std::string& node) {
     const AVCodec* codec = avcodec_find_encoder_by_name(choice.name);
     if (codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
     if (!in_range(settings)) return AVERROR(ERANGE);
@@ -89,13 +92,13 @@ void CodecSession::configure(const EncoderChoice& choice, const EncoderSettings&
     context.bit_rate = bits_per_second;
     context.rc_max_rate = bits_per_second;
     context.rc_buffer_size = static_cast<int>(settings.bitrate_kbps * kBufferBitsPerKbit);
-    // What the converter produces; decoders would otherwise guess by the picture's size.
+    // What the converter produces; without it decoders guess from the picture's size.
     context.color_range = AVCOL_RANGE_MPEG;
     context.colorspace = AVCOL_SPC_SMPTE170M;
     context.pix_fmt = context_format(choice.input);
     if (choice.slice_threads) {
         context.thread_count = 0;
-        context.thread_type = FF_THREAD_SLICE;  // frame threads would each hold back a picture
+        context.thread_type = FF_THREAD_SLICE;  // each frame thread would delay by a picture
     }
 }
 
@@ -110,7 +113,7 @@ int CodecSession::open_vaapi_device(const std::string& node) {
 int CodecSession::attach_vaapi_surfaces() {
     AvBufferRefPtr frames(av_hwframe_ctx_alloc(device_.get()));
     if (!frames) return AVERROR(ENOMEM);
-    // libav keeps the typed context behind the reference's bytes.
+    // The reference's bytes are the typed context.
     auto* pool = static_cast<AVHWFramesContext*>(static_cast<void*>(frames->data));
     pool->format = AV_PIX_FMT_VAAPI;
     pool->sw_format = AV_PIX_FMT_NV12;
@@ -161,7 +164,7 @@ AVPixelFormat CodecSession::picture_format() const {
 }
 
 AVFrame* CodecSession::writable_picture() {
-    // An encoder may still hold the buffers of the picture before.
+    // An encoder may still hold the previous picture's buffers.
     error_ = av_frame_make_writable(picture_.get());
     return error_ == 0 ? picture_.get() : nullptr;
 }

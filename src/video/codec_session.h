@@ -5,47 +5,45 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <variant>
 
-#include "video/av_handles.h"
-#include "video/encoder_failure.h"
-#include "video/encoder_options.h"
+#include "video/encoder_ladder.h"
+#include "video/libav.h"
 
 namespace ox {
 
 /// One opened encoder of libavcodec with the frames and the packet it works with.
 class CodecSession {
   public:
-    /// With VA-API on the card of `node`, or of libav's choice when that is empty. Null, with how
-    /// far it came and libav's number in `failure`, when the encoder is missing, lacks its card or
-    /// refuses.
-    static std::unique_ptr<CodecSession> open_with(const EncoderChoice& choice,
-                                                   const EncoderSettings& settings,
-                                                   const std::string& node,
-                                                   EncoderFailure& failure);
+    /// Opens an encoder; with VA-API on the card of `node`, or of libav's choice when that is
+    /// empty.
+    static std::variant<std::unique_ptr<CodecSession>, EncoderFailure> open(
+        const EncoderChoice& choice, const EncoderSettings& settings, const std::string& node);
 
     /// Format of the picture in memory: YUV420P or NV12.
     [[nodiscard]] AVPixelFormat picture_format() const;
 
-    /// The frame to write the next picture into; null, and failed, when memory runs out.
+    /// The frame to write the next picture into; null, with `error` set, when memory runs out.
     AVFrame* writable_picture();
 
-    /// Hands the written picture to the encoder; `captured_at` comes back with its packets. False
+    /// Sends the written picture to the encoder; `captured_at` is returned with its packets. False
     /// on failure.
     bool send_picture(bool keyframe, uint64_t captured_at);
 
-    /// The next finished packet, valid until the next call; null when the encoder wants a picture
+    /// The next finished packet, valid until the next call; null when the encoder needs a picture
     /// or has failed.
     const AVPacket* receive_packet();
 
-    /// Capture time of the picture that a packet holds, however long the encoder held it back.
+    /// Capture time of a packet's picture, also when the encoder delayed it.
     [[nodiscard]] uint64_t captured_at(const AVPacket& packet) const;
-    /// Libav's number of what broke the session; 0 while it works.
+    /// Libav's error that ended the session; 0 while it works.
     [[nodiscard]] int error() const { return error_; }
 
   private:
     CodecSession() = default;
-    // Of libav's kind: negative on failure.
-    int open(const EncoderChoice& choice, const EncoderSettings& settings, const std::string& node);
+    // These return libav's errors: negative on failure.
+    int set_up(const EncoderChoice& choice, const EncoderSettings& settings,
+               const std::string& node);
     void configure(const EncoderChoice& choice, const EncoderSettings& settings);
     int open_vaapi_device(const std::string& node);
     int attach_vaapi_surfaces();
@@ -58,7 +56,7 @@ class CodecSession {
     AvFramePtr surface_;  // only with a VA-API device
     AvPacketPtr packet_;
     int64_t next_pts_ = 0;
-    /// By the pictures' numbers; more than any encoder holds back.
+    /// By picture number; more than any encoder delays.
     std::array<uint64_t, 64> captured_at_{};
     EncoderStage stage_ = EncoderStage::Settings;  // reached
     int error_ = 0;

@@ -9,7 +9,7 @@ namespace {
 constexpr size_t kPixelBytes = 4;
 constexpr uint32_t kOpaque = 0xFF000000;
 
-/// The part of `length` pixels from `at` on that lies within [0, limit).
+/// The part of [at, at + length) within [0, limit).
 struct Span {
     uint32_t begin = 0;
     uint32_t size = 0;
@@ -47,7 +47,7 @@ bool CursorImage::visible() const {
 void CursorOverlay::draw(PictureView picture, const CursorImage& cursor, int x, int y) {
     const Span across(int64_t{x} - cursor.hot_x, cursor.width, picture.width);
     const Span down(int64_t{y} - cursor.hot_y, cursor.height, picture.height);
-    forget();
+    reset();
     if (across.size == 0 || down.size == 0) return;
     left_ = across.begin;
     top_ = down.begin;
@@ -56,13 +56,13 @@ void CursorOverlay::draw(PictureView picture, const CursorImage& cursor, int x, 
     below_.resize(size_t{width_} * height_);
     for (uint32_t row = 0; row < height_; ++row) {
         uint8_t* out = row_at(picture, left_, top_ + row);
-        uint32_t* kept = below_.data() + size_t{row} * width_;
-        std::memcpy(kept, out, size_t{width_} * kPixelBytes);
+        uint32_t* saved = below_.data() + size_t{row} * width_;
+        std::memcpy(saved, out, size_t{width_} * kPixelBytes);
         const uint32_t* over =
             cursor.pixels.data() + size_t{row + down.skipped} * cursor.width + across.skipped;
         for (uint32_t column = 0; column < width_; ++column) {
             if (over[column] >> 24 == 0) continue;
-            const uint32_t pixel = blend(over[column], kept[column]);
+            const uint32_t pixel = blend(over[column], saved[column]);
             std::memcpy(out + column * kPixelBytes, &pixel, kPixelBytes);
         }
     }
@@ -73,7 +73,7 @@ void CursorOverlay::restore(PictureView picture) {
         std::memcpy(row_at(picture, left_, top_ + row), below_.data() + size_t{row} * width_,
                     size_t{width_} * kPixelBytes);
     }
-    forget();
+    reset();
 }
 
 }  // namespace ox

@@ -4,11 +4,12 @@
 
 namespace ox {
 
-/// Why something of the PC could not be used, and what its owner can do about it: the two halves of
-/// a log line.
+/// Why something of the PC could not be used, and what its owner can do about it.
 struct Diagnosis {
     std::string cause;
     std::string remedy;
+
+    [[nodiscard]] std::string log_text() const { return cause + " — " + remedy; }
 };
 
 }  // namespace ox

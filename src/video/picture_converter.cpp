@@ -27,7 +27,7 @@ bool convert_equal_size(const uint8_t* pixels, int stride, AVFrame& out) {
 
 }  // namespace
 
-bool PictureConverter::ensure_input_ready(uint32_t source_width, uint32_t source_height) {
+bool PictureConverter::set_source_size(uint32_t source_width, uint32_t source_height) {
     if (source_width_ == source_width && source_height_ == source_height) return true;
     scaler_.reset();
     source_width_ = source_height_ = 0;
@@ -50,13 +50,20 @@ bool PictureConverter::ensure_input_ready(uint32_t source_width, uint32_t source
     return true;
 }
 
-bool PictureConverter::convert(const uint8_t* pixels, AVFrame& out) const {
+PictureConverter::Result PictureConverter::convert(const uint8_t* pixels, uint32_t source_width,
+                                                   uint32_t source_height, AVFrame& out) {
+    if (!set_source_size(source_width, source_height)) return Result::BadSize;
     const int stride = static_cast<int>(source_width_ * 4);
-    if (!scaler_) return convert_equal_size(pixels, stride, out);
-    const uint8_t* const source_planes[] = {pixels};
-    const int source_strides[] = {stride};
-    return sws_scale(scaler_.get(), source_planes, source_strides, 0,
-                     static_cast<int>(source_height_), out.data, out.linesize) > 0;
+    bool converted = false;
+    if (scaler_) {
+        const uint8_t* const source_planes[] = {pixels};
+        const int source_strides[] = {stride};
+        converted = sws_scale(scaler_.get(), source_planes, source_strides, 0,
+                              static_cast<int>(source_height_), out.data, out.linesize) > 0;
+    } else {
+        converted = convert_equal_size(pixels, stride, out);
+    }
+    return converted ? Result::Converted : Result::Failed;
 }
 
 }  // namespace ox

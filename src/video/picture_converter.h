@@ -2,34 +2,38 @@
 
 #include <cstdint>
 
-#include "video/av_handles.h"
+#include "video/libav.h"
 
 namespace ox {
 
-/// Brings BGRA pictures of any size into an encoder's pixel format and size (limited-range BT.601).
-/// Pictures that have the encoded size already are only converted, which is many times faster and
-/// more exact than a scaler's work at equal sizes.
+/// Converts BGRA pictures of any size to an encoder's pixel format and size (limited-range BT.601).
+/// Pictures of the encoded size are not scaled: many times faster, and more exact, than a scaler at
+/// equal sizes.
 class PictureConverter {
   public:
+    enum class Result {
+        Converted,
+        BadSize,  ///< such pictures cannot be converted; logged
+        Failed,
+    };
+
     /// `format` is YUV420P or NV12.
     PictureConverter(AVPixelFormat format, uint32_t width, uint32_t height)
         : format_(format), width_(width), height_(height) {}
 
-    /// Prepares for pictures of this size, unless it is what the last call was for. False, after a
-    /// log line, when they cannot be converted.
-    bool ensure_input_ready(uint32_t source_width, uint32_t source_height);
-
-    /// Converts tightly packed pixels of the prepared size into `out`, a writable frame of the
-    /// format and encoded size.
-    bool convert(const uint8_t* pixels, AVFrame& out) const;
+    /// Converts tightly packed pixels into `out`, a writable frame of the format and encoded size.
+    Result convert(const uint8_t* pixels, uint32_t source_width, uint32_t source_height,
+                   AVFrame& out);
 
   private:
+    bool set_source_size(uint32_t source_width, uint32_t source_height);
+
     AVPixelFormat format_;
     uint32_t width_;
     uint32_t height_;
-    uint32_t source_width_ = 0;  // 0: not prepared
+    uint32_t source_width_ = 0;  // of the last picture; 0: none yet
     uint32_t source_height_ = 0;
-    SwsContextPtr scaler_;  // null when nothing is to be scaled
+    SwsContextPtr scaler_;  // null when equal in size
 };
 
 }  // namespace ox

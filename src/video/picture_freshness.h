@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 
@@ -8,18 +9,18 @@
 
 namespace ox {
 
-/// Decides when a kept picture of a screen has to be fetched anew, where the screen announces its
-/// changes. Some graphics drivers announce nothing while a game shows whole pictures by flipping;
-/// so a picture is fetched now and then all the same, and a screen that was found out is not
-/// trusted again. Pure.
+/// Decides when a screen's picture has to be fetched again, where the screen announces its changes.
+/// Some graphics drivers announce nothing while a game flips whole pictures; so a picture is
+/// fetched periodically all the same, and a screen caught changing unannounced is not trusted
+/// again. Pure.
 class PictureFreshness {
   public:
     static constexpr std::chrono::milliseconds kCheckPeriod{100};
 
     enum class Need {
-        Nothing,  ///< the kept picture is good
+        Nothing,  ///< the last picture is current
         Fetch,
-        Check,  ///< fetch and tell, by `found_change`, whether it differs from the kept one
+        Check,  ///< fetch, and call `found_change` if it differs from the last one
     };
 
     /// `announced` is the number of changes announced so far.
@@ -28,21 +29,26 @@ class PictureFreshness {
     /// The picture was fetched; `announced` is the number from before.
     void fetched(uint64_t announced, SteadyClock::time_point now);
 
-    /// There is no kept picture any more.
-    void forget() { seen_.reset(); }
+    /// The last picture is no longer available.
+    void reset() { seen_.reset(); }
 
-    /// A check found a change. Its announcement may still be under way; if none comes until the
-    /// next check would be due, the screen has lost its trust.
+    /// A check found a change. Its announcement may be late; if none comes before the next check is
+    /// due, the screen is no longer trusted.
     void found_change(SteadyClock::time_point now);
 
     [[nodiscard]] bool trusted() const { return trusted_; }
 
   private:
     bool trusted_ = true;
-    std::optional<uint64_t> seen_;  // announced when the kept picture was fetched; none: no picture
+    std::optional<uint64_t> seen_;  // announced at the last fetch; none: no picture
     SteadyClock::time_point fetched_at_{};
     std::optional<SteadyClock::time_point> suspected_at_;
     uint64_t suspected_count_ = 0;
 };
+
+/// A hash of the pixels for detecting changes, at the speed of memory. `rows` has `height` rows of
+/// `row_bytes`, `stride` bytes apart.
+[[nodiscard]] uint64_t hash_picture(const uint8_t* rows, size_t stride, size_t row_bytes,
+                                    uint32_t height);
 
 }  // namespace ox

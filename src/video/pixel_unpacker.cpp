@@ -8,7 +8,7 @@ namespace ox {
 namespace {
 
 constexpr uint32_t kOpaque = 0xFF000000U;
-// Channels of more than 16 bits are computed: nobody has them, and their tables would be huge.
+// Wider channels are computed: none exist in practice, and their tables would be huge.
 constexpr uint64_t kLargestTabled = 0xFFFF;
 
 uint16_t swap_bytes(uint16_t value) {
@@ -18,8 +18,8 @@ uint32_t swap_bytes(uint32_t value) {
     return __builtin_bswap32(value);
 }
 
-uint32_t stretch(uint64_t value, uint64_t greatest) {
-    // A channel of the full 64 bits would overflow the product; its low bits do not show anyway.
+uint32_t scale_to_byte(uint64_t value, uint64_t greatest) {
+    // Wider ones would overflow the product; their low bits do not show anyway.
     if (greatest > UINT32_MAX) {
         value >>= 32;
         greatest >>= 32;
@@ -44,13 +44,13 @@ PixelUnpacker::Channel::Channel(uint64_t channel_mask, int out_shift)
     greatest = mask >> shift;
     if (greatest > kLargestTabled) return;
     for (uint64_t value = 0; value <= greatest; ++value) {
-        table.push_back(stretch(value, greatest) << target);
+        table.push_back(scale_to_byte(value, greatest) << target);
     }
 }
 
 uint32_t PixelUnpacker::Channel::at(uint64_t pixel) const {
     const uint64_t value = (pixel & mask) >> shift;
-    return table.empty() ? stretch(value, greatest) << target : table[value];
+    return table.empty() ? scale_to_byte(value, greatest) << target : table[value];
 }
 
 PixelUnpacker::PixelUnpacker(const PixelLayout& layout)
@@ -68,8 +68,7 @@ uint32_t PixelUnpacker::to_bgra(uint64_t pixel) const {
 
 template <typename Pixel>
 void PixelUnpacker::unpack_row_of(const uint8_t* row, uint32_t width, uint8_t* out) const {
-    // Locals, since bytes written to `out` might as well change the members for all the compiler
-    // knows.
+    // Locals: bytes written to `out` may alias the members.
     struct Lookup {
         uint64_t mask;
         int shift;

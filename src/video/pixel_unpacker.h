@@ -7,7 +7,7 @@
 
 namespace ox {
 
-/// How a picture's pixels lie in memory, as an X visual tells it.
+/// The pixels' layout in memory, as an X visual describes it.
 struct PixelLayout {
     int bits_per_pixel = 0;
     bool msb_first = false;
@@ -15,19 +15,18 @@ struct PixelLayout {
     uint64_t green_mask = 0;
     uint64_t blue_mask = 0;
 
-    /// The pixels already are B, G, R and a fourth byte.
+    /// The bytes of a pixel are B, G, R and a fourth.
     [[nodiscard]] bool is_bgra() const;
 };
 
-/// Turns the pixels of one layout into BGRA with alpha 255. A channel's value is stretched to
-/// 0..255 (value x 255 / the channel's greatest value); a channel without bits is 0.
+/// Converts pixels of one layout to BGRA with alpha 255. A channel's values are scaled to 0..255; a
+/// channel without bits is 0.
 class PixelUnpacker {
   public:
     PixelUnpacker() : PixelUnpacker(PixelLayout{}) {}
     explicit PixelUnpacker(const PixelLayout& layout);
 
-    /// Whether `unpack_row` can read the layout; if not, fetch the pixel values otherwise and call
-    /// `to_bgra`.
+    /// Whether `unpack_row` supports the layout; if not, call `to_bgra` for each pixel.
     [[nodiscard]] bool reads_rows() const;
 
     /// Converts `width` pixels at `row` (any alignment) to width x 4 bytes at `out`.
@@ -45,7 +44,7 @@ class PixelUnpacker {
         int shift = 0;  // of the mask's lowest bit
         int target;     // bits to the left of the channel in the output word
         uint64_t greatest = 0;
-        std::vector<uint32_t> table;  // of the output word, by channel value; empty if too large
+        std::vector<uint32_t> table;  // output by channel value; empty if too large
     };
 
     template <typename Pixel>
@@ -55,7 +54,7 @@ class PixelUnpacker {
     std::array<Channel, 3> channels_;
 };
 
-/// Copies `pixels` BGRA pixels and sets their fourth bytes to 255 on the way.
+/// Copies `pixels` BGRA pixels and sets their fourth bytes to 255.
 void copy_bgra_opaque(const uint8_t* from, size_t pixels, uint8_t* to);
 
 }  // namespace ox

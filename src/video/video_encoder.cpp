@@ -11,34 +11,45 @@
 #include "video/codec_session.h"
 #include "video/encode_backlog.h"
 #include "video/encoder_diagnosis.h"
-#include "video/encoder_options.h"
+#include "video/encoder_ladder.h"
 #include "video/graphics_facts.h"
-#include "video/libav_log.h"
+#include "video/libav.h"
 #include "video/picture_converter.h"
 
 namespace ox {
 namespace {
 
-constexpr const char* kUsualRenderNode = "/dev/dri/renderD128";
+constexpr const char* kDefaultRenderNode = "/dev/dri/renderD128";
 constexpr uint64_t kSlowPictureUs = 1'000'000;
+
+/// A BGRA picture; `content` identifies its pixels, 0: unknown.
+struct SourcePicture {
+    const uint8_t* pixels;
+    uint32_t width;
+    uint32_t height;
+    uint64_t content;
+};
 
 }  // namespace
 
 struct VideoEncoder::Impl {
-    /// Walks the ladder, past `tried`.
-    bool open_any(const EncoderChoice* tried);
-    /// Opens one encoder with the current settings, on whichever card has it; its name becomes the
-    /// encoder's. A failure is kept for `explain_failures`.
-    bool open_with(const EncoderChoice& wanted);
+    /// Tries the ladder, but not `excluded`.
+    bool open_any(const EncoderChoice* excluded);
+    /// Opens one encoder with the current settings, on any card that has it.
+    bool open_choice(const EncoderChoice& wanted);
     bool open_vaapi(const EncoderChoice& wanted);
-    /// One attempt; its failure goes to `attempts`.
-    bool open_on(const EncoderChoice& wanted, const std::string& node,
+    /// One attempt on one card; adds its failure to `attempts`.
+    bool open_on(const EncoderChoice& wanted, const std::string& on_node,
                  std::vector<EncoderFailure>& attempts);
     void close();
-    void explain_failures(bool wanted);
-    void explain_breakdown(const LibavLogTape& tape);
-    void watch_speed(uint64_t began_at, uint64_t ended_at);
-    bool convert(const uint8_t* pixels, uint64_t content);
+    /// Converts a picture into the session's, unless that has it already.
+    PictureConverter::Result convert(const SourcePicture& source);
+    bool encode(std::atomic<bool>& force_idr, EncodedFrame& out);
+    /// One line for each of `failures`, which it empties. While another encoder works, they are
+    /// worth INFO at most.
+    void log_failures(bool another_works);
+    void log_breakdown(const LibavLogCapture& libav_log);
+    void warn_if_slow(uint64_t began_at, uint64_t ended_at);
 
     EncoderSettings settings;
     const EncoderChoice* choice = nullptr;  // of the open session
@@ -46,43 +57,43 @@ struct VideoEncoder::Impl {
     std::string node;                       // render node of the open session, or of the last one
     std::unique_ptr<CodecSession> session;  // null while closed
     std::optional<PictureConverter> converter;
-    uint64_t converted = 0;  // the content that the session's picture holds; 0: not known
+    uint64_t converted = 0;  // content of the session's picture; 0: unknown
     EncodeBacklog backlog;
     std::vector<EncoderFailure> failures;
-    bool told_slow = false;
+    bool slow_warned = false;
 };
 
-bool VideoEncoder::Impl::open_any(const EncoderChoice* tried) {
+bool VideoEncoder::Impl::open_any(const EncoderChoice* excluded) {
     for (const EncoderChoice& entry : encoder_ladder(settings.codec)) {
-        if (&entry == tried) continue;
+        if (&entry == excluded) continue;
         if (settings.backend != EncoderBackend::Auto && settings.backend != entry.backend) continue;
-        if (open_with(entry)) {
-            explain_failures(false);
+        if (open_choice(entry)) {
+            log_failures(true);
             OX_INFO("VideoEncoder: using %s (%s %ux%u @%ufps %ukbps)", entry.name,
-                    settings.codec == VideoCodec::Hevc ? "hevc" : "h264", settings.width,
-                    settings.height, settings.fps, settings.bitrate_kbps);
+                    codec_info(settings.codec).option_name, settings.width, settings.height,
+                    settings.fps, settings.bitrate_kbps);
             return true;
         }
         OX_WARN("VideoEncoder: %s unavailable — trying next backend", entry.name);
     }
-    explain_failures(true);
+    log_failures(false);
     return false;
 }
 
-bool VideoEncoder::Impl::open_with(const EncoderChoice& wanted) {
+bool VideoEncoder::Impl::open_choice(const EncoderChoice& wanted) {
     if (wanted.input == EncoderInput::VaapiSurface) return open_vaapi(wanted);
     return open_on(wanted, {}, failures);
 }
 
 bool VideoEncoder::Impl::open_vaapi(const EncoderChoice& wanted) {
     std::vector<EncoderFailure> attempts;
-    if (open_on(wanted, kUsualRenderNode, attempts)) return true;
+    if (open_on(wanted, kDefaultRenderNode, attempts)) return true;
     const bool had_card = attempts.back().stage == EncoderStage::Opening;
     if (!had_card && open_on(wanted, {}, attempts)) return true;
-    // The usual node may be a card that does not encode.
+    // The default node may be a card that does not encode.
     const GraphicsFacts facts = read_graphics_facts();
     for (const RenderNode& other : facts.nodes) {
-        if (other.path != kUsualRenderNode && open_on(wanted, other.path, attempts)) return true;
+        if (other.path != kDefaultRenderNode && open_on(wanted, other.path, attempts)) return true;
     }
     const auto lacks_device = [](const EncoderFailure& attempt) {
         return attempt.stage == EncoderStage::Device;
@@ -90,29 +101,27 @@ bool VideoEncoder::Impl::open_vaapi(const EncoderChoice& wanted) {
     if (std::ranges::all_of(attempts, lacks_device)) {
         OX_DEBUG("VideoEncoder: no VAAPI device (/dev/dri missing?)");
     }
-    failures.push_back(most_telling(attempts, facts));
+    failures.push_back(most_informative(attempts, facts));
     return false;
 }
 
-bool VideoEncoder::Impl::open_on(const EncoderChoice& wanted, const std::string& on,
+bool VideoEncoder::Impl::open_on(const EncoderChoice& wanted, const std::string& on_node,
                                  std::vector<EncoderFailure>& attempts) {
-    const LibavLogTape tape;
-    EncoderFailure failure;
-    session = CodecSession::open_with(wanted, settings, on, failure);
-    if (!session) {
-        failure.said = tape.text();
-        failure.errors = tape.errors();
-        attempts.push_back(std::move(failure));
+    session.reset();
+    auto opened = CodecSession::open(wanted, settings, on_node);
+    if (auto* failure = std::get_if<EncoderFailure>(&opened)) {
+        attempts.push_back(std::move(*failure));
         return false;
     }
+    session = std::get<std::unique_ptr<CodecSession>>(std::move(opened));
     choice = &wanted;
     name = wanted.name;
-    node = on;
-    if (!on.empty() && on != kUsualRenderNode) {
-        OX_INFO("VideoEncoder: %s on %s", wanted.name, on.c_str());
+    node = on_node;
+    if (!on_node.empty() && on_node != kDefaultRenderNode) {
+        OX_INFO("VideoEncoder: %s on %s", wanted.name, on_node.c_str());
     }
     converter.emplace(session->picture_format(), settings.width, settings.height);
-    told_slow = false;
+    slow_warned = false;
     converted = 0;
     return true;
 }
@@ -124,16 +133,13 @@ void VideoEncoder::Impl::close() {
     name.clear();
 }
 
-/// One line for each encoder that failed: a warning when one of them was `wanted`, else, as
-/// another serves, news only where the PC has the hardware.
-void VideoEncoder::Impl::explain_failures(bool wanted) {
+void VideoEncoder::Impl::log_failures(bool another_works) {
     if (failures.empty()) return;
     const GraphicsFacts facts = read_graphics_facts();
     for (const EncoderFailure& failure : failures) {
         const auto [reason, no_hardware] = diagnose(failure, facts);
-        const std::string line =
-            std::string(failure.choice->name) + ": " + reason.cause + " — " + reason.remedy;
-        if (wanted) {
+        const std::string line = std::string(failure.choice->name) + ": " + reason.log_text();
+        if (!another_works) {
             OX_WARN("VideoEncoder: %s", line.c_str());
         } else if (no_hardware) {
             OX_DEBUG("VideoEncoder: %s", line.c_str());
@@ -144,38 +150,53 @@ void VideoEncoder::Impl::explain_failures(bool wanted) {
     failures.clear();
 }
 
-/// Why the open encoder does not go on.
-void VideoEncoder::Impl::explain_breakdown(const LibavLogTape& tape) {
+/// Logs why the open encoder failed.
+void VideoEncoder::Impl::log_breakdown(const LibavLogCapture& libav_log) {
     failures.push_back({.choice = choice,
                         .stage = EncoderStage::Streaming,
                         .error = session->error(),
                         .node = node,
-                        .said = tape.text(),
-                        .errors = tape.errors()});
-    explain_failures(true);
+                        .messages = libav_log.messages(),
+                        .errors = libav_log.errors()});
+    log_failures(false);
 }
 
-/// A card that hangs shows as a picture that stands still: says so once.
-void VideoEncoder::Impl::watch_speed(uint64_t began_at, uint64_t ended_at) {
-    if (told_slow || ended_at - began_at < kSlowPictureUs) return;
-    told_slow = true;
+/// Once per session: a card that hangs looks like a stopped picture.
+void VideoEncoder::Impl::warn_if_slow(uint64_t began_at, uint64_t ended_at) {
+    if (slow_warned || ended_at - began_at < kSlowPictureUs) return;
+    slow_warned = true;
     OX_WARN("VideoEncoder: %s took %.1f s for one picture", name.c_str(),
             static_cast<double>(ended_at - began_at) / 1e6);
 }
 
-/// False when the session has failed.
-bool VideoEncoder::Impl::convert(const uint8_t* pixels, uint64_t content) {
-    if (content != 0 && content == converted) return true;
+PictureConverter::Result VideoEncoder::Impl::convert(const SourcePicture& source) {
+    using Result = PictureConverter::Result;
+    if (source.content != 0 && source.content == converted) return Result::Converted;
     converted = 0;
     AVFrame* picture = session->writable_picture();
-    if (picture == nullptr || !converter->convert(pixels, *picture)) return false;
-    converted = content;
-    return true;
+    if (picture == nullptr) return Result::Failed;
+    const Result result = converter->convert(source.pixels, source.width, source.height, *picture);
+    if (result == Result::Converted) converted = source.content;
+    return result;
 }
 
-VideoEncoder::VideoEncoder() : impl_(std::make_unique<Impl>()) {
-    route_libav_log();
+/// Encodes the session's picture. False when the session has failed.
+bool VideoEncoder::Impl::encode(std::atomic<bool>& force_idr, EncodedFrame& out) {
+    const bool keyframe = force_idr.exchange(false);
+    if (keyframe) OX_DEBUG("VideoEncoder: forcing IDR");
+    if (!session->send_picture(keyframe, out.timestamp)) return false;
+    while (const AVPacket* packet = session->receive_packet()) {
+        if (!backlog.deliver({packet->data, static_cast<size_t>(packet->size)},
+                             (packet->flags & AV_PKT_FLAG_KEY) != 0, session->captured_at(*packet),
+                             out)) {
+            OX_WARN("VideoEncoder: output backlog full — dropped a frame, forcing an IDR");
+            force_idr = true;
+        }
+    }
+    return session->error() == 0;
 }
+
+VideoEncoder::VideoEncoder() : impl_(std::make_unique<Impl>()) {}
 
 VideoEncoder::~VideoEncoder() = default;
 
@@ -189,6 +210,7 @@ bool VideoEncoder::init(const EncoderSettings& settings) {
 
 bool VideoEncoder::encode_bgra(const uint8_t* pixels, uint32_t source_width, uint32_t source_height,
                                uint64_t timestamp, EncodedFrame& out, uint64_t content) {
+    using Result = PictureConverter::Result;
     if (!impl_->session || pixels == nullptr || source_width == 0 || source_height == 0) {
         return false;
     }
@@ -203,34 +225,16 @@ bool VideoEncoder::encode_bgra(const uint8_t* pixels, uint32_t source_width, uin
     out.data.clear();
     out.keyframe = false;
     out.timestamp = timestamp;
-    if (!impl_->converter->ensure_input_ready(source_width, source_height)) return false;
-    const LibavLogTape tape;
-    if (!encode(pixels, timestamp, content, out)) {
-        impl_->explain_breakdown(tape);
+    const LibavLogCapture libav_log;
+    const Result converted = impl_->convert({pixels, source_width, source_height, content});
+    if (converted == Result::BadSize) return false;
+    if (converted == Result::Failed || !impl_->encode(force_idr, out)) {
+        impl_->log_breakdown(libav_log);
         return false;
     }
     out.encoded_at = steady_now_us();
-    impl_->watch_speed(began_at, out.encoded_at);
+    impl_->warn_if_slow(began_at, out.encoded_at);
     return true;
-}
-
-/// False when the session has failed.
-bool VideoEncoder::encode(const uint8_t* pixels, uint64_t timestamp, uint64_t content,
-                          EncodedFrame& out) {
-    CodecSession& session = *impl_->session;
-    if (!impl_->convert(pixels, content)) return false;
-    const bool keyframe = force_idr.exchange(false);
-    if (keyframe) OX_DEBUG("VideoEncoder: forcing IDR");
-    if (!session.send_picture(keyframe, timestamp)) return false;
-    while (const AVPacket* packet = session.receive_packet()) {
-        if (!impl_->backlog.deliver({packet->data, static_cast<size_t>(packet->size)},
-                                    (packet->flags & AV_PKT_FLAG_KEY) != 0,
-                                    session.captured_at(*packet), out)) {
-            OX_WARN("VideoEncoder: output backlog full — dropped a frame, forcing an IDR");
-            force_idr = true;
-        }
-    }
-    return session.error() == 0;
 }
 
 bool VideoEncoder::reconfigure_bitrate(uint32_t kbps) {
@@ -243,11 +247,10 @@ bool VideoEncoder::reconfigure_bitrate(uint32_t kbps) {
         impl_->settings.bitrate_kbps = at_kbps;
         return impl_->open_on(choice, node, impl_->failures);
     };
-    // What it has given out already is still to be sent.
-    impl_->close();
+    impl_->close();  // but keeps the backlog, which is still to be sent
     bool open = reopen(kbps);
     if (!open) {
-        impl_->explain_failures(true);
+        impl_->log_failures(false);
         open = reopen(before);
         if (open) {
             OX_WARN("VideoEncoder: %s refuses %ukbps and goes on at %ukbps", choice.name, kbps,
@@ -276,10 +279,9 @@ bool VideoEncoder::can_invalidate_refs() const {
 }
 
 bool VideoEncoder::any_backend_invalidates_refs() {
-    const auto invalidates = [](VideoCodec codec) {
+    return std::ranges::any_of(kVideoCodecs, [](VideoCodec codec) {
         return std::ranges::any_of(encoder_ladder(codec), &EncoderChoice::invalidates_refs);
-    };
-    return invalidates(VideoCodec::H264) || invalidates(VideoCodec::Hevc);
+    });
 }
 
 bool VideoEncoder::invalidate_refs(uint32_t /*first*/, uint32_t /*last*/) {

@@ -6,10 +6,10 @@
 #include <string>
 
 #include "base/encoded_frame.h"
+#include "video/video_codec.h"
 
 namespace ox {
 
-enum class VideoCodec : uint32_t { H264 = 0, Hevc = 1 };
 enum class EncoderBackend : uint32_t { Auto = 0, Nvenc = 1, Vaapi = 2, Software = 3 };
 
 struct EncoderSettings {
@@ -35,18 +35,18 @@ class VideoEncoder {
     /// none does; each failure has its log line.
     bool init(const EncoderSettings& settings);
 
-    /// Encodes one picture of `source_width` x `source_height` tightly packed BGRA pixels, with
-    /// `kReadSlack` (video/capture.h) readable bytes behind them if it has to be scaled. True with
-    /// empty `out.data` while an encoder buffers; `out.timestamp` is that of the picture that came
-    /// out. False when not open or on an encoder failure, whose cause is logged. A `content` other
-    /// than 0 names the pixels: a picture with the number of the one before is not converted again.
+    /// Encodes one picture of tightly packed BGRA pixels, with `kReadSlack` (video/capture.h)
+    /// readable bytes behind them if it has to be scaled. Sets `out.data`, empty while an encoder
+    /// buffers, and `out.timestamp`, that of the picture in `out.data`. False when not open or when
+    /// the encoder fails, which is logged with its cause. A `content` other than 0 identifies the
+    /// pixels: the same number as before spares the conversion.
     bool encode_bgra(const uint8_t* pixels, uint32_t source_width, uint32_t source_height,
                      uint64_t timestamp, EncodedFrame& out, uint64_t content = 0);
 
-    /// Re-opens the same backend at a new bitrate; the next encoded picture is a keyframe. When it
-    /// refuses, it is tried once more at the old bitrate, then what else the settings allow: `name`
-    /// and `bitrate_kbps` tell what came of it. False when not open or when all of them refuse,
-    /// which leaves the encoder closed.
+    /// Re-opens the same backend at a new bitrate; the next encoded picture is a keyframe. If it
+    /// refuses, the old bitrate is tried, then the rest of the ladder: see `name` and
+    /// `bitrate_kbps`. False, with the encoder closed, when all of them refuse; false when not
+    /// open.
     bool reconfigure_bitrate(uint32_t kbps);
 
     /// The bitrate in force.
@@ -55,17 +55,17 @@ class VideoEncoder {
     /// Frees everything. Safe to call twice.
     void shutdown();
 
-    /// Whether the open encoder can be told that pictures were lost, so that later ones refer to
-    /// none of them. libavcodec passes that on to none of its encoders so far.
+    /// Whether the open encoder can be told that pictures were lost, so that no later one refers to
+    /// them. libavcodec has no way to tell its encoders so far.
     [[nodiscard]] bool can_invalidate_refs() const;
-    /// The same of any encoder that might be opened.
+    /// Whether any encoder of the ladder can.
     [[nodiscard]] static bool any_backend_invalidates_refs();
 
     /// Gives up the pictures `first` to `last` (frame ids) as references. False when the encoder
     /// cannot; the launcher then needs a keyframe.
     bool invalidate_refs(uint32_t first, uint32_t last);
 
-    /// For the log: how lost pictures are made up for.
+    /// For the log: how the stream recovers from lost pictures.
     [[nodiscard]] const char* rfi_status() const;
 
     /// libavcodec's name of the backend in use; empty when none.
@@ -75,8 +75,6 @@ class VideoEncoder {
     std::atomic<bool> force_idr{false};
 
   private:
-    bool encode(const uint8_t* pixels, uint64_t timestamp, uint64_t content, EncodedFrame& out);
-
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

@@ -6,11 +6,9 @@
 
 #include "base/clock.h"
 #include "log/log.h"
-#include "video/picture_hash.h"
+#include "video/x11_connection.h"
 #include "video/x11_damage_watch.h"
-#include "video/x11_diagnosis.h"
-#include "video/x11_grabber.h"
-#include "video/x11_image_reader.h"
+#include "video/x11_image.h"
 #include "video/x11_pointer.h"
 
 namespace ox {
@@ -46,10 +44,9 @@ bool X11Capture::init() {
             "PipeWire capture backend.");
     }
     if (!connect()) return false;
-    watch_changes();
-    show_pointer();
-    // Asked for anew: the size that the connection came with may be older than the watch for
-    // changes.
+    start_damage_watch();
+    open_pointer();
+    // Queried: the size that the connection reported may be older than the damage watch.
     if (!set_up(connection_->query_size().value_or(ScreenSize{}))) {
         shutdown();
         return false;
@@ -58,35 +55,33 @@ bool X11Capture::init() {
 }
 
 bool X11Capture::connect() {
-    bool hangs = false;
-    connection_ = XConnection::open(display_name_, authorization_, cancelled_, hangs);
-    if (connection_) return true;
+    auto opened = XConnection::open(display_name_, authorization_, cancelled_);
+    if (auto* connection = std::get_if<std::unique_ptr<XConnection>>(&opened)) {
+        connection_ = std::move(*connection);
+        return true;
+    }
     if (cancelled_ && cancelled_()) return false;
     const char* const name = XDisplayName(display_name_.empty() ? nullptr : display_name_.c_str());
     OX_ERROR("X11Capture: cannot open display '%s' — use --capture synthetic for headless", name);
-    if (hangs) {
-        OX_WARN("X11Capture: the X server of %s does not answer — restart the desktop", name);
-    } else {
-        const auto [cause, remedy] = diagnose(read_display_facts(display_name_));
-        OX_WARN("X11Capture: %s — %s", cause.c_str(), remedy.c_str());
-    }
+    OX_WARN("X11Capture: %s", std::get<Diagnosis>(opened).log_text().c_str());
     return false;
 }
 
-void X11Capture::watch_changes() {
+void X11Capture::start_damage_watch() {
     freshness_ = {};
-    bool hangs = false;
-    // Asked over this connection, too: its own requests need the extension.
+    // Queried on this connection, too: it re-arms the watch.
     int first_event = 0;
     int first_error = 0;
     if (XDamageQueryExtension(connection_->display(), &first_event, &first_error) != 0) {
-        auto second = XConnection::open(display_name_, authorization_, cancelled_, hangs);
-        if (second) damage_ = X11DamageWatch::start(std::move(second));
+        auto opened = XConnection::open(display_name_, authorization_, cancelled_);
+        if (auto* connection = std::get_if<std::unique_ptr<XConnection>>(&opened)) {
+            damage_ = X11DamageWatch::start(std::move(*connection));
+        }
     }
     if (!damage_) OX_DEBUG("X11Capture: the X server does not tell of changes");
 }
 
-void X11Capture::show_pointer() {
+void X11Capture::open_pointer() {
     pointer_ = X11Pointer::open(*connection_);
     if (!pointer_) OX_INFO("X11Capture: no XFIXES — pictures without the mouse pointer");
 }
@@ -94,9 +89,9 @@ void X11Capture::show_pointer() {
 /// Makes the grabber for a screen of this size. False, after a log line, when none works.
 bool X11Capture::set_up(ScreenSize size) {
     grabber_.reset();
-    overlay_.forget();
-    freshness_.forget();
-    kept_hash_.reset();
+    overlay_.reset();
+    freshness_.reset();
+    image_hash_.reset();
     if (!plausible(size)) {
         OX_ERROR("X11Capture: implausible geometry %ux%u", size.width, size.height);
         return false;
@@ -115,46 +110,46 @@ bool X11Capture::set_up(ScreenSize size) {
     width_ = size.width;
     height_ = size.height;
     reader_ = std::make_unique<XImageReader>(grabber_->image());
-    lends_ = reader_->is_picture() && grabber_->lend() != nullptr;
+    lends_ = reader_->is_bgra_picture() && grabber_->lend() != nullptr;
     OX_INFO("X11Capture: %ux%u via %s (depth %d)", width_, height_, way, grabber_->image().depth);
     return true;
 }
 
 int X11Capture::capture_frame(CapturedFrame& frame) {
     if (!connection_) return 1;
-    take_events();
-    if (pointer_) pointer_->ask();
-    lift_pointer();
+    process_events();
+    if (pointer_) pointer_->request_position();
+    erase_pointer();
     const bool refreshed = refresh();
     if (pointer_) pointer_->update();
     if (!refreshed) {
-        if (grabber_ && lends_) lay_pointer(lent_memory());
+        if (grabber_ && lends_) draw_pointer(lent_memory());
         report_outage();
         return 1;
     }
     outage_since_.reset();
-    watch_for_black();
-    deliver(frame);
+    check_for_black();
+    fill_frame(frame);
     frame.timestamp = steady_now_us();
     ++frames_;
     return 0;
 }
 
-void X11Capture::take_events() {
+void X11Capture::process_events() {
     std::optional<ScreenSize> resized;
-    connection_->take_events([&](const XEvent& event) {
+    connection_->process_events([&](const XEvent& event) {
         if (const auto size = connection_->size_in(event)) resized = size;
         if (pointer_) pointer_->on_event(event);
     });
     if (resized && (!grabber_ || *resized != ScreenSize{width_, height_})) set_up(*resized);
 }
 
-/// Brings the grabber's image up to date. False when that cannot be done.
+/// Brings the grabber's image up to date. False when that fails.
 bool X11Capture::refresh() {
     using Need = PictureFreshness::Need;
     if (!grabber_ || connection_->lost()) return false;
     const auto now = SteadyClock::now();
-    // Read before the grab: what is announced later, the grab may have missed.
+    // Read before the grab: the grab may miss what is announced later.
     const uint64_t announced = damage_ ? damage_->announced() : 0;
     const Need need = damage_ ? freshness_.next(announced, now) : Need::Fetch;
     if (need == Need::Nothing) return true;
@@ -162,21 +157,21 @@ bool X11Capture::refresh() {
         OX_DEBUG("X11Capture: the screen changes without the X server telling of it");
         damage_.reset();
     }
-    if (need == Need::Check && !kept_hash_) kept_hash_ = hash_of_image();
-    if (damage_) damage_->expect_change(*connection_);
+    if (need == Need::Check && !image_hash_) image_hash_ = hash_of_image();
+    if (damage_) damage_->rearm(*connection_);
     if (!grab_current_size()) return false;
     freshness_.fetched(announced, now);
-    if (need == Need::Check && check_kept_picture(now)) return true;
-    if (need == Need::Fetch) kept_hash_.reset();
+    if (need == Need::Check && is_unchanged(now)) return true;
+    if (need == Need::Fetch) image_hash_.reset();
     content_ = next_content();
     return true;
 }
 
-/// Whether the picture that was fetched for a check is the kept one.
-bool X11Capture::check_kept_picture(SteadyClock::time_point now) {
-    const std::optional<uint64_t> kept = std::exchange(kept_hash_, hash_of_image());
-    if (kept == kept_hash_) return true;
-    if (kept) freshness_.found_change(now);  // else the screen has changed its size
+/// Whether the picture fetched for a check equals the one before.
+bool X11Capture::is_unchanged(SteadyClock::time_point now) {
+    const std::optional<uint64_t> before = std::exchange(image_hash_, hash_of_image());
+    if (before == image_hash_) return true;
+    if (before) freshness_.found_change(now);  // else the screen has changed its size
     return false;
 }
 
@@ -186,7 +181,7 @@ uint64_t X11Capture::hash_of_image() const {
                         XImageReader::row_bytes(image), height_);
 }
 
-/// Grabs; when the screen has just shrunk, so that the server refuses, once more in the new size.
+/// Grabs; if the server refuses because the screen has just shrunk, once more in the new size.
 bool X11Capture::grab_current_size() {
     if (!grabber_ || connection_->lost()) return false;
     if (grabber_->grab()) return true;
@@ -194,7 +189,7 @@ bool X11Capture::grab_current_size() {
     return size && *size != ScreenSize{width_, height_} && set_up(*size) && grabber_->grab();
 }
 
-/// One line per outage: the session asks again with every frame.
+/// One line per outage: the session tries again with every frame.
 void X11Capture::report_outage() {
     if (outage_since_) return;
     outage_since_ = SteadyClock::now();
@@ -203,12 +198,12 @@ void X11Capture::report_outage() {
 }
 
 CaptureState X11Capture::state() {
-    constexpr std::chrono::seconds kOutageCounts{2};
-    const bool out = outage_since_ && SteadyClock::now() - *outage_since_ >= kOutageCounts;
+    constexpr std::chrono::seconds kOutageLimit{2};
+    const bool out = outage_since_ && SteadyClock::now() - *outage_since_ >= kOutageLimit;
     return !connection_ || connection_->lost() || out ? CaptureState::Gone : CaptureState::Live;
 }
 
-void X11Capture::watch_for_black() {
+void X11Capture::check_for_black() {
     const XImage& image = grabber_->image();
     if (!black_frames_.observe(XImageReader::row_of(image, 0),
                                static_cast<size_t>(image.bytes_per_line),
@@ -225,29 +220,29 @@ PictureView X11Capture::lent_memory() const {
     return {reinterpret_cast<uint8_t*>(grabber_->image().data), width_, height_};
 }
 
-void X11Capture::lift_pointer() {
+void X11Capture::erase_pointer() {
     if (grabber_ && lends_) overlay_.restore(lent_memory());
 }
 
-void X11Capture::lay_pointer(PictureView picture) {
+void X11Capture::draw_pointer(PictureView picture) {
     if (pointer_ && pointer_->visible()) {
         overlay_.draw(picture, pointer_->image(), pointer_->x(), pointer_->y());
     }
 }
 
-void X11Capture::deliver(CapturedFrame& frame) {
-    const uint64_t look = pointer_ && pointer_->visible() ? pointer_->look() : 0;
-    if (std::exchange(shown_look_, look) != look) content_ = next_content();
+void X11Capture::fill_frame(CapturedFrame& frame) {
+    const uint64_t pointer = pointer_ && pointer_->visible() ? pointer_->version() : 0;
+    if (std::exchange(drawn_pointer_, pointer) != pointer) content_ = next_content();
     const size_t bytes = size_t{width_} * height_ * kPixelBytes;
     if (lends_) {
-        lay_pointer(lent_memory());
+        draw_pointer(lent_memory());
         frame.lent = grabber_->lend();
         frame.data = {};
     } else if (frame.lent || frame.content != content_ || frame.data.size() != bytes) {
         frame.lent.reset();
         resize_with_slack(frame.data, bytes);
         reader_->read(grabber_->image(), frame.data.data());
-        lay_pointer({frame.data.data(), width_, height_});
+        draw_pointer({frame.data.data(), width_, height_});
     }
     frame.width = width_;
     frame.height = height_;

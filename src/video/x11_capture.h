@@ -22,20 +22,20 @@ class XGrabber;
 class XImageReader;
 struct ScreenSize;
 
-/// Pictures of an X screen's root window. With MIT-SHM and the usual pixel layout a frame lends the
-/// segment into which the server writes (no copy); in every other case the pixels are unpacked into
-/// the frame. Each picture carries the mouse pointer. Follows the screen when its size changes. A
-/// server that goes away makes `capture_frame` return 1 from then on, and ends nothing else.
+/// Pictures of an X screen's root window, with the mouse pointer. With MIT-SHM and the usual pixel
+/// layout a frame lends the segment into which the server writes (no copy), else the pixels are
+/// unpacked into the frame. Follows changes of the screen's size. Once the server is gone,
+/// `capture_frame` returns 1.
 ///
-/// Where the server tells of changes, a screen that did not change is not fetched again: the frame
-/// is the earlier one with a new time.
+/// Where the server announces changes, an unchanged screen is not fetched again: the frame is the
+/// earlier one with a new time.
 class X11Capture final : public ICapture {
   public:
     static constexpr uint32_t kMaxSide = 8192;
 
     /// `display` is an X display name or empty for `$DISPLAY`; without an authorization Xlib looks
-    /// for one. `cancelled` may be empty and is asked from any thread: a second after it has become
-    /// true, nothing waits any more for a server that hangs.
+    /// for one. `cancelled` may be empty and is called from any thread: a second after it returned
+    /// true, nothing waits for a server that hangs.
     explicit X11Capture(std::string display, XAuthorization authorization = {},
                         std::function<bool()> cancelled = {});
     ~X11Capture() override;
@@ -47,23 +47,23 @@ class X11Capture final : public ICapture {
     [[nodiscard]] ChangeTimes* changes() override;
     /// `Gone` when the server has ended, and after two seconds without a picture.
     CaptureState state() override;
-    [[nodiscard]] bool black() const override { return black_frames_.is_black(); }
+    [[nodiscard]] bool is_black() const override { return black_frames_.is_black(); }
     void shutdown() override;
 
   private:
     bool connect();
-    void watch_changes();
-    void show_pointer();
+    void start_damage_watch();
+    void open_pointer();
     bool set_up(ScreenSize size);
-    void take_events();
+    void process_events();
     bool refresh();
-    bool check_kept_picture(SteadyClock::time_point now);
+    bool is_unchanged(SteadyClock::time_point now);
     bool grab_current_size();
     void report_outage();
-    void watch_for_black();
-    void lift_pointer();
-    void lay_pointer(PictureView picture);
-    void deliver(CapturedFrame& frame);
+    void check_for_black();
+    void erase_pointer();
+    void draw_pointer(PictureView picture);
+    void fill_frame(CapturedFrame& frame);
     [[nodiscard]] uint64_t hash_of_image() const;
     [[nodiscard]] PictureView lent_memory() const;
 
@@ -71,17 +71,17 @@ class X11Capture final : public ICapture {
     XAuthorization authorization_;
     std::function<bool()> cancelled_;
     std::unique_ptr<XConnection> connection_;
-    std::unique_ptr<X11DamageWatch> damage_;  // null where the server's word is not to be had
-    std::unique_ptr<X11Pointer> pointer_;     // null where the server does not show it
+    std::unique_ptr<X11DamageWatch> damage_;  // null where changes are not (reliably) announced
+    std::unique_ptr<X11Pointer> pointer_;     // null without XFIXES
     std::unique_ptr<XGrabber> grabber_;       // null while the screen's size cannot be captured
     std::unique_ptr<XImageReader> reader_;    // of the grabber's images
     uint32_t width_ = 0;
     uint32_t height_ = 0;
     bool lends_ = false;
     PictureFreshness freshness_;
-    std::optional<uint64_t> kept_hash_;  // of the grabber's image, where it is known
-    CursorOverlay overlay_;              // on lent memory
-    uint64_t shown_look_ = 0;            // the pointer's in the last frame; 0: no pointer
+    std::optional<uint64_t> image_hash_;  // of the grabber's image, if known
+    CursorOverlay overlay_;               // on lent memory
+    uint64_t drawn_pointer_ = 0;          // its version in the last frame; 0: no pointer
     uint64_t content_ = 0;
     BlackFrameDetector black_frames_;
     std::optional<SteadyClock::time_point> outage_since_;

@@ -3,21 +3,28 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
+#include <cstring>
 #include <mutex>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
 #include "base/clock.h"
+#include "base/environment.h"
 #include "desktop/x_server.h"
 #include "log/log.h"
 
 namespace ox {
 namespace {
 
-// Xlib calls the handler on the thread whose request the reply was read for.
+// Xlib calls the handler on the thread whose request was refused.
 uint64_t& refused_requests() {
     thread_local uint64_t count = 0;
     return count;
@@ -38,42 +45,89 @@ void mark_lost(Display* /*display*/, void* lost) {
     *static_cast<bool*>(lost) = true;
 }
 
-/// Makes Xlib say this of the program to the servers that it connects to; nothing: what it finds.
-void authorize(const XAuthorization& authorization) {
+/// Sets the authorization for Xlib's next connections; an empty one: what Xlib finds itself.
+void set_authorization(const XAuthorization& authorization) {
     if (authorization.name.empty()) {
         XSetAuthorization(nullptr, 0, nullptr, 0);
         return;
     }
-    std::string name = authorization.name;  // Xlib copies, but takes it for its own
+    std::string name = authorization.name;  // Xlib copies, but takes no const
     std::string data = authorization.data;
     XSetAuthorization(name.data(), static_cast<int>(name.size()), data.data(),
                       static_cast<int>(data.size()));
 }
 
+/// Whether a server accepts connections at `path`, an abstract one when it starts with NUL.
+bool listens(std::string_view path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) return false;
+    std::memcpy(address.sun_path, path.data(), path.size());
+    const bool abstract = path.front() == '\0';
+    const auto length =
+        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + (abstract ? 0 : 1));
+    const UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    // EAGAIN: a server whose queue is full.
+    return socket &&
+           (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0 ||
+            errno == EAGAIN || errno == EACCES);
+}
+
+/// Whether a server of this PC's display `number` listens. Never blocks.
+bool display_listens(int number) {
+    const std::string path = "/tmp/.X11-unix/X" + std::to_string(number);
+    return listens(path) || listens(std::string(1, '\0') + path);
+}
+
+/// Why no connection could be made to `display` (empty for `$DISPLAY`).
+Diagnosis diagnose_display(const std::string& display) {
+    const std::string name(display.empty() ? environment("DISPLAY") : display);
+    if (name.empty()) {
+        return {"DISPLAY is not set, and no display of this user was found",
+                "log in to the desktop before the next session, or give --display (usually :0)"};
+    }
+    const auto number = local_display_number(name);
+    if (!number) {
+        return {"the display is not one of this PC",
+                "give --display as :0 or :1, whichever the desktop session has in DISPLAY"};
+    }
+    if (!display_listens(*number)) {
+        return {"no X server runs as " + name,
+                "log in to an X11 desktop session, or give the display of a running one with "
+                "--display"};
+    }
+    std::string authority(environment("XAUTHORITY"));
+    if (authority.empty()) authority = home_folder() + "/.Xauthority";
+    const bool readable = ::access(authority.c_str(), R_OK) == 0;
+    return {"the X server refused the connection (authority file " + authority +
+                (readable ? " does not hold its key)" : " cannot be read)"),
+            "run the agent as the user who is logged in, with that session's XAUTHORITY"};
+}
+
 }  // namespace
 
-std::unique_ptr<XConnection> XConnection::open(const std::string& name,
-                                               const XAuthorization& authorization,
-                                               Cancelled cancelled, bool& hangs) {
+std::variant<std::unique_ptr<XConnection>, Diagnosis> XConnection::open(
+    const std::string& name, const XAuthorization& authorization, Cancelled cancelled) {
     constexpr std::chrono::seconds kHandshakeLimit{3};
-    XInitThreads();  // each connection is one thread's, but Xlib's lists of extensions are
-                     // everyone's
+    XInitThreads();  // a connection is one thread's, but Xlib's extension lists are shared
     XSetErrorHandler(on_refused_request);
     XSetIOErrorHandler(on_lost_connection);
     const char* const asked = name.empty() ? nullptr : name.c_str();
     const auto deadline = SteadyClock::now() + kHandshakeLimit;
-    // Xlib would wait for ever for a server that hangs. A connection that was let in stays for as
-    // long as Xlib makes its own: with its last client a server may start anew.
+    // Xlib would wait for ever for a server that hangs: only one that completes a handshake is
+    // opened. That connection is held meanwhile, as a server may restart with its last client.
     UniqueFd held_connection;
     if (const auto number = local_display_number(XDisplayName(asked)))
         held_connection = connect_x_server(*number, authorization, deadline, cancelled);
-    if (!held_connection && cancelled && cancelled()) return nullptr;
-    hangs = !held_connection && SteadyClock::now() >= deadline;
-    if (hangs) return nullptr;
-    authorize(authorization);
+    if (!held_connection && cancelled && cancelled()) return diagnose_display(name);
+    if (!held_connection && SteadyClock::now() >= deadline) {
+        return Diagnosis{std::string("the X server of ") + XDisplayName(asked) + " does not answer",
+                         "restart the desktop"};
+    }
+    set_authorization(authorization);
     Display* display = XOpenDisplay(asked);
-    authorize({});
-    if (display == nullptr) return nullptr;
+    set_authorization({});
+    if (display == nullptr) return diagnose_display(name);
     return std::unique_ptr<XConnection>(new XConnection(display, std::move(cancelled)));
 }
 
@@ -84,7 +138,7 @@ XConnection::XConnection(Display* display, Cancelled cancelled)
     XSetIOErrorExitHandler(display_, mark_lost, &lost_);
     XSelectInput(display_, root(), StructureNotifyMask);
     try {
-        watchdog_ = std::jthread([this](const std::stop_token& stop) { watch(stop); });
+        watchdog_ = std::jthread([this](const std::stop_token& stop) { run_watchdog(stop); });
     } catch (const std::system_error& error) {
         OX_WARN("X11Capture: no watch over the X server: %s", error.what());
     }
@@ -95,19 +149,19 @@ XConnection::~XConnection() {
     XCloseDisplay(display_);
 }
 
-void XConnection::watch(const std::stop_token& stop) const {
+void XConnection::run_watchdog(const std::stop_token& stop) const {
     using std::chrono::milliseconds;
-    constexpr milliseconds kPatience{1000};
-    constexpr milliseconds kSlice{100};
+    constexpr milliseconds kHangLimit{1000};
+    constexpr milliseconds kPollPeriod{100};
     ::pthread_setname_np(::pthread_self(), "ox-x11-watch");
     std::mutex mutex;
     std::condition_variable_any wake;
     std::unique_lock lock(mutex);
     auto last_wanted = SteadyClock::now();
-    while (!wake.wait_for(lock, stop, kSlice, [&] { return stop.stop_requested(); })) {
+    while (!wake.wait_for(lock, stop, kPollPeriod, [&] { return stop.stop_requested(); })) {
         const auto now = SteadyClock::now();
         if (!closing_ && !(cancelled_ && cancelled_())) last_wanted = now;
-        if (now - last_wanted < kPatience) continue;
+        if (now - last_wanted < kHangLimit) continue;
         ::shutdown(socket_.get(), SHUT_RDWR);
         return;
     }
@@ -117,7 +171,7 @@ Window XConnection::root() const {
     return XDefaultRootWindow(display_);
 }
 
-void XConnection::take_events(const std::function<void(const XEvent&)>& sink) {
+void XConnection::process_events(const std::function<void(const XEvent&)>& sink) {
     while (!lost_ && XEventsQueued(display_, QueuedAfterReading) > 0) {
         XEvent event;
         XNextEvent(display_, &event);

@@ -1,6 +1,6 @@
 #pragma once
 
-// Private to this folder: Xlib's macros must not reach anybody else.
+// Private to this folder: Xlib's macros must not reach other code.
 #include <X11/Xlib.h>
 
 #include <atomic>
@@ -11,9 +11,11 @@
 #include <stop_token>
 #include <string>
 #include <thread>
+#include <variant>
 
 #include "base/unique_fd.h"
 #include "desktop/desktop.h"
+#include "video/diagnosis.h"
 
 namespace ox {
 
@@ -24,23 +26,21 @@ struct ScreenSize {
 };
 
 /// A connection to an X server that survives whatever the server does. Xlib's own handlers end the
-/// process on a refused request and on a lost connection; opening the first connection replaces
-/// them for the whole process. Used by one thread.
+/// process on a refused request and on a lost connection; the first connection replaces them for
+/// the whole process. Used by one thread.
 ///
-/// Xlib waits for a server that hangs as long as it hangs. A watchdog hangs up on it once
-/// `cancelled` has been true, or the connection been about to close, for a second: the call that
-/// waits then fails, and the connection is lost.
+/// Xlib waits for ever for a server that hangs. A watchdog shuts the connection down once
+/// `cancelled` has been true, or the connection been closing, for a second: the waiting call then
+/// fails, and the connection is lost.
 class XConnection {
   public:
-    /// May be empty; is asked from the watchdog's thread.
+    /// May be empty; called on the watchdog's thread.
     using Cancelled = std::function<bool()>;
 
     /// `name` is a display name or empty for `$DISPLAY`; without an authorization Xlib looks for
-    /// one. Null when there is no such server, when it does not let us in, or, with `hangs` set,
-    /// when it does not answer.
-    static std::unique_ptr<XConnection> open(const std::string& name,
-                                             const XAuthorization& authorization,
-                                             Cancelled cancelled, bool& hangs);
+    /// one. Does not wait for a server that hangs.
+    static std::variant<std::unique_ptr<XConnection>, Diagnosis> open(
+        const std::string& name, const XAuthorization& authorization, Cancelled cancelled);
     ~XConnection();
     XConnection(const XConnection&) = delete;
     XConnection& operator=(const XConnection&) = delete;
@@ -51,20 +51,20 @@ class XConnection {
     /// True once the server is gone: every further call would fail.
     [[nodiscard]] bool lost() const { return lost_; }
 
-    /// Nobody wants pictures any more: from now on the server is waited for a second at the most.
+    /// From now on the server is waited for a second at most.
     void begin_close() { closing_ = true; }
 
     /// Empties the event queue without a round trip to the server.
-    void take_events(const std::function<void(const XEvent&)>& sink);
-    /// The root window's new size if that is what the event tells of.
+    void process_events(const std::function<void(const XEvent&)>& sink);
+    /// The root window's new size if the event reports one.
     [[nodiscard]] std::optional<ScreenSize> size_in(const XEvent& event) const;
 
-    /// Asks the server for the root window's size; empty when it does not answer.
+    /// The root window's size, from the server; empty when it does not answer.
     std::optional<ScreenSize> query_size();
 
   private:
     XConnection(Display* display, Cancelled cancelled);
-    void watch(const std::stop_token& stop) const;
+    void run_watchdog(const std::stop_token& stop) const;
 
     Display* display_;
     bool lost_ = false;
@@ -74,13 +74,11 @@ class XConnection {
     std::jthread watchdog_;
 };
 
-/// Tells whether the server refused a request made since the trap was set. One at a time per
-/// thread.
+/// Detects a request that the server refused since the trap was set. One at a time per thread.
 class XErrorTrap {
   public:
     explicit XErrorTrap(const XConnection& connection);
-    /// Waits for the server to have seen all requests. True when one was refused or the server is
-    /// gone.
+    /// Waits until the server has handled all requests. True when it refused one or is gone.
     [[nodiscard]] bool failed() const;
 
   private:

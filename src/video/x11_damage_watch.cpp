@@ -20,19 +20,19 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// The server tells of a change once and then waits to be asked again: so much later at the latest,
-/// which bounds what a screen costs that is drawn in a thousand pieces.
-constexpr milliseconds kAskAgain{4};
+/// The server announces one change, then none until it is re-armed: at the latest after this time,
+/// which bounds the events of a screen that is drawn in many pieces.
+constexpr milliseconds kRearmDelay{4};
 
-/// The time of a change that was heard of at `now`, on a busy PC perhaps late. The server's clock
-/// has milliseconds and may be that old; where it is not the one of this PC, it says nothing.
+/// The time of a change whose event was read at `now`, perhaps late. The server's clock has a
+/// resolution of milliseconds; where it is not this PC's clock, `now` counts.
 SteadyClock::time_point time_of(Time server_ms, SteadyClock::time_point now) {
     constexpr milliseconds kResolution{2};
-    constexpr milliseconds kLate{100};
+    constexpr milliseconds kMaxAge{100};
     const auto since_boot = std::chrono::floor<milliseconds>(now.time_since_epoch());
     const milliseconds age(static_cast<int32_t>(static_cast<uint32_t>(since_boot.count()) -
                                                 static_cast<uint32_t>(server_ms)));
-    if (age < milliseconds(0) || age > kLate) return now;
+    if (age < milliseconds(0) || age > kMaxAge) return now;
     return std::min(now, SteadyClock::time_point(since_boot - age + kResolution));
 }
 
@@ -76,14 +76,13 @@ X11DamageWatch::~X11DamageWatch() {
 }
 
 uint64_t X11DamageWatch::announced() const {
-    pollfd news{.fd = socket_, .events = POLLIN, .revents = 0};
-    const bool unread = ::poll(&news, 1, 0) != 0;
-    const bool unnoted = busy_;
-    return changes_.count() + (unread || unnoted ? 1 : 0);
+    pollfd entry{.fd = socket_, .events = POLLIN, .revents = 0};
+    const bool unhandled = ::poll(&entry, 1, 0) != 0 || busy_;
+    return changes_.count() + (unhandled ? 1 : 0);
 }
 
-void X11DamageWatch::expect_change(const XConnection& grabbing) const {
-    XDamageSubtract(grabbing.display(), damage_, None, None);
+void X11DamageWatch::rearm(const XConnection& connection) const {
+    XDamageSubtract(connection.display(), damage_, None, None);
 }
 
 void X11DamageWatch::run(const std::stop_token& stop) {
@@ -93,23 +92,23 @@ void X11DamageWatch::run(const std::stop_token& stop) {
         {{.fd = XConnectionNumber(display), .events = POLLIN, .revents = 0},
          {.fd = wake_.get(), .events = POLLIN, .revents = 0}}};
     constexpr auto kNever = SteadyClock::time_point::max();
-    auto ask_again_at = kNever;
-    // Nothing in here waits for the server: what is read has come, and what is written is one small
-    // request for an event that has come.
+    auto rearm_at = kNever;
+    // Never waits for the server: it reads what has arrived, and writes one small request for each
+    // event.
     while (!stop.stop_requested()) {
-        if (read_changes()) ask_again_at = std::min(ask_again_at, SteadyClock::now() + kAskAgain);
+        if (read_changes()) rearm_at = std::min(rearm_at, SteadyClock::now() + kRearmDelay);
         if (connection_->lost()) {
-            ask_again_at = kNever;
+            rearm_at = kNever;
             sources[0].fd = -1;
         }
         int wait_ms = -1;
-        if (ask_again_at != kNever) {
-            const auto left = std::chrono::ceil<milliseconds>(ask_again_at - SteadyClock::now());
+        if (rearm_at != kNever) {
+            const auto left = std::chrono::ceil<milliseconds>(rearm_at - SteadyClock::now());
             wait_ms = static_cast<int>(std::max(left, milliseconds(0)).count());
         }
         if (wait_ms == 0) {
-            ask_again_at = kNever;
-            expect_change(*connection_);
+            rearm_at = kNever;
+            rearm(*connection_);
             XFlush(display);
             continue;
         }
@@ -117,13 +116,13 @@ void X11DamageWatch::run(const std::stop_token& stop) {
         ::poll(sources.data(), sources.size(), wait_ms);
         busy_ = true;
     }
-    // Here, since Xlib keeps a lost connection locked for the thread that found it lost.
+    // Here: Xlib keeps a lost connection locked for the thread that found it lost.
     connection_.reset();
 }
 
 bool X11DamageWatch::read_changes() {
     bool changed = false;
-    connection_->take_events([&](const XEvent& event) {
+    connection_->process_events([&](const XEvent& event) {
         if (event.type != event_type_) return;
         XDamageNotifyEvent damage{};
         std::memcpy(&damage, &event, sizeof(damage));

@@ -1,6 +1,6 @@
 #pragma once
 
-// Private to this folder: Xlib's macros must not reach anybody else.
+// Private to this folder: Xlib's macros must not reach other code.
 #include <X11/extensions/Xdamage.h>
 
 #include <atomic>
@@ -10,31 +10,31 @@
 #include <thread>
 
 #include "base/unique_fd.h"
-#include "video/change_times.h"
+#include "video/capture.h"
 #include "video/x11_connection.h"
 
 namespace ox {
 
-/// Hears of every change of an X screen's picture (the DAMAGE extension), over a connection and on
-/// a thread of its own, so that neither the frame loop nor its connection waits for anything.
+/// Receives every change of an X screen's picture (the DAMAGE extension), over a connection and on
+/// a thread of its own, so that the frame loop and its connection never wait.
 class X11DamageWatch {
   public:
-    /// Watches the screen behind `connection`. Null when the server cannot tell of changes.
+    /// Watches the screen behind `connection`. Null when the server cannot report changes.
     static std::unique_ptr<X11DamageWatch> start(std::unique_ptr<XConnection> connection);
     ~X11DamageWatch();
     X11DamageWatch(const X11DamageWatch&) = delete;
     X11DamageWatch& operator=(const X11DamageWatch&) = delete;
 
-    /// When the screen changed, of several changes within 4 ms only the first.
+    /// When the screen changed; of several changes within 4 ms only the first.
     [[nodiscard]] ChangeTimes& changes() { return changes_; }
 
-    /// A number that grows as soon as the server has told that the screen differs from what was
-    /// grabbed after a call of `expect_change`, whether or not the thread has got round to it.
+    /// The number of changes announced; counts an announcement that has arrived but that the thread
+    /// has not handled yet.
     [[nodiscard]] uint64_t announced() const;
 
-    /// Call before a grab over `grabbing`: asks the server, without waiting for it, to tell of the
-    /// next change, whatever it has told of already.
-    void expect_change(const XConnection& grabbing) const;
+    /// Makes the server, without waiting for it, announce the next change. Called before a grab
+    /// over `connection`: what changes after that grab is announced.
+    void rearm(const XConnection& connection) const;
 
   private:
     X11DamageWatch(std::unique_ptr<XConnection> connection, Damage damage, int event_type,
@@ -47,7 +47,7 @@ class X11DamageWatch {
     int event_type_;
     UniqueFd wake_;
     int socket_;                    // the connection's
-    std::atomic<bool> busy_{true};  // the thread may have read what it has not noted yet
+    std::atomic<bool> busy_{true};  // the thread may have read changes that it has not noted yet
     ChangeTimes changes_;
     std::jthread thread_;
 };

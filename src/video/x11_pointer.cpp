@@ -6,15 +6,14 @@
 #include <cstdlib>
 #include <utility>
 
+#include "base/c_handle.h"
+
 namespace ox {
 namespace {
 
-struct XFreeDeleter {
-    void operator()(void* data) const { XFree(data); }
-};
-struct FreeDeleter {
-    void operator()(void* data) const { std::free(data); }  // NOLINT: its owner
-};
+using CursorImagePtr = CHandle<XFixesCursorImage, XFree>;
+using PointerReplyPtr = CHandle<xcb_query_pointer_reply_t, std::free>;
+using XcbErrorPtr = CHandle<xcb_generic_error_t, std::free>;
 
 }  // namespace
 
@@ -29,55 +28,56 @@ std::unique_ptr<X11Pointer> X11Pointer::open(XConnection& connection) {
 }
 
 X11Pointer::~X11Pointer() {
-    if (asked_) xcb_discard_reply(XGetXCBConnection(connection_.display()), asked_->sequence);
+    if (position_request_)
+        xcb_discard_reply(XGetXCBConnection(connection_.display()), position_request_->sequence);
 }
 
 void X11Pointer::on_event(const XEvent& event) {
-    if (event.type == event_type_) image_is_old_ = true;
+    if (event.type == event_type_) image_outdated_ = true;
 }
 
-void X11Pointer::ask() {
-    // A pointer that is not to be seen, as in most games, costs no question.
-    if (!visible_ || asked_) return;
-    asked_ = xcb_query_pointer(XGetXCBConnection(connection_.display()),
-                               static_cast<xcb_window_t>(connection_.root()));
+void X11Pointer::request_position() {
+    // No request for an invisible pointer, as in most games.
+    if (!visible_ || position_request_) return;
+    position_request_ = xcb_query_pointer(XGetXCBConnection(connection_.display()),
+                                          static_cast<xcb_window_t>(connection_.root()));
 }
 
 void X11Pointer::update() {
-    if (std::exchange(image_is_old_, false)) fetch_image();
-    ask();  // unless that has been done
-    take_answer();
+    if (std::exchange(image_outdated_, false)) fetch_image();
+    request_position();  // if not yet done
+    read_position();
 }
 
 void X11Pointer::fetch_image() {
     constexpr uint32_t kMaxSide = 4096;
-    ++look_;
+    ++version_;
     visible_ = false;
-    const std::unique_ptr<XFixesCursorImage, XFreeDeleter> fetched(
-        XFixesGetCursorImage(connection_.display()));
+    const CursorImagePtr fetched(XFixesGetCursorImage(connection_.display()));
     if (!fetched || fetched->width > kMaxSide || fetched->height > kMaxSide) return;
     image_.width = fetched->width;
     image_.height = fetched->height;
     image_.hot_x = fetched->xhot;
     image_.hot_y = fetched->yhot;
     const size_t pixels = size_t{image_.width} * image_.height;
-    // Each comes in an unsigned long, whatever its size.
+    // Each pixel is an unsigned long, of 32 or 64 bits.
     image_.pixels.assign(fetched->pixels, fetched->pixels + pixels);
     visible_ = image_.visible();
 }
 
-void X11Pointer::take_answer() {
-    if (!asked_) return;
+void X11Pointer::read_position() {
+    if (!position_request_) return;
     xcb_generic_error_t* refused = nullptr;
-    const std::unique_ptr<xcb_query_pointer_reply_t, FreeDeleter> answer(xcb_query_pointer_reply(
-        XGetXCBConnection(connection_.display()), *std::exchange(asked_, std::nullopt), &refused));
-    const std::unique_ptr<xcb_generic_error_t, FreeDeleter> error(refused);
-    if (!answer) return;
-    const bool on_screen = answer->same_screen != 0;
-    if (on_screen != on_screen_ || answer->root_x != x_ || answer->root_y != y_) ++look_;
+    const PointerReplyPtr reply(
+        xcb_query_pointer_reply(XGetXCBConnection(connection_.display()),
+                                *std::exchange(position_request_, std::nullopt), &refused));
+    const XcbErrorPtr error(refused);
+    if (!reply) return;
+    const bool on_screen = reply->same_screen != 0;
+    if (on_screen != on_screen_ || reply->root_x != x_ || reply->root_y != y_) ++version_;
     on_screen_ = on_screen;
-    x_ = answer->root_x;
-    y_ = answer->root_y;
+    x_ = reply->root_x;
+    y_ = reply->root_y;
 }
 
 }  // namespace ox

@@ -1,4 +1,4 @@
-// Small parts of the program: the driver check, the panic channel, the self-test's counting.
+// Small parts of the program.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -10,8 +10,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "app/gpu_driver_check.h"
-#include "app/idle_watch.h"
+#include "app/host_checks.h"
 #include "app/memory_trim.h"
 #include "app/panic_listener.h"
 #include "app/process_flags.h"
@@ -22,7 +21,6 @@
 #include "support/port_block.h"
 #include "support/sockets.h"
 #include "support/temp_dir.h"
-#include "support/unix_socket.h"
 #include "tui/board/messages.h"
 
 namespace ox {
@@ -47,14 +45,13 @@ TEST(NvidiaDriverCheck, MissingOnlyWithAnAdapterAndWithoutTheDriver) {
     EXPECT_FALSE(nvidia_driver_missing(root));
 }
 
-// What words do is shown by the whole agent.
-TEST(PanicListener, ReplacesWhatACrashLeftBearsASilentClientAndLeavesTheNextAgentsSocket) {
+TEST(PanicListener, ReplacesAStaleFileServesBesideSilentClientsAndKeepsTheNextAgentsFile) {
     const test::TempDir dir;
     const test::Environment runtime("XDG_RUNTIME_DIR", dir.path().string());
     std::ofstream(panic_socket_path()) << "left by a crash";
     panic_flag() = false;
     std::jthread listener = start_panic_listener();
-    UniqueFd silent;  // who says nothing is in the way of neither the others nor the end
+    UniqueFd silent;  // must not block the other clients or the end
     EXPECT_TRUE(test::eventually([&] {
         silent = test::connect_unix(panic_socket_path());
         return static_cast<bool>(silent);
@@ -72,7 +69,7 @@ TEST(PanicListener, ReplacesWhatACrashLeftBearsASilentClientAndLeavesTheNextAgen
     EXPECT_EQ(::access(panic_socket_path().c_str(), F_OK), 0);
 }
 
-TEST(IdleWatch, SeesWhatTheOwnerHasMended) {
+TEST(IdleWatch, NoticesMendedFaults) {
     const test::TempDir dir;
     const std::string node = dir.file("uinput");
     const test::PortBlock ports;
@@ -88,36 +85,35 @@ TEST(IdleWatch, SeesWhatTheOwnerHasMended) {
         "uinput.";
     const Options options;
     IdleWatch watch(options, node);
-    watch.look();
+    watch.check();
     EXPECT_EQ(alert(), absent);
     std::ofstream(node).put(' ');
-    watch.look();
+    watch.check();
     EXPECT_EQ(alert(), "");
-    // A session that failed for a reason of its own is believed.
+    // A session's own failure stays.
     tui::board().input_device(EACCES);
-    watch.look();
+    watch.check();
     EXPECT_NE(alert().find("usermod"), std::string::npos);
     std::filesystem::remove(node);
-    watch.look();
+    watch.check();
     EXPECT_EQ(alert(), absent);
 
     tui::board().control_port_closed(ports.control(), EADDRINUSE);
     UniqueFd occupier = test::bound_socket(SOCK_STREAM, ports.control());
-    watch.look();
+    watch.check();
     EXPECT_EQ(tui::board().closed_port().error, EADDRINUSE);
     occupier.reset();
-    watch.look();
+    watch.check();
     EXPECT_EQ(tui::board().closed_port().error, 0);
 }
 
-// Pages of the program's file. A page fault brings up to fifteen neighbours with it: those in the
-// middle have none but each other.
+// Pages of the program's file, far enough from others: a page fault maps up to fifteen neighbours.
 constexpr size_t kPage = 4096;
 alignas(kPage) const std::array<volatile char, 48 * kPage> constants{};
 const volatile char& untouched = constants[23 * kPage];
 const volatile char& patched = constants[24 * kPage];
 
-TEST(MemoryTrim, GivesBackWhatIsAsTheFileHasItAndKeepsWhatAnOverlayHasPatched) {
+TEST(MemoryTrim, ReleasesUnmodifiedPagesAndKeepsPatchedOnes) {
     const auto is_resident = [](const volatile char& byte) {
         const UniqueFd pagemap(::open("/proc/self/pagemap", O_RDONLY | O_CLOEXEC));
         const auto page = reinterpret_cast<uintptr_t>(&byte) / kPage;
@@ -127,7 +123,7 @@ TEST(MemoryTrim, GivesBackWhatIsAsTheFileHasItAndKeepsWhatAnOverlayHasPatched) {
             static_cast<ssize_t>(sizeof entry));
         return entry >> 63 != 0;
     };
-    note_linked_libraries();
+    record_linked_libraries();
     auto* const writable = const_cast<char*>(&patched);
     ASSERT_EQ(::mprotect(writable, kPage, PROT_READ | PROT_WRITE), 0);
     *writable = 'b';
@@ -139,7 +135,7 @@ TEST(MemoryTrim, GivesBackWhatIsAsTheFileHasItAndKeepsWhatAnOverlayHasPatched) {
     EXPECT_EQ(patched, 'b');
 }
 
-TEST(SelftestChecks, OneFailureAmongPassesFailsTheRunAndEndsNothing) {
+TEST(SelftestChecks, OneFailureFailsTheRunButDoesNotEndIt) {
     constexpr auto kGood = [] { selftest::check(true, "water is wet"); };
     constexpr auto kBad = [] { selftest::check(false, "the moon is cheese"); };
     constexpr std::array<selftest::Group, 3> kGroups{

@@ -1,4 +1,4 @@
-// The numbers of a key that comes again: the table, its file, and what holds without a file.
+// Packet numbers of keys that are used again: the table, its file, and failures of the file.
 
 #include "app/keys/key_leases.h"
 
@@ -37,10 +37,10 @@ std::vector<uint8_t> master(uint8_t n) {
     return std::vector<uint8_t>(32, n);
 }
 
-TEST(PacketNumbers, AreGivenOutOnceAndEndInsteadOfWrapping) {
+TEST(PacketNumbers, AreGivenOutOnceAndDoNotWrap) {
     PacketNumbers numbers(PacketNumbers::kEnd - 6, PacketNumbers::kEnd - 4);
-    numbers.add(0, PacketNumbers::kEnd - 3);                        // but one of them were there
-    numbers.add(PacketNumbers::kEnd - 2, PacketNumbers::kEnd + 9);  // leaves one out
+    numbers.add(0, PacketNumbers::kEnd - 3);                        // all but one are known
+    numbers.add(PacketNumbers::kEnd - 2, PacketNumbers::kEnd + 9);  // skips one
     EXPECT_EQ(numbers.left(), 5U);
     for (const uint32_t expected :
          {0xFFFFFFFAU, 0xFFFFFFFBU, 0xFFFFFFFCU, 0xFFFFFFFEU, 0xFFFFFFFFU})
@@ -49,7 +49,7 @@ TEST(PacketNumbers, AreGivenOutOnceAndEndInsteadOfWrapping) {
     EXPECT_EQ(numbers.take(), std::nullopt);
 }
 
-TEST(LeaseTable, KeepsTheKeysUsedLastAndNeverGoesBack) {
+TEST(LeaseTable, KeepsTheLastUsedKeysAndNeverDecreases) {
     LeaseTable table;
     for (uint8_t n = 0; n < 70; ++n)
         table.raise(key_id(master(n)), {.frames = 1000U + n, .audio = 8});
@@ -64,7 +64,7 @@ TEST(LeaseTable, KeepsTheKeysUsedLastAndNeverGoesBack) {
     table.merge(other);
     EXPECT_EQ(table.end_of(key_id(master(6))), (LeaseEnd{5000, 12}));
 
-    // Audio begins with a block; what there is of numbers is not passed.
+    // Audio begins with a block; claims stop at the last number.
     const KeyId key = key_id(master(99));
     table.raise(key, {.frames = kUsedUp - 10, .audio = 5});
     const LeaseTable::Claim last = table.claim(key, {.frames = 100, .audio = 40});
@@ -73,7 +73,7 @@ TEST(LeaseTable, KeepsTheKeysUsedLastAndNeverGoesBack) {
     EXPECT_EQ(table.claim(key, {.frames = 100, .audio = 0}).first.frames, kUsedUp);
 }
 
-TEST(LeaseTable, NoDamageMakesAKeysNumbersSmaller) {
+TEST(LeaseTable, NoDamageDecreasesAKeysNumbers) {
     LeaseTable table;
     const LeaseEnd ends[] = {{72000, 120000}, {kUsedUp, 4}, {9, 0}};
     for (uint8_t n = 0; n < 3; ++n)
@@ -110,7 +110,7 @@ TEST(LeaseTable, NoDamageMakesAKeysNumbersSmaller) {
 
 class KeyLeasesTest : public testing::Test {
   protected:
-    /// Begins a session: the first number of each stream. Its lease ends with it.
+    /// The first numbers of a session that ends at once.
     static LeaseEnd first_numbers(KeyLeases& leases, uint8_t key,
                                   std::chrono::milliseconds limit = kLong) {
         const auto numbers = leases.lease(master(key));
@@ -123,7 +123,7 @@ class KeyLeasesTest : public testing::Test {
     test::LogCapture log_;
 };
 
-TEST_F(KeyLeasesTest, EverySessionOfAKeyGoesOnAlsoInAnotherProcess) {
+TEST_F(KeyLeasesTest, EverySessionOfAKeyContinuesAlsoInAnotherProcess) {
     std::optional<KeyLeases> leases(folder_.path().string());
     EXPECT_EQ(first_numbers(*leases, 1), LeaseEnd{});
     EXPECT_EQ(first_numbers(*leases, 2), LeaseEnd{});
@@ -132,13 +132,13 @@ TEST_F(KeyLeasesTest, EverySessionOfAKeyGoesOnAlsoInAnotherProcess) {
     const auto numbers = leases->lease(master(1));
     leases->await(*numbers, kLong, kNever);
     EXPECT_EQ(numbers->video.peek(), 144'000U);
-    // Half of it used, the lease is extended before it ends; sound, which used none, is left alone.
+    // A lease is extended when half of it is used; sound, which used none, is not.
     for (int i = 0; i < 36'000; ++i)
         numbers->video.take();
     KeyLeases another(folder_.path().string());
     EXPECT_EQ(first_numbers(another, 1).frames, 216'000U) << "not extended yet";
     ASSERT_TRUE(test::eventually([&] { return numbers->video.left() > 36'000; }, kLong));
-    // What the other agent has taken meanwhile is left out.
+    // Without the numbers of the other agent.
     EXPECT_EQ(numbers->video.end(), 360'000U);
     EXPECT_EQ(numbers->audio.end(), 360'000U);
     for (int i = 0; i < 36'000; ++i)
@@ -152,7 +152,7 @@ TEST_F(KeyLeasesTest, EverySessionOfAKeyGoesOnAlsoInAnotherProcess) {
     EXPECT_EQ(log_.times("WARN"), 0) << log_.text();
 }
 
-TEST_F(KeyLeasesTest, AgentsThatRecordAtTheSameTimeGetDifferentNumbers) {
+TEST_F(KeyLeasesTest, ConcurrentAgentsGetDifferentNumbers) {
     constexpr int kEach = 40;
     std::set<uint64_t> firsts;
     std::mutex mutex;
@@ -167,7 +167,7 @@ TEST_F(KeyLeasesTest, AgentsThatRecordAtTheSameTimeGetDifferentNumbers) {
                         const std::lock_guard lock(mutex);
                         firsts.insert(claim.first.frames);
                     });
-                    // On a busy disk the lock may be held by the others for too long.
+                    // On a busy disk the others may hold the lock for too long.
                     if (outcome.recorded()) ++recorded;
                 }
             });
@@ -177,7 +177,7 @@ TEST_F(KeyLeasesTest, AgentsThatRecordAtTheSameTimeGetDifferentNumbers) {
     EXPECT_EQ(*firsts.rbegin(), 10U * (3 * kEach - 1));
 }
 
-TEST_F(KeyLeasesTest, WhereNothingCanBeRecordedOneLineSaysSoAndTheProcessStillKeepsNumbersApart) {
+TEST_F(KeyLeasesTest, WithoutAFileWarnsOnceAndKeepsNumbersApartWithinTheProcess) {
     const std::string cannot = "KeyLeases: cannot record used packet numbers in ";
     std::ofstream(folder_.file("file")) << "in the way";
     std::ofstream(folder_.file("elsewhere")) << "precious";
@@ -195,7 +195,7 @@ TEST_F(KeyLeasesTest, WhereNothingCanBeRecordedOneLineSaysSoAndTheProcessStillKe
     EXPECT_EQ(read_file(folder_.file("elsewhere")), "precious");
 }
 
-TEST_F(KeyLeasesTest, ADamagedFileIsKeptAsideAndWhatItStillSaysHolds) {
+TEST_F(KeyLeasesTest, SavesADamagedFileAndUsesWhatIsReadable) {
     {
         KeyLeases leases(folder_.path().string());
         first_numbers(leases, 1);
@@ -209,7 +209,7 @@ TEST_F(KeyLeasesTest, ADamagedFileIsKeptAsideAndWhatItStillSaysHolds) {
     EXPECT_EQ(first_numbers(leases, 1).frames, 72'000U);
     EXPECT_EQ(log_.times("key-leases was damaged, 2 key(s) of it could be read"), 1) << log_.text();
     EXPECT_EQ(read_file(file_ + ".damaged"), torn);
-    // Numbers that cannot be trusted count as used up.
+    // Invalid numbers count as used up.
     const auto numbers = leases.lease(master(2));
     leases.await(*numbers, kLong, kNever);
     EXPECT_EQ(numbers->video.peek(), std::nullopt);
@@ -217,7 +217,7 @@ TEST_F(KeyLeasesTest, ADamagedFileIsKeptAsideAndWhatItStillSaysHolds) {
     EXPECT_EQ(log_.times("WARN"), 1) << log_.text();
 }
 
-TEST_F(KeyLeasesTest, ARecordThatTakesItsTimeHoldsUpNobodyAndIsMadeUpFor) {
+TEST_F(KeyLeasesTest, ASlowRecordBlocksNobodyAndIsCaughtUp) {
     const UniqueFd lock(::open(folder_.file("key-leases.lock").c_str(), O_CREAT | O_RDWR, 0600));
     ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
     {
@@ -226,7 +226,7 @@ TEST_F(KeyLeasesTest, ARecordThatTakesItsTimeHoldsUpNobodyAndIsMadeUpFor) {
         leases.await(*numbers, std::chrono::milliseconds(10), kNever);
         EXPECT_EQ(numbers->video.peek(), 0U);
         EXPECT_EQ(log_.times("WARN"), 1) << log_.text();
-        // The session goes through a lease while the record still waits.
+        // The session uses up a lease while the record is still blocked.
         for (int i = 0; i < 70'000; ++i)
             numbers->video.take();
         leases.top_up(*numbers);

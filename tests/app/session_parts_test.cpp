@@ -8,13 +8,13 @@
 #include <random>
 
 #include "app/session/capture_selection.h"
+#include "app/session/end_reason.h"
 #include "app/session/feedback_handler.h"
 #include "app/session/frame_pacer.h"
 #include "app/session/frame_phase.h"
-#include "app/session/keyframe_policy.h"
-#include "app/session/session_signals.h"
+#include "app/session/keyframe_requests.h"
 #include "app/session/stream_settings.h"
-#include "launcher/feedback_packets.h"
+#include "launcher/client/feedback_packets.h"
 #include "support/environment.h"
 #include "support/log_capture.h"
 #include "support/xvfb.h"
@@ -23,7 +23,19 @@
 namespace ox {
 namespace {
 
-TEST(KeyframeRequest, OneAlreadyUnderWayAnswersIt) {
+using namespace std::chrono_literals;
+using std::chrono::microseconds;
+
+const SteadyClock::time_point kStart{1000s};
+
+/// Whether a request has been accepted. Far enough from the last call for the rate limit.
+bool take_accepted(KeyframeRequests& keyframes) {
+    static auto now = kStart;
+    keyframes.apply(now += 2s);
+    return keyframes.take_forced();
+}
+
+TEST(KeyframeRequests, AKeyframeInFlightAnswersThem) {
     const struct {
         float rtt_ms;
         int64_t after_us;  ///< time from the keyframe to the request
@@ -31,82 +43,117 @@ TEST(KeyframeRequest, OneAlreadyUnderWayAnswersIt) {
     } cases[] = {{20, 169'999, true},    {20, 170'000, false},   {0, 249'999, true},
                  {0, 250'000, false},    {-1, 249'999, true},    {999, 1'148'999, true},
                  {1000, 250'000, false}, {999, 1'149'000, false}};
-    constexpr int64_t kSent = 5'000'000;
     for (const auto& [rtt_ms, after_us, in_flight] : cases) {
-        SessionSignals signals;
-        signals.rtt_ms = rtt_ms;
-        signals.last_keyframe_sent_us = kSent;
-        request_keyframe(signals, kSent + after_us);
-        EXPECT_EQ(signals.keyframe_requested, !in_flight) << rtt_ms << " " << after_us;
-        EXPECT_EQ(signals.answered_in_flight, in_flight ? 1U : 0U);
+        KeyframeRequests keyframes;
+        keyframes.sent(kStart);
+        keyframes.request(kStart + microseconds(after_us), rtt_ms);
+        EXPECT_EQ(take_accepted(keyframes), !in_flight) << rtt_ms << " " << after_us;
+        EXPECT_EQ(keyframes.answered_in_flight(), in_flight ? 1U : 0U);
     }
-    // Before the first keyframe nothing is under way, however early the clock.
-    SessionSignals fresh;
-    request_keyframe(fresh, 10);
-    EXPECT_TRUE(fresh.keyframe_requested);
+    // None is in flight before the first one, however early the clock.
+    KeyframeRequests fresh;
+    fresh.request(SteadyClock::time_point(10us), 0);
+    EXPECT_TRUE(take_accepted(fresh));
 }
 
-TEST(FeedbackHandler, EveryWishIsTestedAndValidRfiRequestsAskAtMostOnceASecond) {
+TEST(KeyframeRequests, AreServedAtMostOnceASecond) {
+    KeyframeRequests keyframes;
+    const auto forced_at = [&](SteadyClock::duration after) {
+        keyframes.apply(kStart + after);
+        return keyframes.take_forced();
+    };
+    EXPECT_FALSE(forced_at(0s));
+    keyframes.request(kStart, 0);
+    EXPECT_TRUE(forced_at(0s));
+    keyframes.request(kStart, 0);
+    EXPECT_FALSE(forced_at(999'999'999ns)) << "waits for the end of the second";
+    EXPECT_TRUE(forced_at(1s));
+    EXPECT_FALSE(forced_at(3s)) << "once for each request";
+    keyframes.request(kStart, 0);
+    keyframes.sent(kStart + 3s);
+    EXPECT_FALSE(forced_at(4s)) << "any keyframe answers a request";
+    keyframes.force_now();
+    EXPECT_TRUE(forced_at(4s));
+    keyframes.request(kStart + 4s, 0);
+    EXPECT_TRUE(forced_at(4s)) << "what was forced otherwise does not count";
+    EXPECT_EQ(keyframes.forced(), 3U);
+}
+
+TEST(FeedbackHandler, RequestsKeyframesButForValidRfiRequestsAtMostOnceASecond) {
     const InputPacket plain = launcher::make_keyframe_request();
     const InputPacket valid = launcher::make_lost_frames_request(
         {.last_delivered = 7, .first_missing = 8, .last_missing = 9, .attempt = 1});
     const InputPacket rejected = launcher::make_lost_frames_request(
         {.last_delivered = 7, .first_missing = 9, .last_missing = 9, .attempt = 1});
-    const InputPacket report = launcher::make_media_feedback(
-        {.loss_pct = 1.25, .rtt_ms = 31, .decoded_fps = 60, .keyframe_wanted = true});
-    SessionSignals signals;
-    signals.last_keyframe_sent_us = 1'000'000;
-    FeedbackHandler handler(signals);
+    const InputPacket report =
+        launcher::make_media_feedback({.rtt_ms = 31, .keyframe_wanted = true});
+    FeedbackHandler handler;
+    handler.keyframes().sent(kStart);
     const struct {
         const InputPacket& packet;
         int64_t at_us;
-        bool asks;
-    } steps[] = {{plain, 1'100'000, false},    {valid, 1'100'000, false},
-                 {rejected, 1'100'000, false}, {report, 1'100'000, false},
-                 {report, 2'000'000, true},    {valid, 5'000'000, true},
-                 {valid, 5'999'999, false},    {valid, 6'000'000, true},
-                 {plain, 6'000'001, true},     {rejected, 6'000'002, true}};
-    for (const auto& [packet, at_us, asks] : steps) {
-        signals.keyframe_requested = false;
-        handler.handle(packet, at_us);
-        EXPECT_EQ(signals.keyframe_requested, asks) << +packet.kind << " at " << at_us;
+        bool accepted;
+    } steps[] = {{plain, 100'000, false},    {valid, 100'000, false},   {rejected, 100'000, false},
+                 {report, 100'000, false},   {report, 1'000'000, true}, {valid, 4'000'000, true},
+                 {valid, 4'999'999, false},  {valid, 5'000'000, true},  {plain, 5'000'001, true},
+                 {rejected, 5'000'002, true}};
+    for (const auto& [packet, at_us, accepted] : steps) {
+        handler.handle(packet, kStart + microseconds(at_us));
+        EXPECT_EQ(take_accepted(handler.keyframes()), accepted) << +packet.kind << " at " << at_us;
     }
-    EXPECT_EQ(signals.answered_in_flight, 4U);
+    EXPECT_EQ(handler.keyframes().answered_in_flight(), 4U);
     EXPECT_EQ(handler.rfi_counters().valid, 4U);
-    // Replaces what the control channel said.
-    EXPECT_EQ(
-        (std::array{signals.loss_pct.load(), signals.rtt_ms.load(), signals.decoded_fps.load()}),
-        (std::array{1.25F, 31.0F, 60.0F}));
-    EXPECT_EQ(signals.last_media_feedback_us, 2'000'000);
 }
 
-using std::chrono::milliseconds;
+TEST(FeedbackHandler, MediaFeedbackReplacesTheStatsForTwoSeconds) {
+    FeedbackHandler handler;
+    const ClientStats stats{.rtt_ms = 8, .packet_loss_pct = 0.5};
+    const auto shown = [&] { return std::pair(handler.rtt_ms(), handler.loss_pct()); };
+    handler.handle(stats, kStart);
+    EXPECT_EQ(shown(), std::pair(8.0F, 0.5F));
+    handler.handle(launcher::make_media_feedback({.loss_pct = 1.25, .rtt_ms = 31}), kStart + 1s);
+    handler.handle(stats, kStart + 2'999'999us);
+    EXPECT_EQ(shown(), std::pair(31.0F, 1.25F));
+    handler.handle(stats, kStart + 3s);
+    EXPECT_EQ(shown(), std::pair(8.0F, 0.5F));
+}
+
+TEST(EndReason, NamesTheFailureOfTheHandshake) {
+    const std::pair<HandshakeFailure, const char*> rows[] = {
+        {HandshakeFailure::cannot_listen, "handshake_failed:AUTH_FAIL"},
+        {HandshakeFailure::cannot_answer, "handshake_failed:AUTH_FAIL"},
+        {HandshakeFailure::rejected, "handshake_failed:AUTH_REJECTED"},
+        {HandshakeFailure::timed_out, "handshake_failed:HANDSHAKE_TIMEOUT"},
+        {HandshakeFailure::aborted, "handshake_failed:SESSION_ABORTED"}};
+    for (const auto& [failure, text] : rows)
+        EXPECT_EQ(to_string({EndReason::handshake_failed, failure}), text);
+    EXPECT_EQ(to_string({EndReason::shutdown, HandshakeFailure::timed_out}), "shutdown");
+}
+
 using std::chrono::nanoseconds;
 
-const SteadyClock::time_point kStart{std::chrono::seconds(1000)};
-
-TEST(FramePacer, CatchesUpWithinFourIntervalsAndStartsAfreshBeyond) {
+TEST(FramePacer, CatchesUpWithinFourIntervalsAndRestartsBeyond) {
     FramePacer pacer(50, kStart);  // 20 ms
-    EXPECT_EQ(pacer.next_deadline(), kStart + milliseconds(20));
-    pacer.arrived(kStart + milliseconds(100));  // exactly four late: the schedule stands
-    EXPECT_EQ(pacer.next_deadline(), kStart + milliseconds(40));
-    const auto late = kStart + milliseconds(120) + nanoseconds(1);
+    EXPECT_EQ(pacer.next_deadline(), kStart + 20ms);
+    pacer.arrived(kStart + 100ms);  // exactly four late: the schedule stands
+    EXPECT_EQ(pacer.next_deadline(), kStart + 40ms);
+    const auto late = kStart + 120ms + 1ns;
     pacer.arrived(late);
-    EXPECT_EQ(pacer.next_deadline(), late + milliseconds(20));
-    pacer.reset(kStart + milliseconds(500));
-    EXPECT_EQ(pacer.next_deadline(), kStart + milliseconds(520));
+    EXPECT_EQ(pacer.next_deadline(), late + 20ms);
+    pacer.reset(kStart + 500ms);
+    EXPECT_EQ(pacer.next_deadline(), kStart + 520ms);
 }
 
 /// A source of pictures beside the frame loop at 60 fps.
 struct Source {
-    double hz;          ///< 0: tells of no changes
+    double hz;          ///< 0: reports no changes
     double jitter_ms;   ///< either way
     bool pauses;        ///< between the fourth and the sixth second
     double at_most_ms;  ///< mean age of captured pictures, whatever the phase at the start
 };
 
-/// Mean age of the newest picture at each capture from the third second on, in ms. Checks on the
-/// way what is promised of the rate.
+/// Mean age of the newest picture at each capture from the third second on, in ms. Also checks the
+/// frame rate.
 double mean_age_ms(const Source& source, double start_ms, bool steered) {
     constexpr int kFrames = 60 * 12;
     constexpr double kIntervalMs = 1000.0 / 60;
@@ -135,13 +182,13 @@ double mean_age_ms(const Source& source, double start_ms, bool steered) {
             if (!paused) phase.changed(newest = at(next_ms));
             next_ms = pictures * 1000 / source.hz + jitter(random);
         }
-        if (frame < 180 || ms(now - newest) > 100) continue;  // nothing to be captured in a pause
+        if (frame < 180 || ms(now - newest) > 100) continue;  // a pause
         ages_ms += ms(now - newest);
         ++counted;
     }
     EXPECT_NEAR(ms(last - at(start_ms)), kFrames * kIntervalMs, kFrames * kIntervalMs / 100);
     if (source.hz == 0) {
-        EXPECT_EQ(last, at(start_ms) + std::chrono::seconds(12));
+        EXPECT_EQ(last, at(start_ms) + 12s);
     }
     return counted == 0 ? 0 : ages_ms / counted;
 }
@@ -164,7 +211,7 @@ TEST(FramePhase, PicturesAreCapturedSoonAfterTheyChangedAtAnyRate) {
     }
 }
 
-TEST(StreamSettings, WhatTheLauncherAsksForIsBroughtIntoRange) {
+TEST(StreamSettings, ClampTheRequestOfTheLauncher) {
     struct Case {
         std::array<int32_t, 5> asked;  ///< codec, width, height, fps, kbit/s
         VideoCodec codec;
@@ -196,23 +243,29 @@ TEST(CaptureSelection, TheNextBestPictureTakesThePlaceOfOneThatCannotBeHad) {
     const std::string no_automatic =
         "Session: automatic capture unavailable — falling back to synthetic";
     const std::string to_x11 = "Session: portal capture failed — falling back to X11";
-    const struct {
-        const char* mode;
+    struct Case {
+        CaptureBackend mode;
         const char* session_type;
         std::string display;
         std::string warning;
         const char* backend;  ///< null: none
-    } cases[] = {{"auto", "x11", server->display(), "", "auto"},
-                 {"auto", "wayland", server->display(), no_automatic, "synthetic"},
-                 {"portal", "x11", server->display(), to_x11, "x11"},
-                 {"portal", "wayland", ":64999", to_x11, "synthetic"},
-                 {"x11", "wayland", server->display(), "", "x11"},
-                 {"x11", "x11", ":64999", "", nullptr}};
+    };
+    using enum CaptureBackend;
+    const Case cases[] = {{Auto, "x11", server->display(), "", "auto"},
+                          {Auto, "wayland", server->display(), no_automatic, "synthetic"},
+                          {Portal, "x11", server->display(), to_x11, "x11"},
+                          {Portal, "wayland", ":64999", to_x11, "synthetic"},
+                          {X11, "wayland", server->display(), "", "x11"},
+                          {X11, "x11", ":64999", "", nullptr}};
     for (const auto& [mode, session_type, display, warning, backend] : cases) {
         const test::LogCapture log;
         tui::board().update([](tui::Snapshot& state) { state.alerts = {}; });
         const Desktop desktop{.session_type = session_type, .display = display};
-        const auto capture = select_capture(mode, desktop, 320, 200, [] { return false; }).capture;
+        const auto capture = select_capture({.backend = mode,
+                                             .desktop = desktop,
+                                             .synthetic_width = 320,
+                                             .synthetic_height = 200})
+                                 .capture;
         EXPECT_EQ(capture != nullptr, backend != nullptr);
         EXPECT_EQ(log.count("WARN", warning), warning.empty() ? 0 : 1) << log.text();
         EXPECT_EQ(log.count("INFO", std::string("Session: capture backend = ") +
@@ -222,7 +275,11 @@ TEST(CaptureSelection, TheNextBestPictureTakesThePlaceOfOneThatCannotBeHad) {
                   backend == nullptr || warning == no_automatic);
     }
     // Nothing takes the place of what nobody waits for any more.
-    EXPECT_EQ(select_capture("portal", {}, 320, 200, [] { return true; }).capture, nullptr);
+    const CaptureRequest cancelled{.backend = CaptureBackend::Portal,
+                                   .synthetic_width = 320,
+                                   .synthetic_height = 200,
+                                   .cancelled = [] { return true; }};
+    EXPECT_EQ(select_capture(cancelled).capture, nullptr);
 }
 
 }  // namespace

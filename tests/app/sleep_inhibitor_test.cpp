@@ -17,10 +17,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// logind as far as it matters here: gives out one lock. Returns what was asked for, and the end
-/// that sees the lock go.
+/// A logind for one lock. Returns the requested kind, and a pipe's end that is closed with the
+/// lock.
 std::pair<std::string, UniqueFd> serve_one_lock(BusConnection& bus) {
-    std::string asked;
+    std::string requested;
     int ends[2] = {-1, -1};
     EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
     const UniqueFd lock(ends[1]);
@@ -33,13 +33,13 @@ std::pair<std::string, UniqueFd> serve_one_lock(BusConnection& bus) {
                                   &words[3], DBUS_TYPE_INVALID) == FALSE) {
             return false;
         }
-        asked = std::string(words[0]) + " " + words[1] + " " + words[3];
+        requested = std::string(words[0]) + " " + words[1] + " " + words[3];
         const DBusMessagePtr reply(dbus_message_new_method_return(&call));
         dbus_message_append_args(reply.get(), DBUS_TYPE_UNIX_FD, &ends[1], DBUS_TYPE_INVALID);
         bus.post(*reply);
         return true;
     });
-    return {asked, UniqueFd(ends[0])};
+    return {requested, UniqueFd(ends[0])};
 }
 
 bool is_held(const UniqueFd& watched) {
@@ -47,23 +47,23 @@ bool is_held(const UniqueFd& watched) {
     return ::poll(&entry, 1, 0) == 0;
 }
 
-TEST(SleepInhibitor, HoldsTheLockForAsLongAsItLives) {
+TEST(SleepInhibitor, HoldsTheLockWhileItExists) {
     test::SystemBus bus("org.freedesktop.login1");
     auto served = std::async(std::launch::async, [&] { return serve_one_lock(bus.service); });
     const test::LogCapture log;
     std::optional<SleepInhibitor> inhibitor(std::in_place);
-    const auto [asked, watched] = served.get();
-    EXPECT_EQ(asked, "sleep:idle orvex-agent block");
+    const auto [requested, watched] = served.get();
+    EXPECT_EQ(requested, "sleep:idle orvex-agent block");
     EXPECT_TRUE(test::eventually([&] {
         return log.count("INFO", "Session: the PC stays awake until the session ends") == 1;
     })) << log.text();
     EXPECT_TRUE(is_held(watched));
     inhibitor.reset();
-    // The bus may let go of its own copy a moment after it has delivered it.
+    // The bus may close its own copy a little later.
     EXPECT_TRUE(test::eventually([&] { return !is_held(watched); }));
 }
 
-TEST(SleepInhibitor, ADeafBusCostsNoTime) {
+TEST(SleepInhibitor, ADeadBusDoesNotDelayTheDestructor) {
     const test::DeafBus bus;
     const auto before = SteadyClock::now();
     { const SleepInhibitor inhibitor; }

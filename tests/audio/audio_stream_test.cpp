@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -11,12 +10,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <numbers>
 
-#include "launcher/audio_decoder.h"
-#include "launcher/audio_receiver.h"
-#include "launcher/media_socket.h"
-#include "support/environment.h"
+#include "audio/fake_programs.h"
+#include "launcher/client/audio_receiver.h"
+#include "launcher/client/media_socket.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/pulse_daemon.h"
@@ -29,12 +28,12 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr std::array<uint8_t, 32> kKey{7, 7, 7};
-// Whole numbers of periods in a frame of 5 ms, so that each is measured without the others.
+// Whole periods in a frame of 5 ms, so that the tones do not leak into each other.
 constexpr int kTone = 400;
 constexpr int kOtherTone = 3000;
 constexpr int kNoTone = 10'000;
 constexpr double kPlayed = 16'384;
-/// A tone that is there at all has 16384; a click, as at its start, has some hundred.
+/// A tone has 16384; a click, as at its start, a few hundred.
 constexpr double kHeard = 5000;
 
 /// Amplitude of one frequency in the left channel of 48 kHz stereo samples.
@@ -49,7 +48,7 @@ double amplitude(std::span<const int16_t> samples, int hertz) {
     return 4 * std::hypot(in_phase, quadrature) / static_cast<double>(samples.size());
 }
 
-/// A stream of what a sound server plays, to a launcher's receiver.
+/// Streams a sound server's output to a launcher's receiver.
 class AudioStreamTest : public testing::Test {
   protected:
     void SetUp() override {
@@ -63,9 +62,8 @@ class AudioStreamTest : public testing::Test {
     }
     bool start() { return start(stream_); }
 
-    /// Listens until 50 ms in a row carry `hertz` as it is played. Nowhere may `forbidden` be
-    /// heard.
-    bool hears(int hertz, int forbidden) {
+    /// Receives until 50 ms in a row carry the full `hertz` tone. `forbidden` must never be heard.
+    bool receives_tone(int hertz, int forbidden) {
         int in_a_row = 0;
         const auto deadline = SteadyClock::now() + seconds(30);
         while (in_a_row < 10 && SteadyClock::now() < deadline) {
@@ -92,18 +90,18 @@ class AudioStreamTest : public testing::Test {
 
 TEST_F(AudioStreamTest, TheMicrophoneIsNotHeardWhenTheOutputGoes) {
     const test::LogCapture log;
-    ASSERT_TRUE(pulse_.play_tone("hidden", kOtherTone));  // what the microphone hears
+    ASSERT_TRUE(pulse_.play_tone("hidden", kOtherTone));  // the microphone's input
     ASSERT_TRUE(start());
-    ASSERT_TRUE(hears(kTone, kOtherTone));
+    ASSERT_TRUE(receives_tone(kTone, kOtherTone));
     // The server now moves the recording to the microphone and the tone to the spare output.
     ASSERT_TRUE(pulse_.remove_sink("out"));
     EXPECT_TRUE(test::eventually(
         [&] {
-            EXPECT_TRUE(hears(kTone, kOtherTone));
+            EXPECT_TRUE(receives_tone(kTone, kOtherTone));
             return log.times("parec started (source=spare.monitor") == 1;
         },
         seconds(30)));
-    EXPECT_TRUE(hears(kTone, kOtherTone));
+    EXPECT_TRUE(receives_tone(kTone, kOtherTone));
     EXPECT_EQ(log.count("WARN",
                         "AudioStream: the recording was moved off the output's monitor — its sound "
                         "is dropped, opening the present output"),
@@ -113,12 +111,12 @@ TEST_F(AudioStreamTest, TheMicrophoneIsNotHeardWhenTheOutputGoes) {
 TEST_F(AudioStreamTest, AChangeOfTheDefaultOutputIsFollowed) {
     ASSERT_TRUE(pulse_.play_tone("spare", kOtherTone));
     ASSERT_TRUE(start());
-    ASSERT_TRUE(hears(kTone, kOtherTone));
+    ASSERT_TRUE(receives_tone(kTone, kOtherTone));
     ASSERT_TRUE(pulse_.pactl("set-default-sink spare"));
-    EXPECT_TRUE(hears(kOtherTone, kNoTone));
+    EXPECT_TRUE(receives_tone(kOtherTone, kNoTone));
 }
 
-TEST_F(AudioStreamTest, EndsWithItsNumbersInsteadOfUsingThemAgain) {
+TEST_F(AudioStreamTest, EndsInsteadOfReusingSequenceNumbers) {
     const test::LogCapture log;
     PacketNumbers numbers(PacketNumbers::kEnd - 8, PacketNumbers::kEnd);
     AudioStream stream;
@@ -141,52 +139,44 @@ TEST_F(AudioStreamTest, EndsWithItsNumbersInsteadOfUsingThemAgain) {
     EXPECT_EQ(receiver_.stats().frames.lost, 0U);
 }
 
-/// A PATH on which the sound server's tools are the test's own, without a server for libpulse until
-/// `let_server_answer`.
-class StandInTools {
+/// Fake sound server tools, without a server for libpulse until `let_server_answer`.
+class FakeTools : public test::FakePrograms {
   public:
-    StandInTools(const std::string& parec, const std::string& pactl) {
-        for (const auto& [name, script] : {std::pair{"/parec", parec}, {"/pactl", pactl}}) {
-            std::ofstream(folder_.path().string() + name) << script;
-            ::chmod((folder_.path().string() + name).c_str(), 0755);
-        }
-    }
     void let_server_answer() const {
         std::filesystem::create_symlink(
             std::string(std::getenv("XDG_RUNTIME_DIR")) + "/pulse/native", file("late"));
     }
-    [[nodiscard]] std::string file(const std::string& name) const { return folder_.file(name); }
 
   private:
-    test::TempDir folder_;
-    test::Environment path_{"PATH", folder_.path().string() + ":" + std::getenv("PATH")};
-    test::Environment folder_variable_{"STAND_IN", folder_.path().string()};
+    test::Environment folder_variable_{"FAKE_TOOLS", file("")};
     test::Environment server_{"PULSE_SERVER", "unix:" + file("late")};
 };
 
-constexpr const char* kFrameByFrame =
-    "#!/bin/sh\nwhile head -c 960 /dev/zero; do sleep 0.005; done\n";
-constexpr const char* kNamesAnOutput = "#!/bin/sh\necho out\n";
-
-TEST_F(AudioStreamTest, ARecorderThatNoServerKnowsIsBelievedIfItsSourceIsKnown) {
+TEST_F(AudioStreamTest, ARecorderUnknownToTheServerIsTrustedIfItsSourceIsKnown) {
     const test::LogCapture log;
-    const auto is_heard = [&] {
+    const auto is_sent = [&] {
         const uint64_t before = sender_.packets_sent();
         return test::eventually([&] { return sender_.packets_sent() >= before + 20; }, seconds(10));
     };
+    const auto make_tools = [](const std::string& pactl) {
+        auto tools = std::make_unique<FakeTools>();
+        tools->add("parec", "while head -c 960 /dev/zero; do sleep 0.005; done");
+        tools->add("pactl", pactl);
+        return tools;
+    };
     {
-        const StandInTools tools(kFrameByFrame, kNamesAnOutput);
+        const auto tools = make_tools("echo out");
         for (const bool with_server : {false, true}) {
-            if (with_server) tools.let_server_answer();
+            if (with_server) tools->let_server_answer();
             AudioStream stream;
             ASSERT_TRUE(start(stream));
-            EXPECT_TRUE(is_heard());
+            EXPECT_TRUE(is_sent());
         }
     }
     EXPECT_EQ(log.times("WARN"), 0);
 
     const uint64_t before = sender_.packets_sent();
-    const StandInTools tools(kFrameByFrame, "#!/bin/sh\nexit 1\n");
+    const auto tools = make_tools("exit 1");
     ASSERT_TRUE(start());
     EXPECT_TRUE(test::eventually([&] {
         return log.count("WARN",
@@ -195,13 +185,13 @@ TEST_F(AudioStreamTest, ARecorderThatNoServerKnowsIsBelievedIfItsSourceIsKnown) 
                          "server answers") == 1;
     }));
     EXPECT_EQ(sender_.packets_sent(), before);
-    tools.let_server_answer();
-    EXPECT_TRUE(is_heard());
+    tools->let_server_answer();
+    EXPECT_TRUE(is_sent());
     EXPECT_EQ(log.times("parec started (source=out.monitor"), 3);
     stream_.stop();
 }
 
-/// Holds a thread of this process up wherever it is, as when nothing runs it.
+/// Stops a thread of this process wherever it is, as if it were not scheduled.
 class HeldThread {
   public:
     explicit HeldThread(const std::string& name) {
@@ -227,11 +217,12 @@ class HeldThread {
     static inline std::atomic<bool> arrived{false};
 };
 
-TEST_F(AudioStreamTest, WhatWasPlayedDuringAStallIsNotHeardAfterIt) {
-    // Silence, but for 300 ms on request, each frame in its time.
-    const StandInTools tools(R"(#!/usr/bin/env python3
-import os, sys, time
-folder = os.environ["STAND_IN"]
+TEST_F(AudioStreamTest, SoundOfAStallIsDropped) {
+    // Real-time silence with 300 ms of noise on request.
+    const FakeTools tools;
+    tools.add("pactl", "echo out");
+    tools.add("parec", R"(import os, sys, time
+folder = os.environ["FAKE_TOOLS"]
 loud = (b"\x00\x40" * 120 + b"\x00\xc0" * 120) * 2
 def play(frame):
     sys.stdout.buffer.write(frame)
@@ -245,7 +236,7 @@ open(folder + "/over", "w")
 while True:
     play(bytes(960))
 )",
-                             kNamesAnOutput);
+              "/usr/bin/env python3");
     ASSERT_TRUE(start());
     ASSERT_TRUE(test::eventually([&] { return sender_.packets_sent() > 20; }, seconds(30)));
     {

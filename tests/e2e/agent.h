@@ -19,9 +19,9 @@ inline constexpr int kSlowdown = 4;
 inline constexpr int kSlowdown = 1;
 #endif
 
-/// How long something that must happen may take before a test gives up.
+/// Time limit for expected events.
 inline constexpr std::chrono::milliseconds kPatience{10'000 * kSlowdown};
-/// How long the agent may take to end after SIGTERM.
+/// Time limit for the agent's end after SIGTERM.
 inline constexpr std::chrono::milliseconds kStopLimit{1'000 * kSlowdown};
 
 /// The session token that every test agent expects.
@@ -29,12 +29,11 @@ inline constexpr const char* kToken = "let me in";
 inline constexpr const char* kTokenSha256 =
     "992db5e2595725ef68eb5066e014da8c7f6baca0afa96f1021b56b66782133f2";
 
-/// The line with which a launcher opens its session; `more` adds fields (", \"fps\":30").
+/// A launcher's first line; `more` adds fields (", \"fps\":30").
 std::string auth_line(const std::string& more = "", const std::string& token = kToken);
 
-/// The real program, running in a scratch folder and on ports of its own. Every test ends with a
-/// check that it stops on request and has nothing to complain about (a sanitizer's findings make
-/// its status non-zero).
+/// The real program, in a scratch folder and on ports of its own. The destructor checks that it
+/// stops on SIGTERM with status 0 (a sanitizer's finding makes the status non-zero).
 class Agent {
   public:
     struct Setup {
@@ -43,7 +42,7 @@ class Agent {
         std::string capture = "synthetic";
         std::string terminal = {};  ///< path of a terminal for standard output; else a file
         std::vector<std::string> wrapper = {};  ///< runs it, and becomes it by exec
-        bool input = false;  ///< takes input; where there is /dev/uinput, this injects
+        bool input = false;  ///< accepts input, and injects it if there is /dev/uinput
         std::shared_ptr<PortBlock> ports = std::make_shared<PortBlock>();
     };
 
@@ -57,7 +56,7 @@ class Agent {
     [[nodiscard]] uint16_t control_port() const { return ports_->control(); }
     /// The log file, at level DEBUG.
     [[nodiscard]] const LogFile& log() const { return log_; }
-    /// What the owner sees in the terminal.
+    /// The terminal's output.
     [[nodiscard]] const LogFile& screen() const { return screen_; }
     [[nodiscard]] ChildProcess& process() { return process_; }
     /// A file in the scratch folder: "agent.log", "screen.txt", "stderr.txt".
@@ -65,7 +64,7 @@ class Agent {
         return folder_.file(name);
     }
 
-    /// Waits for a log line with `text`. False, and a test failure, when it does not come.
+    /// Waits for `times` log lines with `text`. False, and a test failure, on a timeout.
     bool wait_for_log(const std::string& text, size_t times = 1) const;
 
     /// SIGTERM, then a test failure unless the program ends with status 0 within kStopLimit.

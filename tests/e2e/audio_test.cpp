@@ -1,12 +1,14 @@
-// The sound of a session, from a real PulseAudio server to the launcher, and what costs it.
+// The sound of a session, from a real PulseAudio server to the launcher.
 
 #include <gtest/gtest.h>
 #include <poll.h>
 
 #include <cmath>
 
+#include "base/mutex.h"
 #include "e2e/player.h"
-#include "launcher/audio_worker.h"
+#include "launcher/client/audio_worker.h"
+#include "launcher/tone_meter.h"
 #include "support/pulse_daemon.h"
 #include "support/sockets.h"
 
@@ -16,7 +18,7 @@ namespace {
 constexpr int kTone = 440;
 constexpr double kToneDbfs = -6.02;  // half of full scale
 
-/// A launcher with ears: receives and measures the sound on a thread of its own.
+/// A launcher that also receives and measures the sound.
 struct Listener : Player {
     explicit Listener(const Agent& agent, const Setup& setup = {}) : Player(agent, setup) {
         std::string error;
@@ -25,15 +27,14 @@ struct Listener : Player {
                                 "127.0.0." + std::to_string(setup.host)))
             << error;
         socket.set_agent("127.0.0.1", static_cast<uint16_t>(agent.port_base() + 5));
-        EXPECT_TRUE(ear.start(error)) << error;
+        EXPECT_TRUE(worker.start(error)) << error;
     }
-    [[nodiscard]] launcher::AudioStats sound() const { return ear.snapshot().stream; }
-    /// Whether what was heard last has, within `patience`, the right pitch and loudness, or is
-    /// silent.
+    [[nodiscard]] launcher::AudioStats sound() const { return worker.snapshot().stream; }
+    /// Waits for the tone at its loudness, or for silence.
     bool hears(bool tone) {
         return receive_until(
             [&] {
-                const launcher::ToneReport heard = ear.snapshot().latest;
+                const launcher::ToneReport heard = latest();
                 if (!tone) return heard.level_dbfs == launcher::ToneReport::kSilenceDbfs;
                 return std::abs(heard.pitch_hz - kTone) < 3 &&
                        std::abs(heard.level_dbfs - kToneDbfs) < 1;
@@ -41,8 +42,20 @@ struct Listener : Player {
             3 * kPatience);
     }
 
+    launcher::ToneReport latest() {
+        const MutexLock lock(mutex);
+        return meter.latest();
+    }
+
+    Mutex mutex;
+    launcher::ToneMeter meter OX_GUARDED_BY(mutex);
     launcher::MediaSocket socket;
-    launcher::AudioWorker ear{socket, std::span<const uint8_t, 32>(keys().audio_key), nullptr};
+    launcher::AudioWorker worker{socket,
+                                 std::span<const uint8_t, 32>(keys().audio_key),
+                                 {.frame = {}, .samples = [this](std::span<const int16_t> pcm) {
+                                      const MutexLock lock(mutex);
+                                      meter.add(pcm);
+                                  }}};
 };
 
 TEST(Sound, IsSentAlsoWhenSilentAndItsEndCostsNeitherVideoNorTheNextLaunchersSound) {
@@ -52,8 +65,8 @@ TEST(Sound, IsSentAlsoWhenSilentAndItsEndCostsNeitherVideoNorTheNextLaunchersSou
     auto player = std::make_optional<Listener>(agent);
     ASSERT_TRUE(player->hears(true));
 
-    // Nobody is there to hear it. Then the launcher comes back from elsewhere, amid a stranger's
-    // probes, and is slow with its own.
+    // The launcher disconnects and returns from another address; its probes come after a
+    // stranger's.
     player.reset();
     ASSERT_TRUE(agent.wait_for_log("AudioStream: thread exit (sent="));
     UniqueFd former = bound_socket(SOCK_DGRAM, agent.port_base());
@@ -92,7 +105,7 @@ TEST(Sound, IsSentAlsoWhenSilentAndItsEndCostsNeitherVideoNorTheNextLaunchersSou
     EXPECT_NEAR(static_cast<double>(whole.repair_packets),
                 static_cast<double>(whole.data_packets) / 2, 4);
 
-    // The server is started again, as after a crash.
+    // The server restarts, as after a crash.
     pulse.start();
     ASSERT_TRUE(pulse.play_tone("out", kTone));
     EXPECT_TRUE(agent.wait_for_log("AudioCapture: parec closed the pipe after "));

@@ -1,10 +1,9 @@
-// The program as its owner starts it: texts and exit statuses.
+// The program's texts and exit statuses.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <sstream>
 #include <thread>
 
 #include "e2e/player.h"
@@ -21,8 +20,8 @@ struct Outcome {
     std::string err;
 };
 
-/// Runs the program on a machine without desktop and sound server, in an empty home folder, and
-/// fails the test when a file remains there.
+/// Runs the program without desktop and sound server in an empty home folder. Fails the test when
+/// it creates a file there.
 Outcome run(std::vector<std::string> arguments) {
     const TempDir results;
     const TempDir home;
@@ -49,16 +48,16 @@ TEST(CommandLine, HelpVersionAndSelfTestGoToStandardOutputWithStatusZero) {
     EXPECT_EQ(help.status, 0);
     EXPECT_TRUE(help.out.starts_with(std::string(kUsageStart) + OX_AGENT_PATH)) << help.out;
 
-    // What the owner has set up must not change a result.
+    // The owner's settings must not change a result.
     const auto selftest = run({"--selftest", "--port-base", "1"});
     EXPECT_EQ(selftest.status, 0);
     EXPECT_EQ(selftest.err, "");
-    EXPECT_EQ(selftest.out, read_file(OX_SELFTEST_OUTPUT)) << "not the texts that owners know";
+    EXPECT_EQ(selftest.out, read_file(OX_SELFTEST_OUTPUT)) << "the owners' texts changed";
 }
 
 TEST(CommandLine, EveryErrorEndsWithStatusTwo) {
     const std::tuple<const char*, const char*, const char*> cases[] = {
-        // Left to right: what stands behind the error has no effect.
+        // Arguments behind an error have no effect.
         {"--bogus", "--version", "[ERROR] unknown argument '--bogus' (see --help)\n"},
         {"--quiet", "--token-sha256", ""},
         {"--saas-url", "ftp://x", "[ERROR] --saas-url must start with ws:// or wss://"},
@@ -71,7 +70,7 @@ TEST(CommandLine, EveryErrorEndsWithStatusTwo) {
     }
 }
 
-TEST(CommandLine, ALogThatCannotBeWrittenCostsTheScreenAndNothingElse) {
+TEST(CommandLine, AnUnwritableLogDisablesTheScreenOnly) {
     Agent agent({.environment = {"OX_LOG_FILE=/nonexistent/folder/agent.log"}});
     const LogFile terminal(agent.folder_file("stderr.txt"));
     EXPECT_TRUE(
@@ -82,7 +81,7 @@ TEST(CommandLine, ALogThatCannotBeWrittenCostsTheScreenAndNothingElse) {
     agent.expect_prompt_stop();
 }
 
-TEST(CommandLine, ABusyControlPortIsSaidOnceAndWaitedFor) {
+TEST(CommandLine, ABusyControlPortIsReportedOnceAndWaitedFor) {
     auto ports = std::make_shared<PortBlock>();
     UniqueFd occupier = bound_socket(SOCK_STREAM, ports->control());
     Agent agent({.ports = ports});
@@ -90,10 +89,10 @@ TEST(CommandLine, ABusyControlPortIsSaidOnceAndWaitedFor) {
                                     " failed: Address already in use";
     ASSERT_TRUE(agent.wait_for_log(bind_failed));
     EXPECT_TRUE(agent.screen().wait_for(std::to_string(ports->control()), kPatience))
-        << "the owner is not told";
+        << "not on the screen";
     const auto cpu_before = agent.process().cpu_time();
     std::this_thread::sleep_for(
-        std::chrono::seconds(1));  // four looks at the port, of which nothing is to come
+        std::chrono::seconds(1));  // four checks of the port, without an effect
     EXPECT_EQ(agent.log().count(bind_failed), 1U);
     EXPECT_LE(agent.process().cpu_time() - cpu_before, std::chrono::milliseconds(100))
         << "hot loop";
@@ -101,13 +100,13 @@ TEST(CommandLine, ABusyControlPortIsSaidOnceAndWaitedFor) {
     ASSERT_TRUE(agent.wait_for_log("TcpControlServer: listening on port"));
     EXPECT_TRUE(agent.screen().wait_for("Resolved: Port ", kPatience));
     EXPECT_TRUE(Player(agent).receive_frames(1));
-    EXPECT_EQ(agent.screen().count(std::to_string(ports->control())), 2U) << "told twice";
+    EXPECT_EQ(agent.screen().count(std::to_string(ports->control())), 2U) << "reported twice";
 }
 
-TEST(CommandLine, AControlPortThatTheSystemRefusesIsShownToTheOwner) {
-    std::ifstream first_ordinary("/proc/sys/net/ipv4/ip_unprivileged_port_start");
+TEST(CommandLine, AControlPortWithoutPermissionIsShownToTheOwner) {
+    std::ifstream first_unprivileged("/proc/sys/net/ipv4/ip_unprivileged_port_start");
     int port = 0;
-    if (first_ordinary >> port; port < 1024) GTEST_SKIP() << "every port is anybody's here";
+    if (first_unprivileged >> port; port < 1024) GTEST_SKIP() << "any user may open any port here";
     Agent::Setup setup{.arguments = {"--port-base", "0"}};
     if (::geteuid() == 0) setup.wrapper = {"setpriv", "--bounding-set=-net_bind_service"};
     const Agent agent(setup);

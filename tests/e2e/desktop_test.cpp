@@ -11,17 +11,16 @@
 
 #include "e2e/player.h"
 #include "support/environment.h"
-#include "support/unix_socket.h"
+#include "support/sockets.h"
 #include "support/x_painter.h"
 #include "support/xvfb.h"
 
 namespace ox::test {
 namespace {
 
-/// A shell that sees no X servers but those of this folder, and nothing of the user's own session,
-/// until it becomes `command`, a line of shell, with the arguments that follow.
-std::vector<std::string> in_a_world_of_its_own(const std::string& x_sockets,
-                                               const std::string& command) {
+/// A shell that sees the X servers of this folder only, and nothing of the user's own session. It
+/// becomes `command`, a line of shell, with the arguments that follow.
+std::vector<std::string> isolated_shell(const std::string& x_sockets, const std::string& command) {
     std::vector<std::string> argv{"unshare", "--mount"};
     if (::geteuid() != 0) argv.emplace_back("--map-root-user");
     argv.insert(argv.end(), {"sh", "-c",
@@ -32,8 +31,21 @@ std::vector<std::string> in_a_world_of_its_own(const std::string& x_sockets,
     return argv;
 }
 
-/// An authority file with one cookie: for a display of this host under a name that it had once, or
-/// for every one of any host.
+class BeforeTheDesktop : public testing::Test {
+  protected:
+    void SetUp() override {
+        ChildProcess probe({.argv = isolated("true"), .environment = {}});
+        if (probe.wait(kPatience) != 0) GTEST_SKIP() << "no mount namespaces for this user";
+    }
+    [[nodiscard]] std::vector<std::string> isolated(const std::string& command) const {
+        return isolated_shell(x_sockets_.path().string(), command);
+    }
+
+    TempDir x_sockets_;
+};
+
+/// Writes an authority file with one cookie: for a display of this host under a former name, or for
+/// every display of any host.
 void write_cookie(const std::string& path, const std::string& number = {}) {
     const bool any = number.empty();
     const std::string host = any ? "" : "renamed-since";
@@ -43,8 +55,8 @@ void write_cookie(const std::string& path, const std::string& number = {}) {
     std::ofstream(path, std::ios::binary) << bytes;
 }
 
-/// Plays until `done` holds for a picture, and ends the session.
-bool see(const Agent& agent, const std::function<bool(const launcher::DecodedPicture&)>& done) {
+/// Streams until `done` holds for a picture, and ends the session.
+bool shows(const Agent& agent, const std::function<bool(const launcher::DecodedPicture&)>& done) {
     Player player(agent);
     bool seen = false;
     player.on_picture = [&](const auto& picture) { seen = seen || done(picture); };
@@ -53,16 +65,10 @@ bool see(const Agent& agent, const std::function<bool(const launcher::DecodedPic
     return player.is_ended() && in_time;
 }
 
-TEST(BeforeTheDesktop, AnAgentStreamsATestPatternAndThenTheDesktopThatHasCome) {
-    const TempDir x_sockets;
-    ChildProcess probe(
-        {.argv = in_a_world_of_its_own(x_sockets.path().string(), "true"), .environment = {}});
-    if (probe.wait(kPatience) != 0) GTEST_SKIP() << "no mount namespaces for this user";
+TEST_F(BeforeTheDesktop, AnAgentStreamsATestPatternThenTheNewDesktop) {
     Agent agent({.capture = "auto",
-                 .wrapper = in_a_world_of_its_own(
-                     x_sockets.path().string(),
-                     "env -i HOME=\"$HOME\" OX_LOG_FILE=\"$OX_LOG_FILE\" \"$@\"")});
-    EXPECT_TRUE(see(agent, [](const auto&) { return true; }));
+                 .wrapper = isolated("env -i HOME=\"$HOME\" OX_LOG_FILE=\"$OX_LOG_FILE\" \"$@\"")});
+    EXPECT_TRUE(shows(agent, [](const auto&) { return true; }));
     EXPECT_TRUE(agent.wait_for_log("Session: capture backend = synthetic"));
     const std::string missing = "Desktop: no display, no session bus yet";
     EXPECT_EQ(agent.log().count(missing), 1U);
@@ -71,14 +77,13 @@ TEST(BeforeTheDesktop, AnAgentStreamsATestPatternAndThenTheDesktopThatHasCome) {
     const std::string authority = desktop.file("authority");
     write_cookie(authority);
     const auto server =
-        Xvfb::start({.arguments = {"-auth", authority},
-                     .wrapper = in_a_world_of_its_own(x_sockets.path().string(), "\"$@\"")});
+        Xvfb::start({.arguments = {"-auth", authority}, .wrapper = isolated("\"$@\"")});
     if (!server) GTEST_SKIP() << "no Xvfb on this machine";
     write_cookie(agent.folder_file(".Xauthority"), server->display().substr(1));
     const Environment as_its_user("XAUTHORITY", authority);
     XPainter(server->display()).fill(0, 0, 640, 480, 0x336699);
 
-    EXPECT_TRUE(see(agent, [](const auto& picture) {
+    EXPECT_TRUE(shows(agent, [](const auto& picture) {
         return std::ranges::all_of(picture.luma.bytes.first(picture.width),
                                    [](int luma) { return std::abs(luma - 95) <= 6; });
     }));
@@ -89,12 +94,9 @@ TEST(BeforeTheDesktop, AnAgentStreamsATestPatternAndThenTheDesktopThatHasCome) {
     agent.expect_prompt_stop();
 }
 
-TEST(BeforeTheDesktop, ServersThatHangKeepNobodyFromStoppingTheAgent) {
-    const TempDir folder;
-    ChildProcess probe(
-        {.argv = in_a_world_of_its_own(folder.path().string(), "true"), .environment = {}});
-    if (probe.wait(kPatience) != 0) GTEST_SKIP() << "no mount namespaces for this user";
-    const auto stops_while_it_asks = [&](const char* server, bool in_session) {
+TEST_F(BeforeTheDesktop, TheAgentStopsWhileAServerHangs) {
+    const TempDir& folder = x_sockets_;
+    const auto expect_stop_while_waiting = [&](const char* server, bool in_session) {
         SCOPED_TRACE(std::string(server) + (in_session ? ", in a session" : ""));
         const UniqueFd listener = listen_unix(folder.file(server));
         Agent agent({.arguments = {"--audio"},
@@ -102,7 +104,7 @@ TEST(BeforeTheDesktop, ServersThatHangKeepNobodyFromStoppingTheAgent) {
                                      "PULSE_SERVER=unix:" + folder.file("sound"),
                                      in_session ? "DISPLAY=:7" : "DISPLAY"},
                      .capture = "auto",
-                     .wrapper = in_a_world_of_its_own(folder.path().string(), "\"$@\"")});
+                     .wrapper = isolated("\"$@\"")});
         std::optional<TcpClient> launcher;
         if (in_session) {
             ASSERT_TRUE(agent.wait_for_log("TcpControlServer: listening on port"));
@@ -116,9 +118,9 @@ TEST(BeforeTheDesktop, ServersThatHangKeepNobodyFromStoppingTheAgent) {
         std::filesystem::remove(folder.file(server));
     };
     for (const char* server : {"bus", "X7", "sound"})
-        stops_while_it_asks(server, false);
+        expect_stop_while_waiting(server, false);
     for (const char* server : {"X7", "sound"})
-        stops_while_it_asks(server, true);
+        expect_stop_while_waiting(server, true);
 }
 
 }  // namespace

@@ -1,13 +1,17 @@
-// The reference launcher's session with the real agent, and the files that it leaves.
+// The reference launcher's session with the real agent, and its output files.
 
 #include <gtest/gtest.h>
 #include <signal.h>
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
 
 #include <nlohmann/json.hpp>
 
 #include "audio/audio_encoder.h"
 #include "e2e/agent.h"
-#include "launcher/av_handles.h"
+#include "launcher/client/av_handles.h"
 #include "launcher/session.h"
 #include "support/pulse_daemon.h"
 #include "support/sockets.h"
@@ -30,7 +34,7 @@ Options options_for(uint16_t port_base) {
     return options;
 }
 
-/// What libavformat and libavcodec find in a file: pictures, and perhaps sound.
+/// The contents of a file, read by libavformat and libavcodec.
 struct MediaFile {
     struct Track {
         AVCodecID codec = AV_CODEC_ID_NONE;
@@ -73,7 +77,7 @@ MediaFile read_file(const std::string& path) {
     return found;
 }
 
-/// The number in a picture's corner, by the first bytes of its pixels.
+/// The number in a picture's corner, from the first byte of each pixel.
 std::optional<uint32_t> stamp_of(const AVFrame& picture, size_t bytes_per_pixel) {
     std::vector<uint8_t> levels;
     for (size_t at = 0; at < size_t{8 * 256}; ++at)
@@ -82,21 +86,21 @@ std::optional<uint32_t> stamp_of(const AVFrame& picture, size_t bytes_per_pixel)
     return read_frame_stamp({.bytes = levels, .stride = 256, .width = 256, .height = 8});
 }
 
-/// A tone of 440 Hz and half of full scale that was played, sealed, partly lost and decoded.
+/// Expects a tone of 440 Hz and half of full scale, partly lost on the way.
 void expect_the_tone(const Summary& summary, const MediaFile& recording) {
     const AudioSnapshot& audio = summary.audio;
     const AudioStats& stream = audio.stream;
     ASSERT_GT(audio.seconds, 1.0);
-    EXPECT_NEAR(audio.sound.pitch_hz, 440, 3);
-    EXPECT_NEAR(audio.sound.level_dbfs, -6.02, 1);
+    EXPECT_NEAR(summary.outputs.sound.pitch_hz, 440, 3);
+    EXPECT_NEAR(summary.outputs.sound.level_dbfs, -6.02, 1);
     EXPECT_EQ(stream.undecryptable + stream.malformed + audio.decode_errors, 0U);
     EXPECT_GT(stream.frames.repaired, 5U);
     EXPECT_LT(stream.frames.lost, stream.frames.repaired);
     const auto& [codec, times] = recording.tracks[1];
     EXPECT_EQ(codec, AV_CODEC_ID_OPUS);
-    EXPECT_EQ(times.size(), summary.decode.audio_frames_recorded);
+    EXPECT_EQ(times.size(), summary.outputs.recorded.audio_frames);
     EXPECT_EQ(std::ranges::adjacent_find(times, std::ranges::greater_equal{}), times.end());
-    // The file begins with the first picture, which the losses may delay: the sound from there on.
+    // The file begins with the first picture, which losses may delay.
     ASSERT_GT(times.size(), 1U);
     const auto frames = static_cast<size_t>(times.back() - times.front()) / AudioEncoder::kFrameMs;
     EXPECT_GT(times.size(), frames * 8 / 10);
@@ -121,7 +125,7 @@ void expect_all_of_a_session(bool lossy) {
     options.save_frame = folder.file("frame.png");
     options.bitrate_changes = {{.kbps = 1234, .at_seconds = 0.3}};
     int seconds_with_pictures = 0;
-    bool enough = false;  // which of the packets are lost is chance
+    bool enough = false;  // losses are random
     const auto on_progress = [&](const Progress& progress) {
         if (progress.fps > 0) ++seconds_with_pictures;
         enough = lossy && progress.frames_lost > 0 && progress.packets_recovered > 0 &&
@@ -132,10 +136,12 @@ void expect_all_of_a_session(bool lossy) {
     const Summary summary = session.run();
     ASSERT_EQ(summary.status, ExitStatus::Ok) << summary.error;
     EXPECT_TRUE(agent.wait_for_log("Session: set_settings bitrate=1234kbps"));
+    EXPECT_TRUE(agent.wait_for_log("VideoEncoder: reconfigure bitrate → 1234kbps (re-init "));
     EXPECT_TRUE(agent.wait_for_log("Standalone session ended: client_end_session"));
 
     const ReceiveStats& stream = summary.receive.stream;
     const DecodeStats& decode = summary.decode;
+    const StampChecker::Report& stamps = summary.outputs.stamps;
     EXPECT_EQ(enough, lossy) << stream.assembly.packets_recovered << " packets recovered";
     EXPECT_EQ(stream.assembly.frames_lost > 0, lossy);
     EXPECT_EQ(stream.keyframe_requests > 0, lossy);
@@ -143,8 +149,8 @@ void expect_all_of_a_session(bool lossy) {
     EXPECT_EQ(decode.frames_decoded + stream.frames_withheld + summary.receive.queue_drops,
               stream.assembly.frames_complete);
     EXPECT_GE(decode.frames_decoded, 3U);
-    EXPECT_EQ(decode.stamps.read, decode.frames_decoded);
-    EXPECT_EQ(decode.decode_errors + decode.stamps.invented + decode.stamps.out_of_order, 0U);
+    EXPECT_EQ(stamps.read, decode.frames_decoded);
+    EXPECT_EQ(decode.decode_errors + stamps.invented + stamps.out_of_order, 0U);
     EXPECT_GT(summary.rtt_ms, 0.0);
     const auto json = nlohmann::json::parse(to_json(summary));
     EXPECT_EQ(json["result"], "ok");
@@ -157,11 +163,11 @@ void expect_all_of_a_session(bool lossy) {
     ASSERT_EQ(times.size(), decode.frames_decoded);
     EXPECT_TRUE(std::ranges::is_sorted(times));
     EXPECT_GT(times.back(), 500) << "of more than a second";
-    EXPECT_EQ(stamp_of(*recording.last, 1), decode.stamps.last);
+    EXPECT_EQ(stamp_of(*recording.last, 1), stamps.last);
     const MediaFile png = read_file(options.save_frame);
     ASSERT_EQ(png.pictures, 1);
     EXPECT_EQ(png.last->width, options.width);
-    EXPECT_EQ(stamp_of(*png.last, 3), decode.stamps.last);
+    EXPECT_EQ(stamp_of(*png.last, 3), stamps.last);
     if (lossy) expect_the_tone(summary, recording);
 }
 
@@ -176,7 +182,7 @@ TEST(LauncherSession, InHevcIsDecodedCountedAndSaved) {
     expect_all_of_a_session(false);
 }
 
-TEST(LauncherFailures, AreToldApart) {
+TEST(LauncherFailures, HaveAStatusEach) {
     silence_libav();
     Agent agent;
     Options options = options_for(agent.port_base());
@@ -187,7 +193,7 @@ TEST(LauncherFailures, AreToldApart) {
         EXPECT_EQ(summary.status, status) << summary.error;
         EXPECT_NE(summary.error.find(error), std::string::npos) << summary.error;
     };
-    // What fails on this side fails before the agent is bothered.
+    // Local failures come before the connection to the agent.
     options.save_stream = "/nonexistent/stream.mkv";
     expect(ExitStatus::Failed, "No such file");
     options.save_stream.clear();

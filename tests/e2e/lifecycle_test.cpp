@@ -1,15 +1,16 @@
-// Sessions as a launcher sees them, and how they and the program itself end, hold and come back.
+// Sessions from a launcher's view: their end, their hold and the program's stop.
 
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
 
 #include <filesystem>
+#include <variant>
 
 #include "e2e/player.h"
-#include "launcher/feedback_packets.h"
-#include "launcher/input_channel.h"
-#include "support/unix_socket.h"
+#include "launcher/client/feedback_packets.h"
+#include "launcher/client/input_channel.h"
+#include "support/sockets.h"
 
 namespace ox::test {
 namespace {
@@ -17,40 +18,35 @@ namespace {
 using namespace std::chrono_literals;
 
 TEST(Stopping, SigtermEndsTheProgramPromptlyInEveryState) {
-    struct Launcher {
-        std::optional<Player> player;
-        std::optional<TcpClient> silent;
-    };
-    const auto say = [](const std::string& text) {
-        return [text](Agent& agent, Launcher& launcher) {
-            launcher.silent.emplace(agent.control_port(), kPatience);
-            launcher.silent->send(text);
+    using Connection = std::variant<std::monostate, TcpClient, Player>;
+    const auto send = [](const std::string& text) {
+        return [text](Agent& agent, Connection& to) {
+            to.emplace<TcpClient>(agent.control_port(), kPatience).send(text);
         };
     };
-    const auto stream = [](Agent& agent, Launcher& launcher) {
-        launcher.player.emplace(agent);
-        ASSERT_TRUE(launcher.player->receive_frames(5));
+    const auto stream = [](Agent& agent, Connection& to) {
+        ASSERT_TRUE(to.emplace<Player>(agent).receive_frames(5));
     };
     const struct {
-        const char* log;  ///< tells that the state is reached
-        std::function<void(Agent&, Launcher&)> enter;
+        const char* log;  ///< shows that the state is reached
+        std::function<void(Agent&, Connection&)> enter;
     } states[] = {
         {"TcpControlServer: listening on port", [](auto&, auto&) {}},
-        {"TcpControlServer: client connected from", say(R"({"type":"auth","tok)")},
-        // Waits for the probe then.
-        {"VideoEncoder: using libx264", say(auth_line(R"(,"width":320,"height":180)"))},
+        {"TcpControlServer: client connected from", send(R"({"type":"auth","tok)")},
+        // Then waits for the probe.
+        {"VideoEncoder: using libx264", send(auth_line(R"(,"width":320,"height":180)"))},
         {"VideoEncoder: using libx264", stream},
         {"Session: launcher lost — holding the session for up to 60s",
-         [&](Agent& agent, Launcher& launcher) {
-             stream(agent, launcher);
-             launcher.player.reset();
+         [&](Agent& agent, Connection& to) {
+             stream(agent, to);
+             to.emplace<std::monostate>();
          }},
     };
     for (const auto& [log, enter] : states) {
         SCOPED_TRACE(log);
         Agent agent;
-        Launcher launcher;
-        enter(agent, launcher);
+        Connection connection;
+        enter(agent, connection);
         ASSERT_TRUE(agent.wait_for_log(log));
         agent.expect_prompt_stop();
         EXPECT_TRUE(agent.wait_for_log("orvex-agent stopped (signal=15)"));
@@ -69,7 +65,7 @@ TEST(Session, IsHeldForItsLauncherAloneWhichGetsFreshKeysAndTheNextFrameNumbers)
     }
     ASSERT_TRUE(agent.wait_for_log("Session: launcher lost — holding the session for up to 60s"));
     {
-        // A stranger in between does not end the hold.
+        // A stranger does not end the hold.
         TcpClient stranger(agent.control_port(), kPatience);
         stranger.send(auth_line("", "let me out"));
         EXPECT_TRUE(stranger.closed_within(kPatience));
@@ -86,7 +82,7 @@ TEST(Session, IsHeldForItsLauncherAloneWhichGetsFreshKeysAndTheNextFrameNumbers)
     EXPECT_EQ(agent.log().count("Session: launcher reconnected — resuming with an IDR"), 1U);
     EXPECT_EQ(agent.log().count("Standalone session ended"), 0U);
 
-    // One that comes meanwhile waits outside, and the port is free again once the first is gone.
+    // A second launcher waits, and the port is free again after the first one's session.
     TcpClient second(agent.control_port(), kPatience);
     second.send(auth_line());
     ASSERT_TRUE(player->receive_frames(60));
@@ -112,7 +108,7 @@ TEST(Session, WithoutAProbeAndWithoutGraceTheStreamGoesWhereTheConnectionCameFro
     EXPECT_TRUE(agent.wait_for_log("Session end (shutdown): "));
 }
 
-/// What `text` gets for an answer: nothing, and the end of the connection.
+/// Sends `text` and expects no answer but the end of the connection.
 void say(const UniqueFd& socket, const std::string& text) {
     ASSERT_EQ(::send(socket.get(), text.data(), text.size(), MSG_NOSIGNAL),
               static_cast<ssize_t>(text.size()));
@@ -134,7 +130,7 @@ TEST(Panic, EndsTheSessionAndEveryLaterOneUntilTheAgentIsStartedAgain) {
         } else {
             const UniqueFd typing = connect_unix(path);
             say(connect_unix(path), "STOP");
-            ASSERT_TRUE(player->receive_frames(90)) << "ended by a word that is none";
+            ASSERT_TRUE(player->receive_frames(90)) << "ended by another word";
             say(typing, "please stop now\n");
             EXPECT_TRUE(agent.wait_for_log("PANIC: local stop requested — ending the session now"));
         }
@@ -145,63 +141,49 @@ TEST(Panic, EndsTheSessionAndEveryLaterOneUntilTheAgentIsStartedAgain) {
         Player next(agent);
         EXPECT_TRUE(next.is_ended());
         EXPECT_TRUE(agent.wait_for_log("Standalone session ended: merchant_panic", 2));
-        // The agent itself goes on, ends with status 0 when told, and takes its socket along.
+        // The agent itself keeps running, stops with status 0 and removes its socket.
         ASSERT_TRUE(agent.process().running());
         agent.expect_prompt_stop();
         EXPECT_FALSE(std::filesystem::exists(path));
     }
 }
 
-/// Asks for a keyframe until one comes: those that come too soon after another one count as
-/// answered by it.
-bool keyframe_comes(Player& player, launcher::InputChannel& channel, const InputPacket& request) {
-    const size_t before = player.frames().size();
-    size_t asked_at = 0;
-    return player.receive_until([&] {
-        if (player.frames().size() >= asked_at) {
-            channel.send(request);
-            asked_at = player.frames().size() + 20;
-        }
-        return player.keyframes_since(before) > 0;
-    });
-}
-
-TEST(Feedback, BringsKeyframesAndIsClassified) {
+TEST(Feedback, CausesKeyframesForEachLauncherAndIsCounted) {
     Agent agent({.arguments = {"--media-rfi"}, .input = true});
-    uint64_t packets = 0;
-    uint64_t about_losses = 0;
-    // Each launcher's numbers begin at 0.
-    for (const bool comes_back : {false, true}) {
+    uint64_t requests = 0;
+    // Each launcher's sequence numbers start at 0.
+    for (const bool last : {false, true}) {
         Player player(agent);
         launcher::InputChannel channel;
         std::string error;
         ASSERT_TRUE(channel.open("127.0.0.1", static_cast<uint16_t>(agent.port_base() + 2),
                                  std::span(player.keys().input_key).first<32>(), error))
             << error;
-        // Long after the keyframe of the start, which would count as the answer.
+        // Long after the first keyframe, which would count as the answer.
         ASSERT_TRUE(player.receive_frames(60));
         EXPECT_EQ(player.keyframes_since(1), 0U);
-        for (const auto& request :
-             {launcher::make_keyframe_request(),
-              launcher::make_media_feedback({.keyframe_wanted = true}),
-              launcher::make_lost_frames_request(
-                  {.last_delivered = 100, .first_missing = 101, .last_missing = 103})})
-            EXPECT_TRUE(keyframe_comes(player, channel, request));
-        if (comes_back) {
+        size_t next_request = 0;
+        EXPECT_TRUE(player.receive_until([&] {
+            if (player.frames().size() >= next_request) {
+                channel.send(launcher::make_lost_frames_request(
+                    {.last_delivered = 100, .first_missing = 101, .last_missing = 103}));
+                next_request = player.frames().size() + 20;
+            }
+            return player.keyframes_since(1) > 0;
+        }));
+        if (last) {
             channel.send(
                 launcher::make_lost_frames_request({.last_delivered = 0, .first_missing = 1}));
             EXPECT_TRUE(agent.wait_for_log("Session: RFI request rejected (last_delivered == 0)"));
             player.say("end_session");
         }
-        const auto sent = channel.counters();
-        about_losses += sent.lost_frames_requests;
-        packets += sent.keyframe_requests + sent.media_feedback + sent.lost_frames_requests;
+        requests += channel.counters().lost_frames_requests;
     }
-    EXPECT_TRUE(agent.wait_for_log("Session end: media feedback " + std::to_string(packets) +
-                                   " packet(s), "));
-    const std::string valid = std::to_string(about_losses - 1);
-    EXPECT_TRUE(agent.wait_for_log("Session end: P5 RFI requests=" + std::to_string(about_losses) +
-                                   " valid=" + valid + " idr_fallbacks=" + valid + " supported=0"));
+    const std::string all = std::to_string(requests);
+    const std::string valid = std::to_string(requests - 1);
+    EXPECT_TRUE(agent.wait_for_log("Session end: media feedback " + all + " packet(s), "));
+    EXPECT_TRUE(agent.wait_for_log("Session end: P5 RFI requests=" + all + " valid=" + valid +
+                                   " idr_fallbacks=" + valid + " supported=0"));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The road of rented sessions: a backend, the agent, a launcher.
+// Sessions that a backend prepares.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -16,7 +16,7 @@
 
 #include "app/keys/lease_table.h"
 #include "e2e/player.h"
-#include "launcher/media_socket.h"
+#include "launcher/client/media_socket.h"
 #include "saas/raw_backend.h"
 #include "support/pulse_daemon.h"
 #include "transport/encryption.h"
@@ -31,28 +31,7 @@ constexpr std::array<uint8_t, 32> kMaster{
     0x54, 0xc3, 0x91, 0x34, 0x6f, 0x69, 0x1d, 0xbe, 0x69, 0x57, 0xd9, 0xcd, 0x5f, 0xe9, 0xd3, 0xcd};
 constexpr const char* kMasterBase64 = "lVwP9EVIEwTnVC919Wr+8VTDkTRvaR2+aVfZzV/p080=";
 
-/// Everything that was ever sealed, by stream and nonce.
-class NonceWatch {
-  public:
-    void add(std::span<const uint8_t> datagram) {
-        PacketHeader header;
-        ASSERT_GE(datagram.size(), sizeof header);
-        std::memcpy(&header, datagram.data(), sizeof header);
-        Nonce nonce{};
-        Encryption::build_nonce(header, nonce.data());
-        const std::vector<uint8_t> bytes(datagram.begin(), datagram.end());
-        if (sealed_.try_emplace(nonce, bytes).first->second != bytes) ++repeated_;
-        if (header.stream == kStreamAudio) ++sounds_;
-    }
-    [[nodiscard]] size_t repeated() const { return repeated_; }
-    [[nodiscard]] size_t sounds() const { return sounds_; }
-
-  private:
-    using Nonce = std::array<uint8_t, 12>;
-    std::map<Nonce, std::vector<uint8_t>> sealed_;
-    size_t repeated_ = 0;  ///< datagrams under the nonce of another one
-    size_t sounds_ = 0;
-};
+using Bytes = std::vector<uint8_t>;
 
 class PlatformTest : public testing::Test {
   protected:
@@ -86,7 +65,7 @@ class PlatformTest : public testing::Test {
         registration_ = next("register");
     }
 
-    /// The next message of this type; what else comes is passed over.
+    /// The next message of this type; others are skipped.
     json next(const std::string& type) {
         while (const auto frame = peer_->read_frame()) {
             const json message = json::parse(*frame);
@@ -102,12 +81,19 @@ class PlatformTest : public testing::Test {
                          R"(","session_token_sha256":")" + kTokenSha256 + "\"}");
     }
 
-    /// Prepares a session and brings a launcher into it.
-    Player& play(const std::string& id) {
-        prepare(id);
+    void wait_until_listening() {
         EXPECT_TRUE(
             agent_->wait_for_log("TcpControlServer: listening on port", ++listening_count_));
+    }
+    void connect_player() {
+        wait_until_listening();
         player_.emplace(*agent_);
+    }
+
+    /// Prepares a session and connects a launcher.
+    Player& play(const std::string& id) {
+        prepare(id);
+        connect_player();
         EXPECT_TRUE(player_->receive_frames(5));
         const json ready = next("session_ready");
         const int base = agent_->port_base();
@@ -119,8 +105,8 @@ class PlatformTest : public testing::Test {
         return *player_;
     }
 
-    /// How many places of the agent's memory hold the second half of this key. (Into the beginning
-    /// of memory that was given back the allocator writes.)
+    /// How often the second half of this key is in the agent's memory. (The allocator overwrites
+    /// the beginning of freed memory.)
     [[nodiscard]] size_t copies_of(std::span<const uint8_t, 32> key) {
         const std::string wanted(key.begin() + 16, key.end());
         const std::string process = "/proc/" + std::to_string(agent_->process().pid());
@@ -150,7 +136,12 @@ class PlatformTest : public testing::Test {
         player_.reset();
     }
 
-    std::vector<uint8_t> video_key_ = std::vector<uint8_t>(32);  ///< that of the master key
+    void end_by_client(const std::string& id) {
+        player_->say("end_session");
+        expect_ended(id, "client_end_session");
+    }
+
+    Bytes video_key_ = Bytes(32);  ///< that of the master key
     TempDir state_;
     RawBackend backend_;
     std::optional<Agent> agent_;
@@ -167,28 +158,26 @@ TEST_F(PlatformTest, SessionAfterSessionThroughEveryWayToEnd) {
     EXPECT_EQ(registration_["supported_codecs"], (json{"h264", "hevc"}));
 
     EXPECT_EQ(play("s1").keys().video_key, video_key_);
-    // A sanitizer maps far more than can be searched.
+    // A sanitizer maps too much memory to search.
     const bool search = kSlowdown == 1;
     EXPECT_TRUE(!search || copies_of(kMaster) > 0) << "the search itself";
-    // A link that flaps during a session loses nothing that matters.
+    // A reconnect during a session repeats its state.
     connect();
     EXPECT_EQ(next("session_ready")["session_id"], "s1");
     ASSERT_TRUE(player_->receive_frames(3));
-    player_->say("end_session");
-    expect_ended("s1", "client_end_session");
+    end_by_client("s1");
     EXPECT_TRUE(!search || copies_of(kMaster) == 0) << "the key outlives its session";
 
     play("s2");
     peer_->send_text(R"({"type":"terminate_session","session_id":"s2","reason":"over"})");
     expect_ended("s2", "saas_terminated");
 
-    // Dropped, back under the same keys with frame numbers that run on, dropped for good.
+    // Dropped, back with the same keys and continued frame numbers, dropped for good.
     play("s3");
     const uint32_t last = player_->frames().back().frame_id;
     player_.reset();
     ASSERT_TRUE(agent_->wait_for_log("holding the session for up to 2s"));
-    ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", ++listening_count_));
-    player_.emplace(*agent_);
+    connect_player();
     ASSERT_TRUE(player_->receive_frames(3));
     EXPECT_EQ(player_->keys().video_key, video_key_);
     EXPECT_GT(player_->frames().front().frame_id, last);
@@ -210,20 +199,18 @@ TEST_F(PlatformTest, OnlyTheNewestPreparedSessionFollowsAndItsWaitCanBeEnded) {
     prepare("s2");
     prepare("s3");
     ASSERT_TRUE(agent_->wait_for_log("prepare_session id=s3"));
-    // To end the session before is not to end the one that waits for its place.
+    // Terminating the current session does not end the one that waits.
     peer_->send_text(R"({"type":"terminate_session","session_id":"s1"})");
     expect_ended("s1", "saas_terminated");
-    ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", 2));
-    player_.emplace(*agent_);
+    connect_player();
     EXPECT_EQ(next("session_ready")["session_id"], "s3");
-    player_->say("end_session");
-    expect_ended("s3", "client_end_session");
+    end_by_client("s3");
     prepare("s4");
-    ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", 3));
+    wait_until_listening();
     peer_->send_text(R"({"type":"terminate_session","session_id":"s4"})");
     expect_ended("s4", "handshake_failed:SESSION_ABORTED");
     prepare("s5");
-    ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", 4));
+    wait_until_listening();
     agent_->process().signal(SIGTERM);
     expect_ended("s5", "handshake_failed:SESSION_ABORTED");
     EXPECT_EQ(agent_->process().wait(kPatience), 0);
@@ -231,35 +218,43 @@ TEST_F(PlatformTest, OnlyTheNewestPreparedSessionFollowsAndItsWaitCanBeEnded) {
 
 TEST_F(PlatformTest, AKeyThatComesAgainSealsNothingTwiceUnderOneNonce) {
     PulseDaemon pulse;
-    NonceWatch seen;
-    const auto watch = [&](const std::string& id) {
+    std::map<Bytes, Bytes> by_nonce;
+    size_t sounds = 0;
+    const auto add = [&](std::span<const uint8_t> datagram) {
+        PacketHeader header;
+        ASSERT_GE(datagram.size(), sizeof header);
+        std::memcpy(&header, datagram.data(), sizeof header);
+        Bytes nonce(12);
+        Encryption::build_nonce(header, nonce.data());
+        const Bytes bytes(datagram.begin(), datagram.end());
+        EXPECT_EQ(by_nonce.try_emplace(nonce, bytes).first->second, bytes);
+        sounds += header.stream == kStreamAudio ? 1 : 0;
+    };
+    const auto collect = [&](const std::string& id) {
         launcher::MediaSocket sound;
         std::string error;
         ASSERT_TRUE(sound.open(static_cast<uint16_t>(agent_->port_base() + 1), error)) << error;
-        const size_t sounds = seen.sounds();
-        play(id).on_datagram = [&](auto datagram) { seen.add(datagram); };
+        play(id).on_datagram = add;
+        const size_t wanted = sounds + 60;
         ASSERT_TRUE(player_->receive_until([&] {
-            sound.receive({}, [&](auto datagram) { seen.add(datagram); });
-            return player_->frames().size() > 40 && seen.sounds() > sounds + 60;
+            sound.receive({}, add);
+            return player_->frames().size() > 40 && sounds > wanted;
         }));
     };
     agent_->expect_prompt_stop();
     const auto start = [&] { start_agent({"--audio", "--audio-parity"}, pulse.environment()); };
     start();
-    watch("s1");
-    player_->say("end_session");
-    expect_ended("s1", "client_end_session");
-    watch("s2");
+    collect("s1");
+    end_by_client("s1");
+    collect("s2");
     agent_->process().signal(SIGKILL);
     ASSERT_TRUE(agent_->process().wait(kPatience));
     player_.reset();
     start();
-    watch("s3");
-    EXPECT_EQ(seen.repeated(), 0U);
+    collect("s3");
     EXPECT_TRUE(agent_->wait_for_log(
         "Session: this key was used before — frame numbers go on at 144000, audio at 240000"));
-    player_->say("end_session");
-    expect_ended("s3", "client_end_session");
+    end_by_client("s3");
 }
 
 TEST_F(PlatformTest, AKeyWithoutNumbersEndsTheSession) {
@@ -273,8 +268,7 @@ TEST_F(PlatformTest, AKeyWithoutNumbersEndsTheSession) {
     EXPECT_EQ(player_->frames().back().frame_id, UINT32_MAX);
     expect_ended("s1", "no_video_key");
     prepare("s2");
-    ASSERT_TRUE(agent_->wait_for_log("TcpControlServer: listening on port", 2));
-    player_.emplace(*agent_);
+    connect_player();
     expect_ended("s2", "no_video_key");
     EXPECT_EQ(agent_->log().count("[ERROR] Session: all frame numbers of this key are used up"),
               2U);

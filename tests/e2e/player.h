@@ -11,17 +11,18 @@
 
 #include "base/clock.h"
 #include "e2e/agent.h"
-#include "launcher/control_client.h"
-#include "launcher/control_messages.h"
-#include "launcher/media_socket.h"
-#include "launcher/video_decoder.h"
-#include "launcher/video_receiver.h"
+#include "launcher/client/control_client.h"
+#include "launcher/client/control_messages.h"
+#include "launcher/client/media_socket.h"
+#include "launcher/client/video_decoder.h"
+#include "launcher/client/video_receiver.h"
+#include "launcher/frame_stamp.h"
 #include "support/tcp_client.h"
 
 namespace ox::test {
 
-/// A launcher in the test's own hands: authenticates, receives and decodes, and says on the control
-/// channel just what the test tells it to say. Works only while `receive_until` runs.
+/// A launcher under the test's control: authenticates, receives and decodes while `receive_until`
+/// runs, and sends on the control channel only what the test asks for.
 class Player {
   public:
     struct Setup {
@@ -29,19 +30,18 @@ class Player {
         int height = 180;
         int fps = 60;
         int bitrate_kbps = 1500;
-        bool probe = true;        ///< punches the hole, so that the agent need not wait for it
-        uint32_t host = 1;        ///< comes from 127.0.0.`host`
+        bool probe = true;        ///< sends hole-punch probes
+        uint32_t host = 1;        ///< connects from 127.0.0.`host`
         uint16_t media_port = 0;  ///< own, sound on the next; 0: the agent's port base
     };
 
-    /// One access unit in the order of arrival.
     struct Frame {
         uint32_t frame_id = 0;
         bool keyframe = false;
         size_t bytes = 0;
     };
 
-    /// Throws std::runtime_error when the agent does not let it in.
+    /// Throws std::runtime_error when the agent refuses it.
     Player(const Agent& agent, const Setup& setup) : setup_(setup) {
         std::string error;
         const std::string ip = "127.0.0." + std::to_string(setup.host);
@@ -59,7 +59,7 @@ class Player {
         if (control_.connect("127.0.0.1", agent.control_port(), auth,
                              SteadyClock::now() + kPatience,
                              [] { return false; }) != launcher::ConnectResult::Ready) {
-            throw std::runtime_error("not let in: " + control_.error());
+            throw std::runtime_error("refused: " + control_.error());
         }
         receiver_.emplace(std::span<const uint8_t, 32>(keys().video_key),
                           launcher::VideoReceiver::Config{});
@@ -85,7 +85,7 @@ class Player {
         }
         return true;
     }
-    /// Receives `count` more frames. False when they do not come.
+    /// Receives `count` more frames. False on a timeout.
     bool receive_frames(size_t count) {
         const size_t wanted = frames_.size() + count;
         return receive_until([&] { return frames_.size() >= wanted; });
@@ -95,7 +95,7 @@ class Player {
         control_.send_line(R"({"type":")" + type + "\"" + more + "}");
     }
     launcher::ControlClient& control() { return control_; }
-    /// Receives until the agent ends the session. False when it does not.
+    /// Receives until the agent ends the session. False on a timeout.
     bool is_ended() {
         return receive_until([this] { return !control_.is_connected(); });
     }
@@ -113,7 +113,7 @@ class Player {
 
     /// Called with each decoded picture.
     std::function<void(const launcher::DecodedPicture&)> on_picture;
-    /// Called with each datagram of the picture, sealed as it came.
+    /// Called with each video datagram, still sealed.
     std::function<void(std::span<const uint8_t>)> on_datagram;
 
   private:

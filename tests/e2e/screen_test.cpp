@@ -1,4 +1,4 @@
-// The agent in a terminal: what the owner sees, and what is left when it ends.
+// The agent in a terminal: its screen, and the terminal's state after its end.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ using ::testing::Not;
 
 /// The real program in a terminal of its own.
 struct AgentInTerminal {
-    /// `variable` is set in addition, or instead ("NAME=value", or "NAME" to unset).
+    /// `variable` as in ChildProcess::Options.
     explicit AgentInTerminal(const std::string& variable = "OX_TUI")
         : agent({.environment = {"OX_TUI", "TERM=xterm", "OX_LANG=ru", variable},
                  .terminal = window.path()}) {}
@@ -36,14 +36,13 @@ struct AgentInTerminal {
             },
             kPatience);
     }
-    /// As a shell gives it.
     std::optional<int> end_by(int signal) {
         agent.process().signal(signal);
         const auto status = agent.process().wait(kPatience);
         take_output();
         return status;
     }
-    [[nodiscard]] bool is_given_back() {
+    [[nodiscard]] bool is_restored() {
         return !terminal.alternate_screen() && terminal.cursor_visible() && terminal.wraps() &&
                same_modes(window.modes(), modes_before);
     }
@@ -55,33 +54,33 @@ struct AgentInTerminal {
     Agent agent;
 };
 
-TEST(ScreenOfTheAgent, TerminalIsGivenBackWhateverSignalEndsIt) {
+TEST(ScreenOfTheAgent, TheTerminalIsRestoredAfterAnySignal) {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGABRT, SIGSEGV, SIGALRM}) {
         SCOPED_TRACE(signal);
         AgentInTerminal agent;
         ASSERT_TRUE(agent.shows("ЖДЁМ ЛАУНЧЕР")) << agent.terminal.text();
-        EXPECT_FALSE(agent.is_given_back());
+        EXPECT_FALSE(agent.is_restored());
         EXPECT_TRUE(agent.terminal.alternate_screen());
         const tcflag_t flags = agent.window.modes().c_lflag;
         EXPECT_EQ(flags & static_cast<tcflag_t>(ECHO | ICANON | ISIG), tcflag_t{ISIG})
             << "nothing typed is shown, but Ctrl+C stops";
         const auto status = agent.end_by(signal);
         const bool stops = signal == SIGINT || signal == SIGTERM || signal == SIGHUP;
-        // A sanitizer reports a crash its own way.
+        // A sanitizer has its own status for a crash.
         if (kSlowdown == 1 || (signal != SIGSEGV && signal != SIGABRT)) {
             EXPECT_EQ(status, stops ? 0 : 128 + signal);
         }
-        EXPECT_TRUE(agent.is_given_back());
+        EXPECT_TRUE(agent.is_restored());
         EXPECT_EQ(agent.terminal.unknown(), "");
     }
 }
 
-TEST(ScreenOfTheAgent, PaintsEverythingAnewAfterAStopAndInAnotherSize) {
+TEST(ScreenOfTheAgent, RepaintsEverythingAfterAStopAndInAnotherSize) {
     AgentInTerminal agent;
     ASSERT_TRUE(agent.shows("ЖДЁМ ЛАУНЧЕР"));
     agent.agent.process().signal(SIGSTOP);
     agent.take_output();
-    // As a shell does; and what it has shown meanwhile covers the picture.
+    // A shell changes the modes and overwrites the picture.
     const termios screen_modes = agent.window.modes();
     termios modes = screen_modes;
     modes.c_lflag |= static_cast<tcflag_t>(ECHO | ICANON);
@@ -96,7 +95,7 @@ TEST(ScreenOfTheAgent, PaintsEverythingAnewAfterAStopAndInAnotherSize) {
     agent.window.resize(40, 12);
     EXPECT_TRUE(agent.shows("ЖДЁМ ЛАУНЧЕР"));
     EXPECT_EQ(agent.end_by(SIGTERM), 0);
-    EXPECT_TRUE(agent.is_given_back());
+    EXPECT_TRUE(agent.is_restored());
 }
 
 TEST(ScreenOfTheAgent, SimpleTerminalsGetPlainLines) {

@@ -2,61 +2,47 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <random>
 #include <vector>
 
 namespace ox::fountain {
 namespace {
 
-class Gf256KernelTest : public testing::TestWithParam<Gf256Path> {};
-
-// Every length up to several vectors, at every alignment, and the bytes behind stay untouched.
-TEST_P(Gf256KernelTest, GivesTheFieldsBytesAtAnyLengthAndAlignment) {
-    const Gf256Kernels* kernels = gf256_kernels(GetParam());
-    if (kernels == nullptr) GTEST_SKIP() << "this processor does not have these instructions";
+// The product of every two elements, by the schoolbook: shift, add, reduce.
+TEST(Gf256, MultipliesBlocksAsTheFieldDoesAndInverts) {
     using Bytes = std::vector<uint8_t>;
-    std::mt19937 random(7);
-    const auto random_bytes = [&random] {
-        Bytes bytes(320);
-        for (uint8_t& byte : bytes)
-            byte = static_cast<uint8_t>(random());
-        return bytes;
-    };
-    std::array<Bytes, 5> sources;
-    std::array<const uint8_t*, 5> from{};
-    for (size_t i = 0; i < sources.size(); ++i) {
-        sources[i] = random_bytes();
-        from[i] = sources[i].data() + i;
-    }
-    for (size_t length = 0; length <= 270; ++length) {
-        const size_t at = length % 33;
-        const size_t count = length % sources.size() + 1;
-        const auto factor = static_cast<uint8_t>(length == 100 ? 0 : random());
-        const Bytes before = random_bytes();
-        // Added, summed, multiplied, accumulated.
-        std::array<Bytes, 4> got{before, before, before, before};
-        kernels->add_mem(got[0].data() + at, from[3], length);
-        kernels->sum_mem(got[1].data() + at, from.data(), count, length);
-        kernels->mul_mem(got[2].data() + at, from[3], factor, length);
-        kernels->muladd_mem(got[3].data() + at, factor, from[3], length);
-        std::array<Bytes, 4> wanted{before, before, before, before};
-        for (size_t i = 0; i < length; ++i) {
-            const uint8_t product = gf256_mul(factor, from[3][i]);
-            wanted[0][at + i] ^= from[3][i];
-            wanted[1][at + i] = 0;
-            for (size_t s = 0; s < count; ++s)
-                wanted[1][at + i] ^= from[s][i];
-            wanted[2][at + i] = product;
-            wanted[3][at + i] ^= product;
+    constexpr uint8_t kUntouched = 0x5A;
+    for (unsigned factor = 0; factor < 256; ++factor) {
+        const auto f = static_cast<uint8_t>(factor);
+        Bytes values(256);
+        Bytes products(256);
+        for (unsigned value = 0; value < 256; ++value) {
+            unsigned product = 0;
+            for (unsigned bit = 0; bit < 8; ++bit)
+                if ((value >> bit & 1U) != 0) product ^= factor << bit;
+            for (unsigned bit = 15; bit >= 8; --bit)
+                if ((product >> bit & 1U) != 0) product ^= kFieldPolynomial << (bit - 8);
+            values[value] = static_cast<uint8_t>(value);
+            products[value] = static_cast<uint8_t>(product);
+            EXPECT_EQ(gf256_mul(f, values[value]), products[value]);
         }
-        ASSERT_EQ(got, wanted) << length;
+        EXPECT_TRUE(factor == 0 || products[gf256_inv(f)] == 1);
+
+        const size_t length = 256 - factor % 40;  // what follows stays as it is
+        Bytes multiplied(256, kUntouched);
+        gf256_mul_mem(multiplied.data(), values.data(), f, length);
+        Bytes accumulated = values;
+        gf256_muladd_mem(accumulated.data(), f, values.data(), length);
+        Bytes added = products;
+        gf256_add_mem(added.data(), values.data(), length);
+        for (size_t i = 0; i < 256; ++i) {
+            const bool inside = i < length;
+            const auto sum = static_cast<uint8_t>(values[i] ^ products[i]);
+            EXPECT_EQ(multiplied[i], inside ? products[i] : kUntouched);
+            EXPECT_EQ(accumulated[i], inside ? sum : values[i]);
+            EXPECT_EQ(added[i], inside ? sum : products[i]);
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Paths, Gf256KernelTest,
-                         testing::Values(Gf256Path::kPortable, Gf256Path::kSsse3, Gf256Path::kAvx2,
-                                         Gf256Path::kNeon));
 
 }  // namespace
 }  // namespace ox::fountain

@@ -9,10 +9,6 @@
 
 namespace {
 
-struct FreeCodec {
-    void operator()(WirehairCodec codec) const { wirehair_free(codec); }
-};
-using CodecOwner = std::unique_ptr<WirehairCodec_t, FreeCodec>;
 using Bytes = std::vector<uint8_t>;
 
 Bytes random_message(size_t bytes, uint32_t seed) {
@@ -23,14 +19,14 @@ Bytes random_message(size_t bytes, uint32_t seed) {
     return message;
 }
 
-CodecOwner make_encoder(const Bytes& message, uint32_t block_bytes) {
+WirehairCodecPtr make_encoder(const Bytes& message, uint32_t block_bytes) {
     EXPECT_EQ(wirehair_init(), Wirehair_Success);
-    return CodecOwner(
+    return WirehairCodecPtr(
         wirehair_encoder_create(nullptr, message.data(), message.size(), block_bytes));
 }
 
-CodecOwner make_decoder(size_t message_bytes, uint32_t block_bytes) {
-    return CodecOwner(wirehair_decoder_create(nullptr, message_bytes, block_bytes));
+WirehairCodecPtr make_decoder(size_t message_bytes, uint32_t block_bytes) {
+    return WirehairCodecPtr(wirehair_decoder_create(nullptr, message_bytes, block_bytes));
 }
 
 Bytes block_of(WirehairCodec encoder, uint32_t id, uint32_t block_bytes) {
@@ -47,8 +43,7 @@ Bytes recovered(WirehairCodec decoder, size_t message_bytes) {
     return message;
 }
 
-/// Feeds blocks that survive a lossy channel until the decoder has enough; returns how many it
-/// took.
+/// Feeds the decoder through a lossy channel until it has enough blocks; returns how many.
 uint32_t feed(WirehairCodec decoder, WirehairCodec encoder, uint32_t block_bytes, double loss,
               std::mt19937& random) {
     std::geometric_distribution<uint32_t> lost(1 - loss);
@@ -63,10 +58,9 @@ uint32_t feed(WirehairCodec decoder, WirehairCodec encoder, uint32_t block_bytes
     return fed;
 }
 
-// One message through everything: source blocks as they are, decoding from a lossy channel, the
-// message and its last block, and the decoder as the next sender. Codecs of several threads do not
-// meet.
-TEST(Wirehair, AMessageOfAnyShapeSurvivesLossAndGoesOn) {
+// Source blocks, decoding from a lossy channel, recovery of the message and its last block, and the
+// decoder turned into an encoder, on a thread per shape.
+TEST(Wirehair, AMessageOfAnyShapeSurvivesLossAndCanBeSentOn) {
     const struct {
         uint32_t blocks, block_bytes, final_bytes;
     } shapes[] = {{2, 1, 1},     {2, 40, 3},  {3, 33, 33},    {4, 160, 160}, {5, 1146, 1},
@@ -78,8 +72,8 @@ TEST(Wirehair, AMessageOfAnyShapeSurvivesLossAndGoesOn) {
             SCOPED_TRACE(blocks);
             const size_t full = size_t{blocks - 1} * block_bytes;
             const Bytes message = random_message(full + final_bytes, blocks);
-            const CodecOwner encoder = make_encoder(message, block_bytes);
-            const CodecOwner decoder = make_decoder(message.size(), block_bytes);
+            const WirehairCodecPtr encoder = make_encoder(message, block_bytes);
+            const WirehairCodecPtr decoder = make_decoder(message.size(), block_bytes);
             const Bytes last(message.end() - static_cast<ptrdiff_t>(final_bytes), message.end());
             EXPECT_EQ(block_of(encoder.get(), blocks - 1, block_bytes), last);
 
@@ -102,14 +96,14 @@ TEST(Wirehair, AMessageOfAnyShapeSurvivesLossAndGoesOn) {
     }
 }
 
-// Every block count has a matrix that can be solved, and few blocks more than its own are needed.
-// One codec serves all messages, in both roles in turn.
+// Every block count has a solvable matrix and a low overhead. Codecs are reused for all messages,
+// in both roles.
 TEST(Wirehair, NeedsFewBlocksMoreThanTheMessageHas) {
     uint32_t trials = 0;
     uint32_t extra = 0;
     std::mt19937 random(11);
-    CodecOwner one = make_encoder(random_message(9, 1), 3);
-    CodecOwner other = make_decoder(9, 3);
+    WirehairCodecPtr one = make_encoder(random_message(9, 1), 3);
+    WirehairCodecPtr other = make_decoder(9, 3);
     for (uint32_t blocks = 2; blocks <= 64000; blocks += blocks < 300 ? 1 : 5 + blocks) {
         const Bytes message = random_message(blocks, 1);
         std::swap(one, other);
@@ -137,10 +131,10 @@ TEST(WirehairRefusals, NothingIsCreatedForUnsuitableMessages) {
 }
 
 // Ten bytes in blocks of four: three blocks, the last one two bytes long.
-TEST(WirehairRefusals, EveryCallChecksItsArgumentsAndItsTurn) {
+TEST(WirehairRefusals, EveryCallChecksItsArgumentsAndItsState) {
     const Bytes message{1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
-    const CodecOwner encoder = make_encoder(message, 4);
-    const CodecOwner decoder = make_decoder(message.size(), 4);
+    const WirehairCodecPtr encoder = make_encoder(message, 4);
+    const WirehairCodecPtr decoder = make_decoder(message.size(), 4);
     Bytes out(10);
     uint32_t bytes = 0;
     EXPECT_EQ(wirehair_encode(encoder.get(), 0, out.data(), 3, &bytes), Wirehair_InvalidInput);
@@ -155,10 +149,10 @@ TEST(WirehairRefusals, EveryCallChecksItsArgumentsAndItsTurn) {
         {0, {1, 2, 3}, Wirehair_InvalidInput},
         {2, {9}, Wirehair_InvalidInput},
         {0, {1, 2, 3, 4}, Wirehair_NeedMore},
-        {0, {1, 2, 3, 4}, Wirehair_NeedMore},     // twice counts once
-        {2, {9, 10, 55, 66}, Wirehair_NeedMore},  // what pads the last one does not count
+        {0, {1, 2, 3, 4}, Wirehair_NeedMore},     // a duplicate
+        {2, {9, 10, 55, 66}, Wirehair_NeedMore},  // the padding is ignored
         {1, {5, 6, 7, 8}, Wirehair_Success},
-        {7, {0, 0, 0, 0}, Wirehair_Success},  // not needed any more
+        {7, {0, 0, 0, 0}, Wirehair_Success},  // no longer needed
     };
     for (const auto& [id, block, result] : cases)
         EXPECT_EQ(

@@ -21,11 +21,11 @@ namespace {
 using Key = std::array<uint8_t, 32>;
 constexpr Key kKey{1, 2, 3};
 
-/// What follows everything at the end: modifiers, buttons, sync.
+/// The releases of modifiers and buttons that end every release.
 const std::string kReleaseAll =
     "1:56=0 1:100=0 1:29=0 1:97=0 1:42=0 1:54=0 1:125=0 1:126=0 1:272=0 1:273=0 1:274=0 ";
 
-/// A receiver whose device is a pipe, and the launcher's end of the wire.
+/// A receiver whose device is a pipe, and the launcher's socket.
 class InputReceiverTest : public testing::Test {
   protected:
     void SetUp() override {
@@ -60,8 +60,8 @@ class InputReceiverTest : public testing::Test {
         send_bytes(seal(packet));
     }
 
-    /// The device's events since the last look, up to those of all that was sent, each as
-    /// "type:code=value " and a sync as "| ". Sends a motion and leaves that out.
+    /// The device's events since the last call, each as "type:code=value " and a sync as "| ".
+    /// Sends a motion as a marker, which is left out.
     std::string events() {
         const std::string marker = "2:0=100 ";
         send(InputKind::MouseMotion, 100);
@@ -69,7 +69,7 @@ class InputReceiverTest : public testing::Test {
         const size_t at = seen.find(marker);
         return at == std::string::npos ? "no motion after " + seen : seen.erase(at, marker.size());
     }
-    /// Up to the sync after the last of these events, or all that comes.
+    /// The same up to the sync after event `last`, or all of them.
     std::string events_until(const std::string& last) {
         std::string seen;
         pollfd readable{.fd = events_.get(), .events = POLLIN, .revents = 0};
@@ -89,7 +89,7 @@ class InputReceiverTest : public testing::Test {
         return seen;
     }
 
-    UniqueFd events_;  ///< outlives the receiver, which writes to the pipe until its end
+    UniqueFd events_;  ///< outlives the receiver, which writes to the pipe
     InputReceiver receiver_;
     UniqueFd socket_ = test::bound_socket(SOCK_DGRAM, 0);
     const test::PortBlock ports_;
@@ -115,7 +115,7 @@ TEST_F(InputReceiverTest, EventsReachTheDeviceInOrderAndWhole) {
               "2:8=2 | | 2:8=-273 | 1:30=1 | 1:30=0 | 1:103=1 | 1:273=0 1:274=0 ");
 }
 
-TEST_F(InputReceiverTest, WhatIsNotAFreshAuthenticPacketIsDropped) {
+TEST_F(InputReceiverTest, ReplayedOrForgedDatagramsAreDropped) {
     InputPacket packet;
     packet.kind = static_cast<uint8_t>(InputKind::KeyDown);
     packet.data1 = 30;
@@ -151,13 +151,13 @@ TEST_F(InputReceiverTest, WhatIsNotAFreshAuthenticPacketIsDropped) {
     EXPECT_EQ(receiver_.received(), 14U);
 }
 
-TEST_F(InputReceiverTest, NothingStaysPressedForALauncherThatIsGoneAndAfterTheEnd) {
+TEST_F(InputReceiverTest, PressedKeysAreReleasedOnRequestAndAtTheEnd) {
     const test::LogCapture log;
     send(InputKind::KeyDown, 0, 17);
     events();
     receiver_.release_pressed();
     EXPECT_EQ(events_until("1:274=0 "), "1:17=0 " + kReleaseAll);
-    send(InputKind::KeyDown, 0, 18);  // it has come back
+    send(InputKind::KeyDown, 0, 18);  // the launcher is back
     send(InputKind::KeyDown, 0, 30);
     send(InputKind::KeyDown, 0, 30);
     send(InputKind::KeyDown, 0, 31);
@@ -169,7 +169,7 @@ TEST_F(InputReceiverTest, NothingStaysPressedForALauncherThatIsGoneAndAfterTheEn
     EXPECT_EQ(log.count("INFO", "InputReceiver: stopped (8 received, 8 applied)"), 1);
 }
 
-TEST_F(InputReceiverTest, ABusyPortIsReportedUntilItIsFree) {
+TEST_F(InputReceiverTest, ABusyPortIsReported) {
     receiver_.stop();
     UniqueFd occupier = test::bound_socket(SOCK_DGRAM, port_);
     EXPECT_FALSE(receiver_.start_with_device(port_, UniqueFd()));
@@ -179,7 +179,7 @@ TEST_F(InputReceiverTest, ABusyPortIsReportedUntilItIsFree) {
     EXPECT_EQ(receiver_.bind_error(), 0);
 }
 
-TEST_F(InputReceiverTest, WithheldInputIsDroppedAndLeavesNothingPressed) {
+TEST_F(InputReceiverTest, WithheldInputIsDroppedAndPressedKeysAreReleased) {
     send(InputKind::KeyDown, 0, 17);
     events();
     receiver_.withhold(true);
@@ -187,7 +187,7 @@ TEST_F(InputReceiverTest, WithheldInputIsDroppedAndLeavesNothingPressed) {
     send(InputKind::MouseMotion, 5, 5, 0b001);
     ASSERT_TRUE(test::eventually([&] { return receiver_.received() == 4; }));
     receiver_.withhold(true);
-    receiver_.stop();  // also when it is started again
+    receiver_.stop();  // withheld across a restart
     EXPECT_EQ(receiver_.applied(), 2U);
     EXPECT_THAT(events_until("the end"), testing::HasSubstr("1:17=0 " + kReleaseAll));
     int ends[2];

@@ -1,11 +1,11 @@
-#include "launcher/audio_assembler.h"
+#include "launcher/client/audio_assembler.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <numeric>
 
-#include "audio/parity_block.h"
+#include "audio/audioparity.h"
 
 namespace ox::launcher {
 namespace {
@@ -23,7 +23,7 @@ std::vector<uint8_t> content(uint32_t sequence) {
     return std::vector<uint8_t>(40 + sequence % 7 * 13, static_cast<uint8_t>(sequence * 31 + 5));
 }
 
-// What an agent sends for `count` frames from `first` on, 5 ms apart.
+// An agent's packets of `count` frames from `first` on, 5 ms apart.
 std::vector<Sent> stream(uint32_t first, uint32_t count, bool parity) {
     std::vector<Sent> sent;
     ParityBlock block;
@@ -52,38 +52,38 @@ std::vector<Sent> stream(uint32_t first, uint32_t count, bool parity) {
     return sent;
 }
 
-struct Heard {
+struct Output {
     std::vector<uint32_t> sequences;
     AudioCounters counters;
-    uint64_t lost_told = 0;
+    uint64_t lost_reported = 0;
     uint64_t longest_wait = 0;
 };
 
-// Every frame handed out must be the one that was sent under its number.
-Heard listen(const std::vector<Sent>& packets) {
+// Checks that each delivered frame is the one that was sent under its number.
+Output assemble(const std::vector<Sent>& packets) {
     AudioAssembler assembler;
-    Heard heard;
+    Output output;
     uint64_t now = packets.front().at;
     const auto take = [&] {
         while (const auto frame = assembler.pop()) {
             EXPECT_EQ(frame->opus, content(frame->sequence)) << frame->sequence;
             EXPECT_EQ(frame->timestamp == 0, frame->repaired);
-            heard.sequences.push_back(frame->sequence);
-            heard.lost_told += frame->lost_before;
-            heard.longest_wait = std::max(heard.longest_wait, now - frame->arrived);
+            output.sequences.push_back(frame->sequence);
+            output.lost_reported += frame->lost_before;
+            output.longest_wait = std::max(output.longest_wait, now - frame->arrived);
         }
     };
     for (const Sent& packet : packets) {
         for (; now < packet.at; now += kFrameUs)
             assembler.expire(now);
-        for (int copy = 0; copy < 2; ++copy)  // as a network may: changes nothing
+        for (int copy = 0; copy < 2; ++copy)  // duplicates change nothing
             assembler.push(packet.header, packet.payload, now);
         take();
     }
     assembler.expire(now + 100'000);
     take();
-    heard.counters = assembler.counters();
-    return heard;
+    output.counters = assembler.counters();
+    return output;
 }
 
 std::vector<uint32_t> numbers(uint32_t first, uint32_t count) {
@@ -92,40 +92,40 @@ std::vector<uint32_t> numbers(uint32_t first, uint32_t count) {
     return all;
 }
 
-TEST(AudioAssembler, AnyTwoOfABlocksSixPacketsMayBeLost) {
+TEST(AudioAssembler, RepairsAnyTwoLossesOfABlocksSixPackets) {
     constexpr uint32_t kFirst = 0xFFFFFFF8;  // wraps behind the block that is hit
     for (size_t a = 0; a < 6; ++a) {
         for (size_t b = a; b < 6; ++b) {
             auto sent = stream(kFirst, 12, true);
             sent.erase(sent.begin() + 6 + static_cast<ptrdiff_t>(b));
             if (a != b) sent.erase(sent.begin() + 6 + static_cast<ptrdiff_t>(a));
-            const Heard heard = listen(sent);
-            EXPECT_EQ(heard.sequences, numbers(kFirst, 12)) << a << " and " << b;
-            EXPECT_EQ(heard.counters.repaired,
+            const Output output = assemble(sent);
+            EXPECT_EQ(output.sequences, numbers(kFirst, 12)) << a << " and " << b;
+            EXPECT_EQ(output.counters.repaired,
                       static_cast<uint64_t>(a < 4) + static_cast<uint64_t>(b < 4 && a != b));
-            EXPECT_EQ(heard.counters.lost, 0U);
-            EXPECT_LE(heard.longest_wait, 20'000U) << "repaired when the block's end was there";
+            EXPECT_EQ(output.counters.lost, 0U);
+            EXPECT_LE(output.longest_wait, 20'000U) << "not repaired at the block's end";
         }
     }
 }
 
-TEST(AudioAssembler, WhatCannotBeRepairedIsGivenUpSoonAndCounted) {
+TEST(AudioAssembler, UnrepairableFramesAreDroppedSoonAndCounted) {
     for (const bool parity : {false, true}) {
         auto sent = stream(0, 24, parity);
-        const auto lost = [](const Sent& packet) {
+        const auto is_lost = [](const Sent& packet) {
             const bool repair = packet.header.count == 4;
             return packet.header.frame_id >= 5 && packet.header.frame_id < 8 && !repair;
         };
-        std::erase_if(sent, lost);
-        const Heard heard = listen(sent);
-        EXPECT_EQ(heard.counters.delivered, 21U) << parity;
-        EXPECT_EQ(heard.counters.lost, 3U);
-        EXPECT_EQ(heard.lost_told, 3U);
-        EXPECT_LE(heard.longest_wait, 35'000U) << "a gap must not hold up the rest";
+        std::erase_if(sent, is_lost);
+        const Output output = assemble(sent);
+        EXPECT_EQ(output.counters.delivered, 21U) << parity;
+        EXPECT_EQ(output.counters.lost, 3U);
+        EXPECT_EQ(output.lost_reported, 3U);
+        EXPECT_LE(output.longest_wait, 35'000U) << "a gap delayed the rest";
     }
 }
 
-TEST(AudioAssembler, RefusesWhatNoAgentSends) {
+TEST(AudioAssembler, RejectsInconsistentPackets) {
     const auto sent = stream(0, 4, true);
     const std::pair<size_t, void (*)(Sent&)> cases[] = {
         {0, [](Sent& p) { p.header.stream = 1; }},   {0, [](Sent& p) { p.header.flags = 8; }},

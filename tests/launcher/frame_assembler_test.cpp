@@ -1,4 +1,4 @@
-#include "launcher/frame_assembler.h"
+#include "launcher/client/frame_assembler.h"
 
 #include <gtest/gtest.h>
 
@@ -43,8 +43,7 @@ TEST(FrameAssembler, RebuildsAnySingleLossOfEachGroup) {
         const size_t count = packets[0].header.count;
         const size_t covered = std::min<size_t>(count, 255 * 8);
         ASSERT_EQ(packets.size(), count + (covered + 7) / 8);
-        // Place by place, the same place of every group is lost, and the rest comes in reverse
-        // before the parity.
+        // Loses the same place of every group; the rest arrives in reverse order, then the parity.
         for (size_t place = 0; place < std::min<size_t>(8, covered); ++place) {
             FrameAssembler assembler;
             for (size_t i = count; i-- > 0;)
@@ -61,9 +60,9 @@ TEST(FrameAssembler, RebuildsAnySingleLossOfEachGroup) {
     }
 }
 
-// A long stream over a bad network: whatever is delivered is right, in order, and accounted for.
+// A long stream over a bad network: delivered frames are correct, in order and accounted for.
 TEST(FrameAssembler, NeverDeliversWrongBytes) {
-    constexpr uint32_t kFirst = UINT32_MAX - 100;  // wraps on the way
+    constexpr uint32_t kFirst = UINT32_MAX - 100;  // wraps around
     constexpr uint32_t kFrames = 150;
     for (uint32_t seed = 0; seed < 12; ++seed) {
         SCOPED_TRACE(seed);
@@ -72,7 +71,7 @@ TEST(FrameAssembler, NeverDeliversWrongBytes) {
         std::vector<Bytes> sent;
         std::multimap<uint64_t, OutgoingPacket> wire;  // by arrival time
         for (uint32_t n = 0; n < kFrames; ++n) {
-            const bool lossless = n == 0 || n + 1 == kFrames;  // what is lost there, none can know
+            const bool lossless = n == 0 || n + 1 == kFrames;  // its loss cannot be detected
             sent.push_back(random_unit(1 + random() % 20000, random));
             uint64_t clock = n * 4000;  // up to two later frames overtake parts of one
             for (const auto& packet : packets_of(sent[n], kFirst + n, n % 3 == 0)) {
@@ -102,7 +101,7 @@ TEST(FrameAssembler, NeverDeliversWrongBytes) {
         take_all();
         EXPECT_EQ(next, kFrames);
         EXPECT_EQ(assembler.pending_bytes(), 0U);
-        EXPECT_TRUE(loss_pct > 0 || lost == 0) << "reordering alone must lose nothing";
+        EXPECT_TRUE(loss_pct > 0 || lost == 0) << "reordering alone lost frames";
         EXPECT_LT(lost, kFrames * 7 / 8);
     }
 }

@@ -12,7 +12,7 @@ namespace ox::test {
 
 using Datagram = std::vector<uint8_t>;
 
-/// A media packet as an agent sends it, sealed with `key` of 32 bytes.
+/// A media packet sealed with `key` of 32 bytes.
 inline Datagram sealed_datagram(const PacketHeader& header, std::span<const uint8_t> payload,
                                 const uint8_t* key) {
     Encryption encryption;
@@ -25,7 +25,7 @@ inline Datagram sealed_datagram(const PacketHeader& header, std::span<const uint
     return datagram;
 }
 
-/// What an agent without a repair ratio sends for `frame`.
+/// An agent's datagrams of `frame`, with parity for keyframes only.
 inline std::vector<Datagram> sealed_datagrams(const EncodedFrame& frame, const uint8_t* key) {
     std::vector<OutgoingPacket> packets;
     Packetizer().packetize(frame, kStreamVideo, packets);

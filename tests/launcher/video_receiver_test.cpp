@@ -1,4 +1,4 @@
-#include "launcher/video_receiver.h"
+#include "launcher/client/video_receiver.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::array<uint8_t, 32> kKey = {1, 2, 3};
 
-// A receiver, and the ids of the frames that it lets through.
+// A receiver, and the ids of the frames that it delivered.
 struct Fixture {
     explicit Fixture(const VideoReceiver::Config& config = {}) : receiver(kKey, config) {}
 
@@ -35,22 +35,22 @@ struct Fixture {
     }
     void collect() {
         while (const auto frame = receiver.next_frame())
-            passed.push_back(frame->frame_id);
+            delivered.push_back(frame->frame_id);
     }
 
     VideoReceiver receiver;
     uint64_t now = 1'000'000;
-    std::vector<uint32_t> passed;
+    std::vector<uint32_t> delivered;
 };
 
-TEST(VideoReceiver, WithholdsWhatBuildsOnALossUntilAKeyframe) {
+TEST(VideoReceiver, WithholdsFramesAfterALossUntilAKeyframe) {
     for (const bool decode_damaged : {false, true}) {
         Fixture f({.limits = {}, .decode_damaged = decode_damaged});
         f.feed(0, true);
         f.feed(1, false);
         f.feed(2, false, 1);  // no parity on this one: lost
         f.feed(3, false);
-        EXPECT_FALSE(f.receiver.take_keyframe_request(f.now)) << "may still be on its way";
+        EXPECT_FALSE(f.receiver.take_keyframe_request(f.now)) << "may still arrive";
         f.pass_time(300'000);
         EXPECT_TRUE(f.receiver.take_keyframe_request(f.now));
         EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 249'999));
@@ -63,25 +63,25 @@ TEST(VideoReceiver, WithholdsWhatBuildsOnALossUntilAKeyframe) {
         const std::vector<uint32_t> expected = decode_damaged
                                                    ? std::vector<uint32_t>{0, 1, 3, 4, 5, 6}
                                                    : std::vector<uint32_t>{0, 1, 5, 6};
-        EXPECT_EQ(f.passed, expected);
+        EXPECT_EQ(f.delivered, expected);
         EXPECT_EQ(f.receiver.stats().assembly.frames_lost, 1U);
         EXPECT_EQ(f.receiver.stats().assembly.frames_repaired, 1U);
         EXPECT_EQ(f.receiver.stats().keyframe_requests, 2U);
     }
 }
 
-TEST(VideoReceiver, AsksForAKeyframeWhenTheFirstOneNeverComes) {
+TEST(VideoReceiver, RequestsAMissingFirstKeyframe) {
     Fixture f;
     EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 9'000'000)) << "no media, no request";
     f.feed(7, false);
     EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 249'000));
     EXPECT_TRUE(f.receiver.take_keyframe_request(f.now + 250'000));
     f.receiver.on_frame_dropped();
-    EXPECT_TRUE(f.passed.empty());
+    EXPECT_TRUE(f.delivered.empty());
     EXPECT_EQ(f.receiver.stats().frames_withheld, 1U);
 }
 
-TEST(VideoReceiver, TellsWhichFramesAreMissing) {
+TEST(VideoReceiver, NamesTheMissingFrames) {
     Fixture f;
     const auto ask = [&] { return f.receiver.take_keyframe_request(f.now); };
     for (const uint32_t id : {100U, 101U})
@@ -92,7 +92,7 @@ TEST(VideoReceiver, TellsWhichFramesAreMissing) {
     f.pass_time(300'000);
     f.feed(105, false, 1);
     f.pass_time(300'000);
-    // Of 105 it is not certain yet that it will not be completed.
+    // 105 may still be completed.
     for (uint8_t attempt = 0; attempt < 3; ++attempt) {
         const auto request = ask();
         ASSERT_TRUE(request && request->lost) << +attempt;
@@ -108,7 +108,7 @@ TEST(VideoReceiver, TellsWhichFramesAreMissing) {
     }
     const auto plain = ask();
     ASSERT_TRUE(plain);
-    EXPECT_FALSE(plain->lost) << "three attempts are all that an agent takes";
+    EXPECT_FALSE(plain->lost) << "an agent accepts three attempts";
     EXPECT_TRUE(f.receiver.stats().awaiting_keyframe);
     f.feed(107, true);
     EXPECT_FALSE(ask());

@@ -1,4 +1,4 @@
-// Holds the code against the vectors of docs/wire-protocol.md, which are read from that file.
+// Checks the code against the vectors of docs/wire-protocol.md, read from that file.
 
 #include <gtest/gtest.h>
 #include <sodium.h>
@@ -13,17 +13,16 @@
 #include <string>
 #include <vector>
 
-#include "audio/parity_block.h"
+#include "audio/audioparity.h"
+#include "control/auth_line.h"
 #include "control/control_message.h"
 #include "control/session_keys.h"
-#include "control/session_ready.h"
-#include "control/token_check.h"
-#include "input/feedback.h"
-#include "launcher/control_messages.h"
-#include "launcher/feedback_packets.h"
+#include "input/input_packet.h"
+#include "launcher/client/control_messages.h"
+#include "launcher/client/feedback_packets.h"
+#include "launcher/client/input_channel.h"
+#include "launcher/client/media_packets.h"
 #include "launcher/input_script.h"
-#include "launcher/input_sealer.h"
-#include "launcher/packet_opener.h"
 #include "launcher/sealed_datagrams.h"
 #include "transport/probe.h"
 
@@ -32,7 +31,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// The fenced blocks of the document that have a name, and which of them were asked for.
+// The document's named blocks, and which of them were used.
 class Document {
   public:
     Document() {
@@ -99,7 +98,7 @@ void check_keys_and_lines(Document& doc) {
     const auto auth = nlohmann::json::parse(doc.line("auth"));
     EXPECT_TRUE(token_matches(auth["token"].get<std::string>(), token_hash));
     const auto own = nlohmann::json::parse(make_auth_line({.token = auth["token"],
-                                                           .codec = 0,
+                                                           .codec = Codec::H264,
                                                            .width = 1920,
                                                            .height = 1080,
                                                            .fps = 60,
@@ -107,14 +106,19 @@ void check_keys_and_lines(Document& doc) {
                                                            .udp_ip = ""}));
     EXPECT_EQ(own, auth);
 
-    EXPECT_EQ(std::get<PingMessage>(parse_control_line(doc.line("ping"))).ts, 12345);
+    EXPECT_EQ(std::get<Ping>(parse_control_line(doc.line("ping"))).ts, 12345);
     EXPECT_EQ(make_pong(12345), doc.line("pong"));
     EXPECT_EQ(kRequestIdrLine, doc.line("request-idr"));
     EXPECT_EQ(kEndSessionLine, doc.line("end-session"));
-    EXPECT_EQ(std::get<SettingsChange>(parse_control_line(doc.line("set-settings"))).bitrate, 8000);
+    const auto message = [&doc](const char* name) {
+        return std::get<ControlMessage>(parse_control_line(doc.line(name)));
+    };
+    EXPECT_TRUE(std::holds_alternative<RequestIdr>(message("request-idr")));
+    EXPECT_TRUE(std::holds_alternative<EndSession>(message("end-session")));
+    EXPECT_EQ(std::get<SettingsChange>(message("set-settings")).bitrate, 8000);
     EXPECT_EQ(nlohmann::json::parse(make_stats_line({4.5, 0.25, 59.5, 1.5})),
               nlohmann::json::parse(doc.line("stats")));
-    const auto stats = std::get<ClientStats>(parse_control_line(doc.line("stats")));
+    const auto stats = std::get<ClientStats>(message("stats"));
     EXPECT_EQ((std::array{stats.rtt_ms, stats.packet_loss_pct, stats.decoded_fps, stats.jitter_ms}),
               (std::array{4.5F, 0.25F, 59.5F, 1.5F}));
 }
@@ -162,7 +166,7 @@ void check_keyframe(Document& doc) {
     ASSERT_TRUE(parity);
     const auto around_end = parity->payload.subspan(96, 16);
     EXPECT_EQ(Bytes(around_end.begin(), around_end.end()), doc.hex("key-parity-end"));
-    // Nothing opens that was altered or cut off anywhere.
+    // Altered or truncated datagrams are rejected.
     for (size_t i = 0; i < datagrams[3].size(); ++i) {
         Bytes altered = datagrams[3];
         EXPECT_FALSE(opener.open(std::span(altered).first(i))) << i;
@@ -186,7 +190,7 @@ void check_large_group_number(Document& doc) {
 
 using Block = std::vector<Bytes>;
 
-// The repair shards of a block, as an agent makes them.
+// An agent's repair shards of a block.
 Block repair_shards(const Block& frames) {
     ParityBlock block;
     for (uint32_t i = 0; i < 4; ++i)

@@ -5,8 +5,8 @@
 #include <cmath>
 #include <sstream>
 
-#include "saas/log_text.h"
-#include "saas/platform_url.h"
+#include "saas/redaction.h"
+#include "saas/saas_config.h"
 
 namespace ox {
 namespace {
@@ -60,7 +60,7 @@ TEST(PlatformMessages, PrepareSessionFieldsAndDefaults) {
              {R"(,"session_id":"s1","session_token_sha256":"ab","max_duration_sec":60,
                  "constraints":{"codec":"hevc","resolution":"1x2","max_fps":30,"bitrate_kbps":9})",
               "s1abhevc 1x2 30 9 60"},
-             // Integers are cut to 32 bits, floats are held inside the range.
+             // Integers are truncated to 32 bits, floats are clamped.
              {R"(,"max_duration_sec":1099511627777)", "h264 1920x1080 60 15000 1"},
              {R"(,"max_duration_sec":-1e300)", "h264 1920x1080 60 15000 0"},
          }) {
@@ -76,7 +76,7 @@ TEST(PlatformMessages, PrepareSessionFieldsAndDefaults) {
     }
 }
 
-TEST(PlatformMessages, WrongTypesAreRefused) {
+TEST(PlatformMessages, RefusesWrongTypes) {
     using Kind = BadMessage::Kind;
     for (const char* member :
          {R"("session_id":1)", R"("client_id":[])", R"("max_duration_sec":"60")",
@@ -93,7 +93,7 @@ TEST(PlatformMessages, WrongTypesAreRefused) {
         EXPECT_EQ(parsed<UnknownMessage>(text).type, "");
 }
 
-TEST(LogText, SecretMembersAreMaskedInPlace) {
+TEST(Redaction, MasksSecretMembersInPlace) {
     for (const auto& [text, expected] : std::initializer_list<std::pair<const char*, const char*>>{
              {R"({"encryption_key" : "Ab+/","id":"Ab+/"})",
               R"({"encryption_key" : "****","id":"Ab+/"})"},
@@ -108,23 +108,23 @@ TEST(LogText, SecretMembersAreMaskedInPlace) {
               R"({"a":"encryption_key","b":"encryption_key: x"})"},
              {R"({"encryption_key":"unfinished)", R"({"encryption_key":"**********)"},
              {R"({"encryption_key":)", R"({"encryption_key":)"}}) {
-        EXPECT_EQ(mask_secrets(text), expected);
+        EXPECT_EQ(redact_secrets(text), expected);
     }
-    EXPECT_EQ(mask_broken_json(R"({'id':1,'encryption_key':'Ab+/', x)"),
+    EXPECT_EQ(redact_broken_json(R"({'id':1,'encryption_key':'Ab+/', x)"),
               R"({'id':1,'encryption_key':'****', *)");
 }
 
-TEST(LogText, NothingFromOutsideForgesALine) {
+TEST(Redaction, ForeignTextCannotForgeALogLine) {
     EXPECT_EQ(loggable("a\r\nb\x1b[2J\x7f"), "a b[2J");
     const std::string secret(kShortestSecret, 's');
     EXPECT_EQ(loggable("x " + secret + " y " + secret, 100, secret),
               "x **************** y ****************");
     EXPECT_EQ(loggable("xxx" + secret, 6, secret), "xxx***");
-    EXPECT_EQ(loggable("replaced", 100, "a"), "replaced");  // too short to be worth it
-    EXPECT_EQ(loggable("ab\xD1\x8F", 3), "ab");             // no half characters
+    EXPECT_EQ(loggable("replaced", 100, "a"), "replaced");  // too short
+    EXPECT_EQ(loggable("ab\xD1\x8F", 3), "ab");             // whole characters
 }
 
-TEST(PlatformUrl, SplitsAndTellsABadSchemeFromABadAuthority) {
+TEST(PlatformUrl, IsSplitAndChecked) {
     const std::pair<const char*, const char*> rows[] = {
         {"wss://host/some/path:9", "host 443 tls"},
         {"wss://a.example:8443/x", "a.example 8443 tls"},

@@ -15,8 +15,8 @@
 
 namespace ox::test {
 
-/// The backend's end of one connection, byte for byte: says also what no correct server would.
-/// Whatever is waited for is given up after 10 s.
+/// The backend's end of one connection, for correct and incorrect bytes. Every wait ends after 10
+/// s.
 class RawPeer : public TcpClient {
   public:
     using TcpClient::TcpClient;
@@ -24,22 +24,22 @@ class RawPeer : public TcpClient {
     /// The upgrade request; empty when the agent closes.
     std::string read_request() { return read_up_to("\r\n\r\n", kLimit).value_or(""); }
 
-    /// Reads the request and accepts it; `first` goes out in the same segment.
+    /// Reads the request and accepts it; `first` is sent in the same segment.
     std::string accept_upgrade(std::string_view first = "") {
         std::string request = read_request();
         send("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n\r\n" + std::string(first));
         return request;
     }
 
-    /// One unmasked final text frame, in the form for up to 64 KiB whatever the length.
+    /// One unmasked final text frame, always with a 16-bit length.
     void send_text(std::string_view text) {
         const auto size = text.size();
         send(std::string{'\x81', '\x7E', static_cast<char>(size / 256), static_cast<char>(size)} +
              std::string(text));
     }
 
-    /// The next text frame's payload, or nothing when the agent closes. Fails the test on a frame
-    /// that a client must not send.
+    /// The next text frame's payload, or nothing when the agent closes. An invalid frame fails the
+    /// test.
     std::optional<std::string> read_frame() {
         const auto byte = [this] {
             const auto one = take(1, kLimit);
@@ -51,7 +51,7 @@ class RawPeer : public TcpClient {
         EXPECT_EQ(first, 0x81U) << "not one final text frame";
         EXPECT_EQ(second & 0x80U, 0x80U) << "a client has to mask";
         size_t size = second & 0x7FU;
-        EXPECT_LT(size, 127U) << "longer than any message that is read here";
+        EXPECT_LT(size, 127U) << "too long for this test";
         if (size == 126) {
             size = byte() * 256U;
             size += byte();

@@ -1,5 +1,4 @@
-// The connector against a backend that says what the test tells it, and against a WebSocket and TLS
-// server of another make.
+// The connector against a scripted backend, and against another WebSocket and TLS implementation.
 
 #include "saas/saas_connector.h"
 
@@ -27,8 +26,7 @@
 namespace ox {
 namespace {
 
-using std::chrono::milliseconds;
-using std::chrono::seconds;
+using namespace std::chrono_literals;
 using test::eventually;
 using test::RawPeer;
 using ::testing::EndsWith;
@@ -38,7 +36,7 @@ using ::testing::Not;
 constexpr const char* kAgentToken = "agent-secret-token";
 constexpr const char* kPong = R"({"type":"pong"})";
 
-/// The program's configuration and timing with waits that a test can afford, and a clean board.
+/// Short waits and a clean board.
 class SaasConnectorTest : public testing::Test {
   protected:
     SaasConnectorTest() {
@@ -49,19 +47,16 @@ class SaasConnectorTest : public testing::Test {
 
     static SaasConfig config(uint16_t port, const std::string& host = "127.0.0.1") {
         SaasConfig config;
-        config.host = host;
-        config.port = port;
+        config.backend = {.host = host, .port = port};
         config.agent_token = kAgentToken;
         return config;
     }
 
     static ConnectorTiming quick() {
-        return {.backoff = {.first = milliseconds(1),
-                            .longest = milliseconds(4),
-                            .replaced = milliseconds(20)}};
+        return {.backoff = {.first = 1ms, .longest = 4ms, .replaced = 20ms}};
     }
 
-    /// Accepts the next connection and reads the registration.
+    /// The next connection, after the registration.
     RawPeer accept_registered() {
         RawPeer peer = backend_.accept();
         peer.accept_upgrade();
@@ -79,7 +74,7 @@ class SaasConnectorTest : public testing::Test {
             kinds.push_back(event.kind);
         return kinds;
     }
-    /// Whether a line with this text is logged, perhaps only soon.
+    /// Whether lines with this text are logged soon.
     bool logged(const std::string& text, int times = 1) {
         return eventually([&] { return log_.times(text) >= times; });
     }
@@ -88,7 +83,7 @@ class SaasConnectorTest : public testing::Test {
     test::RawBackend backend_;
 };
 
-TEST_F(SaasConnectorTest, RegistersHandsRequestsOverAndKeepsTheLinkThroughNonsense) {
+TEST_F(SaasConnectorTest, RegistersForwardsRequestsAndSurvivesInvalidMessages) {
     SaasConnector connector(config(backend_.port()), quick());
     std::promise<PrepareSessionParams> prepared;
     std::promise<std::string> terminated;
@@ -154,16 +149,16 @@ TEST_F(SaasConnectorTest, ReportsARefusedTokenUntilAHandshakeSucceeds) {
     RawPeer peer = accept_registered();
     EXPECT_FALSE(alert(tui::Alert::TokenRejected));
     peer.close();
-    EXPECT_TRUE(logged("retry in 1ms", 2)) << "begins anew after a connection";
+    EXPECT_TRUE(logged("retry in 1ms", 2)) << "reset after a connection";
     EXPECT_EQ(log_.times("retry in 4ms"), 2) << "doubles up to the limit";
     EXPECT_THAT(log_.text(), HasSubstr("WS handshake rejected: HTTP/1.1 403 ****"));
     EXPECT_THAT(log_.text(), Not(HasSubstr(kAgentToken)));
-    // One event for the alert, none for connections that never were.
+    // No event for a connection that was never made.
     using enum tui::EventKind;
     EXPECT_THAT(events(), ::testing::ElementsAre(AlertRaised, PlatformConnected, PlatformLost));
 }
 
-TEST_F(SaasConnectorTest, ReportsASecondAgentAndLinkChangesOnce) {
+TEST_F(SaasConnectorTest, ReportsASecondAgentAndEachLinkChangeOnce) {
     SaasConnector connector(config(backend_.port()), quick());
     connector.set_link_callback(report_platform_link);
     connector.start();
@@ -189,22 +184,22 @@ TEST_F(SaasConnectorTest, ReportsASecondAgentAndLinkChangesOnce) {
                                                  PlatformConnected));
 }
 
-TEST_F(SaasConnectorTest, TellsAgainWhatMattersAfterAReconnect) {
+TEST_F(SaasConnectorTest, ResendsCachedMessagesAfterAReconnect) {
     SaasConnector connector(config(backend_.port()), quick());
-    connector.send_session_stats("s0", 1, 2, 3, 4, 5);  // stale before there ever was a link
+    connector.send_session_stats("s0", 1, 2, 3, 4, 5);  // before there is a link
     connector.start();
     RawPeer first = accept_registered();
     connector.send_session_ready("s1", "0.0.0.0", 1, 2, 3);
     EXPECT_THAT(first.read_frame().value_or(""), HasSubstr("session_ready"));
     connector.send_error("code", "text", "s0");
     connector.send_error("code", "no session", "");
-    connector.send_session_ended("s0", "disconnect", 7);  // also ends the readiness
+    connector.send_session_ended("s0", "disconnect", 7);  // also drops the readiness
     connector.send_session_ready("s2", "0.0.0.0", 1, 2, 3);
     for (int i = 0; i < 4; ++i)
         EXPECT_TRUE(first.read_frame());
     first.close(true);
 
-    for (int i = 0; i < 2; ++i) {  // told at every reconnect
+    for (int i = 0; i < 2; ++i) {  // at every reconnect
         RawPeer peer = accept_registered();
         EXPECT_THAT(peer.read_frame().value_or(""),
                     HasSubstr(R"("session_id":"s2","type":"session_ready")"));
@@ -222,10 +217,10 @@ TEST_F(SaasConnectorTest, TellsAgainWhatMattersAfterAReconnect) {
     EXPECT_EQ(log_.count("INFO", "SaasConnector: re-sending cached terminal message (s0#err)"), 3);
 }
 
-TEST_F(SaasConnectorTest, SilenceCountsOnlyFromABackendThatHasPinged) {
+TEST_F(SaasConnectorTest, ClosesASilentLinkOnlyIfTheBackendHasPinged) {
     ConnectorTiming timing = quick();
-    timing.heartbeat = milliseconds(5);
-    timing.silence = milliseconds(30);
+    timing.heartbeat = 5ms;
+    timing.silence = 30ms;
     SaasConnector connector(config(backend_.port()), timing);
     connector.start();
     RawPeer peer = accept_registered();
@@ -237,9 +232,9 @@ TEST_F(SaasConnectorTest, SilenceCountsOnlyFromABackendThatHasPinged) {
     EXPECT_THAT(log_.text(), HasSubstr("ms although the backend pings - closing to reconnect"));
 }
 
-TEST_F(SaasConnectorTest, NeverWaitsLongForAStalledBackend) {
+TEST_F(SaasConnectorTest, GivesUpAStalledBackend) {
     ConnectorTiming timing = quick();
-    timing.link.upgrade = timing.link.frame_rest = milliseconds(50);
+    timing.link.upgrade = timing.link.frame = 50ms;
     SaasConnector connector(config(backend_.port()), timing);
     connector.start();
     EXPECT_TRUE(backend_.accept().closed());  // never answers the upgrade request
@@ -251,17 +246,17 @@ TEST_F(SaasConnectorTest, NeverWaitsLongForAStalledBackend) {
     EXPECT_TRUE(half.closed());
     connector.stop();
 
-    test::RawBackend speechless;  // never answers the TLS hello
-    SaasConfig encrypted = config(speechless.port());
-    encrypted.tls = true;
-    timing.transport.tls_handshake = milliseconds(50);
+    test::RawBackend silent;  // never answers the TLS handshake
+    SaasConfig encrypted = config(silent.port());
+    encrypted.backend.tls = true;
+    timing.connection.tls_handshake = 50ms;
     SaasConnector other(encrypted, timing);
     other.start();
-    EXPECT_TRUE(speechless.accept().closed());
+    EXPECT_TRUE(silent.accept().closed());
     EXPECT_THAT(log_.text(), HasSubstr("[ERROR] SaasConnector: TLS handshake failed: timed out"));
 }
 
-TEST_F(SaasConnectorTest, StopsSoonInEveryState) {
+TEST_F(SaasConnectorTest, StopsQuicklyInEveryState) {
     const auto stop_takes = [](SaasConnector& connector) {
         const auto start = SteadyClock::now();
         connector.stop();
@@ -269,35 +264,35 @@ TEST_F(SaasConnectorTest, StopsSoonInEveryState) {
         return SteadyClock::now() - start;
     };
     SaasConfig in_tls_handshake = config(backend_.port());
-    in_tls_handshake.tls = true;
+    in_tls_handshake.backend.tls = true;
     for (const auto& [where, state] : {
              std::pair{config(1), "TCP connect to 127.0.0.1:1 failed"},
              {config(1, "bad..name"), "cannot resolve bad..name:1"},
              {config(backend_.port()), "connecting to 127.0.0.1:"},  // unanswered upgrade request
              {in_tls_handshake, "(wss)"},
          }) {
-        SaasConnector connector(where);  // with the program's own waits
+        SaasConnector connector(where);  // with the program's timing
         connector.start();
         EXPECT_TRUE(logged(state)) << state;
-        EXPECT_LT(stop_takes(connector), seconds(2)) << state;
+        EXPECT_LT(stop_takes(connector), 2s) << state;
     }
-    test::RawBackend deaf_backend(4096);
-    SaasConnector connector(config(deaf_backend.port()));
+    test::RawBackend full_backend(4096);
+    SaasConnector connector(config(full_backend.port()));
     connector.start();
-    RawPeer deaf = deaf_backend.accept();
-    deaf.accept_upgrade();
-    for (int i = 0; i < 6; ++i)  // more than the socket holds
+    RawPeer full = full_backend.accept();
+    full.accept_upgrade();
+    for (int i = 0; i < 6; ++i)  // more than the socket buffers hold
         connector.send_error("c", std::string(1'000'000, 'x'), "");
-    EXPECT_LT(stop_takes(connector), seconds(3));
+    EXPECT_LT(stop_takes(connector), 3s);
 }
 
-TEST_F(SaasConnectorTest, ConnectionsLostAndStopsAtRandomMomentsLeaveNothingBehind) {
+TEST_F(SaasConnectorTest, LostConnectionsAndStopsAtRandomTimesLeakNothing) {
     const auto descriptors = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     };
     std::mt19937 random(7);  // NOLINT: the same moments in each run
     std::jthread flapping([this](const std::stop_token& stop) {
-        for (int i = 0; !stop.stop_requested(); ++i) {  // ends them at different points
+        for (int i = 0; !stop.stop_requested(); ++i) {  // at different points
             RawPeer peer = backend_.accept();
             if (i % 4 > 0) peer.accept_upgrade(i % 4 == 1 ? "\x81\x20half" : "");
             if (i % 4 > 2) peer.send_text(R"({"type":"terminate_session"})");
@@ -315,52 +310,52 @@ TEST_F(SaasConnectorTest, ConnectionsLostAndStopsAtRandomMomentsLeaveNothingBehi
         connector.start();
         for (int n = 0; n < 20; ++n)
             connector.send_session_stats("s", 1, 2, 3, 4, 5);
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 20'000));
+        std::this_thread::sleep_for(1us * (random() % 20'000));
         connector.stop();
     }
     flapping.request_stop();
-    test::TcpClient wakes_its_accept(backend_.port(), seconds(10));
+    test::TcpClient unblocks_accept(backend_.port(), 10s);
     flapping.join();
-    wakes_its_accept.close();
+    unblocks_accept.close();
     EXPECT_LE(descriptors(), before);
 }
 
-class ForeignServerTest : public SaasConnectorTest {
+class ServerTest : public SaasConnectorTest {
   protected:
-    ForeignServerTest() {
+    ServerTest() {
         test::ChildProcess made(
             {.argv = {OX_SAAS_TEST_DIR "/make_test_certs.sh", folder_.path().string()}});
-        EXPECT_EQ(made.wait(seconds(30)), 0);
+        EXPECT_EQ(made.wait(30s), 0);
     }
 
-    /// Starts a server with the certificate of that name (none: without TLS), known as `host`.
+    /// Starts a server as `host`, with the certificate of that name (none: without TLS).
     SaasConfig serve(const std::string& certificate, const std::string& host) {
         std::vector<std::string> argv{OX_TEST_PYTHON, OX_SAAS_TEST_DIR "/websocket_backend.py"};
         if (!certificate.empty()) argv.push_back(folder_.file(certificate));
-        const std::string output = folder_.file("said" + std::to_string(++servers_));
-        said_ = test::LogFile(output);
+        const std::string output = folder_.file("output" + std::to_string(++servers_));
+        output_ = test::LogFile(output);
         server_.emplace(test::ChildProcess::Options{
             .argv = argv, .stdout_path = output, .stderr_path = output});
-        const auto line = said_.wait_for("port ", seconds(20));
-        EXPECT_TRUE(line) << testing::PrintToString(said_.lines());
+        const auto line = output_.wait_for("port ", 20s);
+        EXPECT_TRUE(line) << testing::PrintToString(output_.lines());
         SaasConfig server =
             config(static_cast<uint16_t>(std::stoi(line.value_or("port 0").substr(5))), host);
-        server.tls = !certificate.empty();
+        server.backend.tls = !certificate.empty();
         return server;
     }
 
-    bool said(const std::string& line, size_t times = 1) {
-        return said_.wait_for(line, seconds(10), times).has_value();
+    bool printed(const std::string& line, size_t times = 1) {
+        return output_.wait_for(line, 10s, times).has_value();
     }
 
     test::TempDir folder_;
     const test::Environment trust_{"SSL_CERT_FILE", folder_.file("ca.pem")};
     int servers_ = 0;
-    test::LogFile said_{""};  ///< what the newest server reports
+    test::LogFile output_{""};  ///< of the newest server
     std::optional<test::ChildProcess> server_;
 };
 
-TEST_F(ForeignServerTest, TalksOverPlainTcpAndOverTlsToTheRightHost) {
+TEST_F(ServerTest, WorksOverPlainTcpAndTls) {
     for (const auto& [certificate, host, sni] : {std::tuple{"", "127.0.0.1", "path"},
                                                  {"name", "localhost", "sni localhost"},
                                                  {"address", "127.0.0.1", "sni None"}}) {
@@ -370,24 +365,24 @@ TEST_F(ForeignServerTest, TalksOverPlainTcpAndOverTlsToTheRightHost) {
         connector.set_prepare_session_callback(
             [&](const PrepareSessionParams& params) { id_size = params.session_id.size(); });
         connector.start();
-        EXPECT_TRUE(said(sni));
+        EXPECT_TRUE(printed(sni));
         for (const char* line : {"path /agent/connect", "token agent-secret-token",
                                  R"(message {"agent_version":)", R"(message {"type":"pong"})"})
-            EXPECT_TRUE(said(line)) << line;
+            EXPECT_TRUE(printed(line)) << line;
         EXPECT_TRUE(eventually([&] { return id_size == 70'000; }));
         const size_t around = error_message("c", "", "").size();
         for (const size_t size : {125, 126, 65'535, 65'536, 500'000})
             connector.send_error("c", std::string(size - around, 'x'), "");
-        EXPECT_TRUE(said(R"(message {"code":"c")", 5));
+        EXPECT_TRUE(printed(R"(message {"code":"c")", 5));
         connector.send_session_ended("s1", "shutdown", 1);
         connector.stop();
-        EXPECT_TRUE(said(R"(message {"duration_sec":1,"reason":"shutdown")"));
-        EXPECT_TRUE(said("closed 1006"));  // no close frame; the connection just ends
+        EXPECT_TRUE(printed(R"(message {"duration_sec":1,"reason":"shutdown")"));
+        EXPECT_TRUE(printed("closed 1006"));  // no close frame; the connection just ends
     }
     EXPECT_TRUE(logged("SaasConnector: TLS established (TLS_"));
 }
 
-TEST_F(ForeignServerTest, RefusesCertificatesItCannotTrust) {
+TEST_F(ServerTest, RefusesUntrustedCertificates) {
     for (const auto& [certificate, host, fault] : {
              std::tuple{"expired", "localhost", "certificate has expired"},
              {"self_signed", "localhost", "self-signed certificate"},
@@ -402,7 +397,7 @@ TEST_F(ForeignServerTest, RefusesCertificatesItCannotTrust) {
                    std::string(fault) + ")"))
             << log_.text();
         connector.stop();
-        EXPECT_EQ(said_.count("path "), 0U) << certificate;
+        EXPECT_EQ(output_.count("path "), 0U) << certificate;
     }
 }
 

@@ -2,20 +2,19 @@
 
 #include <gtest/gtest.h>
 
-#include "saas/load_probe.h"
 #include "support/temp_dir.h"
 
 namespace ox {
 namespace {
 
-TEST(SystemInfo, ReadsAWholePcAndPrefersTheNvidiaDriversName) {
-    const test::TempDir root;                                        // stands for that of a PC
+TEST(SystemInfo, ReadsEverySourceAndPrefersTheNvidiaName) {
+    const test::TempDir root;
     EXPECT_EQ(detect_system_info(root.path().string()).ram_mb, 0U);  // nothing can be read
     root.write("proc/cpuinfo",
                "processor\t: 0\nmodel name\t: Example CPU: 8 cores \nmodel name\t: other\n");
     root.write("proc/meminfo", "MemTotal:       16384000 kB\nMemAvailable:    1536 kB\n");
     root.write("etc/os-release", "NAME=x\nPRETTY_NAME=\"Example Linux 12\"\nPRETTY_NAME=later\n");
-    // The first card with a driver counts, and no output of a card.
+    // The first card with a driver counts, not an output of a card.
     root.write("proc/driver/nvidia/gpus/0/information", "IRQ: 7\n");  // names no model
     root.write("sys/class/drm/card0-HDMI-A-1/device/uevent", "DRIVER=wrong\n");
     root.write("sys/class/drm/card0/device/uevent", "PCI_ID=1\n");
@@ -31,7 +30,7 @@ TEST(SystemInfo, ReadsAWholePcAndPrefersTheNvidiaDriversName) {
 }
 
 TEST(LoadProbe, ComparesWithThePreviousCall) {
-    const test::TempDir root;  // stands for that of a PC
+    const test::TempDir root;
     LoadProbe load(root.path().string());
     for (const auto& [stat, percent] : {
              std::pair{"", 0.0F},

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "saas/ws_assembler.h"
 #include "support/log_capture.h"
 
 namespace ox {
@@ -16,8 +15,8 @@ std::string operator""_b(const char* text, size_t size) {
     return {text, size};
 }
 
-/// What a link would do with `stream`, fed in pieces of `piece` bytes: one letter and the text per
-/// frame that asks for something.
+/// What a link does with `stream`, in pieces of `piece` bytes: a letter and the text for each frame
+/// that needs a reaction.
 std::string react(const std::string& stream, size_t piece) {
     WsFrameDecoder decoder;
     WsAssembler assembler("");
@@ -40,7 +39,7 @@ std::string react(const std::string& stream, size_t piece) {
     return reactions + (decoder.mid_frame() ? "..." : "");
 }
 
-TEST(WsFrame, EveryFormWholeAndByteByByte) {
+TEST(WsFrame, EveryFormInOnePieceAndByteByByte) {
     const test::LogCapture log;
     struct Row {
         std::string stream;
@@ -66,7 +65,7 @@ TEST(WsFrame, EveryFormWholeAndByteByByte) {
     }
     const std::string ping = "\x89\x7E\x00\xC8"_b + std::string(200, 'x');
     EXPECT_EQ(react(ping, 7), "p(" + std::string(125, 'x') + ")");
-    // One mebibyte is the limit, also of a message in fragments.
+    // The limit of one mebibyte also holds for a message in fragments.
     const std::string half(kMaxWsMessage / 2, 'h');
     const std::string length = "\x7F\x00\x00\x00\x00\x00\x08\x00\x00"_b;
     const std::string fragments = "\x01" + length + half + "\x00"_b + length + half;

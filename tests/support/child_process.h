@@ -11,21 +11,20 @@
 
 namespace ox::test {
 
-/// A program under test: started with its own environment, output to files, killed and reaped
-/// by the destructor, and by the kernel if the test itself dies.
+/// A program under test with its own environment and output files. The destructor kills and reaps
+/// it, the kernel kills it if the test dies.
 class ChildProcess {
   public:
     struct Options {
-        std::vector<std::string> argv;  ///< argv[0] is looked up in PATH when it has no "/"
-        /// "NAME=value" sets, "NAME" alone unsets; of two for one name the later one counts.
-        /// Everything else is inherited.
+        std::vector<std::string> argv;  ///< argv[0] is searched in PATH unless it has a "/"
+        /// "NAME=value" sets, "NAME" unsets; the last one counts. The rest is inherited.
         std::vector<std::string> environment = {};
         std::string stdout_path = "/dev/null";
         std::string stderr_path = "/dev/null";
     };
 
-    /// A program that is not there ends with status 127. The kernel kills the program when the
-    /// calling thread ends, so start it from a thread that outlives it.
+    /// A missing program ends with status 127. The calling thread must outlive the program: the
+    /// kernel kills it with the thread.
     explicit ChildProcess(const Options& options);
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -34,11 +33,10 @@ class ChildProcess {
     [[nodiscard]] pid_t pid() const noexcept { return pid_; }
     [[nodiscard]] bool running() { return !wait(std::chrono::milliseconds(0)).has_value(); }
 
-    /// Sends `number` if the process has not been reaped yet.
+    /// Sends `number` unless the process has been reaped.
     void signal(int number) const;
 
-    /// Exit status as a shell gives it (128 + signal for a killed one), or nothing when the process
-    /// still runs after `timeout`.
+    /// Exit status as in a shell (128 + signal), or nothing while the process still runs.
     std::optional<int> wait(std::chrono::milliseconds timeout);
 
     /// CPU time of the whole process so far; zero once it has ended.

@@ -7,9 +7,9 @@
 
 namespace ox::test {
 
-/// A peer can vanish without a word, as when a cable is pulled. Checks that the kernel will give up
-/// this process's one connection to (`is_remote`) or from the port within half a minute, and in
-/// `in_flight_ms` when data waits for its acknowledgement.
+/// For a peer that disappears silently, as with a pulled cable: checks that the kernel ends this
+/// process's one connection to (`is_remote`) or from the port within half a minute, and within
+/// `in_flight_ms` while data is unacknowledged.
 inline void expect_vanished_peer_is_noticed(uint16_t port, bool is_remote, int in_flight_ms) {
     int connections = 0;
     for (int fd = 0; fd < 1024; ++fd) {

@@ -6,7 +6,7 @@
 
 namespace ox::test {
 
-/// An environment variable with another value, or without one, for as long as this lives.
+/// Sets or unsets an environment variable for its own lifetime.
 class Environment {
   public:
     Environment(const char* name, std::optional<std::string> value) : name_(name) {

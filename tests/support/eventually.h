@@ -5,7 +5,7 @@
 
 namespace ox::test {
 
-/// Asks `condition` every millisecond until it holds; false when `timeout` passes first.
+/// Polls `condition` every millisecond until it holds; false on a timeout.
 template <typename Condition>
 bool eventually(Condition&& condition,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10)) {

@@ -1,7 +1,7 @@
-// A library to preload: one call of one function fails once. OX_FAULT names it ("sendto"),
-// OX_FAULT_ON what it has to be called on (a kind of descriptor: "tcp", "udp", "unix", "other") or
-// by (a thread's name; empty: any call counts), OX_FAULT_AT which of these calls (1 is the first),
-// OX_FAULT_ERRNO with what (a number). When it has happened, the file OX_FAULT_REPORT exists.
+// A library to preload that makes one call fail. OX_FAULT is the function ("sendto"), OX_FAULT_ON a
+// kind of descriptor ("tcp", "udp", "unix", "other") or a thread's name (empty: any call),
+// OX_FAULT_AT the number of the call among these (1 is the first), OX_FAULT_ERRNO the error (a
+// number). The file OX_FAULT_REPORT exists after the failure.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -41,7 +41,7 @@ const char* kind_of(const pollfd* entries) {
     return kind_of(entries->fd);
 }
 
-/// Whether this call of `name` on a descriptor of `kind` is the one to fail; errno is set then.
+/// True when this call of `name` on a descriptor of `kind` must fail; sets errno.
 bool fails(const char* name, const char* kind) {
     static const char* const wanted = std::getenv("OX_FAULT");
     if (wanted == nullptr || std::strcmp(wanted, name) != 0) return false;
@@ -60,8 +60,7 @@ bool fails(const char* name, const char* kind) {
 
 }  // namespace
 
-// Wraps a function whose failure is the value -1: in the variant that the compiler takes when it
-// knows the buffer's size, or the only one.
+// Wraps a function that returns -1 on failure; `checked` is its fortified variant, if any.
 #define OX_WRAP_CHECKED(result, name, checked, kind, parameters, arguments)   \
     result checked parameters {                                               \
         static auto* const real = next<result parameters>(#checked);          \

@@ -9,7 +9,7 @@
 
 namespace ox::test {
 
-/// Collects what is logged while it lives, in place of the standard error and the log file.
+/// Captures log lines instead of standard error and log file.
 class LogCapture {
   public:
     explicit LogCapture(LogLevel lowest = LogLevel::DEBUG)
@@ -33,19 +33,19 @@ class LogCapture {
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    /// Everything so far, with prefixes and newlines.
+    /// Everything so far, with prefixes.
     [[nodiscard]] std::string text() const {
         const MutexLock lock(log_mutex());
         return {text_, size_};
     }
 
-    /// How many lines carry exactly this level and message.
+    /// The number of lines with exactly this level and message.
     [[nodiscard]] int count(std::string level, std::string_view message) const {
         level.resize(5, ' ');
         return times("[" + level + "] " + std::string(message) + "\n");
     }
 
-    /// How often `wanted` is in the text.
+    /// The number of occurrences of `wanted`.
     [[nodiscard]] int times(std::string_view wanted) const {
         const std::string all = text();
         int found = 0;

@@ -16,7 +16,7 @@ class LogFile {
   public:
     explicit LogFile(std::string path) : path_(std::move(path)) {}
 
-    /// The whole lines so far (a line still being written is left out) that contain `with`.
+    /// The complete lines so far that contain `with`.
     [[nodiscard]] std::vector<std::string> lines(std::string_view with = "") const {
         std::ifstream in(path_, std::ios::binary);
         std::vector<std::string> result;
@@ -27,8 +27,7 @@ class LogFile {
     }
     [[nodiscard]] size_t count(std::string_view text) const { return lines(text).size(); }
 
-    /// Waits until at least `times` lines contain `text`; gives the `times`-th of them, or nothing
-    /// when `timeout` passes.
+    /// Waits until `times` lines contain `text` and returns the last of them; nothing on a timeout.
     [[nodiscard]] std::optional<std::string> wait_for(std::string_view text,
                                                       std::chrono::milliseconds timeout,
                                                       size_t times = 1) const {

@@ -9,8 +9,8 @@
 
 namespace ox::test {
 
-/// Six consecutive ports, free for TCP and UDP when taken, below the range the kernel gives out by
-/// itself. While the object lives no other test on this machine gets the same ones.
+/// Six consecutive free ports for TCP and UDP, below the kernel's ephemeral range. No other test on
+/// this machine gets the same ones meanwhile.
 class PortBlock {
   public:
     /// Throws std::runtime_error when nothing is free.
@@ -18,7 +18,7 @@ class PortBlock {
         std::random_device random;
         for (int attempt = 0; attempt < 200; ++attempt) {
             base_ = static_cast<uint16_t>(20'000 + 8 * (random() % 1500));
-            // The block's next, for nothing else.
+            // The next port marks the block as taken.
             reservation_ = bound_socket(SOCK_STREAM, static_cast<uint16_t>(base_ + kPorts));
             if (reservation_ && all_free()) return;
         }

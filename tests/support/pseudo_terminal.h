@@ -13,7 +13,7 @@
 
 namespace ox::test {
 
-/// A terminal without a window: what a program writes to `path()` is read here.
+/// A pseudo-terminal: reads what a program writes to `path()`.
 class PseudoTerminal {
   public:
     PseudoTerminal(int columns, int rows) {
@@ -21,7 +21,7 @@ class PseudoTerminal {
         std::array<char, 64> name{};
         ::openpty(&ends[0], &ends[1], name.data(), nullptr, nullptr);
         user.reset(ends[0]);
-        program.reset(ends[1]);  // also keeps the terminal alive when the program has ended
+        program.reset(ends[1]);  // keeps the terminal open after the program's end
         path_ = name.data();
         for (const int fd : ends)
             ::fcntl(fd, F_SETFD, FD_CLOEXEC);
@@ -39,7 +39,7 @@ class PseudoTerminal {
         ::ioctl(user.get(), TIOCSWINSZ, &size);
     }
 
-    /// What was written since the call before.
+    /// Output since the previous call.
     [[nodiscard]] std::string read_all() const {
         std::string text;
         std::array<char, 4096> buffer;

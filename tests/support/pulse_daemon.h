@@ -14,23 +14,23 @@
 
 namespace ox::test {
 
-/// A PulseAudio daemon of the test's own with the null sinks "out" (the default output), "spare"
-/// and "hidden"; the last feeds the only source that is no monitor, "mic", the default source.
-/// Points this process and its children at it for as long as it lives.
+/// A private PulseAudio daemon with the null sinks "out" (the default output), "spare" and
+/// "hidden", which feeds "mic", the default source and the only one that is no monitor. Changes the
+/// environment of this process to use it.
 class PulseDaemon {
   public:
     PulseDaemon() {
         ::setenv("XDG_RUNTIME_DIR", dir_.path().c_str(), 1);
         ::setenv("HOME", dir_.path().c_str(), 1);
         ::unsetenv("PULSE_SERVER");
-        // While it is down, no client may start a server of its own.
+        // Clients must not start a server while it is down.
         const std::string folder = dir_.file(".config/pulse");
         std::filesystem::create_directories(folder);
         std::ofstream(folder + "/client.conf") << "autospawn = no\n";
         start();
     }
 
-    /// Starts the server, with the outputs above. One that runs is killed, as in a crash.
+    /// Starts the server; a running one is killed first, as in a crash.
     void start() {
         daemon_.reset();
         daemon_ = std::make_unique<ChildProcess>(ChildProcess::Options{
@@ -49,7 +49,7 @@ class PulseDaemon {
         return std::system(("pactl " + command + " >/dev/null 2>&1").c_str()) == 0;  // NOLINT
     }
 
-    /// Takes a sink away, as when a headset is unplugged.
+    /// Removes a sink, like an unplugged headset.
     bool remove_sink(const std::string& name) const {
         return pactl("unload-module $(pactl list short modules | grep -w sink_name=" + name +
                      " | cut -f1)");
@@ -61,15 +61,14 @@ class PulseDaemon {
                      " frequency=" + std::to_string(hertz));
     }
 
-    /// For an agent that is to find this server.
+    /// For an agent that uses this server.
     static std::vector<std::string> environment() {
         return {std::string("HOME=") + std::getenv("HOME"),
                 std::string("XDG_RUNTIME_DIR=") + std::getenv("XDG_RUNTIME_DIR")};
     }
 
   private:
-    // Without rewinds a sink mixes 50 ms ahead, otherwise two seconds: so late would a recorder
-    // that comes later hear of it.
+    // Without rewinds a sink mixes 50 ms ahead, otherwise two seconds, which delays its monitor.
     static std::string null_sink(const std::string& name) {
         return "module-null-sink norewinds=1 sink_name=" + name;
     }

@@ -7,7 +7,7 @@
 
 namespace ox::test {
 
-/// Standard output or error going to another descriptor for as long as this lives.
+/// Redirects standard output or error for its own lifetime.
 class RedirectedFd {
   public:
     /// With `to` = -1 the descriptor is closed.

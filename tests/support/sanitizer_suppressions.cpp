@@ -1,5 +1,4 @@
-// Faults of libraries that the sanitizers see, to be linked into what uses those libraries. Without
-// a sanitizer nobody calls these functions.
+// Suppressions for library faults that the sanitizers find; unused without a sanitizer.
 
 #include <poll.h>
 
@@ -7,27 +6,26 @@ extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions();
 
 extern "C" const char* __lsan_default_suppressions() {
-    // x265 3.5: buffers of FrameFilter::init outlive x265_encoder_close. A program that does
-    // nothing but open and close the encoder shows it too.
+    // x265 3.5: buffers of FrameFilter::init outlive x265_encoder_close; opening and closing the
+    // encoder reproduces it.
     return "leak:libx265.so\n";
 }
 
 extern "C" const char* __tsan_default_suppressions() {
     // Xlib (and libXext) unlocks the display before it calls the handlers for a lost connection,
-    // and once more on its way out when they return. x265 hands a new encoder's first picture to
-    // its worker threads in a way that the sanitizer cannot see in a library built without it; a
-    // program that opens and closes the encoder some hundred times shows it too. libdbus locks its
-    // own tables in either order, which a program with one thread that opens a private connection,
-    // sends one message and closes shows too.
+    // and again when they return. x265 passes a new encoder's first picture to its worker threads
+    // without synchronisation that the sanitizer sees; opening and closing the encoder some hundred
+    // times reproduces it. libdbus locks its tables in either order; a single thread with one
+    // private connection reproduces it.
     return "mutex:libX11.so\nmutex:libXext.so\nrace:libx265.so\ndeadlock:libdbus-1.so\n";
 }
 
 #ifdef __SANITIZE_THREAD__
 namespace {
 
-// The sanitizer's runtime of GCC 12 makes a thread's table of postponed signals in the thread's
-// first blocking call, and forgets a signal that arrives meanwhile. SIGTERM goes to the main
-// thread: it gets its table before anybody can send one.
+// GCC 12's runtime allocates a thread's table of deferred signals in the thread's first blocking
+// call and loses a signal that arrives meanwhile. So the main thread, which gets SIGTERM, makes
+// such a call at the start.
 [[gnu::constructor]] void make_signal_table() {
     ::poll(nullptr, 0, 0);
 }

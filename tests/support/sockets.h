@@ -2,6 +2,9 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/un.h>
+
+#include <string>
 
 #include "base/unique_fd.h"
 
@@ -16,11 +19,11 @@ inline sockaddr_in loopback(uint16_t port, uint32_t host = 1) {
     return address;
 }
 
-/// A socket on `port` of this machine (0: any), at 127.0.0.`host`; one of SOCK_STREAM listens. None
-/// when the port is taken.
+/// A socket bound to `port` (0: any) of 127.0.0.`host`; SOCK_STREAM also listens. None when the
+/// port is taken.
 inline UniqueFd bound_socket(int type, uint16_t port, uint32_t host = 1) {
     UniqueFd fd(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
-    const int on = type == SOCK_STREAM ? 1 : 0;  // old connections of the port may still time out
+    const int on = type == SOCK_STREAM ? 1 : 0;  // the port may have connections in TIME_WAIT
     ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     const sockaddr_in address = loopback(port, host);
     const auto* at = reinterpret_cast<const sockaddr*>(&address);
@@ -34,6 +37,30 @@ inline uint16_t port_of(const UniqueFd& socket) {
     socklen_t size = sizeof address;
     ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &size);
     return ntohs(address.sin_port);
+}
+
+/// A stream socket that `attach` binds or connects to `path`; none where that fails.
+inline UniqueFd unix_socket(const std::string& path,
+                            int (*attach)(int, const sockaddr*, socklen_t)) {
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    if (path.size() >= sizeof address.sun_path) return {};
+    path.copy(address.sun_path, path.size());
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const auto* at = reinterpret_cast<const sockaddr*>(&address);
+    if (attach(fd.get(), at, sizeof address) != 0) fd.reset();
+    return fd;
+}
+
+/// A connection to the stream socket at `path`; none without a listener.
+inline UniqueFd connect_unix(const std::string& path) {
+    return unix_socket(path, ::connect);
+}
+
+/// A stream socket at `path` that accepts connections and sends nothing.
+inline UniqueFd listen_unix(const std::string& path) {
+    UniqueFd fd = unix_socket(path, ::bind);
+    ::listen(fd.get(), 16);
+    return fd;
 }
 
 }  // namespace ox::test

@@ -8,12 +8,12 @@
 #include "support/child_process.h"
 #include "support/environment.h"
 #include "support/eventually.h"
+#include "support/sockets.h"
 #include "support/temp_dir.h"
-#include "support/unix_socket.h"
 
 namespace ox::test {
 
-/// A system bus of this process's own, on which the test itself is the service `name`.
+/// A private system bus, on which the test is the service `name`.
 class SystemBus {
   public:
     explicit SystemBus(const char* name) {
@@ -40,7 +40,7 @@ class SystemBus {
     BusConnection service{{}};  ///< the service's end
 };
 
-/// A system bus that lets everybody connect and never says anything.
+/// A system bus that accepts connections and never answers.
 class DeafBus {
     TempDir dir_;
 

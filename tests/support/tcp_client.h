@@ -20,13 +20,12 @@
 
 namespace ox::test {
 
-/// A plain TCP connection to a port of this machine, for saying anything to a server: whole lines,
-/// parts of one, garbage.
+/// A TCP connection to a local port that sends arbitrary bytes.
 class TcpClient {
   public:
     using Milliseconds = std::chrono::milliseconds;
 
-    /// Tries again until somebody listens. Throws std::runtime_error when `timeout` passes.
+    /// Retries until it is accepted. Throws std::runtime_error on a timeout.
     TcpClient(uint16_t port, Milliseconds timeout) {
         const sockaddr_in address = loopback(port);
         const auto connects = [&] {
@@ -36,10 +35,10 @@ class TcpClient {
         };
         if (!eventually(connects, timeout))
             throw std::runtime_error("nobody listens on port " + std::to_string(port));
-        const int on = 1;  // what is sent in pieces leaves in pieces
+        const int on = 1;  // pieces are not merged
         ::setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     }
-    /// The other end of a connection that a test has accepted.
+    /// Wraps an accepted connection.
     explicit TcpClient(UniqueFd socket) : socket_(std::move(socket)) {}
 
     /// False when the server has closed.
@@ -52,7 +51,7 @@ class TcpClient {
         return true;
     }
 
-    /// What comes before the next `end`, or nothing when `timeout` passes or the server closes.
+    /// The bytes before the next `end`, or nothing on a timeout or when the server closes.
     std::optional<std::string> read_up_to(std::string_view end, Milliseconds timeout) {
         const auto came = [&] { return received_.find(end) != std::string::npos; };
         if (!receive_until(came, timeout)) return std::nullopt;
@@ -70,7 +69,7 @@ class TcpClient {
         return bytes;
     }
 
-    /// Waits for the server to close or reset; what it sends until then is dropped.
+    /// Waits for the server to close or reset; discards what it sends.
     bool closed_within(Milliseconds timeout) {
         const auto drop = [&] {
             received_.clear();
@@ -80,7 +79,7 @@ class TcpClient {
         return ended_;
     }
 
-    /// Ends the connection, at once and without ceremony (RST) when `abruptly`.
+    /// Ends the connection; by RST when `abruptly`.
     void close(bool abruptly = false) {
         const linger at_once{abruptly ? 1 : 0, 0};
         ::setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
@@ -89,7 +88,7 @@ class TcpClient {
     }
 
   private:
-    /// False when `timeout` passes first or the server closes.
+    /// False on a timeout or when the server closes.
     template <typename Condition>
     bool receive_until(Condition&& condition, Milliseconds timeout) {
         const auto deadline = std::chrono::steady_clock::now() + timeout;

@@ -11,7 +11,7 @@
 
 namespace ox::test {
 
-/// A fresh folder that goes away with all its contents.
+/// A new folder, removed with its contents by the destructor.
 class TempDir {
   public:
     TempDir() {
@@ -31,7 +31,7 @@ class TempDir {
     [[nodiscard]] std::string file(const std::string& name) const {
         return (path_ / name).string();
     }
-    /// Writes a file, and the folders on the way to it. Gives its path.
+    /// Writes a file, creating its parent folders. Returns its path.
     std::string write(const std::string& name, std::string_view text) const {
         std::filesystem::create_directories((path_ / name).parent_path());
         std::ofstream(path_ / name, std::ios::binary) << text;

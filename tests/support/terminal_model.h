@@ -9,8 +9,7 @@
 
 namespace ox::test {
 
-/// A terminal of another make (libvterm). What it does not know it keeps for the test to complain
-/// about.
+/// An independent terminal emulator (libvterm). Collects sequences unknown to it.
 class TerminalModel {
   public:
     TerminalModel(int columns, int rows) : terminal_(vterm_new(rows, columns), vterm_free) {
@@ -30,13 +29,12 @@ class TerminalModel {
     TerminalModel(const TerminalModel&) = delete;
     TerminalModel& operator=(const TerminalModel&) = delete;
 
-    /// Takes output of the program in pieces of any size.
     void feed(std::string_view bytes) {
         vterm_input_write(terminal_.get(), bytes.data(), bytes.size());
     }
     void resize(int columns, int rows) { vterm_set_size(terminal_.get(), rows, columns); }
 
-    /// One place; empty where there is nothing, or the right half of a wide character.
+    /// One cell; empty for blanks and the right half of a wide character.
     [[nodiscard]] VTermScreenCell at(int column, int row) const {
         VTermScreenCell cell{};
         vterm_screen_get_cell(screen_, {.row = row, .col = column}, &cell);
@@ -53,14 +51,14 @@ class TerminalModel {
     }
     [[nodiscard]] bool alternate_screen() const { return alternate_; }
     [[nodiscard]] bool cursor_visible() const { return cursor_visible_; }
-    /// Asks for the mode, as a program may.
+    /// Queries the terminal's mode.
     [[nodiscard]] bool wraps() {
         feed("\x1B[?7$p");
         std::array<char, 16> answer{};
         vterm_output_read(terminal_.get(), answer.data(), answer.size());
         return std::string_view(answer.data()) == "\x1B[?7;1$y";
     }
-    /// Control characters, and the last letters of sequences, that it does not know.
+    /// Unknown control characters, and the last letters of unknown sequences.
     [[nodiscard]] const std::string& unknown() const { return unknown_; }
 
   private:

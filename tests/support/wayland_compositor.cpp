@@ -5,7 +5,7 @@
 
 #include <stdexcept>
 
-#include "support/unix_socket.h"
+#include "support/sockets.h"
 
 namespace ox::test {
 

@@ -4,7 +4,7 @@
 #include <fstream>
 
 #include "support/eventually.h"
-#include "support/unix_socket.h"
+#include "support/sockets.h"
 
 namespace ox::test {
 namespace {

@@ -18,7 +18,7 @@ namespace {
 
 using test::eventually;
 
-/// A launcher's end: a UDP socket on a port of its own, at 127.0.0.`host`.
+/// A launcher's socket, at 127.0.0.`host`.
 struct Peer {
     explicit Peer(uint32_t host = 1)
         : fd(test::bound_socket(SOCK_DGRAM, 0, host)), ip("127.0.0." + std::to_string(host)) {}
@@ -58,8 +58,8 @@ class UdpSenderTest : public testing::Test {
                                      std::to_string(port) + "...");
     }
 
-    /// Waits until the listener has refused a probe of `bytes` from `peer`, and so judged all that
-    /// came before it.
+    /// Waits until the listener has refused a probe of `bytes` from `peer`, and thus processed all
+    /// earlier ones.
     [[nodiscard]] bool refuses(const Peer& peer, const std::string& bytes = "OXP1") const {
         const std::string line = "UdpSender: ignoring invalid probe (" +
                                  std::to_string(bytes.size()) + "B) from " + peer.name;
@@ -75,7 +75,7 @@ class UdpSenderTest : public testing::Test {
     UdpSender sender;
 };
 
-TEST_F(UdpSenderTest, SendsNoPacketThatIsLargerThanADatagramMayBe) {
+TEST_F(UdpSenderTest, RefusesAnOversizedPacket) {
     OutgoingPacket packet;
     packet.payload.assign(std::vector<uint8_t>(1242, 0xee));
     EXPECT_TRUE(sender.send_packet(packet));
@@ -87,7 +87,7 @@ TEST_F(UdpSenderTest, SendsNoPacketThatIsLargerThanADatagramMayBe) {
     EXPECT_EQ(log.count("INFO", "UdpSender: closed (pkts=1 bytes=1264 errs=0)"), 1);
 }
 
-TEST_F(UdpSenderTest, AProbeFromBeforeTheOpeningCountsOnAReservedPort) {
+TEST_F(UdpSenderTest, AReservedPortReceivesAProbeBeforeOpen) {
     sender.close();
     sender.reserve(port);
     other.send("OXP1", port);
@@ -111,20 +111,20 @@ TEST_F(UdpSenderTest, TokenProbeMovesTheDestination) {
     other.send("OXP1TOKEN678", port);
     EXPECT_TRUE(sender.wait_for_probe(-1, [] { return false; }));
     EXPECT_EQ(locked_on(other), 1);
-    launcher.send("OXP1TOKEN678", port);  // too late: nobody listens any more
+    launcher.send("OXP1TOKEN678", port);  // too late: the listener has ended
     sender.start_probe_listener();
     EXPECT_EQ(listeners_started(), 1);
     EXPECT_TRUE(send_text(sender, "after"));
     EXPECT_EQ(other.receive(), "after");
 }
 
-TEST_F(UdpSenderTest, AReturningLauncherAndNobodyElseMovesTheStreamOncePerReturn) {
+TEST_F(UdpSenderTest, OnlyAReturningLauncherMovesTheStreamOncePerReturn) {
     const auto goes_to = [this](const Peer& peer) {
         EXPECT_TRUE(send_text(sender, "picture"));
         return peer.receive() == "picture";
     };
     sender.start_probe_listener();
-    // Back at another address. Until its probe comes, what no probe has moved follows it there.
+    // Back at another address: a destination that no probe has set follows at once.
     const Peer back(2), rebound(2), reported(3);
     sender.expect_return(back.ip, back.ip, back.port);
     EXPECT_TRUE(goes_to(back));
@@ -136,8 +136,7 @@ TEST_F(UdpSenderTest, AReturningLauncherAndNobodyElseMovesTheStreamOncePerReturn
     EXPECT_TRUE(sender.take_moved());
     EXPECT_TRUE(goes_to(rebound));
 
-    // The rest of its probes, and those of others during the hold, lie in the socket at its second
-    // return, on another port of the same address.
+    // Its second return, on another port of the same address. Probes queued before it do not count.
     for (const Peer* early : {&rebound, &rebound, &other, &reported})
         early->send("OXP1", port);
     sender.expect_return(back.ip, back.ip, back.port);
@@ -149,7 +148,7 @@ TEST_F(UdpSenderTest, AReturningLauncherAndNobodyElseMovesTheStreamOncePerReturn
     EXPECT_TRUE(sender.take_moved());
     EXPECT_TRUE(goes_to(back));
 
-    // The third time the connection comes from one address and media is to go to another.
+    // The third return: the control connection and the media have different addresses.
     sender.expect_return(launcher.ip, reported.ip, reported.port);
     EXPECT_TRUE(refuses(rebound) && refuses(launcher, std::string(1, '\0')));
     EXPECT_TRUE(goes_to(back));
@@ -157,7 +156,7 @@ TEST_F(UdpSenderTest, AReturningLauncherAndNobodyElseMovesTheStreamOncePerReturn
     EXPECT_TRUE(eventually([&] { return sender.take_moved(); }));
     EXPECT_TRUE(goes_to(reported));
 
-    // A probe from where the stream goes is the one, too.
+    // A probe from the present destination counts, too.
     sender.expect_return(launcher.ip, reported.ip, reported.port);
     reported.send("OXP1", port);
     EXPECT_TRUE(eventually([&] { return locked_on(reported) == 1; }));
@@ -175,7 +174,7 @@ TEST_F(UdpSenderTest, WaitEndsWithoutAProbe) {
         const std::jthread waiter([&] { EXPECT_FALSE(sender.wait_for_probe(-1, {})); });
         sender.close();
     }
-    // The next session on the same object starts over.
+    // The next session on the same object.
     ASSERT_TRUE(sender.open("127.0.0.1", launcher.port, port));
     sender.start_probe_listener();
     other.send("OXP1", port);
@@ -190,7 +189,7 @@ TEST_F(UdpSenderTest, PacingDelaysAndCounts) {
     for (int i = 0; i < 40; ++i)
         EXPECT_TRUE(send_text(sender, datagram));
     const auto elapsed = SteadyClock::now() - start;
-    // 24,000 bytes above the burst, the rate granted twice over a sleep and up to 50 us forgiven.
+    // 24,000 bytes above the burst; the bucket counts slept time twice and ignores up to 50 us.
     EXPECT_GE(elapsed, std::chrono::milliseconds(10));
     EXPECT_GE(sender.pacing_sleeps(), 1U);
     EXPECT_EQ(sender.packets_sent(), 40U);

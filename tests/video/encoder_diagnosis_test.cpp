@@ -7,6 +7,7 @@ extern "C" {
 #include <libavutil/error.h>
 }
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -25,25 +26,27 @@ constexpr const char* kNoCbr = "Driver does not support CBR RC mode (supported m
 const std::string kNewerDriver =
     "The minimum required Nvidia driver for nvenc is 470.57.02 or newer\n";
 
-const EncoderChoice kNvenc{"h264_nvenc", EncoderBackend::Nvenc, EncoderInput::Nv12, true, {}};
-const EncoderChoice kVaapi{
-    "h264_vaapi", EncoderBackend::Vaapi, EncoderInput::VaapiSurface, false, {}};
-const EncoderChoice kHevcVaapi{
-    "hevc_vaapi", EncoderBackend::Vaapi, EncoderInput::VaapiSurface, false, {}};
-const EncoderChoice kSoftware{"libx264", EncoderBackend::Software, EncoderInput::Yuv420p, true, {}};
+/// The ladder's encoder of this kind.
+const EncoderChoice& choice(VideoCodec codec, EncoderBackend backend) {
+    return *std::ranges::find(encoder_ladder(codec), backend, &EncoderChoice::backend);
+}
+const EncoderChoice& kNvenc = choice(VideoCodec::H264, EncoderBackend::Nvenc);
+const EncoderChoice& kVaapi = choice(VideoCodec::H264, EncoderBackend::Vaapi);
+const EncoderChoice& kHevcVaapi = choice(VideoCodec::Hevc, EncoderBackend::Vaapi);
+const EncoderChoice& kSoftware = choice(VideoCodec::H264, EncoderBackend::Software);
 
 GraphicsFacts card(uint32_t vendor, bool permitted = true) {
     return {.nodes = {{.path = kNode, .permitted = permitted, .vendor = vendor}}};
 }
 
-// Libav's words as its versions 5.1 to 9 write them.
+// Libav's messages as its versions 5.1 to 9 write them.
 TEST(EncoderDiagnosis, NamesTheCauseAndTheRemedy) {
     struct Case {
         const EncoderChoice& choice;
         EncoderStage stage;
-        std::string said;
+        std::string messages;
         GraphicsFacts facts;
-        const char* told;  ///< of the cause and of the remedy, as a regular expression
+        const char* diagnosis;  ///< regular expression for cause and remedy
         bool no_hardware = false;
         int error = AVERROR_EXTERNAL;
     };
@@ -97,37 +100,37 @@ TEST(EncoderDiagnosis, NamesTheCauseAndTheRemedy) {
         {kSoftware, Settings, "", nothing, "out of range.*--bitrate", false, AVERROR(ERANGE)},
     };
     for (const Case& row : cases) {
-        SCOPED_TRACE(row.said);
+        SCOPED_TRACE(row.messages);
         const auto [reason, no_hardware] = diagnose({.choice = &row.choice,
                                                      .stage = row.stage,
                                                      .error = row.error,
                                                      .node = kNode,
-                                                     .said = row.said,
-                                                     .errors = row.said},
+                                                     .messages = row.messages,
+                                                     .errors = row.messages},
                                                     row.facts);
-        EXPECT_THAT(reason.cause + "; " + reason.remedy, testing::ContainsRegex(row.told));
+        EXPECT_THAT(reason.cause + "; " + reason.remedy, testing::ContainsRegex(row.diagnosis));
         EXPECT_EQ(no_hardware, row.no_hardware);
     }
 }
 
-TEST(EncoderDiagnosis, OfSeveralCardsTheOneThatTellsMostIsBlamed) {
+TEST(EncoderDiagnosis, ReportsTheMostInformativeOfSeveralCards) {
     using enum EncoderStage;
-    const auto blamed = [](EncoderStage usual, uint32_t usual_vendor, EncoderStage other) {
+    const auto reported = [](EncoderStage usual, uint32_t usual_vendor, EncoderStage other) {
         const GraphicsFacts facts{.nodes = {{.path = kNode, .vendor = usual_vendor},
                                             {.path = kOtherNode, .vendor = kVendorAmd}}};
         const std::vector<EncoderFailure> attempts{{.stage = usual, .node = kNode},
                                                    {.stage = Device},
                                                    {.stage = other, .node = kOtherNode}};
-        return most_telling(attempts, facts).node;
+        return most_informative(attempts, facts).node;
     };
-    EXPECT_EQ(blamed(Device, kVendorIntel, Device), kNode) << "the first, when all is equal";
-    EXPECT_EQ(blamed(Device, kVendorNvidia, Device), kOtherNode);
-    EXPECT_EQ(blamed(Device, kVendorIntel, Opening), kOtherNode);
-    EXPECT_EQ(blamed(Opening, kVendorNvidia, Device), kOtherNode);
-    EXPECT_EQ(blamed(Opening, kVendorIntel, Device), kNode);
+    EXPECT_EQ(reported(Device, kVendorIntel, Device), kNode) << "the first of equal ones";
+    EXPECT_EQ(reported(Device, kVendorNvidia, Device), kOtherNode);
+    EXPECT_EQ(reported(Device, kVendorIntel, Opening), kOtherNode);
+    EXPECT_EQ(reported(Opening, kVendorNvidia, Device), kOtherNode);
+    EXPECT_EQ(reported(Opening, kVendorIntel, Device), kNode);
 }
 
-TEST(EncoderDiagnosis, LooksAtThePc) {
+TEST(GraphicsFacts, ReadsDevicesAndDistribution) {
     const test::TempDir pc;
     const std::filesystem::path root = pc.path();
     for (const auto& [name, text] :

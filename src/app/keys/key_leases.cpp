@@ -4,13 +4,13 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <mutex>
 #include <optional>
-#include <system_error>
 #include <utility>
 
 #include "app/keys/lease_file.h"
 #include "base/clock.h"
+#include "base/mutex.h"
+#include "base/thread.h"
 #include "log/log.h"
 
 namespace ox {
@@ -18,7 +18,7 @@ namespace {
 
 /// Ten minutes of the fastest stream: 120 frames and 200 packets of sound a second.
 constexpr LeaseEnd kStep{.frames = 72'000, .audio = 120'000};
-/// What a session must have left when the disk does not answer: a minute.
+/// The least that a session has while the disk does not answer: a minute.
 constexpr LeaseEnd kReserve{.frames = kStep.frames / 10, .audio = kStep.audio / 10};
 
 }  // namespace
@@ -26,28 +26,42 @@ constexpr LeaseEnd kReserve{.frames = kStep.frames / 10, .audio = kStep.audio / 
 struct KeyLeases::State {
     explicit State(std::string folder) : file(std::move(folder)) {}
 
-    /// Whether there is something to lease for a stream with half a step or less. Needs the mutex.
-    [[nodiscard]] bool is_low(const KeyId& of, const StreamNumbers& numbers) const;
-    /// Leases more for a stream that has `limit` or less left. Needs the mutex.
-    LeaseTable::Claim claim(const KeyId& of, const StreamNumbers& numbers, const LeaseEnd& limit);
-    /// Leases and records. The worker's, without the mutex.
-    void extend(const KeyId& of, StreamNumbers& numbers);
-    /// One line for each time that the file stops working. Needs the mutex.
-    void report(const LeaseFile::Outcome& outcome);
+    /// Whether half of a step or less is left.
+    [[nodiscard]] bool is_low(const KeyId& of, const StreamNumbers& numbers) const
+        OX_REQUIRES(mutex);
+    /// Claims a step for each stream that has `limit` or less left.
+    LeaseTable::Claim claim(const KeyId& of, const StreamNumbers& numbers, const LeaseEnd& limit)
+        OX_REQUIRES(mutex);
+    /// Logs one line each time that the file stops working.
+    void report(const LeaseFile::Outcome& outcome) OX_REQUIRES(mutex);
 
-    const LeaseFile file;  ///< the worker's
+    // The worker's:
+    /// A session that needs numbers.
+    struct Job {
+        std::shared_ptr<StreamNumbers> numbers;
+        KeyId key{};
+        uint64_t session = 0;
+    };
+    /// Nothing when the worker is to end.
+    std::optional<Job> wait_for_job() OX_EXCLUDES(mutex);
+    /// Claims and records.
+    void extend(const Job& job) OX_EXCLUDES(mutex);
 
-    std::mutex mutex;
+    const LeaseFile file;
+
+    Mutex mutex;
     std::condition_variable changed;
-    // All below are guarded by `mutex`.
-    LeaseTable table;  ///< what this process has leased, and what the file said
-    KeyId key{};       ///< of the session being served
-    std::weak_ptr<StreamNumbers> session;
-    uint64_t sessions = 0;  ///< how many there were
-    uint64_t served = 0;    ///< the last of them that has its first lease
-    bool warned = false;    ///< nothing was recorded since
-    bool stopping = false;
-    bool finished = false;  ///< the worker has left
+    /// What this process has leased, and what was in the file.
+    LeaseTable table OX_GUARDED_BY(mutex);
+    // Of the current session.
+    KeyId key OX_GUARDED_BY(mutex){};
+    std::weak_ptr<StreamNumbers> current OX_GUARDED_BY(mutex);
+
+    uint64_t sessions OX_GUARDED_BY(mutex) = 0;  ///< how many there were
+    uint64_t served OX_GUARDED_BY(mutex) = 0;    ///< the last of them that has its first lease
+    bool warned OX_GUARDED_BY(mutex) = false;    ///< nothing was recorded since
+    bool stopping OX_GUARDED_BY(mutex) = false;
+    bool finished OX_GUARDED_BY(mutex) = false;  ///< the worker has ended
 };
 
 bool KeyLeases::State::is_low(const KeyId& of, const StreamNumbers& numbers) const {
@@ -64,27 +78,30 @@ LeaseTable::Claim KeyLeases::State::claim(const KeyId& of, const StreamNumbers& 
                             .audio = numbers.audio.left() <= limit.audio ? kStep.audio : 0});
 }
 
-void KeyLeases::State::extend(const KeyId& of, StreamNumbers& numbers) {
+void KeyLeases::State::extend(const Job& job) {
     const LeaseEnd half{.frames = kStep.frames / 2, .audio = kStep.audio / 2};
     std::optional<LeaseTable::Claim> claimed;
     LeaseEnd written;
     for (bool again = true; again;) {
         const LeaseFile::Outcome outcome = file.update([&](LeaseTable& recorded) {
-            const std::lock_guard lock(mutex);
+            const MutexLock lock(mutex);
             recorded.merge(table);
             table = recorded;
-            if (!claimed) claimed = claim(of, numbers, half);
+            if (!claimed) claimed = claim(job.key, *job.numbers, half);
             recorded = table;
-            written = table.end_of(of);
+            written = table.end_of(job.key);
         });
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         report(outcome);
-        if (!claimed) claimed = claim(of, numbers, half);
-        // While the disk kept us, the session may have been given more.
-        again = outcome.recorded() && table.end_of(of) != written;
+        if (!claimed) claimed = claim(job.key, *job.numbers, half);
+        // `top_up` may have claimed more during a slow write.
+        again = outcome.recorded() && table.end_of(job.key) != written;
     }
-    numbers.video.add(claimed->first.frames, claimed->end.frames);
-    numbers.audio.add(claimed->first.audio, claimed->end.audio);
+    job.numbers->video.add(claimed->first.frames, claimed->end.frames);
+    job.numbers->audio.add(claimed->first.audio, claimed->end.audio);
+    const MutexLock lock(mutex);
+    served = job.session;
+    changed.notify_all();
 }
 
 void KeyLeases::State::report(const LeaseFile::Outcome& outcome) {
@@ -106,58 +123,62 @@ void KeyLeases::State::report(const LeaseFile::Outcome& outcome) {
 KeyLeases::KeyLeases(std::string folder) : state_(std::make_shared<State>(std::move(folder))) {}
 
 KeyLeases::~KeyLeases() {
-    constexpr std::chrono::milliseconds kPatience{500};
     if (!worker_.joinable()) return;
-    std::unique_lock lock(state_->mutex);
-    state_->stopping = true;
-    state_->changed.notify_all();
-    const bool finished =
-        state_->changed.wait_for(lock, kPatience, [this] { return state_->finished; });
-    lock.unlock();
+    const auto deadline = SteadyClock::now() + std::chrono::milliseconds(500);
+    bool finished = false;
+    {
+        MutexLock lock(state_->mutex);
+        state_->stopping = true;
+        state_->changed.notify_all();
+        while (!state_->finished && SteadyClock::now() < deadline)
+            lock.wait_until(state_->changed, deadline);
+        finished = state_->finished;
+    }
     finished ? worker_.join() : worker_.detach();
 }
 
 std::shared_ptr<StreamNumbers> KeyLeases::lease(std::span<const uint8_t> master_key) {
     auto numbers = std::make_shared<StreamNumbers>();
     {
-        const std::lock_guard lock(state_->mutex);
+        const MutexLock lock(state_->mutex);
         state_->key = key_id(master_key);
-        state_->session = numbers;
+        state_->current = numbers;
         ++state_->sessions;
     }
     state_->changed.notify_all();
-    if (worker_.joinable()) return numbers;
-    try {
-        worker_ = std::thread([state = state_] { run(state); });
-    } catch (const std::system_error& error) {
-        OX_WARN("KeyLeases: cannot start the thread: %s", error.what());
+    if (!worker_.joinable()) {
+        worker_ = start_thread(
+            [state = state_] { run(*state); },
+            [](const char* reason) { OX_WARN("KeyLeases: cannot start the thread: %s", reason); });
     }
     return numbers;
 }
 
-void KeyLeases::run(const std::shared_ptr<State>& state) {
-    ::pthread_setname_np(::pthread_self(), "ox-leases");
-    constexpr std::chrono::seconds kLook{1};
-    std::unique_lock lock(state->mutex);
-    while (!state->stopping) {
-        std::shared_ptr<StreamNumbers> numbers = state->session.lock();
-        const uint64_t session = state->sessions;
-        const KeyId key = state->key;
-        if (numbers && (state->served != session || state->is_low(key, *numbers))) {
-            lock.unlock();
-            state->extend(key, *numbers);
-            lock.lock();
-            state->served = session;
-            state->changed.notify_all();
-            continue;
+std::optional<KeyLeases::State::Job> KeyLeases::State::wait_for_job() {
+    constexpr std::chrono::seconds kCheckPeriod{1};
+    MutexLock lock(mutex);
+    while (!stopping) {
+        std::shared_ptr<StreamNumbers> leased = current.lock();
+        const bool idle = !leased;
+        if (leased && (served != sessions || is_low(key, *leased))) {
+            return Job{.numbers = std::move(leased), .key = key, .session = sessions};
         }
-        // Without a session there is nothing to look after, and nothing to hold.
-        const bool idle = !numbers;
-        numbers.reset();
-        idle ? state->changed.wait(lock) : static_cast<void>(state->changed.wait_for(lock, kLook));
+        leased.reset();
+        if (idle) {
+            lock.wait(changed);
+        } else {
+            lock.wait_until(changed, SteadyClock::now() + kCheckPeriod);
+        }
     }
-    state->finished = true;
-    state->changed.notify_all();
+    finished = true;
+    changed.notify_all();
+    return std::nullopt;
+}
+
+void KeyLeases::run(State& state) {
+    ::pthread_setname_np(::pthread_self(), "ox-leases");
+    while (const auto job = state.wait_for_job())
+        state.extend(*job);
 }
 
 void KeyLeases::await(StreamNumbers& numbers, std::chrono::milliseconds limit,
@@ -165,11 +186,11 @@ void KeyLeases::await(StreamNumbers& numbers, std::chrono::milliseconds limit,
     constexpr std::chrono::milliseconds kSlice{50};
     const auto deadline = SteadyClock::now() + limit;
     {
-        std::unique_lock lock(state_->mutex);
+        MutexLock lock(state_->mutex);
         while (worker_.joinable() && state_->served != state_->sessions &&
                SteadyClock::now() < deadline) {
             if (stop()) return;
-            state_->changed.wait_until(lock, std::min(deadline, SteadyClock::now() + kSlice));
+            lock.wait_until(state_->changed, std::min(deadline, SteadyClock::now() + kSlice));
         }
         if (state_->served == state_->sessions) return;
     }
@@ -178,7 +199,7 @@ void KeyLeases::await(StreamNumbers& numbers, std::chrono::milliseconds limit,
 
 void KeyLeases::top_up(StreamNumbers& numbers) {
     if (numbers.video.left() > kReserve.frames && numbers.audio.left() > kReserve.audio) return;
-    const std::lock_guard lock(state_->mutex);
+    const MutexLock lock(state_->mutex);
     const LeaseEnd before = state_->table.end_of(state_->key);
     const LeaseTable::Claim more = state_->claim(state_->key, numbers, kReserve);
     if (more.end == before) return;  // used up

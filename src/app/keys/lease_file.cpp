@@ -23,23 +23,21 @@ constexpr const char* kLockName = "key-leases.lock";
 constexpr const char* kNewName = "key-leases.new";
 constexpr const char* kDamagedName = "key-leases.damaged";
 constexpr mode_t kPrivate = 0600;
-/// Ten times what the table can fill; more is no file of ours.
+/// Ten times the longest file of a full table.
 constexpr size_t kLongest = 65536;
 
-/// What went wrong, from errno.
 std::string failure(const char* what) {
     return std::string(what) + ": " + std::strerror(errno);
 }
 
-/// Whether `fd` is of this kind (S_IFREG, S_IFDIR) and of this user.
+/// Whether `fd` is of `kind` (S_IFREG, S_IFDIR) and belongs to this user.
 bool is_ours(int fd, mode_t kind) {
     struct stat status {};
     return ::fstat(fd, &status) == 0 && (status.st_mode & S_IFMT) == kind &&
            status.st_uid == ::geteuid();
 }
 
-/// Opens a file of ours; sets `error` when that cannot be. O_NONBLOCK: a pipe of that name would
-/// keep us for ever.
+/// Opens a regular file of this user, or sets `error`. O_NONBLOCK: opening a pipe would block.
 UniqueFd open_ours(int folder, const char* name, int flags, std::string& error) {
     UniqueFd file(::openat(folder, name, flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, kPrivate));
     if (!file) {
@@ -91,7 +89,7 @@ bool write_all(int fd, std::string_view text) {
     return true;
 }
 
-/// Puts a file with `text` in the place of the old one: at any moment one of them is there whole.
+/// Replaces the file atomically.
 bool replace(int folder, std::string_view text, std::string& error) {
     ::unlinkat(folder, kNewName, 0);  // left by an agent that was killed
     const UniqueFd file = open_ours(folder, kNewName, O_WRONLY | O_CREAT | O_EXCL, error);
@@ -105,8 +103,8 @@ bool replace(int folder, std::string_view text, std::string& error) {
     return true;
 }
 
-/// Keeps the damaged file under another name. It keeps its own, too, until it is replaced.
-void keep_aside(int folder) {
+/// Gives the damaged file a second name, which it keeps when it is replaced.
+void save_damaged(int folder) {
     ::unlinkat(folder, kDamagedName, 0);
     if (::linkat(folder, kName, folder, kDamagedName, 0) != 0) {
         ::renameat(folder, kName, folder, kDamagedName);
@@ -144,7 +142,7 @@ LeaseFile::Outcome LeaseFile::update(const std::function<void(LeaseTable&)>& cha
     if (exists) table = LeaseTable::parse(text, outcome.damaged);
     if (outcome.damaged) {
         outcome.salvaged = table.size();
-        keep_aside(folder.get());
+        save_damaged(folder.get());
     }
     change(table);
     replace(folder.get(), table.text(), outcome.error);

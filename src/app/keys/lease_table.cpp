@@ -21,7 +21,7 @@ std::string to_hex(const std::array<uint8_t, N>& bytes) {
     return hex;
 }
 
-// Against damage, not against forgery: whoever can write the file needs none.
+// Against damage, not against forgery.
 std::string check_sum(std::string_view line) {
     constexpr std::array<uint8_t, crypto_shorthash_KEYBYTES> kKey{};
     std::array<uint8_t, crypto_shorthash_BYTES> sum{};
@@ -30,7 +30,7 @@ std::string check_sum(std::string_view line) {
     return to_hex(sum);
 }
 
-/// Cuts the text up to `separator` off `rest`; all of it when there is none.
+/// Removes the text up to `separator`, or all of it, from `rest`.
 std::string_view cut(std::string_view& rest, char separator) {
     const size_t end = std::min(rest.find(separator), rest.size());
     const std::string_view part = rest.substr(0, end);
@@ -60,7 +60,7 @@ std::optional<uint64_t> read_number(std::string_view digits) {
     return number;
 }
 
-/// The numbers in a line behind its id; nothing when they cannot be trusted.
+/// The numbers behind the id in a line, if they are valid.
 std::optional<LeaseEnd> read_numbers(std::string_view line, std::string_view rest) {
     const auto frames = read_number(cut(rest, ' '));
     const auto audio = read_number(cut(rest, ' '));

@@ -1,14 +1,11 @@
+#include <sodium.h>
+
 #include <algorithm>
 #include <string_view>
 
-#include "app/selftest/groups.h"
-#include "app/selftest/launcher_side.h"
-#include "app/selftest/scoped_variable.h"
-#include "audio/audio_headers.h"
+#include "app/selftest/checks.h"
+#include "audio/audio_packetizer.h"
 #include "audio/audioparity.h"
-#include "audio/parity_block.h"
-#include "base/byte_order.h"
-#include "transport/encryption.h"
 
 namespace ox::selftest {
 namespace {
@@ -19,11 +16,9 @@ constexpr uint32_t kBase = 0x00030200;  ///< first sequence number of the block
 constexpr uint64_t kFirstTimestamp = 5'000'000;
 constexpr uint64_t kFrameUs = 5000;
 constexpr std::array<size_t, 4> kLengths{120, 130, 90, 160};
-constexpr uint16_t kShardBytes = 160;  ///< the longest of them
-constexpr uint16_t kRepairPad = 0xA5C3;
-constexpr size_t kTag = 16;
+constexpr size_t kShardBytes = 16 + 160;  ///< a header and as much as the longest of them
 
-/// One block on its way through the agent's code.
+/// Four frames, and what the agent's code makes of them.
 struct Block {
     std::array<Bytes, 4> frames;
     ParityBlock assembled;
@@ -34,18 +29,17 @@ struct Block {
 
 Block make_block(const std::array<size_t, 4>& lengths) {
     Block block;
-    bool complete = false;
-    bool early = false;
+    size_t completed = 0;
     for (size_t i = 0; i < block.frames.size(); ++i) {
         Bytes& frame = block.frames[i];
         frame.resize(lengths[i]);
         for (size_t k = 0; k < frame.size(); ++k)
             frame[k] = static_cast<uint8_t>(k * 29 + i * 101 + k / 7);
-        early = early || complete;
-        complete = block.assembled.add(kBase + static_cast<uint32_t>(i), frame,
-                                       kFirstTimestamp + i * kFrameUs);
+        const bool complete = block.assembled.add(kBase + static_cast<uint32_t>(i), frame,
+                                                  kFirstTimestamp + i * kFrameUs);
+        if (complete) completed += i + 1;
     }
-    block.completed_by_fourth = complete && !early;
+    block.completed_by_fourth = completed == 4;
     ParityBlock::Shards shards;
     block.encoded = block.assembled.encode(shards);
     for (size_t i = 0; i < block.shards.size() && block.encoded == Guard::kOk; ++i)
@@ -53,58 +47,39 @@ Block make_block(const std::array<size_t, 4>& lengths) {
     return block;
 }
 
-/// A shard header in the bytes of the wire.
-Bytes header_bytes(uint16_t shard_len, uint8_t block_len, uint8_t repairs, uint8_t index,
-                   uint8_t version, const std::array<uint16_t, 4>& lengths) {
-    Bytes bytes(16);
-    store_le<uint16_t>(bytes.data(), shard_len);
-    bytes[2] = block_len;
-    bytes[3] = repairs;
-    bytes[4] = index;
-    bytes[5] = version;
-    for (size_t i = 0; i < lengths.size(); ++i)
-        store_le<uint16_t>(bytes.data() + 8 + 2 * i, lengths[i]);
-    return bytes;
-}
+/// A valid header of a shard of 10 bytes.
+constexpr std::array<uint8_t, 16> kHeader{10, 0, 4, 2, 1, 1, 0, 0, 9, 0, 10, 0, 1, 0, 10, 0};
 
-Guard header_guard(const Bytes& bytes) {
+Guard guard_of(const std::array<uint8_t, 16>& bytes, size_t length = 16) {
     ShardHeader header;
-    return parse_shard_header(bytes.data(), bytes.size(), header);
+    return parse_shard_header(bytes.data(), length, header);
 }
 
 bool geometry_and_guards_hold() {
-    constexpr std::array<uint16_t, 4> kLens{9, 10, 1, 10};
-    const auto is = [](Guard guard, uint8_t value, std::string_view name) {
-        return static_cast<uint8_t>(guard) == value && guard_name(guard) == name;
+    struct Case {
+        size_t offset;
+        uint8_t value;
+        int guard;
+        std::string_view name;
     };
-    Bytes cut = header_bytes(10, 4, 2, 0, 1, kLens);
-    cut.pop_back();
-    Bytes short_shard = header_bytes(10, 4, 2, 0, 1, kLens);
-    short_shard.resize(16 + 9);
+    constexpr std::array<Case, 7> kCases{{{0, 10, 0, "ok"},
+                                          {2, 5, 2, "bad_block_len"},
+                                          {3, 3, 3, "bad_repair_count"},
+                                          {4, 2, 4, "bad_repair_index"},
+                                          {5, 2, 5, "bad_version"},
+                                          {0, 0, 6, "bad_shard_len"},
+                                          {0, 9, 7, "bad_orig_len"}}};
+    for (const Case& one : kCases) {
+        auto bytes = kHeader;
+        bytes.at(one.offset) = one.value;
+        const Guard guard = guard_of(bytes);
+        if (static_cast<int>(guard) != one.guard || guard_name(guard) != one.name) return false;
+    }
     ShardHeader header;
-    const Guard short_guard = parse_shard(short_shard.data(), short_shard.size(), header);
     return kDataFrames == 4 && kRepairs == 2 && kShardHeaderBytes == 16 && kMaxShardBytes == 1146 &&
-           kMaxRepairBytes == 1162 &&
-           is(header_guard(header_bytes(10, 4, 2, 1, 1, kLens)), 0, "ok") &&
-           is(header_guard(cut), 1, "truncated") &&
-           is(header_guard(header_bytes(10, 5, 2, 0, 1, kLens)), 2, "bad_block_len") &&
-           is(header_guard(header_bytes(10, 4, 3, 0, 1, kLens)), 3, "bad_repair_count") &&
-           is(header_guard(header_bytes(10, 4, 2, 2, 1, kLens)), 4, "bad_repair_index") &&
-           is(header_guard(header_bytes(10, 5, 2, 0, 2, kLens)), 5, "bad_version") &&
-           is(header_guard(header_bytes(0, 4, 2, 0, 1, kLens)), 6, "bad_shard_len") &&
-           is(header_guard(header_bytes(9, 4, 2, 0, 1, kLens)), 7, "bad_orig_len") &&
-           is(short_guard, 8, "bad_payload_len");
+           kMaxRepairBytes == 1162 && guard_of(kHeader, 15) == Guard::kTruncated &&
+           parse_shard(kHeader.data(), kHeader.size(), header) == Guard::kBadPayloadLen;
 }
-
-using Nonce = std::array<uint8_t, kNonceBytes>;
-
-Nonce nonce_of(const PacketHeader& header) {
-    Nonce nonce{};
-    Encryption::build_nonce(header, nonce.data());
-    return nonce;
-}
-
-const PacketHeader kDataHeader = audio_data_header(kBase, kFirstTimestamp);
 
 PacketHeader repair_header(const Block& block, size_t index) {
     return audio_repair_header(block.assembled.base(), index, block.assembled.last_timestamp());
@@ -117,46 +92,45 @@ void check_switch() {
     check(audio_parity_enabled(), "OX_AUDIO_PARITY=1 enables parity");
 }
 
-void check_nonces(const Block& block) {
-    constexpr std::array<uint8_t, 10> kCommon{2, 0, 0, 0, 0x00, 0x02, 0x03, 0x00, 0, 0};
-    const Nonce data = nonce_of(kDataHeader);
-    const Nonce repair0 = nonce_of(repair_header(block, 0));
-    const Nonce repair1 = nonce_of(repair_header(block, 1));
-    check(data[10] == 0x00 && data[11] == 0x00 && repair0[10] == 0xC3 && repair0[11] == 0xA5,
-          "data pad 0x0000, parity pad 0xA5C3 little-endian");
-    const bool otherwise_equal = std::equal(kCommon.begin(), kCommon.end(), data.begin()) &&
-                                 std::equal(kCommon.begin(), kCommon.end(), repair0.begin());
-    check(otherwise_equal && data != repair0,
-          "parity nonce pad 0xA5C3 separates repair 0 from data base");
-    check(repair0 != repair1, "repair 0 and repair 1 nonces differ");
+using Nonce = std::array<uint8_t, kNonceBytes>;
+constexpr Nonce kDataNonce{2, 0, 0, 0, 0x00, 0x02, 0x03, 0x00, 0, 0, 0x00, 0x00};
+constexpr Nonce kRepairNonce{2, 0, 0, 0, 0x00, 0x02, 0x03, 0x00, 0, 0, 0xC3, 0xA5};
+
+Nonce nonce_of(const PacketHeader& header) {
+    Nonce nonce{};
+    Encryption::build_nonce(header, nonce.data());
+    return nonce;
 }
 
-bool survives_the_wire(const Encryption& encryption, const Key& key, const PacketHeader& header,
-                       const Bytes& shard) {
-    if (shard.empty()) return false;
-    Bytes sealed(shard.size() + kTag);
-    size_t length = 0;
-    if (!encryption.encrypt_packet(header, shard.data(), shard.size(), sealed.data(), length) ||
-        length != sealed.size()) {
-        return false;
-    }
-    Bytes opened(length);
-    if (!decrypt_packet_with_key(key.data(), header, sealed.data(), sealed.size(), opened.data(),
-                                 length)) {
-        return false;
-    }
-    opened.resize(length);
-    return opened == shard && open_as_launcher(key, header, sealed, kRepairPad) == shard &&
-           !open_as_launcher(key, header, sealed, 0);
+void check_nonces(const Block& block) {
+    const Nonce data = nonce_of(audio_data_header(kBase, kFirstTimestamp));
+    const Nonce repair = nonce_of(repair_header(block, 0));
+    check(data == kDataNonce && repair == kRepairNonce,
+          "data pad 0x0000, parity pad 0xA5C3 little-endian");
+    check(repair != data, "parity nonce pad 0xA5C3 separates repair 0 from data base");
+    check(repair != nonce_of(repair_header(block, 1)), "repair 0 and repair 1 nonces differ");
 }
 
 void check_sealing(const Block& block) {
     const Key key = test_key(5);
     Encryption encryption;
     check(encryption.set_key(key.data(), key.size()), "parity test key set");
-    check(survives_the_wire(encryption, key, repair_header(block, 0), block.shards[0]) &&
-              survives_the_wire(encryption, key, repair_header(block, 1), block.shards[1]),
-          "repair symbols encrypt/decrypt with the 0xA5C3 nonce pad");
+    bool opens = true;
+    for (size_t i = 0; i < block.shards.size(); ++i) {
+        const PacketHeader header = repair_header(block, i);
+        const Bytes sealed = seal_packet(encryption, header, block.shards[i]);
+        Nonce nonce = kRepairNonce;
+        nonce[8] = static_cast<uint8_t>(i);
+        Bytes opened(block.shards[i].size());
+        opens = opens && sealed.size() == opened.size() + kTagBytes &&
+                open_packet(key, header, sealed) == block.shards[i] &&
+                ::crypto_aead_chacha20poly1305_ietf_decrypt(
+                    opened.data(), nullptr, nullptr, sealed.data(), sealed.size(),
+                    reinterpret_cast<const uint8_t*>(&header), sizeof header, nonce.data(),
+                    key.data()) == 0 &&
+                opened == block.shards[i];
+    }
+    check(opens, "repair symbols encrypt/decrypt with the 0xA5C3 nonce pad");
 }
 
 bool is_repair_header(const PacketHeader& header, size_t index) {
@@ -165,41 +139,36 @@ bool is_repair_header(const PacketHeader& header, size_t index) {
            header.timestamp == kFirstTimestamp + 3 * kFrameUs;
 }
 
-bool shard_header_is_laid_out(const Block& block) {
-    constexpr std::array<uint16_t, 4> kLens{120, 130, 90, 160};
-    for (size_t i = 0; i < block.shards.size(); ++i) {
-        const Bytes expected = header_bytes(kShardBytes, 4, 2, static_cast<uint8_t>(i), 1, kLens);
-        if (block.shards[i].size() < expected.size() ||
-            !std::equal(expected.begin(), expected.end(), block.shards[i].begin())) {
-            return false;
-        }
-    }
-    return true;
+bool has_header(const Bytes& shard, uint8_t index) {
+    const std::array<uint8_t, 16> expected{160, 0, 4,   2, index, 1, 0,   0,
+                                           120, 0, 130, 0, 90,    0, 160, 0};
+    return shard.size() > expected.size() &&
+           std::equal(expected.begin(), expected.end(), shard.begin());
 }
 
 /// Rebuilds the block from both repair symbols and all data frames but two.
 bool recover_without(const Block& block, size_t lost_a, size_t lost_b, std::vector<Bytes>& frames) {
     BlockDecoder decoder;
+    ShardHeader header;
+    bool added = true;
+    const auto add = [&](bool is_repair, size_t index, std::span<const uint8_t> bytes) {
+        added = added && decoder.add(is_repair, static_cast<uint8_t>(index), header, bytes.data(),
+                                     bytes.size()) == Guard::kOk;
+    };
     for (size_t i = 0; i < block.shards.size(); ++i) {
         const Bytes& shard = block.shards[i];
-        ShardHeader header;
         if (parse_shard(shard.data(), shard.size(), header) != Guard::kOk ||
-            !decoder.init_from(header) ||
-            decoder.add(true, static_cast<uint8_t>(i), header, shard.data() + kShardHeaderBytes,
-                        shard.size() - kShardHeaderBytes) != Guard::kOk) {
+            !decoder.init_from(header)) {
             return false;
         }
-        for (size_t k = 0; i == 0 && k < block.frames.size(); ++k) {
-            if (k == lost_a || k == lost_b) continue;
-            const Bytes& frame = block.frames[k];
-            if (decoder.add(false, static_cast<uint8_t>(k), header, frame.data(), frame.size()) !=
-                Guard::kOk) {
-                return false;
-            }
-        }
+        add(true, i, std::span(shard).subspan(kShardHeaderBytes));
+    }
+    for (size_t i = 0; i < block.frames.size(); ++i) {
+        if (i != lost_a && i != lost_b) add(false, i, block.frames[i]);
     }
     bool rebuilt = false;
-    return decoder.can_recover() && decoder.recover(frames, rebuilt) == Guard::kOk && rebuilt;
+    return added && decoder.can_recover() && decoder.recover(frames, rebuilt) == Guard::kOk &&
+           rebuilt;
 }
 
 void check_recovery(const Block& block) {
@@ -233,11 +202,14 @@ void check_limits() {
     check(longest.completed_by_fourth && longest.assembled.fits() && too_long.completed_by_fourth &&
               !too_long.assembled.fits(),
           "a frame over 1100 B completes the block but skips parity");
-    constexpr std::array<uint16_t, 4> kLens{1, 1, 1, 1};
+    auto header = kHeader;
+    header[0] = 0x7A;  // 1146 is 0x047A
+    header[1] = 0x04;
+    const Guard allowed = guard_of(header);
+    ++header[0];
     check(encode_with_longest(1146) == Guard::kOk &&
-              encode_with_longest(1147) == Guard::kBadShardLen &&
-              header_guard(header_bytes(1146, 4, 2, 0, 1, kLens)) == Guard::kOk &&
-              header_guard(header_bytes(1147, 4, 2, 0, 1, kLens)) == Guard::kBadShardLen,
+              encode_with_longest(1147) == Guard::kBadShardLen && allowed == Guard::kOk &&
+              guard_of(header) == Guard::kBadShardLen,
           "shard larger than 1146 B is refused");
 }
 
@@ -256,10 +228,11 @@ void check_audio_parity() {
     check(block.completed_by_fourth && is_repair_header(repair_header(block, 0), 0) &&
               is_repair_header(repair_header(block, 1), 1),
           "4 frames form a block; repair ts is slot 3's capture ts");
-    check(block.encoded == Guard::kOk && block.shards[0].size() == 16 + kShardBytes &&
-              block.shards[1].size() == 16 + kShardBytes,
+    check(block.encoded == Guard::kOk && block.shards[0].size() == kShardBytes &&
+              block.shards[1].size() == kShardBytes,
           "4 frames encode into 2 repair payloads");
-    check(shard_header_is_laid_out(block), "repair header fields are the spec's 16-byte layout");
+    check(has_header(block.shards[0], 0) && has_header(block.shards[1], 1),
+          "repair header fields are the spec's 16-byte layout");
     check_recovery(block);
     check_limits();
 }

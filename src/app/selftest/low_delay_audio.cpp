@@ -3,14 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <memory>
 #include <numbers>
 #include <random>
 
-#include "app/selftest/groups.h"
-#include "app/selftest/launcher_side.h"
-#include "app/session/session_audio.h"
+#include "app/selftest/checks.h"
+#include "app/session/session_media.h"
 #include "audio/audio_encoder.h"
+#include "base/c_handle.h"
 
 namespace ox::selftest {
 namespace {
@@ -78,10 +77,7 @@ int toc_samples(const Bytes& packet) {
     return frames * kCeltFrames[toc_configuration(packet) & 0x03U];
 }
 
-struct DestroyDecoder {
-    void operator()(OpusDecoder* decoder) const { ::opus_decoder_destroy(decoder); }
-};
-using Decoder = std::unique_ptr<OpusDecoder, DestroyDecoder>;
+using Decoder = CHandle<OpusDecoder, ::opus_decoder_destroy>;
 using Pcm = std::array<int16_t, size_t{kLongestOpusFrame} * kChannels>;
 
 bool decodes_to_frames(OpusDecoder* decoder, const std::vector<Bytes>& packets) {

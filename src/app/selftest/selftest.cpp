@@ -2,11 +2,56 @@
 
 #include <sodium.h>
 
-#include <array>
+#include <cstdio>
 
-#include "app/selftest/groups.h"
+#include "app/selftest/checks.h"
 
 namespace ox {
+namespace selftest {
+namespace {
+
+constexpr const char* kRule = "===========================";
+
+int32_t g_passed = 0;
+int32_t g_failed = 0;
+
+// Flushed line by line: a crash must not lose the results before it.
+void print_line(const std::string& line) {
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+void check(bool passed, const char* description) {
+    ++(passed ? g_passed : g_failed);
+    print_line((passed ? "  PASS  " : "  FAIL  ") + std::string(description));
+}
+
+void note(const char* label, const std::string& value) {
+    print_line("       " + std::string(label) + ": " + value);
+}
+
+int run_groups(int (*init_crypto)(), std::span<const Group> groups) {
+    g_passed = 0;
+    g_failed = 0;
+    print_line("orvex-agent self-test");
+    print_line(kRule);
+    if (init_crypto() < 0) {
+        print_line("  FAIL  libsodium init");
+        return 1;
+    }
+    for (const Group& group : groups) {
+        print_line(group.heading);
+        group.run();
+    }
+    print_line(kRule);
+    print_line(std::to_string(g_passed) + " passed, " + std::to_string(g_failed) + " failed");
+    print_line(g_failed == 0 ? "SELFTEST PASS" : "SELFTEST FAIL");
+    return g_failed == 0 ? 0 : 1;
+}
+
+}  // namespace selftest
 
 int run_selftest() {
     using namespace selftest;

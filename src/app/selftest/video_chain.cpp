@@ -1,10 +1,7 @@
 #include <algorithm>
-#include <numeric>
 
-#include "app/selftest/groups.h"
-#include "app/selftest/launcher_side.h"
-#include "transport/packetizer.h"
-#include "video/capture.h"
+#include "app/selftest/checks.h"
+#include "video/capture_factory.h"
 #include "video/video_encoder.h"
 
 namespace ox::selftest {
@@ -86,7 +83,9 @@ bool packetizes(const std::vector<EncodedFrame>& frames) {
 }  // namespace
 
 void check_video_chain() {
-    const auto capture = make_capture("synthetic", "", kWidth, kHeight);
+    const auto capture = make_capture({.backend = CaptureBackend::Synthetic,
+                                       .synthetic_width = kWidth,
+                                       .synthetic_height = kHeight});
     check(capture->init() && capture->width() == kWidth && capture->height() == kHeight,
           "synthetic capture init");
 

@@ -21,45 +21,51 @@ CaptureTrouble trouble_behind(CaptureState state) {
 
 Desktop desktop_for(const Options& options, const std::function<bool()>& cancelled) {
     Desktop desktop = desktop_of_environment(options.display);
-    // A way of capture that was asked for by name takes what was named with it.
-    if (options.capture != "auto" || desktop.has_screen()) return desktop;
+    // A backend that was chosen by name uses what was named with it.
+    if (options.capture != CaptureBackend::Auto || desktop.has_screen()) return desktop;
     desktop = search_desktop(options.display, cancelled);
     if (desktop.has_screen()) OX_INFO("Session: desktop found: %s", describe(desktop).c_str());
     return desktop;
 }
 
-SelectedCapture select_capture(const std::string& mode, const Desktop& desktop, uint32_t width,
-                               uint32_t height, const std::function<bool()>& cancelled,
-                               const std::function<void(bool)>& awaiting_owner) {
+SelectedCapture select_capture(const CaptureRequest& request) {
     CaptureState why = CaptureState::Gone;
-    const auto try_mode = [&](const std::string& name) -> std::unique_ptr<ICapture> {
-        auto capture = make_capture(name, desktop, width, height, cancelled, awaiting_owner);
+    const auto try_backend = [&](CaptureBackend backend) -> std::unique_ptr<ICapture> {
+        CaptureRequest attempt = request;
+        attempt.backend = backend;
+        auto capture = make_capture(attempt);
         if (!capture->init()) {
-            if (name == mode) why = capture->state();
+            if (backend == request.backend) why = capture->state();
             return nullptr;
         }
-        OX_INFO("Session: capture backend = %s", name.c_str());
+        OX_INFO("Session: capture backend = %s", name_of(backend));
         return capture;
     };
 
-    auto capture = try_mode(mode);
+    auto capture = try_backend(request.backend);
     if (capture) {
         tui::board().clear(tui::Alert::CaptureFailed);
         return {.capture = std::move(capture)};
     }
-    if (cancelled()) return {};
+    if (request.cancelled && request.cancelled()) return {};
     const CaptureTrouble trouble = trouble_behind(why);
-    if (mode == "auto") {
-        OX_WARN("Session: automatic capture unavailable — falling back to synthetic");
-        tui::board().raise_capture(trouble);
-        capture = try_mode("synthetic");
-    } else if (mode == "portal") {
-        OX_WARN("Session: portal capture failed — falling back to X11");
-        capture = try_mode("x11");
-        if (!capture) capture = try_mode("synthetic");
+    switch (request.backend) {
+        case CaptureBackend::Auto:
+            OX_WARN("Session: automatic capture unavailable — falling back to synthetic");
+            tui::board().raise_capture(trouble);
+            capture = try_backend(CaptureBackend::Synthetic);
+            break;
+        case CaptureBackend::Portal:
+            OX_WARN("Session: portal capture failed — falling back to X11");
+            capture = try_backend(CaptureBackend::X11);
+            if (!capture) capture = try_backend(CaptureBackend::Synthetic);
+            break;
+        case CaptureBackend::X11:
+        case CaptureBackend::Synthetic:
+            break;
     }
     if (!capture) {
-        OX_ERROR("Session: capture init failed (%s)", mode.c_str());
+        OX_ERROR("Session: capture init failed (%s)", name_of(request.backend));
         tui::board().raise_capture(trouble);
     }
     return {.capture = std::move(capture), .not_approved = trouble != CaptureTrouble::NoPicture};

@@ -11,15 +11,14 @@ namespace {
 using std::chrono::nanoseconds;
 
 constexpr int64_t kNanosPerSecond = 1'000'000'000;
-/// A picture counts as whole this long after the change that was heard of. It also keeps the
-/// sleep's and the source's own jitter on the right side of the change.
+/// A picture counts as complete this long after its reported change. Also absorbs the jitter of
+/// the sleep and of the source.
 constexpr nanoseconds kMargin{500'000};
 constexpr nanoseconds kRecent{kNanosPerSecond};
-constexpr size_t kFewest = 16;       // changes that tell a rhythm
-constexpr int kLargestStep = 128;    // parts of an interval
-constexpr int64_t kWorthwhile = 64;  // parts of an interval by which the mean wait must fall
-
-constexpr double kGathered = 0.4;  // of 1, from where on phases have a common direction
+constexpr size_t kMinChanges = 16;       // needed to find a rhythm
+constexpr int kMaxStepDivisor = 128;     // of an interval
+constexpr int64_t kMinGainDivisor = 64;  // of an interval, for the mean wait
+constexpr double kMinCoherence = 0.4;    // mean resultant length of phases with a common direction
 
 }  // namespace
 
@@ -46,18 +45,18 @@ size_t FramePhase::measure_waits(SteadyClock::time_point deadline) {
     return recent;
 }
 
-bool FramePhase::runs_away(size_t changes) const {
+bool FramePhase::drifts_too_fast(size_t changes) const {
     const double to_angle = 2 * std::numbers::pi / static_cast<double>(interval_);
     const size_t half = changes / 2;
     std::array<std::complex<double>, 2> directions{};
     for (size_t i = 0; i < 2 * half; ++i)
         directions[i / half] += std::polar(1.0, static_cast<double>(waits_[i]) * to_angle);
-    const double gathered = kGathered * static_cast<double>(half);
-    if (std::abs(directions[0]) < gathered || std::abs(directions[1]) < gathered) return false;
+    const double min_length = kMinCoherence * static_cast<double>(half);
+    if (std::abs(directions[0]) < min_length || std::abs(directions[1]) < min_length) return false;
     const double moved = std::arg(directions[1] * std::conj(directions[0])) / to_angle;
-    // From the middle of the one half to that of the other.
+    // Between the middles of the two halves.
     const double frames = static_cast<double>(span_) / 2 / static_cast<double>(interval_);
-    return std::abs(moved) > frames * static_cast<double>(interval_) / kLargestStep;
+    return std::abs(moved) > frames * static_cast<double>(interval_) / kMaxStepDivisor;
 }
 
 int64_t FramePhase::total_wait(size_t changes, int64_t earlier) const {
@@ -69,22 +68,22 @@ int64_t FramePhase::total_wait(size_t changes, int64_t earlier) const {
 
 nanoseconds FramePhase::step(SteadyClock::time_point deadline) {
     const size_t changes = measure_waits(deadline);
-    if (changes < kFewest || runs_away(changes)) return {};
-    const int64_t limit = interval_ / kLargestStep;
+    if (changes < kMinChanges || drifts_too_fast(changes)) return {};
+    const int64_t limit = interval_ / kMaxStepDivisor;
     return nanoseconds(std::clamp(best_move(changes), -limit, limit));
 }
 
 int64_t FramePhase::best_move(size_t changes) const {
-    // The mean wait falls with the phase until the deadline passes a change, so the best phase has
-    // a deadline right at one of them.
+    // Earlier deadlines shorten the mean wait until one passes a change, so the best phase has a
+    // deadline right at one of them.
     std::array<int64_t, kKept> totals{};
     for (size_t i = 0; i < changes; ++i)
         totals[i] = total_wait(changes, waits_[i]);
     const int64_t best =
         *std::min_element(totals.begin(), totals.begin() + static_cast<ptrdiff_t>(changes));
-    const int64_t good = best + interval_ / kWorthwhile * static_cast<int64_t>(changes);
+    const int64_t good = best + interval_ / kMinGainDivisor * static_cast<int64_t>(changes);
     if (total_wait(changes, 0) <= good) return 0;
-    // Of those that are as good the nearest, so that two equal ones do not pull to and fro.
+    // The nearest of the good ones, so that the phase does not oscillate between two equal ones.
     int64_t nearest = interval_;
     for (size_t i = 0; i < changes; ++i) {
         if (totals[i] > good) continue;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "app/options.h"
+#include "app/session/end_reason.h"
 #include "base/secret.h"
 
 namespace ox {
@@ -16,18 +17,10 @@ class SaasConnector;
 struct SessionRequest {
     std::string session_id{};             ///< empty in standalone mode
     SaasConnector* connector = nullptr;   ///< null in standalone mode
-    KeyLeases* leases = nullptr;          ///< who numbers the packets of `key_material`; or null
+    KeyLeases* leases = nullptr;          ///< packet numbers of `key_material`; may be null
     Secret key_material{};                ///< the platform's master key, or empty
     std::string expected_token_sha256{};  ///< hex; empty refuses every launcher
     const std::atomic<bool>* terminate_requested = nullptr;  ///< set when the platform ends it
-};
-
-/// How a session ended.
-struct SessionEnd {
-    std::string reason{};
-    /// Its control port could not be had: nobody could have connected, and trying again at once
-    /// would fail the same way.
-    bool could_not_listen = false;
 };
 
 /// Runs one whole session on the calling thread: waits for a launcher, streams to it, holds the
@@ -36,7 +29,15 @@ struct SessionEnd {
 SessionEnd run_session(const Options& options, SessionRequest request,
                        std::atomic<unsigned>& streamed_seconds);
 
-/// TCP port on which a session waits for its launcher.
-uint16_t session_control_port(const Options& options);
+/// The ports of a session, as offsets from `port_base`.
+enum class SessionPort : uint16_t {
+    launcher_video = 0,
+    launcher_audio = 1,
+    input = 2,
+    control = 3,
+    video = 4,
+    audio = 5,
+};
+uint16_t session_port(const Options& options, SessionPort port);
 
 }  // namespace ox

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -8,12 +9,9 @@
 #include "app/session/feedback_handler.h"
 #include "app/session/frame_pacer.h"
 #include "app/session/frame_phase.h"
-#include "app/session/keyframe_policy.h"
-#include "app/session/media_stream.h"
 #include "app/session/run_session.h"
-#include "app/session/session_audio.h"
 #include "app/session/session_capture.h"
-#include "app/session/session_signals.h"
+#include "app/session/session_media.h"
 #include "app/sleep_inhibitor.h"
 #include "control/tcp_control_server.h"
 #include "input/input_receiver.h"
@@ -24,7 +22,7 @@
 namespace ox {
 
 /// One session: its parts in the order in which they come up, and the steps of its life. Lives on
-/// the main thread for one `run_session`.
+/// the main thread for one `run_session`. A step that ends the session returns the reason.
 class Session {
   public:
     Session(const Options& options, SessionRequest request);
@@ -36,61 +34,68 @@ class Session {
     SessionEnd run(std::atomic<unsigned>& streamed_seconds);
 
   private:
-    /// Frames and bytes at the last report to the board.
-    struct FigureMark {
+    using MaybeEnd = std::optional<EndReason>;
+
+    /// Totals at the last report to the board.
+    struct MetricsSample {
         SteadyClock::time_point at;
         uint64_t frames = 0;
         uint64_t bytes = 0;
     };
 
-    void lease_numbers();
-    // Set-up, in order. Each returns an end reason, empty when it worked.
-    std::string wait_for_launcher();
-    std::string take_numbers();
-    std::string open_media();
-    void expect_media_probes();
+    // Set-up, in order.
+    MaybeEnd set_up();
+    MaybeEnd wait_for_launcher();
+    MaybeEnd await_numbers();
+    MaybeEnd open_media();
     void start_input();
     void start_control();
-    std::string open_capture();
-    std::string open_encoder();
-    std::string announce_stream();
-    std::string set_up();
+    MaybeEnd open_capture();
+    MaybeEnd open_encoder();
+    MaybeEnd start_stream();
+
+    void prepare_media_ports();
+    void handle_message(const ControlMessage& message);
 
     // The frame loop.
-    std::string stream_frames();
-    std::string stream_one_frame();
+    MaybeEnd stream_frames();
+    MaybeEnd stream_one_frame();
+    void apply_bitrate_request();
     bool wait_for_next_frame();
-    void apply_requests();
     bool capture_picture();
-    void report_figures();
-    void report_to_platform();
+    void run_periodic_tasks();
+    void report_metrics(SteadyClock::time_point now);
+    void report_to_platform(SteadyClock::time_point now);
 
     // A lost launcher.
-    std::string hold_for_launcher();
+    MaybeEnd hold_for_launcher();
     bool wait_for_reconnect();
-    std::string resume_with_new_keys();
+    MaybeEnd resume_with_new_keys();
 
     // The end.
+    [[nodiscard]] bool terminate_requested() const {
+        return request_.terminate_requested != nullptr && *request_.terminate_requested;
+    }
     [[nodiscard]] bool stop_requested() const;
-    [[nodiscard]] bool leave_requested() const;
-    [[nodiscard]] std::string end_reason(const std::string& loop_reason) const;
-    void log_summary(const std::string& reason) const;
+    /// Why the session has to end although nothing failed, if it has to.
+    [[nodiscard]] MaybeEnd requested_end() const;
+    void log_summary(const SessionEnd& end) const;
     void tear_down();
 
-    [[nodiscard]] uint16_t port(int offset) const;
-    [[nodiscard]] uint16_t control_port() const;
+    [[nodiscard]] uint16_t port(SessionPort which) const { return session_port(options_, which); }
     /// The platform's connector, when there is a session id to report under; else null.
     [[nodiscard]] SaasConnector* platform() const;
     [[nodiscard]] int64_t streamed_seconds() const;
 
     const Options& options_;
     SessionRequest request_;
-    SessionSignals signals_;
-    FeedbackHandler feedback_{signals_};
+    FeedbackHandler feedback_;
+    std::atomic<bool> end_requested_{false};      ///< by the launcher
+    std::atomic<uint32_t> requested_bitrate_{0};  ///< kbit/s, by the launcher; 0: none
 
-    std::shared_ptr<StreamNumbers> numbers_;  ///< outlives the sound, which takes from it
+    std::shared_ptr<StreamNumbers> numbers_;  ///< outlives `audio_`, whose thread uses it
     TcpControlServer control_;
-    MediaStream video_;
+    SessionVideo video_;
     SessionAudio audio_;
     InputReceiver input_;
     SessionCapture capture_;
@@ -99,14 +104,13 @@ class Session {
     RaisedThreads raised_{"Session"};      ///< this thread and the encoder's workers
     std::optional<SleepInhibitor> awake_;  ///< from the launcher's arrival on
 
-    std::string launcher_;   ///< IPv4 address the media goes to
+    std::string launcher_;   ///< IPv4 address the media goes to; empty before the first handshake
     CapturedFrame picture_;  ///< the latest picture, encoded again when no new one comes
     EncodedFrame encoded_;
-    KeyframePolicy keyframes_;
     FramePacer pacer_;
     FramePhase phase_;
     SteadyClock::time_point stream_start_{};
-    FigureMark mark_;
+    MetricsSample sample_;
     SteadyClock::time_point platform_report_{};  ///< the last one
     uint64_t frames_ = 0;
 };

@@ -1,10 +1,11 @@
 #include "app/session/session_capture.h"
 
 #include <algorithm>
+#include <system_error>
 #include <utility>
 
+#include "app/board_reports.h"
 #include "app/session/capture_selection.h"
-#include "app/session/session_board.h"
 #include "log/log.h"
 
 namespace ox {
@@ -21,37 +22,77 @@ std::chrono::seconds pause_after(int failures) {
 
 }  // namespace
 
+CaptureOpening::CaptureOpening(Open open, Cancelled cancelled) {
+    // The capture may call this after the end of this object.
+    auto ended = [abandoned = abandoned_, also = std::move(cancelled)] {
+        return abandoned->load() || also();
+    };
+    try {
+        thread_ = std::thread([this, open = std::move(open), ended = std::move(ended)] {
+            result_ = open(ended);
+            done_ = true;
+        });
+    } catch (const std::system_error& error) {
+        OX_ERROR("Session: cannot open the capture anew: %s", error.what());
+        done_ = true;
+    }
+}
+
+CaptureOpening::~CaptureOpening() {
+    if (!done_) *abandoned_ = true;  // else a capture that was taken would end with this object
+    if (thread_.joinable()) thread_.join();
+}
+
+std::optional<CaptureOpening::Result> CaptureOpening::take_result() {
+    if (!done_) return std::nullopt;
+    if (thread_.joinable()) thread_.join();
+    return std::move(result_);
+}
+
 SessionCapture::SessionCapture(const Options& options, std::function<void(bool)> withhold_input)
     : options_(options), withhold_input_(std::move(withhold_input)) {}
+
+CaptureRequest SessionCapture::request(const std::function<bool()>& cancelled) const {
+    return {.backend = options_.capture,
+            .desktop = desktop_for(options_, cancelled),
+            .synthetic_width = width_,
+            .synthetic_height = height_,
+            .cancelled = cancelled};
+}
 
 bool SessionCapture::open(uint32_t width, uint32_t height, const std::function<bool()>& cancelled) {
     width_ = width;
     height_ = height;
     cancelled_ = cancelled;
-    const Desktop desktop = desktop_for(options_, cancelled);
+    CaptureRequest wanted = request(cancelled);
+    wanted.on_awaiting_owner = [this](bool awaiting) {
+        set_awaiting_owner(awaiting);
+        show(awaiting ? PictureState::AwaitingOwner : PictureState::Fine);
+    };
     // A player who sees nothing could answer the desktop's question in the owner's place.
-    withhold_input_(asks_the_portal(options_.capture, desktop));
-    SelectedCapture selected =
-        select_capture(options_.capture, desktop, width, height, cancelled, [this](bool awaiting) {
-            await_owner(awaiting);
-            show(awaiting ? PictureState::AwaitingOwner : PictureState::Fine);
-        });
+    withhold_input_(uses_portal(wanted));
+    SelectedCapture selected = select_capture(wanted);
     capture_ = std::move(selected.capture);
     not_approved_ = selected.not_approved;
-    if (capture_) settle();
+    if (capture_) update_input_and_board();
     return capture_ != nullptr;
 }
 
 bool SessionCapture::look_after(SteadyClock::time_point now) {
-    if (opening_ && opening_->done()) finish_opening(now);
-    if (!ended_ && !opening_) take_state(capture_->state(), now);
+    if (opening_) {
+        if (auto result = opening_->take_result()) {
+            opening_.reset();
+            finish_opening(std::move(*result), now);
+        }
+    }
+    if (!ended_ && !opening_) handle_state(capture_->state(), now);
     if (next_try_ && now >= *next_try_) begin_opening();
-    watch_for_black();
-    settle();
+    check_for_black();
+    update_input_and_board();
     return !ended_;
 }
 
-void SessionCapture::take_state(CaptureState state, SteadyClock::time_point now) {
+void SessionCapture::handle_state(CaptureState state, SteadyClock::time_point now) {
     const bool was_lost = lost_;
     doubtful_ = state == CaptureState::Doubtful;
     switch (state) {
@@ -69,10 +110,10 @@ void SessionCapture::take_state(CaptureState state, SteadyClock::time_point now)
             lost_ = true;
             break;
         case CaptureState::OwnerStopped:
-            owner_ended(CaptureTrouble::Stopped);
+            handle_owner_end(CaptureTrouble::Stopped);
             return;
         case CaptureState::OwnerDeclined:
-            owner_ended(CaptureTrouble::Declined);
+            handle_owner_end(CaptureTrouble::Declined);
             return;
     }
     if (lost_ && !was_lost) {
@@ -82,7 +123,7 @@ void SessionCapture::take_state(CaptureState state, SteadyClock::time_point now)
     }
 }
 
-void SessionCapture::owner_ended(CaptureTrouble trouble) {
+void SessionCapture::handle_owner_end(CaptureTrouble trouble) {
     ended_ = true;
     withhold_input_(true);
     OX_WARN("Session: the owner of the PC has %s the screen share — ending",
@@ -97,22 +138,19 @@ void SessionCapture::launcher_returned() {
 void SessionCapture::begin_opening() {
     next_try_.reset();
     unanswered_ = false;
-    // What is left of a lost share must not be in the way of the new one.
+    // The rest of a lost share must not block the new one.
     if (lost_) capture_->shutdown();
-    const auto open_anew = [this](const std::function<bool()>& cancelled) {
-        CaptureOpening::Result result;
-        result.capture =
-            make_capture(options_.capture, desktop_for(options_, cancelled), width_, height_,
-                         cancelled, [this](bool awaiting) { await_owner(awaiting); });
+    const auto reopen = [this](const std::function<bool()>& cancelled) {
+        CaptureRequest wanted = request(cancelled);
+        wanted.on_awaiting_owner = [this](bool awaiting) { set_awaiting_owner(awaiting); };
+        CaptureOpening::Result result{.capture = make_capture(wanted)};
         result.works = result.capture->init();
         return result;
     };
-    opening_ = std::make_unique<CaptureOpening>(open_anew, cancelled_);
+    opening_ = std::make_unique<CaptureOpening>(reopen, cancelled_);
 }
 
-void SessionCapture::finish_opening(SteadyClock::time_point now) {
-    CaptureOpening::Result result = opening_->take();
-    opening_.reset();
+void SessionCapture::finish_opening(CaptureOpening::Result result, SteadyClock::time_point now) {
     if (result.works) {
         if (not_approved_) OX_INFO("Session: the screen is shared now");
         capture_ = std::move(result.capture);
@@ -125,7 +163,7 @@ void SessionCapture::finish_opening(SteadyClock::time_point now) {
     if (not_approved_) {
         if (why == CaptureState::OwnerDeclined)
             tui::board().raise_capture(CaptureTrouble::Declined);
-        return;  // the substitute stays
+        return;  // the fallback stays
     }
     if (result.capture) capture_ = std::move(result.capture);
     if (why == CaptureState::Gone) next_try_ = now + pause_after(++failures_);
@@ -133,9 +171,9 @@ void SessionCapture::finish_opening(SteadyClock::time_point now) {
     if (unanswered_) tui::board().raise_capture(CaptureTrouble::Unanswered);
 }
 
-void SessionCapture::watch_for_black() {
+void SessionCapture::check_for_black() {
     if (ended_) return;
-    if (std::exchange(black_, !lost_ && capture_->black()) == black_) return;
+    if (std::exchange(black_, !lost_ && capture_->is_black()) == black_) return;
     if (black_) {
         tui::board().raise_capture(CaptureTrouble::Black);
     } else if (!not_approved_) {
@@ -144,20 +182,19 @@ void SessionCapture::watch_for_black() {
 }
 
 /// On the session's thread or the opening's.
-void SessionCapture::await_owner(bool awaiting) {
+void SessionCapture::set_awaiting_owner(bool awaiting) {
     awaiting_owner_ = awaiting;
     if (awaiting) withhold_input_(true);
 }
 
-/// Brings input and board in line with what is known.
-void SessionCapture::settle() {
+void SessionCapture::update_input_and_board() {
     const bool awaiting = awaiting_owner_;
     show(awaiting ? PictureState::AwaitingOwner : lost_ ? PictureState::Lost : PictureState::Fine);
     withhold_input_(awaiting || lost_ || doubtful_ || not_approved_ || ended_);
 }
 
 void SessionCapture::show(PictureState picture) {
-    if (std::exchange(shown_, picture) != picture) session_board::picture(picture);
+    if (std::exchange(shown_, picture) != picture) report_picture(picture);
 }
 
 void SessionCapture::shutdown() {

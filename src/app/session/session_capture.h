@@ -5,34 +5,61 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <string>
+#include <thread>
 
 #include "app/options.h"
-#include "app/session/capture_opening.h"
 #include "base/clock.h"
 #include "tui/board/board.h"
-#include "video/capture.h"
+#include "video/capture_factory.h"
 
 namespace ox {
 
-/// The capture of one session: opens it, looks after its source for as long as the session lasts,
-/// opens a lost one anew beside the running session, and has the player's input withheld as long as
-/// the player cannot see what it does. Owned and used by the session's thread.
+/// Opens a capture on a thread of its own, since the PC's owner may take long to approve it. Used
+/// by one thread. Destroying it cancels the attempt.
+class CaptureOpening {
+  public:
+    using Cancelled = std::function<bool()>;
+    struct Result {
+        std::unique_ptr<ICapture> capture;  ///< may be null
+        bool works = false;                 ///< its `init` succeeded
+    };
+    /// Makes and initialises a capture, on the thread. A copy of the predicate may be kept.
+    using Open = std::function<Result(const Cancelled& cancelled)>;
+
+    /// `cancelled` also cancels it; called from any thread.
+    CaptureOpening(Open open, Cancelled cancelled);
+    ~CaptureOpening();
+    CaptureOpening(const CaptureOpening&) = delete;
+    CaptureOpening& operator=(const CaptureOpening&) = delete;
+
+    /// The result, once; nothing while the attempt goes on.
+    std::optional<Result> take_result();
+
+  private:
+    std::shared_ptr<std::atomic<bool>> abandoned_ = std::make_shared<std::atomic<bool>>(false);
+    std::atomic<bool> done_{false};
+    Result result_;  ///< the thread's until `done_`, then the owner's
+    std::thread thread_;
+};
+
+/// The capture of one session: opens it, watches its source, reopens a lost one while the session
+/// goes on, and withholds the player's input while the player cannot see its effect. Owned and used
+/// by the session's thread.
 class SessionCapture {
   public:
     /// `withhold_input` is called from any thread.
     SessionCapture(const Options& options, std::function<void(bool)> withhold_input);
 
     /// The first opening, with the fallbacks of `select_capture`; blocks. False when nothing works
-    /// or `cancelled`, which is asked for as long as this lives, has become true. `width` and
+    /// or `cancelled`, which is called as long as this object exists, returns true. `width` and
     /// `height` are those of a synthetic picture.
     bool open(uint32_t width, uint32_t height, const std::function<bool()>& cancelled);
 
-    /// Looks at the source; to be called with every frame and while a launcher is waited for. False
-    /// when the PC's owner has ended the share: the session is to end at once.
+    /// Checks the source; called with every frame and while a launcher is awaited. False when the
+    /// PC's owner has ended the share: the session has to end at once.
     bool look_after(SteadyClock::time_point now);
 
-    /// A launcher has come back: what the owner has not approved is asked for once more.
+    /// A launcher has come back: asks the owner again for what was not approved.
     void launcher_returned();
 
     ICapture* operator->() const { return capture_.get(); }
@@ -40,13 +67,14 @@ class SessionCapture {
     void shutdown();
 
   private:
-    void take_state(CaptureState state, SteadyClock::time_point now);
+    [[nodiscard]] CaptureRequest request(const std::function<bool()>& cancelled) const;
+    void handle_state(CaptureState state, SteadyClock::time_point now);
     void begin_opening();
-    void finish_opening(SteadyClock::time_point now);
-    void owner_ended(tui::CaptureTrouble trouble);
-    void watch_for_black();
-    void await_owner(bool awaiting);
-    void settle();
+    void finish_opening(CaptureOpening::Result result, SteadyClock::time_point now);
+    void handle_owner_end(tui::CaptureTrouble trouble);
+    void check_for_black();
+    void set_awaiting_owner(bool awaiting);
+    void update_input_and_board();
     void show(tui::PictureState picture);
 
     const Options& options_;
@@ -56,14 +84,14 @@ class SessionCapture {
     uint32_t height_ = 0;
     std::unique_ptr<ICapture> capture_;
     std::atomic<bool> awaiting_owner_{false};  ///< also written by the opening's thread
-    bool not_approved_ = false;  ///< a substitute is shown, as the owner has not approved
+    bool not_approved_ = false;                ///< a fallback is shown until the owner approves
     bool lost_ = false;
     bool doubtful_ = false;
-    bool unanswered_ = false;  ///< it is lost, and nobody has approved it anew
+    bool unanswered_ = false;  ///< it is lost, and nobody answered the new request
     bool ended_ = false;       ///< by the owner
     bool black_ = false;
-    int failures_ = 0;                                 ///< to open it anew, in a row
-    std::optional<SteadyClock::time_point> next_try_;  ///< none: not to be opened anew
+    int failures_ = 0;                                 ///< to reopen it, in a row
+    std::optional<SteadyClock::time_point> next_try_;  ///< none: not to be reopened
     tui::PictureState shown_ = tui::PictureState::Fine;
     std::unique_ptr<CaptureOpening> opening_;  ///< last: its thread uses the others
 };

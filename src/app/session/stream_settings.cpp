@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "control/capabilities.h"
-
 namespace ox {
 namespace {
 
@@ -18,11 +16,10 @@ uint32_t even_pixels(int32_t requested) {
 }  // namespace
 
 VideoCodec negotiated_codec(int32_t requested) {
-    return requested == 1 ? VideoCodec::Hevc : VideoCodec::H264;
+    return codec_numbered(requested).value_or(VideoCodec::H264);
 }
 
-EncoderSettings encoder_settings(const TcpControlServer::RequestedStream& requested,
-                                 EncoderBackend backend) {
+EncoderSettings encoder_settings(const RequestedStream& requested, EncoderBackend backend) {
     return {.codec = negotiated_codec(requested.codec),
             .backend = backend,
             .width = even_pixels(requested.width),
@@ -36,13 +33,7 @@ uint32_t host_caps(bool media_rfi) {
 }
 
 const char* codec_name(VideoCodec codec) {
-    return codec == VideoCodec::Hevc ? "HEVC" : "H.264";
-}
-
-std::string encoder_label(const std::string& encoder_name) {
-    if (encoder_name.find("nvenc") != std::string::npos) return "NVENC";
-    if (encoder_name.find("vaapi") != std::string::npos) return "VA-API";
-    return encoder_name.starts_with("lib") ? encoder_name.substr(3) : encoder_name;
+    return codec_info(codec).display_name;
 }
 
 uint32_t pacing_rate_bps(uint32_t bitrate_kbps) {

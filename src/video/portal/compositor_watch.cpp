@@ -26,13 +26,13 @@ UniqueFd connect_to(const std::string& display) {
     return connect_local(display.starts_with('/') ? display : runtime_folder() + "/" + display);
 }
 
-/// The library would write to standard error, where the screen is painted.
-void be_quiet() {
+/// The library would log to standard error, where the status screen is.
+void silence_library_log() {
     static std::once_flag once;
     std::call_once(once, [] { wl_log_set_handler_client([](const char*, va_list) {}); });
 }
 
-/// What a monitor is set to. Compositors repeat themselves: only another value is a change.
+/// A monitor's settings. Compositors repeat events: only another value is a change.
 struct Mode {
     int32_t x = 0;
     int32_t y = 0;
@@ -52,28 +52,28 @@ struct CompositorWatch::Impl {
 
         Impl& watch;
         OutputPtr output;
-        Mode told{};
-        Mode coming{};
-        bool known = false;
+        Mode current{};
+        Mode pending{};
+        bool known = false;  ///< `current` is set
     };
 
     explicit Impl(UniqueFd socket);
 
-    void take_in();
+    void read_events();
     void add(wl_registry* from, uint32_t name, std::string_view interface, uint32_t version);
     void remove(uint32_t name) { changed = monitors.erase(name) > 0 || changed; }
 
     static const wl_registry_listener kRegistry;
     static const wl_output_listener kOutput;
-    static const wl_callback_listener kListed;
+    static const wl_callback_listener kInitialSync;
 
     DisplayPtr display;
     RegistryPtr registry;
-    CallbackPtr listed;  ///< comes when all that was there at first is told
+    CallbackPtr initial_sync;  ///< done once the existing monitors have been announced
     std::map<uint32_t, Monitor> monitors;
     bool complete = false;
     bool changed = false;
-    bool over_told = false;
+    bool end_reported = false;
 };
 
 const wl_registry_listener CompositorWatch::Impl::kRegistry{
@@ -88,23 +88,23 @@ const wl_output_listener CompositorWatch::Impl::kOutput = [] {
     wl_output_listener listener{};
     listener.geometry = [](void* monitor, wl_output*, int32_t x, int32_t y, int32_t, int32_t,
                            int32_t, const char*, const char*, int32_t transform) {
-        Mode& coming = static_cast<Monitor*>(monitor)->coming;
-        coming.x = x;
-        coming.y = y;
-        coming.transform = transform;
+        Mode& pending = static_cast<Monitor*>(monitor)->pending;
+        pending.x = x;
+        pending.y = y;
+        pending.transform = transform;
     };
     listener.mode = [](void* monitor, wl_output*, uint32_t flags, int32_t width, int32_t height,
                        int32_t refresh) {
         if ((flags & WL_OUTPUT_MODE_CURRENT) == 0) return;
-        Mode& coming = static_cast<Monitor*>(monitor)->coming;
-        coming.width = width;
-        coming.height = height;
-        coming.refresh = refresh;
+        Mode& pending = static_cast<Monitor*>(monitor)->pending;
+        pending.width = width;
+        pending.height = height;
+        pending.refresh = refresh;
     };
     listener.done = [](void* self, wl_output*) {
         auto& monitor = *static_cast<Monitor*>(self);
         const bool first = !std::exchange(monitor.known, true);
-        if (std::exchange(monitor.told, monitor.coming) != monitor.coming && !first) {
+        if (std::exchange(monitor.current, monitor.pending) != monitor.pending && !first) {
             monitor.watch.changed = true;
         }
     };
@@ -112,15 +112,15 @@ const wl_output_listener CompositorWatch::Impl::kOutput = [] {
     return listener;
 }();
 
-const wl_callback_listener CompositorWatch::Impl::kListed{
+const wl_callback_listener CompositorWatch::Impl::kInitialSync{
     .done = [](void* self, wl_callback*, uint32_t) { static_cast<Impl*>(self)->complete = true; }};
 
 CompositorWatch::Impl::Impl(UniqueFd socket) : display(wl_display_connect_to_fd(socket.release())) {
     if (!display) return;
     registry.reset(wl_display_get_registry(display.get()));
     wl_registry_add_listener(registry.get(), &kRegistry, this);
-    listed.reset(wl_display_sync(display.get()));
-    wl_callback_add_listener(listed.get(), &kListed, this);
+    initial_sync.reset(wl_display_sync(display.get()));
+    wl_callback_add_listener(initial_sync.get(), &kInitialSync, this);
     wl_display_flush(display.get());
 }
 
@@ -136,7 +136,7 @@ void CompositorWatch::Impl::add(wl_registry* from, uint32_t name, std::string_vi
     changed = changed || complete;
 }
 
-void CompositorWatch::Impl::take_in() {
+void CompositorWatch::Impl::read_events() {
     while (wl_display_prepare_read(display.get()) != 0) {
         if (wl_display_dispatch_pending(display.get()) < 0) return;
     }
@@ -151,7 +151,7 @@ void CompositorWatch::Impl::take_in() {
 }
 
 CompositorWatch::CompositorWatch(const std::string& display) {
-    be_quiet();
+    silence_library_log();
     UniqueFd socket = connect_to(display);
     if (socket) impl_ = std::make_unique<Impl>(std::move(socket));
     if (impl_ && !impl_->display) impl_.reset();
@@ -159,14 +159,14 @@ CompositorWatch::CompositorWatch(const std::string& display) {
 
 CompositorWatch::~CompositorWatch() = default;
 
-const char* CompositorWatch::news() {
-    if (!impl_ || impl_->over_told) return nullptr;
-    impl_->take_in();
+CompositorWatch::Event CompositorWatch::take_event() {
+    if (!impl_ || impl_->end_reported) return Event::None;
+    impl_->read_events();
     if (wl_display_get_error(impl_->display.get()) != 0) {
-        impl_->over_told = true;
-        return "the compositor has ended";
+        impl_->end_reported = true;
+        return Event::CompositorEnded;
     }
-    return std::exchange(impl_->changed, false) ? "a monitor has changed" : nullptr;
+    return std::exchange(impl_->changed, false) ? Event::MonitorChanged : Event::None;
 }
 
 }  // namespace ox

@@ -5,20 +5,21 @@
 
 namespace ox {
 
-/// A client of the Wayland compositor that shows nothing: it hears when a monitor changes, comes or
-/// goes, and when the compositor ends. Used by one thread; nothing waits. Without a compositor that
-/// answers there is never any news.
+/// A client of the Wayland compositor that shows nothing, but is notified when a monitor is
+/// changed, added or removed, and when the compositor ends. Used by one thread; never waits.
+/// Without a compositor there are no events.
 class CompositorWatch {
   public:
-    /// `display` is what WAYLAND_DISPLAY holds; empty: none.
+    enum class Event { None, MonitorChanged, CompositorEnded };
+
+    /// `display` is the value of WAYLAND_DISPLAY; empty: none.
     explicit CompositorWatch(const std::string& display);
     ~CompositorWatch();
     CompositorWatch(const CompositorWatch&) = delete;
     CompositorWatch& operator=(const CompositorWatch&) = delete;
 
-    /// What has happened since the last look (or the construction), in words for the log: null for
-    /// nothing.
-    const char* news();
+    /// What happened since the last call or the construction.
+    Event take_event();
 
   private:
     struct Impl;

@@ -7,34 +7,35 @@ namespace ox {
 namespace {
 
 constexpr size_t kPixelBytes = 4;
-constexpr size_t kMaxFree = 2;  // one picture is the latest, one is being shown
+constexpr size_t kMaxFree = 2;  // one picture is the latest, one is on loan
 
 }  // namespace
 
 LatestPicture::LatestPicture() : pool_(std::make_shared<Pool>()) {
-    pool_->free.reserve(kMaxFree);  // so that giving back never fails
+    const MutexLock lock(pool_->mutex);
+    pool_->free.reserve(kMaxFree);  // so that returning a buffer never fails
 }
 
 uint32_t LatestPicture::width() const {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return latest_.width;
 }
 
 uint32_t LatestPicture::height() const {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return latest_.height;
 }
 
 std::unique_ptr<LatestPicture::Buffer> LatestPicture::take_buffer(size_t bytes) const {
     std::unique_ptr<Buffer> buffer;
     {
-        const std::lock_guard lock(pool_->mutex);
+        const MutexLock lock(pool_->mutex);
         if (!pool_->free.empty()) {
             buffer = std::move(pool_->free.back());
             pool_->free.pop_back();
         }
     }
-    // One of another size goes; what remains of the old size goes the same way.
+    // A buffer of another size is replaced.
     if (!buffer || buffer->size() != bytes) {
         buffer = std::make_unique<Buffer>();
         resize_with_slack(*buffer, bytes);
@@ -46,13 +47,13 @@ std::shared_ptr<const uint8_t> LatestPicture::share(std::unique_ptr<Buffer> buff
                                                     std::shared_ptr<Pool> pool) {
     const uint8_t* pixels = buffer->data();
     return {pixels, [owned = std::move(buffer), to = std::move(pool)](const uint8_t*) mutable {
-                const std::lock_guard lock(to->mutex);
+                const MutexLock lock(to->mutex);
                 if (to->free.size() < kMaxFree) to->free.push_back(std::move(owned));
             }};
 }
 
-void LatestPicture::on_frame(uint32_t width, uint32_t height,
-                             const std::function<void(uint8_t*)>& fill) {
+void LatestPicture::store(uint32_t width, uint32_t height,
+                          const std::function<void(uint8_t*)>& fill) {
     auto buffer = take_buffer(size_t{width} * height * kPixelBytes);
     fill(buffer->data());
     Picture picture{.pixels = share(std::move(buffer), pool_),
@@ -60,7 +61,7 @@ void LatestPicture::on_frame(uint32_t width, uint32_t height,
                     .height = height,
                     .content = next_content()};
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         std::swap(latest_, picture);
     }
     arrivals_.note(SteadyClock::now());
@@ -70,7 +71,7 @@ void LatestPicture::on_frame(uint32_t width, uint32_t height,
 bool LatestPicture::get(CapturedFrame& frame) const {
     Picture picture;
     {
-        const std::lock_guard lock(mutex_);
+        const MutexLock lock(mutex_);
         picture = latest_;
     }
     if (!picture.pixels) return false;
@@ -84,17 +85,18 @@ bool LatestPicture::get(CapturedFrame& frame) const {
 }
 
 bool LatestPicture::wait_for_first(SteadyClock::time_point deadline,
-                                   const std::function<bool()>& give_up) const {
-    constexpr std::chrono::milliseconds kSlice{50};
+                                   const std::function<bool()>& cancelled) const {
+    constexpr std::chrono::milliseconds kPollPeriod{50};
     for (;;) {
+        const auto poll_at = std::min(deadline, SteadyClock::now() + kPollPeriod);
         {
-            std::unique_lock lock(mutex_);
-            const auto until = std::min(deadline, SteadyClock::now() + kSlice);
-            if (arrived_.wait_until(lock, until, [this] { return latest_.pixels != nullptr; })) {
-                return true;
+            MutexLock lock(mutex_);
+            while (!latest_.pixels) {
+                if (lock.wait_until(arrived_, poll_at) == std::cv_status::timeout) break;
             }
+            if (latest_.pixels) return true;
         }
-        if (SteadyClock::now() >= deadline || give_up()) return false;
+        if (SteadyClock::now() >= deadline || cancelled()) return false;
     }
 }
 

@@ -5,47 +5,46 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "base/clock.h"
+#include "base/mutex.h"
 #include "video/capture.h"
 
 namespace ox {
 
-/// Hands the newest picture from the thread that gets them to the thread that shows them. A picture
-/// is copied once, by the writer and outside the lock, into a buffer that readers borrow; a buffer
-/// that nobody borrows any more is used again. Any thread may call; one writer.
+/// Passes the newest picture from one writer to any thread. A picture is copied once, by the writer
+/// and outside the lock, into a buffer that readers borrow; returned buffers are reused.
 class LatestPicture {
   public:
     LatestPicture();
 
-    /// Size of the newest picture; 0 as long as there is none.
+    /// Size of the newest picture; 0 while there is none.
     [[nodiscard]] uint32_t width() const;
     [[nodiscard]] uint32_t height() const;
 
-    /// Takes a picture of this size: `fill` writes its width x height pixels of 4 bytes, without
-    /// padding, to where it is told. May throw std::bad_alloc.
-    void on_frame(uint32_t width, uint32_t height, const std::function<void(uint8_t*)>& fill);
+    /// Stores a picture of this size: `fill` writes its width x height pixels of 4 bytes, without
+    /// padding, to its argument. May throw std::bad_alloc.
+    void store(uint32_t width, uint32_t height, const std::function<void(uint8_t*)>& fill);
 
-    /// Lends the newest picture to `frame`, with timestamp 0. False, and `frame` as it was, when
-    /// none has come yet. It can be read for as long as the frame holds it.
+    /// Lends the newest picture to `frame`, with timestamp 0. False, and `frame` unchanged, when
+    /// there is none yet.
     bool get(CapturedFrame& frame) const;
 
-    /// When pictures came.
+    /// When pictures arrived.
     [[nodiscard]] ChangeTimes& arrivals() { return arrivals_; }
 
-    /// Waits until a picture is there. False when `deadline` passes or `give_up`, asked every
-    /// 50 ms, returns true.
+    /// Waits for a picture. False when `deadline` passes or `cancelled`, called every 50 ms,
+    /// returns true.
     bool wait_for_first(SteadyClock::time_point deadline,
-                        const std::function<bool()>& give_up) const;
+                        const std::function<bool()>& cancelled) const;
 
   private:
     using Buffer = std::vector<uint8_t>;
-    /// Where the buffers come back to; outlives this object for as long as one is borrowed.
+    /// The unused buffers; outlives this object while one is borrowed.
     struct Pool {
-        std::mutex mutex;
-        std::vector<std::unique_ptr<Buffer>> free;  ///< guarded by `mutex`
+        Mutex mutex;
+        std::vector<std::unique_ptr<Buffer>> free OX_GUARDED_BY(mutex);
     };
     struct Picture {
         std::shared_ptr<const uint8_t> pixels;
@@ -59,10 +58,10 @@ class LatestPicture {
                                                 std::shared_ptr<Pool> pool);
 
     std::shared_ptr<Pool> pool_;
-    mutable std::mutex mutex_;  ///< guards everything below
+    mutable Mutex mutex_;
     mutable std::condition_variable arrived_;
-    Picture latest_;
-    ChangeTimes arrivals_;  ///< has a guard of its own
+    Picture latest_ OX_GUARDED_BY(mutex_);
+    ChangeTimes arrivals_;
 };
 
 }  // namespace ox

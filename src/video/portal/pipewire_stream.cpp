@@ -13,8 +13,7 @@
 #include "base/clock.h"
 #include "log/log.h"
 #include "video/portal/portal_diagnosis.h"
-#include "video/portal/stream_params.h"
-#include "video/portal/upright_copy.h"
+#include "video/portal/stream_format.h"
 
 namespace ox {
 namespace {
@@ -41,11 +40,11 @@ void init_library() {
 }  // namespace
 
 struct PipewireStream::Impl {
-    explicit Impl(LatestPicture& to) : pictures(to) {}
+    explicit Impl(LatestPicture& destination) : pictures(destination) {}
     ~Impl() {
         if (!loop) return;
-        // The callbacks go while their thread runs: without it PipeWire calls them on its data
-        // thread. What taking the stream down does to its state is of no interest either.
+        // Removed while their thread runs: without it PipeWire calls the callbacks on its data
+        // thread.
         pw_thread_loop_lock(loop.get());
         if (stream) spa_hook_remove(&listener);
         if (core) spa_hook_remove(&core_listener);
@@ -63,18 +62,18 @@ struct PipewireStream::Impl {
     void format_changed(const spa_pod* format);
     void process();
     [[nodiscard]] std::optional<portal::MappedPicture> picture_of(const spa_buffer& buffer) const;
-    void take(const portal::MappedPicture& picture, uint32_t transform);
+    void store(const portal::MappedPicture& picture, uint32_t transform);
 
     static const pw_stream_events kEvents;
     static const pw_core_events kCoreEvents;
 
     LatestPicture& pictures;
-    std::atomic<bool> over{false};
-    std::atomic<bool> daemon_gone{false};
+    std::atomic<bool> ended{false};
+    std::atomic<bool> daemon_lost{false};
     std::atomic<bool> streaming{false};
-    std::atomic<uint64_t> new_format_us{0};  ///< steady clock; 0: a picture has come since
+    std::atomic<uint64_t> new_format_us{0};  ///< steady clock; 0: none since the last picture
 
-    // Used by the PipeWire thread alone.
+    // For the PipeWire thread only.
     portal::PictureFormat format;
     bool had_picture = false;
 
@@ -86,7 +85,7 @@ struct PipewireStream::Impl {
     StreamPtr stream;
 };
 
-// Nothing that these functions do may throw into PipeWire's own code.
+// These functions must not throw into PipeWire's code.
 const pw_stream_events PipewireStream::Impl::kEvents = [] {
     pw_stream_events events{};
     events.version = PW_VERSION_STREAM_EVENTS;
@@ -108,8 +107,8 @@ const pw_core_events PipewireStream::Impl::kCoreEvents = [] {
     events.version = PW_VERSION_CORE_EVENTS;
     events.error = [](void* self, uint32_t id, int /*seq*/, int result, const char* /*message*/) {
         if (id != PW_ID_CORE || result != -EPIPE) return;
-        static_cast<Impl*>(self)->daemon_gone = true;
-        static_cast<Impl*>(self)->over = true;
+        static_cast<Impl*>(self)->daemon_lost = true;
+        static_cast<Impl*>(self)->ended = true;
     };
     return events;
 }();
@@ -124,7 +123,7 @@ bool PipewireStream::Impl::connect_core(UniqueFd remote) {
         OX_ERROR("PortalCapture: cannot set up PipeWire: %s", std::strerror(errno));
         return false;
     }
-    // The descriptor is PipeWire's from here on, also when this fails.
+    // Takes the descriptor, also on failure.
     core.reset(pw_context_connect_fd(context.get(), remote.release(), nullptr, 0));
     if (core) {
         listen_to(*core, core_listener, kCoreEvents, this);
@@ -132,7 +131,7 @@ bool PipewireStream::Impl::connect_core(UniqueFd remote) {
     }
     const std::string reason = std::strerror(errno);
     OX_ERROR("PortalCapture: cannot connect to PipeWire: %s", reason.c_str());
-    portal::explain(portal::diagnose_no_pipewire({}));
+    portal::log_diagnosis(portal::diagnose_no_pipewire({}));
     return false;
 }
 
@@ -147,8 +146,8 @@ bool PipewireStream::Impl::connect_stream(uint32_t node) {
     pw_stream_add_listener(stream.get(), &listener, &kEvents, this);
     portal::OfferedFormats formats;
     portal::offer_formats(formats);
-    // Without the last flag the session manager would connect the stream to another source, such as
-    // a camera, when the screen's goes away.
+    // Without the last flag, the session manager connects the stream to another source, such as a
+    // camera, when the screen's ends.
     constexpr auto kFlags = static_cast<pw_stream_flags>(
         PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_DONT_RECONNECT);
     const int result =
@@ -164,29 +163,28 @@ void PipewireStream::Impl::state_changed(pw_stream_state state, const char* erro
     if (state == PW_STREAM_STATE_ERROR) {
         OX_ERROR("PortalCapture: PipeWire stream error: %s", error != nullptr ? error : "?");
     }
-    if (state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED) over = true;
+    if (state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED) ended = true;
 }
 
 void PipewireStream::Impl::format_changed(const spa_pod* param) {
-    const auto agreed = portal::agreed_format(*param);
-    if (!agreed) return;
-    OX_INFO("PortalCapture: negotiated %ux%u %s", agreed->size.width, agreed->size.height,
-            agreed->name);
-    format = *agreed;
+    const auto negotiated = portal::parse_format(*param);
+    if (!negotiated) return;
+    OX_INFO("PortalCapture: negotiated %ux%u %s", negotiated->size.width, negotiated->size.height,
+            negotiated->name);
+    format = *negotiated;
     portal::ParamMemory buffers;
     portal::ParamMemory transform;
-    const spa_pod* params[] = {portal::wanted_buffers(buffers),
-                               portal::wanted_transform(transform)};
+    const spa_pod* params[] = {portal::buffer_params(buffers), portal::transform_params(transform)};
     pw_stream_update_params(stream.get(), params, 2);
     if (!had_picture) return;
-    // A compositor may stop for the new format and go on only when the stream's state changes.
+    // Restarted: a compositor may stop for the new format until the stream's state changes.
     new_format_us = steady_now_us();
     pw_stream_set_active(stream.get(), false);
     pw_stream_set_active(stream.get(), true);
 }
 
-/// Of several pictures that wait only the newest is of use. A buffer may bring none, though, and
-/// of a desktop that is still no other comes.
+/// Stores the newest picture. Buffers may come without one, and then no other follows while the
+/// desktop is still.
 void PipewireStream::Impl::process() {
     pw_buffer* newest = nullptr;
     std::optional<portal::MappedPicture> picture;
@@ -198,7 +196,7 @@ void PipewireStream::Impl::process() {
         if (next != nullptr) pw_stream_queue_buffer(stream.get(), next);
     }
     if (newest == nullptr) return;
-    take(*picture, portal::transform_of(*newest->buffer));
+    store(*picture, portal::transform_of(*newest->buffer));
     pw_stream_queue_buffer(stream.get(), newest);
 }
 
@@ -208,12 +206,11 @@ std::optional<portal::MappedPicture> PipewireStream::Impl::picture_of(
     return portal::picture_in(buffer.datas[0], format.size);
 }
 
-void PipewireStream::Impl::take(const portal::MappedPicture& picture, uint32_t transform) {
+void PipewireStream::Impl::store(const portal::MappedPicture& picture, uint32_t transform) {
     const auto [width, height] = portal::upright_size(format.size, transform);
     try {
-        pictures.on_frame(width, height, [&](uint8_t* to) {
-            portal::copy_upright(picture, format, transform, to);
-        });
+        pictures.store(width, height,
+                       [&](uint8_t* to) { portal::copy_upright(picture, format, transform, to); });
         had_picture = true;
         new_format_us = 0;
     } catch (const std::bad_alloc&) {
@@ -234,12 +231,12 @@ bool PipewireStream::start(UniqueFd remote, uint32_t node) {
     return true;
 }
 
-bool PipewireStream::over() const {
-    return impl_->over;
+bool PipewireStream::ended() const {
+    return impl_->ended;
 }
 
-bool PipewireStream::daemon_gone() const {
-    return impl_->daemon_gone;
+bool PipewireStream::daemon_lost() const {
+    return impl_->daemon_lost;
 }
 
 bool PipewireStream::streaming() const {

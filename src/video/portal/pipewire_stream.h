@@ -10,10 +10,10 @@
 
 namespace ox {
 
-/// The PipeWire end of a screen share: a thread of PipeWire's own that puts each picture of one
-/// node into a `LatestPicture`. The thread runs from a successful `start` to the destruction. The
-/// node is the only one that is ever captured: when it goes away, the stream stops for good and
-/// the last picture stays. Pictures are copied upright, as B, G, R and a fourth byte.
+/// The PipeWire end of a screen share: PipeWire's thread stores each picture of one node, upright
+/// and as B, G, R and a fourth byte, in a `LatestPicture`. The thread runs from a successful
+/// `start` to the destruction. No other node is ever captured: when this one ends, the stream stops
+/// for good and the last picture stays.
 class PipewireStream {
   public:
     /// `pictures` outlives the stream.
@@ -22,17 +22,16 @@ class PipewireStream {
     PipewireStream(const PipewireStream&) = delete;
     PipewireStream& operator=(const PipewireStream&) = delete;
 
-    /// Connects to the daemon at the other end of `remote` and asks for the pictures of `node`.
-    /// False, after an error line, when that does not work. Once per object.
+    /// Connects to the daemon at the other end of `remote` and captures `node`. False, after an
+    /// error line, on failure. Once per object.
     bool start(UniqueFd remote, uint32_t node);
 
-    /// The daemon has gone or has taken the stream away: no picture will come any more.
-    [[nodiscard]] bool over() const;
-    /// The daemon has gone.
-    [[nodiscard]] bool daemon_gone() const;
-    /// Pictures come, or would. Not so for a moment while another format is agreed on.
+    /// The daemon or the stream has ended: no more pictures will come.
+    [[nodiscard]] bool ended() const;
+    [[nodiscard]] bool daemon_lost() const;
+    /// The stream is running; not so briefly while another format is negotiated.
     [[nodiscard]] bool streaming() const;
-    /// A new format was agreed on, and no picture has come in it for two seconds.
+    /// No picture has come for two seconds after a new format was negotiated.
     [[nodiscard]] bool stalled(SteadyClock::time_point now) const;
 
   private:

@@ -3,8 +3,15 @@
 namespace ox::portal {
 namespace {
 
+constexpr const char* kRequest = "org.freedesktop.portal.Request";
+constexpr size_t kMaxEarly = 16;  // portals send one
+
+std::string text_or_empty(const char* text) {
+    return text != nullptr ? text : "";
+}
+
 constexpr std::chrono::milliseconds kHelloLimit{5000};
-// The portal sends a request's Response to its caller, or to everybody who listens.
+// Portals send a Response to the caller, or broadcast it.
 constexpr const char* kResponseMatch =
     "type='signal',interface='org.freedesktop.portal.Request',member='Response',"
     "path_namespace='/org/freedesktop/portal/desktop/request'";
@@ -12,7 +19,7 @@ constexpr const char* kClosedMatch =
     "type='signal',sender='org.freedesktop.portal.Desktop',"
     "interface='org.freedesktop.portal.Session',member='Closed',"
     "path_namespace='/org/freedesktop/portal/desktop/session'";
-// The portal, and its part for the desktop.
+// The portal, and its backend for the desktop.
 constexpr const char* kPortalMatch =
     "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
     "member='NameOwnerChanged',arg0='org.freedesktop.portal.Desktop'";
@@ -36,6 +43,48 @@ Outcome to_outcome(BusWait wait) {
 
 }  // namespace
 
+PendingRequest::State PendingRequest::handle_message(DBusMessage& message) {
+    const int type = dbus_message_get_type(&message);
+    const bool is_reply =
+        type == DBUS_MESSAGE_TYPE_METHOD_RETURN || type == DBUS_MESSAGE_TYPE_ERROR;
+    if (is_reply && dbus_message_get_reply_serial(&message) == serial_)
+        return handle_reply(message);
+    if (dbus_message_is_signal(&message, kRequest, "Response") == FALSE) return State::Waiting;
+    if (!handle_.empty()) return is_ours(message) ? handle_response(message) : State::Waiting;
+    if (early_.size() == kMaxEarly) early_.pop_front();
+    early_.emplace_back(dbus_message_ref(&message));
+    return State::Waiting;
+}
+
+PendingRequest::State PendingRequest::handle_reply(DBusMessage& reply) {
+    if (dbus_message_get_type(&reply) == DBUS_MESSAGE_TYPE_ERROR) {
+        DBusErrorText error;
+        dbus_set_error_from_message(error.fill(), &reply);
+        error_ = text_or_empty(dbus_message_get_error_name(&reply)) + ": " + error.text();
+        return State::Refused;
+    }
+    handle_ = reply_path(reply);
+    if (handle_.empty()) return State::Refused;
+    portal_ = text_or_empty(dbus_message_get_sender(&reply));
+    for (const DBusMessagePtr& signal : early_) {
+        if (is_ours(*signal) && handle_response(*signal) == State::Answered) return State::Answered;
+    }
+    return State::Waiting;
+}
+
+bool PendingRequest::is_ours(DBusMessage& signal) const {
+    const std::string path = text_or_empty(dbus_message_get_path(&signal));
+    return (path == handle_ || path == expected_path_) &&
+           text_or_empty(dbus_message_get_sender(&signal)) == portal_;
+}
+
+PendingRequest::State PendingRequest::handle_response(DBusMessage& signal) {
+    auto response = parse_response(signal);
+    if (!response) return State::Waiting;
+    response_ = *std::move(response);
+    return State::Answered;
+}
+
 bool PortalBus::open(const std::string& address, std::string& error) {
     if (!bus_.open(address.empty() ? session_bus_address() : address, kHelloLimit, error)) {
         return false;
@@ -46,7 +95,7 @@ bool PortalBus::open(const std::string& address, std::string& error) {
 }
 
 RequestResult PortalBus::request(DBusMessage& call, const std::string& token,
-                                 std::chrono::milliseconds limit, const WhenLate& late) {
+                                 std::chrono::milliseconds limit, const DelayCallback& on_delay) {
     const auto begin = SteadyClock::now();
     uint32_t serial = 0;
     if (!bus_.send(call, serial)) return {.outcome = Outcome::Lost};
@@ -54,20 +103,20 @@ RequestResult PortalBus::request(DBusMessage& call, const std::string& token,
     PendingRequest pending(serial, expected_path);
     bool refused = false;
     const auto answered = [&](DBusMessage& message) {
-        const auto state = pending.take(message);
+        const auto state = pending.handle_message(message);
         refused = state == PendingRequest::State::Refused;
         return state != PendingRequest::State::Waiting;
     };
-    const bool may_be_late = late.act && late.after < limit;
-    BusWait wait = bus_.read_until(begin + (may_be_late ? late.after : limit), answered);
-    if (may_be_late && wait == BusWait::TimedOut) {
-        late.act();
+    const bool has_callback = on_delay.call && on_delay.after < limit;
+    BusWait wait = bus_.read_until(begin + (has_callback ? on_delay.after : limit), answered);
+    if (has_callback && wait == BusWait::TimedOut) {
+        on_delay.call();
         wait = bus_.read_until(begin + limit, answered);
     }
     const Outcome outcome = to_outcome(wait);
     if (refused) return {.outcome = Outcome::Refused, .error = pending.error()};
     if (outcome != Outcome::Answered) {
-        // Also when nobody has said yet that the request is there.
+        // Also before the reply has confirmed the request.
         close_object(pending.handle().empty() ? expected_path : pending.handle(),
                      "org.freedesktop.portal.Request");
     }
@@ -86,26 +135,24 @@ UniqueFd PortalBus::request_fd(DBusMessage& call, std::chrono::milliseconds limi
     return descriptor_in(*reply);
 }
 
-PortalBus::News PortalBus::take_news(const std::string& session) {
-    News news;
-    const bool open = bus_.read_pending([&](DBusMessage& message) {
-        news.closed = news.closed || is_session_closed(message, session);
-        news.service_gone = news.service_gone || is_service_gone(message);
-        if (question_ != 0 && dbus_message_get_reply_serial(&message) == question_) {
-            news.still_open = dbus_message_get_type(&message) == DBUS_MESSAGE_TYPE_METHOD_RETURN;
+PortalBus::SessionEvents PortalBus::take_events(const std::string& session) {
+    SessionEvents events;
+    bus_.read_pending([&](DBusMessage& message) {
+        events.closed = events.closed || is_session_closed(message, session);
+        events.service_gone = events.service_gone || is_service_gone(message);
+        if (query_serial_ != 0 && dbus_message_get_reply_serial(&message) == query_serial_) {
+            events.confirmed = dbus_message_get_type(&message) == DBUS_MESSAGE_TYPE_METHOD_RETURN;
         }
     });
-    news.connection_lost = !open;
-    return news;
+    return events;
 }
 
-void PortalBus::ask_for_session(const std::string& session) {
-    if (const DBusMessagePtr call = make_session_query(session);
-        !call || !bus_.send(*call, question_))
-        question_ = 0;
+void PortalBus::query_session(const std::string& session) {
+    const DBusMessagePtr call = make_session_query(session);
+    if (!call || !bus_.send(*call, query_serial_)) query_serial_ = 0;
 }
 
-bool PortalBus::pause(std::chrono::milliseconds time) {
+bool PortalBus::wait_for(std::chrono::milliseconds time) {
     return bus_.read_until(SteadyClock::now() + time, [](DBusMessage&) { return false; }) ==
            BusWait::TimedOut;
 }

@@ -2,80 +2,118 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "base/unique_fd.h"
 #include "dbus/bus_connection.h"
-#include "video/portal/pending_request.h"
+#include "video/portal/portal_messages.h"
 
 namespace ox::portal {
 
-/// How a call to the portal ended.
-enum class Outcome {
-    Answered,   ///< a Response came, whatever its code
-    Refused,    ///< the call failed or made no request
-    TimedOut,   ///< not all of it came within the limit
-    Cancelled,  ///< the owner wants no answer any more
-    Lost,       ///< the bus connection broke
+/// Matches incoming messages to one portal call: its reply, and the Response signal of the request
+/// that the reply names, in any order. Other requests' signals, and signals of any sender but the
+/// portal that replied, are ignored.
+class PendingRequest {
+  public:
+    enum class State {
+        Waiting,
+        Answered,  ///< see `response()`
+        Refused,   ///< the call failed or made no request; see `error()`
+    };
+
+    /// `serial` is the sent call's, `expected_path` the request's path by its handle token. A
+    /// Response counts there as well as at the path in the reply, which old portals choose
+    /// themselves.
+    PendingRequest(uint32_t serial, std::string expected_path)
+        : serial_(serial), expected_path_(std::move(expected_path)) {}
+
+    State handle_message(DBusMessage& message);
+
+    [[nodiscard]] const Response& response() const { return response_; }
+    /// The request's object path; empty until the reply has come.
+    [[nodiscard]] const std::string& handle() const { return handle_; }
+    /// D-Bus error name and text of a failed call.
+    [[nodiscard]] const std::string& error() const { return error_; }
+
+  private:
+    State handle_reply(DBusMessage& reply);
+    [[nodiscard]] bool is_ours(DBusMessage& signal) const;
+    State handle_response(DBusMessage& signal);
+
+    uint32_t serial_;
+    std::string expected_path_;
+    std::string handle_;
+    std::string portal_;                ///< unique bus name of the replying portal
+    std::deque<DBusMessagePtr> early_;  ///< Response signals before the reply, newest last
+    Response response_;
+    std::string error_;
 };
 
-/// Something that is to be done once if a request is not answered `after` that time.
-struct WhenLate {
+/// How a call to the portal ended.
+enum class Outcome {
+    Answered,  ///< a Response came, whatever its code
+    Refused,   ///< the call failed or made no request
+    TimedOut,
+    Cancelled,
+    Lost,  ///< the bus connection broke
+};
+
+/// Called once if a request is not answered within `after`.
+struct DelayCallback {
     std::chrono::milliseconds after{};
-    std::function<void()> act{};
+    std::function<void()> call{};
 };
 
 struct RequestResult {
     Outcome outcome = Outcome::Refused;
     Response response{};
-    std::string error{};  ///< of a failed call, in the bus's words
+    std::string error{};  ///< the bus's message for a failed call
     std::chrono::milliseconds took{};
 };
 
-/// A private connection to the session bus for talking to the desktop portal. Used by one thread;
-/// every wait ends within 50 ms once `cancelled` returns true. The portal ends what was asked for
-/// over this connection when it closes, so it has to live as long as the stream.
+/// A private connection to the session bus for calls to the desktop portal. Used by one thread;
+/// every wait ends within 50 ms once `cancelled` returns true. When it closes, the portal ends its
+/// sessions, so it has to live as long as the stream.
 class PortalBus {
   public:
     explicit PortalBus(BusConnection::Cancelled cancelled) : bus_(std::move(cancelled)) {}
 
-    /// Connects to `address`, or to the session bus when it is empty. False, with the bus's words
-    /// in `error`, when there is none.
+    /// Connects to `address`, or to the session bus when it is empty. False, with the reason in
+    /// `error`, on failure.
     bool open(const std::string& address, std::string& error);
-    void close() { bus_.close(); }
 
     /// Sends a call that makes a request with this handle token and waits for the request's
-    /// Response. A request that is given up is closed, so that no dialog stays behind.
+    /// Response. An abandoned request is closed, so that its dialog disappears.
     RequestResult request(DBusMessage& call, const std::string& token,
-                          std::chrono::milliseconds limit, const WhenLate& late = {});
+                          std::chrono::milliseconds limit, const DelayCallback& on_delay = {});
 
-    /// Sends a call that is answered by a descriptor and waits for it; none when there is none,
-    /// with the portal's words in `error` if it said why.
+    /// Sends a call that returns a descriptor and waits for it; none on failure, with the portal's
+    /// reason in `error` if it gave one.
     UniqueFd request_fd(DBusMessage& call, std::chrono::milliseconds limit, std::string& error);
 
-    /// What has been said about a session since the last look.
-    struct News {
-        bool closed = false;           ///< the portal has closed it
-        bool still_open = false;       ///< the portal has answered `ask_for_session`
-        bool service_gone = false;     ///< a part of the portal has ended
-        bool connection_lost = false;  ///< nothing more will be heard
+    /// What happened to a session since the last `take_events`.
+    struct SessionEvents {
+        bool closed = false;        ///< the portal has closed it
+        bool confirmed = false;     ///< the portal has answered `query_session`: it is open
+        bool service_gone = false;  ///< a part of the portal has ended
     };
-    /// Takes in what has come; waits for nothing. Every signal that comes while a request is waited
-    /// for is lost to it.
-    News take_news(const std::string& session);
-    /// Asks the portal, without waiting, whether it has this session.
-    void ask_for_session(const std::string& session);
+    /// Reads what has arrived, without waiting. Signals that come during a `request` are not seen.
+    SessionEvents take_events(const std::string& session);
+    /// Asks the portal, without waiting, whether this session is open.
+    void query_session(const std::string& session);
 
-    /// Waits. False when the owner cancels or the connection breaks.
-    bool pause(std::chrono::milliseconds time);
+    /// Waits. False when cancelled or disconnected.
+    bool wait_for(std::chrono::milliseconds time);
 
     /// Closes a request or session object without waiting for it.
     void close_object(const std::string& path, const char* interface);
 
   private:
     BusConnection bus_;
-    uint32_t question_ = 0;  ///< serial of the last `ask_for_session`; 0: none
+    uint32_t query_serial_ = 0;  ///< of the last `query_session`; 0: none
 };
 
 }  // namespace ox::portal

@@ -1,9 +1,10 @@
 #include "video/portal/portal_capture.h"
 
-#include <cstdlib>
+#include <charconv>
 #include <utility>
 
 #include "base/clock.h"
+#include "base/environment.h"
 #include "log/log.h"
 #include "video/portal/compositor_watch.h"
 #include "video/portal/latest_picture.h"
@@ -14,18 +15,33 @@
 #include "video/portal/share_watch.h"
 
 namespace ox {
+namespace {
 
-/// One running screen share. Goes in the reverse order: the stream, the portal's session, the bus.
+/// `OX_PORTAL_TIMEOUT_MS`, a decimal number above 0 (else ignored), replaces both limits of Start.
+PortalLimits limits_from_environment() {
+    PortalLimits limits;
+    const std::string_view text = environment("OX_PORTAL_TIMEOUT_MS");
+    int number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error == std::errc{} && end == text.data() + text.size() && number > 0) {
+        limits.start_with_token = limits.start_without_token = std::chrono::milliseconds(number);
+    }
+    return limits;
+}
+
+}  // namespace
+
+/// One running screen share. Destroyed in reverse order: the stream, the portal's session, the bus.
 struct PortalCapture::Share {
     using Verdict = portal::ShareWatch::Verdict;
 
     explicit Share(const Config& config)
         : compositor(config.wayland_display),
           bus(config.cancelled),
-          screen_cast(bus, config.token_file, config.limits, config.awaiting_owner) {}
+          screen_cast(bus, config.token_file, config.limits, config.on_awaiting_owner) {}
 
-    Verdict look(SteadyClock::time_point now);
-    void disturbed(const char* by, SteadyClock::time_point now);
+    Verdict update(SteadyClock::time_point now);
+    void disturbed(const char* cause, SteadyClock::time_point now);
 
     CompositorWatch compositor;
     portal::PortalBus bus;
@@ -33,33 +49,41 @@ struct PortalCapture::Share {
     LatestPicture pictures;
     PipewireStream stream{pictures};
     portal::ShareWatch watch;
-    const char* disturbance = "the stream has stopped";
-    bool over_told = false;
+    const char* end_cause = "the stream has stopped";  ///< for the log
+    bool end_logged = false;
 };
 
-/// Takes in what has happened to the share since the last look.
-portal::ShareWatch::Verdict PortalCapture::Share::look(SteadyClock::time_point now) {
-    if (const char* news = compositor.news()) disturbed(news, now);
-    const portal::PortalBus::News news = bus.take_news(screen_cast.session());
-    if (news.service_gone) disturbed("a part of the desktop portal has ended", now);
-    if (news.still_open) watch.still_open();
-    if (news.closed) watch.closed(now);
+/// Processes what happened to the share since the last call.
+portal::ShareWatch::Verdict PortalCapture::Share::update(SteadyClock::time_point now) {
+    switch (compositor.take_event()) {
+        case CompositorWatch::Event::None:
+            break;
+        case CompositorWatch::Event::MonitorChanged:
+            disturbed("a monitor has changed", now);
+            break;
+        case CompositorWatch::Event::CompositorEnded:
+            disturbed("the compositor has ended", now);
+            break;
+    }
+    const portal::PortalBus::SessionEvents events = bus.take_events(screen_cast.session());
+    if (events.service_gone) disturbed("a part of the desktop portal has ended", now);
+    if (events.confirmed) watch.session_confirmed();
+    if (events.closed) watch.session_closed(now);
     const bool stalled = stream.stalled(now);
-    watch.stream(stream.streaming() && !stalled, now);
-    if (stream.daemon_gone()) disturbed("PipeWire has ended", now);
+    watch.stream_state(stream.streaming() && !stalled, now);
+    if (stream.daemon_lost()) disturbed("PipeWire has ended", now);
     if (stalled) disturbed("no picture came in the new format", now);
-    if (watch.wants_to_ask(now)) bus.ask_for_session(screen_cast.session());
+    if (watch.should_query_session(now)) bus.query_session(screen_cast.session());
     return watch.verdict(now);
 }
 
-void PortalCapture::Share::disturbed(const char* by, SteadyClock::time_point now) {
-    disturbance = by;
-    watch.disturbed(now);
+void PortalCapture::Share::disturbed(const char* cause, SteadyClock::time_point now) {
+    end_cause = cause;
+    watch.disturbance(now);
 }
 
 PortalCapture::Config PortalCapture::config_from_environment() {
-    return {.limits = portal_limits(std::getenv("OX_PORTAL_TIMEOUT_MS")),
-            .wayland_display = "wayland-0"};
+    return {.limits = limits_from_environment(), .wayland_display = "wayland-0"};
 }
 
 PortalCapture::PortalCapture(Config config) : config_(std::move(config)) {}
@@ -68,7 +92,7 @@ PortalCapture::~PortalCapture() = default;
 
 bool PortalCapture::init() {
     shutdown();
-    without_share_ = CaptureState::Gone;
+    failure_state_ = CaptureState::Gone;
     share_ = open_share();
     return share_ != nullptr;
 }
@@ -81,29 +105,29 @@ std::unique_ptr<PortalCapture::Share> PortalCapture::open_share() {
             OX_INFO("PortalCapture: connecting to the session bus cancelled");
         } else {
             OX_ERROR("PortalCapture: no session bus: %s", error.c_str());
-            portal::explain(portal::diagnose_no_bus());
+            portal::log_diagnosis(portal::diagnose_no_bus());
         }
         return nullptr;
     }
     auto screen = share->screen_cast.share_monitor();
     using Outcome = portal::ScreenCast::Outcome;
     if (share->screen_cast.outcome() == Outcome::Declined)
-        without_share_ = CaptureState::OwnerDeclined;
+        failure_state_ = CaptureState::OwnerDeclined;
     if (share->screen_cast.outcome() == Outcome::Unanswered)
-        without_share_ = CaptureState::OwnerAbsent;
+        failure_state_ = CaptureState::OwnerAbsent;
     if (!screen || !share->stream.start(std::move(screen->remote), screen->node)) return nullptr;
     if (!wait_for_first_frame(*share, screen->by_token)) return nullptr;
     OX_INFO("PortalCapture: streaming %ux%u (node=%u)", share->pictures.width(),
             share->pictures.height(), screen->node);
-    // What the compositor has said while the user was asked is no news.
-    share->compositor.news();
+    // Events from before the share started do not count.
+    share->compositor.take_event();
     return share;
 }
 
 bool PortalCapture::wait_for_first_frame(const Share& share, bool by_token) const {
     const auto deadline = SteadyClock::now() + config_.limits.first_frame(by_token);
     if (share.pictures.wait_for_first(deadline,
-                                      [&] { return share.stream.over() || cancelled(); })) {
+                                      [&] { return share.stream.ended() || cancelled(); })) {
         return true;
     }
     if (cancelled()) {
@@ -118,11 +142,11 @@ bool PortalCapture::wait_for_first_frame(const Share& share, bool by_token) cons
 
 int PortalCapture::capture_frame(CapturedFrame& frame) {
     if (!share_ || !share_->pictures.get(frame)) return 1;
-    watch_for_black(frame);
+    check_for_black(frame);
     return 0;
 }
 
-void PortalCapture::watch_for_black(const CapturedFrame& frame) {
+void PortalCapture::check_for_black(const CapturedFrame& frame) {
     const size_t row_bytes = size_t{frame.width} * 4;
     if (!black_frames_.observe(frame.pixels(), row_bytes, row_bytes, frame.height)) return;
     OX_WARN(
@@ -132,8 +156,8 @@ void PortalCapture::watch_for_black(const CapturedFrame& frame) {
 
 CaptureState PortalCapture::state() {
     using Verdict = portal::ShareWatch::Verdict;
-    if (!share_) return without_share_;
-    const auto verdict = share_->look(SteadyClock::now());
+    if (!share_) return failure_state_;
+    const auto verdict = share_->update(SteadyClock::now());
     switch (verdict) {
         case Verdict::Runs:
         case Verdict::Paused:
@@ -145,10 +169,10 @@ CaptureState PortalCapture::state() {
             break;
     }
     const bool lost = verdict == Verdict::Lost;
-    if (!std::exchange(share_->over_told, true)) {
+    if (!std::exchange(share_->end_logged, true)) {
         if (lost) {
             OX_WARN("PortalCapture: the screen share has ended (%s) — the last picture stays",
-                    share_->disturbance);
+                    share_->end_cause);
         } else {
             OX_WARN("PortalCapture: the screen share was stopped at the PC");
             config_.token_file.remove();

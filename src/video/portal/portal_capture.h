@@ -12,25 +12,24 @@
 
 namespace ox {
 
-/// Pictures of a monitor of a Wayland desktop: asks the desktop portal for it over the session bus,
-/// which may show the user an approval dialog, and receives it through PipeWire. A token that the
-/// portal gives out is kept in a file and spares the dialog the next time.
+/// Pictures of a monitor of a Wayland desktop: requested from the desktop portal over the session
+/// bus, which may show the user an approval dialog, and received through PipeWire. The portal's
+/// token is saved in a file and replaces the dialog the next time; it is deleted when the user
+/// stops the share.
 ///
-/// A frame lends the newest picture (its fourth bytes are the desktop's own) and carries no time;
-/// the same picture is lent again until a new one comes, also when the desktop has gone: that the
-/// share is over only `state` tells. A share that the user has stopped takes the token with it, so
-/// that the next one has to be approved. Its size follows the monitor's.
+/// A frame lends the newest picture, without a time, again and again until a new one comes, also
+/// after the share has ended: see `state`. Its size follows the monitor's.
 class PortalCapture final : public ICapture {
   public:
     struct Config {
-        std::string bus_address{};  ///< of the session bus; empty for the environment's
+        std::string bus_address{};  ///< of the session bus; empty: the environment's
         RestoreTokenFile token_file = RestoreTokenFile::of_user();
         PortalLimits limits{};
-        /// Asked every 50 ms while `init` waits: true ends it, without success. May be empty.
+        /// May be empty. Called every 50 ms while `init` waits: true makes it fail.
         std::function<bool()> cancelled{};
-        /// Told by `init` when the user is being asked, and when no longer. May be empty.
-        std::function<void(bool)> awaiting_owner{};
-        std::string wayland_display{};  ///< of the compositor; empty: it is not listened to
+        /// May be empty. Called by `init`; true: the user is being asked, false: no longer.
+        std::function<void(bool)> on_awaiting_owner{};
+        std::string wayland_display{};  ///< of the compositor; empty: not watched
     };
     /// The user's token file and `OX_PORTAL_TIMEOUT_MS`.
     static Config config_from_environment();
@@ -38,12 +37,12 @@ class PortalCapture final : public ICapture {
     explicit PortalCapture(Config config);
     ~PortalCapture() override;
 
-    /// Returns when the first picture is there, or false after an error line. Blocks for as long as
-    /// the limits allow.
+    /// Returns with the first picture, or false after an error line. Blocks as long as the limits
+    /// allow.
     bool init() override;
     int capture_frame(CapturedFrame& frame) override;
     CaptureState state() override;
-    [[nodiscard]] bool black() const override { return black_frames_.is_black(); }
+    [[nodiscard]] bool is_black() const override { return black_frames_.is_black(); }
     [[nodiscard]] uint32_t width() const override;
     [[nodiscard]] uint32_t height() const override;
     [[nodiscard]] ChangeTimes* changes() override;
@@ -53,14 +52,14 @@ class PortalCapture final : public ICapture {
     struct Share;
 
     std::unique_ptr<Share> open_share();
-    void watch_for_black(const CapturedFrame& frame);
+    void check_for_black(const CapturedFrame& frame);
 
     [[nodiscard]] bool cancelled() const { return config_.cancelled && config_.cancelled(); }
     bool wait_for_first_frame(const Share& share, bool by_token) const;
 
     Config config_;
     std::unique_ptr<Share> share_;  ///< null while nothing is captured
-    CaptureState without_share_ = CaptureState::Gone;
+    CaptureState failure_state_ = CaptureState::Gone;
     BlackFrameDetector black_frames_;
 };
 

@@ -58,9 +58,9 @@ Diagnosis diagnose_no_pipewire(const std::string& error) {
             "install pipewire and wireplumber; systemctl --user enable --now pipewire wireplumber"};
 }
 
-void explain(const Diagnosis& diagnosis) {
+void log_diagnosis(const Diagnosis& diagnosis) {
     if (diagnosis.cause.empty()) return;
-    OX_WARN("PortalCapture: %s — %s", diagnosis.cause.c_str(), diagnosis.remedy.c_str());
+    OX_WARN("PortalCapture: %s", diagnosis.log_text().c_str());
 }
 
 }  // namespace ox::portal

@@ -3,19 +3,19 @@
 #include "video/diagnosis.h"
 #include "video/portal/portal_bus.h"
 
-// What is behind the portal's failures and what helps, for the log.
+// Causes of the portal's failures and their remedies, for the log.
 namespace ox::portal {
 
-/// No connection to the session bus, whose own words are logged already.
+/// No connection to the session bus; the error itself is logged already.
 Diagnosis diagnose_no_bus();
 
-/// A request that was not granted. Empty when there is nothing to add to what the bus said.
+/// A request that was not granted. Empty when there is nothing to add to the bus's error.
 Diagnosis diagnose(const RequestResult& result);
 
-/// No connection to PipeWire, `error` being the portal's words if it said any.
+/// No connection to PipeWire; `error` is the portal's, if it gave one.
 Diagnosis diagnose_no_pipewire(const std::string& error);
 
 /// Logs a diagnosis that is not empty, as a warning.
-void explain(const Diagnosis& diagnosis);
+void log_diagnosis(const Diagnosis& diagnosis);
 
 }  // namespace ox::portal

@@ -24,7 +24,7 @@ int type_of(bool /*value*/) {
 
 bool append(DBusMessageIter& to, int type, const std::string& text) {
     const char* bytes = text.c_str();
-    // libdbus takes a text that the bus would not carry for a fault of the program.
+    // libdbus aborts on a text that the bus does not allow.
     if (text.find('\0') != std::string::npos || dbus_validate_utf8(bytes, nullptr) == FALSE ||
         (type == DBUS_TYPE_OBJECT_PATH && dbus_validate_path(bytes, nullptr) == FALSE)) {
         return false;
@@ -176,13 +176,14 @@ bool is_session_closed(DBusMessage& message, const std::string& path) {
 
 bool is_service_gone(DBusMessage& message) {
     const char* name = nullptr;
-    const char* before = nullptr;
-    const char* after = nullptr;
+    const char* old_owner = nullptr;
+    const char* new_owner = nullptr;
     return dbus_message_is_signal(&message, DBUS_INTERFACE_DBUS, "NameOwnerChanged") != FALSE &&
            dbus_message_has_sender(&message, DBUS_SERVICE_DBUS) != FALSE &&
            dbus_message_get_args(&message, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING,
-                                 &before, DBUS_TYPE_STRING, &after, DBUS_TYPE_INVALID) != FALSE &&
-           *before != '\0' && *after == '\0';
+                                 &old_owner, DBUS_TYPE_STRING, &new_owner,
+                                 DBUS_TYPE_INVALID) != FALSE &&
+           *old_owner != '\0' && *new_owner == '\0';
 }
 
 std::optional<Response> parse_response(DBusMessage& signal) {

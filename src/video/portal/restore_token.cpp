@@ -15,7 +15,7 @@
 namespace ox {
 namespace {
 
-/// Creates `folder` and what is missing above it, for the owner only.
+/// Creates `folder` and its missing parents, for the owner only.
 void make_private_folders(const std::filesystem::path& folder) {
     std::filesystem::path part;
     for (const auto& name : folder) {
@@ -46,7 +46,7 @@ RestoreTokenFile RestoreTokenFile::of_user() {
 }
 
 std::optional<std::string> RestoreTokenFile::read() const {
-    // Whatever lies there, opening it must not wait for anybody.
+    // Non-blocking: the path may be a pipe.
     const UniqueFd fd(::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!fd) return std::nullopt;
     std::string token(kMaxRead, '\0');

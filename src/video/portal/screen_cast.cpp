@@ -17,7 +17,7 @@ constexpr const char* kNoParentWindow = "";
 constexpr uint32_t kCancelledByUser = 1;  // of the response codes
 constexpr uint32_t kEndedOtherwise = 2;
 constexpr std::chrono::seconds kRetryAfter{1};
-constexpr std::chrono::milliseconds kNoPerson{1000};  // nobody answers the dialog of Start faster
+constexpr std::chrono::milliseconds kFastestPerson{1000};  // to answer the dialog of Start
 
 std::string request_token() {
     return next_token("oxreq_");
@@ -26,11 +26,11 @@ std::string request_token() {
 }  // namespace
 
 ScreenCast::ScreenCast(PortalBus& bus, const RestoreTokenFile& token_file,
-                       const PortalLimits& limits, std::function<void(bool)> awaiting_owner)
+                       const PortalLimits& limits, std::function<void(bool)> on_awaiting_owner)
     : bus_(bus),
       token_file_(token_file),
       limits_(limits),
-      awaiting_owner_(std::move(awaiting_owner)) {}
+      on_awaiting_owner_(std::move(on_awaiting_owner)) {}
 
 ScreenCast::~ScreenCast() {
     close_session();
@@ -42,16 +42,16 @@ void ScreenCast::close_session() {
 }
 
 std::optional<SharedScreen> ScreenCast::share_monitor() {
-    auto screen = try_once();
+    auto screen = attempt();
     if (!screen && failed_at_once_) {
         OX_INFO("PortalCapture: asking once more in a second");
         close_session();
-        if (bus_.pause(kRetryAfter)) screen = try_once();
+        if (bus_.wait_for(kRetryAfter)) screen = attempt();
     }
     return screen;
 }
 
-std::optional<SharedScreen> ScreenCast::try_once() {
+std::optional<SharedScreen> ScreenCast::attempt() {
     outcome_ = Outcome::Failed;
     failed_at_once_ = false;
     token_ = token_file_.read();
@@ -70,22 +70,24 @@ std::optional<SharedScreen> ScreenCast::try_once() {
     return SharedScreen{.node = *node, .remote = std::move(remote), .by_token = token_.has_value()};
 }
 
-std::optional<Response> ScreenCast::ask(const char* method, const DBusMessagePtr& call,
-                                        const std::string& request,
-                                        std::chrono::milliseconds limit) {
-    return accept(method, call ? bus_.request(*call, request, limit) : RequestResult{}, limit);
+std::optional<Response> ScreenCast::send_request(const char* method, const DBusMessagePtr& call,
+                                                 const std::string& request,
+                                                 std::chrono::milliseconds limit) {
+    return granted_response(method, call ? bus_.request(*call, request, limit) : RequestResult{},
+                            limit);
 }
 
-/// The response of a request that was granted; else nothing, after a log line.
-std::optional<Response> ScreenCast::accept(const char* method, const RequestResult& result,
-                                           std::chrono::milliseconds limit) {
+/// A granted request's response; else nothing, after a log line.
+std::optional<Response> ScreenCast::granted_response(const char* method,
+                                                     const RequestResult& result,
+                                                     std::chrono::milliseconds limit) {
     switch (result.outcome) {
         case portal::Outcome::Answered:
             if (result.response.code == 0) return result.response;
             OX_ERROR("PortalCapture: portal refused %s (response=%u)", method,
                      result.response.code);
             failed_at_once_ = result.response.code == kEndedOtherwise &&
-                              (result.took < kNoPerson || std::string_view(method) != "Start");
+                              (result.took < kFastestPerson || std::string_view(method) != "Start");
             break;
         case portal::Outcome::Refused:
             if (!result.error.empty()) OX_WARN("PortalCapture: %s", result.error.c_str());
@@ -102,7 +104,7 @@ std::optional<Response> ScreenCast::accept(const char* method, const RequestResu
             OX_ERROR("PortalCapture: session bus connection lost during %s", method);
             break;
     }
-    explain(diagnose(result));
+    log_diagnosis(diagnose(result));
     return std::nullopt;
 }
 
@@ -110,7 +112,7 @@ bool ScreenCast::create_session() {
     const std::string request = request_token();
     const auto call = make_call("CreateSession", {{"handle_token", request},
                                                   {"session_handle_token", next_token("oxsess_")}});
-    const auto response = ask("CreateSession", call, request, limits_.create_session);
+    const auto response = send_request("CreateSession", call, request, limits_.create_session);
     if (!response) return false;
     if (response->session_handle.empty()) {
         OX_ERROR("PortalCapture: CreateSession did not return a session handle");
@@ -135,7 +137,7 @@ RequestResult ScreenCast::request_sources(const std::optional<std::string>& toke
 bool ScreenCast::select_sources() {
     if (token_) OX_INFO("PortalCapture: using saved restore token");
     auto result = request_sources(token_);
-    // That is how a portal answers a token in another form than its own.
+    // Portals refuse a token in another format than their own.
     const bool token_refused = token_ && result.outcome == portal::Outcome::Refused;
     if (token_refused) {
         OX_WARN("PortalCapture: saved restore token not accepted (%s) — asking without it",
@@ -143,39 +145,39 @@ bool ScreenCast::select_sources() {
         token_.reset();
         result = request_sources(token_);
     }
-    if (!accept("SelectSources", result, limits_.select_sources)) return false;
+    if (!granted_response("SelectSources", result, limits_.select_sources)) return false;
     if (token_refused) token_file_.remove();
     return true;
 }
 
-/// The desktop asks the user. Of a token that it does not know it does not say so.
-void ScreenCast::tell_of_dialog() {
+/// The desktop asks the user, which it also does when it does not know the token.
+void ScreenCast::report_dialog() {
     if (token_) {
         OX_WARN(
             "PortalCapture: the desktop asks again, although there is a saved choice — approve the "
             "screen-share dialog; the new choice is stored in %s",
             token_file_.path().c_str());
     }
-    if (awaiting_owner_) awaiting_owner_(true);
+    if (on_awaiting_owner_) on_awaiting_owner_(true);
 }
 
 RequestResult ScreenCast::request_start() {
     const std::string request = request_token();
     const auto call = make_call("Start", session_, kNoParentWindow, {{"handle_token", request}});
     if (!call) return {};
-    bool asked = false;
+    bool dialog_reported = false;
     RequestResult result = bus_.request(*call, request, limits_.start(token_.has_value()),
-                                        {.after = limits_.dialog(token_.has_value()), .act = [&] {
-                                             asked = true;
-                                             tell_of_dialog();
+                                        {.after = limits_.dialog(token_.has_value()), .call = [&] {
+                                             dialog_reported = true;
+                                             report_dialog();
                                          }});
-    if (asked && awaiting_owner_) awaiting_owner_(false);
+    if (dialog_reported && on_awaiting_owner_) on_awaiting_owner_(false);
     return result;
 }
 
 std::optional<uint32_t> ScreenCast::start() {
     const auto result = request_start();
-    const auto response = accept("Start", result, limits_.start(token_.has_value()));
+    const auto response = granted_response("Start", result, limits_.start(token_.has_value()));
     if (!response) {
         const bool declined =
             result.outcome == portal::Outcome::Answered && result.response.code == kCancelledByUser;
@@ -195,11 +197,11 @@ std::optional<uint32_t> ScreenCast::start() {
         OX_ERROR("PortalCapture: Start returned no stream node");
         return std::nullopt;
     }
-    if (!response->restore_token.empty()) keep_token(response->restore_token);
+    if (!response->restore_token.empty()) save_token(response->restore_token);
     return response->node;
 }
 
-void ScreenCast::keep_token(const std::string& token) const {
+void ScreenCast::save_token(const std::string& token) const {
     if (token_file_.write(token)) {
         OX_INFO("PortalCapture: restore token saved (next sessions skip the dialog)");
     } else {
@@ -213,7 +215,7 @@ UniqueFd ScreenCast::open_remote() {
     UniqueFd remote = call ? bus_.request_fd(*call, limits_.open_remote, error) : UniqueFd{};
     if (!remote) {
         OX_ERROR("PortalCapture: OpenPipeWireRemote returned no fd");
-        explain(diagnose_no_pipewire(error));
+        log_diagnosis(diagnose_no_pipewire(error));
     }
     return remote;
 }

@@ -7,44 +7,44 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// What comes from different programs comes in any order; a renegotiation takes a quarter of it.
-constexpr milliseconds kSettle{1000};
-constexpr milliseconds kAskAfter{300};
-// A change of a monitor is told before the stream that showed it ends.
-constexpr milliseconds kBefore{1000};
+// Events of different programs come in any order; a renegotiation takes a quarter of this.
+constexpr milliseconds kSettleTime{1000};
+constexpr milliseconds kQueryAfter{300};
+// A monitor's change is announced before its stream ends.
+constexpr milliseconds kDisturbanceWindow{1000};
 
 }  // namespace
 
-void ShareWatch::stream(bool runs, Time now) {
-    if (!runs) {
-        if (!since_) since_ = now;
+void ShareWatch::stream_state(bool running, Time now) {
+    if (!running) {
+        if (!interrupted_at_) interrupted_at_ = now;
     } else if (!closed_) {
-        since_.reset();
-        asked_ = still_open_ = false;
+        interrupted_at_.reset();
+        queried_ = confirmed_ = false;
     }
 }
 
-void ShareWatch::closed(Time now) {
+void ShareWatch::session_closed(Time now) {
     closed_ = true;
-    if (!since_) since_ = now;
+    if (!interrupted_at_) interrupted_at_ = now;
 }
 
-bool ShareWatch::wants_to_ask(Time now) {
-    if (!since_ || closed_ || now - *since_ < kAskAfter) return false;
-    return !std::exchange(asked_, true);
+bool ShareWatch::should_query_session(Time now) {
+    if (!interrupted_at_ || closed_ || now - *interrupted_at_ < kQueryAfter) return false;
+    return !std::exchange(queried_, true);
 }
 
 bool ShareWatch::was_disturbed() const {
-    return disturbed_ && *disturbed_ >= *since_ - kBefore;
+    return disturbed_at_ && *disturbed_at_ >= *interrupted_at_ - kDisturbanceWindow;
 }
 
 ShareWatch::Verdict ShareWatch::verdict(Time now) {
     if (final_ != Verdict::Runs) return final_;
-    if (!since_) return Verdict::Runs;
-    const bool settled = now - *since_ >= kSettle;
+    if (!interrupted_at_) return Verdict::Runs;
+    const bool settled = now - *interrupted_at_ >= kSettleTime;
     if (was_disturbed() && (closed_ || settled)) return final_ = Verdict::Lost;
     if (!settled) return closed_ ? Verdict::Closing : Verdict::Paused;
-    return final_ = !closed_ && still_open_ ? Verdict::Lost : Verdict::Stopped;
+    return final_ = !closed_ && confirmed_ ? Verdict::Lost : Verdict::Stopped;
 }
 
 }  // namespace ox::portal

@@ -68,7 +68,7 @@ class Portal : public WaylandTest {
                 .token_file = token_file_,
                 .limits = patient(),
                 .cancelled = {},
-                .awaiting_owner = {},
+                .on_awaiting_owner = {},
                 .wayland_display = desktop_->wayland_socket()};
     }
     /// Those that came in, in order, but for Close.
@@ -201,7 +201,7 @@ TEST_F(Portal, SharesWithWhateverOrderOfAnswersAndRemembersTheToken) {
     with = config();
     with.limits.dialog_with_token = 100ms;
     std::vector<bool> awaited;
-    with.awaiting_owner = [&](bool awaiting) { awaited.push_back(awaiting); };
+    with.on_awaiting_owner = [&](bool awaiting) { awaited.push_back(awaiting); };
     ASSERT_TRUE(PortalCapture(with).init()) << log.text();
     EXPECT_THAT(awaited, ElementsAre(true, false));
     EXPECT_EQ(log.times(kAsksAgain), 1) << log.text();

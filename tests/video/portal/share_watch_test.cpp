@@ -10,8 +10,8 @@ namespace {
 using Verdict = ShareWatch::Verdict;
 using std::chrono::milliseconds;
 
-// What real desktops were seen to do, and what is in doubt. Events at their milliseconds: 'p'
-// paused, 'r' running again, 'c' closed, 'd' a disturbance, 'o' the portal still has the session.
+// Sequences observed on real desktops, and ambiguous ones. Events by millisecond: 'p' paused, 'r'
+// running again, 'c' closed, 'd' a disturbance, 'o' the portal confirms the session.
 TEST(ShareWatch, AnEndIsTheOwnersUnlessSomethingElseExplainsIt) {
     const struct {
         const char* name;
@@ -41,14 +41,14 @@ TEST(ShareWatch, AnEndIsTheOwnersUnlessSomethingElseExplainsIt) {
             const ShareWatch::Time now{std::chrono::hours(1) + milliseconds(ms)};
             const auto what = events.contains(ms) ? events.at(ms) : ' ';
             if (what == 'p' || what == 'r') runs = what == 'r';
-            if (what == 'c') watch.closed(now);
-            if (what == 'd') watch.disturbed(now);
+            if (what == 'c') watch.session_closed(now);
+            if (what == 'd') watch.disturbance(now);
             if (what == 'o') {
-                EXPECT_FALSE(watch.wants_to_ask(now)) << "asked already";
-                watch.still_open();
+                EXPECT_FALSE(watch.should_query_session(now)) << "queried already";
+                watch.session_confirmed();
             }
-            watch.stream(runs, now);
-            watch.wants_to_ask(now);
+            watch.stream_state(runs, now);
+            watch.should_query_session(now);
             const Verdict at_last = watch.verdict(now);
             if (ms < seen_ms) continue;
             EXPECT_EQ(at_last, verdict) << name << " " << seen_ms;

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "app/options.h"
+#include "base/clock.h"
+
+// What is wrong with the PC, for its owner: on the screen and in the log. Used by the main thread
+// outside of sessions; a session checks everything itself.
+
+namespace ox {
+
+/// True when the PC has an NVIDIA display adapter (PCI vendor 0x10de, display class) and the NVIDIA
+/// kernel driver is not loaded. `root` stands for "/" and is a folder of fixtures in tests.
+bool nvidia_driver_missing(const std::filesystem::path& root);
+
+/// Updates the screen about faults that can be mended between sessions: access to the input device,
+/// a control port that could not be opened.
+class IdleWatch {
+  public:
+    /// `uinput` is for tests.
+    explicit IdleWatch(const Options& options, std::string uinput = "/dev/uinput")
+        : options_(options), uinput_(std::move(uinput)) {}
+
+    /// Takes some microseconds.
+    void check();
+
+  private:
+    const Options& options_;
+    std::string uinput_;
+    int uinput_error_ = 0;  ///< of the last check
+};
+
+/// Logs which parts of a desktop are missing for sessions with these options, and later that one
+/// has come.
+class DesktopNotice {
+  public:
+    using Cancelled = std::function<bool()>;
+
+    explicit DesktopNotice(const Options& options);
+
+    /// Checks what is still missing, within 50 ms once `cancelled` returns true. Where servers do
+    /// not answer that takes longer, and no further check is made for ten seconds.
+    void check(const Cancelled& cancelled);
+    /// The same, at most once in ten seconds.
+    void check_if_due(const Cancelled& cancelled);
+
+  private:
+    struct Part {
+        const char* name;
+        /// A description of the part; empty while it is missing.
+        std::function<std::string(const Cancelled&)> find;
+    };
+
+    std::vector<Part> missing_;
+    bool reported_ = false;
+    SteadyClock::time_point next_check_{};
+    SteadyClock::time_point not_before_{};
+};
+
+}  // namespace ox

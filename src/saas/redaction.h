@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace ox {
+
+/// The longest log line.
+inline constexpr size_t kMaxLoggedText = 2047;
+/// Shorter secrets are not masked: they protect nothing and occur in ordinary words.
+inline constexpr size_t kShortestSecret = 16;
+
+/// Foreign text for the log: at most `max` bytes of valid UTF-8 in one line, without control
+/// characters and with `secret` (of `kShortestSecret` bytes or more) masked.
+std::string loggable(std::string_view text, size_t max = kMaxLoggedText,
+                     std::string_view secret = {});
+
+/// A message of the backend with the values of its secret members (the session's key and the hash
+/// of its token), at any depth, masked character by character.
+std::string redact_secrets(std::string_view json_text);
+
+/// The same for text that is no JSON, where the end of a value is unknown: also masks everything
+/// but punctuation behind the first mention of a secret member.
+std::string redact_broken_json(std::string_view text);
+
+}  // namespace ox

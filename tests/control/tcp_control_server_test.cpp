@@ -1,0 +1,330 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <future>
+#include <map>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "base/mutex.h"
+#include "control/tcp_control_server.h"
+#include "support/dead_peer.h"
+#include "support/eventually.h"
+#include "support/log_capture.h"
+#include "support/port_block.h"
+#include "support/tcp_client.h"
+
+namespace ox::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kTimeout = 20s;  // generous, for a busy machine
+constexpr const char* kTokenHash =
+    "04E903e6f4635ae514d0c658e95b50213c3d276126584d4fe555a67c0d9444cb";
+
+/// An auth line with the token of `kTokenHash` and further `fields`.
+std::string auth_line(const std::string& fields = "") {
+    return R"({"type":"auth","token":"player-one-token")" + fields + "}\n";
+}
+
+/// A control server on a free port that expects the token of `kTokenHash`.
+class TcpControlServerTest : public testing::Test {
+  protected:
+    TcpControlServerTest() { server_.expected_token_sha256 = kTokenHash; }
+    ~TcpControlServerTest() override { abort_ = true; }
+
+    [[nodiscard]] TcpClient connect() const { return {ports_.control(), kTimeout}; }
+
+    std::future<bool> handshake() {
+        return std::async(std::launch::async, [this] {
+            return server_.accept_and_handshake(
+                ports_.control(), [this] { return abort_.load(); }, 0);
+        });
+    }
+
+    /// Completes a handshake; the answer is still unread.
+    TcpClient connected_launcher() {
+        auto result = handshake();
+        TcpClient launcher = connect();
+        launcher.send(auth_line());
+        EXPECT_TRUE(result.get()) << log_.text();
+        return launcher;
+    }
+
+    /// Records the messages from now on, each followed by a bar.
+    void record_messages() {
+        server_.on_message = [this](const ControlMessage& message) {
+            const MutexLock lock(mutex_);
+            messages_ += describe(message) + "|";
+        };
+    }
+    std::string take_messages() {
+        const MutexLock lock(mutex_);
+        return std::exchange(messages_, {});
+    }
+
+    LogCapture log_{LogLevel::TRACE};
+    PortBlock ports_;
+    std::atomic<bool> abort_{false};
+    TcpControlServer server_;
+
+  private:
+    static std::string describe(const ControlMessage& message) {
+        if (const auto* change = std::get_if<SettingsChange>(&message)) {
+            return testing::PrintToString(
+                std::vector{change->bitrate, change->fps, change->width, change->height});
+        }
+        if (const auto* stats = std::get_if<ClientStats>(&message))
+            return "stats " + std::to_string(static_cast<int>(stats->rtt_ms));
+        if (const auto* unknown = std::get_if<UnknownControlMessage>(&message))
+            return unknown->type;
+        return std::holds_alternative<RequestIdr>(message) ? "an IDR" : "the end";
+    }
+
+    Mutex mutex_;
+    std::string messages_ OX_GUARDED_BY(mutex_);
+};
+
+std::string base64(const Secret& key) {
+    return std::string(to_base64(key).text());
+}
+
+TEST_F(TcpControlServerTest, AcceptsALauncherThatSendsByteByByte) {
+    server_.host_caps = 2;
+    auto result = handshake();
+    TcpClient launcher = connect();
+    for (const char c :
+         auth_line(R"(,"codec":1,"height":-60.9,"fps":75,"caps":8589934593,"udp_ip":"10.1.2.3")")) {
+        launcher.send({&c, 1});
+    }
+    ASSERT_TRUE(result.get()) << log_.text();
+    EXPECT_TRUE(server_.is_connected());
+    EXPECT_EQ(launcher.read_line(kTimeout),
+              R"({"audio_key":")" + base64(server_.keys.audio_key) + R"(","caps":2,"input_key":")" +
+                  base64(server_.keys.input_key) + R"(","type":"session_ready","video_key":")" +
+                  base64(server_.keys.video_key) + R"("})");
+    EXPECT_EQ(server_.requested.height, -60);
+    EXPECT_EQ(server_.launcher_caps, UINT32_MAX);
+    EXPECT_EQ(server_.granted_caps, 2u);
+    EXPECT_EQ(server_.remote_address(), "10.1.2.3");
+    EXPECT_EQ(
+        log_.count("INFO", "TcpControlServer: auth request — codec=1 1920x-60 @75fps 15000kbps"),
+        1);
+    expect_vanished_peer_is_noticed(ports_.control(), false, 30'000);
+    server_.close();
+    EXPECT_FALSE(server_.is_connected());
+    EXPECT_TRUE(launcher.closed_within(kTimeout));
+}
+
+TEST_F(TcpControlServerTest, RejectsBadAuthLinesWithASafeLogLineAndAcceptsTheNextLauncher) {
+    const char* wrong_token = "session token verification FAILED — rejecting client";
+    struct Row {
+        std::string line;
+        const char* log;
+        std::string expected_hash = kTokenHash;
+    };
+    const Row rows[] = {
+        {auth_line().substr(0, 30), "client closed during auth"},
+        {std::string(40'000, 'x'), "auth message too large (1"},
+        {"\xff\x1b[2J garbage\n", "invalid literal"},
+        {std::string("{\"type\":\"auth\"}\0{\n", 18), "NUL byte"},
+        {"{\"type\":\"auth\",\"token\":\"player-one\n", "missing closing quote"},
+        {"{\"type\":\"auth\",\"token\":1e99999999}\n", "number overflow"},
+        {"{\"type\":\"auth\",\"token\":[\"player-one\"]}\n", "'token' must be a string, but is"},
+        {auth_line(R"(,"fps":"60")"), "JSON parse error: 'fps' must be a number, but is string"},
+        {"{\"type\":\"сс\\u001b[1m\\na\\u009bts\"}\n", "expected 'auth' message, got 'сс[1mats'"},
+        {"{\"type\":\"auth\",\"token\":\"player-two-token\"}\n", wrong_token},
+        {"{\"type\":\"auth\",\"token\":\"player-one-token\\u0000\"}\n", wrong_token},
+        {auth_line(), wrong_token, kTokenHash + std::string("0")},
+        {auth_line(), "SECURITY — no session_token_sha256 supplied (refusing unverified", ""},
+    };
+    for (const auto& [line, log_line, expected_hash] : rows) {
+        SCOPED_TRACE(log_line);
+        const LogCapture log;
+        server_.expected_token_sha256 = expected_hash;
+        auto result = handshake();
+        TcpClient bad = connect();
+        bad.send(line);
+        if (line.size() == 30) bad.close();
+        EXPECT_FALSE(result.get());
+        EXPECT_EQ(server_.failure, HandshakeFailure::rejected);
+        EXPECT_FALSE(bad.read_line(kTimeout)) << "nothing is sent to a rejected launcher";
+        EXPECT_FALSE(server_.is_connected());
+        EXPECT_EQ(log.times("[ERROR] TcpControlServer: "), 1) << log.text();
+        EXPECT_EQ(log.times(log_line), 1) << log.text();
+        for (const char* secret : {"player-one", "99999999"})
+            EXPECT_EQ(log.times(secret), 0) << log.text();
+        server_.expected_token_sha256 = kTokenHash;
+        connected_launcher();
+        server_.close();
+    }
+}
+
+// The abort predicate is first asked between listen and accept.
+TEST_F(TcpControlServerTest, AConnectionResetBeforeTheAcceptDoesNotEndTheWait) {
+    bool was_reset = false;
+    std::optional<TcpClient> launcher;
+    const bool done = server_.accept_and_handshake(
+        ports_.control(),
+        [&] {
+            if (!was_reset) {
+                connect().close(true);
+                was_reset = true;
+            } else if (!launcher) {
+                launcher.emplace(connect()).send(auth_line());
+            }
+            return false;
+        },
+        0);
+    EXPECT_TRUE(done) << log_.text();
+    EXPECT_EQ(log_.count("WARN",
+                         "TcpControlServer: handoff reset (Connection reset by peer) — still "
+                         "accepting"),
+              1)
+        << log_.text();
+}
+
+TEST_F(TcpControlServerTest, ADisconnectBeforeTheAnswerIsNoListenFailure) {
+    auto result = handshake();
+    TcpClient launcher = connect();
+    server_.before_ready = [&] { launcher.close(true); };
+    launcher.send(auth_line());
+    EXPECT_FALSE(result.get());
+    EXPECT_EQ(server_.failure, HandshakeFailure::cannot_answer) << log_.text();
+}
+
+TEST_F(TcpControlServerTest, AcceptAndAuthTimeOut) {
+    EXPECT_FALSE(server_.accept_and_handshake(ports_.control(), {}, 1));
+    EXPECT_EQ(server_.failure, HandshakeFailure::timed_out);
+    // The deadline is for the whole auth line.
+    EXPECT_EQ(std::exchange(server_.auth_timeout, 100ms), 15s);
+    auto result = handshake();
+    TcpClient launcher = connect();
+    EXPECT_TRUE(eventually(
+        [&] {
+            launcher.send(" ");
+            return result.wait_for(0ms) == std::future_status::ready;
+        },
+        kTimeout));
+    EXPECT_EQ(server_.failure, HandshakeFailure::timed_out);
+    EXPECT_EQ(log_.count("ERROR", "TcpControlServer: auth read timed out"), 1);
+}
+
+std::string line_of_length(size_t length, const std::string& type) {
+    std::string line = "{\"type\":\"" + type + "\"}";
+    return line + std::string(length - line.size(), ' ') + "\n";
+}
+
+TEST_F(TcpControlServerTest, HandlesEachLineOnceAndInOrderHoweverSegmented) {
+    const std::string bytes = R"({"type":"request_idr"}
+{"type":"set_settings","bitrate":900,"height":1e300,"width":-1099511627776}
+
+{"type":"stats","rtt_ms":12}
+{}
+"ping"
+no json
+{"type":7}
+{"type":"ping","ts":"soon"}
+{"type":"anything else","ts":"no ping, so of any type"}
+)" + std::string(8192, '[') + "\n" +
+                              line_of_length(8192, "longest possible") +
+                              line_of_length(8193, "too long") +
+                              line_of_length(20'000, "far too long") +
+                              R"({"type":"end_session"}
+{"type":"ping","ts":-9223372036854775808}
+{"type":"ping","ts":18446744073709551615}
+{"type":"ping","ts":-1e19}
+{"type":"ping"}
+)";
+    TcpClient launcher = connected_launcher();
+    launcher.read_line(kTimeout);
+    record_messages();
+    server_.start_async_read();
+    int round = 0;
+    for (const size_t cut : {bytes.size(), size_t{7}, size_t{2500}}) {
+        ++round;
+        for (size_t at = 0; at < bytes.size(); at += cut) {
+            launcher.send(std::string_view(bytes).substr(at, cut));
+        }
+        for (const char* ts : {"-9223372036854775808", "-1", "-9223372036854775808", "0"}) {
+            EXPECT_EQ(launcher.read_line(kTimeout).value_or("nothing"),
+                      R"({"ts":)" + std::string(ts) + R"(,"type":"pong"})");
+        }
+        EXPECT_EQ(take_messages(),
+                  "an IDR|{ 900, 0, -2147483648, 2147483647 }|stats 12|anything else|"
+                  "longest possible|the end|")
+            << cut;
+        for (const char* logged : {"oversized control message (8193 bytes) — ignoring",
+                                   "oversized control message (20000 bytes) — ignoring",
+                                   "malformed message: 'ts' must be a number, but is string",
+                                   "malformed message: an object is expected, not a string"}) {
+            EXPECT_EQ(log_.times(logged), round) << logged;
+        }
+    }
+}
+
+TEST_F(TcpControlServerTest, HandlesLinesReceivedBeforeAReset) {
+    TcpClient launcher = connected_launcher();
+    launcher.send("{\"type\":\"end_session\"}\n");
+    launcher.close(true);
+    record_messages();
+    server_.start_async_read();
+    ASSERT_TRUE(eventually([&] { return !server_.is_connected(); }));
+    EXPECT_EQ(take_messages(), "the end|");
+}
+
+// The lines exceed the socket buffers, so that each takes several sends.
+TEST_F(TcpControlServerTest, LinesOfSeveralWritersStayWhole) {
+    const auto text_of = [](size_t writer) {
+        return std::string(20'000 + 10'000 * writer, static_cast<char>('a' + writer));
+    };
+    constexpr size_t kWriters = 3;
+    constexpr size_t kLines = 200;
+    TcpClient launcher = connected_launcher();
+    launcher.read_line(kTimeout);
+    server_.start_async_read();
+    std::vector<std::jthread> writers;
+    for (size_t i = 0; i < kWriters; ++i) {
+        writers.emplace_back([this, text = text_of(i)] {
+            for (size_t n = 0; n < kLines; ++n)
+                EXPECT_TRUE(server_.send_line(text) && server_.is_connected());
+        });
+    }
+    for (size_t n = 0; n < kLines; ++n)
+        launcher.send("{\"type\":\"ping\"}\n");
+    std::map<std::string, size_t> seen;
+    for (size_t n = 0; n < (kWriters + 1) * kLines; ++n)
+        ++seen[launcher.read_line(kTimeout).value_or("nothing")];
+    EXPECT_EQ(seen.size(), kWriters + 1);
+    EXPECT_EQ(seen[R"({"ts":0,"type":"pong"})"], kLines);
+    for (size_t i = 0; i < kWriters; ++i)
+        EXPECT_EQ(seen[text_of(i)], kLines);
+}
+
+TEST_F(TcpControlServerTest, CloseWakesAWriterWhoseLauncherDoesNotRead) {
+    TcpClient launcher = connected_launcher();
+    server_.start_async_read();
+    std::atomic<pid_t> writing{0};
+    std::jthread writer([&] {
+        writing = ::gettid();
+        while (server_.send_line(std::string(100'000, 'x'))) {
+        }
+    });
+    // It only sleeps in a send that waits for buffer space.
+    EXPECT_TRUE(eventually([&] {
+        std::ifstream stat("/proc/self/task/" + std::to_string(writing) + "/stat");
+        std::string state;
+        return writing != 0 && std::getline(stat, state) && state.find(") S ") != state.npos;
+    }));
+    const auto asked = std::chrono::steady_clock::now();
+    server_.close();
+    writer.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(2));
+}
+
+}  // namespace
+}  // namespace ox::test
