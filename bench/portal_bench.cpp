@@ -5,8 +5,6 @@
 //   portal_bench            1280x720 and 1920x1080 at 60 fps
 //   portal_bench SECONDS    the time that each measurement takes (default 5)
 
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +15,7 @@
 #include <vector>
 
 #include "base/sleep.h"
+#include "cpu_time.h"
 #include "log/log.h"
 #include "support/child_process.h"
 #include "support/log_file.h"
@@ -49,15 +48,6 @@ uint64_t stamp_of(const CapturedFrame& frame) {
     return stamp;
 }
 
-double cpu_ms() {
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    const auto ms = [](const timeval& time) {
-        return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_usec) / 1e3;
-    };
-    return ms(usage.ru_utime) + ms(usage.ru_stime);
-}
-
 /// Milliseconds at this share of the ages (us).
 double percentile(std::vector<uint64_t>& ages, double share) {
     if (ages.empty()) return 0;
@@ -74,7 +64,7 @@ bool measure(PortalCapture& capture, VideoEncoder* encoder, int seconds) {
     std::vector<uint64_t> done;
     uint64_t last = 0;
     const auto begin = SteadyClock::now();
-    const double cpu = cpu_ms();
+    const double cpu = bench::cpu_ms();
     const int frames = seconds * static_cast<int>(kFps);
     for (int i = 0; i < frames; ++i) {
         sleep_until_steady(begin + i * std::chrono::microseconds(1'000'000 / kFps));
@@ -91,7 +81,7 @@ bool measure(PortalCapture& capture, VideoEncoder* encoder, int seconds) {
         }
         last = stamp;
     }
-    const double per_frame = (cpu_ms() - cpu) / frames;
+    const double per_frame = (bench::cpu_ms() - cpu) / frames;
     std::printf("%5ux%-5u %-8s %8.2f %8zu %7.1f /%5.1f", frame.width, frame.height,
                 encoder != nullptr ? "encoded" : "captured", per_frame, captured.size(),
                 percentile(captured, 0.5), percentile(captured, 0.99));

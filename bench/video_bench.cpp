@@ -14,13 +14,13 @@
 #include "log/log.h"
 #include "support/x_painter.h"
 #include "support/xvfb.h"
-#include "video/encoder_ladder.h"
 #include "video/libav.h"
 #include "video/picture_converter.h"
 #include "video/pixel_unpacker.h"
 #include "video/synthetic_capture.h"
 #include "video/video_encoder.h"
 #include "video/x11_capture.h"
+#include "x264_encoder.h"
 
 namespace ox {
 namespace {
@@ -230,8 +230,8 @@ void encode_bgra(benchmark::State& state, VideoCodec codec) {
     });
 }
 
-/// libx264 with the encoder's settings, fed with pictures converted beforehand: the least that any
-/// program around it can cost.
+/// libx264 with the agent's settings and pictures converted beforehand: the lower bound of any
+/// program around it.
 void x264_alone(benchmark::State& state) {
     const auto height = static_cast<uint32_t>(state.range(0));
     const Scene scene(width_for(height), height);
@@ -241,26 +241,10 @@ void x264_alone(benchmark::State& state) {
         pictures.push_back(make_picture(AV_PIX_FMT_YUV420P, scene.width(), height));
         converter.convert(scene.at(n), scene.width(), height, *pictures.back());
     }
-    const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
-    const AvCodecContextPtr context(avcodec_alloc_context3(codec));
-    context->width = static_cast<int>(scene.width());
-    context->height = static_cast<int>(height);
-    context->time_base = {1, kFps};
-    context->framerate = {kFps, 1};
-    context->pix_fmt = AV_PIX_FMT_YUV420P;
-    context->max_b_frames = 0;
-    context->gop_size = 30 * static_cast<int>(kFps);
-    context->flags |= AV_CODEC_FLAG_LOW_DELAY;
-    context->bit_rate = context->rc_max_rate = int64_t{kbps_for(height)} * 1000;
-    context->rc_buffer_size = static_cast<int>(kbps_for(height) * 125);
-    context->thread_count = 0;
-    context->thread_type = FF_THREAD_SLICE;
-    AvDictionary options;
-    options.set("preset", "ultrafast");
-    options.set("tune", "zerolatency");
-    if (avcodec_open2(context.get(), codec, options.address()) != 0) {
-        return state.SkipWithError("libx264 does not open");
-    }
+    const AvCodecContextPtr context =
+        bench::open_x264(static_cast<int>(scene.width()), static_cast<int>(height),
+                         static_cast<int>(kFps), static_cast<int>(kbps_for(height)));
+    if (!context) return state.SkipWithError("libx264 does not open");
     const AvPacketPtr packet(av_packet_alloc());
     run_encoder(state, [&](size_t n) {
         AVFrame* picture = pictures[Scene::index(n)].get();

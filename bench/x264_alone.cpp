@@ -3,8 +3,6 @@
 //
 //   x264_alone DISPLAY FPS KBPS WARM-UP-S WINDOW-S
 
-#include <sys/resource.h>
-
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -14,24 +12,16 @@
 #include "base/clock.h"
 #include "base/sleep.h"
 #include "launcher/client/timing_stats.h"
+#include "cpu_time.h"
 #include "log/log.h"
-#include "video/encoder_ladder.h"
 #include "video/libav.h"
 #include "video/picture_converter.h"
 #include "video/x11_capture.h"
+#include "x264_encoder.h"
 
 namespace {
 
 constexpr size_t kPictures = 60;
-
-double cpu_ms() {
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    const auto ms = [](const timeval& time) {
-        return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_usec) / 1e3;
-    };
-    return ms(usage.ru_utime) + ms(usage.ru_stime);
-}
 
 class Pacer {
   public:
@@ -67,33 +57,6 @@ std::vector<ox::AvFramePtr> record(ox::X11Capture& capture, int fps) {
     return pictures;
 }
 
-// The agent's set-up of this encoder.
-ox::AvCodecContextPtr open_encoder(int width, int height, int fps, int kbps) {
-    const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
-    if (codec == nullptr) return nullptr;
-    ox::AvCodecContextPtr context(avcodec_alloc_context3(codec));
-    context->width = width;
-    context->height = height;
-    context->pix_fmt = AV_PIX_FMT_YUV420P;
-    context->time_base = {1, fps};
-    context->framerate = {fps, 1};
-    context->max_b_frames = 0;
-    context->gop_size = 30 * fps;
-    context->flags |= AV_CODEC_FLAG_LOW_DELAY;
-    context->bit_rate = context->rc_max_rate = int64_t{kbps} * 1000;
-    context->rc_buffer_size = kbps * 125;
-    context->thread_count = 0;
-    context->thread_type = FF_THREAD_SLICE;
-    ox::AvDictionary options;
-    for (const auto& choice : ox::encoder_ladder(ox::VideoCodec::H264)) {
-        if (choice.backend != ox::EncoderBackend::Software) continue;
-        for (const auto& [key, value] : choice.options)
-            options.set(key, value);
-    }
-    if (avcodec_open2(context.get(), codec, options.address()) < 0) return nullptr;
-    return context;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -108,8 +71,8 @@ int main(int argc, char** argv) {
     ox::X11Capture capture(argv[1]);
     if (fps < 1 || kbps < 1 || !capture.init()) return 1;
     const auto pictures = record(capture, fps);
-    const auto encoder = open_encoder(static_cast<int>(capture.width()),
-                                      static_cast<int>(capture.height()), fps, kbps);
+    const auto encoder = ox::bench::open_x264(static_cast<int>(capture.width()),
+                                              static_cast<int>(capture.height()), fps, kbps);
     capture.shutdown();
     if (pictures.empty() || !encoder) {
         std::fprintf(stderr, "%s: cannot capture or cannot encode\n", argv[0]);
@@ -124,7 +87,7 @@ int main(int argc, char** argv) {
     Pacer pacer(fps);
     for (int64_t n = 0; n < warm_up + window; ++n) {
         if (n == warm_up) {
-            begin_ms = cpu_ms();
+            begin_ms = ox::bench::cpu_ms();
             bytes = 0;
         }
         // To and fro, so that no jump costs a scene change.
@@ -144,7 +107,8 @@ int main(int argc, char** argv) {
     }
     const double mbps = static_cast<double>(bytes) * 8 * fps / 1e6 / static_cast<double>(window);
     std::printf("frames=%lld cpu_ms=%.3f encode_p50_ms=%.1f mbps=%.1f\n",
-                static_cast<long long>(window), (cpu_ms() - begin_ms) / static_cast<double>(window),
+                static_cast<long long>(window),
+                (ox::bench::cpu_ms() - begin_ms) / static_cast<double>(window),
                 static_cast<double>(encoding.percentile_us(50)) / 1000, mbps);
     return 0;
 }

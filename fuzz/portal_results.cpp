@@ -1,5 +1,5 @@
-// What a Wayland desktop sends: the portal's messages, PipeWire's formats and buffers, and the file
-// that keeps the portal's token. The first byte tells which of them the rest is.
+// Input from a Wayland desktop: the portal's messages, PipeWire's formats and buffers, and the file
+// with the portal's token. The first byte selects one of them.
 
 #include <dbus/dbus.h>
 #include <fcntl.h>
@@ -27,7 +27,7 @@ using Bytes = std::span<const uint8_t>;
 constexpr uint32_t kSerial = 3;
 constexpr const char* kRequest = "/org/freedesktop/portal/desktop/request/1_5/oxreq_1";
 
-/// The first message in `bytes`, which loses it; null when there is none that a bus would deliver.
+/// Removes the first message from `bytes`; null when there is none that a bus would deliver.
 ox::DBusMessagePtr take_message(Bytes& bytes) {
     const auto* text = reinterpret_cast<const char*>(bytes.data());
     const int needed = dbus_message_demarshal_bytes_needed(text, static_cast<int>(bytes.size()));
@@ -57,8 +57,8 @@ std::string response_header() {
     return header;
 }
 
-/// What is done with a response's texts when the session goes on.
-void use(const portal::Response& response) {
+/// Uses a response's texts as the next calls of a session do.
+void use_response(const portal::Response& response) {
     const auto start = portal::make_call("Start", response.session_handle, "", {});
     const bool is_path = dbus_validate_path(response.session_handle.c_str(), nullptr) != FALSE;
     OX_FUZZ_REQUIRE((start != nullptr) == is_path);
@@ -74,7 +74,7 @@ void messages(Bytes bytes) {
         portal::is_service_gone(*message);
         const auto state = pending.handle_message(*message);
         if (state == portal::PendingRequest::State::Waiting) continue;
-        if (state == portal::PendingRequest::State::Answered) use(pending.response());
+        if (state == portal::PendingRequest::State::Answered) use_response(pending.response());
         break;
     }
     portal::make_close(pending.handle(), "a.b");
@@ -92,20 +92,20 @@ void response_body(Bytes body) {
     if (!signal) return;
     const auto response = portal::parse_response(*signal);
     OX_FUZZ_REQUIRE(response.has_value());
-    use(*response);
+    use_response(*response);
 }
 
 void format(Bytes bytes) {
     spa_pod header{};
     if (bytes.size() < sizeof header) return;
     std::memcpy(&header, bytes.data(), sizeof header);
-    // PipeWire hands out no object that reaches past the message it came in.
+    // PipeWire never passes an object larger than its message.
     if (header.size > bytes.size() - sizeof header) return;
     const size_t size = sizeof header + header.size;
     const auto pod = std::make_unique_for_overwrite<uint8_t[]>(size);
     std::memcpy(pod.get(), bytes.data(), size);
-    const auto agreed = portal::parse_format(*reinterpret_cast<const spa_pod*>(pod.get()));
-    if (agreed) OX_FUZZ_REQUIRE(agreed->size.width - 1 < 16384 && agreed->size.height - 1 < 16384);
+    const auto parsed = portal::parse_format(*reinterpret_cast<const spa_pod*>(pod.get()));
+    if (parsed) OX_FUZZ_REQUIRE(parsed->size.width - 1 < 16384 && parsed->size.height - 1 < 16384);
 }
 
 void buffer(const uint8_t* data, size_t size) {
@@ -118,7 +118,7 @@ void buffer(const uint8_t* data, size_t size) {
     const portal::PictureSize picture{.width = input.ConsumeIntegralInRange(0U, 16384U),
                                       .height = input.ConsumeIntegralInRange(0U, 16384U)};
     spa_data block{};
-    uint8_t memory = 0;  // looked at by nobody
+    uint8_t memory = 0;  // never read
     block.data = input.ConsumeBool() ? &memory : nullptr;
     block.maxsize = input.ConsumeIntegral<uint32_t>();
     block.chunk = &chunk;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <initializer_list>
+#include <utility>
 
 #include "audio/audioparity.h"
 
@@ -46,23 +48,25 @@ bool set_reconnect_grace(Options& options, std::string_view /*name*/, const char
     return true;
 }
 
-/// Sets `field` to what `value` stands for in `words`.
-template <typename T, size_t N>
-bool set_choice(T& field, std::string_view value,
-                const std::array<std::pair<std::string_view, T>, N>& words) {
-    const auto* const found = std::find_if(words.begin(), words.end(),
-                                           [&](const auto& word) { return word.first == value; });
-    if (found != words.end()) field = found->second;
-    return found != words.end();
+/// Sets `field` to the value that has this name.
+template <typename T>
+bool set_choice(T& field, std::string_view name,
+                std::initializer_list<std::pair<std::string_view, T>> choices) {
+    const auto* const found = std::find_if(choices.begin(), choices.end(),
+                                           [&](const auto& one) { return one.first == name; });
+    if (found != choices.end()) field = found->second;
+    return found != choices.end();
 }
 
 bool set_encoder(Options& options, std::string_view /*name*/, const char* value) {
     using enum EncoderBackend;
-    using Word = std::pair<std::string_view, EncoderBackend>;
-    return set_choice(
-        options.encoder, value,
-        std::array{Word{"auto", Auto}, Word{"nvenc", Nvenc}, Word{"vaapi", Vaapi},
-                   Word{"x264", Software}, Word{"sw", Software}, Word{"software", Software}});
+    return set_choice(options.encoder, value,
+                      {{"auto", Auto},
+                       {"nvenc", Nvenc},
+                       {"vaapi", Vaapi},
+                       {"x264", Software},
+                       {"sw", Software},
+                       {"software", Software}});
 }
 
 bool set_codec(Options& options, std::string_view /*name*/, const char* value) {

@@ -43,10 +43,7 @@ void install_signal_handler(int signal, void (*handler)(int)) {
     shutdown_flag();
     panic_flag();
     tui::board();
-    struct sigaction action {};
-    action.sa_handler = handler;
-    ::sigemptyset(&action.sa_mask);
-    ::sigaction(signal, &action, nullptr);
+    set_disposition(signal, handler);
     // The parent's signal mask is inherited.
     sigset_t handled;
     ::sigemptyset(&handled);

@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::array kBackends{CaptureBackend::Auto, CaptureBackend::X11, CaptureBackend::Portal,
                                CaptureBackend::Synthetic};
+static_assert(name_of(CaptureBackend{kBackends.size()}) == nullptr, "kBackends has every backend");
 
 CaptureBackend resolve(const CaptureRequest& request) {
     if (request.backend != CaptureBackend::Auto) return request.backend;
@@ -28,20 +29,6 @@ std::unique_ptr<ICapture> make_portal_capture(const CaptureRequest& request) {
 }
 
 }  // namespace
-
-const char* name_of(CaptureBackend backend) {
-    switch (backend) {
-        case CaptureBackend::Auto:
-            return "auto";
-        case CaptureBackend::X11:
-            return "x11";
-        case CaptureBackend::Portal:
-            return "portal";
-        case CaptureBackend::Synthetic:
-            return "synthetic";
-    }
-    return "?";
-}
 
 std::optional<CaptureBackend> capture_backend_named(std::string_view name) {
     for (const CaptureBackend backend : kBackends)

@@ -19,7 +19,19 @@ enum class CaptureBackend {
 };
 
 /// The name on the command line and in the log.
-const char* name_of(CaptureBackend backend);
+constexpr const char* name_of(CaptureBackend backend) {
+    switch (backend) {
+        case CaptureBackend::Auto:
+            return "auto";
+        case CaptureBackend::X11:
+            return "x11";
+        case CaptureBackend::Portal:
+            return "portal";
+        case CaptureBackend::Synthetic:
+            return "synthetic";
+    }
+    return nullptr;
+}
 std::optional<CaptureBackend> capture_backend_named(std::string_view name);
 
 /// What is to be captured, and how.

@@ -14,9 +14,9 @@ inline constexpr std::array kVideoCodecs{VideoCodec::H264, VideoCodec::Hevc};
 
 /// A codec's names.
 struct CodecInfo {
-    const char* option_name;  ///< on the command line, in the log and for the backend
-    const char* option_alias;
-    const char* display_name;
+    const char* option_name = nullptr;  ///< on the command line, in the log and for the backend
+    const char* option_alias = nullptr;
+    const char* display_name = nullptr;
 };
 
 constexpr CodecInfo codec_info(VideoCodec codec) {
@@ -26,8 +26,10 @@ constexpr CodecInfo codec_info(VideoCodec codec) {
         case VideoCodec::Hevc:
             return {.option_name = "hevc", .option_alias = "h265", .display_name = "HEVC"};
     }
-    return {.option_name = "?", .option_alias = "?", .display_name = "?"};
+    return {};
 }
+static_assert(codec_info(VideoCodec{kVideoCodecs.size()}).option_name == nullptr,
+              "kVideoCodecs has every codec");
 
 /// The codec of this option name or alias.
 constexpr std::optional<VideoCodec> codec_named(std::string_view name) {

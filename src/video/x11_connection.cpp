@@ -114,8 +114,8 @@ std::variant<std::unique_ptr<XConnection>, Diagnosis> XConnection::open(
     XSetIOErrorHandler(on_lost_connection);
     const char* const asked = name.empty() ? nullptr : name.c_str();
     const auto deadline = SteadyClock::now() + kHandshakeLimit;
-    // Xlib would wait for ever for a server that hangs: only one that completes a handshake is
-    // opened. That connection is held meanwhile, as a server may restart with its last client.
+    // Xlib waits for ever for a server that hangs, so a server has to complete a handshake first.
+    // The connection of the handshake is held meanwhile: a server may restart with its last client.
     UniqueFd held_connection;
     if (const auto number = local_display_number(XDisplayName(asked)))
         held_connection = connect_x_server(*number, authorization, deadline, cancelled);

@@ -31,10 +31,27 @@ std::string auth_line(const std::string& fields = "") {
     return R"({"type":"auth","token":"player-one-token")" + fields + "}\n";
 }
 
+std::string describe(const ControlMessage& message) {
+    if (const auto* change = std::get_if<SettingsChange>(&message)) {
+        return testing::PrintToString(
+            std::vector{change->bitrate, change->fps, change->width, change->height});
+    }
+    if (const auto* stats = std::get_if<ClientStats>(&message))
+        return "stats " + std::to_string(static_cast<int>(stats->rtt_ms));
+    if (const auto* unknown = std::get_if<UnknownControlMessage>(&message)) return unknown->type;
+    return std::holds_alternative<RequestIdr>(message) ? "an IDR" : "the end";
+}
+
 /// A control server on a free port that expects the token of `kTokenHash`.
 class TcpControlServerTest : public testing::Test {
   protected:
-    TcpControlServerTest() { server_.expected_token_sha256 = kTokenHash; }
+    TcpControlServerTest() {
+        server_.expected_token_sha256 = kTokenHash;
+        server_.on_message = [this](const ControlMessage& message) {
+            const MutexLock lock(mutex_);
+            messages_ += describe(message) + "|";
+        };
+    }
     ~TcpControlServerTest() override { abort_ = true; }
 
     [[nodiscard]] TcpClient connect() const { return {ports_.control(), kTimeout}; }
@@ -55,38 +72,18 @@ class TcpControlServerTest : public testing::Test {
         return launcher;
     }
 
-    /// Records the messages from now on, each followed by a bar.
-    void record_messages() {
-        server_.on_message = [this](const ControlMessage& message) {
-            const MutexLock lock(mutex_);
-            messages_ += describe(message) + "|";
-        };
-    }
+    /// The messages since the last call, each followed by a bar.
     std::string take_messages() {
         const MutexLock lock(mutex_);
         return std::exchange(messages_, {});
     }
 
+    Mutex mutex_;
+    std::string messages_ OX_GUARDED_BY(mutex_);
     LogCapture log_{LogLevel::TRACE};
     PortBlock ports_;
     std::atomic<bool> abort_{false};
     TcpControlServer server_;
-
-  private:
-    static std::string describe(const ControlMessage& message) {
-        if (const auto* change = std::get_if<SettingsChange>(&message)) {
-            return testing::PrintToString(
-                std::vector{change->bitrate, change->fps, change->width, change->height});
-        }
-        if (const auto* stats = std::get_if<ClientStats>(&message))
-            return "stats " + std::to_string(static_cast<int>(stats->rtt_ms));
-        if (const auto* unknown = std::get_if<UnknownControlMessage>(&message))
-            return unknown->type;
-        return std::holds_alternative<RequestIdr>(message) ? "an IDR" : "the end";
-    }
-
-    Mutex mutex_;
-    std::string messages_ OX_GUARDED_BY(mutex_);
 };
 
 std::string base64(const Secret& key) {
@@ -242,7 +239,6 @@ no json
 )";
     TcpClient launcher = connected_launcher();
     launcher.read_line(kTimeout);
-    record_messages();
     server_.start_async_read();
     int round = 0;
     for (const size_t cut : {bytes.size(), size_t{7}, size_t{2500}}) {
@@ -271,7 +267,6 @@ TEST_F(TcpControlServerTest, HandlesLinesReceivedBeforeAReset) {
     TcpClient launcher = connected_launcher();
     launcher.send("{\"type\":\"end_session\"}\n");
     launcher.close(true);
-    record_messages();
     server_.start_async_read();
     ASSERT_TRUE(eventually([&] { return !server_.is_connected(); }));
     EXPECT_EQ(take_messages(), "the end|");

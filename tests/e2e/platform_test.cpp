@@ -67,8 +67,8 @@ class PlatformTest : public testing::Test {
 
     /// The next message of this type; others are skipped.
     json next(const std::string& type) {
-        while (const auto frame = peer_->read_frame()) {
-            const json message = json::parse(*frame);
+        for (auto frame = peer_->read_frame(); !frame.empty(); frame = peer_->read_frame()) {
+            const json message = json::parse(frame);
             if (message["type"] == type) return message;
         }
         ADD_FAILURE() << "no " << type;

@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 
 #include <chrono>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -38,15 +37,14 @@ class RawPeer : public TcpClient {
              std::string(text));
     }
 
-    /// The next text frame's payload, or nothing when the agent closes. An invalid frame fails the
-    /// test.
-    std::optional<std::string> read_frame() {
+    /// The next text frame's payload; empty when the agent closes. An invalid frame fails the test.
+    std::string read_frame() {
         const auto byte = [this] {
             const auto one = take(1, kLimit);
             return one ? static_cast<uint8_t>(one->front()) : 0U;
         };
         const unsigned first = byte();
-        if (first == 0) return std::nullopt;
+        if (first == 0) return {};
         const unsigned second = byte();
         EXPECT_EQ(first, 0x81U) << "not one final text frame";
         EXPECT_EQ(second & 0x80U, 0x80U) << "a client has to mask";
@@ -57,9 +55,9 @@ class RawPeer : public TcpClient {
             size += byte();
         }
         const auto key = take(4, kLimit);
-        auto payload = take(size, kLimit);
-        for (size_t i = 0; payload && i < size; ++i)
-            (*payload)[i] = static_cast<char>((*payload)[i] ^ (*key)[i % 4]);
+        std::string payload = take(size, kLimit).value_or("");
+        for (size_t i = 0; i < payload.size(); ++i)
+            payload[i] = static_cast<char>(payload[i] ^ (*key)[i % 4]);
         return payload;
     }
 

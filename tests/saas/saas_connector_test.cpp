@@ -45,9 +45,10 @@ class SaasConnectorTest : public testing::Test {
         tui::board().update([](tui::Snapshot& state) { state = kFresh; });
     }
 
-    static SaasConfig config(uint16_t port, const std::string& host = "127.0.0.1") {
+    static SaasConfig config(uint16_t port, const std::string& host = "127.0.0.1",
+                             bool tls = false) {
         SaasConfig config;
-        config.backend = {.host = host, .port = port};
+        config.backend = {.host = host, .port = port, .tls = tls};
         config.agent_token = kAgentToken;
         return config;
     }
@@ -60,7 +61,7 @@ class SaasConnectorTest : public testing::Test {
     RawPeer accept_registered() {
         RawPeer peer = backend_.accept();
         peer.accept_upgrade();
-        EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr(R"("type":"register")"));
+        EXPECT_THAT(peer.read_frame(), HasSubstr(R"("type":"register")"));
         return peer;
     }
 
@@ -99,7 +100,7 @@ TEST_F(SaasConnectorTest, RegistersForwardsRequestsAndSurvivesInvalidMessages) {
     const std::string request = peer.accept_upgrade(std::string("\x81\x0F{\"type\":\"ping\"}", 17));
     EXPECT_THAT(request, HasSubstr("\r\nHost: 127.0.0.1\r\n"));
     EXPECT_THAT(request, EndsWith("\r\nagent-token: agent-secret-token"));
-    EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr(R"("type":"register")"));
+    EXPECT_THAT(peer.read_frame(), HasSubstr(R"("type":"register")"));
     EXPECT_EQ(peer.read_frame(), kPong);
     EXPECT_TRUE(connector.connected());
     test::expect_vanished_peer_is_noticed(backend_.port(), true, 20'000);  // after a heartbeat
@@ -190,28 +191,27 @@ TEST_F(SaasConnectorTest, ResendsCachedMessagesAfterAReconnect) {
     connector.start();
     RawPeer first = accept_registered();
     connector.send_session_ready("s1", "0.0.0.0", 1, 2, 3);
-    EXPECT_THAT(first.read_frame().value_or(""), HasSubstr("session_ready"));
+    EXPECT_THAT(first.read_frame(), HasSubstr("session_ready"));
     connector.send_error("code", "text", "s0");
     connector.send_error("code", "no session", "");
     connector.send_session_ended("s0", "disconnect", 7);  // also drops the readiness
     connector.send_session_ready("s2", "0.0.0.0", 1, 2, 3);
     for (int i = 0; i < 4; ++i)
-        EXPECT_TRUE(first.read_frame());
+        EXPECT_NE(first.read_frame(), "");
     first.close(true);
 
     for (int i = 0; i < 2; ++i) {  // at every reconnect
         RawPeer peer = accept_registered();
-        EXPECT_THAT(peer.read_frame().value_or(""),
-                    HasSubstr(R"("session_id":"s2","type":"session_ready")"));
-        EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr("\"session_ended\""));  // key "s0"
-        EXPECT_EQ(peer.read_frame(),  // key "s0#err"
+        EXPECT_THAT(peer.read_frame(), HasSubstr(R"("session_id":"s2","type":"session_ready")"));
+        EXPECT_THAT(peer.read_frame(), HasSubstr("\"session_ended\""));  // key "s0"
+        EXPECT_EQ(peer.read_frame(),                                     // key "s0#err"
                   R"({"code":"code","message":"text","session_id":"s0","type":"error"})");
         peer.send_text(R"({"type":"ping"})");
         EXPECT_EQ(peer.read_frame(), kPong);
     }
     connector.clear_pending_session_ready();
     RawPeer last = accept_registered();
-    EXPECT_THAT(last.read_frame().value_or(""), HasSubstr("\"session_ended\""));
+    EXPECT_THAT(last.read_frame(), HasSubstr("\"session_ended\""));
     EXPECT_EQ(log_.count("WARN", "SaasConnector: discarding 1 stale queued messages on reconnect"),
               1);
     EXPECT_EQ(log_.count("INFO", "SaasConnector: re-sending cached terminal message (s0#err)"), 3);
@@ -225,7 +225,7 @@ TEST_F(SaasConnectorTest, ClosesASilentLinkOnlyIfTheBackendHasPinged) {
     connector.start();
     RawPeer peer = accept_registered();
     for (int i = 0; i < 20; ++i)
-        EXPECT_THAT(peer.read_frame().value_or(""), HasSubstr(R"("gpu_pct":0.0,"ram_mb_free":)"));
+        EXPECT_THAT(peer.read_frame(), HasSubstr(R"("gpu_pct":0.0,"ram_mb_free":)"));
     peer.send_text(R"({"type":"ping"})");
     EXPECT_TRUE(peer.closed());
     RawPeer next = accept_registered();
@@ -247,10 +247,8 @@ TEST_F(SaasConnectorTest, GivesUpAStalledBackend) {
     connector.stop();
 
     test::RawBackend silent;  // never answers the TLS handshake
-    SaasConfig encrypted = config(silent.port());
-    encrypted.backend.tls = true;
     timing.connection.tls_handshake = 50ms;
-    SaasConnector other(encrypted, timing);
+    SaasConnector other(config(silent.port(), "127.0.0.1", true), timing);
     other.start();
     EXPECT_TRUE(silent.accept().closed());
     EXPECT_THAT(log_.text(), HasSubstr("[ERROR] SaasConnector: TLS handshake failed: timed out"));
@@ -263,13 +261,11 @@ TEST_F(SaasConnectorTest, StopsQuicklyInEveryState) {
         connector.stop();
         return SteadyClock::now() - start;
     };
-    SaasConfig in_tls_handshake = config(backend_.port());
-    in_tls_handshake.backend.tls = true;
     for (const auto& [where, state] : {
              std::pair{config(1), "TCP connect to 127.0.0.1:1 failed"},
              {config(1, "bad..name"), "cannot resolve bad..name:1"},
              {config(backend_.port()), "connecting to 127.0.0.1:"},  // unanswered upgrade request
-             {in_tls_handshake, "(wss)"},
+             {config(backend_.port(), "127.0.0.1", true), "(wss)"},  // unanswered TLS handshake
          }) {
         SaasConnector connector(where);  // with the program's timing
         connector.start();
@@ -290,7 +286,7 @@ TEST_F(SaasConnectorTest, LostConnectionsAndStopsAtRandomTimesLeakNothing) {
     const auto descriptors = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     };
-    std::mt19937 random(7);  // NOLINT: the same moments in each run
+    std::mt19937 random(7);  // NOLINT: the same times in each run
     std::jthread flapping([this](const std::stop_token& stop) {
         for (int i = 0; !stop.stop_requested(); ++i) {  // at different points
             RawPeer peer = backend_.accept();
@@ -314,9 +310,8 @@ TEST_F(SaasConnectorTest, LostConnectionsAndStopsAtRandomTimesLeakNothing) {
         connector.stop();
     }
     flapping.request_stop();
-    test::TcpClient unblocks_accept(backend_.port(), 10s);
+    test::TcpClient(backend_.port(), 10s).close();  // ends its accept
     flapping.join();
-    unblocks_accept.close();
     EXPECT_LE(descriptors(), before);
 }
 
@@ -338,10 +333,8 @@ class ServerTest : public SaasConnectorTest {
             .argv = argv, .stdout_path = output, .stderr_path = output});
         const auto line = output_.wait_for("port ", 20s);
         EXPECT_TRUE(line) << testing::PrintToString(output_.lines());
-        SaasConfig server =
-            config(static_cast<uint16_t>(std::stoi(line.value_or("port 0").substr(5))), host);
-        server.backend.tls = !certificate.empty();
-        return server;
+        return config(static_cast<uint16_t>(std::stoi(line.value_or("port 0").substr(5))), host,
+                      !certificate.empty());
     }
 
     bool printed(const std::string& line, size_t times = 1) {

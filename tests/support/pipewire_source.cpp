@@ -67,9 +67,9 @@ PipewireSource::~PipewireSource() {
     pw_thread_loop_destroy(loop_);
 }
 
-/// As compositors offer it: the picture's size, no fixed rate.
+/// As compositors do: the picture's size, no fixed rate.
 void PipewireSource::offer_format(bool at_first) {
-    agreed_ = false;
+    negotiated_ = false;
     width_ = picture_.width;
     height_ = picture_.height;
     spa_video_info_raw info{};
@@ -93,7 +93,7 @@ void PipewireSource::offer_format(bool at_first) {
 void PipewireSource::format_changed(const spa_pod* param) {
     spa_video_info_raw info{};
     if (param == nullptr || spa_format_video_raw_parse(param, &info) < 0) return;
-    agreed_ = info.size.width == width_ && info.size.height == height_;
+    negotiated_ = info.size.width == width_ && info.size.height == height_;
     if (setup_.stalls) streaming_ = false;
     const auto stride = static_cast<int>(width_ * kPixelBytes + setup_.padding);
     std::array<uint8_t, 1024> memory;
@@ -117,16 +117,16 @@ void PipewireSource::format_changed(const spa_pod* param) {
 
 void PipewireSource::tick() {
     if (!streaming_) return;
-    if (blanks_to_come_ == 0) {
+    if (pending_blanks_ == 0) {
         if (!pictures_(picture_)) return;
-        if (setup_.blanks) blanks_to_come_ = 3;
+        if (setup_.blanks) pending_blanks_ = 3;
     }
     if (picture_.width != width_ || picture_.height != height_) return offer_format(false);
     pw_stream_trigger_process(stream_);
 }
 
 void PipewireSource::process() {
-    if (!agreed_) return;
+    if (!negotiated_) return;
     pw_buffer* buffer = pw_stream_dequeue_buffer(stream_);
     if (buffer == nullptr) return;
     fill(buffer->buffer->datas[0]);
@@ -143,10 +143,10 @@ void PipewireSource::fill(spa_data& block) {
                     .size = stride * height_,
                     .stride = static_cast<int32_t>(stride),
                     .flags = SPA_CHUNK_FLAG_NONE};
-    if (block.maxsize < stride * height_) return;  // of the size before
-    std::memset(block.data, 0x5A, block.maxsize);  // nothing of this may ever be seen
-    if (blanks_to_come_ > 0 && --blanks_to_come_ > 0) {
-        blanks_to_come_ == 2 ? block.chunk->size = 0
+    if (block.maxsize < stride * height_) return;  // of the previous size
+    std::memset(block.data, 0x5A, block.maxsize);  // must never be visible
+    if (pending_blanks_ > 0 && --pending_blanks_ > 0) {
+        pending_blanks_ == 2 ? block.chunk->size = 0
                              : block.chunk->flags = SPA_CHUNK_FLAG_CORRUPTED;
         return;
     }

@@ -13,21 +13,20 @@ struct spa_pod;
 
 namespace ox::test {
 
-/// A compositor's end of a screen share: a PipeWire node that shows pictures, and follows their
-/// size. Destroying it is what a compositor's death is.
+/// A compositor's end of a screen share: a PipeWire node that sends pictures and follows their
+/// size. Destroying it simulates the compositor's end.
 class PipewireSource {
   public:
     struct Setup {
-        uint32_t padding = 0;  ///< bytes behind each row
-        uint32_t layout = 0;   ///< an spa_video_format of four bytes a pixel; 0: BGRx
-        bool blanks = false;   ///< a damaged and an empty buffer before each picture
-        /// An agreement on a new format stops it until its stream's state changes.
-        bool stalls = false;
-        uint32_t transform = 0;  ///< that it says of each picture; does nothing to the pixels
+        uint32_t padding = 0;    ///< bytes behind each row
+        uint32_t layout = 0;     ///< an spa_video_format of four bytes a pixel; 0: BGRx
+        bool blanks = false;     ///< a corrupted and an empty buffer before each picture
+        bool stalls = false;     ///< a new format stops it until its stream's state changes
+        uint32_t transform = 0;  ///< announced with each picture; the pixels stay as they are
     };
 
-    /// `pictures` is asked at once, and while somebody watches 61 times a second from another
-    /// thread: not 60, so that every phase between the two ends occurs. Throws std::runtime_error
+    /// `pictures` is called at once, then from another thread while there is a consumer: 61 times a
+    /// second, not 60, so that every phase between the two ends occurs. Throws std::runtime_error
     /// when there is no daemon at `socket`.
     PipewireSource(const std::string& socket, ScreenPictures pictures, Setup setup);
     PipewireSource(const std::string& socket, ScreenPictures pictures)
@@ -37,7 +36,7 @@ class PipewireSource {
     PipewireSource& operator=(const PipewireSource&) = delete;
 
     [[nodiscard]] uint32_t node() const { return node_; }
-    /// Whether somebody is watching.
+    /// Whether there is a consumer.
     [[nodiscard]] bool streaming() const { return streaming_; }
 
   private:
@@ -50,10 +49,10 @@ class PipewireSource {
     ScreenPictures pictures_;
     Setup setup_;
     CapturedFrame picture_;
-    int blanks_to_come_ = 0;
-    uint32_t width_ = 0;  ///< as offered
+    int pending_blanks_ = 0;
+    uint32_t width_ = 0;  ///< of the offered format
     uint32_t height_ = 0;
-    bool agreed_ = false;  ///< on the offered size
+    bool negotiated_ = false;  ///< the offered format
     std::atomic<bool> streaming_{false};
     pw_thread_loop* loop_ = nullptr;
     pw_stream* stream_ = nullptr;

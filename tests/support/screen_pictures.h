@@ -8,7 +8,7 @@
 
 namespace ox::test {
 
-/// Gives the next picture of a screen of the test's own; false when it shows nothing new.
+/// The next picture of a simulated screen; false when nothing has changed.
 using ScreenPictures = std::function<bool(CapturedFrame&)>;
 
 /// The moving test picture.

@@ -1,23 +1,23 @@
 #!/usr/bin/python3
-# A desktop portal for tests: answers org.freedesktop.portal.ScreenCast on the session bus the way
-# it is told to and hands out a connection to the PipeWire daemon below XDG_RUNTIME_DIR.
+# A desktop portal for tests: org.freedesktop.portal.ScreenCast on the session bus, which behaves as
+# its arguments say and hands out a connection to the PipeWire daemon in XDG_RUNTIME_DIR.
 #
 # Usage: screencast_portal.py REPORT-FILE [BEHAVIOUR...]
 #
-# The report file gets "ready", then one line for each call that came in: its name, the options that
-# matter, and for Close calls what was closed. SIGUSR1 closes the sessions as a desktop does when its
-# user presses "Stop": Closed is told, and there is no session any more. BEHAVIOURs:
+# The report file gets "ready", then one line for each call: its name, the relevant options, and for
+# Close calls what was closed. SIGUSR1 closes the sessions as a desktop does when its user presses
+# "Stop": with the signal Closed, and without a session afterwards. BEHAVIOURs:
 #
 #   node=N           the stream's PipeWire node (default 0)
 #   token=TEXT       the restore token that Start returns
 #   CALL=N           CALL's response code is N
 #   CALL=silent      CALL gets no Response
-#   CALL=late        CALL gets its Response after a while, as if somebody had to be asked
+#   CALL=late        CALL gets its Response after a while, as if a user had to approve it
 #   CALL=mute        CALL gets not even a reply
 #   CALL=fail        CALL fails with a D-Bus error
 #   CALL=early       CALL's Response comes before its reply
 #   CALL=empty       CALL's results are empty
-#   once             CALL=... holds for the first such call alone
+#   once             CALL=... applies to the first such call only
 #   no-token         SelectSources fails for a call with a restore token
 #   foreign          before each Response others come: to another request, from another program, and
 #                    one without the arguments of a Response
@@ -38,7 +38,7 @@ DESKTOP = "/org/freedesktop/portal/desktop"
 dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
 bus = dbus.SessionBus()
 stranger = dbus.SessionBus(private=True)
-told = dict((word + "=").split("=", 2)[:2] for word in sys.argv[2:])
+behaviours = dict((word + "=").split("=", 2)[:2] for word in sys.argv[2:])
 sessions = set()
 report_file = open(sys.argv[1], "w", encoding="utf-8", buffering=1)
 
@@ -56,7 +56,7 @@ def respond(connection, path, receiver, *arguments):
 def answer(message, path, how, results):
     """Sends the Response."""
     receiver = message.get_sender()
-    if "foreign" in told:
+    if "foreign" in behaviours:
         respond(bus, path + "x", receiver, 2, {})
         respond(stranger, path, receiver, 2, {})
         respond(bus, path, receiver)
@@ -90,8 +90,8 @@ def results_of(call, mine, options):
         return {"session_handle": f"{DESKTOP}/session/{mine}/{options['session_handle_token']}"}
     if call == "SelectSources":
         return {}
-    stream = (dbus.UInt32(told.get("node", 0)), dbus.Dictionary({}, signature="sv"))
-    token = {"restore_token": told["token"]} if "token" in told else {}
+    stream = (dbus.UInt32(behaviours.get("node", 0)), dbus.Dictionary({}, signature="sv"))
+    token = {"restore_token": behaviours["token"]} if "token" in behaviours else {}
     return {"streams": dbus.Array([stream], signature="(ua{sv})"), **token}
 
 
@@ -109,8 +109,8 @@ def handle(_bus, message):
         words = [f"{key}={options[key]!s}" for key in sorted(options) if "handle" not in key]
         parent = [f"parent={arguments[1]!s}"] if call == "Start" else []
         report_file.write(" ".join([call, *parent, *words]) + "\n")
-        how = told.pop(call, "") if "once" in told else told.get(call, "")
-        if how == "fail" or "restore_token" in options and "no-token" in told:
+        how = behaviours.pop(call, "") if "once" in behaviours else behaviours.get(call, "")
+        if how == "fail" or "restore_token" in options and "no-token" in behaviours:
             error = "org.freedesktop.portal.Error.Failed"
             bus.send_message(dbus.lowlevel.ErrorMessage(message, error, "not today"))
         elif call == "OpenPipeWireRemote":

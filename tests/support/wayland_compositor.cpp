@@ -14,7 +14,7 @@ WaylandCompositor::WaylandCompositor(const std::string& socket) : display_(wl_di
         auto* const compositor = static_cast<WaylandCompositor*>(self);
         compositor->monitor_ =
             wl_resource_create(client, &wl_output_interface, static_cast<int>(version), id);
-        compositor->tell();
+        compositor->send_settings();
         ++compositor->watchers_;
     };
     ::unlink(socket.c_str());
@@ -38,15 +38,15 @@ void WaylandCompositor::run() {
     while (!end_) {
         wl_event_loop_dispatch(wl_display_get_event_loop(display_), kSliceMs);
         if (turn_.exchange(false)) {
-            tell();
+            send_settings();
             transform_ = WL_OUTPUT_TRANSFORM_90;
-            tell();
+            send_settings();
         }
         wl_display_flush_clients(display_);
     }
 }
 
-void WaylandCompositor::tell() const {
+void WaylandCompositor::send_settings() const {
     wl_output_send_geometry(monitor_, 0, 0, 0, 0, WL_OUTPUT_SUBPIXEL_UNKNOWN, "", "", transform_);
     wl_output_send_mode(monitor_, WL_OUTPUT_MODE_CURRENT, 320, 180, 60'000);
     wl_output_send_done(monitor_);

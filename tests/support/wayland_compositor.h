@@ -9,8 +9,8 @@ struct wl_resource;
 
 namespace ox::test {
 
-/// A Wayland compositor with one monitor, which can be turned, and nothing else. Destroying it is a
-/// compositor's death.
+/// A Wayland compositor with one monitor, which can be rotated. Destroying it simulates the
+/// compositor's end.
 class WaylandCompositor {
   public:
     /// Listens at `socket`; throws std::runtime_error when it cannot.
@@ -19,18 +19,18 @@ class WaylandCompositor {
     WaylandCompositor(const WaylandCompositor&) = delete;
     WaylandCompositor& operator=(const WaylandCompositor&) = delete;
 
-    /// Turns the monitor and tells the latest that has bound it and is there still; tells the same
-    /// once before.
+    /// Rotates the monitor and notifies the last client that bound it; repeats the old settings
+    /// before.
     void turn_monitor() { turn_ = true; }
-    /// How many have bound the monitor.
+    /// How many clients have bound the monitor.
     [[nodiscard]] int watchers() const { return watchers_; }
 
   private:
     void run();
-    void tell() const;
+    void send_settings() const;
 
     wl_display* display_;
-    wl_resource* monitor_ = nullptr;  ///< of the latest that has bound it
+    wl_resource* monitor_ = nullptr;  ///< the last client's
     int transform_ = 0;
     std::atomic<int> watchers_{0};
     std::atomic<bool> turn_{false};

@@ -17,7 +17,7 @@ bool listening(ChildProcess& process, const std::string& socket) {
            process.running();
 }
 
-// Without service folders: what is not started here is not there.
+// Without service folders: only what is started here runs.
 std::string bus_config(const std::string& socket) {
     return "<busconfig><type>session</type><listen>unix:path=" + socket +
            "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
@@ -59,7 +59,7 @@ std::unique_ptr<WaylandDesktop> WaylandDesktop::start() {
         !listening(*desktop->pipewire_, desktop->pipewire_socket())) {
         return nullptr;
     }
-    // Its own settings: what else it would look after may be missing, and then it does not start.
+    // Its own settings: by default it fails to start without other services.
     std::filesystem::create_directory_symlink(OX_TEST_WIREPLUMBER,
                                               desktop->dir_.file("wireplumber"));
     desktop->run(desktop->session_manager_, {"wireplumber"});

@@ -11,28 +11,27 @@
 
 namespace ox::test {
 
-/// What a Wayland session has besides its compositor, for one test alone: a session bus on which
-/// nothing is started by itself, a PipeWire daemon with its session manager, and a desktop portal
-/// that does as it is told.
+/// One test's own Wayland session without a compositor: a session bus that starts no services, a
+/// PipeWire daemon with its session manager, and a simulated desktop portal.
 class WaylandDesktop {
   public:
-    /// Null when a daemon is not installed or does not come up.
+    /// Null when a daemon is not installed or does not start.
     static std::unique_ptr<WaylandDesktop> start();
 
     [[nodiscard]] std::string bus_address() const { return "unix:path=" + dir_.file("bus"); }
     [[nodiscard]] std::string pipewire_socket() const { return dir_.file("pipewire-0"); }
     [[nodiscard]] std::string wayland_socket() const { return dir_.file("wayland-0"); }
-    /// For programs that are to run on this desktop.
+    /// For programs on this desktop.
     [[nodiscard]] std::vector<std::string> environment() const;
 
-    /// Starts the portal, in place of one that runs; `behaviours` as in screencast_portal.py. False
-    /// when it does not come up.
+    /// Starts the portal, replacing a running one; `behaviours` as in screencast_portal.py. False
+    /// on failure.
     bool start_portal(std::vector<std::string> behaviours);
     /// SIGKILL.
     void kill_portal() { portal_.reset(); }
     /// The portal closes its sessions, as when its user presses "Stop".
     void stop_sharing() const { portal_->signal(SIGUSR1); }
-    /// The calls that the present portal got.
+    /// The calls to the current portal.
     [[nodiscard]] const LogFile& portal_report() const { return report_; }
 
     void kill_bus() { bus_.reset(); }

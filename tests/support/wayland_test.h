@@ -12,7 +12,7 @@ class WaylandTest : public testing::Test {
         desktop_ = WaylandDesktop::start();
         if (!desktop_) GTEST_SKIP() << "no session bus or PipeWire daemon on this machine";
     }
-    /// Starts the portal for a source's node; with it, all that `behaviours` say.
+    /// Starts the portal for a source's node, with these behaviours.
     void start_portal(uint32_t node, std::vector<std::string> behaviours = {}) {
         behaviours.push_back("node=" + std::to_string(node));
         ASSERT_TRUE(desktop_->start_portal(behaviours));

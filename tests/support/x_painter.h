@@ -9,7 +9,7 @@ struct _XGC;
 
 namespace ox::test {
 
-/// Paints straight onto the root window of an X server, changes its size and its mouse pointer.
+/// Paints onto the root window of an X server, changes its size and its mouse pointer.
 class XPainter {
   public:
     /// Hides the root window's mouse pointer. Throws std::runtime_error when there is no such
@@ -19,16 +19,15 @@ class XPainter {
     XPainter(const XPainter&) = delete;
     XPainter& operator=(const XPainter&) = delete;
 
-    /// Fills a rectangle with a pixel value as the screen's depth has it (0xRRGGBB at depth 24,
-    /// RGB565 at 16) and waits until it is there.
+    /// Fills a rectangle with a pixel value of the screen's depth (0xRRGGBB at 24, RGB565 at 16).
+    /// All calls wait until the server is done.
     void fill(int x, int y, uint32_t width, uint32_t height, uint32_t pixel);
 
-    /// Resizes the screen through RandR, up to the size the server was started with, and waits
-    /// until it is done.
+    /// Resizes the screen through RandR, up to the size the server was started with.
     void resize_screen(uint32_t width, uint32_t height);
 
-    /// Gives the root window a mouse pointer of these pixels (alpha highest, colours multiplied by
-    /// it) whose hot spot is (hot_x, hot_y), and waits until it is there.
+    /// Sets the root window's mouse pointer: these pixels (alpha highest, premultiplied) with this
+    /// hot spot.
     void set_pointer(const std::vector<uint32_t>& argb, uint32_t width, int hot_x, int hot_y);
     void move_pointer(int x, int y);
 

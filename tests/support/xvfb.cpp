@@ -13,8 +13,7 @@ std::unique_ptr<Xvfb> Xvfb::start(const Setup& setup) {
     if (::pipe(ends) != 0) return nullptr;  // the server inherits the writing end
     const UniqueFd reading(ends[0]);
     UniqueFd writing(ends[1]);
-    // By chance, not the lowest that is free: that of a server that a test has killed is not soon
-    // another test's.
+    // Random: the display of a killed server is not soon reused by another test.
     const std::string display = ":" + std::to_string(100 + std::random_device()() % 50'000);
     ChildProcess::Options options;
     options.argv = setup.wrapper;

@@ -8,7 +8,7 @@
 
 namespace ox::test {
 
-/// An X server of the test's own, on a display that nobody uses, without anything on it.
+/// A test's own X server on an unused display.
 class Xvfb {
   public:
     struct Setup {
@@ -17,7 +17,7 @@ class Xvfb {
         std::vector<std::string> wrapper = {};    ///< runs it: "unshare", "--ipc"
     };
 
-    /// Null when the server does not come up: Xvfb is not installed, or the wrapper fails.
+    /// Null when the server does not start: Xvfb is not installed, or the wrapper fails.
     static std::unique_ptr<Xvfb> start(const Setup& setup);
 
     /// ":7", for XOpenDisplay and the `DISPLAY` variable.

@@ -1,4 +1,4 @@
-// The pixels of the test picture, and what is done to pixels between a capture and an encoder.
+// The test picture's pixels, and what processes pixels between a capture and an encoder.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,11 +17,11 @@ namespace {
 TEST(BlackFrameDetector, WarnsOncePerRunAndRearmsOnALitPicture) {
     constexpr size_t kRow = 640 * 4;
     std::vector<uint8_t> bytes(kRow * 480, 255);
-    for (size_t i = 0; i < 32 * kRow; ++i) {  // what is looked at: 64 x 32 pixels, without alpha
+    for (size_t i = 0; i < 32 * kRow; ++i) {  // the checked 64 x 32 pixels, without alpha
         if (i % kRow < 64 * 4 && i % 4 != 3) bytes[i] = 8;
     }
     BlackFrameDetector detector;
-    // The numbers of those of the next pictures at which it warns.
+    // Which of the next pictures it warns at.
     const auto warnings_in = [&](int pictures) {
         std::vector<int> warnings;
         for (int i = 1; i <= pictures; ++i)
@@ -69,7 +69,7 @@ TEST(PixelUnpacker, StretchesEveryChannelToAByte) {
     }
 }
 
-// The number in the corner is read by every test of the whole agent.
+// The number in the corner is checked by the tests of the whole agent.
 TEST(SyntheticCapture, DrawsBarsThatDarken) {
     SyntheticCapture capture(640, 360);
     ASSERT_TRUE(capture.init());

@@ -15,6 +15,7 @@ extern "C" {
 #include <optional>
 #include <random>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -95,19 +96,33 @@ bool has_idr(const std::vector<uint8_t>& unit, VideoCodec codec) {
     for (auto at = unit.begin();; ++at) {
         at = std::search(at, unit.end(), kStartCode.begin(), kStartCode.end());
         if (unit.end() - at < 4) return false;
-        const int type = codec == VideoCodec::Hevc ? at[3] >> 1 & 0x3F : at[3] & 0x1F;
-        if (codec == VideoCodec::Hevc ? type == 19 || type == 20 : type == 5) return true;
+        switch (codec) {
+            case VideoCodec::H264:
+                if ((at[3] & 0x1F) == 5) return true;
+                break;
+            case VideoCodec::Hevc:
+                if (const int type = at[3] >> 1 & 0x3F; type == 19 || type == 20) return true;
+                break;
+        }
     }
+}
+
+launcher::Codec launcher_codec(VideoCodec codec) {
+    switch (codec) {
+        case VideoCodec::H264:
+            return launcher::Codec::H264;
+        case VideoCodec::Hevc:
+            return launcher::Codec::Hevc;
+    }
+    throw std::logic_error("a codec without a decoder");
 }
 
 class SoftwareEncoder : public testing::TestWithParam<VideoCodec> {
   protected:
     void SetUp() override {
-        const bool hevc = GetParam() == VideoCodec::Hevc;
         std::string error;
         for (launcher::VideoDecoder* decoder : {&early_, &late_})
-            ASSERT_TRUE(decoder->open(hevc ? launcher::Codec::Hevc : launcher::Codec::H264, error))
-                << error;
+            ASSERT_TRUE(decoder->open(launcher_codec(GetParam()), error)) << error;
         ASSERT_TRUE(capture_.init() && encoder_.init(software(GetParam())));
     }
     /// Encodes the next synthetic picture.

@@ -29,8 +29,8 @@ using test::Xvfb;
 
 constexpr uint32_t kOpaque = 0xFF000000;
 
-/// The screen of a server, and what a capture has to show of it. Colours are 0xRRGGBB; with a depth
-/// of 16 only those come back that the server can hold.
+/// A server's screen and its expected pixels. Colours are 0xRRGGBB; at a depth of 16 only those of
+/// RGB565 come back.
 struct Screen {
     Screen(const Xvfb& server, uint32_t columns, uint32_t rows, int bits = 24)
         : painter(server.display()), depth(bits), width(columns), root(size_t{columns} * rows) {}
@@ -59,7 +59,11 @@ struct Screen {
         top = y - 1;
     }
 
-    /// How many pixels of a frame are wrong; alpha counts where the frame has pixels of its own.
+    /// Whether the next frame is right.
+    [[nodiscard]] bool shown_by(ICapture& capture, CapturedFrame& frame) const {
+        return capture.capture_frame(frame) == 0 && wrong_in(frame) == 0;
+    }
+    /// Number of wrong pixels in a frame; alpha counts where the frame owns its pixels.
     [[nodiscard]] size_t wrong_in(const CapturedFrame& frame) const {
         if (size_t{frame.width} * frame.height != root.size()) return root.size();
         size_t wrong = 0;
@@ -140,15 +144,12 @@ TEST_P(X11CaptureTest, DeliversThePixelsThatWereDrawnAndWarnsOfABlackScreen) {
     EXPECT_EQ(log.count("ERROR", "X11Capture: XShmAttach failed"), setup.wrapper.empty() ? 0 : 1);
 
     CapturedFrame frame;
-    const auto shows = [&] {
-        return capture.capture_frame(frame) == 0 && screen.wrong_in(frame) == 0;
-    };
+    const auto shows = [&] { return screen.shown_by(capture, frame); };
     EXPECT_TRUE(shows());
     EXPECT_EQ(frame.lent != nullptr, shared_memory && depth == 24);
-    // A server that tells of a change does so when it has been made.
-    const bool tells = capture.changes() != nullptr;
-    EXPECT_EQ(tells, setup.arguments != std::vector<std::string>({"-extension", "DAMAGE"}));
-    const auto comes = [&] { return tells ? test::eventually(shows) : shows(); };
+    const bool announces = capture.changes() != nullptr;
+    EXPECT_EQ(announces, setup.arguments != std::vector<std::string>({"-extension", "DAMAGE"}));
+    const auto comes = [&] { return announces ? test::eventually(shows) : shows(); };
     screen.fill(40, 20, 100, 30, 0x0000FF);
     EXPECT_TRUE(comes());
 
@@ -167,7 +168,7 @@ TEST_P(X11CaptureTest, DeliversThePixelsThatWereDrawnAndWarnsOfABlackScreen) {
     EXPECT_EQ(screen.wrong_in(frame), 0U);  // lent pixels outlive the capture
 }
 
-TEST_P(X11CaptureTest, ShowsTheMousePointerWhereverItIsAndNothingOfItWhereItWas) {
+TEST_P(X11CaptureTest, ShowsTheMousePointerWhereItIsAndNotWhereItWas) {
     const auto server = Xvfb::start(GetParam().setup);
     if (!server) GTEST_SKIP() << "Xvfb cannot be started in this way on this machine";
     Screen screen(*server, 333, 77, GetParam().depth);
@@ -179,10 +180,9 @@ TEST_P(X11CaptureTest, ShowsTheMousePointerWhereverItIsAndNothingOfItWhereItWas)
     ASSERT_TRUE(capture.init());
     CapturedFrame frame;
     const auto shown = [&] {
-        return test::eventually(
-            [&] { return capture.capture_frame(frame) == 0 && screen.wrong_in(frame) == 0; });
+        return test::eventually([&] { return screen.shown_by(capture, frame); });
     };
-    const auto look = [&](int x, int y) {
+    const auto expect_pointer_at = [&](int x, int y) {
         SCOPED_TRACE(std::to_string(x) + ", " + std::to_string(y));
         screen.move_pointer(x, y);
         const uint64_t before = frame.content;
@@ -193,22 +193,22 @@ TEST_P(X11CaptureTest, ShowsTheMousePointerWhereverItIsAndNothingOfItWhereItWas)
     screen.move_pointer(100, 30);
     EXPECT_TRUE(shown());
     for (const auto& [x, y] : {std::pair{40, 40}, {41, 40}, {0, 0}, {332, 0}, {0, 76}, {332, 76}})
-        look(x, y);
+        expect_pointer_at(x, y);
     screen.fill(0xFFFFFF);  // below the pointer, too
     EXPECT_TRUE(shown());
-    look(331, 75);
+    expect_pointer_at(331, 75);
     screen.resize(200, 50);
     screen.fill(0);
     screen.move_pointer(20, 20);
     EXPECT_TRUE(shown());
-    look(199, 49);
+    expect_pointer_at(199, 49);
     screen.set_pointer(std::vector<uint32_t>(9, 0xFF112233));
     EXPECT_TRUE(shown());
     screen.set_pointer(std::vector<uint32_t>(9));  // as a game hides it
     EXPECT_TRUE(shown());
 }
 
-TEST(X11Capture, TellsOfChangesAndKeepsAPictureThatDidNotChange) {
+TEST(X11Capture, ReportsChangesAndReusesAnUnchangedPicture) {
     const auto server = Xvfb::start({});
     if (!server) GTEST_SKIP() << "no Xvfb on this machine";
     Screen screen(*server, 640, 480);
@@ -221,12 +221,12 @@ TEST(X11Capture, TellsOfChangesAndKeepsAPictureThatDidNotChange) {
         while (SteadyClock::now() < until)
             ASSERT_EQ(capture.capture_frame(frame), 0);
     };
-    capture_for(milliseconds(300));  // what came up with the server has been announced
-    const uint64_t kept = frame.content;
+    capture_for(milliseconds(300));  // until the server's own start-up changes are over
+    const uint64_t content = frame.content;
     const uint64_t taken = frame.timestamp;
     const uint64_t announced = capture.changes()->count();
     capture_for(milliseconds(500));  // checks in between
-    EXPECT_EQ(frame.content, kept);
+    EXPECT_EQ(frame.content, content);
     EXPECT_GT(frame.timestamp, taken);
     EXPECT_EQ(capture.changes()->count(), announced);
     for (uint32_t colour = 1; colour < 6; ++colour) {
@@ -234,16 +234,16 @@ TEST(X11Capture, TellsOfChangesAndKeepsAPictureThatDidNotChange) {
         const uint64_t earlier = capture.changes()->count();
         screen.fill(colour);
         EXPECT_TRUE(test::eventually([&] { return capture.changes()->count() > earlier; }));
-        SteadyClock::time_point told{};
-        capture.changes()->take([&](SteadyClock::time_point at) { told = at; });
-        EXPECT_GE(told + milliseconds(1), before);
-        EXPECT_LE(told, SteadyClock::now());
+        SteadyClock::time_point reported{};
+        capture.changes()->take([&](SteadyClock::time_point at) { reported = at; });
+        EXPECT_GE(reported + milliseconds(1), before);
+        EXPECT_LE(reported, SteadyClock::now());
         ASSERT_EQ(capture.capture_frame(frame), 0);
         EXPECT_EQ(screen.wrong_in(frame), 0U);
     }
 }
 
-TEST(X11Capture, DoesNotTrustAServerThatConcealsChanges) {
+TEST(X11Capture, DoesNotTrustAServerThatHidesChanges) {
     const test::TempDir memory;  // of the screen, as a file
     const auto server =
         Xvfb::start({.screen = "64x64x24", .arguments = {"-fbdir", memory.path().string()}});
@@ -255,10 +255,8 @@ TEST(X11Capture, DoesNotTrustAServerThatConcealsChanges) {
     const UniqueFd file(::open((memory.path() / "Xvfb_screen0").c_str(), O_RDWR));
     const off_t pixels = ::lseek(file.get(), 0, SEEK_END) - off_t{64} * 64 * 4;
     CapturedFrame frame;
-    const auto shows = [&] {
-        return capture.capture_frame(frame) == 0 && screen.wrong_in(frame) == 0;
-    };
-    const auto conceal = [&](uint32_t colour) {
+    const auto shows = [&] { return screen.shown_by(capture, frame); };
+    const auto change_unannounced = [&](uint32_t colour) {
         screen.root.assign(screen.root.size(), colour);
         const size_t bytes = screen.root.size() * 4;
         ASSERT_EQ(::pwrite(file.get(), screen.root.data(), bytes, pixels),
@@ -269,18 +267,18 @@ TEST(X11Capture, DoesNotTrustAServerThatConcealsChanges) {
     ASSERT_TRUE(test::eventually(shows));
     uint32_t picture = 0;
     EXPECT_TRUE(test::eventually([&] {
-        conceal(++picture);
+        change_unannounced(++picture);
         return capture.capture_frame(frame) == 0 && log.count("DEBUG", kLine) > 0;
     }));
     EXPECT_EQ(capture.changes(), nullptr);
     for (uint32_t colour = 1; colour < 5; ++colour) {
-        conceal(colour);
+        change_unannounced(colour);
         EXPECT_TRUE(shows());
     }
     EXPECT_EQ(log.count("DEBUG", kLine), 1);
 }
 
-TEST(PictureFreshness, AnAnnouncementThatComesLateIsNoConcealment) {
+TEST(PictureFreshness, ALateAnnouncementIsNotAHiddenChange) {
     using Need = PictureFreshness::Need;
     PictureFreshness freshness;
     const SteadyClock::time_point start{std::chrono::seconds(100)};
@@ -303,7 +301,7 @@ TEST(PictureFreshness, AnAnnouncementThatComesLateIsNoConcealment) {
     EXPECT_FALSE(freshness.trusted());
 }
 
-TEST(X11Capture, WaitsForNoServerThatHangsOnceNobodyWantsThePicture) {
+TEST(X11Capture, DoesNotWaitForAHangingServerOnceCancelled) {
     const auto server = Xvfb::start({});
     if (!server) GTEST_SKIP() << "no Xvfb on this machine";
     const LogCapture log;

@@ -31,18 +31,18 @@ std::string failure(const char* what) {
 }
 
 /// Whether `fd` is of `kind` (S_IFREG, S_IFDIR) and belongs to this user.
-bool is_ours(int fd, mode_t kind) {
+bool is_own(int fd, mode_t kind) {
     struct stat status {};
     return ::fstat(fd, &status) == 0 && (status.st_mode & S_IFMT) == kind &&
            status.st_uid == ::geteuid();
 }
 
 /// Opens a regular file of this user, or sets `error`. O_NONBLOCK: opening a pipe would block.
-UniqueFd open_ours(int folder, const char* name, int flags, std::string& error) {
+UniqueFd open_own_file(int folder, const char* name, int flags, std::string& error) {
     UniqueFd file(::openat(folder, name, flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, kPrivate));
     if (!file) {
         error = failure(name);
-    } else if (!is_ours(file.get(), S_IFREG)) {
+    } else if (!is_own(file.get(), S_IFREG)) {
         error = std::string(name) + ": no regular file of this user";
         file.reset();
     }
@@ -62,7 +62,7 @@ bool lock_within(int fd, std::chrono::milliseconds limit) {
 
 /// Reads the file into `text`; no file is an empty text and no error.
 bool read_all(int folder, std::string& text, bool& exists, std::string& error) {
-    const UniqueFd file = open_ours(folder, kName, O_RDONLY, error);
+    const UniqueFd file = open_own_file(folder, kName, O_RDONLY, error);
     exists = static_cast<bool>(file);
     if (!file) {
         if (errno == ENOENT) error.clear();
@@ -92,7 +92,7 @@ bool write_all(int fd, std::string_view text) {
 /// Replaces the file atomically.
 bool replace(int folder, std::string_view text, std::string& error) {
     ::unlinkat(folder, kNewName, 0);  // left by an agent that was killed
-    const UniqueFd file = open_ours(folder, kNewName, O_WRONLY | O_CREAT | O_EXCL, error);
+    const UniqueFd file = open_own_file(folder, kNewName, O_WRONLY | O_CREAT | O_EXCL, error);
     if (!file) return false;
     if (!write_all(file.get(), text) || ::fsync(file.get()) != 0 ||
         ::renameat(folder, kNewName, folder, kName) != 0 || ::fsync(folder) != 0) {
@@ -125,11 +125,11 @@ LeaseFile::Outcome LeaseFile::update(const std::function<void(LeaseTable&)>& cha
         outcome.error = failure("folder");
         return outcome;
     }
-    if (!is_ours(folder.get(), S_IFDIR)) {
+    if (!is_own(folder.get(), S_IFDIR)) {
         outcome.error = "folder of another user";
         return outcome;
     }
-    const UniqueFd lock = open_ours(folder.get(), kLockName, O_RDWR | O_CREAT, outcome.error);
+    const UniqueFd lock = open_own_file(folder.get(), kLockName, O_RDWR | O_CREAT, outcome.error);
     if (!lock) return outcome;
     if (!lock_within(lock.get(), kLockWait)) {
         outcome.error = failure(kLockName);

@@ -27,18 +27,18 @@ constexpr const char* kBackendMatch =
     "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
     "member='NameOwnerChanged',arg0namespace='org.freedesktop.impl.portal.desktop'";
 
-Outcome to_outcome(BusWait wait) {
+RequestOutcome to_outcome(BusWait wait) {
     switch (wait) {
         case BusWait::Done:
-            return Outcome::Answered;
+            return RequestOutcome::Answered;
         case BusWait::TimedOut:
-            return Outcome::TimedOut;
+            return RequestOutcome::TimedOut;
         case BusWait::Cancelled:
-            return Outcome::Cancelled;
+            return RequestOutcome::Cancelled;
         case BusWait::Lost:
             break;
     }
-    return Outcome::Lost;
+    return RequestOutcome::Lost;
 }
 
 }  // namespace
@@ -98,7 +98,7 @@ RequestResult PortalBus::request(DBusMessage& call, const std::string& token,
                                  std::chrono::milliseconds limit, const DelayCallback& on_delay) {
     const auto begin = SteadyClock::now();
     uint32_t serial = 0;
-    if (!bus_.send(call, serial)) return {.outcome = Outcome::Lost};
+    if (!bus_.send(call, serial)) return {.outcome = RequestOutcome::Lost};
     const std::string expected_path = request_path(bus_.unique_name(), token);
     PendingRequest pending(serial, expected_path);
     bool refused = false;
@@ -113,9 +113,9 @@ RequestResult PortalBus::request(DBusMessage& call, const std::string& token,
         on_delay.call();
         wait = bus_.read_until(begin + limit, answered);
     }
-    const Outcome outcome = to_outcome(wait);
-    if (refused) return {.outcome = Outcome::Refused, .error = pending.error()};
-    if (outcome != Outcome::Answered) {
+    const RequestOutcome outcome = to_outcome(wait);
+    if (refused) return {.outcome = RequestOutcome::Refused, .error = pending.error()};
+    if (outcome != RequestOutcome::Answered) {
         // Also before the reply has confirmed the request.
         close_object(pending.handle().empty() ? expected_path : pending.handle(),
                      "org.freedesktop.portal.Request");

@@ -53,7 +53,7 @@ class PendingRequest {
 };
 
 /// How a call to the portal ended.
-enum class Outcome {
+enum class RequestOutcome {
     Answered,  ///< a Response came, whatever its code
     Refused,   ///< the call failed or made no request
     TimedOut,
@@ -68,7 +68,7 @@ struct DelayCallback {
 };
 
 struct RequestResult {
-    Outcome outcome = Outcome::Refused;
+    RequestOutcome outcome = RequestOutcome::Refused;
     Response response{};
     std::string error{};  ///< the bus's message for a failed call
     std::chrono::milliseconds took{};

@@ -29,6 +29,18 @@ PortalLimits limits_from_environment() {
     return limits;
 }
 
+CaptureState state_after(portal::ShareFailure failure) {
+    switch (failure) {
+        case portal::ShareFailure::Declined:
+            return CaptureState::OwnerDeclined;
+        case portal::ShareFailure::Unanswered:
+            return CaptureState::OwnerAbsent;
+        case portal::ShareFailure::Other:
+            break;
+    }
+    return CaptureState::Gone;
+}
+
 }  // namespace
 
 /// One running screen share. Destroyed in reverse order: the stream, the portal's session, the bus.
@@ -109,16 +121,16 @@ std::unique_ptr<PortalCapture::Share> PortalCapture::open_share() {
         }
         return nullptr;
     }
-    auto screen = share->screen_cast.share_monitor();
-    using Outcome = portal::ScreenCast::Outcome;
-    if (share->screen_cast.outcome() == Outcome::Declined)
-        failure_state_ = CaptureState::OwnerDeclined;
-    if (share->screen_cast.outcome() == Outcome::Unanswered)
-        failure_state_ = CaptureState::OwnerAbsent;
-    if (!screen || !share->stream.start(std::move(screen->remote), screen->node)) return nullptr;
-    if (!wait_for_first_frame(*share, screen->by_token)) return nullptr;
+    auto shared = share->screen_cast.share_monitor();
+    if (const auto* failure = std::get_if<portal::ShareFailure>(&shared)) {
+        failure_state_ = state_after(*failure);
+        return nullptr;
+    }
+    auto& screen = std::get<portal::SharedScreen>(shared);
+    if (!share->stream.start(std::move(screen.remote), screen.node)) return nullptr;
+    if (!wait_for_first_frame(*share, screen.by_token)) return nullptr;
     OX_INFO("PortalCapture: streaming %ux%u (node=%u)", share->pictures.width(),
-            share->pictures.height(), screen->node);
+            share->pictures.height(), screen.node);
     // Events from before the share started do not count.
     share->compositor.take_event();
     return share;

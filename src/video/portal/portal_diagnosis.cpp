@@ -37,17 +37,17 @@ Diagnosis diagnose_no_bus() {
 Diagnosis diagnose(const RequestResult& result) {
     constexpr uint32_t kDeclined = 1;
     switch (result.outcome) {
-        case Outcome::Refused:
+        case RequestOutcome::Refused:
             return diagnose_refused(result.error);
-        case Outcome::Answered:
+        case RequestOutcome::Answered:
             if (result.response.code == kDeclined)
                 return {"screen sharing was declined at the PC", "approve the dialog there once"};
             return {"the desktop could not share its screen",
                     "see journalctl --user -u 'xdg-desktop-portal*'; a part of the portal for "
                     "another desktop may be installed, or PipeWire not run"};
-        case Outcome::TimedOut:
-        case Outcome::Cancelled:
-        case Outcome::Lost:
+        case RequestOutcome::TimedOut:
+        case RequestOutcome::Cancelled:
+        case RequestOutcome::Lost:
             break;
     }
     return {};

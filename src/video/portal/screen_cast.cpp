@@ -41,18 +41,19 @@ void ScreenCast::close_session() {
     session_.clear();
 }
 
-std::optional<SharedScreen> ScreenCast::share_monitor() {
+std::variant<SharedScreen, ShareFailure> ScreenCast::share_monitor() {
     auto screen = attempt();
     if (!screen && failed_at_once_) {
         OX_INFO("PortalCapture: asking once more in a second");
         close_session();
         if (bus_.wait_for(kRetryAfter)) screen = attempt();
     }
-    return screen;
+    if (!screen) return failure_;
+    return std::move(*screen);
 }
 
 std::optional<SharedScreen> ScreenCast::attempt() {
-    outcome_ = Outcome::Failed;
+    failure_ = ShareFailure::Other;
     failed_at_once_ = false;
     token_ = token_file_.read();
     if (!token_) {
@@ -66,7 +67,6 @@ std::optional<SharedScreen> ScreenCast::attempt() {
     if (!node) return std::nullopt;
     UniqueFd remote = open_remote();
     if (!remote) return std::nullopt;
-    outcome_ = Outcome::Shared;
     return SharedScreen{.node = *node, .remote = std::move(remote), .by_token = token_.has_value()};
 }
 
@@ -82,25 +82,25 @@ std::optional<Response> ScreenCast::granted_response(const char* method,
                                                      const RequestResult& result,
                                                      std::chrono::milliseconds limit) {
     switch (result.outcome) {
-        case portal::Outcome::Answered:
+        case RequestOutcome::Answered:
             if (result.response.code == 0) return result.response;
             OX_ERROR("PortalCapture: portal refused %s (response=%u)", method,
                      result.response.code);
             failed_at_once_ = result.response.code == kEndedOtherwise &&
                               (result.took < kFastestPerson || std::string_view(method) != "Start");
             break;
-        case portal::Outcome::Refused:
+        case RequestOutcome::Refused:
             if (!result.error.empty()) OX_WARN("PortalCapture: %s", result.error.c_str());
             OX_ERROR("PortalCapture: %s returned no request handle", method);
             break;
-        case portal::Outcome::TimedOut:
+        case RequestOutcome::TimedOut:
             OX_ERROR("PortalCapture: no Response for %s within %d ms", method,
                      static_cast<int>(limit.count()));
             break;
-        case portal::Outcome::Cancelled:
+        case RequestOutcome::Cancelled:
             OX_INFO("PortalCapture: %s cancelled", method);
             break;
-        case portal::Outcome::Lost:
+        case RequestOutcome::Lost:
             OX_ERROR("PortalCapture: session bus connection lost during %s", method);
             break;
     }
@@ -138,7 +138,7 @@ bool ScreenCast::select_sources() {
     if (token_) OX_INFO("PortalCapture: using saved restore token");
     auto result = request_sources(token_);
     // Portals refuse a token in another format than their own.
-    const bool token_refused = token_ && result.outcome == portal::Outcome::Refused;
+    const bool token_refused = token_ && result.outcome == RequestOutcome::Refused;
     if (token_refused) {
         OX_WARN("PortalCapture: saved restore token not accepted (%s) — asking without it",
                 result.error.c_str());
@@ -180,12 +180,12 @@ std::optional<uint32_t> ScreenCast::start() {
     const auto response = granted_response("Start", result, limits_.start(token_.has_value()));
     if (!response) {
         const bool declined =
-            result.outcome == portal::Outcome::Answered && result.response.code == kCancelledByUser;
-        if (declined) outcome_ = Outcome::Declined;
-        if (result.outcome == portal::Outcome::TimedOut) outcome_ = Outcome::Unanswered;
-        if (token_ && outcome_ != Outcome::Failed) token_file_.remove();
-        if (!declined && result.outcome != portal::Outcome::Cancelled &&
-            result.outcome != portal::Outcome::Lost) {
+            result.outcome == RequestOutcome::Answered && result.response.code == kCancelledByUser;
+        if (declined) failure_ = ShareFailure::Declined;
+        if (result.outcome == RequestOutcome::TimedOut) failure_ = ShareFailure::Unanswered;
+        if (token_ && failure_ != ShareFailure::Other) token_file_.remove();
+        if (!declined && result.outcome != RequestOutcome::Cancelled &&
+            result.outcome != RequestOutcome::Lost) {
             OX_ERROR(
                 "PortalCapture: screen sharing was not approved in time. Either approve the dialog "
                 "once on this machine, run an X11 session, or capture a dedicated virtual display "

@@ -4,6 +4,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <variant>
 
 #include "base/unique_fd.h"
 #include "video/portal/portal_bus.h"
@@ -19,13 +20,13 @@ struct SharedScreen {
     bool by_token = false;  ///< approved by a saved token
 };
 
+/// Why no screen is shared: the user declined or did not answer, or anything else.
+enum class ShareFailure { Declined, Unanswered, Other };
+
 /// One session of the portal's ScreenCast interface. Logs each failure, with a remedy where one is
 /// known. Used by one thread; `bus`, which must be open, outlives it.
 class ScreenCast {
   public:
-    /// How a request for a screen ended.
-    enum class Outcome { Shared, Declined, Unanswered, Failed };
-
     /// `on_awaiting_owner` may be empty; true: the user is being asked, false: no longer.
     ScreenCast(PortalBus& bus, const RestoreTokenFile& token_file, const PortalLimits& limits,
                std::function<void(bool)> on_awaiting_owner);
@@ -35,12 +36,9 @@ class ScreenCast {
     ScreenCast& operator=(const ScreenCast&) = delete;
 
     /// Calls CreateSession, SelectSources, Start and OpenPipeWireRemote, and saves the token for
-    /// the next time; a token that the user did not confirm is deleted. Nothing when a step fails
-    /// or is cancelled. A portal that fails at once, as after a restart of its compositor, is tried
-    /// once more.
-    std::optional<SharedScreen> share_monitor();
-    /// Of the last `share_monitor`.
-    [[nodiscard]] Outcome outcome() const { return outcome_; }
+    /// the next time; a token that the user did not confirm is deleted. A portal that fails at
+    /// once, as after a restart of its compositor, is tried once more.
+    std::variant<SharedScreen, ShareFailure> share_monitor();
     /// Object path of the session; empty when there is none.
     [[nodiscard]] const std::string& session() const { return session_; }
 
@@ -65,10 +63,10 @@ class ScreenCast {
     const RestoreTokenFile& token_file_;
     const PortalLimits& limits_;
     std::function<void(bool)> on_awaiting_owner_;
-    Outcome outcome_ = Outcome::Failed;
-    bool failed_at_once_ = false;       ///< the portal ended a request itself
-    std::optional<std::string> token_;  ///< the saved one, until refused
-    std::string session_;               ///< object path; empty until created
+    ShareFailure failure_ = ShareFailure::Other;  ///< of the last attempt
+    bool failed_at_once_ = false;                 ///< the portal ended a request itself
+    std::optional<std::string> token_;            ///< the saved one, until refused
+    std::string session_;                         ///< object path; empty until created
 };
 
 }  // namespace ox::portal

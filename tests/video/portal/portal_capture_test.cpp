@@ -1,5 +1,5 @@
-// The desktop portal's capture against a real bus, PipeWire daemon and session manager; the portal
-// and the compositor are the tests' own.
+// The desktop portal's capture with a real bus, PipeWire daemon and session manager; the portal and
+// the compositor are simulated.
 #include "video/portal/portal_capture.h"
 
 #include <gmock/gmock.h>
@@ -23,12 +23,10 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 
-// For what is expected to happen, on a machine as busy as can be.
-constexpr auto kPatience = 60s;
-// For what is expected not to happen.
-constexpr auto kShort = 400ms;
+constexpr auto kPatience = 60s;  // for expected events, on a busy machine
+constexpr auto kShort = 400ms;   // for events that must not happen
 
-PortalLimits patient() {
+PortalLimits patient_limits() {
     PortalLimits limits;
     limits.create_session = limits.select_sources = limits.start_with_token =
         limits.start_without_token = limits.open_remote = limits.first_frame_with_token =
@@ -36,7 +34,7 @@ PortalLimits patient() {
     return limits;
 }
 
-/// Tells byte by byte whether pictures are the synthetic ones, in order.
+/// Compares pictures byte by byte with the synthetic ones, in order.
 class SyntheticReference {
   public:
     SyntheticReference(uint32_t width, uint32_t height) : next_(moving_pictures(width, height)) {
@@ -66,12 +64,10 @@ class Portal : public WaylandTest {
     [[nodiscard]] PortalCapture::Config config() const {
         return {.bus_address = desktop_->bus_address(),
                 .token_file = token_file_,
-                .limits = patient(),
-                .cancelled = {},
-                .on_awaiting_owner = {},
+                .limits = patient_limits(),
                 .wayland_display = desktop_->wayland_socket()};
     }
-    /// Those that came in, in order, but for Close.
+    /// The portal's calls in order, without Close.
     [[nodiscard]] std::vector<std::string> calls() const {
         std::vector<std::string> names;
         for (const auto& line : desktop_->portal_report().lines()) {
@@ -89,9 +85,10 @@ constexpr const char* kNotApproved =
     "this machine, run an X11 session, or capture a dedicated virtual display for unattended "
     "hosts.";
 
-constexpr const char* kAsksAgain = "the desktop asks again, although there is a saved choice";
+constexpr const char* kDialogDespiteToken =
+    "the desktop asks again, although there is a saved choice";
 
-TEST_F(Portal, EveryCallThatFailsIsToldAndNothingElseIsAsked) {
+TEST_F(Portal, EveryFailingCallIsLoggedAndEndsTheAttempt) {
     using Limits = PortalLimits;
     const struct {
         std::string behaviour, error;
@@ -115,7 +112,7 @@ TEST_F(Portal, EveryCallThatFailsIsToldAndNothingElseIsAsked) {
     };
     for (const auto& [behaviour, error, short_limit, state, tries] : cases) {
         SCOPED_TRACE(behaviour);
-        // One that the desktop has asked about in vain is of no use.
+        // A token that did not spare a dialog is deleted.
         ASSERT_TRUE(token_file_.write("unknown"));
         start_portal(0, {behaviour});
         auto with = config();
@@ -129,7 +126,7 @@ TEST_F(Portal, EveryCallThatFailsIsToldAndNothingElseIsAsked) {
         const int not_approved = state == CaptureState::OwnerAbsent ? 1 : 0;
         EXPECT_EQ(log.count("ERROR", kNotApproved), not_approved) << log.text();
         EXPECT_EQ(log.times("[ERROR]"), tries + not_approved) << log.text();
-        // A dialog that nobody waits for any more, and the session, are closed.
+        // An abandoned dialog and the session are closed.
         const std::string last_call = behaviour.substr(0, behaviour.find('='));
         const size_t sessions = last_call == "CreateSession" ? 0 : 1;
         const size_t abandoned = short_limit != nullptr ? 1 : 0;
@@ -152,7 +149,7 @@ TEST_F(Portal, EveryCallThatFailsIsToldAndNothingElseIsAsked) {
     EXPECT_EQ(log.times("PortalCapture: no session bus: Failed to connect to socket"), 1);
 }
 
-TEST_F(Portal, SharesWithWhateverOrderOfAnswersAndRemembersTheToken) {
+TEST_F(Portal, SharesWithAnyOrderOfRepliesAndSavesTheToken) {
     PipewireSource source(desktop_->pipewire_socket(), moving_pictures(320, 180));
     const LogCapture log;
     start_portal(source.node(), {"CreateSession=early", "SelectSources=early", "Start=early",
@@ -185,17 +182,17 @@ TEST_F(Portal, SharesWithWhateverOrderOfAnswersAndRemembersTheToken) {
     EXPECT_EQ(desktop_->portal_report().count("restore_token=first token "), 1U);
     EXPECT_EQ(token_file_.read(), "second token");
 
-    // One that the portal cannot read is forgotten, and the next Start waits for the user again.
+    // A token that the portal refuses is deleted, and the next Start waits for the user again.
     start_portal(source.node(), {"no-token"});
     auto with = config();
     with.limits.dialog_with_token = 0ms;
     ASSERT_TRUE(PortalCapture(with).init()) << log.text();
-    EXPECT_EQ(log.times(kAsksAgain), 0) << log.text();
+    EXPECT_EQ(log.times(kDialogDespiteToken), 0) << log.text();
     EXPECT_THAT(calls(), ElementsAre("ready", "CreateSession", "SelectSources", "SelectSources",
                                      "Start", "OpenPipeWireRemote"));
     EXPECT_EQ(token_file_.read(), std::nullopt);
 
-    // Of one that it does not know a portal says nothing: the user is asked, and has time.
+    // A portal does not report a token that it does not know: the user is asked, and has time.
     ASSERT_TRUE(token_file_.write("unknown"));
     start_portal(source.node(), {"Start=late", "token=fourth token"});
     with = config();
@@ -204,14 +201,14 @@ TEST_F(Portal, SharesWithWhateverOrderOfAnswersAndRemembersTheToken) {
     with.on_awaiting_owner = [&](bool awaiting) { awaited.push_back(awaiting); };
     ASSERT_TRUE(PortalCapture(with).init()) << log.text();
     EXPECT_THAT(awaited, ElementsAre(true, false));
-    EXPECT_EQ(log.times(kAsksAgain), 1) << log.text();
+    EXPECT_EQ(log.times(kDialogDespiteToken), 1) << log.text();
     EXPECT_EQ(token_file_.read(), "fourth token");
 
-    // A portal whose compositor has just come back fails once.
+    // A portal whose compositor has just restarted fails once.
     start_portal(source.node(), {"Start=2", "once"});
     ASSERT_TRUE(PortalCapture(config()).init()) << log.text();
 
-    // A folder that cannot be written costs the token only.
+    // A folder that cannot be written loses only the token.
     start_portal(source.node(), {"token=third token"});
     with = config();
     with.token_file = RestoreTokenFile("/proc/orvex/portal_restore_token");
@@ -222,7 +219,7 @@ TEST_F(Portal, SharesWithWhateverOrderOfAnswersAndRemembersTheToken) {
               1);
 }
 
-TEST_F(Portal, PicturesArriveToTheByteHoweverTheyLieInMemoryAndFollowTheMonitorsSize) {
+TEST_F(Portal, PicturesArriveUnchangedInAnyMemoryLayoutAndFollowTheMonitorsSize) {
     for (const PipewireSource::Setup setup : {PipewireSource::Setup{},
                                               {.padding = 3},
                                               {.padding = 16, .blanks = true},
@@ -238,13 +235,13 @@ TEST_F(Portal, PicturesArriveToTheByteHoweverTheyLieInMemoryAndFollowTheMonitors
         const LogCapture log;
         PortalCapture capture(config());
         ASSERT_TRUE(capture.init()) << log.text();
-        CapturedFrame kept;
-        ASSERT_EQ(capture.capture_frame(kept), 0);
-        const std::vector<uint8_t> copy(kept.pixels(), kept.pixels() + size_t{4} * 301 * 177);
+        CapturedFrame first;
+        ASSERT_EQ(capture.capture_frame(first), 0);
+        const std::vector<uint8_t> copy(first.pixels(), first.pixels() + size_t{4} * 301 * 177);
         SyntheticReference before(301, 177);
         SyntheticReference after(500, 90);
         CapturedFrame frame;
-        bool faithful = before.matches(kept);
+        bool faithful = before.matches(first);
         EXPECT_TRUE(eventually(
             [&] {
                 EXPECT_EQ(capture.capture_frame(frame), 0);
@@ -262,13 +259,13 @@ TEST_F(Portal, PicturesArriveToTheByteHoweverTheyLieInMemoryAndFollowTheMonitors
         capture.shutdown();
         capture.shutdown();
         EXPECT_EQ(capture.capture_frame(frame), 1);
-        // What was lent stays readable, and as it was.
-        EXPECT_TRUE(std::equal(copy.begin(), copy.end(), kept.pixels()));
+        // Lent pixels stay readable and unchanged.
+        EXPECT_TRUE(std::equal(copy.begin(), copy.end(), first.pixels()));
         EXPECT_TRUE(after.matches(frame));
     }
 }
 
-TEST_F(Portal, WhatCannotBeReadGivesNoFrame) {
+TEST_F(Portal, UnreadableSourcesGiveNoFrame) {
     const LogCapture log;
     PipewireSource camera(desktop_->pipewire_socket(), moving_pictures(320, 180));
     start_portal(camera.node());
@@ -285,14 +282,14 @@ TEST_F(Portal, WhatCannotBeReadGivesNoFrame) {
                         "the compositor stopped the capture"),
               1)
         << log.text();
-    // A node that is not there: no other takes its place, and nobody waits for it.
+    // A node that does not exist: no other replaces it, and there is no wait.
     start_portal(camera.node() + 1000);
     EXPECT_FALSE(PortalCapture(config()).init());
     EXPECT_FALSE(camera.streaming());
 }
 
-TEST_F(Portal, ARotatedPictureWithRedFirstIsShownUprightInItsColours) {
-    // Two rows of three pixels, "abc" and "def": a letter's small form as red, its capital as blue.
+TEST_F(Portal, ARotatedPictureWithRedFirstIsUprightWithItsColours) {
+    // Two rows of three pixels, "abc" and "def": lower case as red, upper case as blue.
     const auto picture = [](CapturedFrame& frame) {
         frame.width = 3;
         frame.height = 2;
@@ -301,7 +298,7 @@ TEST_F(Portal, ARotatedPictureWithRedFirstIsShownUprightInItsColours) {
             frame.data.insert(frame.data.end(), {uint8_t('a' + i), 0, uint8_t('A' + i), 0});
         return true;
     };
-    // What is to be seen after the turn has been taken back.
+    // The picture expected after undoing the rotation.
     for (const auto& [transform, upright] : {std::pair{SPA_META_TRANSFORMATION_None, "abc def "},
                                              {SPA_META_TRANSFORMATION_90, "da eb fc "},
                                              {SPA_META_TRANSFORMATION_180, "fed cba "},
@@ -324,9 +321,9 @@ TEST_F(Portal, ARotatedPictureWithRedFirstIsShownUprightInItsColours) {
     }
 }
 
-TEST_F(Portal, WhatEndedAShareIsToldApartAndItsLastPictureStays) {
+TEST_F(Portal, TheCauseOfAnEndIsRecognisedAndTheLastPictureStays) {
     const struct {
-        const char* what;
+        const char* events;
         CaptureState state;
     } cases[] = {{"stop", CaptureState::OwnerStopped},
                  {"stop, and the screen goes", CaptureState::OwnerStopped},
@@ -335,18 +332,18 @@ TEST_F(Portal, WhatEndedAShareIsToldApartAndItsLastPictureStays) {
                  {"the portal dies, the screen goes", CaptureState::Lost},
                  {"the compositor dies, the screen goes", CaptureState::Lost},
                  {"PipeWire dies", CaptureState::Lost}};
-    for (const auto& [what, state] : cases) {
-        SCOPED_TRACE(what);
-        const auto happens = [&, text = std::string(what)](const char* event) {
+    for (const auto& [events, state] : cases) {
+        SCOPED_TRACE(events);
+        const auto happens = [&, text = std::string(events)](const char* event) {
             return text.find(event) != std::string::npos;
         };
         auto compositor = std::make_unique<WaylandCompositor>(desktop_->wayland_socket());
         PipewireSource camera(desktop_->pipewire_socket(), moving_pictures(64, 64));
-        // A desktop that shows one picture, and nothing new after it.
+        // A desktop that shows one picture and then does not change.
         auto screen = std::make_unique<PipewireSource>(
             desktop_->pipewire_socket(),
-            [asked = 0, pictures = moving_pictures(320, 180)](CapturedFrame& frame) mutable {
-                return asked++ < 2 && pictures(frame);
+            [frames = 0, pictures = moving_pictures(320, 180)](CapturedFrame& frame) mutable {
+                return frames++ < 2 && pictures(frame);
             });
         start_portal(screen->node(), {"token=the choice"});
         const LogCapture log;
@@ -371,7 +368,7 @@ TEST_F(Portal, WhatEndedAShareIsToldApartAndItsLastPictureStays) {
             kPatience));
         EXPECT_EQ(capture.state(), state) << log.text();
         EXPECT_EQ(log.times("the screen share"), 1) << log.text();
-        // Without the token the owner is asked.
+        // The token is deleted when the owner has stopped the share.
         EXPECT_EQ(token_file_.read().has_value(), state == CaptureState::Lost);
         EXPECT_FALSE(camera.streaming());
         CapturedFrame frame;
@@ -381,7 +378,7 @@ TEST_F(Portal, WhatEndedAShareIsToldApartAndItsLastPictureStays) {
 }
 
 TEST_F(Portal, CancellingEndsEveryWait) {
-    // Has a picture to be connected with, and never shows it.
+    // Has a picture for the connection, and never sends it.
     PipewireSource source(
         desktop_->pipewire_socket(),
         [first = true, pictures = moving_pictures(320, 180)](CapturedFrame& frame) mutable {
@@ -394,10 +391,10 @@ TEST_F(Portal, CancellingEndsEveryWait) {
         SCOPED_TRACE(behaviour);
         start_portal(source.node(), {behaviour});
         std::atomic<bool> cancelled{false}, ended{false};
-        std::atomic<int> asked{0};
+        std::atomic<int> polls{0};
         auto with = config();
         with.cancelled = [&] {
-            ++asked;
+            ++polls;
             return cancelled.load();
         };
         const LogCapture log;
@@ -407,8 +404,8 @@ TEST_F(Portal, CancellingEndsEveryWait) {
             ended = true;
         });
         EXPECT_TRUE(eventually([&] { return desktop_->portal_report().count(last_call) == 1; }));
-        // What the portal has answered is taken in, and the next wait has begun.
-        EXPECT_TRUE(eventually([&, before = asked.load()] { return asked >= before + 3; }));
+        // The portal's replies have been processed, and the next wait has begun.
+        EXPECT_TRUE(eventually([&, before = polls.load()] { return polls >= before + 3; }));
         EXPECT_FALSE(ended);
         cancelled = true;
         EXPECT_TRUE(eventually([&] { return ended.load(); }, 2s));
