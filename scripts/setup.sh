@@ -3,6 +3,7 @@
 #
 #   scripts/setup.sh            everything to build and to test
 #   scripts/setup.sh --build    only what building and running the demo takes
+#   scripts/setup.sh --platform in addition to that what scripts/demo.sh --platform takes
 #   scripts/setup.sh --bench    in addition the programs that the pipeline comparison runs against
 #   scripts/setup.sh --fuzz     what building and running the fuzz targets takes
 #   scripts/setup.sh --package  what building and checking the Debian package takes
@@ -29,6 +30,7 @@ test_packages=(
 )
 # Other versions format and judge differently (scripts/test.sh). Not every Debian has these.
 pinned_packages=(clang-format-14 clang-tidy-14)
+platform_packages=(openssl python3 python3-websockets)
 bench_packages=(
   ffmpeg gnuplot-nox gstreamer1.0-plugins-bad gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   gstreamer1.0-plugins-ugly gstreamer1.0-tools gstreamer1.0-x libisal-dev libsrtp2-dev xvfb
@@ -43,11 +45,12 @@ optional=("${pinned_packages[@]}")
 for argument in "$@"; do
   case "$argument" in
     --build) wanted=("${build_packages[@]}") optional=() ;;
+    --platform) wanted=("${build_packages[@]}" "${platform_packages[@]}") optional=() ;;
     --bench) wanted+=("${bench_packages[@]}") ;;
     --fuzz) wanted=("${build_packages[@]}" "${fuzz_packages[@]}") optional=() ;;
     --package) wanted=("${program_packages[@]}" "${package_packages[@]}") optional=() ;;
     --pictures) wanted=("${build_packages[@]}" "${picture_packages[@]}") optional=() ;;
-    -h | --help) sed -n '2,9s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    -h | --help) sed -n '2,10s/^# \{0,1\}//p' "$0"; exit 0 ;;
     *) echo "setup.sh: unknown argument '$argument' (see --help)" >&2; exit 2 ;;
   esac
 done

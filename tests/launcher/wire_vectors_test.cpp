@@ -6,10 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <fstream>
-#include <map>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -24,6 +21,7 @@
 #include "launcher/client/media_packets.h"
 #include "launcher/input_script.h"
 #include "launcher/sealed_datagrams.h"
+#include "support/vector_document.h"
 #include "transport/probe.h"
 
 namespace ox::launcher {
@@ -31,29 +29,12 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-// The document's named blocks, and which of them were used.
-class Document {
+class Document : public test::VectorDocument {
   public:
-    Document() {
-        std::ifstream file(OX_WIRE_DOCUMENT);
-        std::string name;
-        for (std::string line; std::getline(file, line);) {
-            if (line.starts_with("```hex ") || line.starts_with("```json ")) {
-                name = line.substr(line.find(' ') + 1);
-            } else if (line == "```") {
-                name.clear();
-            } else if (!name.empty()) {
-                blocks_[name] += line;
-            }
-        }
-    }
+    Document() : VectorDocument(OX_WIRE_DOCUMENT) {}
 
-    const std::string& line(const std::string& name) {
-        used_.insert(name);
-        return blocks_.at(name);
-    }
     Bytes hex(const std::string& name) {
-        const std::string& text = line(name);
+        const std::string text = line(name);
         Bytes bytes(text.size());
         size_t size = 0;
         EXPECT_EQ(sodium_hex2bin(bytes.data(), bytes.size(), text.data(), text.size(), " ", &size,
@@ -62,14 +43,6 @@ class Document {
         bytes.resize(size);
         return bytes;
     }
-    void expect_all_used() const {
-        for (const auto& [name, text] : blocks_)
-            EXPECT_TRUE(used_.contains(name)) << name;
-    }
-
-  private:
-    std::map<std::string, std::string> blocks_;
-    std::set<std::string> used_;
 };
 
 Bytes sha256(const Bytes& bytes) {
