@@ -11,8 +11,8 @@
 
 #include "base/clock.h"
 #include "base/sleep.h"
-#include "launcher/client/timing_stats.h"
 #include "cpu_time.h"
+#include "launcher/client/timing_stats.h"
 #include "log/log.h"
 #include "video/libav.h"
 #include "video/picture_converter.h"

@@ -4,23 +4,28 @@
 #
 #   scripts/package.sh            build/programs/orvex-agent_<version>_<architecture>.deb
 #   scripts/package.sh --check    needs root and debootstrap (scripts/setup.sh --package)
+#   scripts/package.sh --rpm      build/programs/orvex-agent-<version>-1.<architecture>.rpm; needs
+#                                 rpmbuild (Fedora's scripts/setup.sh --package, Debian's package rpm)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-check=false
+check=false format=DEB
 case "${1:-}" in
   '') ;;
   --check) check=true ;;
-  -h | --help) sed -n '2,6s/^# \{0,1\}//p' "$0"; exit 0 ;;
+  --rpm) format=RPM ;;
+  -h | --help) sed -n '2,8s/^# \{0,1\}//p' "$0"; exit 0 ;;
   *) echo "package.sh: unknown argument '$1' (see --help)" >&2; exit 2 ;;
 esac
 
 scripts/setup.sh --package
 scripts/build.sh programs
-rm -f build/programs/orvex-agent_*.deb
+cmake -DOX_PACKAGE=$format build/programs >/dev/null
+cmake --build build/programs
+rm -f build/programs/orvex-agent_*.deb build/programs/orvex-agent-*.rpm
 # The folders in the package get their modes from the umask.
 (umask 022 && cd build/programs && cpack >cpack.log) || { cat build/programs/cpack.log >&2; exit 1; }
-package=$(echo build/programs/orvex-agent_*.deb)
+package=$(ls build/programs/orvex-agent[_-]*."${format,,}")
 echo "package.sh: built $package"
 $check || exit 0
 
@@ -74,6 +79,16 @@ echo "package.sh: start-agent without settings"
 status=0
 "${inside[@]}" start-agent --check || status=$?
 [ "$status" -eq 2 ] || { echo "package.sh: start-agent ended with status $status" >&2; exit 1; }
+
+echo "package.sh: start-agent with settings"
+mkdir -p "$root/tmp/config/orvex"
+echo 'TOKEN_SHA256=00 PORT_BASE=46110' >"$root/tmp/config/orvex/start-agent.conf"
+status=0
+"${inside[@]}" XDG_CONFIG_HOME=/tmp/config OX_LANG=en start-agent --check 2>"$root/tmp/checked" || status=$?
+cat "$root/tmp/checked"
+# An encoder, but neither desktop nor sound.
+{ [ "$status" -eq 1 ] && grep -q 'encodes (' "$root/tmp/checked"; } ||
+  { echo "package.sh: start-agent ended with status $status" >&2; exit 1; }
 
 "${inside[@]}" dpkg --purge orvex-agent >/dev/null
 everything >"$root/tmp/after"

@@ -97,7 +97,7 @@ check_format() {
 }
 
 check_scripts() {
-  sources '*.sh' .ci/run packaging/start-agent 'packaging/debian/post*' 'packaging/completions/*.bash' |
+  sources '*.sh' .ci/run packaging/start-agent 'packaging/arch/*' 'packaging/debian/post*' 'packaging/completions/*.bash' |
     xargs -r shellcheck --severity=warning
 }
 

@@ -19,6 +19,9 @@
 #   CALL=empty       CALL's results are empty
 #   once             CALL=... applies to the first such call only
 #   no-token         SelectSources fails for a call with a restore token
+#   version=N        the version of the interface (default 5); 0: there is no such interface
+#   sources=N        the types of sources that there are (default 1, monitors)
+#   known-token=TEXT the permission store is there, too, and knows this token alone
 #   foreign          before each Response others come: to another request, from another program, and
 #                    one without the arguments of a Response
 
@@ -84,6 +87,25 @@ def close_sessions():
     return GLib.SOURCE_CONTINUE
 
 
+def property_of_portal(message, name):
+    values = {"version": behaviours.get("version", 5), "AvailableSourceTypes": behaviours.get("sources", 1)}
+    if behaviours.get("version") == "0" or name not in values:
+        error = "org.freedesktop.DBus.Error.InvalidArgs"
+        bus.send_message(dbus.lowlevel.ErrorMessage(message, error, "No such interface"))
+    else:
+        reply(message, dbus.UInt32(int(values[name]), variant_level=1), "v")
+
+
+def look_up(message, table, token):
+    if table == "screencast" and token == behaviours["known-token"]:
+        returned = dbus.lowlevel.MethodReturnMessage(message)
+        returned.append({"": ["yes"]}, dbus.Byte(0, variant_level=1), signature="a{sas}v")
+        bus.send_message(returned)
+    else:
+        error = "org.freedesktop.portal.Error.NotFound"
+        bus.send_message(dbus.lowlevel.ErrorMessage(message, error, f"No entry for {token}"))
+
+
 def results_of(call, mine, options):
     if call == "CreateSession":
         sessions.add(f"{DESKTOP}/session/{mine}/{options['session_handle_token']}")
@@ -99,6 +121,10 @@ def handle(_bus, message):
     call, arguments = message.get_member(), message.get_args_list()
     if call == "Get" and message.get_path() in sessions:
         reply(message, dbus.UInt32(1, variant_level=1), "v")
+    elif call == "Get" and message.get_path() == DESKTOP:
+        property_of_portal(message, str(arguments[1]))
+    elif call == "Lookup" and "known-token" in behaviours:
+        look_up(message, *map(str, arguments))
     elif call == "Close":
         sessions.discard(message.get_path())
         report_file.write(f"Close {message.get_interface().rsplit('.', 1)[1]}\n")
@@ -133,6 +159,8 @@ def handle(_bus, message):
 
 bus.add_message_filter(handle)
 GLib.unix_signal_add(GLib.PRIORITY_HIGH, signal.SIGUSR1, close_sessions)
-name = dbus.service.BusName("org.freedesktop.portal.Desktop", bus)
+names = [dbus.service.BusName("org.freedesktop.portal.Desktop", bus)]
+if "known-token" in behaviours:
+    names.append(dbus.service.BusName("org.freedesktop.impl.portal.PermissionStore", bus))
 report_file.write("ready\n")
 GLib.MainLoop().run()
