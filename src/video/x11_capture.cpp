@@ -91,7 +91,7 @@ bool X11Capture::set_up(ScreenSize size) {
     grabber_.reset();
     overlay_.reset();
     freshness_.reset();
-    image_hash_.reset();
+    row_hashes_.reset();
     if (!plausible(size)) {
         OX_ERROR("X11Capture: implausible geometry %ux%u", size.width, size.height);
         return false;
@@ -157,28 +157,40 @@ bool X11Capture::refresh() {
         OX_DEBUG("X11Capture: the screen changes without the X server telling of it");
         damage_.reset();
     }
-    if (need == Need::Check && !image_hash_) image_hash_ = hash_of_image();
+    if (need == Need::Check && !row_hashes_) hash_all_rows();
     if (damage_) damage_->rearm(*connection_);
     if (!grab_current_size()) return false;
     freshness_.fetched(announced, now);
     if (need == Need::Check && is_unchanged(now)) return true;
-    if (need == Need::Fetch) image_hash_.reset();
+    if (need == Need::Fetch) row_hashes_.reset();
     content_ = next_content();
     return true;
 }
 
-/// Whether the picture fetched for a check equals the one before.
+/// Whether the picture fetched for a check equals the one before, in the rows whose turn it is: a
+/// game shows whole pictures, and any other change is found by the fourth check.
 bool X11Capture::is_unchanged(SteadyClock::time_point now) {
-    const std::optional<uint64_t> before = std::exchange(image_hash_, hash_of_image());
-    if (before == image_hash_) return true;
-    if (before) freshness_.found_change(now);  // else the screen has changed its size
+    if (!row_hashes_) return false;  // the screen has changed its size
+    const size_t turn = checks_++ % kRowSets;
+    const uint64_t hash = hash_of_rows(turn);
+    if (std::exchange(row_hashes_->at(turn), hash) == hash) return true;
+    row_hashes_.reset();
+    freshness_.found_change(now);
     return false;
 }
 
-uint64_t X11Capture::hash_of_image() const {
+void X11Capture::hash_all_rows() {
+    row_hashes_.emplace();
+    for (size_t set = 0; set < kRowSets; ++set)
+        row_hashes_->at(set) = hash_of_rows(set);
+}
+
+uint64_t X11Capture::hash_of_rows(size_t set) const {
     const XImage& image = grabber_->image();
-    return hash_picture(XImageReader::row_of(image, 0), static_cast<size_t>(image.bytes_per_line),
-                        XImageReader::row_bytes(image), height_);
+    const auto stride = static_cast<size_t>(image.bytes_per_line);
+    const size_t rows = (height_ + kRowSets - 1 - set) / kRowSets;
+    return hash_picture(XImageReader::row_of(image, 0) + set * stride, kRowSets * stride,
+                        XImageReader::row_bytes(image), static_cast<uint32_t>(rows));
 }
 
 /// Grabs; if the server refuses because the screen has just shrunk, once more in the new size.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -64,7 +66,8 @@ class X11Capture final : public ICapture {
     void erase_pointer();
     void draw_pointer(PictureView picture);
     void fill_frame(CapturedFrame& frame);
-    [[nodiscard]] uint64_t hash_of_image() const;
+    void hash_all_rows();
+    [[nodiscard]] uint64_t hash_of_rows(size_t set) const;
     [[nodiscard]] PictureView lent_memory() const;
 
     std::string display_name_;
@@ -79,9 +82,12 @@ class X11Capture final : public ICapture {
     uint32_t height_ = 0;
     bool lends_ = false;
     PictureFreshness freshness_;
-    std::optional<uint64_t> image_hash_;  // of the grabber's image, if known
-    CursorOverlay overlay_;               // on lent memory
-    uint64_t drawn_pointer_ = 0;          // its version in the last frame; 0: no pointer
+    static constexpr size_t kRowSets = 4;
+    /// Of the grabber's image, if known: of every fourth row, from each of the first four on.
+    std::optional<std::array<uint64_t, kRowSets>> row_hashes_;
+    size_t checks_ = 0;
+    CursorOverlay overlay_;       // on lent memory
+    uint64_t drawn_pointer_ = 0;  // its version in the last frame; 0: no pointer
     uint64_t content_ = 0;
     BlackFrameDetector black_frames_;
     std::optional<SteadyClock::time_point> outage_since_;

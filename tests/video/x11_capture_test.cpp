@@ -256,8 +256,8 @@ TEST(X11Capture, DoesNotTrustAServerThatHidesChanges) {
     const off_t pixels = ::lseek(file.get(), 0, SEEK_END) - off_t{64} * 64 * 4;
     CapturedFrame frame;
     const auto shows = [&] { return screen.shown_by(capture, frame); };
-    const auto change_unannounced = [&](uint32_t colour) {
-        screen.root.assign(screen.root.size(), colour);
+    const auto change_unannounced = [&](size_t first, size_t count, uint32_t colour) {
+        std::fill_n(screen.root.begin() + static_cast<ptrdiff_t>(first), count, colour);
         const size_t bytes = screen.root.size() * 4;
         ASSERT_EQ(::pwrite(file.get(), screen.root.data(), bytes, pixels),
                   static_cast<ssize_t>(bytes));
@@ -267,12 +267,12 @@ TEST(X11Capture, DoesNotTrustAServerThatHidesChanges) {
     ASSERT_TRUE(test::eventually(shows));
     uint32_t picture = 0;
     EXPECT_TRUE(test::eventually([&] {
-        change_unannounced(++picture);
+        change_unannounced(37 * 64 + 5, 1, ++picture);  // a single pixel
         return capture.capture_frame(frame) == 0 && log.count("DEBUG", kLine) > 0;
     }));
     EXPECT_EQ(capture.changes(), nullptr);
     for (uint32_t colour = 1; colour < 5; ++colour) {
-        change_unannounced(colour);
+        change_unannounced(0, screen.root.size(), colour);
         EXPECT_TRUE(shows());
     }
     EXPECT_EQ(log.count("DEBUG", kLine), 1);
