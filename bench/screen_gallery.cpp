@@ -103,6 +103,7 @@ bool enter(Snapshot& state, std::string_view name) {
     begin(state);
     if (name == "idle") {
         state.link = LinkState::Standalone;
+        state.own_address = {"192.168.1.20", 47998};
         state.link_since_s = system_now_s() - 11'529;
         return true;
     }

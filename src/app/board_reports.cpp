@@ -79,6 +79,12 @@ void report_standalone_mode() {
     });
 }
 
+void report_own_address(const std::string& ip, uint16_t port_base) {
+    const tui::OwnAddress own{.ip = ip, .port_base = port_base};
+    if (tui::board().snapshot().own_address == own) return;
+    tui::board().update([&](Snapshot& state) { state.own_address = own; });
+}
+
 void report_launcher(const std::string& session_id, const std::string& address) {
     tui::board().update([&](Snapshot& state) {
         if (state.session.state == SessionState::None) {

@@ -18,6 +18,8 @@ void report_control_port(uint16_t port, int error);
 
 void report_platform_link(LinkEvent event);
 void report_standalone_mode();
+/// Where launchers reach this PC; `ip` may be empty.
+void report_own_address(const std::string& ip, uint16_t port_base);
 
 // A session, in the order in which it goes through them.
 

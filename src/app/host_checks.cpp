@@ -1,10 +1,16 @@
 #include "app/host_checks.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <array>
 #include <chrono>
 #include <fstream>
 #include <system_error>
 
 #include "audio/sound_server.h"
+#include "base/unique_fd.h"
 #include "control/tcp_socket.h"
 #include "desktop/desktop_search.h"
 #include "input/uinput_device.h"
@@ -57,6 +63,24 @@ bool nvidia_driver_missing(const fs::path& root) {
     return any_nvidia(root / "sys/class/drm",
                       [](const fs::path& card) { return card / "device"; }) ||
            any_nvidia(root / "sys/bus/pci/devices", [](const fs::path& device) { return device; });
+}
+
+std::string own_ip_address() {
+    const UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    address.sin_family = AF_INET;
+    address.sin_port = htons(9);
+    ::inet_pton(AF_INET, "192.0.2.1", &address.sin_addr);  // of nobody (RFC 5737)
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    std::array<char, INET_ADDRSTRLEN> text{};
+    // Connecting a datagram socket only looks up the route.
+    if (!socket || ::connect(socket.get(), generic, size) != 0 ||
+        ::getsockname(socket.get(), generic, &size) != 0 ||
+        ::inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size()) == nullptr) {
+        return {};
+    }
+    return text.data();
 }
 
 void IdleWatch::check() {

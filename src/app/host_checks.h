@@ -18,6 +18,10 @@ namespace ox {
 /// kernel driver is not loaded. `root` stands for "/" and is a folder of fixtures in tests.
 bool nvidia_driver_missing(const std::filesystem::path& root);
 
+/// This PC's IPv4 address in the network through which it reaches others; empty without one. Sends
+/// nothing.
+std::string own_ip_address();
+
 /// Updates the screen about faults that can be mended between sessions: access to the input device,
 /// a control port that could not be opened.
 class IdleWatch {

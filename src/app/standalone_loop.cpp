@@ -44,6 +44,7 @@ void run_standalone(const Options& options, DesktopNotice& desktop, IdleWatch& i
     report_standalone_mode();
     while (!shutdown_flag()) {
         idle.check();
+        report_own_address(own_ip_address(), static_cast<uint16_t>(options.port_base));
         desktop.check([] { return shutdown_flag().load(); });
         if (shutdown_flag()) break;
         std::atomic<unsigned> streamed_seconds{0};

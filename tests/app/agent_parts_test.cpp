@@ -1,5 +1,6 @@
 // Small parts of the program.
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -67,6 +68,16 @@ TEST(PanicListener, ReplacesAStaleFileServesBesideSilentClientsAndKeepsTheNextAg
     EXPECT_LT(SteadyClock::now() - before, std::chrono::seconds(2));
     panic_flag() = false;
     EXPECT_EQ(::access(panic_socket_path().c_str(), F_OK), 0);
+}
+
+TEST(OwnIpAddress, IsOneOfThisPc) {
+    const std::string ip = own_ip_address();
+    if (ip.empty()) GTEST_SKIP() << "no network";
+    sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {}, .sin_zero = {}};
+    ASSERT_EQ(::inet_pton(AF_INET, ip.c_str(), &address.sin_addr), 1) << ip;
+    const UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0)
+        << ip;
 }
 
 TEST(IdleWatch, NoticesMendedFaults) {

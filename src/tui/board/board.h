@@ -114,6 +114,14 @@ struct ClosedPort {
     friend bool operator==(const ClosedPort&, const ClosedPort&) = default;
 };
 
+/// Where launchers reach this PC in standalone mode.
+struct OwnAddress {
+    std::string ip;  ///< empty when the PC has no network
+    uint16_t port_base = 0;
+
+    friend bool operator==(const OwnAddress&, const OwnAddress&) = default;
+};
+
 /// The causes of alerts whose remedy depends on it.
 struct AlertReason {
     bool uinput_absent = false;  ///< Alert::UinputDenied: no device, rather than no permission
@@ -135,6 +143,7 @@ struct Snapshot {
     uint16_t busy_port = 0;  ///< for Alert::PortBusy
     AlertReason alert_reason;
     ClosedPort closed_port;
+    OwnAddress own_address;
     std::deque<Event> events;   ///< oldest first, at most 8
     uint64_t events_total = 0;  ///< events ever added; tells which of `events` are new
     uint64_t changes = 0;       ///< grows with every change

@@ -58,6 +58,7 @@ std::vector<std::string> PlainLines::take_new_lines(const Snapshot& snapshot, in
     add_identity(snapshot);
     add_events(snapshot);
     if (link_.needs_line(snapshot.link)) add(now, link_text(snapshot.link));
+    if (snapshot.link == LinkState::Standalone) add_own_address(snapshot.own_address, now);
     add_session(snapshot.session, now);
     add_closed_port(snapshot.closed_port, now);
     add_alerts(snapshot, now);
@@ -76,6 +77,12 @@ void PlainLines::add_identity(const Snapshot& snapshot) {
         line += Text{", log: ", ", лог: "}.in(lang_) + snapshot.log_path;
     }
     lines_.push_back(text::printable(line));
+}
+
+void PlainLines::add_own_address(const OwnAddress& own, const std::string& now) {
+    if (std::exchange(own_address_, own) == own || own.ip.empty()) return;
+    add(now, Text{"Launchers connect to ", "Адрес для\u00A0лаунчера: "}.in(lang_) + own.ip +
+                 Text{", port base ", ", базовый порт "}.in(lang_) + std::to_string(own.port_base));
 }
 
 void PlainLines::add_events(const Snapshot& snapshot) {

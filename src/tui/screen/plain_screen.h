@@ -46,6 +46,7 @@ class PlainLines {
     void add(const std::string& clock, const std::string& text);
     void add(const std::string& clock, Text text) { add(clock, std::string(text.in(lang_))); }
     void add_identity(const Snapshot& snapshot);
+    void add_own_address(const OwnAddress& own, const std::string& now);
     void add_events(const Snapshot& snapshot);
     void add_alert(Alert alert, const std::string& clock, const Snapshot& snapshot);
     void add_picture(PictureState before, const SessionView& session, const std::string& clock);
@@ -60,6 +61,7 @@ class PlainLines {
     bool identified_ = false;
     uint64_t events_reported_ = 0;
     Reported<LinkState> link_;
+    OwnAddress own_address_;
     Reported<SessionState> session_;
     Reported<bool> holding_;
     PictureState picture_ = PictureState::Fine;

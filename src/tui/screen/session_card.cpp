@@ -79,6 +79,14 @@ Text idle_hint(LinkState link) {
             "Пока связи нет, этот ПК нельзя арендовать."};
 }
 
+std::string reachable_text(const OwnAddress& own, Lang lang) {
+    return Text{"A launcher can connect to this PC now: ",
+                "Лаунчер может подключиться к\u00A0этому ПК: "}
+               .in(lang) +
+           own.ip + Text{", port base ", ", базовый порт "}.in(lang) +
+           std::to_string(own.port_base) + ".";
+}
+
 // What the owner may want to know or do while nothing is streamed.
 std::string session_hint(const Snapshot& snapshot, Lang lang) {
     const SessionView& session = snapshot.session;
@@ -91,6 +99,9 @@ std::string session_hint(const Snapshot& snapshot, Lang lang) {
                    : Text{"Starting the stream.", "Запускаем поток."}.in(lang);
     }
     if (snapshot.closed_port.error != 0) return closed_port_text(snapshot.closed_port, lang);
+    if (snapshot.link == LinkState::Standalone && !snapshot.own_address.ip.empty()) {
+        return reachable_text(snapshot.own_address, lang);
+    }
     return idle_hint(snapshot.link).in(lang);
 }
 

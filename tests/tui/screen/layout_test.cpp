@@ -131,6 +131,11 @@ TEST(Layout, ShowsAStreamAHoldAndAClosedPort) {
     closed.closed_port = {3, EACCES};
     expect_shown({"NOBODY CAN CONNECT", closed_port_text(closed.closed_port, Lang::English)},
                  closed, view(100, 24));
+    Snapshot standalone = test::connected_board();
+    standalone.link = LinkState::Standalone;
+    standalone.own_address = {"10.0.0.9", 48110};
+    expect_shown({"WAITING FOR A LAUNCHER", "this PC now: 10.0.0.9, port base 48110."}, standalone,
+                 view(100, 24));
     for (const SessionState state : {SessionState::Preparing, SessionState::Streaming}) {
         expect_shown({"ПОДТВЕРДИТЕ НА\u00A0ЭТОМ ПК", "показе экрана."},
                      with(PictureState::AwaitingOwner, state), russian);

@@ -58,6 +58,11 @@ TEST(PlainLines, SessionOfAStandaloneAgent) {
     journal.expect({"orvex-agent 0.4.448 on rig, log: /var/log/agent.log", "14:03 Agent started"});
     journal.expect_after([](Snapshot& s) { s.link = LinkState::Standalone; },
                          {"now Standalone mode, waiting for launchers"});
+    journal.expect_after(
+        [](Snapshot& s) {
+            s.own_address = {"10.0.0.9", 47998};
+        },
+        {"now Launchers connect to 10.0.0.9, port base 47998"});
     journal.expect_after(prepare, {"now Preparing a session"});
     board.session_ended(false, -1);
     journal.expect({"14:03 The session couldn't start, details in the log"});
