@@ -67,6 +67,7 @@ function(ox_test name)
   if(OX_SANITIZE)
     # Optimising the sanitizers' checks would take four times as long as compiling.
     target_compile_options(${name} PRIVATE -O0)
+    target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support/sanitizer_suppressions.cpp)
   endif()
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest_main GTest::gmock
                                         ox_build_settings)

@@ -16,8 +16,10 @@ extern "C" const char* __tsan_default_suppressions() {
     // and again when they return. x265 passes a new encoder's first picture to its worker threads
     // without synchronisation that the sanitizer sees; opening and closing the encoder some hundred
     // times reproduces it. libdbus locks its tables in either order; a single thread with one
-    // private connection reproduces it.
-    return "mutex:libX11.so\nmutex:libXext.so\nrace:libx265.so\ndeadlock:libdbus-1.so\n";
+    // private connection reproduces it. libavcodec's slice threads synchronise by atomics that the
+    // sanitizer cannot see either.
+    return "mutex:libX11.so\nmutex:libXext.so\nrace:libx265.so\nrace:libavcodec.so\n"
+           "deadlock:libdbus-1.so\n";
 }
 
 #ifdef __SANITIZE_THREAD__
