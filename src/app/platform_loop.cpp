@@ -25,6 +25,7 @@ constexpr std::chrono::seconds kHandoverWait{2};
 
 std::vector<std::string> supported_codecs() {
     std::vector<std::string> names;
+    names.reserve(kVideoCodecs.size());
     for (const VideoCodec codec : kVideoCodecs)
         names.emplace_back(codec_info(codec).option_name);
     return names;

@@ -9,7 +9,7 @@ template <auto Destroy>
 struct Destroyer {
     template <typename T>
     void operator()(T* object) const {
-        Destroy(object);
+        Destroy(object);  // NOLINT(cppcoreguidelines-owning-memory): the owner calls this
     }
 };
 }  // namespace detail
