@@ -34,31 +34,6 @@ PortalLimits patient_limits() {
     return limits;
 }
 
-/// Compares pictures byte by byte with the synthetic ones, in order.
-class SyntheticReference {
-  public:
-    SyntheticReference(uint32_t width, uint32_t height) : next_(moving_pictures(width, height)) {
-        next_(expected_);
-    }
-
-    /// Whether `frame` is the present reference picture or a later one (of the next thousand).
-    bool matches(const CapturedFrame& frame) {
-        if (frame.width != expected_.width || frame.height != expected_.height) return false;
-        for (int step = 0; step < 1000; ++step, next_(expected_)) {
-            if (!std::equal(expected_.data.begin(), expected_.data.end(), frame.pixels())) continue;
-            pictures_ += step > 0 ? 1 : 0;
-            return true;
-        }
-        return false;
-    }
-    [[nodiscard]] int pictures() const { return pictures_; }
-
-  private:
-    ScreenPictures next_;
-    CapturedFrame expected_;
-    int pictures_ = 0;
-};
-
 class Portal : public WaylandTest {
   protected:
     [[nodiscard]] PortalCapture::Config config() const {
