@@ -24,8 +24,8 @@ struct Fault {
 
 constexpr Fault kFaults[] = {
     {"socket", "tcp", 1, EMFILE, true, "TcpControlServer: socket() failed: Too many open files"},
-    {"socket", "udp", 1, EMFILE, false, "UdpSender: hole-punch probe received"},
-    {"socket", "udp", 2, EMFILE, false, "InputReceiver: socket() failed: Too many open files"},
+    {"socket", "udp", 2, EMFILE, false, "UdpSender: hole-punch probe received"},
+    {"socket", "udp", 3, EMFILE, false, "InputReceiver: socket() failed: Too many open files"},
     {"listen", "tcp", 1, EADDRINUSE, true, "listen failed: Address already in use"},
     {"accept4", "tcp", 1, EMFILE, true, "TcpControlServer: accept failed: Too many open files"},
     {"getpeername", "tcp", 1, ENOTCONN, true, "Session: no UDP destination (no TCP peer?)"},
