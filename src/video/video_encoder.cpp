@@ -44,7 +44,7 @@ struct VideoEncoder::Impl {
     void close();
     /// Converts a picture into the session's, unless that has it already.
     PictureConverter::Result convert(const SourcePicture& source);
-    bool encode(std::atomic<bool>& force_idr, EncodedFrame& out);
+    bool encode(std::atomic<bool>& forced, EncodedFrame& out);
     /// One line for each of `failures`, which it empties. While another encoder works, they are
     /// worth INFO at most.
     void log_failures(bool another_works);
@@ -181,8 +181,8 @@ PictureConverter::Result VideoEncoder::Impl::convert(const SourcePicture& source
 }
 
 /// Encodes the session's picture. False when the session has failed.
-bool VideoEncoder::Impl::encode(std::atomic<bool>& force_idr, EncodedFrame& out) {
-    const bool keyframe = force_idr.exchange(false);
+bool VideoEncoder::Impl::encode(std::atomic<bool>& forced, EncodedFrame& out) {
+    const bool keyframe = forced.exchange(false);
     if (keyframe) OX_DEBUG("VideoEncoder: forcing IDR");
     if (!session->send_picture(keyframe, out.timestamp)) return false;
     while (const AVPacket* packet = session->receive_packet()) {
@@ -190,7 +190,7 @@ bool VideoEncoder::Impl::encode(std::atomic<bool>& force_idr, EncodedFrame& out)
                              (packet->flags & AV_PKT_FLAG_KEY) != 0, session->captured_at(*packet),
                              out)) {
             OX_WARN("VideoEncoder: output backlog full — dropped a frame, forcing an IDR");
-            force_idr = true;
+            forced = true;
         }
     }
     return session->error() == 0;
