@@ -42,8 +42,8 @@ struct KeyLeases::State {
         KeyId key{};
         uint64_t session = 0;
     };
-    /// Nothing when the worker is to end.
-    std::optional<Job> wait_for_job() OX_EXCLUDES(mutex);
+    /// Marks the session `done` as served, then waits. Nothing when the worker is to end.
+    std::optional<Job> wait_for_job(uint64_t done) OX_EXCLUDES(mutex);
     /// Claims and records.
     void extend(const Job& job) OX_EXCLUDES(mutex);
 
@@ -99,9 +99,6 @@ void KeyLeases::State::extend(const Job& job) {
     }
     job.numbers->video.add(claimed->first.frames, claimed->end.frames);
     job.numbers->audio.add(claimed->first.audio, claimed->end.audio);
-    const MutexLock lock(mutex);
-    served = job.session;
-    changed.notify_all();
 }
 
 void KeyLeases::State::report(const LeaseFile::Outcome& outcome) {
@@ -154,9 +151,11 @@ std::shared_ptr<StreamNumbers> KeyLeases::lease(std::span<const uint8_t> master_
     return numbers;
 }
 
-std::optional<KeyLeases::State::Job> KeyLeases::State::wait_for_job() {
+std::optional<KeyLeases::State::Job> KeyLeases::State::wait_for_job(uint64_t done) {
     constexpr std::chrono::seconds kCheckPeriod{1};
     MutexLock lock(mutex);
+    served = done;
+    changed.notify_all();
     while (!stopping) {
         std::shared_ptr<StreamNumbers> leased = current.lock();
         const bool idle = !leased;
@@ -177,8 +176,11 @@ std::optional<KeyLeases::State::Job> KeyLeases::State::wait_for_job() {
 
 void KeyLeases::run(State& state) {
     ::pthread_setname_np(::pthread_self(), "ox-leases");
-    while (const auto job = state.wait_for_job())
+    uint64_t done = 0;
+    while (const auto job = state.wait_for_job(done)) {
         state.extend(*job);
+        done = job->session;
+    }
 }
 
 void KeyLeases::await(StreamNumbers& numbers, std::chrono::milliseconds limit,
