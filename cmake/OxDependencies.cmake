@@ -35,6 +35,12 @@ add_library(ox_yuv INTERFACE)
 target_include_directories(ox_yuv SYSTEM INTERFACE ${YUV_INCLUDE_DIR})
 target_link_libraries(ox_yuv INTERFACE ${YUV_LIBRARY})
 
+if(OX_PLAY)
+  ox_require(SDL "SDL 2.26" sdl2>=2.26)
+  ox_require(PANGO "Pango 1.50" pangocairo>=1.50)
+  ox_require(SAMPLERATE "libsamplerate 0.2" samplerate>=0.2)
+endif()
+
 if(OX_TESTS)
   find_package(GTest REQUIRED)
   ox_require(VTERM "libvterm 0.1.4" vterm>=0.1.4)

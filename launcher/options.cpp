@@ -1,34 +1,11 @@
 #include "launcher/options.h"
 
 #include <array>
-#include <charconv>
 #include <string_view>
 
 namespace ox::launcher {
 
 namespace {
-
-template <typename Number>
-bool read_number(std::string_view text, Number low, Number high, Number& out) {
-    Number value{};
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc{} || end != text.data() + text.size()) return false;
-    if (!(value >= low && value <= high)) return false;  // refuses NaN as well
-    out = value;
-    return true;
-}
-
-template <auto Field>
-bool set_text(Options& options, std::string_view /*name*/, const char* text) {
-    options.*Field = text;
-    return *text != '\0';
-}
-
-template <auto Field>
-bool set_flag(Options& options, std::string_view /*name*/, const char* /*value*/) {
-    options.*Field = true;
-    return true;
-}
 
 template <auto Field>
 bool set_seconds(Options& options, std::string_view /*name*/, const char* text) {
@@ -49,9 +26,7 @@ bool set_local_port(Options& options, std::string_view /*name*/, const char* tex
 }
 
 bool set_codec(Options& options, std::string_view /*name*/, const char* text) {
-    const std::string_view codec = text;
-    options.codec = codec == "hevc" ? Codec::Hevc : Codec::H264;
-    return codec == "hevc" || codec == "h264";
+    return parse_codec(text, options.codec);
 }
 
 bool add_bitrate_change(Options& options, std::string_view /*name*/, const char* value) {
@@ -68,27 +43,27 @@ bool add_bitrate_change(Options& options, std::string_view /*name*/, const char*
 using Row = OptionRow<Options>;
 constexpr std::array kOptions = {
     Row{"--host NAME", "the agent's host name or IPv4 address (127.0.0.1)",
-        set_text<&Options::host>},
+        store_text<&Options::host>},
     Row{"--port-base N", "the agent's port base (47998)", set_port_base},
     Row{"--local-port N", "own UDP port for video, sound on the next one (the port base)",
         set_local_port},
     Row{"--local-ip IP", "own IPv4 address to send from (the system's choice)",
-        set_text<&Options::local_ip>},
+        store_text<&Options::local_ip>},
     Row{"--token TEXT", "session token; better given as ORVEX_TOKEN, which is not in ps",
-        set_text<&Options::token>},
+        store_text<&Options::token>},
     Row{"--udp-ip IP", "own address to report to the agent for media (none)",
-        set_text<&Options::udp_ip>},
+        store_text<&Options::udp_ip>},
     Row{"--codec NAME", "h264 or hevc (h264)", set_codec},
     Row{"--width N", "picture width to ask for (1920)", set_int<&Options::width, 1, 65535>},
     Row{"--height N", "picture height to ask for (1080)", set_int<&Options::height, 1, 65535>},
     Row{"--fps N", "pictures per second to ask for (60)", set_int<&Options::fps, 1, 1000>},
     Row{"--bitrate KBPS", "bitrate to ask for (15000)",
         set_int<&Options::bitrate_kbps, 1, 1'000'000>},
-    Row{"--audio", "receive sound too, and save it with the stream", set_flag<&Options::audio>},
+    Row{"--audio", "receive sound too, and save it with the stream", store_flag<&Options::audio>},
     Row{"--input SCRIPT", "input to send, see below, or \"demo\"; once media comes (none)",
-        set_text<&Options::input_script>},
+        store_text<&Options::input_script>},
     Row{"--no-feedback", "ask for keyframes and report over the control channel alone",
-        set_flag<&Options::no_feedback>},
+        store_flag<&Options::no_feedback>},
     Row{"--seconds S", "end after S seconds of media; 0 = until Ctrl+C (0)",
         set_seconds<&Options::seconds>},
     Row{"--connect-timeout S", "for the connection and the answer to the token (10)",
@@ -96,23 +71,23 @@ constexpr std::array kOptions = {
     Row{"--media-timeout S", "longest time without media (10)",
         set_seconds<&Options::media_timeout_s>},
     Row{"--save-stream FILE", "write the stream to a Matroska file",
-        set_text<&Options::save_stream>},
+        store_text<&Options::save_stream>},
     Row{"--save-frame FILE", "write the last decoded picture to a PNG file",
-        set_text<&Options::save_frame>},
+        store_text<&Options::save_frame>},
     Row{"--json", "print the summary to standard output as one JSON object",
-        set_flag<&Options::json>},
-    Row{"--json-file FILE", "write the JSON summary to a file", set_text<&Options::json_file>},
+        store_flag<&Options::json>},
+    Row{"--json-file FILE", "write the JSON summary to a file", store_text<&Options::json_file>},
     Row{"--set-bitrate KBPS@S", "ask for another bitrate after S seconds; repeatable",
         add_bitrate_change},
     Row{"--request-idr-every S", "ask for a keyframe every S seconds; 0 = never (0)",
         set_seconds<&Options::request_idr_every_s>},
     Row{"--decode-damaged", "go on decoding after a loss instead of waiting for a keyframe",
-        set_flag<&Options::decode_damaged>},
+        store_flag<&Options::decode_damaged>},
     Row{"--check-stamps", "check the frame numbers drawn into the synthetic picture",
-        set_flag<&Options::check_stamps>},
+        store_flag<&Options::check_stamps>},
     Row{"--no-end", "drop the connection at the end without end_session",
-        set_flag<&Options::no_end>},
-    Row{"--quiet", "no progress line, no text summary", set_flag<&Options::quiet>},
+        store_flag<&Options::no_end>},
+    Row{"--quiet", "no progress line, no text summary", store_flag<&Options::quiet>},
     Row{"--help, --version", "print this text or the version and exit"},
 };
 constexpr size_t kHelpColumn = 29;
@@ -131,24 +106,11 @@ media, media stopped); 6 media came but no picture could be decoded; 7 the agent
 the session.
 )";
 
-std::string fault_text(ArgumentFault fault, std::string_view name, std::string_view value) {
-    const std::string option(name);
-    switch (fault) {
-        case ArgumentFault::Unknown:
-            return "unknown argument '" + option + "' (see --help)";
-        case ArgumentFault::NoValue:
-            return option + " needs a value";
-        case ArgumentFault::BadValue:
-            break;
-    }
-    return "bad value '" + std::string(value) + "' for " + option;
-}
-
 }  // namespace
 
 ParsedCommandLine<Options> parse_command_line(std::span<const char* const> arguments,
                                               const char* environment_token) {
-    auto parsed = read_command_line(kOptions, arguments, Options(), fault_text);
+    auto parsed = read_command_line(kOptions, arguments, Options(), argument_fault_text);
     if (parsed.action != CommandLineAction::Run) return parsed;
     Options& options = parsed.options;
     if (options.token.empty() && environment_token != nullptr) options.token = environment_token;

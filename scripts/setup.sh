@@ -20,13 +20,15 @@ debian_packages() {
     libavcodec-dev libavformat-dev libavutil-dev libdbus-1-dev libopus-dev libpipewire-0.3-dev
     libpulse-dev libsodium-dev libssl-dev libswscale-dev libwayland-dev libx11-dev libx11-xcb-dev
     libxau-dev libxdamage-dev libxext-dev libxfixes-dev libyuv-dev nlohmann-json3-dev
+    # and of orvex-play
+    fonts-dejavu-core libpango1.0-dev libsamplerate0-dev libsdl2-dev
   )
   # The test and benchmark frameworks: the release build has both.
   framework_packages=(libbenchmark-dev libgmock-dev libgtest-dev libvterm-dev libxrandr-dev)
   test_packages=(
     shellcheck
     dbus-daemon openssl pipewire pulseaudio pulseaudio-utils python3 python3-dbus python3-gi
-    python3-websockets wireplumber xauth xvfb
+    python3-websockets wireplumber xauth xdotool xvfb
   )
   # Other versions format and judge differently (scripts/test.sh). Not every Debian has these.
   pinned_packages=(clang-format-14 clang-tidy-14)

@@ -113,8 +113,8 @@ export -f tidy_one
 check_tidy() {
   export TIDY=$1 TIDY_STAMPS=$PWD/build/tidy TIDY_KEY
   mkdir -p "$TIDY_STAMPS"
-  TIDY_KEY=$({ cat .clang-tidy && sources 'src/*.h' 'launcher/*.h' | xargs cat; } | sha256sum)
-  sources 'src/*.cpp' 'launcher/*.cpp' | xargs -r -n 1 -P "$jobs" bash -c 'tidy_one "$1"' _
+  TIDY_KEY=$({ cat .clang-tidy && sources 'src/*.h' 'launcher/*.h' 'play/*.h' | xargs cat; } | sha256sum)
+  sources 'src/*.cpp' 'launcher/*.cpp' 'play/*.cpp' | xargs -r -n 1 -P "$jobs" bash -c 'tidy_one "$1"' _
 }
 
 export OX_WERROR=1  # scripts/build.sh, scripts/fuzz.sh

@@ -39,6 +39,11 @@ bool read_key(const Json& message, const char* name, Secret& key) {
 
 }  // namespace
 
+bool parse_codec(std::string_view name, Codec& codec) {
+    codec = name == "hevc" ? Codec::Hevc : Codec::H264;
+    return name == "hevc" || name == "h264";
+}
+
 std::string make_auth_line(const AuthRequest& request) {
     Json message = {{"type", "auth"},
                     {"token", request.token},

@@ -16,6 +16,8 @@ inline constexpr std::string_view kEndSessionLine = R"({"type":"end_session"})";
 
 /// By its number in the auth line.
 enum class Codec : int32_t { H264 = 0, Hevc = 1 };
+/// "h264" or "hevc"; false for anything else.
+bool parse_codec(std::string_view name, Codec& codec);
 
 struct AuthRequest {
     std::string token;

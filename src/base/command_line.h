@@ -1,18 +1,20 @@
 #pragma once
 
 #include <algorithm>
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 namespace ox {
 
 /// An option, or several that share their help: how it is read and what the help text says of it.
 /// Without help the row is not shown; without `apply` it is only shown; with neither it is a
-/// heading.
+/// heading. A row whose synopsis does not begin with a dash takes the arguments that do not either.
 template <typename Options>
 struct OptionRow {
     std::string_view synopsis;  ///< "--name", "--name VALUE"; several of them behind commas
@@ -20,6 +22,31 @@ struct OptionRow {
     /// False when the value is unusable; `value` is empty for an option that takes none.
     bool (*apply)(Options& options, std::string_view name, const char* value) = nullptr;
 };
+
+/// For `OptionRow::apply`: stores the value, which must not be empty, in a string.
+template <auto Field, typename Options>
+bool store_text(Options& options, std::string_view /*name*/, const char* text) {
+    options.*Field = text;
+    return *text != '\0';
+}
+
+/// For `OptionRow::apply`: sets a flag.
+template <auto Field, typename Options>
+bool store_flag(Options& options, std::string_view /*name*/, const char* /*value*/) {
+    options.*Field = true;
+    return true;
+}
+
+/// False when the whole text is no number from `low` to `high`.
+template <typename Number>
+bool read_number(std::string_view text, Number low, Number high, Number& out) {
+    Number value{};
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc{} || end != text.data() + text.size()) return false;
+    if (!(value >= low && value <= high)) return false;  // refuses NaN as well
+    out = value;
+    return true;
+}
 
 enum class CommandLineAction : uint8_t { Run, ShowHelp, ShowVersion, Fail };
 
@@ -32,7 +59,10 @@ struct ParsedCommandLine {
 
 enum class ArgumentFault : uint8_t { Unknown, NoValue, BadValue };
 
-enum class OptionMatch : uint8_t { None, Flag, WithValue };
+/// How the command-line tables of the launchers' programs word a fault.
+std::string argument_fault_text(ArgumentFault fault, std::string_view name, std::string_view value);
+
+enum class OptionMatch : uint8_t { None, Flag, WithValue, Positional };
 /// Whether `synopsis` has the option `name`, and whether that takes a value.
 OptionMatch match_option(std::string_view synopsis, std::string_view name);
 
@@ -61,11 +91,16 @@ ParsedCommandLine<Options> read_command_line(const Table& table,
         });
         if (row == table.end()) return fail(ArgumentFault::Unknown, name);
         const char* value = "";
-        if (match == OptionMatch::WithValue) {
+        if (match == OptionMatch::Positional) {
+            value = arguments[i];
+        } else if (match == OptionMatch::WithValue) {
             if (++i == arguments.size()) return fail(ArgumentFault::NoValue, name);
             value = arguments[i];
         }
-        if (!row->apply(options, name, value)) return fail(ArgumentFault::BadValue, name, value);
+        if (!row->apply(options, name, value)) {
+            return fail(ArgumentFault::BadValue,
+                        match == OptionMatch::Positional ? row->synopsis : name, value);
+        }
     }
     return {Action::Run, std::move(options)};
 }
