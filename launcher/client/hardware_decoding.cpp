@@ -22,14 +22,22 @@ AVPixelFormat choose_format(AVCodecContext* context, const AVPixelFormat* offere
     return avcodec_default_get_format(context, offered);
 }
 
+// What the graphics cards of PCs offer, without the libraries that complain on standard error where
+// there is no card of theirs.
+bool is_wanted(const AVCodecHWConfig& config) {
+    return (config.methods & AV_CODEC_HW_CONFIG_METHOD_HW_DEVICE_CTX) != 0 &&
+           (config.device_type == AV_HWDEVICE_TYPE_VAAPI ||
+            config.device_type == AV_HWDEVICE_TYPE_CUDA);
+}
+
 }  // namespace
 
 const char* use_hardware(AVCodecContext& context, const AVCodec& decoder) {
     for (int i = 0;; ++i) {
         const AVCodecHWConfig* config = avcodec_get_hw_config(&decoder, i);
         if (config == nullptr) return nullptr;
-        if ((config->methods & AV_CODEC_HW_CONFIG_METHOD_HW_DEVICE_CTX) == 0) continue;
-        if (av_hwdevice_ctx_create(&context.hw_device_ctx, config->device_type, nullptr, nullptr,
+        if (!is_wanted(*config) ||
+            av_hwdevice_ctx_create(&context.hw_device_ctx, config->device_type, nullptr, nullptr,
                                    0) < 0)
             continue;
         context.get_format = choose_format;
