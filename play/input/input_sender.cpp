@@ -8,40 +8,24 @@ namespace ox::play {
 namespace {
 
 using std::chrono_literals::operator""ms;
-using std::chrono_literals::operator""s;
 
-struct Repeat {
-    std::chrono::milliseconds after;
-    bool renewed;  ///< with a new number, else byte for byte
+/// When a change is sent again: the first times byte for byte, then renewed, with a new number.
+template <size_t N>
+struct Schedule {
+    size_t copies;
+    std::array<int, N> after_ms;
 };
-using Schedule = std::array<Repeat, 10>;
 
-// A copy cannot do harm: the agent takes each number once. But a burst outlives them, and a fast
+// A copy cannot do harm: the agent takes each number once. But long bursts outlive them, and a fast
 // mouse pushes their number out of the agent's window. A renewed press that is overtaken by the
 // release presses twice, so it comes later than a tap lasts; a renewed release soon undoes a press
 // that came behind it. The agent notices a dead connection after about 30 s, and releases itself.
-constexpr Schedule kPress{{{8ms, false},
-                           {30ms, false},
-                           {100ms, false},
-                           {250ms, true},
-                           {600ms, true},
-                           {2s, true},
-                           {5s, true},
-                           {10s, true},
-                           {20s, true},
-                           {40s, true}}};
-constexpr Schedule kRelease{{{8ms, false},
-                             {30ms, false},
-                             {60ms, true},
-                             {200ms, true},
-                             {600ms, true},
-                             {2s, true},
-                             {5s, true},
-                             {10s, true},
-                             {20s, true},
-                             {40s, true}}};
+constexpr Schedule<14> kPress{
+    5, {8, 25, 50, 80, 120, 250, 400, 600, 1000, 2000, 5000, 10'000, 20'000, 40'000}};
+constexpr Schedule<14> kRelease{
+    2, {8, 25, 50, 80, 120, 200, 350, 600, 1000, 2000, 5000, 10'000, 20'000, 40'000}};
 // Notches add up, so only copies.
-constexpr std::array<Repeat, 3> kWheel{{{8ms, false}, {30ms, false}, {100ms, false}}};
+constexpr Schedule<4> kWheel{4, {8, 25, 50, 80}};
 
 // A mouse reports up to 8000 times a second. 500 packets a second leave a copy 128 ms in the
 // agent's window of 64 numbers.
@@ -154,20 +138,22 @@ template <typename Steps>
 void InputSender::repeat_due(Repeats& repeats, const Steps& schedule, const InputPacket& state,
                              Time now) {
     if (!repeats.pending) return;
+    const auto due = [&] {
+        return repeats.since + std::chrono::milliseconds(schedule.after_ms[repeats.next]);
+    };
     const size_t first = repeats.next;
-    while (repeats.next < schedule.size() && repeats.since + schedule[repeats.next].after <= now)
+    while (repeats.next < schedule.after_ms.size() && due() <= now)
         ++repeats.next;
     // After a pause only the last one due: it says the same.
     if (repeats.next > first) {
-        if (schedule[repeats.next - 1].renewed) {
-            repeats.datagram = output_.send(state);
+        if (repeats.next > schedule.copies) {
+            output_.send(state);
         } else if (repeats.datagram) {
             output_.repeat(*repeats.datagram);
         }
     }
-    repeats.pending = repeats.next < schedule.size();
-    if (repeats.pending)
-        next_due_ = std::min(next_due_, repeats.since + schedule[repeats.next].after);
+    repeats.pending = repeats.next < schedule.after_ms.size();
+    if (repeats.pending) next_due_ = std::min(next_due_, due());
 }
 
 InputSender::Time InputSender::tick(Time now) {
