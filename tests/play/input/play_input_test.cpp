@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <memory>
 #include <random>
 #include <set>
 
@@ -117,6 +118,7 @@ TEST(PlayInputCapture, SendsWhatTheWindowGets) {
     const test::Environment display("DISPLAY", server->display());
     const test::Environment driver("SDL_VIDEODRIVER", "x11");
     ASSERT_EQ(SDL_Init(SDL_INIT_VIDEO), 0) << SDL_GetError();
+    const std::shared_ptr<void> quit(nullptr, [](void*) { SDL_Quit(); });
     SDL_Window* window = SDL_CreateWindow("", 0, 0, 320, 240, 0);
     Agent agent;
     std::vector<Command> commands;
@@ -143,10 +145,10 @@ TEST(PlayInputCapture, SendsWhatTheWindowGets) {
     ASSERT_TRUE(test::eventually([&] { return pump() && SDL_GetKeyboardFocus() == window; }));
     expect("mousemove 100 100 click 1 key a", "");
     capture.set_enabled(true);
-    // Neither the click that captures is sent nor what came before it.
+    // Neither the click that captures is sent nor what came before it; motion has no edges.
     expect("key a mousemove 100 90 click 1 key b", "+48 -48 ");
-    expect("mousemove_relative -- 30 -12 mousedown 1 keydown shift key a keyup shift mouseup 1",
-           "m30,-12 b1 +42 +30 -30 -42 b0 ");
+    expect("mousemove_relative -- 30 -500 mousedown 1 keydown shift key a keyup shift mouseup 1",
+           "m30,-500 b1 +42 +30 -30 -42 b0 ");
     expect("click 3 click 2 click 4 click 5 click 5 key Up click 8",
            "b2 b0 b4 b0 w120 w-120 w-120 +103 -103 +184 -184 ");
     // A high-resolution wheel, and motion beyond a packet's range.
@@ -163,7 +165,6 @@ TEST(PlayInputCapture, SendsWhatTheWindowGets) {
     SDL_HideWindow(window);
     expect("keyup w mouseup 1", "-17 b0 ");
     EXPECT_FALSE(capture.captured());
-    SDL_Quit();
 }
 
 }  // namespace
