@@ -20,6 +20,9 @@ constexpr double kLittleLost = 0.05;
 constexpr double kStill = 0.6;
 /// Share of the path's rate to use: headers and parity come on top.
 constexpr double kUsable = 0.85;
+/// The same where that rate is uncertain: jitter rather hides than feigns it.
+constexpr double kLikely = 0.95;
+constexpr double kCautious = 0.92;
 constexpr double kLargeStep = 1.5;
 constexpr double kMediumStep = 1.3;
 constexpr double kSmallStep = 1.2;
@@ -50,7 +53,11 @@ std::optional<uint32_t> BitrateController::update(const PathSample& sample) {
     if (!clean) clean_since_us_.reset();
     if (clean && !clean_since_us_) clean_since_us_ = now;
     const uint64_t clean_us = clean ? now - *clean_since_us_ : 0;
-    if (clean_us < kCleanUs / 2) burst_kbps_ = sample.burst_kbps;
+    if (clean_us < kCleanUs / 2) {
+        burst_kbps_ = sample.burst_kbps;
+        burst_high_kbps_ = sample.burst_high_kbps;
+    }
+    burst_high_kbps_ += (sample.burst_high_kbps - burst_high_kbps_) / 4;
     burst_kbps_ += (sample.burst_kbps - burst_kbps_) / 4;
     if (changed_us_ && now - *changed_us_ < kLeastGapUs) return std::nullopt;
 
@@ -100,7 +107,7 @@ double BitrateController::raised(const PathSample& sample) const {
         return std::min((clumped || was_too_much ? kMediumStep : kLargeStep) * target, proven);
     }
     if (burst_kbps_ <= 0) return kMediumStep * target;  // too few packets to tell
-    const double likely = std::min(burst_kbps_, kUsable * sample.burst_high_kbps);
+    const double likely = std::min(kLikely * burst_kbps_, kCautious * burst_high_kbps_);
     if (likely >= worthwhile) return std::min(kLargeStep * target, likely);
     const bool long_ago = !changed_us_ || sample.at_us - *changed_us_ >= kTryAgainUs;
     return long_ago && kUsable * sample.burst_high_kbps >= worthwhile ? kSmallStep * target

@@ -39,7 +39,8 @@ class BitrateController {
     Limits limits_;
     uint32_t target_kbps_;
     double decode_ms_ = 0;   ///< smoothed
-    double burst_kbps_ = 0;  ///< smoothed
+    double burst_kbps_ = 0;  ///< smoothed, like the next
+    double burst_high_kbps_ = 0;
     std::optional<uint64_t> changed_us_;
     std::optional<uint64_t> clean_since_us_;
     // The latest raise:
