@@ -34,8 +34,8 @@ constexpr double kPathChanged = 1.4;
 constexpr double kLeastForDecoding = 2000;
 /// A raise that is followed by congestion within this time has failed.
 constexpr uint64_t kTrialUs = 5 * kSecondUs;
-constexpr uint64_t kFirstHoldUs = 8 * kSecondUs;
-constexpr uint64_t kLongestHoldUs = 64 * kSecondUs;
+constexpr uint64_t kFirstHoldUs = 4 * kSecondUs;
+constexpr uint64_t kLongestHoldUs = 32 * kSecondUs;
 
 }  // namespace
 
@@ -84,13 +84,11 @@ bool BitrateController::is_congested(const PathSample& sample) const {
 
 double BitrateController::reduced(const PathSample& sample) const {
     const double target = target_kbps_;
-    const double received = sample.queue_ms > kShortQueueMs
-                                ? std::min(sample.received_kbps, sample.recent_kbps)
-                                : sample.received_kbps;
     // The longer the queue, the more has to be left free for it to drain.
     const double share = std::clamp(0.9 - sample.queue_ms / 1000, 0.6, kUsable);
-    const double next = share * std::min(received, target);
-    return is_still(sample) ? std::max(next, 0.5 * target) : next;
+    const double next = share * std::min(sample.received_kbps, target);
+    const bool queued = sample.queue_ms > kShortQueueMs;
+    return is_still(sample) && !queued ? std::max(next, 0.5 * target) : next;
 }
 
 double BitrateController::raised(const PathSample& sample) const {
@@ -101,14 +99,13 @@ double BitrateController::raised(const PathSample& sample) const {
     if (was_too_much && sample.at_us < ceiling_until_us_) {
         return std::max(target, std::min(kMediumStep * target, kUsable * ceiling_kbps_));
     }
-    const double proven = kUsable * sample.burst_low_kbps;
-    if (proven >= worthwhile) {
-        const bool clumped = proven > kClumped * target;
-        return std::min((clumped || was_too_much ? kMediumStep : kLargeStep) * target, proven);
-    }
     if (burst_kbps_ <= 0) return kMediumStep * target;  // too few packets to tell
     const double likely = std::min(kLikely * burst_kbps_, kCautious * burst_high_kbps_);
-    if (likely >= worthwhile) return std::min(kLargeStep * target, likely);
+    const double room = std::max(kUsable * sample.burst_low_kbps, likely);
+    if (room >= worthwhile) {
+        const bool clumped = room > kClumped * target;
+        return std::min((clumped || was_too_much ? kMediumStep : kLargeStep) * target, room);
+    }
     const bool long_ago = !changed_us_ || sample.at_us - *changed_us_ >= kTryAgainUs;
     return long_ago && kUsable * sample.burst_high_kbps >= worthwhile ? kSmallStep * target
                                                                       : target;

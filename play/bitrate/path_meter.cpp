@@ -9,7 +9,7 @@ namespace {
 
 constexpr uint64_t kBinUs = 50'000;
 constexpr uint64_t kReceivedBins = 5;
-constexpr uint64_t kRecentBins = 2;
+constexpr int kSteadyBins = 4;
 constexpr uint64_t kLossBins = 20;
 constexpr uint64_t kBurstBins = 30;
 constexpr uint64_t kBaseBucketUs = 5'000'000;
@@ -136,7 +136,6 @@ PathSample PathMeter::take_sample(uint64_t now_us, double decode_ms) {
         if (is_within(bin.number, newest, kReceivedBins)) {
             sample.received_kbps += kbps / kReceivedBins;
         }
-        if (is_within(bin.number, newest, kRecentBins)) sample.recent_kbps += kbps / kRecentBins;
         if (!is_within(bin.number, newest + 1, kLossBins)) continue;
         expected += bin.expected;
         lost += bin.lost;
@@ -215,14 +214,18 @@ void PathMeter::fill_burst(PathSample& sample, uint64_t newest) const {
 
 void PathMeter::fill_queue(PathSample& sample, uint64_t newest) {
     int64_t delay = INT64_MAX;
+    int bins = 0;
     for (const Bin& bin : bins_) {
-        if (is_within(bin.number, newest, kReceivedBins)) {
-            delay = std::min(delay, bin.least_delay_us);
-        }
+        if (!is_within(bin.number, newest, kReceivedBins)) continue;
+        delay = std::min(delay, bin.least_delay_us);
+        bins += bin.bytes > 0 ? 1 : 0;
     }
     if (delay != INT64_MAX) {
         adopt_level(sample, delay);
-        queue_ms_ = std::max(0.0, static_cast<double>(delay - base_us(sample.at_us)) / 1000);
+        const double ms = std::max(0.0, static_cast<double>(delay - base_us(sample.at_us)) / 1000);
+        // What is late after a pause was held up together; a queue lets packets through all along.
+        const bool steady = bins >= kSteadyBins || interval_us_ > kBinUs;
+        queue_ms_ = steady ? ms : std::min(queue_ms_, ms);
     }
     sample.queue_ms = queue_ms_;
 }

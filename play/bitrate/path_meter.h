@@ -12,11 +12,12 @@ namespace ox::play {
 /// How the network path and the decoder did lately. Rates are in kbit/s of whole datagrams.
 struct PathSample {
     uint64_t at_us = 0;
-    double received_kbps = 0;    ///< over 250 ms; 0: nothing arrives
-    double recent_kbps = 0;      ///< over the last 100 ms of them
-    double sent_kbps = 0;        ///< what the pictures amounted to when they were sent
-    double burst_kbps = 0;       ///< the path's rate, by the spacing of one picture's packets over
-                                 ///< 1.5 s; 0: unknown
+    double received_kbps = 0;  ///< over 250 ms; 0: nothing arrives
+    double recent_kbps =
+        0;                  ///< the most in 50 ms of the last 150; of a queue, what it lets through
+    double sent_kbps = 0;   ///< what the pictures amounted to when they were sent
+    double burst_kbps = 0;  ///< the path's rate, by the spacing of one picture's packets over
+                            ///< 1.5 s; 0: unknown
     double burst_low_kbps = 0;   ///< the bounds of its
     double burst_high_kbps = 0;  ///< confidence interval
     double lost = 0;             ///< share of the data packets over the last second, 0..1

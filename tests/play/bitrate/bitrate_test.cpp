@@ -10,7 +10,7 @@ namespace {
 
 using testing::IsEmpty;
 
-const std::vector<std::pair<double, double>> kSteps = {{0, 20'000}, {15, 3'000}, {35, 12'000}};
+const std::vector<std::pair<double, double>> kSteps = {{0, 20'000}, {20, 3'000}, {40, 12'000}};
 
 void expect_few_changes(const SimulatedSession& session, size_t most) {
     EXPECT_LE(session.changes.size(), most);
@@ -35,10 +35,10 @@ TEST_P(OnSteps, FollowsThePathWithoutLongStalls) {
         SCOPED_TRACE(seed);
         trace.path.seed = seed;
         SimulatedSession session(trace.path, 10'000);
-        session.run_until(17);
+        session.run_until(22);
         EXPECT_LT(session.target_kbps(), 3'000);  // down at once
         EXPECT_GT(session.target_kbps(), 1'200);
-        session.run_until(45);
+        session.run_until(50);
         EXPECT_GT(session.target_kbps(), trace.after_10_s * 12'000);
         session.run_until(60);
         EXPECT_LT(session.longest_stall_s, 1.0);
@@ -66,6 +66,15 @@ TEST(BitrateTest, StaysWhereAChangeWouldNotHelp) {
     SimulatedSession lossy({.steps = {{0, 1e6}}, .loss = 0.02}, 50'000);
     lossy.run_until(10);
     EXPECT_THAT(lossy.changes, IsEmpty());
+}
+
+TEST(BitrateTest, KeepsTheBitrateOverAHiccup) {
+    SimulatedSession session({.steps = {{0, 20'000}}, .loss = 0.02}, 14'000);
+    session.run_until(8);
+    const uint32_t before = session.target_kbps();
+    session.blocked_until_us = 8'300'000;
+    session.run_until(12);
+    EXPECT_GT(session.target_kbps(), 0.7 * before);
 }
 
 TEST(BitrateTest, FindsRoomWhereAPictureIsOnePacket) {
