@@ -15,9 +15,12 @@ constexpr double kPauseMs = 500;  // silence of the source, not a late packet
 constexpr double kAlignedMs = 35;
 
 constexpr double kLevelSeconds = 1;  // low pass
-// Critically damped, 0.2 rad/s.
-constexpr double kPpmPerMs = 200;
-constexpr double kPpmPerMsSecond = 10;
+constexpr double kPpmPerMs = 200;    // 0.2 rad/s
+// Critically damped at first, to learn the drift. Later a step of the level, as an underrun of the
+// device itself makes, must not pass for drift.
+constexpr double kFirstPpmPerMsSecond = 10;
+constexpr double kPpmPerMsSecond = 2;
+constexpr double kLearningSeconds = 60;
 constexpr double kMaxDriftPpm = 800;
 constexpr double kNearMs = 5;
 constexpr double kFarMs = 15;
@@ -89,9 +92,12 @@ double LevelControl::update_target() {
 
 void LevelControl::update_speed(double error, double feed_forward, double seconds) {
     const double distance = std::abs(error);
-    if (distance < kNearMs)
-        drift_ppm_ =
-            std::clamp(drift_ppm_ + kPpmPerMsSecond * error * seconds, -kMaxDriftPpm, kMaxDriftPpm);
+    learned_seconds_ += seconds;
+    if (distance < kNearMs) {
+        const double learning = std::max(1 - learned_seconds_ / kLearningSeconds, 0.0);
+        const double gain = std::lerp(kPpmPerMsSecond, kFirstPpmPerMsSecond, learning);
+        drift_ppm_ = std::clamp(drift_ppm_ + gain * error * seconds, -kMaxDriftPpm, kMaxDriftPpm);
+    }
     const double far = std::clamp((distance - kNearMs) / (kFarMs - kNearMs), 0.0, 1.0);
     const double limit = kUsualPpm + far * (kFarPpm - kUsualPpm);
     const double wanted = std::clamp(kPpmPerMs * error + drift_ppm_ + feed_forward, -limit, limit);

@@ -58,6 +58,7 @@ class LevelControl {
     double target_ = kMinTargetMs;
     double drift_ppm_ = 0;
     double speed_ppm_ = 0;
+    double learned_seconds_ = 0;
 
     bool started_ = false;
     double silent_ms_ = 0;
