@@ -122,9 +122,9 @@ void Player::loop() {
                 handle(event);
             } while (SDL_PollEvent(&event) == 1);
         }
-        update();
         const auto now = SteadyClock::now();
-        const auto due = input_->tick(now);
+        const auto due = input_->tick(now);  // input goes out before a picture is drawn
+        update();
         wait =
             std::clamp(std::chrono::ceil<milliseconds>(due - now), milliseconds(1), kLongestWait);
     }
