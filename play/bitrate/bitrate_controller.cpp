@@ -77,7 +77,8 @@ bool BitrateController::is_still(const PathSample& sample) const {
 
 bool BitrateController::is_congested(const PathSample& sample) const {
     // A little that arrives as it was sent is not what fills the queue.
-    if (is_still(sample) && sample.received_kbps > 0.9 * sample.sent_kbps) return false;
+    const bool arrives = sample.received_kbps > 0.75 * sample.sent_kbps && sample.lost < kMuchLost;
+    if (is_still(sample) && arrives) return false;
     return sample.queue_ms > kLongQueueMs || sample.lost > kMuchLost ||
            (sample.lost > kLittleLost && sample.queue_ms > kShortQueueMs);
 }
