@@ -45,7 +45,7 @@ class ProbeListener {
     bool take_moved() { return moved_.exchange(false); }
 
   private:
-    void start_thread();
+    void start_listening();
     void run(const std::stop_token& stop) OX_EXCLUDES(mutex_);
     bool read_probe() OX_REQUIRES(mutex_);
     void drop_queued_probes() const;

@@ -39,7 +39,7 @@ class CaptureOpening {
     std::shared_ptr<std::atomic<bool>> abandoned_ = std::make_shared<std::atomic<bool>>(false);
     std::atomic<bool> done_{false};
     Result result_;  ///< the thread's until `done_`, then the owner's
-    std::thread thread_;
+    std::jthread thread_;
 };
 
 /// The capture of one session: opens it, watches its source, reopens a lost one while the session
