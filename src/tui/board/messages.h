@@ -13,7 +13,6 @@ namespace ox::tui {
 /// What the remedy for a failed capture depends on.
 enum class Host : uint8_t { Desktop = 0, NoDesktopSession = 1 };
 
-/// Short name of an alert.
 std::string alert_title(Alert alert, Lang lang, uint16_t port);
 /// What the owner should do about it.
 std::string alert_text(Alert alert, Lang lang, Host host, uint16_t port,
