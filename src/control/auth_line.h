@@ -65,8 +65,7 @@ enum class AuthRead : uint8_t {
     closed,  ///< the launcher disconnected
 };
 
-/// Reads from the TCP socket `fd` into `line` up to the first line feed; the rest of that segment
-/// is dropped. `deadline` is for the whole line: sending byte by byte does not extend it.
+/// Up to the first line feed; the rest of that segment is dropped. `deadline` is the whole line's.
 AuthRead read_auth_line(int fd, SteadyClock::time_point deadline,
                         const std::function<bool()>& abort, Secret& line);
 

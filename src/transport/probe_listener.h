@@ -19,10 +19,9 @@ namespace ox {
 sockaddr_in ipv4_endpoint(in_addr address, uint16_t port);
 std::optional<in_addr> parse_ipv4(const std::string& text);
 
-/// Knows where the media of one sender goes: to the configured destination until the launcher's
-/// hole-punch probe arrives on the sender's socket, then to the probe's source. `destination` and
-/// `take_moved` may be called from any thread; the rest belongs to the owner. See UdpSender for the
-/// meaning of its functions.
+/// Where one sender's media goes: to the configured destination, then to the source of the first
+/// hole-punch probe. Any thread may call `destination` and `take_moved`, the owner the rest. See
+/// UdpSender.
 class ProbeListener {
   public:
     ProbeListener() = default;
