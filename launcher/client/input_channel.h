@@ -50,13 +50,11 @@ struct InputCounters {
 /// Sends input and feedback to the agent's input port. After `open`, any thread may send.
 class InputChannel {
   public:
-    /// Sets the agent's address and the session's input key. False, with a text for the user in
-    /// `error`, without a socket.
+    /// False, with a text for the user in `error`, without a socket.
     bool open(const std::string& ip, uint16_t port,
               std::span<const uint8_t, InputSealer::kKeyBytes> key, std::string& error);
 
-    /// Sends one packet, twice if it must not get lost: the agent drops copies. Nothing is
-    /// acknowledged.
+    /// Twice if it must not get lost: the agent drops copies. Nothing is acknowledged.
     void send(const InputPacket& packet);
 
     [[nodiscard]] InputCounters counters() const;
