@@ -15,6 +15,7 @@
 
 namespace ox::launcher {
 
+/// How an attempt to open a session ended.
 enum class ConnectResult : uint8_t {
     Ready,
     Refused,    ///< no connection until the deadline
@@ -24,8 +25,9 @@ enum class ConnectResult : uint8_t {
     Stopped,    ///< `stop` returned true
 };
 
-/// The launcher's end of the control channel. Any thread may call `send_line`, `is_connected` and
-/// `rtt_ms`, the owner the rest. A reader thread runs from `connect` to `close`.
+/// The launcher's end of the TCP control channel. `send_line`, `is_connected` and `rtt_ms` may be
+/// called by any thread; everything else belongs to the owner. A reader thread runs from a
+/// successful `connect` to `close`.
 class ControlClient {
   public:
     using StopPredicate = std::function<bool()>;
@@ -59,6 +61,7 @@ class ControlClient {
     /// One line for the user about the last failure.
     [[nodiscard]] const std::string& error() const { return error_; }
 
+    /// Ends the connection and the reader. Safe to call twice.
     void close();
 
   private:

@@ -50,11 +50,13 @@ struct InputCounters {
 /// Sends input and feedback to the agent's input port. After `open`, any thread may send.
 class InputChannel {
   public:
-    /// False, with a text for the user in `error`, without a socket.
+    /// Sets the agent's address and the session's input key. False, with a text for the user in
+    /// `error`, without a socket.
     bool open(const std::string& ip, uint16_t port,
               std::span<const uint8_t, InputSealer::kKeyBytes> key, std::string& error);
 
-    /// Twice if it must not get lost: the agent drops copies. Nothing is acknowledged.
+    /// Sends one packet, twice if it must not get lost: the agent drops copies. Nothing is
+    /// acknowledged.
     void send(const InputPacket& packet);
 
     [[nodiscard]] InputCounters counters() const;

@@ -48,7 +48,8 @@ class VideoDecoder {
     /// False, with a text for the user in `error`, when the codec is not available.
     bool open(Codec codec, std::string& error);
 
-    /// Passes the unit's picture to `sink`. False when it was refused; the next can be tried.
+    /// Decodes one access unit and passes its picture to `sink`. False when the decoder refused the
+    /// unit; the next one can be tried nevertheless.
     bool decode(const AssembledFrame& frame, const Sink& sink);
 
   private:

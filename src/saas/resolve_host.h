@@ -14,7 +14,8 @@ struct AddressListDeleter {
 };
 using AddressList = std::unique_ptr<addrinfo, AddressListDeleter>;
 
-/// In order of preference; null without any. Returns within 100 ms after `running` is cleared.
+/// Stream-socket addresses of `host`, in order of preference; null when there are none. Returns
+/// within 100 ms after `running` is cleared.
 AddressList resolve_host(const std::string& host, uint16_t port, const std::atomic<bool>& running);
 
 }  // namespace ox
