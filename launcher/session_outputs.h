@@ -14,8 +14,8 @@
 
 namespace ox::launcher {
 
-/// A session's recording, last picture, and what stamps and pitch prove. Fed by the decoding and
-/// the audio thread, read by the owner after both.
+/// A session's recording, its last picture, and its pictures' stamps and sound's pitch. Fed by the
+/// decoding and the audio thread, read by the owner after both.
 class SessionOutputs {
   public:
     struct Results {

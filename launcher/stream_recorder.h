@@ -34,7 +34,7 @@ class StreamRecorder {
     /// False, with a text for the user in `error`. Until then the functions below do nothing.
     bool open(const std::string& path, const Tracks& tracks, std::string& error);
 
-    /// None before the first keyframe, nor after a failure, which `finish` reports.
+    /// Nothing before the first keyframe, nor after a failure, which `finish` reports.
     void write(const AssembledFrame& frame);
     /// Adds one frame of sound; those from before the first picture are left out.
     void write_audio(const AudioFrame& frame);

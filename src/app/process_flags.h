@@ -20,7 +20,7 @@ void install_signal_handler(int signal, void (*handler)(int));
 bool is_ignored(int signal);
 /// A write to a closed pipe or socket then fails instead of ending the process.
 void ignore_sigpipe();
-/// SIGCHLD, perhaps inherited as ignored: a child keeps its id until it is waited for.
+/// To the default, as an inherited "ignored" frees a child's id before it is waited for.
 void reset_sigchld();
 
 }  // namespace ox

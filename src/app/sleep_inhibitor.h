@@ -9,8 +9,8 @@
 namespace ox {
 
 /// Holds logind's "block" lock against sleep and idle (org.freedesktop.login1.Manager.Inhibit); it
-/// also ends with the process. A thread requests it; failure is only logged. Destroyed within 100
-/// ms.
+/// also ends with the process. A thread requests it; failure is only logged.
+/// The destructor takes 100 ms at most.
 class SleepInhibitor {
   public:
     SleepInhibitor();

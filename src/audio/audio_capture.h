@@ -32,7 +32,7 @@ class AudioCapture {
     bool wait_readable(std::chrono::milliseconds limit, const std::stop_token& stop);
 
     /// Fills `samples` with `frames` x channels samples. False at the end of the recording or after
-    /// a read error (logged; it is closed), and within 10 ms of a stop request.
+    /// a read error (both are logged and end it), and within 10 ms of a stop request.
     bool read(std::vector<int16_t>& samples, size_t frames, const std::stop_token& stop);
 
     /// When the pipe was last seen empty since the previous call; 10 ms before new data at most.

@@ -25,7 +25,7 @@ constexpr PacketHeader audio_data_header(uint32_t sequence, uint64_t timestamp) 
             .timestamp = timestamp};
 }
 
-/// Of repair symbol 0 or 1 of the block that begins at `base`; `timestamp` is its last frame's.
+/// For repair symbol 0 or 1 of the block that begins at `base`; `timestamp` is its last frame's.
 constexpr PacketHeader audio_repair_header(uint32_t base, size_t repair, uint64_t timestamp) {
     return {.stream = kStreamAudio,
             .frame_id = base,
@@ -55,8 +55,8 @@ class AudioPacketizer {
     /// Before `open`.
     void set_numbers(PacketNumbers& numbers) { numbers_ = &numbers; }
 
-    /// A 32-byte key; `sender` is open and outlives the use. False, after an error line, when
-    /// anything is unsuitable. Sequence numbers and counters continue.
+    /// The key has 32 bytes; `sender` is open and outlives the use. False, after an error line,
+    /// when anything is unsuitable. Sequence numbers and counters continue.
     bool open(UdpSender& sender, std::span<const uint8_t> key, int sample_rate, int channels,
               int bitrate_bps);
 

@@ -30,8 +30,8 @@ class AudioStream {
         source_.set_cancelled(std::move(cancelled));
     }
 
-    /// `sender` is open and outlives the run; a key of 32 bytes. False, after an error line, with
-    /// nothing left running.
+    /// `sender` is open and outlives the run; the key has 32 bytes. False, after an error line,
+    /// with nothing left running.
     bool start(UdpSender& sender, const uint8_t* key, size_t key_length, int sample_rate,
                int channels, int bitrate_bps);
 

@@ -13,7 +13,8 @@
 namespace ox {
 
 /// One option or several with the same help. Without help the row is not shown; without `apply` it
-/// is only shown; with neither it is a heading. A synopsis without a dash takes such arguments.
+/// is only shown; with neither it is a heading. A synopsis without a dash takes arguments
+/// without one.
 template <typename Options>
 struct OptionRow {
     std::string_view synopsis;  ///< "--name", "--name VALUE"; several of them behind commas
@@ -66,7 +67,7 @@ OptionMatch match_option(std::string_view synopsis, std::string_view name);
 void append_help_row(std::string& text, std::string_view synopsis, std::string_view help,
                      size_t column);
 
-/// Reads arguments up to the first fault or request for help or version. `fault_text` words errors.
+/// Reads arguments up to the first fault or request for help or version.
 template <typename Table, typename Options, typename FaultText>
 ParsedCommandLine<Options> read_command_line(const Table& table,
                                              std::span<const char* const> arguments,

@@ -21,7 +21,7 @@ inline void sleep_until_steady(SteadyClock::time_point deadline) noexcept {
     }
 }
 
-/// False once `stop()`, polled every 50 ms, has returned true.
+/// Sleeps. False once `stop()`, polled every 50 ms, has returned true.
 template <typename Stop>
 bool sleep_until_or(SteadyClock::time_point deadline, Stop&& stop) {
     constexpr std::chrono::milliseconds kPollInterval{50};

@@ -20,7 +20,8 @@ std::string clip(std::string_view s, int max);
 std::string clip_left(std::string_view s, int max);
 /// `s` without C0 and C1 control characters and with malformed bytes replaced by U+FFFD.
 std::string sanitize(std::string_view s);
-/// Also without invisible characters that reorder or shift text, and invalid code points replaced.
+/// For display: also without invisible characters that reorder or shift text, and invalid code
+/// points replaced.
 std::string printable(std::string_view s);
 /// `s` broken at spaces into lines of at most `max` columns; a no-break space does not break.
 std::vector<std::string> wrap(std::string_view s, int max);

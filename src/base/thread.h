@@ -6,7 +6,7 @@
 
 namespace ox {
 
-/// Where the system refuses a thread, calls `refused` with the reason and returns none.
+/// Where the system refuses a thread, calls `refused(reason)` and returns none.
 template <typename Body, typename Refused>
 [[nodiscard]] std::jthread start_thread(Body&& body, Refused&& refused) {
     try {

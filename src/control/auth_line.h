@@ -65,7 +65,8 @@ enum class AuthRead : uint8_t {
     closed,  ///< the launcher disconnected
 };
 
-/// Up to the first line feed; the rest of that segment is dropped. `deadline` is the whole line's.
+/// Reads up to the first line feed and drops the rest of that segment. The whole line has to come
+/// by `deadline`.
 AuthRead read_auth_line(int fd, SteadyClock::time_point deadline,
                         const std::function<bool()>& abort, Secret& line);
 

@@ -50,7 +50,7 @@ ControlLine parse_control_line(std::string_view line);
 
 std::string make_pong(int64_t ts);
 
-/// Of a line longer than `max_length` only the length is kept.
+/// A byte stream in lines; of one longer than `max_length` only the length is kept.
 class LineSplitter {
   public:
     struct Line {

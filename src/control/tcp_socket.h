@@ -26,13 +26,13 @@ int take_pending_error(int fd);
 
 enum class WaitResult : uint8_t { readable, timed_out, aborted, failed };
 
-/// Also at the end of the stream, the deadline (to a millisecond), an error, or once `abort` (may
-/// be empty, asked every 100 ms) is true.
+/// The wait also ends at the end of the stream, at the deadline (to a millisecond), on an error,
+/// and once `abort` (may be empty, asked every 100 ms) is true.
 WaitResult wait_readable(int fd, SteadyClock::time_point deadline,
                          const std::function<bool()>& abort);
 
-/// Within 5 s. False on any error; after a partial send also shuts the connection down, as the next
-/// line would be corrupt. `shutdown` from another thread ends the wait.
+/// All of it, within 5 s. False on any error; after a partial send also shuts the connection down,
+/// as the next line would be corrupt. `shutdown` from another thread ends the wait.
 bool send_all(int fd, std::string_view bytes);
 
 }  // namespace ox

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <string>
 
-// A launcher behind the agent's own router is better reached at its private address, which it alone
-// knows; one on the internet only where its TCP connection came from.
+// The IPv4 address for the media. A launcher behind the agent's own router is better reached at its
+// private address, which it alone knows; one on the internet where its TCP connection came from.
 
 namespace ox {
 

@@ -49,7 +49,7 @@ class BusConnection {
     /// Passes every message that arrives to `done`, until it returns true.
     BusWait read_until(SteadyClock::time_point deadline,
                        const std::function<bool(DBusMessage&)>& done);
-    /// Those that have arrived, without waiting. False when the connection broke.
+    /// Handles what has arrived, without waiting. False when the connection broke.
     bool read_pending(const std::function<void(DBusMessage&)>& handle);
     /// Sends `call` and waits for its reply, which may be an error. Null when none comes.
     DBusMessagePtr call(DBusMessage& call, std::chrono::milliseconds limit);

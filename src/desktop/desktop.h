@@ -65,7 +65,7 @@ class DesktopSources {
     virtual bool wayland_answers(const std::string& display) = 0;
 };
 
-/// Finds the running desktop where `known` has no screen; its session type, if any, decides. First
+/// Finds the running desktop where `known` has no screen; its session type, if any, decides. First,
 /// the service manager's environment, if up to date; then what listens here, Wayland before X11, as
 /// a Wayland desktop has an X server too. Else `known`.
 Desktop find_desktop(const Desktop& known, DesktopSources& sources);

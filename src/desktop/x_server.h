@@ -12,8 +12,8 @@
 
 namespace ox {
 
-/// MIT-MAGIC-COOKIE-1 entries of an authority file (Xauthority, xauth(1)). The host name is
-/// ignored: it may have changed since.
+/// This display's MIT-MAGIC-COOKIE-1 entries of an authority file (Xauthority, xauth(1)). The host
+/// name is ignored: it may have changed since.
 std::vector<XAuthorization> x_cookies(const std::string& path, int display);
 
 /// Whose servers run as this user or as root (as display managers start them), ascending.
@@ -23,9 +23,9 @@ std::vector<int> local_x_displays();
 UniqueFd connect_x_server(int display, const XAuthorization& authorization,
                           SteadyClock::time_point deadline, const std::function<bool()>& cancelled);
 
-/// For a display that was not configured: it must be proven to be this user's, as a root's server
-/// may be another user's and admit everybody. A cookie is required and accepted, or the access list
-/// also names this user (xhost(1), "localuser").
+/// The same for a display that was not configured, and has to be proven to be this user's: a server
+/// that runs as root may be another user's and admit every local user. It is this user's if a
+/// cookie is required and accepted; where none is, its access list must name this user (xhost(1)).
 UniqueFd connect_own_x_server(int display, const XAuthorization& authorization,
                               SteadyClock::time_point deadline,
                               const std::function<bool()>& cancelled);

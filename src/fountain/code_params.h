@@ -7,7 +7,7 @@
 namespace ox::fountain {
 
 /// The matrix of one block count, at both ends. Its unknowns are the intermediate blocks: the peel
-/// columns 0 .. block_count-1, then the mix columns, first dense_count for the dense rows, last
+/// columns 0 .. block_count-1, then the mix columns: dense_count for the dense rows, then
 /// kHeavyRows for the heavy ones.
 /// the last kHeavyRows to the heavy rows.
 struct CodeParams {

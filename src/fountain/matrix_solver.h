@@ -10,9 +10,8 @@
 
 namespace ox::fountain {
 
-/// Solves for the intermediate blocks from a set of received ones: peeling, then elimination of the
-/// deferred columns followed by the mix columns. Touches no block data, so an insufficient set is
-/// cheap.
+/// Solves for the intermediate blocks from received ones: peeling, then elimination of the deferred
+/// columns followed by the mix columns. Touches no block data, so an insufficient set is cheap.
 class MatrixSolver {
   public:
     /// An echelon row's tag: a row of the row table, or kDenseTag + the number of a dense row.

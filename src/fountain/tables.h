@@ -4,14 +4,20 @@
 #include <cstddef>
 #include <cstdint>
 
-/// The fountain code's constants: a change of any one changes the repair blocks.
-/// Where they come from. As in the published Wirehair code, as far as known: the field polynomial,
-/// the limits of N, six heavy rows over 18 columns that end in a unit matrix, three mix columns per
-/// row, the weight distribution's shape (ideal soliton, weight one at 1/128, cut at 64), byte-sized
-/// peel seeds by N. Found with our `ox_fountain_search`, the published values being unknown to us:
-/// dense row counts, dense and peel seeds. By rule: the other heavy columns (a Cauchy matrix), and
-/// weight one's share from weight two alone (it needs fewer dense rows). Whether published values
-/// would give the published repair blocks is unproven: no reference was available.
+/// All constants of the fountain code's matrix. Sender and receiver must use the same ones: a
+/// change of any of them changes the repair blocks.
+///
+/// Where they come from:
+/// - as in the published Wirehair code, as far as known: the field polynomial, the limits of N, six
+///   heavy rows over 18 columns that end in a unit matrix, three mix columns per row, the shape of
+///   the weight distribution (ideal soliton, weight one at 1/128, cut at 64), byte-sized
+///   peel seeds chosen by N;
+/// - found by search with our own `ox_fountain_search`, because the published values are not known
+///   to us: the dense row counts, the dense seeds and all peel seeds;
+/// - made by rule: the other heavy columns (a Cauchy matrix), and that weight one takes its share
+///   from weight two alone (it needs fewer dense rows than taking it from the tail).
+/// With the published values in their place the repair blocks would be the published ones only if
+/// the rules above agree as well, which is unproven: no reference was available.
 namespace ox::fountain {
 
 /// GF(256) reduction polynomial x^8 + x^6 + x^3 + x^2 + 1; x generates the field's units.
@@ -24,7 +30,8 @@ inline constexpr uint32_t kMaxBlocks = 64000;
 inline constexpr uint16_t kMixPerRow = 3;
 inline constexpr uint16_t kMaxRowWeight = 64;
 
-/// A 32-bit draw below entry w gives a weight of w or less: P = 1 - 1/w from two on, 64 the rest.
+/// Entry w: a 32-bit draw below it gives a row a weight of w or less. P(weight <= w) = 1 - 1/w from
+/// two on; 64 takes the rest.
 constexpr std::array<uint32_t, kMaxRowWeight> make_weight_limits() {
     std::array<uint32_t, kMaxRowWeight> limits{};
     limits[1] = 0xffffffffU / 128;
@@ -48,8 +55,9 @@ inline constexpr std::array<std::array<uint8_t, kMaxHeavyColumns>, kHeavyRows> k
     {0xc4, 0xa6, 0x5e, 0x31, 0x7d, 0x3a, 0x2c, 0x8f, 0x24, 0xe5, 0x8d, 0xd4, 0, 0, 0, 0, 0, 1},
 }};
 
-/// Linear between the points: the fewest with the overhead of random matrices (0.02 blocks), and
-/// some more. Fewer rows than peeling defers columns may lack dozens of blocks.
+/// Dense rows by block count, linear between the points: the fewest with which the overhead stays
+/// at what random matrices give (0.02 blocks), and some more. Where fewer rows than peeling defers
+/// columns are usual, one receipt in a hundred lacks not one block but dozens.
 struct DensePoint {
     uint32_t block_count;
     uint32_t dense_count;
@@ -63,7 +71,8 @@ inline constexpr std::array<DensePoint, 22> kDensePoints{{
 
 // clang-format off
 
-/// By dense row count / 4: the first with which a square pattern has full rank.
+/// Seed of the dense rows' pattern, by dense row count / 4: the first with which a square pattern
+/// has full rank.
 inline constexpr std::array<uint8_t, 140> kDenseSeeds{
     0, 0, 0, 2, 0, 11, 0, 0, 1, 2, 3, 5, 2, 4, 1, 3, 0, 10, 1, 2, 10, 22, 2, 25, 0, 6, 18, 1, 6, 5,
     21, 7, 16, 8, 23, 3, 1, 0, 3, 1, 1, 4, 5, 4, 7, 4, 12, 4, 1, 34, 3, 2, 5, 5, 0, 11, 40, 34, 11,
@@ -142,8 +151,9 @@ inline constexpr std::array<uint8_t, 2048> kSmallPeelSeeds{
     0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
 };
 
-/// Larger counts take peel seed 0, but for these, which take the first that solves the encoder's
-/// matrix. Ascending, complete up to kTabledBlocks; beyond, `choose_code` applies the same rule.
+/// Larger block counts take peel seed 0, but for these, whose encoder's matrix it leaves unsolvable:
+/// they take the first seed that does not. In ascending order, complete up to kTabledBlocks; beyond,
+/// the same rule is applied at run time. `ox_fountain_search exceptions` continues the list.
 inline constexpr uint32_t kTabledBlocks = 24983;
 struct PeelSeed {
     uint16_t block_count;

@@ -60,8 +60,8 @@ WirehairResult wirehair_decode(WirehairCodec codec, uint32_t block_id, const voi
 /// `wirehair_decode` succeeded, InvalidInput for a null argument, an encoder or another length.
 WirehairResult wirehair_recover(WirehairCodec codec, void* message, uint64_t message_bytes);
 
-/// Also gives the block's length. NeedMore before `wirehair_decode` succeeded, InvalidInput for a
-/// null argument, an encoder or an id that is no source block's.
+/// Writes source block `block_id` and its length. NeedMore before `wirehair_decode` succeeded,
+/// InvalidInput for a null argument, an encoder or an id that is no source block's.
 WirehairResult wirehair_recover_block(WirehairCodec codec, uint32_t block_id, void* block,
                                       uint32_t* bytes);
 

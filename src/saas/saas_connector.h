@@ -41,9 +41,9 @@ enum class LinkEvent : uint8_t {
 };
 
 /// Keeps the agent connected: a worker registers, sends what is queued, answers pings, calls back
-/// with requests and reconnects. Any thread may call `send_*`, one the rest. What was queued
-/// without a link is dropped at the next connection; a session's readiness, end and errors are
-/// repeated. Nothing throws.
+/// with requests and reconnects. Any thread may call `send_*`, which only queue, one the
+/// rest. What was queued without a link is dropped at the next connection; a session's readiness,
+/// end and errors are repeated. Nothing throws.
 class SaasConnector {
   public:
     using PrepareSessionCallback = std::function<void(PrepareSessionParams&&)>;

@@ -21,7 +21,7 @@ class LoadProbe {
   public:
     explicit LoadProbe(std::string root = "") : root_(std::move(root)) {}
 
-    /// Percent of all CPUs since the previous call, at first since boot; 0 when unknown.
+    /// CPU load in percent since the previous call, at first since boot; 0 when unknown.
     float cpu_usage_pct();
 
     /// Available memory in MiB, 0 when unknown.

@@ -40,7 +40,7 @@ class TlsSession {
     void send_close_notify();
 
     [[nodiscard]] std::string cipher_name() const;
-    /// The library's first queued error, which is removed, and the certificate's fault.
+    /// The library's first queued error, taken off the queue, and the certificate's fault.
     [[nodiscard]] std::string failure_text() const;
 
   private:

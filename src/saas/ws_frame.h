@@ -34,7 +34,7 @@ struct WsFrame {
     std::string payload;  ///< unmasked
 };
 
-/// Decodes pieces of any size. Tolerates masked frames, reserved bits and needlessly long lengths.
+/// Decodes a stream. Tolerates masked frames, reserved bits and lengths in a needlessly long form.
 class WsFrameDecoder {
   public:
     enum class Result {

@@ -37,8 +37,7 @@ class RealTimePriority {
 
 /// Lowers the nice value of a thread that is busy for much of each frame's time, and of its
 /// workers: they go first on cores that a game shares, but starve nobody. Used by that thread. New
-/// threads and children, such as the recorder, stay ordinary, so RealtimeKit is asked for each
-/// worker.
+/// threads and children, such as the recorder, stay ordinary; RealtimeKit is asked for each worker.
 class RaisedThreads {
   public:
     /// `who` prefixes the log lines.

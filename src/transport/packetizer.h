@@ -23,7 +23,8 @@ class Packetizer {
     [[nodiscard]] float repair_ratio() const;
 
     /// Appends data packets in order, then repair packets, in plaintext; a lone video packet is
-    /// followed by its copy. More than 65535 packets are dropped with an error line.
+    /// followed by its copy. A frame of more than 65535 packets is dropped with
+    /// an error line.
     void packetize(const EncodedFrame& frame, uint32_t stream,
                    std::vector<OutgoingPacket>& out) const;
 

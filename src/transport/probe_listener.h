@@ -20,8 +20,8 @@ sockaddr_in ipv4_endpoint(in_addr address, uint16_t port);
 std::optional<in_addr> parse_ipv4(const std::string& text);
 
 /// Where one sender's media goes: to the configured destination, then to the source of the first
-/// hole-punch probe. Any thread may call `destination` and `take_moved`, the owner the rest. See
-/// UdpSender.
+/// hole-punch probe. Any thread may call `destination` and `take_moved`, the owner the rest; see
+/// UdpSender for their meaning.
 class ProbeListener {
   public:
     ProbeListener() = default;

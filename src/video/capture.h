@@ -28,9 +28,8 @@ inline uint64_t next_content() {
 }
 
 /// One picture: width x height pixels of B, G, R, A without row padding, read through `pixels()`.
-/// Memory of the backend's own, kept alive by `lent`, changes with its next `capture_frame` and
-/// stays readable as long as the frame holds it; its fourth bytes are undefined, those in `data`
-/// 255.
+/// The backend's own memory, kept alive by `lent`, changes with the next `capture_frame` and stays
+/// readable as long as the frame holds it. Its fourth bytes are undefined, those in `data` 255.
 struct CapturedFrame {
     std::vector<uint8_t> data;
     std::shared_ptr<const uint8_t> lent;

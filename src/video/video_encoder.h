@@ -42,7 +42,8 @@ class VideoEncoder {
                      uint64_t timestamp, EncodedFrame& out, uint64_t content = 0);
 
     /// The next picture is a keyframe. If the backend refuses, the old bitrate is tried, then the
-    /// rest of the ladder: see `name` and `bitrate_kbps`. False when not open or closed by that.
+    /// rest of the ladder: see `name` and `bitrate_kbps`. False when not open, or when
+    /// all refuse, which closes it.
     bool reconfigure_bitrate(uint32_t kbps);
 
     [[nodiscard]] uint32_t bitrate_kbps() const;

@@ -24,16 +24,16 @@ class XGrabber;
 class XImageReader;
 struct ScreenSize;
 
-/// Pictures of an X root window of any, also changing, size with the mouse pointer. With MIT-SHM
-/// and the usual layout a frame lends the segment into which the server writes. An unchanged screen
-/// is not fetched again where the server announces changes: the frame has a new time. Once the
-/// server is gone, `capture_frame` returns 1.
+/// Pictures of an X root window, with the mouse pointer; follows changes of its size. With MIT-SHM
+/// and the usual layout a frame lends the segment into which the server writes. Where the server
+/// announces changes, an unchanged screen is not fetched again: the frame only has a new time. Once
+/// the server is gone, `capture_frame` returns 1.
 class X11Capture final : public ICapture {
   public:
     static constexpr uint32_t kMaxSide = 8192;
 
     /// An empty `display` is `$DISPLAY`; without an authorization Xlib looks for one. `cancelled`
-    /// may be empty, any thread: a second after it is true, no hanging server is waited for.
+    /// may be empty; any thread calls it: once true, a hanging server is waited for a second.
     explicit X11Capture(std::string display, XAuthorization authorization = {},
                         std::function<bool()> cancelled = {});
     ~X11Capture() override;

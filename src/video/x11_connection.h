@@ -26,7 +26,7 @@ struct ScreenSize {
 };
 
 /// A connection that survives whatever the X server does. Xlib's handlers would end the process on
-/// a refused request or a lost connection; the first connection replaces them for all. Xlib waits
+/// a refused request or a lost connection; the first connection replaces them for good. Xlib waits
 /// for ever for a hanging server: a watchdog shuts the connection down once `cancelled` has been
 /// true, or it has been closing, for a second. One thread.
 class XConnection {

@@ -24,7 +24,7 @@ class X11Pointer {
     /// Handles the announcement of a new picture; ignores other events.
     void on_event(const XEvent& event);
 
-    /// Without waiting: the reply comes with that to the next request.
+    /// Does not wait: the reply comes with that to the next request.
     void request_position();
     /// Reads the position, and the picture if it is new.
     void update();

@@ -10,7 +10,8 @@
 
 namespace ox {
 
-/// How long a keyframe answers requests: the round trip plus 150 ms, 250 ms outside of 0..1000 ms.
+/// How long after a keyframe requests count as answered by it: the round trip plus 150 ms, or 250
+/// ms for a round trip outside of 0..1000 ms.
 std::chrono::microseconds keyframe_in_flight_window(float rtt_ms);
 
 /// Serves the first request for a keyframe at once, later ones once a second. Any thread may call

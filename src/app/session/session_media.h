@@ -62,7 +62,7 @@ class SessionVideo : public MediaSocket {
     std::vector<OutgoingPacket> packets_;  ///< reused, so that a frame allocates nothing
 };
 
-/// Without --audio, or after a failure, the session goes on without it.
+/// The sound; without --audio, or after a failure, the session goes on without it.
 class SessionAudio {
   public:
     static constexpr int kSampleRate = 48000;

@@ -16,7 +16,7 @@ struct CardPlan {
     bool operator==(const CardPlan&) const = default;
 };
 
-/// Or what the session waits for. All texts of `board` must be printable.
+/// Headline, format, measurements; or what it waits for. All texts of `board` must be printable.
 std::vector<Line> session_card(const Snapshot& board, const View& view, int width,
                                const CardPlan& plan);
 
