@@ -171,6 +171,11 @@ std::string alert_text(Alert alert, Lang lang, Host host, uint16_t port,
     return with_port(remedy_for(alert, host, reason).in(lang), port);
 }
 
+std::string address_text(const OwnAddress& own, Lang lang) {
+    return own.ip + Text{", port base ", ", базовый порт "}.in(lang) +
+           std::to_string(own.port_base);
+}
+
 std::string closed_port_text(const ClosedPort& closed, Lang lang) {
     constexpr uint16_t kFirstUnprivilegedPort = 1024;
     Text text{"Port {port} can't be opened, details in the log.",

@@ -83,8 +83,7 @@ std::string reachable_text(const OwnAddress& own, Lang lang) {
     return Text{"A launcher can connect to this PC now: ",
                 "Лаунчер может подключиться к\u00A0этому ПК: "}
                .in(lang) +
-           own.ip + Text{", port base ", ", базовый порт "}.in(lang) +
-           std::to_string(own.port_base) + ".";
+           address_text(own, lang) + ".";
 }
 
 // What the owner may want to know or do while nothing is streamed.
