@@ -17,8 +17,8 @@ if(TARGET orvex-play)
   set(play_summary "play on another PC that runs orvex-agent")
   set(play_description
     "Opens a window with the picture of a PC that runs orvex-agent, plays its
-sound, and sends it the keyboard and the mouse of this one. Picture and
-sound are encrypted and decoded as soon as they arrive.")
+sound, and sends it the keyboard and the mouse of this one. The stream is
+encrypted, and each picture is shown as soon as it is decoded.")
 endif()
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)

@@ -39,7 +39,7 @@ debian_packages() {
   fuzz_packages=(clang libclang-rt-dev)
   picture_packages=(fonts-dejavu-core imagemagick tmux xterm xvfb)
   platform_packages=(openssl python3 python3-websockets)
-  package_packages=(debootstrap dpkg-dev file)
+  package_packages=(debootstrap dpkg-dev file librsvg2-bin lintian)
 }
 
 # The libraries by what their packages provide: FFmpeg is Fedora's own (ffmpeg-free) or, once that
@@ -51,6 +51,8 @@ fedora_packages() {
     dbus-devel json-devel libX11-devel libXau-devel libXdamage-devel libXext-devel libXfixes-devel
     libsodium-devel libxcb-devel libyuv-devel openssl-devel opus-devel pipewire-devel
     pulseaudio-libs-devel wayland-devel
+    # and of orvex-play
+    SDL2-devel dejavu-sans-fonts libsamplerate-devel pango-devel
   )
   framework_packages=(
     gmock-devel google-benchmark-devel gtest-devel libXrandr-devel libXrender-devel libvterm-devel
@@ -58,7 +60,7 @@ fedora_packages() {
   # Without PulseAudio's own server, which excludes the one that Fedora's desktops have.
   test_packages=(
     ShellCheck dbus-daemon openssl pipewire pulseaudio-utils python3 python3-dbus python3-gobject
-    python3-websockets wireplumber xorg-x11-server-Xvfb xorg-x11-xauth
+    python3-websockets wireplumber xdotool xorg-x11-server-Xvfb xorg-x11-xauth
   )
   pinned_packages=()
   bench_packages=(
@@ -68,7 +70,7 @@ fedora_packages() {
   fuzz_packages=(clang compiler-rt)
   platform_packages=(openssl python3 python3-websockets)
   picture_packages=(ImageMagick dejavu-sans-mono-fonts tmux xorg-x11-server-Xvfb xterm)
-  package_packages=(file rpm-build)
+  package_packages=(file librsvg2-tools rpm-build)
   # Fedora leaves libx264 and libx265 out of its FFmpeg.
   rpm_fusion=false
   if rpm -q --quiet rpmfusion-free-release; then
@@ -82,12 +84,14 @@ arch_packages() {
     ca-certificates ccache cmake gcc git ninja pkgconf
     dbus ffmpeg libpipewire libpulse libsodium libx11 libxau libxcb libxdamage libxext libxfixes
     libyuv nlohmann-json openssl opus wayland
+    # and of orvex-play
+    libsamplerate pango sdl2 ttf-dejavu
   )
   framework_packages=(benchmark gtest libvterm libxrandr libxrender)
   # Without PulseAudio's own server, which excludes PipeWire's.
   test_packages=(
     openssl pipewire python python-dbus python-gobject python-websockets shellcheck wireplumber
-    xorg-server-xvfb xorg-xauth
+    xdotool xorg-server-xvfb xorg-xauth
   )
   pinned_packages=()
   bench_packages=(
@@ -96,7 +100,7 @@ arch_packages() {
   fuzz_packages=(clang compiler-rt)
   platform_packages=(openssl python python-websockets)
   picture_packages=(imagemagick tmux ttf-dejavu xorg-server-xvfb xterm)
-  package_packages=(base-devel)
+  package_packages=(base-devel librsvg)
 }
 
 # Has this system PROGRAM?
