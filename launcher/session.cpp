@@ -91,6 +91,7 @@ bool Session::connect() {
         case ConnectResult::Ready:
             break;
         case ConnectResult::Refused:
+        case ConnectResult::UnknownHost:
             fail(ExitStatus::Refused, control_.error());
             return false;
         case ConnectResult::Rejected:

@@ -32,21 +32,19 @@ struct AddressDeleter {
     void operator()(addrinfo* list) const noexcept { ::freeaddrinfo(list); }
 };
 
-std::optional<sockaddr_in> resolve(const std::string& host, uint16_t port, std::string& error) {
+/// The status of getaddrinfo; 0 with `address` set.
+int resolve(const std::string& host, uint16_t port, sockaddr_in& address) {
     addrinfo hints{};
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
     const int result = ::getaddrinfo(host.c_str(), nullptr, &hints, &found);
     const std::unique_ptr<addrinfo, AddressDeleter> list(found);
-    if (result != 0 || !list || list->ai_addrlen != sizeof(sockaddr_in)) {
-        error = "cannot resolve '" + host + "': " + ::gai_strerror(result);
-        return std::nullopt;
-    }
-    sockaddr_in address{};
+    if (result != 0) return result;
+    if (!list || list->ai_addrlen != sizeof address) return EAI_NONAME;
     std::memcpy(&address, list->ai_addr, sizeof address);
     address.sin_port = htons(port);
-    return address;
+    return 0;
 }
 
 enum class Wait : uint8_t { Ready, TimedOut, Stopped };
@@ -74,10 +72,14 @@ ConnectResult ControlClient::connect(const std::string& host, uint16_t port,
         switch (try_connect(host, port, deadline, stop)) {
             case Attempt::Stopped:
                 return ConnectResult::Stopped;
+            case Attempt::UnknownHost:
+                return ConnectResult::UnknownHost;
             case Attempt::TryAgain:
                 break;
             case Attempt::Connected: {
                 connected_ = true;
+                ended_by_agent_ = false;
+                last_heard_us_ = steady_now_us();
                 const auto result = authenticate(auth_line, deadline, stop);
                 if (result == ConnectResult::Ready) {
                     reader_ = std::jthread([this] { reader_loop(); });
@@ -98,8 +100,11 @@ ConnectResult ControlClient::connect(const std::string& host, uint16_t port,
 ControlClient::Attempt ControlClient::try_connect(const std::string& host, uint16_t port,
                                                   SteadyClock::time_point deadline,
                                                   const StopPredicate& stop) {
-    const auto address = resolve(host, port, error_);
-    if (!address) return Attempt::TryAgain;
+    sockaddr_in address{};
+    if (const int status = resolve(host, port, address); status != 0) {
+        error_ = "cannot resolve '" + host + "': " + ::gai_strerror(status);
+        return status == EAI_NONAME ? Attempt::UnknownHost : Attempt::TryAgain;
+    }
     const std::string target = host + " port " + std::to_string(port);
     socket_.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_in local{};
@@ -110,7 +115,7 @@ ControlClient::Attempt ControlClient::try_connect(const std::string& host, uint1
         error_ = "cannot send from '" + local_ip_ + "'";
         return Attempt::TryAgain;
     }
-    if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) !=
+    if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
         0) {
         int failure = errno;
         if (failure == EINPROGRESS) {
@@ -130,7 +135,7 @@ ControlClient::Attempt ControlClient::try_connect(const std::string& host, uint1
     const int on = 1;
     ::setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     std::array<char, INET_ADDRSTRLEN> text{};
-    ::inet_ntop(AF_INET, &address->sin_addr, text.data(), text.size());
+    ::inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size());
     agent_ip_ = text.data();
     received_.clear();
     return Attempt::Connected;
@@ -183,7 +188,9 @@ void ControlClient::reader_loop() {
         if (::poll(&entry, 1, static_cast<int>(kPollSlice.count())) <= 0) continue;
         const ssize_t got = ::recv(socket_.get(), chunk.data(), chunk.size(), 0);
         if (got < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+        if (got == 0) ended_by_agent_ = true;
         if (got <= 0) break;
+        last_heard_us_ = steady_now_us();
         received_.append(chunk.data(), static_cast<size_t>(got));
         size_t begin = 0;
         for (size_t end; (end = received_.find('\n', begin)) != std::string::npos; begin = end + 1)

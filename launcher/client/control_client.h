@@ -18,15 +18,16 @@ namespace ox::launcher {
 /// How an attempt to open a session ended.
 enum class ConnectResult : uint8_t {
     Ready,
-    Refused,    ///< no connection until the deadline
-    Rejected,   ///< the agent closed the connection after the auth line
-    NoAnswer,   ///< connected, but the deadline passed without an answer
-    BadAnswer,  ///< the answer is no session_ready
-    Stopped,    ///< `stop` returned true
+    Refused,      ///< no connection until the deadline
+    UnknownHost,  ///< the name does not exist
+    Rejected,     ///< the agent closed the connection after the auth line
+    NoAnswer,     ///< connected, but the deadline passed without an answer
+    BadAnswer,    ///< the answer is no session_ready
+    Stopped,      ///< `stop` returned true
 };
 
-/// The launcher's end of the TCP control channel. `send_line`, `is_connected` and `rtt_ms` may be
-/// called by any thread; everything else belongs to the owner. A reader thread runs from a
+/// The launcher's end of the TCP control channel. The owner may be one thread; `send_line`
+/// and the readings of the connection's state may be called by any. A reader thread runs from a
 /// successful `connect` to `close`.
 class ControlClient {
   public:
@@ -52,6 +53,10 @@ class ControlClient {
     bool send_ping();
 
     [[nodiscard]] bool is_connected() const { return connected_; }
+    /// The agent has closed the connection itself: it ended the session.
+    [[nodiscard]] bool ended_by_agent() const { return ended_by_agent_; }
+    /// Of the last bytes from the agent, own steady clock.
+    [[nodiscard]] uint64_t last_heard_us() const { return last_heard_us_; }
     /// Smoothed round-trip time; 0 before the first pong.
     [[nodiscard]] double rtt_ms() const { return rtt_ms_; }
     /// Dotted IPv4 address of the agent, once connected.
@@ -65,7 +70,7 @@ class ControlClient {
     void close();
 
   private:
-    enum class Attempt : uint8_t { Connected, TryAgain, Stopped };
+    enum class Attempt : uint8_t { Connected, TryAgain, UnknownHost, Stopped };
 
     Attempt try_connect(const std::string& host, uint16_t port, SteadyClock::time_point deadline,
                         const StopPredicate& stop);
@@ -83,6 +88,8 @@ class ControlClient {
     std::string received_;  ///< the owner's while connecting, then the reader's
     Mutex send_mutex_;      ///< keeps lines whole
     std::atomic<bool> connected_{false};
+    std::atomic<bool> ended_by_agent_{false};
+    std::atomic<uint64_t> last_heard_us_{0};
     std::atomic<double> rtt_ms_{0};
     std::jthread reader_;
 };

@@ -56,6 +56,7 @@ std::optional<InputSealer::Datagram> InputSealer::seal(InputPacket packet) {
 
 bool InputChannel::open(const std::string& ip, uint16_t port,
                         std::span<const uint8_t, InputSealer::kKeyBytes> key, std::string& error) {
+    const MutexLock lock(mutex_);
     socket_.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     agent_.sin_family = AF_INET;
     agent_.sin_port = htons(port);
@@ -63,7 +64,6 @@ bool InputChannel::open(const std::string& ip, uint16_t port,
         error = std::string("cannot send input: ") + std::strerror(errno);
         return false;
     }
-    const MutexLock lock(mutex_);
     sealer_.emplace(key);
     return true;
 }

@@ -47,10 +47,10 @@ struct InputCounters {
     uint64_t media_feedback = 0;
 };
 
-/// Sends input and feedback to the agent's input port. After `open`, any thread may send.
+/// Sends input and feedback to the agent's input port. Any thread.
 class InputChannel {
   public:
-    /// Sets the agent's address and the session's input key. False, with a text for the user in
+    /// Sets the agent's address and the session's input key, also anew. False, with a text for the user in
     /// `error`, without a socket.
     bool open(const std::string& ip, uint16_t port,
               std::span<const uint8_t, InputSealer::kKeyBytes> key, std::string& error);
@@ -64,9 +64,9 @@ class InputChannel {
   private:
     void count(const InputPacket& packet) OX_REQUIRES(mutex_);
 
-    UniqueFd socket_;
-    sockaddr_in agent_{};
     mutable Mutex mutex_;
+    UniqueFd socket_ OX_GUARDED_BY(mutex_);
+    sockaddr_in agent_ OX_GUARDED_BY(mutex_){};
     std::optional<InputSealer> sealer_ OX_GUARDED_BY(mutex_);
     InputCounters counters_ OX_GUARDED_BY(mutex_);
 };

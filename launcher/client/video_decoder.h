@@ -45,15 +45,24 @@ class VideoDecoder {
     VideoDecoder(const VideoDecoder&) = delete;
     VideoDecoder& operator=(const VideoDecoder&) = delete;
 
-    /// False, with a text for the user in `error`, when the codec is not available.
-    bool open(Codec codec, std::string& error);
+    enum class Hardware : uint8_t { Never, WhereThere };
 
-    /// Decodes one access unit and passes its picture to `sink`. False when the decoder refused the
-    /// unit; the next one can be tried nevertheless.
+    /// False, with a text for the user in `error`, when the codec is not available.
+    bool open(Codec codec, std::string& error, Hardware hardware = Hardware::Never);
+
+    /// "software", or the kind of hardware that is in use: "vaapi", "cuda" ...
+    [[nodiscard]] const char* kind() const;
+
+    /// Decodes one access unit and passes its picture, always in memory, to `sink`. False when the
+    /// decoder refused the unit; the next one can be tried nevertheless. Hardware that refuses is
+    /// replaced by software, which starts at the next keyframe.
     bool decode(const AssembledFrame& frame, const Sink& sink);
 
   private:
     struct Impl;
+
+    void pass_on(const AVFrame& image, const Sink& sink);
+
     std::unique_ptr<Impl> impl_;
 };
 

@@ -116,12 +116,16 @@ DecodeStats DecodeWorker::stats() const {
 
 void DecodeWorker::run() {
     while (const auto frame = queue_.pop()) {
+        const uint64_t begun = steady_now_us();
         const bool decoded =
             decoder_.decode(*frame, [&](const DecodedPicture& p) { on_picture(p); });
+        const uint64_t took = steady_now_us() - begun;
         if (sinks_.frame) sinks_.frame(*frame);
 
         const MutexLock lock(mutex_);
         if (!decoded) ++stats_.decode_errors;
+        stats_.decoding_us += took;
+        stats_.decoder = decoder_.kind();
         const uint64_t arrival = frame->completed - frame->timestamp;
         if (frame->timestamp != 0 && arrival < kMaxLatencyUs) stats_.arrival_latency.add(arrival);
     }

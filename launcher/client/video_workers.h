@@ -94,6 +94,8 @@ struct DecodeStats {
     uint32_t last_frame_id = 0;
     uint64_t first_decoded_us = 0;
     uint64_t last_decoded_us = 0;
+    uint64_t decoding_us = 0;  ///< spent on all frames
+    const char* decoder = "";  ///< as VideoDecoder::kind
     // Only of frames with a capture time on this machine's clock:
     LatencyHistogram arrival_latency;  ///< capture to the frame's last needed packet
     LatencyHistogram latency;          ///< capture to decoded picture
@@ -116,7 +118,10 @@ class DecodeWorker {
     DecodeWorker& operator=(const DecodeWorker&) = delete;
 
     /// Opens the decoder. False, with a text for the user in `error`, on failure.
-    bool open(Codec codec, std::string& error) { return decoder_.open(codec, error); }
+    bool open(Codec codec, std::string& error,
+              VideoDecoder::Hardware hardware = VideoDecoder::Hardware::Never) {
+        return decoder_.open(codec, error, hardware);
+    }
     void start();
     /// Waits for the end of the queue, which the caller has closed.
     void join();

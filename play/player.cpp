@@ -1,0 +1,180 @@
+#include "play/player.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
+namespace ox::play {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr milliseconds kLongestWait{100};
+constexpr seconds kStatisticsPeriod{1};
+constexpr seconds kFarewell{8};
+
+double seconds_between(SteadyClock::time_point from, SteadyClock::time_point to) {
+    return std::chrono::duration<double>(to - from).count();
+}
+
+}  // namespace
+
+/// SDL's connection to the window system.
+class Player::Video {
+  public:
+    Video() : open_(SDL_InitSubSystem(SDL_INIT_VIDEO) == 0) {}
+    ~Video() {
+        if (open_) SDL_QuitSubSystem(SDL_INIT_VIDEO);
+    }
+    Video(const Video&) = delete;
+    Video& operator=(const Video&) = delete;
+
+    [[nodiscard]] bool is_open() const { return open_; }
+
+  private:
+    bool open_;
+};
+
+Player::Player(const Options& options, tui::Lang lang)
+    : options_(options), lang_(lang), show_statistics_(options.stats) {}
+
+Player::~Player() = default;
+
+Player::Result Player::run() {
+    std::string error;
+    video_ = std::make_unique<Video>();
+    if (!video_->is_open())
+        return {
+            ExitStatus::NoDisplay,
+            std::string("no window system: ") + SDL_GetError() + " (start it in a desktop session)",
+            {}};
+    if (!open_window(error)) return {ExitStatus::NoDisplay, error, {}};
+    link_ = std::make_unique<Link>(options_, pictures_,
+                                   Link::Sinks{.wake = [this] { wake(); }, .sound = {}});
+    link_->start();
+    loop();
+    link_->stop();
+
+    const LinkStatus status = link_->status();
+    Result result{.status = status.exit, .error = status.error, .summary = {}};
+    if (undrawable_)
+        result = {ExitStatus::Undecodable, "the pictures are of a kind that cannot be shown", {}};
+    if (pictures_shown_ > 0) {
+        const double time = seconds_between(first_shown_, SteadyClock::now());
+        std::array<char, 160> line{};
+        std::snprintf(line.data(), line.size(),
+                      "played %.1f s: %llu pictures, %.1f a second, %llu lost on the way, %s", time,
+                      static_cast<unsigned long long>(pictures_shown_),
+                      static_cast<double>(pictures_shown_) / std::max(time, 1e-3),
+                      static_cast<unsigned long long>(status.progress.frames_lost), status.decoder);
+        result.summary = line.data();
+    }
+    return result;
+}
+
+bool Player::open_window(std::string& error) {
+    wake_event_ = SDL_RegisterEvents(1);
+    if (options_.width == 0) {
+        const SDL_Point size = display_size();
+        options_.width = size.x;
+        options_.height = size.y;
+    }
+    return window_.open({.title = options_.host + " — orvex-play",
+                         .picture = {options_.width, options_.height},
+                         .fullscreen = options_.fullscreen},
+                        error);
+}
+
+// One event is enough for everything that has changed until it is handled.
+void Player::wake() {
+    if (wake_pending_.exchange(true)) return;
+    SDL_Event event{};
+    event.type = wake_event_;
+    SDL_PushEvent(&event);
+}
+
+void Player::loop() {
+    while (!quit_) {
+        SDL_Event event{};
+        if (SDL_WaitEventTimeout(&event, static_cast<int>(kLongestWait.count())) == 1) {
+            do {
+                handle(event);
+            } while (SDL_PollEvent(&event) == 1);
+        }
+        update();
+    }
+}
+
+void Player::handle(const SDL_Event& event) {
+    if (event.type == wake_event_) {
+        wake_pending_ = false;
+        return;
+    }
+    switch (event.type) {
+        case SDL_QUIT:
+            quit_ = true;
+            break;
+        case SDL_KEYDOWN:
+            if (farewell_until_ != SteadyClock::time_point{}) quit_ = true;
+            break;
+        case SDL_WINDOWEVENT:
+            redraw_ = true;
+            break;
+        default:
+            break;
+    }
+}
+
+void Player::update() {
+    const auto now = SteadyClock::now();
+    if (Picture picture = pictures_.take(); picture.image) {
+        shown_ = std::move(picture);
+        if (pictures_shown_++ == 0) first_shown_ = now;
+        redraw_ = true;
+    }
+    const LinkStatus status = link_->status();
+    if (is_over(status, now)) quit_ = true;
+    if (auto message = status_message(status, options_.host, now, lang_); message != message_) {
+        message_ = std::move(message);
+        redraw_ = true;
+    }
+    if (show_statistics_ && now >= statistics_due_) {
+        const double time = seconds_between(statistics_due_, now + kStatisticsPeriod);
+        const auto age =
+            status.clock.age_ms(shown_.timestamp, steady_now_us(), status.progress.rtt_ms);
+        statistics_ = statistics_text(
+            status,
+            {.picture =
+                 shown_.image ? SDL_Point{shown_.image->width, shown_.image->height} : SDL_Point{},
+             .renderer = window_.renderer(),
+             .shown_fps = static_cast<double>(pictures_shown_ - statistics_shown_) / time,
+             .age_ms = age.value_or(-1),
+             .dropped = pictures_.dropped(),
+             .automatic_bitrate = options_.bitrate_kbps == 0},
+            lang_);
+        statistics_shown_ = pictures_shown_;
+        statistics_due_ = now + kStatisticsPeriod;
+        redraw_ = true;
+    }
+    if (redraw_) draw(status, now);
+}
+
+void Player::draw(const LinkStatus& /*status*/, SteadyClock::time_point /*now*/) {
+    redraw_ = false;
+    if (window_.show(shown_.image.get(), message_, show_statistics_ ? statistics_ : "")) return;
+    undrawable_ = true;
+    quit_ = true;
+}
+
+// What failed before the first picture is said on the terminal; afterwards the player looks at the
+// window.
+bool Player::is_over(const LinkStatus& status, SteadyClock::time_point now) {
+    if (status.state != LinkState::Ended) return false;
+    if (pictures_shown_ == 0 || status.error.empty()) return true;
+    if (farewell_until_ == SteadyClock::time_point{}) farewell_until_ = now + kFarewell;
+    return now >= farewell_until_;
+}
+
+}  // namespace ox::play
