@@ -59,50 +59,11 @@ done
 scripts/build.sh release orvex-agent pipeline_probe x_painter x264_alone >/dev/null
 bin=$PWD/build/release
 
-scratch=$(mktemp -d)
+. bench/pipelines.sh
 results=${results:-$scratch/results}
 : >"$results"
-started=()
-stop_started() {
-  [ ${#started[@]} -eq 0 ] || kill "${started[@]}" 2>/dev/null || true
-  wait 2>/dev/null || true
-  started=()
-}
-cleanup() {
-  stop_started
-  rm -rf "$scratch"
-}
-trap cleanup EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM HUP
-
-# Starts an X server of $size with the painter of $scene.
-start_screen() {
-  local number painted_fps=$fps strips=400
-  [ "$scene" = moving ] || painted_fps=0
-  if $phases; then
-    painted_fps=${content_fps:-$fps} strips=0
-  fi
-  rm -f "$scratch/display"
-  mkfifo "$scratch/display"
-  Xvfb -displayfd 3 -screen 0 "${size}x24" -noreset -nolisten tcp 3<>"$scratch/display" \
-    >/dev/null 2>&1 &
-  started+=($!)
-  read -r -t 20 number <"$scratch/display"
-  display=:$number
-  "$bin/bench/x_painter" "$display" "$painted_fps" "$strips" >"$scratch/painter" &
-  started+=($!)
-  for _ in {1..200}; do
-    grep -qs painting "$scratch/painter" && return
-    sleep 0.1
-  done
-  echo "compare_pipelines.sh: no painter" >&2
-  exit 1
-}
 
 port=$((20000 + RANDOM % 1200 * 10))
-buffer_ms=125 # an eighth of a second of data, as the agent's encoder has it
-keyframe_s=30
 SRTP_KEY=$(od -An -N30 -tx1 /dev/urandom | tr -d ' \n')
 export SRTP_KEY
 probe() { "$bin/bench/pipeline_probe" "$1" "$port" "$size" "$fps" "$bitrate" "$warm_up" "$window" "${@:2}"; }
@@ -121,14 +82,6 @@ srtp_key_base64() {
   done
   printf '%b' "$bytes" | base64
 }
-# ffmpeg_to OUTPUT-OPTION...
-ffmpeg_to() {
-  ffmpeg_command=(ffmpeg -nostdin -loglevel error -fflags nobuffer -f x11grab -draw_mouse 0
-    -framerate "$fps" -video_size "$size" -i "$display" -c:v libx264 -preset ultrafast
-    -tune zerolatency -thread_type slice -sws_flags fast_bilinear -pix_fmt yuv420p
-    -b:v "${bitrate}k" -maxrate "${bitrate}k" -bufsize $((bitrate * buffer_ms)) -bf 0
-    -g $((keyframe_s * fps)) -flush_packets 1 "$@")
-}
 run_ffmpeg() {
   ffmpeg_to -f rtp "rtp://127.0.0.1:$port?pkt_size=1200"
   probe rtp "${ffmpeg_command[@]}"
@@ -138,16 +91,6 @@ run_ffmpeg-srtp() {
     -srtp_out_params "$(srtp_key_base64)" \
     -f rtp "srtp://127.0.0.1:$port?pkt_size=1200"
   probe srtp "${ffmpeg_command[@]}"
-}
-# gstreamer_to MTU ELEMENT...
-gstreamer_to() {
-  # shellcheck disable=SC2054
-  gstreamer_command=(gst-launch-1.0 -q ximagesrc display-name="$display" use-damage=false
-    show-pointer=false ! "video/x-raw,framerate=$fps/1" ! videoconvert ! video/x-raw,format=I420
-    ! x264enc tune=zerolatency speed-preset=ultrafast pass=cbr bitrate="$bitrate"
-    vbv-buf-capacity="$buffer_ms" bframes=0 key-int-max=$((keyframe_s * fps))
-    ! rtph264pay mtu="$1" config-interval=-1 aggregate-mode=zero-latency "${@:2}"
-    ! udpsink host=127.0.0.1 port="$port" sync=false async=false)
 }
 run_gstreamer() {
   gstreamer_to 1200

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <string_view>
 
 namespace ox::play {
 
@@ -31,7 +32,11 @@ class Player::Video {
     Video(const Video&) = delete;
     Video& operator=(const Video&) = delete;
 
-    [[nodiscard]] bool is_open() const { return open_; }
+    /// Somebody can look at it: SDL falls back to drivers without a screen.
+    [[nodiscard]] bool has_screen() const {
+        const std::string_view driver = open_ ? SDL_GetCurrentVideoDriver() : "";
+        return !driver.empty() && driver != "offscreen" && driver != "dummy" && driver != "evdev";
+    }
 
   private:
     bool open_;
@@ -45,11 +50,9 @@ Player::~Player() = default;
 Player::Result Player::run() {
     std::string error;
     video_ = std::make_unique<Video>();
-    if (!video_->is_open())
+    if (!video_->has_screen())
         return {
-            ExitStatus::NoDisplay,
-            std::string("no window system: ") + SDL_GetError() + " (start it in a desktop session)",
-            {}};
+            ExitStatus::NoDisplay, "there is no window system: start it in a desktop session", {}};
     if (!open_window(error)) return {ExitStatus::NoDisplay, error, {}};
     link_ = std::make_unique<Link>(options_, pictures_,
                                    Link::Sinks{.wake = [this] { wake(); }, .sound = {}});

@@ -35,7 +35,7 @@ debian_packages() {
   pinned_packages=(clang-format-14 clang-tidy-14)
   bench_packages=(
     ffmpeg gnuplot-nox gstreamer1.0-plugins-bad gstreamer1.0-plugins-base gstreamer1.0-plugins-good
-    gstreamer1.0-plugins-ugly gstreamer1.0-tools gstreamer1.0-x libisal-dev libsrtp2-dev xvfb
+    gstreamer1.0-libav gstreamer1.0-plugins-ugly gstreamer1.0-tools gstreamer1.0-x libisal-dev libsrtp2-dev xvfb
   )
   fuzz_packages=(clang libclang-rt-dev)
   picture_packages=(fonts-dejavu-core imagemagick tmux xterm xvfb)
