@@ -108,7 +108,8 @@ if [[ " ${names[*]} " == *" orvex-play "* ]]; then
   "${inside[@]}" orvex-play --version
   "${inside[@]}" orvex-play --help | grep -q '^Usage: orvex-play ' || fail "orvex-play shows no help"
   status=0
-  "${inside[@]}" env ORVEX_TOKEN=any timeout 20 orvex-play 127.0.0.1 2>"$root/tmp/play" || status=$?
+  # libwayland would say a line of its own where there is no such folder.
+  "${inside[@]}" env XDG_RUNTIME_DIR=/tmp ORVEX_TOKEN=any timeout 20 orvex-play 127.0.0.1 2>"$root/tmp/play" || status=$?
   cat "$root/tmp/play"
   { [ "$status" -eq 8 ] && [ "$(wc -l <"$root/tmp/play")" -eq 1 ]; } ||
     fail "orvex-play without a display ended with status $status"
