@@ -215,6 +215,7 @@ token_hash=$(printf %s "$token" | sha256sum | cut -c1-64)
 play_in_window() {
   local shown status=0 options=(--no-audio --stats --codec "$codec")
   rm -f "$out"/{window.png,play.out,display}
+  : >"$out/agent.out"  # read before the agent has opened it
   OX_LOG_FILE=$out/agent.log OX_TUI=plain "$build_dir/src/app/orvex-agent" \
     --token-sha256 "$token_hash" --port-base "$port_base" --capture "$capture" --no-input \
     >"$out/agent.out" 2>&1 </dev/null &
