@@ -193,6 +193,13 @@ std::string closed_port_text(const ClosedPort& closed, Lang lang) {
     return with_port(text.in(lang), closed.port);
 }
 
+std::string play_text(const OwnAddress& own, Lang lang) {
+    constexpr uint16_t kDefaultPortBase = 47998;  // orvex-play's
+    std::string text =
+        Text{"From another PC: orvex-play ", "С\u00A0другого ПК: orvex-play "}.in(lang) + own.ip;
+    return own.port_base == kDefaultPortBase ? text : text + ":" + std::to_string(own.port_base);
+}
+
 std::string event_text(const Event& event, Lang lang, uint16_t port) {
     if (event.kind == EventKind::AlertRaised) return alert_title(event.alert, lang, port);
     std::string text = event_message(event.kind).in(lang);

@@ -23,5 +23,7 @@ std::string closed_port_text(const ClosedPort& closed, Lang lang);
 std::string address_text(const OwnAddress& own, Lang lang);
 /// One line of the recent-events list; empty for an unknown kind.
 std::string event_text(const Event& event, Lang lang, uint16_t port);
+/// The command that plays on this PC from another one.
+std::string play_text(const OwnAddress& own, Lang lang);
 
 }  // namespace ox::tui
