@@ -5,51 +5,39 @@
 namespace ox {
 namespace {
 
-constexpr std::chrono::seconds kLimit{20};
+class PortalProbe : public test::WaylandTest {};
 
-class PortalProbe : public test::WaylandTest {
-  protected:
-    [[nodiscard]] PortalAnswer probe() const {
-        return probe_portal(desktop_->bus_address(), token_file_, kLimit);
-    }
-    void expect_nobody_was_asked() const {
+TEST_F(PortalProbe, TellsWhetherTheDesktopWouldAskAndAsksNobody) {
+    const test::TempDir folder;
+    const RestoreTokenFile token_file(folder.file("token"));
+    const auto probe = [&] {
+        return probe_portal(desktop_->bus_address(), token_file, std::chrono::seconds(20));
+    };
+    EXPECT_EQ(probe(), PortalAnswer::Missing) << "no portal";
+    const struct {
+        const char* name;
+        const char* token;
+        std::vector<std::string> portal;
+        PortalAnswer answer;
+    } cases[] = {
+        {"no ScreenCast", nullptr, {"version=0"}, PortalAnswer::Missing},
+        {"windows only", nullptr, {"sources=2"}, PortalAnswer::Missing},
+        {"no token", nullptr, {"known-token=abc"}, PortalAnswer::Asks},
+        {"a revoked token", "revoked", {"known-token=abc"}, PortalAnswer::Asks},
+        {"older than tokens", "abc", {"known-token=abc", "version=3"}, PortalAnswer::Asks},
+        {"a known token", "abc", {"known-token=abc"}, PortalAnswer::KnowsToken},
+        {"permissions kept elsewhere", "abc", {}, PortalAnswer::KnowsToken},
+    };
+    for (const auto& [name, token, portal, answer] : cases) {
+        SCOPED_TRACE(name);
+        ASSERT_TRUE(token == nullptr || token_file.write(token));
+        ASSERT_TRUE(desktop_->start_portal(portal));
+        EXPECT_EQ(probe(), answer);
         EXPECT_EQ(desktop_->portal_report().lines(), std::vector<std::string>{"ready"});
     }
-
-    test::TempDir folder_;
-    RestoreTokenFile token_file_{folder_.file("token")};
-};
-
-TEST_F(PortalProbe, APortalThatCannotShareAMonitorIsNone) {
-    EXPECT_EQ(probe(), PortalAnswer::Missing) << "no portal";
-    ASSERT_TRUE(desktop_->start_portal({"version=0"}));
-    EXPECT_EQ(probe(), PortalAnswer::Missing) << "a portal without ScreenCast";
-    ASSERT_TRUE(desktop_->start_portal({"sources=2"}));
-    EXPECT_EQ(probe(), PortalAnswer::Missing) << "windows only";
-    expect_nobody_was_asked();
+    EXPECT_EQ(token_file.read(), "abc");
     desktop_->kill_bus();
     EXPECT_EQ(probe(), PortalAnswer::Missing) << "no bus";
-}
-
-TEST_F(PortalProbe, WithoutATokenThatItKnowsThePortalAsks) {
-    ASSERT_TRUE(desktop_->start_portal({"known-token=abc"}));
-    EXPECT_EQ(probe(), PortalAnswer::Asks) << "no token";
-    ASSERT_TRUE(token_file_.write("revoked"));
-    EXPECT_EQ(probe(), PortalAnswer::Asks) << "a token that was revoked";
-    ASSERT_TRUE(token_file_.write("abc"));
-    ASSERT_TRUE(desktop_->start_portal({"known-token=abc", "version=3"}));
-    EXPECT_EQ(probe(), PortalAnswer::Asks) << "a portal from before the tokens";
-    expect_nobody_was_asked();
-}
-
-TEST_F(PortalProbe, ATokenThatIsKnownServesAndStays) {
-    ASSERT_TRUE(token_file_.write("abc"));
-    ASSERT_TRUE(desktop_->start_portal({"known-token=abc"}));
-    EXPECT_EQ(probe(), PortalAnswer::KnowsToken);
-    ASSERT_TRUE(desktop_->start_portal({}));
-    EXPECT_EQ(probe(), PortalAnswer::KnowsToken) << "a desktop that keeps permissions elsewhere";
-    EXPECT_EQ(token_file_.read(), "abc");
-    expect_nobody_was_asked();
 }
 
 }  // namespace
