@@ -14,21 +14,16 @@ TEST_F(PortalProbe, TellsWhetherTheDesktopWouldAskAndAsksNobody) {
         return probe_portal(desktop_->bus_address(), token_file, std::chrono::seconds(20));
     };
     EXPECT_EQ(probe(), PortalAnswer::Missing) << "no portal";
-    const struct {
-        const char* name;
-        const char* token;
-        std::vector<std::string> portal;
-        PortalAnswer answer;
-    } cases[] = {
-        {"no ScreenCast", nullptr, {"version=0"}, PortalAnswer::Missing},
-        {"windows only", nullptr, {"sources=2"}, PortalAnswer::Missing},
-        {"no token", nullptr, {"known-token=abc"}, PortalAnswer::Asks},
-        {"a revoked token", "revoked", {"known-token=abc"}, PortalAnswer::Asks},
-        {"older than tokens", "abc", {"known-token=abc", "version=3"}, PortalAnswer::Asks},
-        {"a known token", "abc", {"known-token=abc"}, PortalAnswer::KnowsToken},
-        {"permissions kept elsewhere", "abc", {}, PortalAnswer::KnowsToken},
-    };
-    for (const auto& [name, token, portal, answer] : cases) {
+    using Row = std::tuple<const char*, const char*, std::vector<std::string>, PortalAnswer>;
+    for (const auto& [name, token, portal, answer] : {
+             Row{"no ScreenCast", nullptr, {"version=0"}, PortalAnswer::Missing},
+             {"windows only", nullptr, {"sources=2"}, PortalAnswer::Missing},
+             {"no token", nullptr, {"known-token=abc"}, PortalAnswer::Asks},
+             {"a revoked token", "revoked", {"known-token=abc"}, PortalAnswer::Asks},
+             {"older than tokens", "abc", {"known-token=abc", "version=3"}, PortalAnswer::Asks},
+             {"a known token", "abc", {"known-token=abc"}, PortalAnswer::KnowsToken},
+             {"permissions kept elsewhere", "abc", {}, PortalAnswer::KnowsToken},
+         }) {
         SCOPED_TRACE(name);
         ASSERT_TRUE(token == nullptr || token_file.write(token));
         ASSERT_TRUE(desktop_->start_portal(portal));

@@ -21,15 +21,17 @@ namespace {
 const XAuthorization kOpen{};
 const XAuthorization kCookie{"MIT-MAGIC-COOKIE-1", "biscuit"};
 
+using Names = std::vector<std::string>;
 using Servers = std::map<int, std::map<std::string, XAuthorization>>;  ///< by authority file
 
 /// A machine with these desktops.
 struct Machine final : DesktopSources {
-    std::vector<std::string> manager;
-    std::vector<std::string> wayland;
+    Machine(const Names& names, const Names& displays, const Servers& servers)
+        : manager(names), wayland(displays), x(servers) {}
+    Names manager, wayland;
     Servers x;
 
-    std::vector<std::string> manager_environment() override { return manager; }
+    Names manager_environment() override { return manager; }
     std::vector<int> x_displays() override {
         std::vector<int> numbers;
         for (const auto& [number, keys] : x)
@@ -40,14 +42,13 @@ struct Machine final : DesktopSources {
         if (!x.contains(x_display) || !x[x_display].contains(file)) return std::nullopt;
         return XAccess{.authorization = x[x_display][file]};
     }
-    std::vector<std::string> wayland_displays() override { return wayland; }
+    Names wayland_displays() override { return wayland; }
     bool wayland_answers(const std::string& display) override {
         return std::find(wayland.begin(), wayland.end(), display) != wayland.end();
     }
 };
 
 TEST(FindDesktop, PicksWhatExistsAndIgnoresLeftOvers) {
-    using Names = std::vector<std::string>;
     const Names x_session{"LANG=C", "DISPLAY=:0", "XAUTHORITY=/auth"};
     const Names wayland_session{"DISPLAY=:0", "WAYLAND_DISPLAY=wayland-0",
                                 "XDG_SESSION_TYPE=wayland"};
@@ -58,8 +59,7 @@ TEST(FindDesktop, PicksWhatExistsAndIgnoresLeftOvers) {
     const struct {
         const char* name;
         Desktop known;
-        std::vector<std::string> manager;
-        std::vector<std::string> wayland;
+        Names manager, wayland;
         Servers x;
         const char* found;
         XAuthorization key = kOpen;
@@ -79,15 +79,12 @@ TEST(FindDesktop, PicksWhatExistsAndIgnoresLeftOvers) {
         {"a remote login", {.session_type = "tty"}, {}, {"wayland-1"}, {}, "Wayland wayland-1"},
         {"display given", {.display = ":9"}, wayland_session, {"wayland-0"}, open, "X11 :9"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Machine machine;
-        machine.manager = c.manager;
-        machine.wayland = c.wayland;
-        machine.x = c.x;
-        const Desktop found = find_desktop(c.known, machine);
-        EXPECT_EQ(describe(found), c.found);
-        EXPECT_EQ(found.x_access.authorization, c.key);
+    for (const auto& [name, known, manager, wayland, x, found, key] : cases) {
+        SCOPED_TRACE(name);
+        Machine machine(manager, wayland, x);
+        const Desktop desktop = find_desktop(known, machine);
+        EXPECT_EQ(describe(desktop), found);
+        EXPECT_EQ(desktop.x_access.authorization, key);
     }
 }
 

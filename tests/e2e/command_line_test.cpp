@@ -41,12 +41,7 @@ Outcome run(std::vector<std::string> arguments) {
 
 TEST(CommandLine, EndsWithItsTextAndStatus) {
     const std::string usage = std::string(kUsageStart) + OX_AGENT_PATH;
-    const struct {
-        std::vector<std::string> arguments;
-        int status;
-        std::string out;  ///< all of it; of the usage, its beginning
-        std::string err;  ///< a part of it
-    } cases[] = {
+    const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
         {{"--version"}, 0, "0.4.448\n", ""},
         {{"--help"}, 0, usage, ""},
         // The owner's settings must not change a result.

@@ -27,10 +27,7 @@ TEST(Stopping, SigtermEndsTheProgramPromptlyInEveryState) {
     const auto stream = [](Agent& agent, Connection& to) {
         ASSERT_TRUE(to.emplace<Player>(agent).receive_frames(5));
     };
-    const struct {
-        const char* log;  ///< shows that the state is reached
-        std::function<void(Agent&, Connection&)> enter;
-    } states[] = {
+    const std::tuple<const char*, std::function<void(Agent&, Connection&)>> states[] = {
         {"TcpControlServer: listening on port", [](auto&, auto&) {}},
         {"TcpControlServer: client connected from", send(R"({"type":"auth","tok)")},
         // Then waits for the probe.

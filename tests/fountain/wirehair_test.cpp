@@ -119,12 +119,9 @@ TEST(Wirehair, NeedsFewBlocksMoreThanTheMessageHas) {
 
 TEST(WirehairRefusals, NothingIsCreatedForUnsuitableMessages) {
     ASSERT_EQ(wirehair_init(), Wirehair_Success);
-    const struct {
-        uint64_t message_bytes;
-        uint32_t block_bytes;
-        bool possible;
-    } cases[] = {{0, 4, false},    {10, 0, false},    {10, 10, false},        {10, 9, true},
-                 {64000, 1, true}, {64001, 1, false}, {UINT64_MAX, 1, false}, {64001, 2, true}};
+    const std::tuple<uint64_t, uint32_t, bool> cases[] = {
+        {0, 4, false},    {10, 0, false},    {10, 10, false},        {10, 9, true},
+        {64000, 1, true}, {64001, 1, false}, {UINT64_MAX, 1, false}, {64001, 2, true}};
     for (const auto& [message_bytes, block_bytes, possible] : cases)
         EXPECT_EQ(make_decoder(message_bytes, block_bytes) != nullptr, possible) << message_bytes;
     EXPECT_EQ(wirehair_encoder_create(nullptr, nullptr, 10, 4), nullptr);
@@ -140,11 +137,7 @@ TEST(WirehairRefusals, EveryCallChecksItsArgumentsAndItsState) {
     EXPECT_EQ(wirehair_encode(encoder.get(), 0, out.data(), 3, &bytes), Wirehair_InvalidInput);
     EXPECT_EQ(wirehair_recover(decoder.get(), out.data(), 10), Wirehair_NeedMore);
     EXPECT_EQ(wirehair_decoder_becomes_encoder(decoder.get()), Wirehair_NeedMore);
-    const struct {
-        uint32_t id;
-        Bytes block;
-        WirehairResult result;
-    } cases[] = {
+    const std::tuple<uint32_t, Bytes, WirehairResult> cases[] = {
         {0, {}, Wirehair_InvalidInput},
         {0, {1, 2, 3}, Wirehair_InvalidInput},
         {2, {9}, Wirehair_InvalidInput},
@@ -154,11 +147,10 @@ TEST(WirehairRefusals, EveryCallChecksItsArgumentsAndItsState) {
         {1, {5, 6, 7, 8}, Wirehair_Success},
         {7, {0, 0, 0, 0}, Wirehair_Success},  // no longer needed
     };
-    for (const auto& [id, block, result] : cases)
-        EXPECT_EQ(
-            wirehair_decode(decoder.get(), id, block.data(), static_cast<uint32_t>(block.size())),
-            result)
-            << id << ", " << block.size();
+    for (const auto& [id, block, result] : cases) {
+        const auto size = static_cast<uint32_t>(block.size());
+        EXPECT_EQ(wirehair_decode(decoder.get(), id, block.data(), size), result) << id;
+    }
     EXPECT_EQ(recovered(decoder.get(), 10), message);
 }
 

@@ -218,19 +218,14 @@ void check_input(Document& doc) {
         {.last_delivered = 100, .first_missing = 101, .last_missing = 103, .attempt = 1});
     const InputPacket media = make_media_feedback(
         {.loss_pct = 1.25, .rtt_ms = 18, .decoded_fps = 59.9, .keyframe_wanted = true});
-    const struct {
-        InputPacket packet;
-        uint32_t count;
-        const char* vectors;
-        bool sealed, plain;
-    } cases[] = {{steps.at(1).packet, 0, "input-move", true, true},
-                 {steps.at(3).packet, 65535, "input-key", true, true},
-                 {steps.at(4).packet, 65536, "input-wheel", true, false},
-                 {make_keyframe_request(), 1, "feedback-keyframe", false, true},
-                 {lost, 2, "feedback-lost", true, true},
-                 {media, 3, "feedback-media", false, true}};
-    for (const auto& [packet, count, vectors, sealed, plain] : cases) {
-        const std::string name = vectors;
+    const std::tuple<InputPacket, uint32_t, std::string, bool, bool> cases[] = {
+        {steps.at(1).packet, 0, "input-move", true, true},
+        {steps.at(3).packet, 65535, "input-key", true, true},
+        {steps.at(4).packet, 65536, "input-wheel", true, false},
+        {make_keyframe_request(), 1, "feedback-keyframe", false, true},
+        {lost, 2, "feedback-lost", true, true},
+        {media, 3, "feedback-media", false, true}};
+    for (const auto& [packet, count, name, sealed, plain] : cases) {
         InputSealer sealer{
             std::span(key).first<32>(), {0xa0, 0xa1, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6, 0xa7}, count};
         const auto datagram = sealer.seal(packet).value();

@@ -159,13 +159,11 @@ TEST_F(Log, LinesOfManyThreadsStayWholeAcrossRotations) {
 TEST(LogPath, StateFolderFollowsTheEnvironmentAndIsPrivate) {
     const test::TempDir dir;
     const std::string base = dir.path().string();
-    const struct {
-        std::optional<std::string> state, home;
-        std::string folder;
-    } cases[] = {{base + "/state", base + "/unused", base + "/state"},
-                 {"relative", base, base + "/.local/state"},
-                 {std::nullopt, base, base + "/.local/state"},
-                 {std::nullopt, std::nullopt, "/tmp"}};
+    const std::tuple<std::optional<std::string>, std::optional<std::string>, std::string> cases[] =
+        {{base + "/state", base + "/unused", base + "/state"},
+         {"relative", base, base + "/.local/state"},
+         {std::nullopt, base, base + "/.local/state"},
+         {std::nullopt, std::nullopt, "/tmp"}};
     for (const auto& [state_home, home_folder, folder] : cases) {
         const test::Environment state("XDG_STATE_HOME", state_home);
         const test::Environment home("HOME", home_folder);

@@ -41,10 +41,7 @@ std::string react(const std::string& stream, size_t piece) {
 
 TEST(WsFrame, EveryFormInOnePieceAndByteByByte) {
     const test::LogCapture log;
-    struct Row {
-        std::string stream;
-        const char* reactions;
-    };
+    using Row = std::pair<std::string, const char*>;
     for (const auto& [stream, reactions] : {
              Row{"\x81\x02hi\x82\x01!", "m(hi)m(!)"},
              Row{"\x81\x7E\x00\x02hi"_b, "m(hi)"},              // longer form than needed

@@ -9,12 +9,7 @@ namespace {
 TEST(TokenBucket, HoldsSixteenMillisecondsAndSleepsBetweenFiftyMicrosecondsAndOneMillisecond) {
     const SteadyClock::time_point start{std::chrono::hours(100)};
     TokenBucket bucket(1'000'000, start);
-    const struct {
-        int64_t at_us;
-        size_t length;
-        int64_t sleep_us;
-        bool overrun;
-    } steps[] = {
+    const std::tuple<int64_t, size_t, int64_t, bool> steps[] = {
         {0, 16'000, 0, false},        // starts full
         {950, 1'000, 0, true},        // 50 short: not worth a sleep; bucket empty
         {1'899, 1'000, 51, false},    // 51 short

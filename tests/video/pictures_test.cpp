@@ -54,11 +54,7 @@ TEST(PixelUnpacker, StretchesEveryChannelToAByte) {
     const PixelLayout deep{32, false, 0x3FF00000, 0x000FFC00, 0x000003FF};
     const PixelLayout grey{8, false, 0, 0, 0};
     const PixelLayout wide{64, false, ~0ULL, 0xFFFFFFFFULL, 0xFFFFFULL};
-    const struct {
-        PixelLayout layout;
-        uint64_t pixel;
-        uint32_t bgra;  // as a little-endian word: 0xAARRGGBB
-    } cases[] = {
+    const std::tuple<PixelLayout, uint64_t, uint32_t> cases[] = {
         {rgb555, 0xFFFF, 0xFFFFFFFF},   {rgb555, 0x0010, 0xFF000083},
         {bgr32, 0x112233, 0xFF332211},  {deep, 0x20080200, 0xFF7F7F7F},
         {deep, 0x3FF00001, 0xFFFF0000}, {grey, 0xFF, 0xFF000000},
