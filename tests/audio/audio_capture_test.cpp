@@ -13,7 +13,6 @@
 #include "audio/live_edge.h"
 #include "base/clock.h"
 #include "support/log_capture.h"
-#include "support/log_file.h"
 
 namespace ox {
 namespace {
@@ -24,21 +23,15 @@ using std::chrono::seconds;
 
 class AudioCaptureTest : public testing::Test {
   protected:
-    /// A recorder that writes its arguments to a file and then runs `script`.
-    void fake_recorder(const std::string& script) const {
-        programs_.add("parec", "echo \"$@\" > " + programs_.file("args") + "\n" + script);
-    }
-    [[nodiscard]] std::string arguments() const {
-        return test::LogFile(programs_.file("args")).lines().at(0);
-    }
-
     test::FakePrograms programs_;
     AudioCapture capture_;
     std::vector<int16_t> samples_;
 };
 
 TEST_F(AudioCaptureTest, RecordsTheMonitorOfTheDefaultOutputOrLetsTheRecorderChoose) {
-    fake_recorder("printf '\\001\\000\\377\\377'; exec sleep 60");
+    const std::string arguments = programs_.file("arguments");
+    programs_.add("parec",
+                  "echo \"$@\" > " + arguments + "\nprintf '\\1\\0\\377\\377'; exec sleep 60");
     const std::string rest = "--format=s16le --rate 48000 --channels 2 --latency-msec=5 --raw";
     for (const auto& [pactl, expected] :
          {std::pair{"[ \"$*\" = get-default-sink ] && printf 'speakers \\n'",
@@ -48,7 +41,7 @@ TEST_F(AudioCaptureTest, RecordsTheMonitorOfTheDefaultOutputOrLetsTheRecorderCho
         ASSERT_TRUE(capture_.start(48000, 2, "", 5));
         ASSERT_TRUE(capture_.read(samples_, 1, {}));
         EXPECT_EQ(samples_, (std::vector<int16_t>{1, -1}));
-        EXPECT_EQ(arguments(), expected);
+        EXPECT_EQ(test::read_file(arguments), expected + "\n");
         capture_.stop();
     }
 }
@@ -64,7 +57,7 @@ TEST_F(AudioCaptureTest, ASoundServerThatDoesNotAnswerTimesOut) {
 }
 
 TEST_F(AudioCaptureTest, AStopRequestEndsABlockedReadAndStopDoesNotWaitForAHungRecorder) {
-    fake_recorder("trap '' TERM; printf a; while :; do sleep 1; done");
+    programs_.add("parec", "trap '' TERM; printf a; while :; do sleep 1; done");
     const test::LogCapture log;
     ASSERT_TRUE(capture_.start(48000, 1, "x", 5));
     ASSERT_TRUE(capture_.wait_readable(seconds(10), {}));  // the trap is set

@@ -61,15 +61,18 @@ class AudioStreamTest : public testing::Test {
         return stream.start(sender_, kKey.data(), kKey.size(), 48000, 2, 128000);
     }
     bool start() { return start(stream_); }
+    void receive(milliseconds limit) {
+        socket_.receive(limit, [&](std::span<const uint8_t> datagram) {
+            receiver_.on_datagram(datagram, steady_now_us());
+        });
+    }
 
     /// Receives until 50 ms in a row carry the full `hertz` tone. `forbidden` must never be heard.
     bool receives_tone(int hertz, int forbidden) {
         int in_a_row = 0;
         const auto deadline = SteadyClock::now() + seconds(30);
         while (in_a_row < 10 && SteadyClock::now() < deadline) {
-            socket_.receive(milliseconds(100), [&](std::span<const uint8_t> datagram) {
-                receiver_.on_datagram(datagram, steady_now_us());
-            });
+            receive(milliseconds(100));
             while (const auto frame = receiver_.next_frame()) {
                 const auto samples = decoder_.decode(*frame);
                 EXPECT_LT(amplitude(samples, forbidden), kHeard);
@@ -91,8 +94,7 @@ class AudioStreamTest : public testing::Test {
 TEST_F(AudioStreamTest, TheMicrophoneIsNotHeardWhenTheOutputGoes) {
     const test::LogCapture log;
     ASSERT_TRUE(pulse_.play_tone("hidden", kOtherTone));  // the microphone's input
-    ASSERT_TRUE(start());
-    ASSERT_TRUE(receives_tone(kTone, kOtherTone));
+    ASSERT_TRUE(start() && receives_tone(kTone, kOtherTone));
     // The server now moves the recording to the microphone and the tone to the spare output.
     ASSERT_TRUE(pulse_.remove_sink("out"));
     EXPECT_TRUE(test::eventually(
@@ -102,16 +104,13 @@ TEST_F(AudioStreamTest, TheMicrophoneIsNotHeardWhenTheOutputGoes) {
         },
         seconds(30)));
     EXPECT_TRUE(receives_tone(kTone, kOtherTone));
-    EXPECT_EQ(log.count("WARN",
-                        "AudioStream: the recording was moved off the output's monitor — its sound "
-                        "is dropped, opening the present output"),
+    EXPECT_EQ(log.times("[WARN ] AudioStream: the recording was moved off the output's monitor"),
               1);
 }
 
 TEST_F(AudioStreamTest, AChangeOfTheDefaultOutputIsFollowed) {
     ASSERT_TRUE(pulse_.play_tone("spare", kOtherTone));
-    ASSERT_TRUE(start());
-    ASSERT_TRUE(receives_tone(kTone, kOtherTone));
+    ASSERT_TRUE(start() && receives_tone(kTone, kOtherTone));
     ASSERT_TRUE(pulse_.pactl("set-default-sink spare"));
     EXPECT_TRUE(receives_tone(kOtherTone, kNoTone));
 }
@@ -124,13 +123,8 @@ TEST_F(AudioStreamTest, EndsInsteadOfReusingSequenceNumbers) {
     stream.set_parity_enabled(true);
     ASSERT_TRUE(start(stream));
     EXPECT_TRUE(test::eventually([&] { return !stream.running(); }, seconds(10)));
-    EXPECT_EQ(log.count("ERROR",
-                        "AudioStream: all sequence numbers of this key are used up — stopping "
-                        "audio"),
-              1);
-    socket_.receive(seconds(1), [&](std::span<const uint8_t> datagram) {
-        receiver_.on_datagram(datagram, steady_now_us());
-    });
+    EXPECT_EQ(log.times("[ERROR] AudioStream: all sequence numbers of this key are used up"), 1);
+    receive(seconds(1));
     const auto first = receiver_.next_frame();
     ASSERT_TRUE(first);
     EXPECT_EQ(first->sequence, UINT32_MAX - 7);
@@ -164,26 +158,21 @@ TEST_F(AudioStreamTest, ARecorderUnknownToTheServerIsTrustedIfItsSourceIsKnown) 
         tools->add("pactl", pactl);
         return tools;
     };
-    {
-        const auto tools = make_tools("echo out");
-        for (const bool with_server : {false, true}) {
-            if (with_server) tools->let_server_answer();
-            AudioStream stream;
-            ASSERT_TRUE(start(stream));
-            EXPECT_TRUE(is_sent());
-        }
+    auto tools = make_tools("echo out");
+    for (const bool with_server : {false, true}) {
+        if (with_server) tools->let_server_answer();
+        AudioStream stream;
+        ASSERT_TRUE(start(stream));
+        EXPECT_TRUE(is_sent());
     }
     EXPECT_EQ(log.times("WARN"), 0);
 
     const uint64_t before = sender_.packets_sent();
-    const auto tools = make_tools("exit 1");
+    tools.reset();
+    tools = make_tools("exit 1");
     ASSERT_TRUE(start());
-    EXPECT_TRUE(test::eventually([&] {
-        return log.count("WARN",
-                         "AudioStream: no output is known and no sound server says what is "
-                         "recorded — it may be a microphone, so its sound is dropped until a "
-                         "server answers") == 1;
-    }));
+    constexpr const char* kDropped = "[WARN ] AudioStream: no output is known and no sound server";
+    EXPECT_TRUE(test::eventually([&] { return log.times(kDropped) == 1; }));
     EXPECT_EQ(sender_.packets_sent(), before);
     tools->let_server_answer();
     EXPECT_TRUE(is_sent());
@@ -209,8 +198,6 @@ class HeldThread {
         EXPECT_TRUE(test::eventually([] { return arrived.load(); }));
     }
     ~HeldThread() { held = arrived = false; }
-    HeldThread(const HeldThread&) = delete;
-    HeldThread& operator=(const HeldThread&) = delete;
 
   private:
     static inline std::atomic<bool> held{false};
@@ -247,13 +234,11 @@ while True:
     const uint64_t enough = sender_.packets_sent() + 100;
     ASSERT_TRUE(test::eventually([&] { return sender_.packets_sent() > enough; }));
     stream_.stop();
+    receive(milliseconds(100));
     int frames = 0;
     int loud = 0;
-    socket_.receive(milliseconds(100), [&](std::span<const uint8_t> datagram) {
-        receiver_.on_datagram(datagram, steady_now_us());
-        for (; const auto frame = receiver_.next_frame(); ++frames)
-            if (amplitude(decoder_.decode(*frame), kTone) > kHeard) ++loud;
-    });
+    for (; const auto frame = receiver_.next_frame(); ++frames)
+        if (amplitude(decoder_.decode(*frame), kTone) > kHeard) ++loud;
     EXPECT_GE(frames, 100);
     EXPECT_LE(loud, 11) << "more than 50 ms of it";
 }

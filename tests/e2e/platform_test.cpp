@@ -59,9 +59,7 @@ class PlatformTest : public testing::Test {
     void connect() {
         peer_.reset();
         peer_.emplace(backend_.accept());
-        const std::string request = peer_->accept_upgrade();
-        EXPECT_NE(request.find("GET /agent/connect HTTP/1.1\r\n"), std::string::npos);
-        EXPECT_TRUE(request.ends_with("\r\nagent-token: agent-secret"));
+        EXPECT_TRUE(peer_->accept_upgrade().ends_with("\r\nagent-token: agent-secret"));
         registration_ = next("register");
     }
 
@@ -82,8 +80,7 @@ class PlatformTest : public testing::Test {
     }
 
     void wait_until_listening() {
-        EXPECT_TRUE(
-            agent_->wait_for_log("TcpControlServer: listening on port", ++listening_count_));
+        EXPECT_TRUE(agent_->wait_for_log("TcpControlServer: listening on", ++listening_count_));
     }
     void connect_player() {
         wait_until_listening();
@@ -97,11 +94,9 @@ class PlatformTest : public testing::Test {
         EXPECT_TRUE(player_->receive_frames(5));
         const json ready = next("session_ready");
         const int base = agent_->port_base();
-        EXPECT_EQ(ready,
-                  (json{{"ports", {{"audio", base + 1}, {"input", base + 2}, {"video", base}}},
-                        {"public_ip", "0.0.0.0"},
-                        {"session_id", id},
-                        {"type", "session_ready"}}));
+        EXPECT_EQ(ready["session_id"], id);
+        EXPECT_EQ(ready["ports"],
+                  (json{{"audio", base + 1}, {"input", base + 2}, {"video", base}}));
         return *player_;
     }
 
@@ -114,8 +109,7 @@ class PlatformTest : public testing::Test {
         std::ifstream memory(process + "/mem", std::ios::binary);
         size_t found = 0;
         for (std::string line; std::getline(maps, line);) {
-            uint64_t begin = 0;
-            uint64_t end = 0;
+            uint64_t begin = 0, end = 0;
             if (std::sscanf(line.c_str(), "%lx-%lx", &begin, &end) != 2) continue;
             if (line.find("rw-p") == std::string::npos) continue;
             std::string bytes(end - begin, '\0');

@@ -30,10 +30,13 @@ class InputReceiverTest : public testing::Test {
   protected:
     void SetUp() override {
         ASSERT_GE(::sodium_init(), 0);
+        receiver_.set_key(kKey.data(), kKey.size());
+        start();
+    }
+    void start() {
         int ends[2];
         ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
         events_ = UniqueFd(ends[0]);
-        receiver_.set_key(kKey.data(), kKey.size());
         ASSERT_TRUE(receiver_.start_with_device(port_, UniqueFd(ends[1])));
     }
 
@@ -98,17 +101,17 @@ class InputReceiverTest : public testing::Test {
 };
 
 TEST_F(InputReceiverTest, EventsReachTheDeviceInOrderAndWhole) {
-    send(InputKind::MouseMotion, -3, 7, 0b001);
-    send(InputKind::MouseMotion, 0, 0, 0b001);
-    send(InputKind::MouseButtons, 0, 0, 0b110);
-    send(InputKind::MouseButtons, 0, 0, 0b110);
-    send(InputKind::Wheel, 0, 240);
-    send(InputKind::Wheel, 0, -119);
-    send(InputKind::Wheel, 0, -32768);
-    send(InputKind::KeyDown, 0x41, 30);
-    send(InputKind::KeyUp, 0x41, 30);
-    send(InputKind::KeyDown, 0x26, 72 | 0x0200);
-    send(InputKind::KeyDown, 0xFF, 0);  // maps to nothing
+    using enum InputKind;
+    send(MouseMotion, -3, 7, 0b001);
+    send(MouseMotion, 0, 0, 0b001);
+    for (int twice = 0; twice < 2; ++twice)
+        send(MouseButtons, 0, 0, 0b110);
+    for (const int turn : {240, -119, -32768})
+        send(Wheel, 0, turn);
+    for (const InputKind kind : {KeyDown, KeyUp})
+        send(kind, 0x41, 30);
+    send(KeyDown, 0x26, 72 | 0x0200);
+    send(KeyDown, 0xFF, 0);  // maps to nothing
     // The marker's button state is none: the two held buttons go up with it.
     EXPECT_EQ(events(),
               "2:0=-3 2:1=7 1:272=1 | | 1:272=0 1:273=1 1:274=1 | "
@@ -122,11 +125,11 @@ TEST_F(InputReceiverTest, ReplayedOrForgedDatagramsAreDropped) {
     packet.seq = seq_++;
     const std::vector<uint8_t> good = seal(packet);
 
-    std::vector<uint8_t> longer = good;
-    longer.push_back(0);
-    send_bytes(longer);
-    send_bytes({good.begin(), good.end() - 1});
-    send_bytes({0});
+    for (const size_t size : {good.size() + 1, good.size() - 1, size_t{1}}) {
+        std::vector<uint8_t> resized = good;
+        resized.resize(size);
+        send_bytes(resized);
+    }
     for (const size_t at : {size_t{0}, size_t{20}, size_t{55}}) {
         std::vector<uint8_t> flipped = good;
         flipped[at] ^= 1U;
@@ -157,10 +160,8 @@ TEST_F(InputReceiverTest, PressedKeysAreReleasedOnRequestAndAtTheEnd) {
     events();
     receiver_.release_pressed();
     EXPECT_EQ(events_until("1:274=0 "), "1:17=0 " + kReleaseAll);
-    send(InputKind::KeyDown, 0, 18);  // the launcher is back
-    send(InputKind::KeyDown, 0, 30);
-    send(InputKind::KeyDown, 0, 30);
-    send(InputKind::KeyDown, 0, 31);
+    for (const int scan : {18, 30, 30, 31})  // the launcher is back
+        send(InputKind::KeyDown, 0, scan);
     send(InputKind::KeyUp, 0, 31);
     events();
     receiver_.stop();
@@ -190,10 +191,7 @@ TEST_F(InputReceiverTest, WithheldInputIsDroppedAndPressedKeysAreReleased) {
     receiver_.stop();  // withheld across a restart
     EXPECT_EQ(receiver_.applied(), 2U);
     EXPECT_THAT(events_until("the end"), testing::HasSubstr("1:17=0 " + kReleaseAll));
-    int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    events_ = UniqueFd(ends[0]);
-    ASSERT_TRUE(receiver_.start_with_device(port_, UniqueFd(ends[1])));
+    start();
     send(InputKind::KeyDown, 0, 19);
     ASSERT_TRUE(test::eventually([&] { return receiver_.received() == 5; }));
     receiver_.withhold(false);
