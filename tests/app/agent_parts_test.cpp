@@ -19,7 +19,6 @@
 #include "base/clock.h"
 #include "support/environment.h"
 #include "support/eventually.h"
-#include "support/port_block.h"
 #include "support/sockets.h"
 #include "support/temp_dir.h"
 #include "tui/board/messages.h"

@@ -187,7 +187,7 @@ TEST_F(KeyLeasesTest, WithoutAFileWarnsOnceAndKeepsNumbersApartWithinTheProcess)
 }
 
 TEST_F(KeyLeasesTest, SavesADamagedFileAndUsesWhatIsReadable) {
-    for (const uint8_t key : {1, 2}) {
+    for (const uint8_t key : {uint8_t{1}, uint8_t{2}}) {
         KeyLeases leases(folder_.path().string());
         first_numbers(leases, key);
     }

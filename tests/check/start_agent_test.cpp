@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include "support/pulse_daemon.h"
-#include "support/wayland_test.h"
+#include "support/wayland_desktop.h"
 #include "support/xvfb.h"
 
 namespace ox::test {

@@ -6,8 +6,7 @@
 #include "e2e/player.h"
 #include "support/eventually.h"
 #include "support/pipewire_source.h"
-#include "support/screen_pictures.h"
-#include "support/wayland_test.h"
+#include "support/wayland_desktop.h"
 
 namespace ox::test {
 namespace {

@@ -14,7 +14,6 @@
 
 #include "log/log_path.h"
 #include "support/environment.h"
-#include "support/redirected_fd.h"
 #include "support/temp_dir.h"
 
 namespace ox {
@@ -86,9 +85,8 @@ TEST_F(Log, FileIsRotatedBeyondTheLimitAndFourGenerationsAreKept) {
         log_sinks().bytes = kLimit + 1;
         OX_INFO("generation %d", generation);
     }
-    for (int slot = 0; slot <= 3; ++slot) {
+    for (int slot = 0; slot <= 3; ++slot)
         EXPECT_THAT(text(slot), EndsWith("generation " + std::to_string(5 - slot) + "\n"));
-    }
     EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), {}), 4);
 }
 
@@ -170,9 +168,8 @@ TEST(LogPath, StateFolderFollowsTheEnvironmentAndIsPrivate) {
         EXPECT_EQ(state_log_path(), folder + "/orvex/agent.log");
         EXPECT_TRUE(fs::is_directory(folder + "/orvex"));
     }
-    for (const char* made : {"/state", "/state/orvex", "/.local", "/.local/state/orvex"}) {
+    for (const char* made : {"/state", "/state/orvex", "/.local", "/.local/state/orvex"})
         EXPECT_EQ(fs::status(base + made).permissions(), fs::perms::owner_all) << made;
-    }
     EXPECT_FALSE(fs::exists(base + "/unused"));
 }
 

@@ -14,7 +14,7 @@
 #include "saas/platform_messages.h"
 #include "saas/raw_backend.h"
 #include "support/child_process.h"
-#include "support/dead_peer.h"
+#include "support/tcp_client.h"
 #include "support/environment.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"

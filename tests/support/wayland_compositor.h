@@ -16,8 +16,6 @@ class WaylandCompositor {
     /// Listens at `socket`; throws std::runtime_error when it cannot.
     explicit WaylandCompositor(const std::string& socket);
     ~WaylandCompositor();
-    WaylandCompositor(const WaylandCompositor&) = delete;
-    WaylandCompositor& operator=(const WaylandCompositor&) = delete;
 
     /// Rotates the monitor and notifies the last client that bound it; repeats the old settings
     /// before.

@@ -10,7 +10,6 @@
 
 #include "support/eventually.h"
 #include "support/log_capture.h"
-#include "support/port_block.h"
 #include "support/sockets.h"
 
 namespace ox {

@@ -12,9 +12,8 @@ namespace {
 
 // Expected texts show their no-break spaces as "~".
 std::string with_no_break_spaces(std::string text) {
-    for (size_t at = text.find('~'); at != std::string::npos; at = text.find('~', at)) {
+    for (size_t at = 0; (at = text.find('~', at)) != std::string::npos;)
         text.replace(at, 1, "\xC2\xA0");
-    }
     return text;
 }
 

@@ -13,9 +13,8 @@
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/pipewire_source.h"
-#include "support/screen_pictures.h"
 #include "support/wayland_compositor.h"
-#include "support/wayland_test.h"
+#include "support/wayland_desktop.h"
 
 namespace ox::test {
 namespace {
