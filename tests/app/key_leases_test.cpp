@@ -106,8 +106,7 @@ TEST(LeaseTable, NoDamageDecreasesAKeysNumbers) {
     examine(text + "x", 0);
 }
 
-class KeyLeasesTest : public testing::Test {
-  protected:
+struct KeyLeasesTest : testing::Test {
     /// The first numbers of a session that ends at once.
     static LeaseEnd first_numbers(KeyLeases& leases, uint8_t key) {
         const auto numbers = leases.lease(master(key));

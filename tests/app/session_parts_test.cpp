@@ -251,10 +251,10 @@ TEST(CaptureSelection, TheNextBestPictureTakesThePlaceOfOneThatCannotBeHad) {
                   backend.empty() || warning == no_automatic);
     }
     // Nothing takes the place of what nobody waits for any more.
-    const CaptureRequest cancelled{.backend = Portal,
-                                   .synthetic_width = 320,
-                                   .synthetic_height = 200,
-                                   .cancelled = [] { return true; }};
+    const CaptureRequest cancelled{
+        .backend = Portal, .synthetic_width = 320, .synthetic_height = 200, .cancelled = [] {
+            return true;
+        }};
     EXPECT_EQ(select_capture(cancelled).capture, nullptr);
 }
 

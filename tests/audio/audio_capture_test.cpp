@@ -21,8 +21,7 @@ using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-class AudioCaptureTest : public testing::Test {
-  protected:
+struct AudioCaptureTest : testing::Test {
     test::FakePrograms programs_;
     AudioCapture capture_;
     std::vector<int16_t> samples_;

@@ -49,8 +49,7 @@ double amplitude(std::span<const int16_t> samples, int hertz) {
 }
 
 /// Streams a sound server's output to a launcher's receiver.
-class AudioStreamTest : public testing::Test {
-  protected:
+struct AudioStreamTest : testing::Test {
     void SetUp() override {
         std::string error;
         ASSERT_TRUE(socket_.open(0, error) && decoder_.open(error)) << error;

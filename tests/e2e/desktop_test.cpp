@@ -31,8 +31,7 @@ std::vector<std::string> isolated_shell(const std::string& x_sockets, const std:
     return argv;
 }
 
-class BeforeTheDesktop : public testing::Test {
-  protected:
+struct BeforeTheDesktop : testing::Test {
     void SetUp() override {
         ChildProcess probe({.argv = isolated("true"), .environment = {}});
         if (probe.wait(kPatience) != 0) GTEST_SKIP() << "no mount namespaces for this user";

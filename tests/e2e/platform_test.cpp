@@ -33,8 +33,7 @@ constexpr const char* kMasterBase64 = "lVwP9EVIEwTnVC919Wr+8VTDkTRvaR2+aVfZzV/p0
 
 using Bytes = std::vector<uint8_t>;
 
-class PlatformTest : public testing::Test {
-  protected:
+struct PlatformTest : testing::Test {
     void SetUp() override {
         ASSERT_GE(::sodium_init(), 0);
         ::crypto_kdf_derive_from_key(video_key_.data(), 32, 1, "oxvideo1", kMaster.data());

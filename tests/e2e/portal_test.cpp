@@ -17,8 +17,7 @@ constexpr uint32_t kHeight = 352;
 const Player::Setup kLauncher{
     .width = kWidth, .height = kHeight, .fps = 60 / kSlowdown, .bitrate_kbps = 8000 / kSlowdown};
 
-class Wayland : public WaylandTest {
-  protected:
+struct Wayland : WaylandTest {
     [[nodiscard]] std::unique_ptr<PipewireSource> moving_screen() const {
         return std::make_unique<PipewireSource>(desktop_->pipewire_socket(),
                                                 moving_pictures(kWidth, kHeight));

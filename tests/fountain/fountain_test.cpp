@@ -2,9 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <memory>
 #include <random>
-#include <thread>
+#include <tuple>
 #include <vector>
 
 #include "fountain/gf256.h"
@@ -84,6 +85,10 @@ Bytes recovered(WirehairCodec decoder, size_t message_bytes) {
     return message;
 }
 
+WirehairResult decode(WirehairCodec decoder, uint32_t id, const Bytes& block) {
+    return wirehair_decode(decoder, id, block.data(), static_cast<uint32_t>(block.size()));
+}
+
 /// Feeds the decoder through a lossy channel until it has enough blocks; returns how many.
 uint32_t feed(WirehairCodec decoder, WirehairCodec encoder, uint32_t block_bytes, double loss,
               std::mt19937& random) {
@@ -91,8 +96,7 @@ uint32_t feed(WirehairCodec decoder, WirehairCodec encoder, uint32_t block_bytes
     WirehairResult result = Wirehair_NeedMore;
     uint32_t fed = 0;
     for (uint32_t id = lost(random); result == Wirehair_NeedMore; id += 1 + lost(random)) {
-        const Bytes block = block_of(encoder, id, block_bytes);
-        result = wirehair_decode(decoder, id, block.data(), static_cast<uint32_t>(block.size()));
+        result = decode(decoder, id, block_of(encoder, id, block_bytes));
         ++fed;
     }
     EXPECT_EQ(result, Wirehair_Success);
@@ -100,40 +104,35 @@ uint32_t feed(WirehairCodec decoder, WirehairCodec encoder, uint32_t block_bytes
 }
 
 // Source blocks, decoding from a lossy channel, recovery of the message and its last block, and the
-// decoder turned into an encoder, on a thread per shape.
+// decoder turned into an encoder.
 TEST(Wirehair, AMessageOfAnyShapeSurvivesLossAndCanBeSentOn) {
-    const struct {
-        uint32_t blocks, block_bytes, final_bytes;
-    } shapes[] = {{2, 1, 1},     {2, 40, 3},  {3, 33, 33},    {4, 160, 160}, {5, 1146, 1},
-                  {17, 100, 99}, {257, 9, 2}, {1000, 50, 13}, {2048, 4, 1},  {64000, 2, 1}};
-    std::vector<std::jthread> threads;
-    for (const auto shape : shapes) {
-        threads.emplace_back([shape] {
-            const auto [blocks, block_bytes, final_bytes] = shape;
-            SCOPED_TRACE(blocks);
-            const size_t full = size_t{blocks - 1} * block_bytes;
-            const Bytes message = random_message(full + final_bytes, blocks);
-            const WirehairCodecPtr encoder = make_encoder(message, block_bytes);
-            const WirehairCodecPtr decoder = make_decoder(message.size(), block_bytes);
-            const Bytes last(message.end() - static_cast<ptrdiff_t>(final_bytes), message.end());
-            EXPECT_EQ(block_of(encoder.get(), blocks - 1, block_bytes), last);
+    const std::array<uint32_t, 3> shapes[] = {
+        {2, 1, 1},     {2, 40, 3},  {3, 33, 33},    {4, 160, 160}, {5, 1146, 1},
+        {17, 100, 99}, {257, 9, 2}, {1000, 50, 13}, {2048, 4, 1},  {64000, 2, 1}};
+    for (const auto [blocks, block_bytes, final_bytes] : shapes) {
+        SCOPED_TRACE(blocks);
+        const size_t full = size_t{blocks - 1} * block_bytes;
+        const Bytes message = random_message(full + final_bytes, blocks);
+        const WirehairCodecPtr encoder = make_encoder(message, block_bytes);
+        const WirehairCodecPtr decoder = make_decoder(message.size(), block_bytes);
+        const Bytes last(message.end() - static_cast<ptrdiff_t>(final_bytes), message.end());
+        EXPECT_EQ(block_of(encoder.get(), blocks - 1, block_bytes), last);
 
-            std::mt19937 random(blocks);
-            feed(decoder.get(), encoder.get(), block_bytes, 0.4, random);
-            EXPECT_TRUE(recovered(decoder.get(), message.size()) == message);
-            Bytes block(block_bytes);
-            uint32_t length = 0;
-            EXPECT_EQ(wirehair_recover_block(decoder.get(), blocks - 1, block.data(), &length),
-                      Wirehair_Success);
-            block.resize(length);
-            EXPECT_EQ(block, last);
-            EXPECT_EQ(wirehair_decoder_becomes_encoder(decoder.get()), Wirehair_Success);
-            for (const uint32_t id : {0U, blocks - 1, blocks, blocks + 77, UINT32_MAX}) {
-                EXPECT_EQ(block_of(decoder.get(), id, block_bytes),
-                          block_of(encoder.get(), id, block_bytes))
-                    << id;
-            }
-        });
+        std::mt19937 random(blocks);
+        feed(decoder.get(), encoder.get(), block_bytes, 0.4, random);
+        EXPECT_TRUE(recovered(decoder.get(), message.size()) == message);
+        Bytes block(block_bytes);
+        uint32_t length = 0;
+        EXPECT_EQ(wirehair_recover_block(decoder.get(), blocks - 1, block.data(), &length),
+                  Wirehair_Success);
+        block.resize(length);
+        EXPECT_EQ(block, last);
+        EXPECT_EQ(wirehair_decoder_becomes_encoder(decoder.get()), Wirehair_Success);
+        for (const uint32_t id : {0U, blocks - 1, blocks, blocks + 77, UINT32_MAX}) {
+            EXPECT_EQ(block_of(decoder.get(), id, block_bytes),
+                      block_of(encoder.get(), id, block_bytes))
+                << id;
+        }
     }
 }
 
@@ -188,10 +187,8 @@ TEST(WirehairRefusals, EveryCallChecksItsArgumentsAndItsState) {
         {1, {5, 6, 7, 8}, Wirehair_Success},
         {7, {0, 0, 0, 0}, Wirehair_Success},  // no longer needed
     };
-    for (const auto& [id, block, result] : cases) {
-        const auto size = static_cast<uint32_t>(block.size());
-        EXPECT_EQ(wirehair_decode(decoder.get(), id, block.data(), size), result) << id;
-    }
+    for (const auto& [id, block, result] : cases)
+        EXPECT_EQ(decode(decoder.get(), id, block), result) << id;
     EXPECT_EQ(recovered(decoder.get(), 10), message);
 }
 

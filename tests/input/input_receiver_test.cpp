@@ -25,8 +25,7 @@ const std::string kReleaseAll =
     "1:56=0 1:100=0 1:29=0 1:97=0 1:42=0 1:54=0 1:125=0 1:126=0 1:272=0 1:273=0 1:274=0 ";
 
 /// A receiver whose device is a pipe, and the launcher's socket.
-class InputReceiverTest : public testing::Test {
-  protected:
+struct InputReceiverTest : testing::Test {
     void SetUp() override {
         ASSERT_GE(::sodium_init(), 0);
         receiver_.set_key(kKey.data(), kKey.size());

@@ -29,21 +29,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-class Document : public test::VectorDocument {
-  public:
-    Document() : VectorDocument(OX_WIRE_DOCUMENT) {}
-
-    Bytes hex(const std::string& name) {
-        const std::string text = line(name);
-        Bytes bytes(text.size());
-        size_t size = 0;
-        EXPECT_EQ(sodium_hex2bin(bytes.data(), bytes.size(), text.data(), text.size(), " ", &size,
-                                 nullptr),
-                  0);
-        bytes.resize(size);
-        return bytes;
-    }
-};
+using Document = test::VectorDocument;
 
 Bytes sha256(const Bytes& bytes) {
     Bytes digest(crypto_hash_sha256_BYTES);
@@ -249,7 +235,7 @@ void check_input(Document& doc) {
 }
 
 TEST(WireVectors, CodeAndDocumentAgree) {
-    Document doc;
+    Document doc(OX_WIRE_DOCUMENT);
     check_keys_and_lines(doc);
     check_probes(doc);
     check_small_frame(doc);

@@ -27,8 +27,7 @@ using ::testing::MatchesRegex;
 constexpr int64_t kLimit = 10 * 1024 * 1024;
 
 // Each test logs to files of its own, the console off.
-class Log : public ::testing::Test {
-  protected:
+struct Log : ::testing::Test {
     void SetUp() override { open(path_); }
     void TearDown() override {
         close();

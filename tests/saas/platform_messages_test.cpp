@@ -5,7 +5,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sodium.h>
 
 #include <chrono>
 #include <cmath>
@@ -147,20 +146,6 @@ TEST(PlatformUrl, IsSplitAndChecked) {
     }
 }
 
-std::string hex(const Secret& bytes) {
-    std::string text(2 * bytes.size() + 1, '\0');
-    sodium_bin2hex(text.data(), text.size(), bytes.data(), bytes.size());
-    text.pop_back();
-    return text;
-}
-
-/// A vector of the other document, which has the session's key and token, too.
-std::string wire_hex(const std::string& name) {
-    std::string text = VectorDocument(OX_WIRE_DOCUMENT).line(name);
-    std::erase(text, ' ');
-    return text;
-}
-
 void check_outgoing(VectorDocument& doc) {
     EXPECT_EQ(ws_build_handshake("backend.example",
                                  "dGhlIHNhbXBsZSBub25jZQ==", "the token\n of this PC\r\n"),
@@ -191,14 +176,16 @@ void check_incoming(VectorDocument& doc) {
     parsed<BackendPing>(doc.line("ping"));
     const auto terminate = parsed<TerminateSession>(doc.line("terminate-session"));
     EXPECT_EQ(terminate.session_id + "/" + terminate.reason, "s-1/time is up");
-    const std::string token = wire_hex("token-sha256");
+    VectorDocument wire(OX_WIRE_DOCUMENT);  // has the session's key and token
+    std::string token = wire.line("token-sha256");
+    std::erase(token, ' ');
     for (const auto& [name, text] :
          {std::pair{"prepare-session",
                     "s-1/player-7 " + token + " hevc 2560x1440 120 30000 7200 11480"},
           {"prepare-session-smallest", "s-2/ " + token + " h264 1920x1080 60 15000 3600 00"}}) {
         const auto params = parsed<PrepareSessionParams>(doc.line(name));
         EXPECT_EQ(text_of(params), text);
-        EXPECT_EQ(hex(params.encryption_key), wire_hex("master-key"));
+        EXPECT_EQ(params.encryption_key, wire.hex("master-key"));
     }
 }
 

@@ -14,11 +14,11 @@
 #include "saas/platform_messages.h"
 #include "saas/raw_backend.h"
 #include "support/child_process.h"
-#include "support/tcp_client.h"
 #include "support/environment.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/log_file.h"
+#include "support/tcp_client.h"
 #include "support/temp_dir.h"
 #include "tui/board/board.h"
 
@@ -38,8 +38,7 @@ constexpr const char* kAgentToken = "agent-secret-token";
 constexpr const char* kPong = R"({"type":"pong"})";
 
 /// Short waits and a clean board.
-class SaasConnectorTest : public testing::Test {
-  protected:
+struct SaasConnectorTest : testing::Test {
     SaasConnectorTest() {
         EXPECT_GE(sodium_init(), 0);
         static const tui::Snapshot kFresh;
@@ -306,8 +305,7 @@ TEST_F(SaasConnectorTest, LostConnectionsAndStopsAtRandomTimesLeakNothing) {
     EXPECT_LE(descriptors(), before);
 }
 
-class ServerTest : public SaasConnectorTest {
-  protected:
+struct ServerTest : SaasConnectorTest {
     ServerTest() {
         test::ChildProcess made(
             {.argv = {OX_SAAS_TEST_DIR "/make_test_certs.sh", folder_.path().string()}});

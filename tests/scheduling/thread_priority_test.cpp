@@ -133,9 +133,8 @@ TEST(ThreadPriority, RealtimeKitIsAskedForAThreadAndItsNewWorkersOnly) {
 }
 
 TEST(ThreadPriority, RaisedPriorityIsNotInheritedAndIsRestored) {
-    if (!std::async(std::launch::async, [] { return raise_thread(own_thread_id()); }).get()) {
+    if (!std::async(std::launch::async, [] { return raise_thread(own_thread_id()); }).get())
         GTEST_SKIP() << "the kernel grants this user no priority";
-    }
     std::jthread([] {
         const int ordinary = nice_of(own_thread_id());
         const std::vector<pid_t> before = threads_of_process();
@@ -183,9 +182,8 @@ TEST(ThreadPriority, AHangingBusDoesNotDelay) {
 }
 
 TEST(ThreadPriority, ARealTimeThreadThatNeverWaitsBecomesOrdinary) {
-    if (!std::async(std::launch::async, become_real_time).get()) {
+    if (!std::async(std::launch::async, become_real_time).get())
         GTEST_SKIP() << "the kernel grants this user no real-time priority";
-    }
     // State that a parent may have left.
     struct sigaction handler {};
     ::sigaction(SIGXCPU, nullptr, &handler);

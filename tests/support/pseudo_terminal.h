@@ -43,9 +43,8 @@ class PseudoTerminal {
     [[nodiscard]] std::string read_all() const {
         std::string text;
         std::array<char, 4096> buffer;
-        for (ssize_t n = 0; (n = ::read(user.get(), buffer.data(), buffer.size())) > 0;) {
+        for (ssize_t n = 0; (n = ::read(user.get(), buffer.data(), buffer.size())) > 0;)
             text.append(buffer.data(), static_cast<size_t>(n));
-        }
         return text;
     }
 

@@ -51,8 +51,7 @@ class WaylandDesktop {
     std::unique_ptr<ChildProcess> portal_;
 };
 
-class WaylandTest : public testing::Test {
-  protected:
+struct WaylandTest : testing::Test {
     void SetUp() override {
         desktop_ = WaylandDesktop::start();
         if (!desktop_) GTEST_SKIP() << "no session bus or PipeWire daemon on this machine";

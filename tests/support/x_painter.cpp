@@ -65,10 +65,9 @@ void XPainter::resize_screen(uint32_t width, uint32_t height) {
     const std::unique_ptr<XRRScreenResources, void (*)(XRRScreenResources*)> resources(
         XRRGetScreenResources(display_, root), XRRFreeScreenResources);
     // A screen cannot become smaller than what its outputs show.
-    for (int i = 0; i < resources->ncrtc; ++i) {
+    for (int i = 0; i < resources->ncrtc; ++i)
         XRRSetCrtcConfig(display_, resources.get(), resources->crtcs[i], CurrentTime, 0, 0, None,
                          RR_Rotate_0, nullptr, 0);
-    }
     XRRSetScreenSize(display_, root, static_cast<int>(width), static_cast<int>(height),
                      kMillimetres, kMillimetres);
     XSync(display_, False);

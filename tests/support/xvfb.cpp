@@ -29,9 +29,7 @@ std::unique_ptr<Xvfb> Xvfb::start(const Setup& setup) {
     writing.reset();
     pollfd listening{reading.get(), POLLIN, 0};
     char digit = 0;
-    if (::poll(&listening, 1, 20'000) != 1 || ::read(reading.get(), &digit, 1) != 1) {
-        return nullptr;
-    }
+    if (::poll(&listening, 1, 20'000) != 1 || ::read(reading.get(), &digit, 1) != 1) return nullptr;
     server->display_ = display;
     return server;
 }

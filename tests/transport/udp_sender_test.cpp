@@ -45,8 +45,7 @@ bool send_text(UdpSender& sender, const std::string& text) {
 }
 
 /// An open sender towards `launcher`.
-class UdpSenderTest : public testing::Test {
-  protected:
+struct UdpSenderTest : testing::Test {
     void SetUp() override { ASSERT_TRUE(sender.open("127.0.0.1", launcher.port, port)); }
     [[nodiscard]] int locked_on(const Peer& peer) const {
         return log.times("UdpSender: hole-punch probe received from " + peer.name + " — endpoint");

@@ -109,8 +109,7 @@ bool has_idr(const std::vector<uint8_t>& unit, const Codec& codec) {
     return false;
 }
 
-class SoftwareEncoder : public testing::TestWithParam<VideoCodec> {
-  protected:
+struct SoftwareEncoder : testing::TestWithParam<VideoCodec> {
     void SetUp() override {
         std::string error;
         for (launcher::VideoDecoder* decoder : {&early_, &late_})

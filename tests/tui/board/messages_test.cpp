@@ -39,9 +39,6 @@ TEST(Messages, EventsAndAlertsInBothLanguages) {
     EXPECT_EQ(alert_text(Alert::CaptureFailed, Lang::Russian, Host::Desktop, 1),
               with_no_break_spaces("Не получается захватить экран. Подключите монитор (или "
                                    "HDMI-заглушку) и~разблокируйте ПК."));
-    EXPECT_EQ(closed_port_text({3, EACCES}, Lang::Russian),
-              with_no_break_spaces("Система не~даёт агенту открыть порт 3. Укажите PORT_BASE "
-                                   "не~меньше 1024 в~start-agent."));
     EXPECT_EQ(closed_port_text({48003, EACCES}, Lang::English),
               "Port 48003 can't be opened, details in the log.");
 }

@@ -139,10 +139,9 @@ TEST(Layout, ShowsAStreamAHoldAndAClosedPort) {
     standalone.own_address = {"10.0.0.9", 48110};
     expect_shown({"WAITING FOR A LAUNCHER", "this PC now: 10.0.0.9, port base 48110."}, standalone,
                  view(100, 24));
-    for (const SessionState state : {SessionState::Preparing, SessionState::Streaming}) {
+    for (const SessionState state : {SessionState::Preparing, SessionState::Streaming})
         expect_shown({"ПОДТВЕРДИТЕ НА\u00A0ЭТОМ ПК", "показе экрана."},
                      with(PictureState::AwaitingOwner, state), russian);
-    }
     expect_shown({"Mouse and keyboard are off"}, with(PictureState::Lost, SessionState::Streaming),
                  english);
 

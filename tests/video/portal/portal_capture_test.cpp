@@ -33,8 +33,7 @@ PortalLimits patient_limits() {
     return limits;
 }
 
-class Portal : public WaylandTest {
-  protected:
+struct Portal : WaylandTest {
     [[nodiscard]] PortalCapture::Config config() const {
         return {.bus_address = desktop_->bus_address(),
                 .token_file = token_file_,
