@@ -97,28 +97,17 @@ TEST(LocalDisplayNumber, IsThatOfADisplayOfThisMachine) {
         EXPECT_EQ(local_display_number(other), std::nullopt) << other;
 }
 
-// Four counted strings after a family, all numbers big-endian (Xauthority files, xauth(1)).
-std::string entry(uint16_t family, const std::string& host, const std::string& number,
-                  const std::string& scheme, const std::string& data) {
-    const auto number16 = [](size_t value) {
-        return std::string{static_cast<char>(value >> 8), static_cast<char>(value & 0xFF)};
-    };
-    std::string bytes = number16(family);
-    for (const auto& text : {host, number, scheme, data})
-        bytes += number16(text.size()) + text;
-    return bytes;
-}
-
 TEST(XCookies, AreThoseOfTheDisplayWhateverTheHostName) {
     constexpr uint16_t kLocal = 256;
     constexpr uint16_t kWild = 65535;
     constexpr uint16_t kInternet = 0;
     const std::string scheme = "MIT-MAGIC-COOKIE-1";
-    const std::string file = entry(kInternet, "\x7f", "7", scheme, "remote") +
-                             entry(kLocal, "old-name", "7", scheme, std::string("ol\0d", 4)) +
-                             entry(kLocal, "name", "8", scheme, "other display") +
-                             entry(kLocal, "name", "7", "XDM-AUTHORIZATION-1", "other scheme") +
-                             entry(kWild, "", "", scheme, "any");
+    const std::string file =
+        test::x_authority_entry(kInternet, "\x7f", "7", scheme, "remote") +
+        test::x_authority_entry(kLocal, "old-name", "7", scheme, std::string("ol\0d", 4)) +
+        test::x_authority_entry(kLocal, "name", "8", scheme, "other display") +
+        test::x_authority_entry(kLocal, "name", "7", "XDM-AUTHORIZATION-1", "other scheme") +
+        test::x_authority_entry(kWild, "", "", scheme, "any");
     const test::TempDir dir;
     const std::string path = dir.write("Xauthority", file);
     EXPECT_EQ(x_cookies(path, 7),
@@ -152,7 +141,7 @@ TEST(OwnXServer, OfRootIsOneWhoseCookieTheUserHas) {
     const XAuthorization cookie{"MIT-MAGIC-COOKIE-1", std::string(16, '7')};
     const XAuthorization stale{cookie.name, std::string(16, '8')};
     const std::string authority =
-        dir.write("authority", entry(65535, "", "", cookie.name, cookie.data));
+        dir.write("authority", test::x_authority_entry(65535, "", "", cookie.name, cookie.data));
     const auto server = test::Xvfb::start({.arguments = {"-auth", authority}});
     if (!server) GTEST_SKIP() << "no Xvfb on this machine";
     const test::Environment as_its_user("XAUTHORITY", authority);

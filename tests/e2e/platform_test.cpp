@@ -99,10 +99,10 @@ struct PlatformTest : testing::Test {
         return *player_;
     }
 
-    /// How often the second half of this key is in the agent's memory. (The allocator overwrites
-    /// the beginning of freed memory.)
-    [[nodiscard]] size_t copies_of(std::span<const uint8_t, 32> key) {
-        const std::string wanted(key.begin() + 16, key.end());
+    /// How often the second half of the master key is in the agent's memory. (The allocator
+    /// overwrites the beginning of freed memory.)
+    [[nodiscard]] size_t copies_of_master_key() {
+        const std::string wanted(kMaster.begin() + 16, kMaster.end());
         const std::string process = "/proc/" + std::to_string(agent_->process().pid());
         std::ifstream maps(process + "/maps");
         std::ifstream memory(process + "/mem", std::ios::binary);
@@ -153,13 +153,13 @@ TEST_F(PlatformTest, SessionAfterSessionThroughEveryWayToEnd) {
     EXPECT_EQ(play("s1").keys().video_key, video_key_);
     // A sanitizer maps too much memory to search.
     const bool search = kSlowdown == 1;
-    EXPECT_TRUE(!search || copies_of(kMaster) > 0) << "the search itself";
+    EXPECT_TRUE(!search || copies_of_master_key() > 0) << "the search itself";
     // A reconnect during a session repeats its state.
     connect();
     EXPECT_EQ(next("session_ready")["session_id"], "s1");
     ASSERT_TRUE(player_->receive_frames(3));
     end_by_client("s1");
-    EXPECT_TRUE(!search || copies_of(kMaster) == 0) << "the key outlives its session";
+    EXPECT_TRUE(!search || copies_of_master_key() == 0) << "the key outlives its session";
 
     play("s2");
     peer_->send_text(R"({"type":"terminate_session","session_id":"s2","reason":"over"})");

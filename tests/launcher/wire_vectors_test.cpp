@@ -197,9 +197,9 @@ void check_input(Document& doc) {
     const Bytes key = doc.hex("input-key");
     std::vector<InputStep> steps;
     std::string error;
-    ASSERT_TRUE(parse_input_script("press left; move -3 5; release left; down right_ctrl; wheel -2",
-                                   steps, error))
-        << error;
+    constexpr const char* kScript =
+        "press left; move -3 5; release left; down right_ctrl; wheel -2";
+    ASSERT_TRUE(parse_input_script(kScript, steps, error)) << error;
     const InputPacket lost = make_lost_frames_request(
         {.last_delivered = 100, .first_missing = 101, .last_missing = 103, .attempt = 1});
     const InputPacket media = make_media_feedback(

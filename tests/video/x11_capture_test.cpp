@@ -16,7 +16,6 @@
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
-#include "support/x_painter.h"
 #include "support/xvfb.h"
 
 namespace ox {

@@ -13,9 +13,8 @@
 
 #include "base/unique_fd.h"
 
-#include "support/eventually.h"
-#include "support/pseudo_terminal.h"
 #include "support/environment.h"
+#include "support/eventually.h"
 #include "support/terminal_model.h"
 #include "tui/screen/full_screen.h"
 #include "tui/screen/sample_boards.h"

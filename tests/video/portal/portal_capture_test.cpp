@@ -13,7 +13,6 @@
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/pipewire_source.h"
-#include "support/wayland_compositor.h"
 #include "support/wayland_desktop.h"
 
 namespace ox::test {

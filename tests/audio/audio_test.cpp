@@ -1,7 +1,8 @@
-#include "audio/audio_stream.h"
+// The recorder, what is dropped as late, and the stream from a sound server to a launcher.
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -12,20 +13,142 @@
 #include <fstream>
 #include <memory>
 #include <numbers>
+#include <optional>
+#include <thread>
+#include <utility>
 
-#include "audio/fake_programs.h"
+#include "audio/audio_capture.h"
+#include "audio/audio_stream.h"
+#include "audio/live_edge.h"
+#include "base/clock.h"
 #include "launcher/client/audio_receiver.h"
 #include "launcher/client/media_socket.h"
+#include "support/environment.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/pulse_daemon.h"
+#include "support/temp_dir.h"
 #include "transport/udp_sender.h"
 
 namespace ox {
 namespace {
 
+using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+
+/// A folder in front of PATH with programs of the test's own in place of the sound server's tools.
+class FakePrograms {
+  public:
+    void add(const std::string& name, const std::string& script,
+             const std::string& interpreter = "/bin/sh") const {
+        ::chmod(folder_.write(name, "#!" + interpreter + "\n" + script + "\n").c_str(), 0755);
+    }
+    [[nodiscard]] std::string file(const std::string& name) const { return folder_.file(name); }
+    /// Until then libpulse finds no server.
+    void let_server_answer() const {
+        std::filesystem::create_symlink(
+            std::string(std::getenv("XDG_RUNTIME_DIR")) + "/pulse/native", file("late"));
+    }
+
+  private:
+    test::TempDir folder_;
+    test::Environment path_{"PATH", folder_.path().string() + ":" + std::getenv("PATH")};
+    test::Environment folder_variable_{"FAKE_PROGRAMS", file("")};
+    test::Environment server_{"PULSE_SERVER", "unix:" + file("late")};
+};
+
+struct AudioCaptureTest : testing::Test {
+    FakePrograms programs_;
+    AudioCapture capture_;
+    std::vector<int16_t> samples_;
+};
+
+TEST_F(AudioCaptureTest, RecordsTheMonitorOfTheDefaultOutputOrLetsTheRecorderChoose) {
+    const std::string arguments = programs_.file("arguments");
+    programs_.add("parec",
+                  "echo \"$@\" > " + arguments + "\nprintf '\\1\\0\\377\\377'; exec sleep 60");
+    const std::string rest = "--format=s16le --rate 48000 --channels 2 --latency-msec=5 --raw";
+    for (const auto& [pactl, expected] :
+         {std::pair{"[ \"$*\" = get-default-sink ] && printf 'speakers \\n'",
+                    "--device speakers.monitor " + rest},
+          {"echo error >&2; exit 1", rest}}) {
+        programs_.add("pactl", pactl);
+        ASSERT_TRUE(capture_.start(48000, 2, "", 5));
+        ASSERT_TRUE(capture_.read(samples_, 1, {}));
+        EXPECT_EQ(samples_, (std::vector<int16_t>{1, -1}));
+        EXPECT_EQ(test::read_file(arguments), expected + "\n");
+        capture_.stop();
+    }
+}
+
+TEST_F(AudioCaptureTest, ASoundServerThatDoesNotAnswerTimesOut) {
+    for (const auto& [pactl, expected] :
+         {std::pair{"printf half; exec sleep 60", ""}, {"echo out; sleep 5 &", "out.monitor"}}) {
+        programs_.add("pactl", pactl);
+        const auto before = SteadyClock::now();
+        EXPECT_EQ(AudioCapture().default_monitor(), expected);
+        EXPECT_LT(SteadyClock::now() - before, seconds(10));
+    }
+}
+
+TEST_F(AudioCaptureTest, AStopRequestEndsABlockedReadAndStopDoesNotWaitForAHungRecorder) {
+    programs_.add("parec", "trap '' TERM; printf a; while :; do sleep 1; done");
+    const test::LogCapture log;
+    ASSERT_TRUE(capture_.start(48000, 1, "x", 5));
+    ASSERT_TRUE(capture_.wait_readable(seconds(10), {}));  // the trap is set
+    const pid_t recorder = capture_.pid();
+    std::atomic<bool> failed{false};
+    std::jthread reader([&](const std::stop_token& stop) {
+        std::vector<int16_t> samples;
+        failed = !capture_.read(samples, 240, stop);
+    });
+    const auto before = SteadyClock::now();
+    reader.request_stop();
+    reader.join();
+    capture_.stop();
+    EXPECT_LT(SteadyClock::now() - before, seconds(3));
+    EXPECT_TRUE(failed);
+    EXPECT_EQ(log.text().find("WARN"), std::string::npos);
+    ::kill(recorder, SIGKILL);
+}
+
+constexpr microseconds kBuffer{5000};
+
+TEST(LiveEdge, AStallOfFiftyMillisecondsIsPlayedAndMoreIsDroppedUpToTheNewest) {
+    using Time = SteadyClock::time_point;
+    for (const auto stall : {milliseconds(54), milliseconds(200), milliseconds(5000)}) {
+        for (const bool while_waiting : {false, true}) {
+            LiveEdge edge;
+            Time now{milliseconds(5)};
+            ASSERT_TRUE(edge.is_live(kBuffer, Time{}, now));
+            std::optional<Time> empty;
+            if (while_waiting) empty = now;
+            now += stall;
+            // Queued sound is read without waiting.
+            const auto queued = stall / kBuffer;
+            int64_t kept = 0;
+            for (int64_t i = 0; i < queued; ++i) {
+                now += microseconds(20);
+                if (edge.is_live(kBuffer, std::exchange(empty, {}), now)) ++kept;
+            }
+            EXPECT_EQ(kept, stall < milliseconds(55) ? queued : 0) << stall.count();
+            EXPECT_TRUE(edge.is_live(kBuffer, now, now + milliseconds(5)));
+        }
+    }
+}
+
+TEST(LiveEdge, ASoundServerThatDeliversInBurstsIsNotLate) {
+    LiveEdge edge;
+    for (SteadyClock::time_point now{}; now.time_since_epoch() < seconds(2);
+         now += milliseconds(100)) {
+        for (int i = 0; i < 20; ++i) {
+            std::optional<SteadyClock::time_point> empty;
+            if (i == 0) empty = now - milliseconds(10);
+            EXPECT_TRUE(edge.is_live(kBuffer, empty, now));
+        }
+    }
+}
 
 constexpr std::array<uint8_t, 32> kKey{7, 7, 7};
 // Whole periods in a frame of 5 ms, so that the tones do not leak into each other.
@@ -132,19 +255,6 @@ TEST_F(AudioStreamTest, EndsInsteadOfReusingSequenceNumbers) {
     EXPECT_EQ(receiver_.stats().frames.lost, 0U);
 }
 
-/// Fake sound server tools, without a server for libpulse until `let_server_answer`.
-class FakeTools : public test::FakePrograms {
-  public:
-    void let_server_answer() const {
-        std::filesystem::create_symlink(
-            std::string(std::getenv("XDG_RUNTIME_DIR")) + "/pulse/native", file("late"));
-    }
-
-  private:
-    test::Environment folder_variable_{"FAKE_TOOLS", file("")};
-    test::Environment server_{"PULSE_SERVER", "unix:" + file("late")};
-};
-
 TEST_F(AudioStreamTest, ARecorderUnknownToTheServerIsTrustedIfItsSourceIsKnown) {
     const test::LogCapture log;
     const auto is_sent = [&] {
@@ -152,7 +262,7 @@ TEST_F(AudioStreamTest, ARecorderUnknownToTheServerIsTrustedIfItsSourceIsKnown) 
         return test::eventually([&] { return sender_.packets_sent() >= before + 20; }, seconds(10));
     };
     const auto make_tools = [](const std::string& pactl) {
-        auto tools = std::make_unique<FakeTools>();
+        auto tools = std::make_unique<FakePrograms>();
         tools->add("parec", "while head -c 960 /dev/zero; do sleep 0.005; done");
         tools->add("pactl", pactl);
         return tools;
@@ -205,10 +315,10 @@ class HeldThread {
 
 TEST_F(AudioStreamTest, SoundOfAStallIsDropped) {
     // Real-time silence with 300 ms of noise on request.
-    const FakeTools tools;
+    const FakePrograms tools;
     tools.add("pactl", "echo out");
     tools.add("parec", R"(import os, sys, time
-folder = os.environ["FAKE_TOOLS"]
+folder = os.environ["FAKE_PROGRAMS"]
 loud = (b"\x00\x40" * 120 + b"\x00\xc0" * 120) * 2
 def play(frame):
     sys.stdout.buffer.write(frame)
