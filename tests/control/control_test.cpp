@@ -99,7 +99,9 @@ TEST_F(TcpControlServerTest, AcceptsALauncherThatSendsByteByByte) {
     }
     ASSERT_TRUE(result.get()) << log_.text();
     EXPECT_TRUE(server_.is_connected());
-    EXPECT_EQ(launcher.read_line(kTimeout), make_session_ready(server_.keys, 2).text());
+    const std::string ready = launcher.read_line(kTimeout).value_or("nothing");
+    EXPECT_EQ(ready, make_session_ready(server_.keys, 2).text());
+    EXPECT_NE(ready.find(R"("caps":2,)"), std::string::npos);
     EXPECT_EQ(server_.requested.height, -60);
     EXPECT_EQ(server_.launcher_caps, UINT32_MAX);
     EXPECT_EQ(server_.granted_caps, 2u);

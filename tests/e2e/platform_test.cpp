@@ -93,9 +93,11 @@ struct PlatformTest : testing::Test {
         EXPECT_TRUE(player_->receive_frames(5));
         const json ready = next("session_ready");
         const int base = agent_->port_base();
-        EXPECT_EQ(ready["session_id"], id);
-        EXPECT_EQ(ready["ports"],
-                  (json{{"audio", base + 1}, {"input", base + 2}, {"video", base}}));
+        EXPECT_EQ(ready,
+                  (json{{"ports", {{"audio", base + 1}, {"input", base + 2}, {"video", base}}},
+                        {"public_ip", "0.0.0.0"},
+                        {"session_id", id},
+                        {"type", "session_ready"}}));
         return *player_;
     }
 
