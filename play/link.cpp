@@ -17,6 +17,7 @@ using std::chrono::seconds;
 
 constexpr milliseconds kTick{20};
 constexpr seconds kReportPeriod{1};
+constexpr milliseconds kRequestPeriod{250};
 constexpr seconds kConnectTime{10};
 constexpr seconds kFirstPictureTime{10};
 /// The agent holds a session for 60 s from when it learns of the loss: at once when the connection
@@ -239,8 +240,9 @@ std::optional<Link::Outcome> Link::check(const launcher::ReceiveSnapshot& receiv
                                          : "no picture came: does a firewall block UDP?");
         return Outcome::Failed;
     }
-    if (decoded.decode_errors > decode_errors_) {
+    if (decoded.decode_errors > decode_errors_ && SteadyClock::now() >= next_request_) {
         decode_errors_ = decoded.decode_errors;
+        next_request_ = SteadyClock::now() + kRequestPeriod;
         request_keyframe({});
     }
     return std::nullopt;

@@ -106,8 +106,9 @@ class Link {
     std::optional<launcher::AudioWorker> audio_;
     launcher::ProgressMeter meter_;
     SteadyClock::time_point first_picture_deadline_{};
-    uint64_t frames_before_ = 0;   ///< decoded before this connection
-    uint64_t decode_errors_ = 0;   ///< that a keyframe was requested for
+    uint64_t frames_before_ = 0;  ///< decoded before this connection
+    uint64_t decode_errors_ = 0;  ///< that a keyframe was requested for
+    SteadyClock::time_point next_request_{};
     uint64_t decoding_us_ = 0;     ///< at the last report
     uint64_t frames_decoded_ = 0;  ///< likewise
     int32_t bitrate_kbps_ = 0;

@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 
+#include "base/resolve_host.h"
 #include "base/sleep.h"
 #include "launcher/client/control_messages.h"
 
@@ -27,25 +28,6 @@ constexpr milliseconds kPollSlice{100};
 constexpr milliseconds kRetryPause{100};
 constexpr milliseconds kSendLimit{1000};
 constexpr size_t kMaxLine = 65536;  // the agent's lines are far shorter
-
-struct AddressDeleter {
-    void operator()(addrinfo* list) const noexcept { ::freeaddrinfo(list); }
-};
-
-/// The status of getaddrinfo; 0 with `address` set.
-int resolve(const std::string& host, uint16_t port, sockaddr_in& address) {
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    const int result = ::getaddrinfo(host.c_str(), nullptr, &hints, &found);
-    const std::unique_ptr<addrinfo, AddressDeleter> list(found);
-    if (result != 0) return result;
-    if (!list || list->ai_addrlen != sizeof address) return EAI_NONAME;
-    std::memcpy(&address, list->ai_addr, sizeof address);
-    address.sin_port = htons(port);
-    return 0;
-}
 
 enum class Wait : uint8_t { Ready, TimedOut, Stopped };
 
@@ -100,11 +82,14 @@ ConnectResult ControlClient::connect(const std::string& host, uint16_t port,
 ControlClient::Attempt ControlClient::try_connect(const std::string& host, uint16_t port,
                                                   SteadyClock::time_point deadline,
                                                   const StopPredicate& stop) {
-    sockaddr_in address{};
-    if (const int status = resolve(host, port, address); status != 0) {
-        error_ = "cannot resolve '" + host + "': " + ::gai_strerror(status);
-        return status == EAI_NONAME ? Attempt::UnknownHost : Attempt::TryAgain;
+    const ResolvedHost resolved = resolve_host(
+        host, port, AF_INET, stop ? stop : [] { return false; });
+    if (!resolved.addresses) {
+        error_ = "cannot resolve '" + host + "': " + ::gai_strerror(resolved.error);
+        return resolved.error == EAI_NONAME ? Attempt::UnknownHost : Attempt::TryAgain;
     }
+    sockaddr_in address{};
+    std::memcpy(&address, resolved.addresses->ai_addr, sizeof address);
     const std::string target = host + " port " + std::to_string(port);
     socket_.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_in local{};

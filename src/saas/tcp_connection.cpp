@@ -12,9 +12,9 @@
 #include <utility>
 
 #include "base/clock.h"
+#include "base/resolve_host.h"
 #include "log/log.h"
 #include "saas/redaction.h"
-#include "saas/resolve_host.h"
 
 namespace ox {
 namespace {
@@ -72,7 +72,8 @@ bool TcpConnection::open(const std::string& host, uint16_t port, bool tls) {
 }
 
 bool TcpConnection::connect_any(const std::string& host, uint16_t port) {
-    const AddressList addresses = resolve_host(host, port, running_);
+    const AddressList addresses =
+        resolve_host(host, port, AF_UNSPEC, [this] { return !running_; }).addresses;
     if (!running_) return false;
     if (!addresses) {
         OX_WARN("SaasConnector: cannot resolve %s:%u", loggable(host).c_str(), unsigned{port});

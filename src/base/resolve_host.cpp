@@ -1,4 +1,4 @@
-#include "saas/resolve_host.h"
+#include "base/resolve_host.h"
 
 #include <netdb.h>
 #include <sys/socket.h>
@@ -13,21 +13,21 @@
 namespace ox {
 namespace {
 
-AddressList look_up(const std::string& host, const std::string& port, int flags) {
+ResolvedHost look_up(const std::string& host, const std::string& port, int family, int flags) {
     addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
+    hints.ai_family = family;
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = flags;
     addrinfo* list = nullptr;
-    if (::getaddrinfo(host.c_str(), port.c_str(), &hints, &list) != 0) return nullptr;
-    return AddressList(list);
+    const int error = ::getaddrinfo(host.c_str(), port.c_str(), &hints, &list);
+    return {AddressList(error == 0 ? list : nullptr), error};
 }
 
 struct PendingLookUp {
     Mutex mutex;
     std::condition_variable finished;
     bool done OX_GUARDED_BY(mutex) = false;
-    AddressList result OX_GUARDED_BY(mutex);
+    ResolvedHost result OX_GUARDED_BY(mutex);
 };
 
 }  // namespace
@@ -36,27 +36,30 @@ void AddressListDeleter::operator()(addrinfo* list) const noexcept {
     ::freeaddrinfo(list);
 }
 
-AddressList resolve_host(const std::string& host, uint16_t port, const std::atomic<bool>& running) {
+ResolvedHost resolve_host(const std::string& host, uint16_t port, int family,
+                          const std::function<bool()>& stop) {
     const std::string port_text = std::to_string(port);
-    if (AddressList list = look_up(host, port_text, AI_NUMERICHOST)) return list;
+    if (auto numeric = look_up(host, port_text, family, AI_NUMERICHOST); numeric.addresses)
+        return numeric;
 
     // getaddrinfo cannot be interrupted and may take many seconds, so it runs on a thread that is
     // detached and owns what it uses.
     const auto pending = std::make_shared<PendingLookUp>();
     std::jthread thread = start_thread(
-        [pending, host, port_text] {
-            AddressList list = look_up(host, port_text, 0);
+        [pending, host, port_text, family] {
+            ResolvedHost result = look_up(host, port_text, family, 0);
             const MutexLock lock(pending->mutex);
-            pending->result = std::move(list);
+            pending->result = std::move(result);
             pending->done = true;
             pending->finished.notify_one();
         },
         [](const char* /*reason*/) {});
-    if (!thread.joinable()) return nullptr;
+    if (!thread.joinable()) return {nullptr, EAI_AGAIN};
     thread.detach();
     MutexLock lock(pending->mutex);
-    while (!pending->done && running)
+    while (!pending->done && !stop())
         lock.wait_until(pending->finished, SteadyClock::now() + std::chrono::milliseconds(100));
+    if (!pending->done) return {nullptr, EAI_AGAIN};
     return std::move(pending->result);
 }
 
