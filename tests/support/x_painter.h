@@ -26,12 +26,19 @@ class XPainter {
     /// Resizes the screen through RandR, up to the size the server was started with.
     void resize_screen(uint32_t width, uint32_t height);
 
+    /// The pixels (0xRRGGBB) of the only window on a screen of depth 24, row by row; none without.
+    std::vector<uint32_t> read_window(uint32_t& width, uint32_t& height);
+    /// Moves it to the corner, too.
+    void resize_window(uint32_t width, uint32_t height);
+
     /// Sets the root window's mouse pointer: these pixels (alpha highest, premultiplied) with this
     /// hot spot.
     void set_pointer(const std::vector<uint32_t>& argb, uint32_t width, int hot_x, int hot_y);
     void move_pointer(int x, int y);
 
   private:
+    [[nodiscard]] unsigned long window() const;
+
     _XDisplay* display_;
     _XGC* gc_;
 };
