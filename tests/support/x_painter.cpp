@@ -32,6 +32,18 @@ void XPainter::fill(int x, int y, uint32_t width, uint32_t height, uint32_t pixe
     XSync(display_, False);
 }
 
+std::vector<uint32_t> XPainter::read(uint32_t width, uint32_t height) {
+    XImage* image =
+        XGetImage(display_, XDefaultRootWindow(display_), 0, 0, width, height, AllPlanes, ZPixmap);
+    if (image == nullptr) throw std::runtime_error("the screen cannot be read");
+    std::vector<uint32_t> pixels(size_t{width} * height);
+    std::memcpy(pixels.data(), image->data, pixels.size() * sizeof(uint32_t));
+    XDestroyImage(image);
+    for (uint32_t& pixel : pixels)
+        pixel &= 0xFFFFFFU;
+    return pixels;
+}
+
 void XPainter::set_pointer(const std::vector<uint32_t>& argb, uint32_t width, int hot_x,
                            int hot_y) {
     const Window root = XDefaultRootWindow(display_);
@@ -58,46 +70,6 @@ void XPainter::set_pointer(const std::vector<uint32_t>& argb, uint32_t width, in
 
 void XPainter::move_pointer(int x, int y) {
     XWarpPointer(display_, None, XDefaultRootWindow(display_), 0, 0, 0, 0, x, y);
-    XSync(display_, False);
-}
-
-unsigned long XPainter::window() const {
-    Window root = 0;
-    Window parent = 0;
-    Window* children = nullptr;
-    unsigned count = 0;
-    XQueryTree(display_, XDefaultRootWindow(display_), &root, &parent, &children, &count);
-    Window found = 0;
-    for (unsigned i = 0; i < count; ++i) {
-        XWindowAttributes window{};
-        XGetWindowAttributes(display_, children[i], &window);
-        if (window.map_state == IsViewable && window.c_class == InputOutput) found = children[i];
-    }
-    if (children != nullptr) XFree(children);
-    return found;
-}
-
-std::vector<uint32_t> XPainter::read_window(uint32_t& width, uint32_t& height) {
-    XWindowAttributes window{};
-    const unsigned long id = this->window();
-    if (id == 0 || XGetWindowAttributes(display_, id, &window) == 0) return {};
-    width = static_cast<uint32_t>(window.width);
-    height = static_cast<uint32_t>(window.height);
-    const std::unique_ptr<XImage, int (*)(XImage*)> image(
-        XGetImage(display_, id, 0, 0, width, height, AllPlanes, ZPixmap),
-        [](XImage* p) { return XDestroyImage(p); });
-    std::vector<uint32_t> pixels(size_t{width} * height);
-    if (!image || image->bits_per_pixel != 32) return {};
-    for (uint32_t row = 0; row < height; ++row)
-        std::memcpy(&pixels[size_t{row} * width],
-                    image->data + ptrdiff_t{row} * image->bytes_per_line, width * sizeof(uint32_t));
-    for (uint32_t& pixel : pixels)
-        pixel &= 0xFFFFFFU;
-    return pixels;
-}
-
-void XPainter::resize_window(uint32_t width, uint32_t height) {
-    XMoveResizeWindow(display_, window(), 0, 0, width, height);
     XSync(display_, False);
 }
 

@@ -23,13 +23,11 @@ class XPainter {
     /// All calls wait until the server is done.
     void fill(int x, int y, uint32_t width, uint32_t height, uint32_t pixel);
 
+    /// What the screen, of depth 24, shows there: 0xRRGGBB, row by row.
+    std::vector<uint32_t> read(uint32_t width, uint32_t height);
+
     /// Resizes the screen through RandR, up to the size the server was started with.
     void resize_screen(uint32_t width, uint32_t height);
-
-    /// The pixels (0xRRGGBB) of the only window on a screen of depth 24, row by row; none without.
-    std::vector<uint32_t> read_window(uint32_t& width, uint32_t& height);
-    /// Moves it to the corner, too.
-    void resize_window(uint32_t width, uint32_t height);
 
     /// Sets the root window's mouse pointer: these pixels (alpha highest, premultiplied) with this
     /// hot spot.
@@ -37,8 +35,6 @@ class XPainter {
     void move_pointer(int x, int y);
 
   private:
-    [[nodiscard]] unsigned long window() const;
-
     _XDisplay* display_;
     _XGC* gc_;
 };
