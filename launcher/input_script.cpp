@@ -5,6 +5,8 @@
 #include <optional>
 #include <utility>
 
+#include "launcher/client/wire_key.h"
+
 namespace ox::launcher {
 
 namespace {
@@ -22,54 +24,46 @@ constexpr std::string_view kDemo =
 constexpr std::chrono::milliseconds kHold{20};
 constexpr int kWheelUnitsPerNotch = 120;
 constexpr int kMaxWaitMs = 3'600'000;
-constexpr uint8_t kExtendedFlag = 0x02;
 
 constexpr std::array<std::string_view, 3> kButtons = {"left", "right", "middle"};
 
-// A key as an input packet names it: virtual-key code of Windows, scan code of set 1, and whether
-// the scan code is of the extended set (those with an E0 prefix).
-struct Key {
-    uint16_t virtual_key = 0;
-    uint8_t scan_code = 0;
+struct NamedKey {
+    std::string_view name;
+    uint8_t scan_code;
     bool extended = false;
 };
 
-struct NamedKey {
-    std::string_view name;
-    Key key;
-};
-
 constexpr std::array kNamedKeys = {
-    NamedKey{"esc", {0x1B, 1}},
-    NamedKey{"minus", {0xBD, 12}},
-    NamedKey{"equals", {0xBB, 13}},
-    NamedKey{"backspace", {0x08, 14}},
-    NamedKey{"tab", {0x09, 15}},
-    NamedKey{"enter", {0x0D, 28}},
-    NamedKey{"ctrl", {0xA2, 29}},
-    NamedKey{"shift", {0xA0, 42}},
-    NamedKey{"comma", {0xBC, 51}},
-    NamedKey{"period", {0xBE, 52}},
-    NamedKey{"slash", {0xBF, 53}},
-    NamedKey{"right_shift", {0xA1, 54}},
-    NamedKey{"alt", {0xA4, 56}},
-    NamedKey{"space", {0x20, 57}},
-    NamedKey{"caps_lock", {0x14, 58}},
-    NamedKey{"f11", {0x7A, 87}},
-    NamedKey{"f12", {0x7B, 88}},
-    NamedKey{"right_ctrl", {0xA3, 29, true}},
-    NamedKey{"right_alt", {0xA5, 56, true}},
-    NamedKey{"home", {0x24, 71, true}},
-    NamedKey{"up", {0x26, 72, true}},
-    NamedKey{"page_up", {0x21, 73, true}},
-    NamedKey{"left", {0x25, 75, true}},
-    NamedKey{"right", {0x27, 77, true}},
-    NamedKey{"end", {0x23, 79, true}},
-    NamedKey{"down", {0x28, 80, true}},
-    NamedKey{"page_down", {0x22, 81, true}},
-    NamedKey{"insert", {0x2D, 82, true}},
-    NamedKey{"delete", {0x2E, 83, true}},
-    NamedKey{"meta", {0x5B, 91, true}},
+    NamedKey{"esc", 1},
+    NamedKey{"minus", 12},
+    NamedKey{"equals", 13},
+    NamedKey{"backspace", 14},
+    NamedKey{"tab", 15},
+    NamedKey{"enter", 28},
+    NamedKey{"ctrl", 29},
+    NamedKey{"shift", 42},
+    NamedKey{"comma", 51},
+    NamedKey{"period", 52},
+    NamedKey{"slash", 53},
+    NamedKey{"right_shift", 54},
+    NamedKey{"alt", 56},
+    NamedKey{"space", 57},
+    NamedKey{"caps_lock", 58},
+    NamedKey{"f11", 87},
+    NamedKey{"f12", 88},
+    NamedKey{"right_ctrl", 29, true},
+    NamedKey{"right_alt", 56, true},
+    NamedKey{"home", 71, true},
+    NamedKey{"up", 72, true},
+    NamedKey{"page_up", 73, true},
+    NamedKey{"left", 75, true},
+    NamedKey{"right", 77, true},
+    NamedKey{"end", 79, true},
+    NamedKey{"down", 80, true},
+    NamedKey{"page_down", 81, true},
+    NamedKey{"insert", 82, true},
+    NamedKey{"delete", 83, true},
+    NamedKey{"meta", 91, true},
 };
 
 // Rows of keys with a letter or a digit each, and the scan code of the first one.
@@ -80,29 +74,25 @@ struct Row {
 constexpr std::array kRows = {Row{"1234567890", 2}, Row{"qwertyuiop", 16}, Row{"asdfghjkl", 30},
                               Row{"zxcvbnm", 44}};
 
-std::optional<Key> find_character(char character) {
+std::optional<WireKey> find_character(char character) {
     for (const Row& row : kRows) {
         const size_t place = row.characters.find(character);
-        if (place == std::string_view::npos) continue;
-        const char upper = character >= 'a' ? static_cast<char>(character - 'a' + 'A') : character;
-        return Key{.virtual_key = static_cast<uint8_t>(upper),
-                   .scan_code = static_cast<uint8_t>(row.first_scan_code + place)};
+        if (place != std::string_view::npos)
+            return wire_key(static_cast<uint8_t>(row.first_scan_code + place));
     }
     return std::nullopt;
 }
 
 // The key called `name` ("a", "7", "f5", "enter", "right_ctrl", ...) on a US keyboard.
-std::optional<Key> find_key(std::string_view name) {
+std::optional<WireKey> find_key(std::string_view name) {
     if (name.size() == 1) return find_character(name[0]);
     for (const NamedKey& named : kNamedKeys)
-        if (named.name == name) return named.key;
+        if (named.name == name) return wire_key(named.scan_code, named.extended);
     // F1 to F10 follow each other.
     if (name.size() >= 2 && name.size() <= 3 && name[0] == 'f') {
         const std::string_view digits = name.substr(1);
         const int number = digits == "10" ? 10 : digits.size() == 1 ? digits[0] - '0' : 0;
-        if (number >= 1 && number <= 10)
-            return Key{.virtual_key = static_cast<uint16_t>(0x70 + number - 1),
-                       .scan_code = static_cast<uint8_t>(59 + number - 1)};
+        if (number >= 1 && number <= 10) return wire_key(static_cast<uint8_t>(59 + number - 1));
     }
     return std::nullopt;
 }
@@ -180,32 +170,31 @@ class Reader {
         return ms.has_value();
     }
 
+    void add(InputPacket packet) {
+        packet.buttons = buttons_;
+        steps_.push_back({.at = now_, .packet = packet});
+    }
     void add(InputKind kind, int data0, int data1) {
         InputPacket packet;
         packet.kind = static_cast<uint8_t>(kind);
         packet.data0 = static_cast<int16_t>(data0);
         packet.data1 = static_cast<int16_t>(data1);
-        packet.buttons = buttons_;
-        steps_.push_back({.at = now_, .packet = packet});
+        add(packet);
     }
     void set_buttons(uint8_t buttons) {
         buttons_ = buttons;
         add(InputKind::MouseButtons, 0, 0);
     }
-    void add_key(const Key& key, bool down) {
-        const int flags = key.extended ? kExtendedFlag : 0;
-        add(down ? InputKind::KeyDown : InputKind::KeyUp, key.virtual_key,
-            key.scan_code | flags << 8);
-        std::erase_if(held_, [&](const Key& other) {
-            return other.scan_code == key.scan_code && other.extended == key.extended;
-        });
+    void add_key(const WireKey& key, bool down) {
+        add(make_key_packet(key, down));
+        std::erase(held_, key);
         if (down) held_.push_back(key);
     }
 
     std::string_view words_;
     std::chrono::milliseconds now_{0};
     uint8_t buttons_ = 0;
-    std::vector<Key> held_;
+    std::vector<WireKey> held_;
     std::vector<InputStep> steps_;
 };
 

@@ -137,8 +137,9 @@ bool Session::start_audio() {
     const Secret& key = control_.keys().audio_key;
     audio_.emplace(
         audio_socket_, std::span(key).first<PacketOpener::kKeyBytes>(),
-        AudioWorker::Sinks{.frame = [this](const auto& frame) { outputs_.on_audio(frame); },
-                           .samples = [this](const auto& pcm) { outputs_.on_samples(pcm); }});
+        AudioWorker::Sinks{
+            .frame = [this](const auto& frame) { outputs_.on_audio(frame); },
+            .samples = [this](const auto& pcm, const auto&) { outputs_.on_samples(pcm); }});
     std::string error;
     if (audio_->start(error)) return true;
     fail(ExitStatus::Failed, error);

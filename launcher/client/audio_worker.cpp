@@ -50,7 +50,7 @@ void AudioWorker::decode_frames() {
     while (const auto frame = receiver_.next_frame()) {
         const auto pcm = decoder_.decode(*frame);
         samples_ += pcm.size();
-        if (sinks_.samples) sinks_.samples(pcm);
+        if (sinks_.samples) sinks_.samples(pcm, *frame);
         if (sinks_.frame) sinks_.frame(*frame);
     }
 }

@@ -27,8 +27,9 @@ class AudioWorker {
   public:
     /// Called on the worker's thread; may be empty.
     struct Sinks {
-        std::function<void(const AudioFrame&)> frame;               ///< each frame, in order
-        std::function<void(std::span<const int16_t> pcm)> samples;  ///< as from AudioDecoder
+        std::function<void(const AudioFrame&)> frame;  ///< each frame, in order
+        /// What AudioDecoder made of the frame and of those lost before it.
+        std::function<void(std::span<const int16_t> pcm, const AudioFrame&)> samples;
     };
 
     /// `socket` outlives the worker, which alone uses it until `stop`.

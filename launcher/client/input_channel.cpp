@@ -54,6 +54,12 @@ std::optional<InputSealer::Datagram> InputSealer::seal(InputPacket packet) {
     return datagram;
 }
 
+bool InputSealer::is_recent(const Datagram& datagram) const {
+    constexpr uint64_t kReplayWindow = 64;
+    return std::equal(prefix_.begin(), prefix_.end(), datagram.begin()) &&
+           count_ - load_le<uint32_t>(datagram.data() + prefix_.size()) <= kReplayWindow;
+}
+
 bool InputChannel::open(const std::string& ip, uint16_t port,
                         std::span<const uint8_t, InputSealer::kKeyBytes> key, std::string& error) {
     const MutexLock lock(mutex_);
@@ -70,13 +76,38 @@ bool InputChannel::open(const std::string& ip, uint16_t port,
 
 void InputChannel::send(const InputPacket& packet) {
     const MutexLock lock(mutex_);
-    const auto datagram = sealer_ ? sealer_->seal(packet) : std::nullopt;
+    const auto datagram = seal(packet);
     if (!datagram) return;
-    const int copies = must_arrive(packet) ? 2 : 1;
-    for (int i = 0; i < copies; ++i)
-        ::sendto(socket_.get(), datagram->data(), datagram->size(), MSG_NOSIGNAL,
-                 reinterpret_cast<const sockaddr*>(&agent_), sizeof agent_);
-    count(packet);
+    transmit(*datagram);
+    if (!must_arrive(packet)) return;
+    transmit(*datagram);
+    ++counters_.copies;
+}
+
+std::optional<InputSealer::Datagram> InputChannel::send_once(const InputPacket& packet) {
+    const MutexLock lock(mutex_);
+    const auto datagram = seal(packet);
+    if (datagram) transmit(*datagram);
+    return datagram;
+}
+
+void InputChannel::repeat(const InputSealer::Datagram& datagram) {
+    const MutexLock lock(mutex_);
+    if (!sealer_ || !sealer_->is_recent(datagram)) return;
+    transmit(datagram);
+    ++counters_.copies;
+}
+
+std::optional<InputSealer::Datagram> InputChannel::seal(const InputPacket& packet) {
+    auto datagram = sealer_ ? sealer_->seal(packet) : std::nullopt;
+    if (datagram) count(packet);
+    return datagram;
+}
+
+void InputChannel::transmit(const InputSealer::Datagram& datagram) {
+    if (::sendto(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL,
+                 reinterpret_cast<const sockaddr*>(&agent_), sizeof agent_) < 0)
+        ++counters_.failed;
 }
 
 void InputChannel::count(const InputPacket& packet) {

@@ -33,18 +33,24 @@ class InputSealer {
     /// Sets version and sequence number and seals. Nothing once all 2^32 counts are used.
     std::optional<Datagram> seal(InputPacket packet);
 
+    /// Whether an agent that got every packet since would still take the datagram: this sealer made
+    /// it, and fewer than 64 after it.
+    [[nodiscard]] bool is_recent(const Datagram& datagram) const;
+
   private:
     SecretArray<kKeyBytes> key_;
     Prefix prefix_{};
     uint64_t count_ = 0;
 };
 
-/// Packets sent, without copies.
+/// What was sent. Nothing is acknowledged: of the losses, only `failed` is known here.
 struct InputCounters {
     uint64_t events = 0;
     uint64_t keyframe_requests = 0;
     uint64_t lost_frames_requests = 0;
     uint64_t media_feedback = 0;
+    uint64_t copies = 0;  ///< datagrams beyond the first of each packet
+    uint64_t failed = 0;  ///< datagrams that this system did not send
 };
 
 /// Sends input and feedback to the agent's input port. Any thread.
@@ -59,9 +65,17 @@ class InputChannel {
     /// acknowledged.
     void send(const InputPacket& packet);
 
+    /// Sends one packet once. The datagram is for `repeat`; nothing before `open`.
+    std::optional<InputSealer::Datagram> send_once(const InputPacket& packet);
+
+    /// Sends a datagram again byte for byte, unless the agent would drop it as too old.
+    void repeat(const InputSealer::Datagram& datagram);
+
     [[nodiscard]] InputCounters counters() const;
 
   private:
+    std::optional<InputSealer::Datagram> seal(const InputPacket& packet) OX_REQUIRES(mutex_);
+    void transmit(const InputSealer::Datagram& datagram) OX_REQUIRES(mutex_);
     void count(const InputPacket& packet) OX_REQUIRES(mutex_);
 
     mutable Mutex mutex_;

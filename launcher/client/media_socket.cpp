@@ -51,6 +51,14 @@ void MediaSocket::enable_arrival_times() {
     ::setsockopt(socket_.get(), SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
 }
 
+uint64_t MediaSocket::waited_us() const {
+    timespec now{};
+    if (arrival_ns_ == 0 || ::clock_gettime(CLOCK_REALTIME, &now) != 0) return 0;
+    const int64_t waited = int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec - arrival_ns_;
+    // More than a second: the real-time clock was set.
+    return waited > 0 && waited < 1'000'000'000 ? static_cast<uint64_t>(waited) / 1000 : 0;
+}
+
 uint16_t MediaSocket::port() const {
     sockaddr_in local{};
     socklen_t size = sizeof local;

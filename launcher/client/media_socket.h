@@ -40,6 +40,8 @@ class MediaSocket {
     /// Arrival of the datagram last passed to a sink, in ns of the real-time clock; 0 if not
     /// enabled.
     [[nodiscard]] int64_t arrival_ns() const { return arrival_ns_; }
+    /// How long that datagram has waited in the kernel and in its batch; 0 if not enabled.
+    [[nodiscard]] uint64_t waited_us() const;
 
     /// Waits up to `timeout` for datagrams and passes all available ones to `sink`, one by one;
     /// each is valid during the call. False when the socket is broken.

@@ -2,17 +2,19 @@
 
 namespace ox::launcher {
 
-void VideoReceiver::on_datagram(std::span<const uint8_t> datagram, uint64_t now_us) {
+std::optional<PacketHeader> VideoReceiver::on_datagram(std::span<const uint8_t> datagram,
+                                                       uint64_t now_us) {
     const auto packet = opener_.open(datagram);
     if (!packet) {
         ++stats_.undecryptable;
-        return;
+        return std::nullopt;
     }
     if (stats_.packets == 0) gate_.on_start(now_us);
     stats_.count_arrival(now_us);
     stats_.bytes += datagram.size();
     stats_.count(assembler_.push(packet->header, packet->payload, now_us));
     stats_.assembly = assembler_.counters();
+    return packet->header;
 }
 
 std::optional<AssembledFrame> VideoReceiver::next_frame() {

@@ -108,7 +108,8 @@ class VideoReceiver {
     VideoReceiver(std::span<const uint8_t, PacketOpener::kKeyBytes> key, const Config& config)
         : opener_(key), assembler_(config.limits), decode_damaged_(config.decode_damaged) {}
 
-    void on_datagram(std::span<const uint8_t> datagram, uint64_t now_us);
+    /// The header of the packet in it; nothing when it could not be decrypted.
+    std::optional<PacketHeader> on_datagram(std::span<const uint8_t> datagram, uint64_t now_us);
     /// Call every few milliseconds, also when nothing arrives.
     void on_time(uint64_t now_us) { assembler_.expire(now_us); }
 

@@ -44,11 +44,15 @@ void FrameQueue::close() {
 
 ReceiveWorker::ReceiveWorker(MediaSocket& socket, FrameQueue& queue,
                              std::span<const uint8_t, PacketOpener::kKeyBytes> key,
-                             const VideoReceiver::Config& config, RequestSink request_keyframe)
+                             const VideoReceiver::Config& config, RequestSink request_keyframe,
+                             PacketObserver observe)
     : socket_(socket),
       queue_(queue),
       receiver_(key, config),
-      request_keyframe_(std::move(request_keyframe)) {}
+      request_keyframe_(std::move(request_keyframe)),
+      observe_(std::move(observe)) {
+    if (observe_) socket_.enable_arrival_times();
+}
 
 void ReceiveWorker::start() {
     thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
@@ -68,10 +72,8 @@ void ReceiveWorker::run(const std::stop_token& stop) {
     bool broken = false;
     while (!stop.stop_requested() && !broken) {
         if (probes_.due(steady_now_us(), receiver_.stats().last_media_us)) socket_.send_probe();
-        broken = !socket_.receive(kPollPeriod, [this](std::span<const uint8_t> datagram) {
-            receiver_.on_datagram(datagram, steady_now_us());
-            queue_frames();
-        });
+        broken = !socket_.receive(
+            kPollPeriod, [this](std::span<const uint8_t> datagram) { on_datagram(datagram); });
         const uint64_t now = steady_now_us();
         receiver_.on_time(now);
         queue_frames();
@@ -83,6 +85,13 @@ void ReceiveWorker::run(const std::stop_token& stop) {
                      .queue_drops = queue_drops_,
                      .broken = broken};
     }
+}
+
+void ReceiveWorker::on_datagram(std::span<const uint8_t> datagram) {
+    const uint64_t now = steady_now_us();
+    const auto header = receiver_.on_datagram(datagram, now);
+    if (observe_ && header) observe_(*header, datagram.size(), now - socket_.waited_us());
+    queue_frames();
 }
 
 void ReceiveWorker::queue_frames() {

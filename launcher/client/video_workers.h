@@ -52,11 +52,17 @@ class ReceiveWorker {
   public:
     /// Called on the receiving thread when a keyframe must be requested.
     using RequestSink = std::function<void(const KeyframeRequest&)>;
+    /// Called on the receiving thread for each decrypted packet, with its datagram's size and its
+    /// arrival in the kernel, on the own steady clock in us.
+    using PacketObserver =
+        std::function<void(const PacketHeader&, size_t bytes, uint64_t arrival_us)>;
 
-    /// `socket` and `queue` outlive the worker; it alone uses the socket until `stop`.
+    /// `observe` may be empty. `socket` is open; `socket` and `queue` outlive the worker; it alone
+    /// uses the socket until `stop`.
     ReceiveWorker(MediaSocket& socket, FrameQueue& queue,
                   std::span<const uint8_t, PacketOpener::kKeyBytes> key,
-                  const VideoReceiver::Config& config, RequestSink request_keyframe);
+                  const VideoReceiver::Config& config, RequestSink request_keyframe,
+                  PacketObserver observe = {});
     ~ReceiveWorker() { stop(); }
     ReceiveWorker(const ReceiveWorker&) = delete;
     ReceiveWorker& operator=(const ReceiveWorker&) = delete;
@@ -69,6 +75,7 @@ class ReceiveWorker {
 
   private:
     void run(const std::stop_token& stop);
+    void on_datagram(std::span<const uint8_t> datagram);
     void queue_frames();
 
     MediaSocket& socket_;
@@ -76,6 +83,7 @@ class ReceiveWorker {
     // The receiving thread's:
     VideoReceiver receiver_;
     RequestSink request_keyframe_;
+    PacketObserver observe_;
     ProbeTimer probes_;
     uint64_t queue_drops_ = 0;
 

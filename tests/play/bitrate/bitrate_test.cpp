@@ -1,0 +1,122 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "play/bitrate/simulated_session.h"
+
+namespace ox::test {
+namespace {
+
+using testing::IsEmpty;
+
+const std::vector<std::pair<double, double>> kSteps = {{0, 20'000}, {20, 3'000}, {40, 12'000}};
+
+void expect_few_changes(const SimulatedSession& session, size_t most) {
+    EXPECT_LE(session.changes.size(), most);
+    for (size_t i = 1; i < session.changes.size(); ++i) {
+        EXPECT_GE(session.changes[i].at_s - session.changes[i - 1].at_s, 1.99);
+    }
+}
+
+struct Trace {
+    std::string name;
+    ShapedPath::Setup path;
+    double after_10_s = 0.7;  ///< share of the path's rate, ten seconds after a step up
+    size_t most_changes = 18;
+};
+
+class OnSteps : public testing::TestWithParam<Trace> {};
+
+TEST_P(OnSteps, FollowsThePathWithoutLongStalls) {
+    Trace trace = GetParam();
+    trace.path.steps = kSteps;
+    for (uint32_t seed = 1; seed <= 3; ++seed) {
+        SCOPED_TRACE(seed);
+        trace.path.seed = seed;
+        SimulatedSession session(trace.path, 10'000);
+        session.run_until(22);
+        EXPECT_LT(session.target_kbps(), 3'000);  // down at once
+        EXPECT_GT(session.target_kbps(), 1'200);
+        session.run_until(50);
+        EXPECT_GT(session.target_kbps(), trace.after_10_s * 12'000);
+        session.run_until(60);
+        EXPECT_LT(session.longest_stall_s, 1.0);
+        expect_few_changes(session, trace.most_changes);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Paths, OnSteps,
+    testing::Values(Trace{"Clean", {}, 0.7, 8}, Trace{"Loss", {.loss = 0.02}, 0.7, 9},
+                    Trace{"Jitter", {.loss = 0.02, .jitter_ms = 30, .reorders = true}},
+                    // Spreads the packets of small pictures, so that room shows later.
+                    Trace{"JitterInOrder", {.loss = 0.02, .jitter_ms = 30}, 0.5},
+                    Trace{"LongQueue", {.queue_ms = 1000, .loss = 0.02}, 0.7, 12},
+                    Trace{"ShortQueue", {.queue_ms = 40}, 0.7, 8}),
+    [](const auto& trace) { return trace.param.name; });
+
+TEST(BitrateTest, StaysWhereAChangeWouldNotHelp) {
+    SimulatedSession still({.steps = kSteps, .loss = 0.02}, 10'000);
+    still.need = 0.02;  // also on the way, when the path is slower than the bitrate
+    still.run_until(60);
+    EXPECT_THAT(still.changes, IsEmpty());
+
+    // Loss without a queue is no sign of too much; the limit is the only reason not to raise.
+    SimulatedSession lossy({.steps = {{0, 1e6}}, .loss = 0.02}, 50'000);
+    lossy.run_until(10);
+    EXPECT_THAT(lossy.changes, IsEmpty());
+}
+
+TEST(BitrateTest, KeepsTheBitrateOverAHiccup) {
+    SimulatedSession session({.steps = {{0, 20'000}}, .loss = 0.02}, 14'000);
+    session.run_until(8);
+    const uint32_t before = session.target_kbps();
+    session.blocked_until_us = 8'300'000;
+    session.run_until(12);
+    EXPECT_GT(session.target_kbps(), 0.7 * before);
+}
+
+TEST(BitrateTest, FindsRoomWhereAPictureIsOnePacket) {
+    SimulatedSession session({.steps = {{0, 3'000}}}, 500);
+    session.run_until(20);
+    EXPECT_GT(session.target_kbps(), 2'000);
+}
+
+TEST(BitrateTest, LowersForASlowDecoderAsFarAsThatHelps) {
+    SimulatedSession session({.steps = {{0, 1e6}}}, 10'000);
+    session.decode_ms = 25;
+    session.run_until(4);
+    ASSERT_EQ(session.changes.size(), 2U);
+    EXPECT_LT(session.target_kbps(), 8'000);
+    session.run_until(40);
+    EXPECT_GE(session.target_kbps(), 2'000);
+    EXPECT_LT(session.target_kbps(), 2'400);
+}
+
+TEST(PathMeterTest, MeasuresRatesLossAndQueue) {
+    SimulatedSession session({.steps = {{0, 12'000}}, .loss = 0.02}, 8'000);
+    session.run_until(5);
+    const auto& sample = session.sample;
+    EXPECT_NEAR(sample.burst_kbps, 12'000, 600);
+    EXPECT_LT(sample.burst_low_kbps, sample.burst_kbps);
+    EXPECT_NEAR(sample.sent_kbps, session.target_kbps(), 1'500);
+    EXPECT_NEAR(sample.received_kbps, 0.98 * sample.sent_kbps, 1'500);
+    EXPECT_NEAR(sample.lost, 0.02, 0.015);
+    EXPECT_LT(sample.queue_ms, 5);
+    EXPECT_NEAR(sample.frame_interval_ms, 16.67, 0.1);
+}
+
+TEST(PathMeterTest, ALongerRouteIsNoQueue) {
+    SimulatedSession session({.steps = {{0, 12'000}}}, 8'000);
+    session.run_until(5);
+    session.extra_delay_us = 80'000;
+    session.run_until(6);
+    EXPECT_NEAR(session.sample.queue_ms, 80, 15);
+    session.run_until(12);
+    EXPECT_LT(session.sample.queue_ms, 15);
+    expect_few_changes(session, 6);
+}
+
+}  // namespace
+}  // namespace ox::test
