@@ -7,13 +7,11 @@
 
 namespace ox::launcher {
 
-/// The number that the synthetic picture carries in its top-left corner: 32 blocks of 8x8 pixels
-/// side by side, least significant bit first, white for 1 and black for 0. Nothing when the plane
-/// is too small or a block is neither dark nor bright.
+/// The synthetic picture's number: 32 blocks of 8x8 pixels, top left, least significant bit first,
+/// white for 1. Nothing when the plane is too small or a block is neither dark nor bright.
 std::optional<uint32_t> read_frame_stamp(const LumaPlane& plane);
 
-/// Checks that the right pictures arrive: the stamp and the agent's frame number both count
-/// pictures, so their difference is constant within a session.
+/// Checks pictures: stamp and frame number both count them, so their difference is constant.
 class StampChecker {
   public:
     struct Report {

@@ -46,12 +46,10 @@ struct Options {
     bool quiet = false;
 };
 
-/// Reads the arguments behind the program's name; `environment_token` (may be null) serves when no
-/// token is given among them. Pure.
+/// `environment_token` (may be null) serves when no token is given. Pure.
 ParsedCommandLine<Options> parse_command_line(std::span<const char* const> arguments,
                                               const char* environment_token);
 
-/// The usage text, with all options, their defaults and the exit statuses.
 std::string usage_text();
 
 }  // namespace ox::launcher

@@ -12,7 +12,6 @@
 
 namespace ox::launcher {
 
-/// How a run ended, and the program's exit status.
 enum class ExitStatus : uint8_t {
     Ok = 0,
     Failed = 1,       ///< a local failure: port taken, file not writable
@@ -27,7 +26,6 @@ enum class ExitStatus : uint8_t {
 /// One lower-case word for `status`, as it stands in the summary.
 const char* exit_status_name(ExitStatus status);
 
-/// What a run has measured.
 struct Summary {
     ExitStatus status = ExitStatus::Ok;
     std::string error;  ///< one line for the user; empty when all went well

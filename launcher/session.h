@@ -18,8 +18,7 @@
 
 namespace ox::launcher {
 
-/// One session with an agent, from the connection to the summary. Runs on the owner's thread; its
-/// receiving, decoding, control and audio threads have ended when `run` returns.
+/// One session with an agent, on the owner's thread; its threads have ended when `run` returns.
 class Session {
   public:
     using StopPredicate = std::function<bool()>;

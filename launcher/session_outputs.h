@@ -14,9 +14,8 @@
 
 namespace ox::launcher {
 
-/// What a session leaves behind: the recording, the last picture, and what the pictures' stamps and
-/// the sound's pitch prove. The decoding and the audio thread feed it, each through its functions;
-/// the owner reads it after both have ended.
+/// A session's recording, its last picture, and its pictures' stamps and sound's pitch. Fed by the
+/// decoding and the audio thread, read by the owner after both.
 class SessionOutputs {
   public:
     struct Results {
@@ -40,8 +39,7 @@ class SessionOutputs {
     void on_audio(const AudioFrame& frame) { recorder_.write_audio(frame); }
     void on_samples(std::span<const int16_t> pcm) { meter_.add(pcm); }
 
-    /// Completes the recording and writes the last picture as PNG. False, with a text for the user
-    /// in `error`, on failure.
+    /// Also writes the last picture as PNG. False, with a text for the user in `error`, on failure.
     bool finish(std::string& error);
     [[nodiscard]] Results results() const;
 

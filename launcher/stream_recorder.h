@@ -31,17 +31,14 @@ class StreamRecorder {
     StreamRecorder(const StreamRecorder&) = delete;
     StreamRecorder& operator=(const StreamRecorder&) = delete;
 
-    /// Creates the file. False, with a text for the user in `error`, when that fails. Until then
-    /// the functions below do nothing.
+    /// False, with a text for the user in `error`. Until then the functions below do nothing.
     bool open(const std::string& path, const Tracks& tracks, std::string& error);
 
-    /// Adds one access unit; those before the first keyframe are left out. After a failure nothing
-    /// more is written, and `finish` reports it.
+    /// Nothing before the first keyframe, nor after a failure, which `finish` reports.
     void write(const AssembledFrame& frame);
     /// Adds one frame of sound; those from before the first picture are left out.
     void write_audio(const AudioFrame& frame);
-    /// Completes the file. False, with a text for the user in `error`, when it is incomplete or
-    /// empty.
+    /// False, with a text for the user in `error`, when the file is incomplete or empty.
     bool finish(std::string& error);
 
     [[nodiscard]] Counts counts() const;

@@ -17,8 +17,7 @@ struct ToneReport {
     double pitch_hz = 0;               ///< strongest frequency; 0 = too quiet to measure
 };
 
-/// Measures 16-bit stereo sound at 48 kHz, as a whole and over its last 85 ms. Pure; used by one
-/// thread.
+/// Measures 16-bit stereo at 48 kHz, as a whole and over its last 85 ms. Pure; one thread.
 class ToneMeter {
   public:
     static constexpr int kSampleRate = 48000;

@@ -5,5 +5,7 @@ file(GLOB infos /var/lib/dpkg/info/libav*.shlibs /var/lib/dpkg/info/libsw*.shlib
 foreach(info ${infos})
   file(READ ${info} lines)
   string(REGEX REPLACE "\\(>= ([0-9]+:[0-9]+\\.[0-9]+)[^)]*\\)" "(>= \\1)" lines "${lines}")
-  file(APPEND ${CPACK_TEMPORARY_DIRECTORY}/debian/shlibs.local "${lines}")
+  foreach(component ${CPACK_COMPONENTS_ALL})
+    file(APPEND ${CPACK_TEMPORARY_DIRECTORY}/${component}/debian/shlibs.local "${lines}")
+  endforeach()
 endforeach()

@@ -27,6 +27,8 @@ constexpr seconds kSilentHoldTime{90};
 constexpr uint64_t kSilentUs = 1'000'000;  // a still screen is sent, too
 constexpr uint64_t kDeadUs = 5'000'000;
 constexpr int32_t kFirstBitrateKbps = 10'000;
+constexpr BitrateController::Limits kBitrateLimits{};
+constexpr milliseconds kBitratePeriod{250};
 constexpr size_t kQueuedFrames = 15;
 
 uint64_t since_us(uint64_t time_us) {
@@ -50,7 +52,9 @@ Link::Link(const Options& options, PictureSlot& pictures, Sinks sinks)
                                const MutexLock lock(mutex_);
                                status_.clock.add(frame.timestamp, frame.completed);
                            }}),
-      bitrate_kbps_(options.bitrate_kbps > 0 ? options.bitrate_kbps : kFirstBitrateKbps) {}
+      bitrate_kbps_(options.bitrate_kbps > 0 ? options.bitrate_kbps : kFirstBitrateKbps) {
+    if (options.bitrate_kbps == 0) controller_.emplace(kFirstBitrateKbps, kBitrateLimits);
+}
 
 void Link::start() {
     thread_ = start_thread([this] { run(); },
@@ -65,10 +69,6 @@ void Link::stop() {
 LinkStatus Link::status() const {
     const MutexLock lock(mutex_);
     return status_;
-}
-
-void Link::send(const InputPacket& packet) {
-    if (accepts_input_) input_.send(packet);
 }
 
 void Link::set_state(LinkState state, SteadyClock::time_point deadline) {
@@ -171,7 +171,10 @@ bool Link::start_media() {
     receive_.emplace(
         video_socket_, queue_, std::span(keys.video_key).first<PacketOpener::kKeyBytes>(),
         launcher::VideoReceiver::Config{},
-        [this](const launcher::KeyframeRequest& request) { request_keyframe(request); });
+        [this](const launcher::KeyframeRequest& request) { request_keyframe(request); },
+        [this](const PacketHeader& header, size_t bytes, uint64_t arrival_us) {
+            path_.on_packet(header, bytes, arrival_us);
+        });
     receive_->start();
     if (sinks_.sound) {
         audio_socket_.set_agent(agent, port(5));
@@ -180,12 +183,10 @@ bool Link::start_media() {
         if (!audio_->start(error)) audio_.reset();
     }
     meter_ = {};
-    accepts_input_ = true;
     return true;
 }
 
 void Link::stop_media() {
-    accepts_input_ = false;
     if (audio_) audio_->stop();
     if (receive_) receive_->stop();
 }
@@ -203,12 +204,17 @@ Link::Outcome Link::stream() {
     first_picture_deadline_ = next_tick + kFirstPictureTime;
     frames_before_ = decode_.stats().frames_decoded;
     auto next_report = next_tick;
+    auto next_sample = next_tick;
     for (;;) {
         const launcher::ReceiveSnapshot receive = receive_->snapshot();
         if (const auto outcome = check(receive)) return *outcome;
         if (next_tick >= next_report) {
             next_report += kReportPeriod;
             report(receive);
+        }
+        if (next_tick >= next_sample) {
+            next_sample += kBitratePeriod;
+            adapt_bitrate();
         }
         next_tick += kTick;
         sleep_until_steady(next_tick);
@@ -265,16 +271,24 @@ void Link::report(const launcher::ReceiveSnapshot& receive) {
     const uint64_t spent_us = decoded.decoding_us - decoding_us_;
     frames_decoded_ = decoded.frames_decoded;
     decoding_us_ = decoded.decoding_us;
+    if (frames > 0) decode_ms_ = static_cast<double>(spent_us) / 1e3 / static_cast<double>(frames);
     {
         const MutexLock lock(mutex_);
         status_.progress = progress;
         status_.frames_decoded = decoded.frames_decoded;
         status_.decoder = decoded.decoder;
         status_.bitrate_kbps = bitrate_kbps_;
-        if (frames > 0)
-            status_.decode_ms = static_cast<double>(spent_us) / 1e3 / static_cast<double>(frames);
+        status_.decode_ms = decode_ms_;
     }
     sinks_.wake();
+}
+
+void Link::adapt_bitrate() {
+    if (!controller_) return;
+    const auto kbps = controller_->update(path_.take_sample(steady_now_us(), decode_ms_));
+    if (!kbps) return;
+    bitrate_kbps_ = static_cast<int32_t>(*kbps);
+    control_.send_line(launcher::make_set_bitrate_line(bitrate_kbps_));
 }
 
 bool Link::reconnect(Outcome why) {

@@ -15,6 +15,8 @@
 #include "launcher/client/media_socket.h"
 #include "launcher/client/progress.h"
 #include "launcher/client/video_workers.h"
+#include "play/bitrate/bitrate_controller.h"
+#include "play/bitrate/path_meter.h"
 #include "play/clock_offset.h"
 #include "play/options.h"
 #include "play/picture_slot.h"
@@ -54,7 +56,7 @@ class Link {
         /// A picture was put into the slot, or the status has changed. Any thread.
         std::function<void()> wake;
         /// As AudioWorker::Sinks::samples; empty: no sound is wanted.
-        std::function<void(std::span<const int16_t> pcm)> sound;
+        std::function<void(std::span<const int16_t> pcm, const launcher::AudioFrame&)> sound;
     };
 
     /// `options` with the picture size and the token filled in.
@@ -68,8 +70,8 @@ class Link {
     void stop();
 
     [[nodiscard]] LinkStatus status() const;
-    /// Nothing is sent while no session runs.
-    void send(const InputPacket& packet);
+    /// Opened while a session runs, then and again.
+    [[nodiscard]] launcher::InputChannel& input() { return input_; }
 
   private:
     /// How a stretch of streaming ended.
@@ -83,6 +85,7 @@ class Link {
     Outcome stream();
     std::optional<Outcome> check(const launcher::ReceiveSnapshot& receive);
     void report(const launcher::ReceiveSnapshot& receive);
+    void adapt_bitrate();
     bool reconnect(Outcome why);
     void request_keyframe(const launcher::KeyframeRequest& request);
     void set_state(LinkState state, SteadyClock::time_point deadline = {});
@@ -93,7 +96,6 @@ class Link {
     PictureSlot& pictures_;
     const Sinks sinks_;
     std::atomic<bool> stopping_{false};
-    std::atomic<bool> accepts_input_{false};
 
     launcher::InputChannel input_;
     // The link's thread's:
@@ -109,9 +111,12 @@ class Link {
     uint64_t frames_before_ = 0;  ///< decoded before this connection
     uint64_t decode_errors_ = 0;  ///< that a keyframe was requested for
     SteadyClock::time_point next_request_{};
-    uint64_t decoding_us_ = 0;     ///< at the last report
-    uint64_t frames_decoded_ = 0;  ///< likewise
-    int32_t bitrate_kbps_ = 0;
+    uint64_t decoding_us_ = 0;                     ///< at the last report
+    uint64_t frames_decoded_ = 0;                  ///< likewise
+    PathMeter path_;                               ///< also the receiving thread's
+    std::optional<BitrateController> controller_;  ///< with an automatic bitrate
+    int32_t bitrate_kbps_;
+    double decode_ms_ = 0;
 
     mutable Mutex mutex_;
     LinkStatus status_ OX_GUARDED_BY(mutex_);

@@ -54,10 +54,9 @@ Player::Result Player::run() {
         return {
             ExitStatus::NoDisplay, "there is no window system: start it in a desktop session", {}};
     if (!open_window(error)) return {ExitStatus::NoDisplay, error, {}};
-    link_ = std::make_unique<Link>(options_, pictures_,
-                                   Link::Sinks{.wake = [this] { wake(); }, .sound = {}});
-    link_->start();
+    start_link();
     loop();
+    input_.reset();
     link_->stop();
 
     const LinkStatus status = link_->status();
@@ -90,6 +89,22 @@ bool Player::open_window(std::string& error) {
                         error);
 }
 
+void Player::start_link() {
+    Link::Sinks sinks{.wake = [this] { wake(); }, .sound = {}};
+    if (!options_.no_audio) {
+        sound_ = std::make_unique<SoundOutput>();
+        if (std::string error; sound_->start(error)) {
+            sinks.sound = [this](std::span<const int16_t> pcm, const launcher::AudioFrame& frame) {
+                sound_->add(pcm, frame, steady_now_us());
+            };
+        }
+    }
+    link_ = std::make_unique<Link>(options_, pictures_, std::move(sinks));
+    input_ = std::make_unique<InputCapture>(
+        window_.handle(), InputSender::output_of(link_->input()), options_.view_only);
+    link_->start();
+}
+
 // One event is enough for everything that has changed until it is handled.
 void Player::wake() {
     if (wake_pending_.exchange(true)) return;
@@ -99,14 +114,19 @@ void Player::wake() {
 }
 
 void Player::loop() {
+    auto wait = kLongestWait;
     while (!quit_) {
         SDL_Event event{};
-        if (SDL_WaitEventTimeout(&event, static_cast<int>(kLongestWait.count())) == 1) {
+        if (SDL_WaitEventTimeout(&event, static_cast<int>(wait.count())) == 1) {
             do {
                 handle(event);
             } while (SDL_PollEvent(&event) == 1);
         }
+        const auto now = SteadyClock::now();
+        const auto due = input_->tick(now);  // input goes out before a picture is drawn
         update();
+        wait =
+            std::clamp(std::chrono::ceil<milliseconds>(due - now), milliseconds(1), kLongestWait);
     }
 }
 
@@ -115,17 +135,24 @@ void Player::handle(const SDL_Event& event) {
         wake_pending_ = false;
         return;
     }
-    switch (event.type) {
-        case SDL_QUIT:
-            quit_ = true;
+    if (const auto command = input_->handle(event)) obey(*command);
+    if (event.type == SDL_QUIT) quit_ = true;
+    if (event.type == SDL_WINDOWEVENT) redraw_ = true;
+    if (event.type == SDL_KEYDOWN && farewell_until_ != SteadyClock::time_point{}) quit_ = true;
+}
+
+void Player::obey(Command command) {
+    switch (command) {
+        case Command::ToggleFullscreen:
+            window_.toggle_fullscreen();
             break;
-        case SDL_KEYDOWN:
-            if (farewell_until_ != SteadyClock::time_point{}) quit_ = true;
-            break;
-        case SDL_WINDOWEVENT:
+        case Command::ToggleStats:
+            show_statistics_ = !show_statistics_;
+            statistics_due_ = {};
             redraw_ = true;
             break;
-        default:
+        case Command::Quit:
+            quit_ = true;
             break;
     }
 }
@@ -136,35 +163,42 @@ void Player::update() {
         shown_ = std::move(picture);
         if (pictures_shown_++ == 0) first_shown_ = now;
         redraw_ = true;
+        if (!quit_) draw();
+        if (sound_ && shown_.timestamp != 0)
+            sound_->picture_shown(shown_.timestamp, steady_now_us());
     }
     const LinkStatus status = link_->status();
+    input_->set_enabled(status.state == LinkState::Playing || status.state == LinkState::Silent);
     if (is_over(status, now)) quit_ = true;
     if (auto message = status_message(status, options_.host, now, lang_); message != message_) {
         message_ = std::move(message);
         redraw_ = true;
     }
-    if (show_statistics_ && now >= statistics_due_) {
-        const double time = seconds_between(statistics_due_, now + kStatisticsPeriod);
-        const auto age =
-            status.clock.age_ms(shown_.timestamp, steady_now_us(), status.progress.rtt_ms);
-        statistics_ = statistics_text(
-            status,
-            {.picture =
-                 shown_.image ? SDL_Point{shown_.image->width, shown_.image->height} : SDL_Point{},
-             .renderer = window_.renderer(),
-             .shown_fps = static_cast<double>(pictures_shown_ - statistics_shown_) / time,
-             .age_ms = age.value_or(-1),
-             .dropped = pictures_.dropped(),
-             .automatic_bitrate = options_.bitrate_kbps == 0},
-            lang_);
-        statistics_shown_ = pictures_shown_;
-        statistics_due_ = now + kStatisticsPeriod;
-        redraw_ = true;
-    }
-    if (redraw_) draw(status, now);
+    if (show_statistics_ && now >= statistics_due_) update_statistics(status, now);
+    if (redraw_) draw();
 }
 
-void Player::draw(const LinkStatus& /*status*/, SteadyClock::time_point /*now*/) {
+void Player::update_statistics(const LinkStatus& status, SteadyClock::time_point now) {
+    const auto age = status.clock.age_ms(shown_.timestamp, steady_now_us(), status.progress.rtt_ms);
+    StatisticsView view{.picture = shown_.image
+                                       ? SDL_Point{shown_.image->width, shown_.image->height}
+                                       : SDL_Point{},
+                        .renderer = window_.renderer(),
+                        .shown_fps = static_cast<double>(pictures_shown_ - statistics_shown_) /
+                                     std::max(seconds_between(statistics_made_, now), 1e-3),
+                        .age_ms = age.value_or(-1),
+                        .dropped = pictures_.dropped(),
+                        .automatic_bitrate = options_.bitrate_kbps == 0,
+                        .sound = sound_ ? std::optional(sound_->stats()) : std::nullopt,
+                        .input = link_->input().counters()};
+    statistics_ = statistics_text(status, view, lang_);
+    statistics_shown_ = pictures_shown_;
+    statistics_made_ = now;
+    statistics_due_ = now + kStatisticsPeriod;
+    redraw_ = true;
+}
+
+void Player::draw() {
     redraw_ = false;
     if (window_.show(shown_.image.get(), message_, show_statistics_ ? statistics_ : "")) return;
     undrawable_ = true;

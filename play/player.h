@@ -7,9 +7,11 @@
 #include <string>
 
 #include "base/clock.h"
+#include "play/input/input_capture.h"
 #include "play/link.h"
 #include "play/options.h"
 #include "play/picture_slot.h"
+#include "play/sound/sound_output.h"
 #include "play/texts.h"
 #include "play/window/window.h"
 #include "tui/board/localization.h"
@@ -38,11 +40,14 @@ class Player {
     class Video;
 
     bool open_window(std::string& error);
+    void start_link();
     void loop();
     void handle(const SDL_Event& event);
-    /// Draws when there is something new. False when the pictures cannot be shown.
+    void obey(Command command);
+    /// Draws when there is something new.
     void update();
-    void draw(const LinkStatus& status, SteadyClock::time_point now);
+    void update_statistics(const LinkStatus& status, SteadyClock::time_point now);
+    void draw();
     [[nodiscard]] bool is_over(const LinkStatus& status, SteadyClock::time_point now);
     void wake();
 
@@ -53,7 +58,9 @@ class Player {
     PictureSlot pictures_;
     uint32_t wake_event_ = 0;
     std::atomic<bool> wake_pending_{false};
+    std::unique_ptr<SoundOutput> sound_;  ///< null: without sound
     std::unique_ptr<Link> link_;
+    std::unique_ptr<InputCapture> input_;
 
     Picture shown_;
     std::string message_;
@@ -66,6 +73,7 @@ class Player {
     SteadyClock::time_point first_shown_{};
     SteadyClock::time_point farewell_until_{};  ///< of the last message, once all is over
     SteadyClock::time_point statistics_due_{};
+    SteadyClock::time_point statistics_made_{};
     uint64_t statistics_shown_ = 0;  ///< pictures, when the statistics were made
 };
 

@@ -1,6 +1,7 @@
 #include "play/texts.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace ox::play {
 
@@ -36,6 +37,24 @@ std::string end_message(const LinkStatus& status, Lang lang) {
     return (status.ended_by_host ? kHostEnded : kNotBack).in(lang) + close;
 }
 
+constexpr Text kFps{"fps", "кадр/с"};
+constexpr Text kMs{"ms", "мс"};
+constexpr Text kMbit{"Mbit/s", "Мбит/с"};
+
+std::string value(double number, int decimals, const Text& unit, Lang lang) {
+    return tui::number(number, decimals, lang) + "\u00A0" + unit.in(lang);
+}
+
+std::string sound_text(const SoundStats& sound, Lang lang) {
+    if (!sound.open) return Text{"no device", "нет устройства"}.in(lang);
+    std::string text = value(sound.delay_ms, 0, kMs, lang) + Text{", drift ", ", дрейф "}.in(lang) +
+                       std::to_string(std::lround(sound.buffer.drift_ppm)) + "\u00A0ppm";
+    if (sound.buffer.lag_ms)
+        text += Text{", behind the picture ", ", отстаёт от\u00A0картинки на\u00A0"}.in(lang) +
+                std::to_string(std::lround(*sound.buffer.lag_ms)) + "\u00A0" + kMs.in(lang);
+    return text;
+}
+
 }  // namespace
 
 std::string status_message(const LinkStatus& status, const std::string& host,
@@ -60,36 +79,33 @@ std::string status_message(const LinkStatus& status, const std::string& host,
 }
 
 std::string statistics_text(const LinkStatus& status, const StatisticsView& view, Lang lang) {
-    const auto value = [&](double number, int decimals, const Text& unit) {
-        return tui::number(number, decimals, lang) + "\u00A0" + unit.in(lang);
-    };
-    const auto line = [&](const Text& name, const std::string& text) {
-        return std::string(name.in(lang)) + text + "\n";
-    };
-    constexpr Text kFps{"fps", "кадр/с"};
-    constexpr Text kMs{"ms", "мс"};
-    constexpr Text kMbit{"Mbit/s", "Мбит/с"};
     const launcher::Progress& progress = status.progress;
-    std::string text =
-        line({"picture     ", "изображение "},
-             std::to_string(view.picture.x) + "×" + std::to_string(view.picture.y) + "  " +
-                 value(view.shown_fps, 1, kFps) + "  " + status.decoder + "  " + view.renderer);
-    text += line({"bitrate     ", "битрейт     "},
-                 value(progress.mbit_per_s, 1, kMbit) + "  " + Text{"of ", "из\u00A0"}.in(lang) +
-                     value(status.bitrate_kbps / 1e3, 1, kMbit) +
-                     (view.automatic_bitrate ? Text{" (auto)", " (авто)"}.in(lang) : ""));
-    text +=
-        line({"age         ", "возраст     "},
-             value(view.age_ms, 0, kMs) + Text{", of it decoding ", ", декодирование "}.in(lang) +
-                 value(status.decode_ms, 1, kMs));
-    text += line({"round trip  ", "отклик сети "}, value(progress.rtt_ms, 0, kMs));
-    text +=
-        line({"loss        ", "потери      "},
-             value(progress.loss_pct, 1, {"%", "%"}) + "  " +
-                 Text{"recovered ", "восстановлено "}.in(lang) +
-                 std::to_string(progress.packets_recovered) + "  " +
-                 Text{"not shown ", "не\u00A0показано "}.in(lang) + std::to_string(view.dropped));
-    text.pop_back();
+    std::string text;
+    const auto add = [&](const Text& name, const std::string& line) {
+        text.append(text.empty() ? "" : "\n").append(name.in(lang)).append(line);
+    };
+    add({"picture     ", "изображение "},
+        std::to_string(view.picture.x) + "×" + std::to_string(view.picture.y) + ", " +
+            value(view.shown_fps, 1, kFps, lang) + ", " + status.decoder + ", " + view.renderer);
+    add({"bitrate     ", "битрейт     "},
+        value(progress.mbit_per_s, 1, kMbit, lang) + Text{" of ", " из\u00A0"}.in(lang) +
+            value(status.bitrate_kbps / 1e3, 1, kMbit, lang) +
+            (view.automatic_bitrate ? Text{" (auto)", " (авто)"}.in(lang) : ""));
+    add({"age         ", "возраст     "},
+        value(view.age_ms, 0, kMs, lang) + Text{", of it decoding ", ", декодирование "}.in(lang) +
+            value(status.decode_ms, 1, kMs, lang));
+    add({"round trip  ", "отклик сети "}, value(progress.rtt_ms, 0, kMs, lang));
+    add({"packets     ", "пакеты      "}, Text{"lost ", "потеряно "}.in(lang) +
+                                              value(progress.loss_pct, 1, {"%", "%"}, lang) +
+                                              Text{", recovered ", ", восстановлено "}.in(lang) +
+                                              std::to_string(progress.packets_recovered));
+    add({"pictures    ", "кадры       "},
+        Text{"lost ", "потеряно "}.in(lang) + std::to_string(progress.frames_lost) +
+            Text{", late ", ", опоздало "}.in(lang) + std::to_string(view.dropped));
+    if (view.sound) add({"sound       ", "звук        "}, sound_text(*view.sound, lang));
+    add({"input       ", "ввод        "},
+        std::to_string(view.input.events) + Text{" events, failed ", " событий, сбоев "}.in(lang) +
+            std::to_string(view.input.failed));
     return text;
 }
 

@@ -2,9 +2,11 @@
 
 #include <SDL.h>
 
+#include <optional>
 #include <string>
 
 #include "play/link.h"
+#include "play/sound/sound_output.h"
 #include "tui/board/localization.h"
 
 // What the window says.
@@ -22,6 +24,8 @@ struct StatisticsView {
     double age_ms = -1;  ///< of the picture on the screen; negative: unknown
     uint64_t dropped = 0;
     bool automatic_bitrate = false;
+    std::optional<SoundStats> sound;  ///< nothing: without sound
+    launcher::InputCounters input;
 };
 /// Several lines.
 std::string statistics_text(const LinkStatus& status, const StatisticsView& view, tui::Lang lang);

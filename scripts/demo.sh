@@ -14,6 +14,10 @@
 #                        (examples/backend.py), lets the launcher play the session that this
 #                        prepares until it ends it (12 s), and prints every message; once over ws://,
 #                        once over wss://. Status 0 only if nothing on the road was missing
+#     --play             orvex-play instead of the launcher: a window on this desktop shows the test
+#                        picture, or with --capture x11 this screen. Without a desktop the window is
+#                        on an X server of its own, and demo-out/window.png is a picture of it.
+#                        Status 0 only if the window has shown the stream
 #     --build-dir DIR    take the programs of this build folder as they are, leave the results there
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,17 +27,18 @@ fail_usage() {
   exit 2
 }
 
-seconds='' capture=auto codec=h264 keep=false platform=false build_dir=''
+seconds='' capture=auto codec=h264 keep=false platform=false play=false build_dir=''
 while [ $# -gt 0 ]; do
   case "$1" in
     --keep) keep=true ;;
     --platform) platform=true ;;
+    --play) play=true ;;
     --build-dir)
       [ -x "${2:-}/src/app/orvex-agent" ] || fail_usage "--build-dir needs a folder with a build"
       build_dir=$(realpath "$2")
       shift
       ;;
-    -h | --help) sed -n '2,18s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    -h | --help) sed -n '2,22s/^# \{0,1\}//p' "$0"; exit 0 ;;
     --seconds | --capture | --codec)
       [ $# -ge 2 ] || fail_usage "$1 needs a value"
       printf -v "${1#--}" %s "$2"
@@ -43,12 +48,19 @@ while [ $# -gt 0 ]; do
   esac
   shift
 done
+! $play || ! $platform || fail_usage "--play and --platform exclude each other"
 $platform && : "${seconds:=12}"
 : "${seconds:=10}"
 [[ $seconds =~ ^[0-9]+(\.[0-9]+)?$ && $seconds =~ [1-9] ]] || fail_usage "--seconds must be a positive number"
 [[ $capture =~ ^(auto|x11|synthetic)$ ]] || fail_usage "unknown capture mode '$capture'"
 [[ $codec =~ ^(h264|hevc)$ ]] || fail_usage "unknown codec '$codec'"
-if [ "$capture" = auto ] && [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
+desktop=true
+[ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] || desktop=false
+# A window that showed the screen that it is on would show itself.
+if $play && [ "$capture" = auto ]; then
+  capture=synthetic
+fi
+if [ "$capture" = auto ] && ! $desktop; then
   capture=synthetic
 fi
 
@@ -56,13 +68,16 @@ out=$PWD/demo-out
 if [ -n "$build_dir" ]; then
   out=$build_dir/demo-out
 else
-  if $platform; then scripts/setup.sh --platform; else scripts/setup.sh --build; fi
-  scripts/build.sh release orvex-agent orvex-launcher
+  needs=--build programs=(orvex-agent orvex-launcher)
+  ! $platform || needs=--platform
+  ! $play || needs=--play programs=(orvex-agent orvex-play)
+  scripts/setup.sh "$needs"
+  scripts/build.sh release "${programs[@]}"
   build_dir=build/release
 fi
 mkdir -p "$out"
 
-agent='' launcher='' backend=''
+agent='' launcher='' backend='' xserver=''
 stop() {  # PID: ends one of our processes, by force if it does not go by itself
   [ -n "$1" ] || return 0
   kill "$1" 2>/dev/null || return 0
@@ -76,6 +91,7 @@ cleanup() {
   stop "$launcher"
   stop "$agent"
   stop "$backend"
+  stop "$xserver"
   rm -rf "$out"/{state,backend.key,backend.pem}
 }
 trap cleanup EXIT
@@ -193,6 +209,64 @@ fi
 rm -f "$out"/{stream.mkv,frame.png,agent.log,agent.out,summary.json}
 token=$(od -An -N16 -tx1 /dev/urandom | tr -d ' \n')
 token_hash=$(printf %s "$token" | sha256sum | cut -c1-64)
+
+# The window: an agent with the test picture, and orvex-play for some seconds. Without sound, which
+# the agent would record again.
+play_in_window() {
+  local shown status=0 options=(--no-audio --stats --codec "$codec")
+  rm -f "$out"/{window.png,play.out,display}
+  : >"$out/agent.out"  # read before the agent has opened it
+  OX_LOG_FILE=$out/agent.log OX_TUI=plain "$build_dir/src/app/orvex-agent" \
+    --token-sha256 "$token_hash" --port-base "$port_base" --capture "$capture" --no-input \
+    >"$out/agent.out" 2>&1 </dev/null &
+  agent=$!
+  wait_for_line "$out/agent.out" 'Standalone mode' "$agent" >/dev/null || return 1
+  if ! $desktop; then
+    Xvfb -displayfd 3 -screen 0 1280x720x24 -nolisten tcp 3>"$out/display" >/dev/null 2>&1 &
+    xserver=$!
+    for _ in {1..100}; do
+      [ -s "$out/display" ] && break
+      sleep 0.1
+    done
+    DISPLAY=:$(cat "$out/display")
+    export DISPLAY
+    echo "No desktop: the window is on an X server of its own ($DISPLAY)"
+  fi
+  ORVEX_TOKEN=$token "$build_dir/play/orvex-play" --size 1280x720 "${options[@]}" \
+    "127.0.0.1:$port_base" >"$out/play.out" </dev/null &
+  launcher=$!
+  # The time that was asked for, or until somebody closes the window.
+  timeout "$seconds" tail --pid "$launcher" -f /dev/null || true
+  if ! $desktop; then
+    import -window root -strip "$out/window.png" || status=1
+  fi
+  kill "$launcher" 2>/dev/null || true
+  wait "$launcher" || status=$?
+  launcher=''
+  stop "$agent"
+  wait "$agent" || status=1
+  agent=''
+  cat "$out/play.out"
+  shown=$(sed -n 's/^played .* s: \([0-9]*\) pictures.*/\1/p' "$out/play.out")
+  if [ "${shown:-0}" -eq 0 ]; then
+    echo "demo.sh: orvex-play has shown no picture" >&2
+    status=1
+  fi
+  # A message on black has fewer colours.
+  if ! $desktop && [ "$(identify -format %k "$out/window.png")" -lt 500 ]; then
+    echo "demo.sh: there is no picture in the window, see ${out#"$PWD"/}/window.png" >&2
+    status=1
+  fi
+  [ "$status" -eq 0 ] || return "$status"
+  $keep || rm -f "$out"/{agent.log,agent.out,play.out}
+  rm -f "$out/display"
+  $desktop || echo "Saved ${out#"$PWD"/}/window.png"
+}
+
+if $play; then
+  play_in_window || { show_log; exit 1; }
+  exit
+fi
 
 agent_sound=() launcher_sound=()
 if command -v parec >/dev/null && timeout 5 pactl info >/dev/null 2>&1; then

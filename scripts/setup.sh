@@ -6,6 +6,7 @@
 #   scripts/setup.sh            everything to build and to test
 #   scripts/setup.sh --build    only what building and running the demo takes
 #   scripts/setup.sh --platform in addition to that what scripts/demo.sh --platform takes
+#   scripts/setup.sh --play     the same for scripts/demo.sh --play
 #   scripts/setup.sh --bench    in addition the programs that the pipeline comparison runs against
 #   scripts/setup.sh --fuzz     what building and running the fuzz targets takes
 #   scripts/setup.sh --package  what building and checking this system's package takes
@@ -27,7 +28,7 @@ debian_packages() {
   framework_packages=(libbenchmark-dev libgmock-dev libgtest-dev libvterm-dev libxrandr-dev)
   test_packages=(
     shellcheck
-    dbus-daemon openssl pipewire pulseaudio pulseaudio-utils python3 python3-dbus python3-gi
+    dbus-daemon imagemagick openssl pipewire pulseaudio pulseaudio-utils python3 python3-dbus python3-gi
     python3-websockets wireplumber xauth xdotool xvfb
   )
   # Other versions format and judge differently (scripts/test.sh). Not every Debian has these.
@@ -39,7 +40,8 @@ debian_packages() {
   fuzz_packages=(clang libclang-rt-dev)
   picture_packages=(fonts-dejavu-core imagemagick tmux xterm xvfb)
   platform_packages=(openssl python3 python3-websockets)
-  package_packages=(debootstrap dpkg-dev file)
+  play_packages=(imagemagick xvfb)
+  package_packages=(debootstrap dpkg-dev file librsvg2-bin lintian)
 }
 
 # The libraries by what their packages provide: FFmpeg is Fedora's own (ffmpeg-free) or, once that
@@ -51,14 +53,16 @@ fedora_packages() {
     dbus-devel json-devel libX11-devel libXau-devel libXdamage-devel libXext-devel libXfixes-devel
     libsodium-devel libxcb-devel libyuv-devel openssl-devel opus-devel pipewire-devel
     pulseaudio-libs-devel wayland-devel
+    # and of orvex-play
+    SDL2-devel dejavu-sans-fonts libsamplerate-devel pango-devel
   )
   framework_packages=(
     gmock-devel google-benchmark-devel gtest-devel libXrandr-devel libXrender-devel libvterm-devel
   )
   # Without PulseAudio's own server, which excludes the one that Fedora's desktops have.
   test_packages=(
-    ShellCheck dbus-daemon openssl pipewire pulseaudio-utils python3 python3-dbus python3-gobject
-    python3-websockets wireplumber xorg-x11-server-Xvfb xorg-x11-xauth
+    ImageMagick ShellCheck dbus-daemon openssl pipewire pulseaudio-utils python3 python3-dbus python3-gobject
+    python3-websockets wireplumber xdotool xorg-x11-server-Xvfb xorg-x11-xauth
   )
   pinned_packages=()
   bench_packages=(
@@ -68,7 +72,8 @@ fedora_packages() {
   fuzz_packages=(clang compiler-rt)
   platform_packages=(openssl python3 python3-websockets)
   picture_packages=(ImageMagick dejavu-sans-mono-fonts tmux xorg-x11-server-Xvfb xterm)
-  package_packages=(file rpm-build)
+  play_packages=(ImageMagick xorg-x11-server-Xvfb)
+  package_packages=(file librsvg2-tools rpm-build)
   # Fedora leaves libx264 and libx265 out of its FFmpeg.
   rpm_fusion=false
   if rpm -q --quiet rpmfusion-free-release; then
@@ -82,12 +87,14 @@ arch_packages() {
     ca-certificates ccache cmake gcc git ninja pkgconf
     dbus ffmpeg libpipewire libpulse libsodium libx11 libxau libxcb libxdamage libxext libxfixes
     libyuv nlohmann-json openssl opus wayland
+    # and of orvex-play
+    libsamplerate pango sdl2 ttf-dejavu
   )
   framework_packages=(benchmark gtest libvterm libxrandr libxrender)
   # Without PulseAudio's own server, which excludes PipeWire's.
   test_packages=(
-    openssl pipewire python python-dbus python-gobject python-websockets shellcheck wireplumber
-    xorg-server-xvfb xorg-xauth
+    imagemagick openssl pipewire python python-dbus python-gobject python-websockets shellcheck wireplumber
+    xdotool xorg-server-xvfb xorg-xauth
   )
   pinned_packages=()
   bench_packages=(
@@ -96,7 +103,8 @@ arch_packages() {
   fuzz_packages=(clang compiler-rt)
   platform_packages=(openssl python python-websockets)
   picture_packages=(imagemagick tmux ttf-dejavu xorg-server-xvfb xterm)
-  package_packages=(base-devel)
+  play_packages=(imagemagick xorg-server-xvfb)
+  package_packages=(base-devel librsvg)
 }
 
 # Has this system PROGRAM?
@@ -124,11 +132,12 @@ for argument in "$@"; do
   case "$argument" in
     --build) wanted=("${build_packages[@]}") optional=() ;;
     --platform) wanted=("${build_packages[@]}" "${platform_packages[@]}") optional=() ;;
+    --play) wanted=("${build_packages[@]}" "${play_packages[@]}") optional=() ;;
     --bench) wanted+=("${bench_packages[@]}") ;;
     --fuzz) wanted=("${build_packages[@]}" "${fuzz_packages[@]}") optional=() ;;
     --package) wanted=("${program_packages[@]}" "${package_packages[@]}") optional=() tests=false ;;
     --pictures) wanted=("${build_packages[@]}" "${picture_packages[@]}") optional=() ;;
-    -h | --help) sed -n '2,12s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    -h | --help) sed -n '2,13s/^# \{0,1\}//p' "$0"; exit 0 ;;
     *) echo "setup.sh: unknown argument '$argument' (see --help)" >&2; exit 2 ;;
   esac
 done

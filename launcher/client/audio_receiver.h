@@ -25,8 +25,7 @@ struct AudioStats : PacketCounters {
     AudioCounters frames;
 };
 
-/// From datagrams to frames of sound in order: decrypts, assembles, repairs and counts. Pure; used
-/// by one thread.
+/// From datagrams to frames of sound in order: decrypts, repairs, counts. Pure; one thread.
 class AudioReceiver {
   public:
     explicit AudioReceiver(std::span<const uint8_t, PacketOpener::kKeyBytes> key) : opener_(key) {}
@@ -77,9 +76,8 @@ class AudioDecoder {
     uint64_t errors_ = 0;
 };
 
-/// Computes the capture times of frames. They follow each other without a gap, as recorded, unless
-/// their sending times show that the recording paused or restarted; a burst after a network delay
-/// shows neither. Pure.
+/// Capture times of frames, without a gap unless their sending times show that the recording paused
+/// or restarted; a burst after a network delay shows neither. Pure.
 class AudioClock {
   public:
     /// Start of the frame in us of the agent's clock; nothing before the first frame with a time.

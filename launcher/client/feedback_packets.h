@@ -14,7 +14,6 @@ struct LostFrames {
     uint8_t attempt = 0;  ///< 0 for the first request about this loss
 };
 
-/// Reception statistics.
 struct MediaReport {
     double loss_pct = 0;
     double rtt_ms = 0;

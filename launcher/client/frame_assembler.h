@@ -25,8 +25,7 @@ struct AssembledFrame {
     uint64_t lost_before = 0;   ///< frames lost between the previous delivered one and this
 };
 
-/// Totals. Packets count as expected and lost when their frame is delivered or dropped; a frame
-/// that never arrived counts as one packet.
+/// Packets count when their frame is delivered or dropped; one that never arrived is one packet.
 struct AssemblyCounters {
     uint64_t frames_complete = 0;
     uint64_t frames_repaired = 0;  ///< completed by parity
@@ -36,12 +35,10 @@ struct AssemblyCounters {
     uint64_t packets_recovered = 0;  ///< of these, rebuilt from parity
 };
 
-/// Reassembles frames from packets in any order, with losses and duplicates, and delivers them in
-/// order, each as soon as its data packets are received or rebuilt from parity.
-///
-/// The oldest incomplete frame is dropped when `reorder_frames` later ones are complete, when a
-/// later frame began to arrive `reorder_us` ago, or when a memory limit is exceeded. Pure: the
-/// caller passes monotonic time. Used by one thread.
+/// Reassembles frames from packets in any order and delivers them in order, as soon as their data
+/// is received or rebuilt from parity. The oldest incomplete one is dropped when `reorder_frames`
+/// later ones are complete, a later one began `reorder_us` ago, or memory runs out. Pure: time is
+/// passed in. One thread.
 class FrameAssembler {
   public:
     struct Limits {

@@ -56,8 +56,8 @@ struct InputCounters {
 /// Sends input and feedback to the agent's input port. Any thread.
 class InputChannel {
   public:
-    /// Sets the agent's address and the session's input key, also anew. False, with a text for the user in
-    /// `error`, without a socket.
+    /// Sets the agent's address and the session's input key, also anew. False, with a text for the
+    /// user in `error`, without a socket.
     bool open(const std::string& ip, uint16_t port,
               std::span<const uint8_t, InputSealer::kKeyBytes> key, std::string& error);
 

@@ -26,8 +26,7 @@ class PacketOpener {
     PacketOpener(const PacketOpener&) = delete;
     PacketOpener& operator=(const PacketOpener&) = delete;
 
-    /// The packet in `datagram`; nothing when its size is impossible, or when it was sealed with
-    /// another key or altered. Any bytes are safe to pass.
+    /// Nothing for an impossible size, another key or altered bytes. Any bytes are safe to pass.
     std::optional<Packet> open(std::span<const uint8_t> datagram);
 
   private:
@@ -35,7 +34,6 @@ class PacketOpener {
     std::array<uint8_t, kMaxDatagramBytes> plaintext_;
 };
 
-/// How a stream's assembler classified one packet.
 enum class PacketVerdict : uint8_t {
     Data,       ///< a data packet that was needed
     Repair,     ///< a parity packet, needed or not

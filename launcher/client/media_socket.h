@@ -27,7 +27,6 @@ class MediaSocket {
     /// Binds `port` (0: any) at `local_ip`, dotted IPv4 (empty: at all addresses), with a large
     /// receive buffer. False, with a text for the user in `error`, when that fails.
     bool open(uint16_t port, std::string& error, const std::string& local_ip = {});
-    /// The bound port; 0 when not open.
     [[nodiscard]] uint16_t port() const;
 
     /// Sets the probes' destination: dotted IPv4 address and port. False for no valid address.
@@ -37,8 +36,7 @@ class MediaSocket {
 
     /// Makes the kernel record each datagram's arrival time. After `open`.
     void enable_arrival_times();
-    /// Arrival of the datagram last passed to a sink, in ns of the real-time clock; 0 if not
-    /// enabled.
+    /// Of the datagram last passed to a sink, in ns of the real-time clock; 0 if not enabled.
     [[nodiscard]] int64_t arrival_ns() const { return arrival_ns_; }
     /// How long that datagram has waited in the kernel and in its batch; 0 if not enabled.
     [[nodiscard]] uint64_t waited_us() const;
@@ -76,8 +74,7 @@ class ProbeTimer {
     /// After `eager_us` without media the rate drops to once a second; 0 = never.
     explicit ProbeTimer(uint64_t eager_us = 0) : eager_us_(eager_us) {}
 
-    /// True when a probe is due, which then counts as sent. `last_media_us` is 0 before the first
-    /// packet.
+    /// A due probe counts as sent. `last_media_us` is 0 before the first packet.
     bool due(uint64_t now_us, uint64_t last_media_us) {
         if (first_us_ == 0) first_us_ = now_us;
         const bool flowing = last_media_us != 0 && now_us < last_media_us + kSilenceUs;

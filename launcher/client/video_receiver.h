@@ -18,13 +18,11 @@ class KeyframeGate {
     /// More than the time in which an agent answers.
     static constexpr uint64_t kRequestIntervalUs = 250'000;
 
-    /// Media began to arrive. A session starts with a keyframe, so the first request waits for one
-    /// interval.
+    /// Media began to arrive, with a keyframe: the first request waits for one interval.
     void on_start(uint64_t now_us) { next_request_ = now_us + kRequestIntervalUs; }
 
     void on_loss() { open_ = false; }
 
-    /// Whether the next frame in order can be decoded.
     bool admit(bool keyframe) {
         open_ = open_ || keyframe;
         return open_;
@@ -44,11 +42,9 @@ class KeyframeGate {
     uint64_t next_request_ = UINT64_MAX;  ///< never before the start
 };
 
-/// Tracks the frames lost since the last decodable one for requests that an agent accepts. Pure;
-/// used by one thread.
+/// Frames lost since the last decodable one, for requests that an agent accepts. Pure; one thread.
 class LostRange {
   public:
-    /// A decodable frame was delivered.
     void on_intact(uint32_t frame_id) {
         last_good_ = frame_id;
         newest_lost_.reset();
@@ -56,7 +52,6 @@ class LostRange {
     }
     /// Frames are lost up to this one.
     void on_lost(uint32_t frame_id) { newest_lost_ = frame_id; }
-    /// A loss without frame numbers.
     void on_unknown_loss() { last_good_.reset(); }
 
     /// The next request about the current loss. Nothing when a plain keyframe request is needed: no
@@ -96,8 +91,7 @@ struct KeyframeRequest {
     std::optional<LostFrames> lost;  ///< the missing frames, if known
 };
 
-/// From datagrams to decodable access units: decrypts, assembles, withholds frames that depend on a
-/// lost one, and decides when to request a keyframe. Pure; used by one thread.
+/// From datagrams to decodable access units, with keyframe requests. Pure; one thread.
 class VideoReceiver {
   public:
     struct Config {
@@ -113,8 +107,7 @@ class VideoReceiver {
     /// Call every few milliseconds, also when nothing arrives.
     void on_time(uint64_t now_us) { assembler_.expire(now_us); }
 
-    /// The next access unit for the decoder. Call until it returns none, after each call of the
-    /// functions above.
+    /// Call until it returns none, after each call of the functions above.
     std::optional<AssembledFrame> next_frame();
 
     /// The last frame of `next_frame` did not reach the decoder.

@@ -18,8 +18,7 @@
 
 namespace ox::launcher {
 
-/// Bounded queue between the receiving and the decoding thread. A full queue refuses frames, so
-/// that the receiver never waits for the decoder.
+/// A full queue refuses frames, so that the receiver never waits for the decoder.
 class FrameQueue {
   public:
     explicit FrameQueue(size_t capacity) : capacity_(capacity) {}
@@ -109,8 +108,7 @@ struct DecodeStats {
     LatencyHistogram latency;          ///< capture to decoded picture
 };
 
-/// The decoding thread: decodes the queue's frames until the queue is closed and empty. Any thread
-/// may call `stats`.
+/// Decodes until the queue is closed and empty. Any thread may call `stats`.
 class DecodeWorker {
   public:
     /// Called on the decoding thread; may be empty.

@@ -10,6 +10,7 @@ constexpr uint64_t kSecondUs = 1'000'000;
 constexpr uint64_t kLeastGapUs = 2 * kSecondUs;
 /// As long as the burst rate looks back: what it says is then of the present path.
 constexpr uint64_t kCleanUs = 3 * kSecondUs / 2;
+constexpr uint64_t kConfirmUs = 150'000;
 constexpr double kWorthwhile = 0.15;
 constexpr double kLongQueueMs = 60;
 constexpr double kShortQueueMs = 25;
@@ -59,8 +60,12 @@ std::optional<uint32_t> BitrateController::update(const PathSample& sample) {
     }
     burst_high_kbps_ += (sample.burst_high_kbps - burst_high_kbps_) / 4;
     burst_kbps_ += (sample.burst_kbps - burst_kbps_) / 4;
+    if (!congested) congested_since_us_.reset();
+    if (congested && !congested_since_us_) congested_since_us_ = now;
     if (changed_us_ && now - *changed_us_ < kLeastGapUs) return std::nullopt;
 
+    // A path that was held up for a moment is not slow.
+    if (congested && now - *congested_since_us_ < kConfirmUs) return std::nullopt;
     if (congested || slow) {
         remember_failure(now);
         return change_to(
@@ -77,7 +82,8 @@ bool BitrateController::is_still(const PathSample& sample) const {
 
 bool BitrateController::is_congested(const PathSample& sample) const {
     // A little that arrives as it was sent is not what fills the queue.
-    if (is_still(sample) && sample.received_kbps > 0.9 * sample.sent_kbps) return false;
+    const bool arrives = sample.received_kbps > 0.75 * sample.sent_kbps && sample.lost < kMuchLost;
+    if (is_still(sample) && arrives) return false;
     return sample.queue_ms > kLongQueueMs || sample.lost > kMuchLost ||
            (sample.lost > kLittleLost && sample.queue_ms > kShortQueueMs);
 }

@@ -42,6 +42,7 @@ class BitrateController {
     double burst_kbps_ = 0;  ///< smoothed, like the next
     double burst_high_kbps_ = 0;
     std::optional<uint64_t> changed_us_;
+    std::optional<uint64_t> congested_since_us_;
     std::optional<uint64_t> clean_since_us_;
     // The latest raise:
     std::optional<uint64_t> raised_us_;

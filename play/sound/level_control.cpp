@@ -20,7 +20,7 @@ constexpr double kPpmPerMs = 200;    // 0.2 rad/s
 // device itself makes, must not pass for drift.
 constexpr double kFirstPpmPerMsSecond = 10;
 constexpr double kPpmPerMsSecond = 2;
-constexpr double kLearningSeconds = 60;
+constexpr double kLearningSeconds = 120;
 constexpr double kMaxDriftPpm = 800;
 constexpr double kNearMs = 5;
 constexpr double kFarMs = 15;

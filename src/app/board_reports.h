@@ -31,7 +31,6 @@ void report_encoder_change(const std::string& encoder_name);
 void report_picture(tui::PictureState picture);
 /// Measured values; `rtt_ms` of 0 or less: the launcher has not reported.
 void report_stream_metrics(double mbps, double fps, float rtt_ms, float loss_pct);
-/// The session is held for a launcher that has disconnected.
 void report_launcher_lost(uint32_t grace_s);
 void report_launcher_back();
 

@@ -1,6 +1,5 @@
 #pragma once
 
-/// Identity of this build.
 namespace ox::build {
 
 inline constexpr const char* version() {

@@ -9,28 +9,23 @@
 #include "app/options.h"
 #include "base/clock.h"
 
-// What is wrong with the PC, for its owner: on the screen and in the log. Used by the main thread
-// outside of sessions; a session checks everything itself.
+// What is wrong with the PC, for its owner. Used by the main thread outside of sessions.
 
 namespace ox {
 
-/// True when the PC has an NVIDIA display adapter (PCI vendor 0x10de, display class) and the NVIDIA
-/// kernel driver is not loaded. `root` stands for "/" and is a folder of fixtures in tests.
+/// An NVIDIA display adapter without its kernel driver. `root` stands for "/".
 bool nvidia_driver_missing(const std::filesystem::path& root);
 
-/// This PC's IPv4 address in the network through which it reaches others; empty without one. Sends
-/// nothing.
+/// IPv4 in the network through which this PC reaches others; empty without one. Sends nothing.
 std::string own_ip_address();
 
-/// Updates the screen about faults that can be mended between sessions: access to the input device,
-/// a control port that could not be opened.
+/// Faults that can be mended between sessions: the input device, a control port that did not open.
 class IdleWatch {
   public:
     /// `uinput` is for tests.
     explicit IdleWatch(const Options& options, std::string uinput = "/dev/uinput")
         : options_(options), uinput_(std::move(uinput)) {}
 
-    /// Takes some microseconds.
     void check();
 
   private:
@@ -39,8 +34,7 @@ class IdleWatch {
     int uinput_error_ = 0;  ///< of the last check
 };
 
-/// Logs which parts of a desktop are missing for sessions with these options, and later that one
-/// has come.
+/// Logs which parts of a desktop the sessions lack, and later that one has come.
 class DesktopNotice {
   public:
     using Cancelled = std::function<bool()>;

@@ -35,15 +35,13 @@ struct Options {
     std::optional<LogLevel> log_level{};  ///< as the command line asks for it
 };
 
-/// True for "1", "on", "true", "yes" and "enabled" in any mix of ASCII case; the words of
-/// OX_AUDIO_PARITY.
+/// True for "1", "on", "true", "yes" and "enabled" in any case.
 bool parse_media_rfi_switch(const char* value);
 
 /// The defaults, two of which come from OX_AUDIO_PARITY and OX_MEDIA_RFI.
 Options default_options();
 
-/// Reads the arguments behind the program's name. Numbers are read as `strtol` does, without a
-/// range check. A missing value is an error without a text.
+/// Numbers are read as by `strtol`, unchecked. A missing value is an error without a text.
 ParsedCommandLine<Options> parse_command_line(std::span<const char* const> arguments,
                                               const Options& defaults);
 

@@ -20,8 +20,7 @@ void install_signal_handler(int signal, void (*handler)(int));
 bool is_ignored(int signal);
 /// A write to a closed pipe or socket then fails instead of ending the process.
 void ignore_sigpipe();
-/// Sets SIGCHLD to its default, in case it was inherited as ignored: an ended child then keeps its
-/// process id until it is waited for, and no signal for it can hit another process.
+/// To the default, as an inherited "ignored" frees a child's id before it is waited for.
 void reset_sigchld();
 
 }  // namespace ox

@@ -12,9 +12,8 @@
 
 namespace ox {
 
-/// A slot for one session, between the platform's connector and the main thread. A newer request
-/// replaces one that was not taken yet. `offer` and `request_terminate` may be called from any
-/// thread.
+/// A slot for one session, from the platform's connector to the main thread; the newest request
+/// counts. Any thread may offer and terminate.
 class SessionHandover {
   public:
     SessionHandover() = default;
@@ -28,13 +27,11 @@ class SessionHandover {
     /// slot, that one is to end as soon as it is taken.
     void request_terminate(const std::string& session_id);
 
-    /// The running session is to end.
     [[nodiscard]] const std::atomic<bool>& terminate_requested() const { return terminate_; }
 
     [[nodiscard]] bool is_pending() const;
 
-    /// Takes what is in the slot, waiting for it until `limit` has passed or `stop`, called every
-    /// 100 ms, returns true. The session before must have ended.
+    /// Waits until `limit`, or `stop`, called every 100 ms. The session before must have ended.
     std::optional<PrepareSessionParams> take(std::chrono::milliseconds limit,
                                              const std::function<bool()>& stop);
 

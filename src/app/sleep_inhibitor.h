@@ -8,10 +8,9 @@
 
 namespace ox {
 
-/// Keeps the PC awake during a session: holds logind's "block" lock against sleep and idle
-/// (org.freedesktop.login1.Manager.Inhibit). The lock is a descriptor, so it also ends with the
-/// process. A thread requests it, because the bus may be slow; failure is only logged. The
-/// destructor returns within 100 ms.
+/// Holds logind's "block" lock against sleep and idle (org.freedesktop.login1.Manager.Inhibit); it
+/// also ends with the process. A thread requests it; failure is only logged.
+/// The destructor takes 100 ms at most.
 class SleepInhibitor {
   public:
     SleepInhibitor();

@@ -19,31 +19,25 @@ namespace ox {
 /// Used by one thread at a time.
 class AudioCapture {
   public:
-    /// Polled while a sound server does not answer; once true the wait ends within 50 ms and
-    /// nothing is started any more. Any thread may be the one that starts.
+    /// Polled every 50 ms while a sound server does not answer; true ends the wait and the start.
     void set_cancelled(std::function<bool()> cancelled) { cancelled_ = std::move(cancelled); }
 
     /// Name of the monitor of the default output; empty when there is none.
     [[nodiscard]] std::string default_monitor() const;
 
-    /// Starts recording from `source` (empty: the default output's monitor, or parec's own choice
-    /// when that is not known), ending an earlier recording. False when nothing was started.
+    /// Records `source` (empty: `default_monitor`, or parec's choice). False when not started.
     bool start(int sample_rate, int channels, const std::string& source, int latency_ms);
 
-    /// True when a `read` would not block: there is data, or the recording has ended. False at the
-    /// limit and after a stop request.
+    /// There is data, or the recording has ended. False at the limit and after a stop request.
     bool wait_readable(std::chrono::milliseconds limit, const std::stop_token& stop);
 
-    /// Fills `samples` with exactly `frames` x channels samples. False at the end of the recording
-    /// or after a read error (both are logged and close the recording), and within 10 ms of a stop
-    /// request.
+    /// Fills `samples` with `frames` x channels samples. False at the end of the recording or after
+    /// a read error (both are logged and end it), and within 10 ms of a stop request.
     bool read(std::vector<int16_t>& samples, size_t frames, const std::stop_token& stop);
 
-    /// When the pipe was last seen empty since the previous call, if at all. At most 10 ms before
-    /// the next data arrived, unless the reading thread was delayed.
+    /// When the pipe was last seen empty since the previous call; 10 ms before new data at most.
     std::optional<SteadyClock::time_point> take_empty_time() { return std::exchange(empty_, {}); }
 
-    /// Ends the recording. Safe to call twice.
     void stop() { child_.stop(); }
 
     [[nodiscard]] const std::string& source() const { return source_; }

@@ -18,13 +18,11 @@ class AudioEncoder {
     /// error line, for a rate at which 5 ms are no Opus frame and when libopus refuses.
     bool init(int sample_rate, int channels, int bitrate_bps);
 
-    /// Encodes one frame of `samples_per_channel` into `out`. Returns the packet's length, or a
-    /// negative Opus error code with `out` empty.
+    /// Returns the packet's length, or a negative Opus error code with `out` empty.
     int encode(const int16_t* pcm, int samples_per_channel, std::vector<uint8_t>& out);
 
     void shutdown() { encoder_.reset(); }
 
-    /// Samples per channel in one frame.
     [[nodiscard]] int frame_samples() const { return frame_samples_; }
     // As read back from libopus; -1 when unavailable.
     [[nodiscard]] int application() const { return application_; }

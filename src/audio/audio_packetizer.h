@@ -15,7 +15,6 @@ namespace ox {
 
 class UdpSender;
 
-/// Header of the media packet that carries one audio frame.
 constexpr PacketHeader audio_data_header(uint32_t sequence, uint64_t timestamp) {
     return {.stream = kStreamAudio,
             .frame_id = sequence,
@@ -26,8 +25,7 @@ constexpr PacketHeader audio_data_header(uint32_t sequence, uint64_t timestamp) 
             .timestamp = timestamp};
 }
 
-/// Header of the media packet that carries repair symbol `repair` (0 or 1) of the block that begins
-/// with sequence number `base`; `timestamp` is that of the block's last frame.
+/// For repair symbol 0 or 1 of the block that begins at `base`; `timestamp` is its last frame's.
 constexpr PacketHeader audio_repair_header(uint32_t base, size_t repair, uint64_t timestamp) {
     return {.stream = kStreamAudio,
             .frame_id = base,
@@ -38,8 +36,7 @@ constexpr PacketHeader audio_repair_header(uint32_t base, size_t repair, uint64_
             .timestamp = timestamp};
 }
 
-/// From PCM to datagrams: encodes a frame, seals and sends it, and after every fourth one the
-/// block's repair symbols. Used by one thread at a time.
+/// Encodes, seals and sends frames, and each fourth one's repair symbols. One thread at a time.
 class AudioPacketizer {
   public:
     struct Counters {
@@ -58,9 +55,8 @@ class AudioPacketizer {
     /// Before `open`.
     void set_numbers(PacketNumbers& numbers) { numbers_ = &numbers; }
 
-    /// Takes the 32-byte key and opens the encoder. `sender` is open and outlives the use. False,
-    /// after an error line, when anything is unsuitable. The sequence numbers and the counters
-    /// continue from an earlier use.
+    /// The key has 32 bytes; `sender` is open and outlives the use. False, after an error line,
+    /// when anything is unsuitable. Sequence numbers and counters continue.
     bool open(UdpSender& sender, std::span<const uint8_t> key, int sample_rate, int channels,
               int bitrate_bps);
 
@@ -68,7 +64,6 @@ class AudioPacketizer {
     /// line, when the sequence numbers are used up; every other failure is counted.
     bool send_frame(const int16_t* pcm);
 
-    /// Closes the encoder and forgets an incomplete block.
     void close();
 
     [[nodiscard]] int frame_samples() const { return encoder_.frame_samples(); }

@@ -2,9 +2,8 @@
 
 #include <pthread.h>
 
-#include <system_error>
-
 #include "base/sleep.h"
+#include "base/thread.h"
 #include "log/log.h"
 #include "scheduling/thread_priority.h"
 
@@ -32,10 +31,10 @@ bool AudioStream::start(UdpSender& sender, const uint8_t* key, size_t key_length
         return false;
     }
     running_ = true;
-    try {
-        thread_ = std::jthread([this](const std::stop_token& token) { loop(token); });
-    } catch (const std::system_error& error) {
-        OX_ERROR("AudioStream: cannot start the audio thread: %s", error.what());
+    thread_ = start_thread(
+        [this](const std::stop_token& token) { loop(token); },
+        [](const char* why) { OX_ERROR("AudioStream: cannot start the audio thread: %s", why); });
+    if (!thread_.joinable()) {
         stop();
         return false;
     }

@@ -14,8 +14,7 @@
 
 namespace ox {
 
-/// The sound of one session: a thread that takes 5 ms frames from a MonitorSource to an
-/// AudioPacketizer and reports every 5 s. The owner starts and stops it; a new start continues the
+/// The sound of one session, on a thread of its own; reports every 5 s. A new start continues the
 /// sequence numbers, so that no nonce repeats under one key.
 class AudioStream {
   public:
@@ -31,9 +30,8 @@ class AudioStream {
         source_.set_cancelled(std::move(cancelled));
     }
 
-    /// Starts streaming through `sender`, which must be open and outlive the stream's run. The key
-    /// is 32 bytes. False, after an error line, when something cannot be had; nothing is left
-    /// running.
+    /// `sender` is open and outlives the run; the key has 32 bytes. False, after an error line,
+    /// with nothing left running.
     bool start(UdpSender& sender, const uint8_t* key, size_t key_length, int sample_rate,
                int channels, int bitrate_bps);
 

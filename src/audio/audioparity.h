@@ -9,12 +9,9 @@
 
 struct WirehairCodec_t;
 
-/// Forward error correction of the audio stream: four consecutive audio frames form a block, for
-/// which two repair symbols are sent. Any four of the six pieces restore the block. A repair symbol
-/// travels as a shard, a 16-byte header followed by the symbol, inside a media packet flagged
-/// AUDIO_PARITY.
-///
-/// Nothing here logs or throws; failures are `Guard` values.
+/// Forward error correction of the audio stream: two repair symbols for each block of four frames;
+/// any four of the six restore it. A symbol travels behind a 16-byte header in a media packet
+/// flagged AUDIO_PARITY. Nothing here logs or throws.
 namespace ox::audioparity {
 
 inline constexpr size_t kDataFrames = 4;
@@ -24,8 +21,7 @@ inline constexpr size_t kShardHeaderBytes = 16;
 inline constexpr size_t kMaxRepairBytes = kShardHeaderBytes + kMaxShardBytes;
 inline constexpr uint8_t kShardVersion = 1;
 
-/// True for "1", "on", "true", "yes" and "enabled", in any case; false for everything else, null
-/// included.
+/// True for "1", "on", "true", "yes" and "enabled" in any case; false for anything else, also null.
 bool parse_switch_value(const char* text) noexcept;
 
 /// The switch in the environment variable OX_AUDIO_PARITY.
@@ -34,7 +30,6 @@ bool audio_parity_enabled() noexcept;
 struct FreeCodec {
     void operator()(WirehairCodec_t* codec) const noexcept;
 };
-/// A fountain encoder or decoder.
 using Codec = std::unique_ptr<WirehairCodec_t, FreeCodec>;
 
 enum class Guard : uint8_t {
@@ -68,21 +63,18 @@ struct ShardHeader {
 };
 static_assert(sizeof(ShardHeader) == kShardHeaderBytes);
 
-/// Reads the header at the start of `bytes` and checks it: kOk, kTruncated, kBadVersion,
-/// kBadBlockLen, kBadRepairCount, kBadRepairIndex, kBadShardLen or kBadOrigLen, the first that
-/// applies. Beyond kTruncated, `header` is filled in.
+/// The first check that fails: kTruncated, kBadVersion, kBadBlockLen, kBadRepairCount,
+/// kBadRepairIndex, kBadShardLen, kBadOrigLen. Beyond kTruncated, `header` is filled in.
 Guard parse_shard_header(const uint8_t* bytes, size_t length, ShardHeader& header) noexcept;
 
-/// The same for a whole shard, whose length must then be the header's and the symbol's, else
-/// kBadPayloadLen.
+/// The same for a whole shard; kBadPayloadLen when its length is not the header's and the symbol's.
 Guard parse_shard(const uint8_t* bytes, size_t length, ShardHeader& header) noexcept;
 
 /// Encodes the repair shards of blocks; only the first block allocates. Used by one thread.
 class BlockEncoder {
   public:
-    /// data, lens: four frames of 1 to 1146 bytes. out: two buffers of at least 1162 bytes.
-    /// out_lens: two numbers, set to the shards' lengths on success.
-    /// kBadShardLen: a frame is missing or of a wrong length. kEncodeFailed: anything else.
+    /// Four frames of 1 to 1146 bytes into two buffers of at least 1162. kBadShardLen: a frame is
+    /// missing or of a wrong length; kEncodeFailed: anything else.
     Guard encode(const uint8_t* const* data, const size_t* lens, uint8_t* const* out,
                  size_t* out_lens) noexcept;
 
@@ -90,17 +82,14 @@ class BlockEncoder {
     Codec codec_;
 };
 
-/// `BlockEncoder::encode` for a single block.
 Guard encode_block(const uint8_t* const* data, const size_t* lens, uint8_t* const* out,
                    size_t* out_lens) noexcept;
 
-/// Collects the pieces of one block at the receiver and rebuilds its lost frames. Used by one
-/// thread; a new block takes a new decoder.
+/// The receiver's side of one block: rebuilds its lost frames. One thread.
 class BlockDecoder {
   public:
-    /// Takes the header of one of the block's repair shards. The first one becomes the reference;
-    /// false for one that disagrees with it in the shard length or in a frame's length, or whose
-    /// lengths are out of range.
+    /// Takes a repair shard's header; the first is the reference. False for one with other lengths,
+    /// or with lengths out of range.
     bool init_from(const ShardHeader& header) noexcept;
 
     /// Adds a data frame (index 0 .. 3) or a repair symbol without its header (index 0 .. 1).
@@ -109,11 +98,9 @@ class BlockDecoder {
               size_t length) noexcept;
 
     [[nodiscard]] bool have_all_sources() const noexcept;
-    /// True when there are enough pieces for `recover`.
     [[nodiscard]] bool can_recover() const noexcept;
 
-    /// Fills `frames` with the four frames; `rebuilt`: any of them was missing. kDecodeFailed, with
-    /// `frames` empty, when the pieces do not suffice.
+    /// The four frames, and whether any was missing. kDecodeFailed when the pieces do not suffice.
     Guard recover(std::vector<std::vector<uint8_t>>& frames, bool& rebuilt) const noexcept;
 
   private:
@@ -136,9 +123,8 @@ class BlockDecoder {
 
 namespace ox {
 
-/// The sender's side: collects four consecutive audio frames, sequence numbers 4n to 4n + 3, and
-/// encodes their repair symbols. A gap inside a block leaves it incomplete. One thread; allocates
-/// for the first block only.
+/// The sender's side: collects four frames, sequence numbers 4n to 4n + 3; a gap leaves a block
+/// incomplete. One thread; allocates for the first block only.
 class ParityBlock {
   public:
     /// Longest frame of a block that gets repair symbols.
@@ -147,14 +133,10 @@ class ParityBlock {
     /// Adds the frame with this sequence number. True when it completed a block.
     bool add(uint32_t sequence, std::span<const uint8_t> frame, uint64_t timestamp);
 
-    /// All four frames of the complete block are short enough.
     [[nodiscard]] bool fits() const { return fits_; }
-    /// First sequence number of the block.
     [[nodiscard]] uint32_t base() const { return base_; }
-    /// Timestamp of the fourth frame.
     [[nodiscard]] uint64_t last_timestamp() const { return last_timestamp_; }
 
-    /// Encodes the complete block's repair shards into `out`, with their lengths.
     struct Shards {
         std::array<std::array<uint8_t, audioparity::kMaxRepairBytes>, audioparity::kRepairs>
             bytes{};

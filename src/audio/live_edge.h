@@ -7,14 +7,12 @@
 
 namespace ox {
 
-/// Tells late sound from live sound. While the recorder's pipe is empty and the reader waits, the
-/// reader is at the live edge; from then on a buffer is late by the time that has passed minus the
-/// sound that was read. Pure; one thread.
+/// Tells late sound from live sound. A reader that waits at an empty pipe is at the live edge; from
+/// then on a buffer is late by the time passed minus the sound read. Pure; one thread.
 class LiveEdge {
   public:
-    /// One buffer of `length` has been read by `now`. `empty`: when the pipe was last seen empty
-    /// before the buffer was complete, if at all. False: the buffer is more than 50 ms late and is
-    /// to be dropped.
+    /// A buffer of `length` was read by `now`; `empty`: when the pipe was last seen empty before
+    /// that. False: it is more than 50 ms late and is to be dropped.
     bool is_live(std::chrono::microseconds length, std::optional<SteadyClock::time_point> empty,
                  SteadyClock::time_point now) {
         // A recorder that catches up may be slower than its reader for a moment.

@@ -14,19 +14,15 @@
 
 namespace ox {
 
-/// The sound of the PC's default output: records the output's monitor, follows a change of the
-/// default output and discards everything that may have come from another source, such as a
-/// microphone that the server moved the recording to. Used by one thread at a time.
+/// The sound of the PC's default output, also after it changes. Discards what may come from another
+/// source, such as a microphone that the server moved the recording to. One thread at a time.
 class MonitorSource {
   public:
-    /// See `AudioCapture::set_cancelled`.
     void set_cancelled(std::function<bool()> cancelled) {
         capture_.set_cancelled(std::move(cancelled));
     }
 
-    /// Starts recording the default output. False when no recorder can be started.
     bool open(int sample_rate, int channels);
-    /// Ends the recording. Safe to call twice.
     void close() { capture_.stop(); }
 
     enum class Frame : uint8_t {
@@ -34,15 +30,13 @@ class MonitorSource {
         Dropped,  ///< nothing to send: no sound yet, a late frame, or not known to be the output's
         Ended,    ///< the recording has ended, or a stop was requested
     };
-    /// Reads one frame of `samples` per channel, waiting up to 100 ms for it. The first call also
-    /// waits until the sound server has named the recording, for up to 500 ms.
+    /// Waits up to 100 ms for a frame; the first time also up to 500 ms for the recording's name.
     Frame read(std::vector<int16_t>& pcm, size_t samples, const std::stop_token& stop);
 
     /// Name of the recorded source, "default" when parec chose it.
     [[nodiscard]] const char* name() const {
         return capture_.source().empty() ? "default" : capture_.source().c_str();
     }
-    /// See `AudioCapture`.
     [[nodiscard]] uint64_t buffers_read() const { return capture_.buffers_read(); }
     [[nodiscard]] uint64_t audible_buffers() const { return capture_.audible_buffers(); }
 

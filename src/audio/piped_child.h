@@ -22,17 +22,15 @@ class PipedChild {
 
     enum class Started { Ok, NoPipe, NoFork };
 
-    /// Runs `argv[0]`, looked up in PATH, in our environment with the `overrides` ("NAME=value").
-    /// Errors leave errno set. A program that cannot be executed shows as an immediate end of
-    /// stream.
+    /// Runs `argv[0]` from PATH with the `overrides` ("NAME=value"). Errors leave errno set; a
+    /// program that cannot be executed shows as an immediate end of stream.
     Started start(const std::vector<std::string>& argv, const std::vector<std::string>& overrides);
 
     [[nodiscard]] int output() const { return output_.get(); }
     [[nodiscard]] bool is_open() const { return output_.is_open(); }
     [[nodiscard]] pid_t pid() const { return pid_; }
 
-    /// Closes the pipe, sends SIGTERM and waits for the child for at most about 200 ms. A child
-    /// that does not end in that time is abandoned. Safe to call twice.
+    /// Closes the pipe and sends SIGTERM; abandons a child that has not ended after 200 ms.
     void stop();
 
   private:
@@ -40,9 +38,8 @@ class PipedChild {
     pid_t pid_ = -1;
 };
 
-/// Output of a shell command, without trailing white space and cut at 255 bytes. At the `limit`, or
-/// once `cancelled` (polled every 50 ms) returns true: what has come if it has a complete line,
-/// else empty.
+/// A shell command's output without trailing white space, cut at 255 bytes. At the `limit` or once
+/// `cancelled` (every 50 ms): what has come if it has a complete line, else empty.
 std::string shell_output(const std::string& command, const std::vector<std::string>& overrides,
                          std::chrono::milliseconds limit, const std::function<bool()>& cancelled);
 

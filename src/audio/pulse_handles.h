@@ -1,11 +1,14 @@
 #pragma once
 
-// Private to this folder: libpulse's types.
+// For libraries that link libpulse.
 #include <pulse/pulseaudio.h>
 
+#include <algorithm>
+#include <chrono>
 #include <memory>
 
 #include "audio/sound_server.h"
+#include "base/clock.h"
 
 namespace ox {
 
@@ -33,6 +36,16 @@ inline PulseContextPtr connect_to_sound_server(pa_mainloop& loop) {
         context.reset();
     }
     return context;
+}
+
+/// Handles the next events of a connection. False once it has failed or `deadline` is past.
+inline bool run_sound_server_events(
+    pa_mainloop& loop, pa_context& context, SteadyClock::time_point deadline,
+    std::chrono::microseconds longest = std::chrono::microseconds::max()) {
+    const auto left = std::chrono::ceil<std::chrono::microseconds>(deadline - SteadyClock::now());
+    return PA_CONTEXT_IS_GOOD(::pa_context_get_state(&context)) && left.count() > 0 &&
+           ::pa_mainloop_prepare(&loop, static_cast<int>(std::min(left, longest).count())) >= 0 &&
+           ::pa_mainloop_poll(&loop) >= 0 && ::pa_mainloop_dispatch(&loop) >= 0;
 }
 
 }  // namespace ox

@@ -7,12 +7,10 @@
 
 namespace ox {
 
-/// Watches which source a recording process is attached to at the sound server. When an output
-/// disappears, the server moves its recordings to another source, which may be a microphone.
-///
-/// The server announces a move before it delivers the first sound from the new source. So a buffer
-/// may be sent if `poll`, called after the buffer was read, still finds the recording on a monitor.
-/// Used by one thread; `poll` never blocks.
+/// Watches which source a recording is attached to: when an output disappears, the server moves its
+/// recordings to another source, perhaps a microphone. The move is announced before the new
+/// source's first sound, so a buffer may be sent if a `poll` after its reading still finds a
+/// monitor. One thread; never blocks.
 class RecordingWatch {
   public:
     enum class Verdict {
@@ -28,15 +26,12 @@ class RecordingWatch {
     RecordingWatch(const RecordingWatch&) = delete;
     RecordingWatch& operator=(const RecordingWatch&) = delete;
 
-    /// Watches the recording of the process `pid` from now on.
     void watch(pid_t pid);
 
-    /// Processes the server's messages received so far.
     Verdict poll();
 
     /// The server's default output; empty until known.
     [[nodiscard]] const std::string& default_sink() const;
-    /// Its monitor, or empty.
     [[nodiscard]] std::string default_monitor() const {
         return default_sink().empty() ? "" : default_sink() + ".monitor";
     }

@@ -2,8 +2,6 @@
 
 #include <pulse/pulseaudio.h>
 
-#include <algorithm>
-
 #include "audio/pulse_handles.h"
 #include "base/clock.h"
 #include "base/environment.h"
@@ -38,17 +36,9 @@ bool sound_server_answers(std::chrono::milliseconds limit, const std::function<b
     const auto deadline = SteadyClock::now() + limit;
     const PulseMainloopPtr loop(::pa_mainloop_new());
     const PulseContextPtr context = loop ? connect_to_sound_server(*loop) : nullptr;
-    while (context) {
-        const pa_context_state_t state = ::pa_context_get_state(context.get());
-        if (state == PA_CONTEXT_READY) return true;
-        const auto left =
-            std::chrono::ceil<std::chrono::microseconds>(deadline - SteadyClock::now());
-        if (!PA_CONTEXT_IS_GOOD(state) || left.count() <= 0 || cancelled()) return false;
-        const auto slice = std::min(left, kSlice);
-        if (::pa_mainloop_prepare(loop.get(), static_cast<int>(slice.count())) < 0 ||
-            ::pa_mainloop_poll(loop.get()) < 0 || ::pa_mainloop_dispatch(loop.get()) < 0) {
-            return false;
-        }
+    while (context && !cancelled()) {
+        if (::pa_context_get_state(context.get()) == PA_CONTEXT_READY) return true;
+        if (!run_sound_server_events(*loop, *context, deadline, kSlice)) break;
     }
     return false;
 }

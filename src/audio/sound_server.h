@@ -14,8 +14,7 @@ std::string sound_server_address();
 /// Environment variables ("NAME=value") for a child that talks to the sound server.
 std::vector<std::string> sound_server_environment();
 
-/// Whether a sound server answers within `limit`, or before `cancelled` (polled every 50 ms)
-/// returns true. Does not start one.
+/// Whether a server answers in time, `cancelled` being polled every 50 ms. Does not start one.
 bool sound_server_answers(std::chrono::milliseconds limit, const std::function<bool()>& cancelled);
 
 }  // namespace ox

@@ -7,8 +7,7 @@
 
 namespace ox {
 
-// Every wire format of the program is little-endian, and packed structures are sent as they are in
-// memory; a big-endian port would need more than these two functions.
+// Every wire format is little-endian, and packed structures are sent as they are in memory.
 static_assert(std::endian::native == std::endian::little, "the wire structs assume little-endian");
 
 /// Writes `value` to `out` (sizeof(value) bytes, any alignment), least significant byte first.
@@ -17,7 +16,6 @@ void store_le(uint8_t* out, T value) noexcept {
     std::memcpy(out, &value, sizeof value);
 }
 
-/// Reads an unsigned integer from `in` (sizeof(T) bytes, any alignment), little-endian.
 template <std::unsigned_integral T>
 [[nodiscard]] T load_le(const uint8_t* in) noexcept {
     T value;

@@ -14,7 +14,6 @@ using SteadyClock = std::chrono::steady_clock;
             .count());
 }
 
-/// Whole seconds of the system clock since the epoch.
 [[nodiscard]] inline int64_t system_now_s() noexcept {
     return std::chrono::duration_cast<std::chrono::seconds>(
                std::chrono::system_clock::now().time_since_epoch())

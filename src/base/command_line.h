@@ -12,9 +12,9 @@
 
 namespace ox {
 
-/// An option, or several that share their help: how it is read and what the help text says of it.
-/// Without help the row is not shown; without `apply` it is only shown; with neither it is a
-/// heading. A row whose synopsis does not begin with a dash takes the arguments that do not either.
+/// One option or several with the same help. Without help the row is not shown; without `apply` it
+/// is only shown; with neither it is a heading. A synopsis without a dash takes arguments
+/// without one.
 template <typename Options>
 struct OptionRow {
     std::string_view synopsis;  ///< "--name", "--name VALUE"; several of them behind commas
@@ -30,7 +30,6 @@ bool store_text(Options& options, std::string_view /*name*/, const char* text) {
     return *text != '\0';
 }
 
-/// For `OptionRow::apply`: sets a flag.
 template <auto Field, typename Options>
 bool store_flag(Options& options, std::string_view /*name*/, const char* /*value*/) {
     options.*Field = true;
@@ -59,19 +58,16 @@ struct ParsedCommandLine {
 
 enum class ArgumentFault : uint8_t { Unknown, NoValue, BadValue };
 
-/// How the command-line tables of the launchers' programs word a fault.
 std::string argument_fault_text(ArgumentFault fault, std::string_view name, std::string_view value);
 
 enum class OptionMatch : uint8_t { None, Flag, WithValue, Positional };
 /// Whether `synopsis` has the option `name`, and whether that takes a value.
 OptionMatch match_option(std::string_view synopsis, std::string_view name);
 
-/// Appends a row of a help text, with the help from `column` on.
 void append_help_row(std::string& text, std::string_view synopsis, std::string_view help,
                      size_t column);
 
-/// Reads the arguments (without the program's name) from left to right into `options`, up to the
-/// first fault or request for help or version. `fault_text(fault, name, value)` words the error.
+/// Reads arguments up to the first fault or request for help or version.
 template <typename Table, typename Options, typename FaultText>
 ParsedCommandLine<Options> read_command_line(const Table& table,
                                              std::span<const char* const> arguments,
@@ -105,7 +101,6 @@ ParsedCommandLine<Options> read_command_line(const Table& table,
     return {Action::Run, std::move(options)};
 }
 
-/// The help text of a table.
 template <typename Table>
 std::string help_of(const Table& table, size_t column) {
     std::string text;

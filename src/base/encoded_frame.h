@@ -5,7 +5,6 @@
 
 namespace ox {
 
-/// One encoded picture: the unit that the encoder produces and the packetizer splits.
 struct EncodedFrame {
     std::vector<uint8_t> data;  ///< one access unit, Annex-B; empty while the encoder buffers
     uint32_t frame_id = 0;      ///< running number, set by the session and not by the encoder

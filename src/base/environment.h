@@ -28,7 +28,6 @@ namespace ox {
     return found != nullptr ? found->*field : "";
 }
 
-/// The user's log-in name.
 [[nodiscard]] inline std::string user_name() {
     return user_entry(&passwd::pw_name);
 }
@@ -39,9 +38,8 @@ namespace ox {
     return user_entry(&passwd::pw_dir);
 }
 
-/// Folder of the user's sockets (file-hierarchy(7)): XDG_RUNTIME_DIR, or, in a process that was
-/// started outside of the user's sessions, the folder that logind creates for them. Empty while
-/// there is none.
+/// XDG_RUNTIME_DIR or, outside of the user's sessions, logind's folder for them
+/// (file-hierarchy(7)). Empty while there is none.
 [[nodiscard]] inline std::string runtime_folder() {
     if (const auto folder = environment("XDG_RUNTIME_DIR"); !folder.empty()) {
         return std::string(folder);

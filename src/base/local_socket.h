@@ -24,8 +24,7 @@ namespace ox {
     return address;
 }
 
-/// A non-blocking connection to the stream socket at `path`. None, with the reason in errno, when
-/// the server is gone or its listen queue is full.
+/// Non-blocking. None, with errno, when the server is gone or its listen queue is full.
 [[nodiscard]] inline UniqueFd connect_local(const std::string& path) noexcept {
     const auto address = local_address(path);
     if (!address) return {};
@@ -39,7 +38,6 @@ namespace ox {
     return socket;
 }
 
-/// Whether `path` is a socket of this process's user.
 [[nodiscard]] inline bool is_own_socket(const std::string& path) {
     struct stat status {};
     return ::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) &&

@@ -13,11 +13,8 @@
 #define OX_THREAD_ATTRIBUTE(attribute)
 #endif
 
-/// A field that is only accessed while `mutex` is held.
 #define OX_GUARDED_BY(mutex) OX_THREAD_ATTRIBUTE(guarded_by(mutex))
-/// A function that is only called while `mutex` is held.
 #define OX_REQUIRES(mutex) OX_THREAD_ATTRIBUTE(requires_capability(mutex))
-/// A function that locks `mutex` itself.
 #define OX_EXCLUDES(mutex) OX_THREAD_ATTRIBUTE(locks_excluded(mutex))
 
 namespace ox {
@@ -32,7 +29,6 @@ class OX_THREAD_ATTRIBUTE(capability("mutex")) Mutex {
     std::mutex mutex_;
 };
 
-/// Locks a mutex for a scope, except during the waits.
 class OX_THREAD_ATTRIBUTE(scoped_lockable) MutexLock {
   public:
     explicit MutexLock(Mutex& mutex) OX_THREAD_ATTRIBUTE(acquire_capability(mutex))
@@ -41,13 +37,11 @@ class OX_THREAD_ATTRIBUTE(scoped_lockable) MutexLock {
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
 
-    /// For std::condition_variable_any, whose waits with a stop token take any lock. Mark a
-    /// predicate that reads guarded fields with OX_REQUIRES.
+    /// For the waits of std::condition_variable_any. Mark their predicates with OX_REQUIRES.
     void lock() OX_THREAD_ATTRIBUTE(acquire_capability()) { lock_.lock(); }
     void unlock() OX_THREAD_ATTRIBUTE(release_capability()) { lock_.unlock(); }
 
-    /// Both may wake up spuriously: check the condition in a loop around them. (A lambda would need
-    /// an annotation of its own.)
+    /// Wakes up spuriously, too: call in a loop. (A lambda would need an annotation of its own.)
     void wait(std::condition_variable& changed) { changed.wait(lock_); }
     std::cv_status wait_until(std::condition_variable& changed,
                               std::chrono::steady_clock::time_point deadline) {

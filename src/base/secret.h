@@ -14,20 +14,17 @@
 
 namespace ox {
 
-/// Overwrites and empties a string that held a secret for a library call. Unlike a plain clear(),
-/// the compiler cannot optimise this away.
+/// Unlike a plain clear(), the compiler cannot optimise this away.
 inline void wipe(std::string& text) noexcept {
     ::sodium_memzero(text.data(), text.size());
     text.clear();
 }
 
-/// A secret of any length: a key, a token, a line with keys in it. Move-only, with an explicit
-/// copy. All memory that it releases (on destruction, growth, truncation, assignment) is
-/// overwritten.
+/// A key, a token, a line with keys in it. Move-only, with an explicit copy; released memory is
+/// always overwritten.
 class Secret {
   public:
     Secret() noexcept = default;
-    /// `size` zero bytes.
     explicit Secret(size_t size) { resize(size); }
     explicit Secret(std::span<const uint8_t> bytes) { append(bytes); }
     explicit Secret(std::string_view text) { append(text); }
@@ -49,7 +46,6 @@ class Secret {
 
     [[nodiscard]] Secret copy() const { return Secret(std::span<const uint8_t>(*this)); }
 
-    /// Overwrites the bytes and frees their memory.
     void clear() noexcept {
         if (bytes_) ::sodium_memzero(bytes_.get(), capacity_);
         bytes_.reset();
@@ -89,7 +85,6 @@ class Secret {
     [[nodiscard]] uint8_t* end() noexcept { return data() + size_; }
     [[nodiscard]] const uint8_t* begin() const noexcept { return data(); }
     [[nodiscard]] const uint8_t* end() const noexcept { return data() + size_; }
-    /// A view of the bytes as text.
     [[nodiscard]] std::string_view text() const noexcept {
         return {reinterpret_cast<const char*>(data()), size_};
     }

@@ -21,8 +21,7 @@ inline void sleep_until_steady(SteadyClock::time_point deadline) noexcept {
     }
 }
 
-/// Sleeps until `deadline`, or until `stop()`, polled every 50 ms, returns true; then returns
-/// false.
+/// Sleeps. False once `stop()`, polled every 50 ms, has returned true.
 template <typename Stop>
 bool sleep_until_or(SteadyClock::time_point deadline, Stop&& stop) {
     constexpr std::chrono::milliseconds kPollInterval{50};
@@ -34,8 +33,7 @@ bool sleep_until_or(SteadyClock::time_point deadline, Stop&& stop) {
     }
 }
 
-/// Makes the calling thread's sleeps precise: the kernel's default timer slack of 50 us is more
-/// than the gap between two paced datagrams.
+/// For the calling thread: the default slack of 50 us is more than a gap between paced datagrams.
 inline void use_minimal_timer_slack() noexcept {
     ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
 }

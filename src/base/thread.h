@@ -6,8 +6,7 @@
 
 namespace ox {
 
-/// Runs `body` on a new thread. Where the system refuses one, calls `refused` with the reason and
-/// returns no thread.
+/// Where the system refuses a thread, calls `refused(reason)` and returns none.
 template <typename Body, typename Refused>
 [[nodiscard]] std::jthread start_thread(Body&& body, Refused&& refused) {
     try {

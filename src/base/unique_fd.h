@@ -20,14 +20,12 @@ class UniqueFd {
     UniqueFd& operator=(const UniqueFd&) = delete;
     ~UniqueFd() { reset(); }
 
-    /// The descriptor, or -1 when there is none.
     [[nodiscard]] int get() const noexcept { return fd_; }
     [[nodiscard]] bool is_open() const noexcept { return fd_ >= 0; }
     explicit operator bool() const noexcept { return is_open(); }
 
     [[nodiscard]] int release() noexcept { return std::exchange(fd_, -1); }
 
-    /// Closes the descriptor and owns `fd` instead.
     void reset(int fd = -1) noexcept {
         if (fd_ >= 0) ::close(fd_);
         fd_ = fd;

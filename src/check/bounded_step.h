@@ -15,7 +15,6 @@ namespace ox {
 /// this one. Start it from a process with one thread.
 class BoundedStep {
   public:
-    /// How a step ended.
     enum class End {
         Answered,
         TimedOut,  ///< no answer within the limit
@@ -26,15 +25,13 @@ class BoundedStep {
         std::string text{};  ///< the answer, if there is one
     };
 
-    /// Starts `step`, which returns its answer: at most 4096 bytes, and not empty. The limit begins
-    /// now.
+    /// `step` returns its answer: 1 to 4096 bytes. The limit begins now.
     BoundedStep(const std::function<std::string()>& step, std::chrono::milliseconds limit);
     /// Ends what still runs, with the processes that it has started.
     ~BoundedStep();
     BoundedStep(const BoundedStep&) = delete;
     BoundedStep& operator=(const BoundedStep&) = delete;
 
-    /// Waits for the answer.
     Result wait();
 
   private:

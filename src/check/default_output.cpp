@@ -53,19 +53,12 @@ DefaultOutput read_default_output(std::chrono::milliseconds limit) {
     Questions questions;
     bool asked = false;
     while (context && !questions.done) {
-        const pa_context_state_t state = ::pa_context_get_state(context.get());
-        const auto left =
-            std::chrono::ceil<std::chrono::microseconds>(deadline - SteadyClock::now());
-        if (!PA_CONTEXT_IS_GOOD(state) || left.count() <= 0) break;
-        if (state == PA_CONTEXT_READY && !asked) {
+        if (::pa_context_get_state(context.get()) == PA_CONTEXT_READY && !asked) {
             asked = true;
             questions.go_on(
                 ::pa_context_get_server_info(context.get(), &Questions::on_server, &questions));
         }
-        if (::pa_mainloop_prepare(loop.get(), static_cast<int>(left.count())) < 0 ||
-            ::pa_mainloop_poll(loop.get()) < 0 || ::pa_mainloop_dispatch(loop.get()) < 0) {
-            break;
-        }
+        if (!run_sound_server_events(*loop, *context, deadline)) break;
     }
     return questions.found;
 }

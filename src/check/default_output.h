@@ -12,8 +12,7 @@ struct DefaultOutput {
     bool muted = false;
 };
 
-/// Asks the user's sound server for it; waits no longer than `limit`, starts no server and records
-/// nothing.
+/// Waits no longer than `limit`, starts no server and records nothing.
 DefaultOutput read_default_output(std::chrono::milliseconds limit);
 
 }  // namespace ox

@@ -37,8 +37,7 @@ std::string check_picture(const Options& options);
 ///     off                nowhere, as was asked for
 std::string check_sound(const Options& options);
 
-/// Whether a session with this encoder and picture can be played, nobody being at the PC. Sound is
-/// not needed.
+/// With nobody at the PC. Sound is not needed.
 bool is_playable(const std::string& encoder, const std::string& picture);
 
 }  // namespace ox

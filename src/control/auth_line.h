@@ -65,8 +65,8 @@ enum class AuthRead : uint8_t {
     closed,  ///< the launcher disconnected
 };
 
-/// Reads from the TCP socket `fd` into `line` up to the first line feed; the rest of that segment
-/// is dropped. `deadline` is for the whole line: sending byte by byte does not extend it.
+/// Reads up to the first line feed and drops the rest of that segment. The whole line has to come
+/// by `deadline`.
 AuthRead read_auth_line(int fd, SteadyClock::time_point deadline,
                         const std::function<bool()>& abort, Secret& line);
 

@@ -11,9 +11,7 @@
 
 namespace ox {
 
-/// The launcher wants a keyframe.
 struct RequestIdr {};
-/// The launcher ends the session.
 struct EndSession {};
 /// Stream settings the launcher asks for; 0 = leave as it is.
 struct SettingsChange {
@@ -50,11 +48,9 @@ using ControlLine = std::variant<std::monostate, MalformedLine, Ping, ControlMes
 /// Parses one line (without its line feed). Never throws; numbers out of range are clamped.
 ControlLine parse_control_line(std::string_view line);
 
-/// The reply to a ping.
 std::string make_pong(int64_t ts);
 
-/// Splits a byte stream into lines with bounded memory: of a line longer than `max_length` only
-/// the length is kept.
+/// A byte stream in lines; of one longer than `max_length` only the length is kept.
 class LineSplitter {
   public:
     struct Line {
@@ -64,8 +60,7 @@ class LineSplitter {
 
     explicit LineSplitter(size_t max_length);
 
-    /// Calls `on_line` for each line that `bytes` complete, in order. Its text is valid during the
-    /// call only.
+    /// Calls `on_line` in order; the text is valid during the call only.
     void feed(std::string_view bytes, const std::function<void(const Line&)>& on_line);
 
   private:

@@ -15,8 +15,7 @@ namespace ox {
 /// Throws when `line` is not one JSON object.
 nlohmann::json parse_json_object(std::string_view line);
 
-/// A JSON library's error message without its quotes of the input: a half-written auth line would
-/// show the token.
+/// Without the quotes of the input, which may show a token.
 std::string redacted_json_error(std::string_view message);
 
 /// Moves the text out of `object`; empty when absent.
@@ -24,8 +23,7 @@ std::string take_text(nlohmann::json& object, const char* key);
 /// Same, and wipes it in `object`.
 Secret take_secret(nlohmann::json& object, const char* key);
 
-/// Any JSON number, truncated and clamped to the range of the type; for int64 an unsigned integer
-/// keeps its bits.
+/// Truncated and clamped to the type's range; for int64 an unsigned integer keeps its bits.
 int32_t int32_field(const nlohmann::json& object, const char* key, int32_t fallback);
 int64_t int64_field(const nlohmann::json& object, const char* key, int64_t fallback);
 uint32_t uint32_field(const nlohmann::json& object, const char* key, uint32_t fallback);

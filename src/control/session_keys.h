@@ -13,9 +13,8 @@ struct SessionKeySet {
     Secret audio_key;
     Secret input_key;
 
-    /// Derives the keys from a 32-byte master key (libsodium crypto_kdf, subkeys 1 to 3 with the
-    /// contexts "oxvideo1", "oxaudio1", "oxinput1"); a master of any other length gives random
-    /// keys.
+    /// From 32 bytes, by libsodium's crypto_kdf, subkeys 1 to 3, contexts "oxvideo1", "oxaudio1"
+    /// and "oxinput1"; a master of any other length gives random keys.
     void generate(std::span<const uint8_t> master_key);
 };
 

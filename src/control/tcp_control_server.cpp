@@ -9,10 +9,10 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <system_error>
 #include <utility>
 
 #include "base/text.h"
+#include "base/thread.h"
 #include "control/tcp_socket.h"
 #include "control/udp_destination.h"
 #include "log/log.h"
@@ -233,13 +233,13 @@ bool TcpControlServer::send_line(std::string_view text) {
 
 void TcpControlServer::start_async_read() {
     if (!client_socket_ || reading_.exchange(true)) return;
-    try {
-        reader_thread_ = std::jthread([this] { reader_loop(); });
-    } catch (const std::system_error& error) {
-        OX_ERROR("TcpControlServer: cannot start the reader thread: %s", error.what());
-        reading_ = false;
-        connected_ = false;  // a disconnect would go unnoticed
-    }
+    reader_thread_ =
+        start_thread([this] { reader_loop(); },
+                     [this](const char* why) {
+                         OX_ERROR("TcpControlServer: cannot start the reader thread: %s", why);
+                         reading_ = false;
+                         connected_ = false;  // a disconnect would go unnoticed
+                     });
 }
 
 void TcpControlServer::reader_loop() {

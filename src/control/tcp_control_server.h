@@ -18,7 +18,6 @@
 
 namespace ox {
 
-/// The outcome of a handshake.
 enum class HandshakeFailure : uint8_t {
     none,
     cannot_listen,  ///< the port could not be opened: nobody could have connected
@@ -29,10 +28,9 @@ enum class HandshakeFailure : uint8_t {
     aborted,
 };
 
-/// The server side of the launcher's TCP control channel: one launcher, its handshake, then JSON
-/// lines in both directions. All functions belong to the owner's thread but `send_line` and
-/// `is_connected`, which any thread may call. The reader thread runs from `start_async_read` to
-/// `close`.
+/// The server's side of the control channel: one launcher, its handshake, then JSON lines in both
+/// directions. Any thread may call `send_line` and `is_connected`, the owner's the rest. A reader
+/// thread runs from `start_async_read` to `close`.
 class TcpControlServer {
   public:
     using AbortPredicate = std::function<bool()>;
@@ -42,9 +40,8 @@ class TcpControlServer {
     TcpControlServer(const TcpControlServer&) = delete;
     TcpControlServer& operator=(const TcpControlServer&) = delete;
 
-    /// Waits for one launcher on `port` and completes its handshake. Blocks for at most
-    /// `accept_timeout_s` (below 1: 60 s) plus `auth_timeout`; `abort`, asked at least every
-    /// 100 ms, ends it earlier. False: `failure` says why, everything is closed.
+    /// Blocks for at most `accept_timeout_s` (below 1: 60 s) plus `auth_timeout`; `abort` is asked
+    /// at least every 100 ms. False: `failure` says why, everything is closed.
     bool accept_and_handshake(uint16_t port, const AbortPredicate& abort, int accept_timeout_s);
 
     /// IPv4 address to send media to; empty when no launcher ever connected.
@@ -57,10 +54,8 @@ class TcpControlServer {
     /// (also when the launcher takes nothing for 5 s); one inside a line ends the connection.
     bool send_line(std::string_view text);
 
-    /// The handshake is complete and the connection stands.
     [[nodiscard]] bool is_connected() const { return connected_; }
 
-    /// Ends connection, reader and listener. Safe to call twice.
     void close();
 
     // Set by the owner before the handshake.

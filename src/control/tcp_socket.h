@@ -15,8 +15,7 @@ namespace ox {
 /// Opens a non-blocking listener on all addresses. Returns 0, or errno after an error line.
 int open_listener(uint16_t port, UniqueFd& listener);
 
-/// 0 when `open_listener` could have this port, else the errno (EADDRINUSE: it is taken). Binds
-/// the port for a moment.
+/// 0, or the errno with which `open_listener` would fail. Binds the port for a moment.
 int tcp_port_error(uint16_t port);
 
 /// Disables Nagle's algorithm; a peer that vanishes silently is noticed within 30 s.
@@ -27,15 +26,13 @@ int take_pending_error(int fd);
 
 enum class WaitResult : uint8_t { readable, timed_out, aborted, failed };
 
-/// Waits until `fd` is readable (end of stream included), the deadline (to a millisecond) passes,
-/// `abort` (may be empty, asked at least every 100 ms) returns true, or the descriptor has an
-/// error.
+/// The wait also ends at the end of the stream, at the deadline (to a millisecond), on an error,
+/// and once `abort` (may be empty, asked every 100 ms) is true.
 WaitResult wait_readable(int fd, SteadyClock::time_point deadline,
                          const std::function<bool()>& abort);
 
-/// Sends all of `bytes` within 5 s, so that a launcher that does not read cannot block the writer.
-/// False on any error; after a partial send also shuts the connection down, since the next line
-/// would be corrupt. `shutdown` from another thread ends the wait.
+/// All of it, within 5 s. False on any error; after a partial send also shuts the connection down,
+/// as the next line would be corrupt. `shutdown` from another thread ends the wait.
 bool send_all(int fd, std::string_view bytes);
 
 }  // namespace ox

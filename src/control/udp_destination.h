@@ -3,9 +3,8 @@
 #include <cstdint>
 #include <string>
 
-// Which IPv4 address the media of a session goes to. A launcher behind the agent's own router is
-// better reached at its private address, which it alone knows; a launcher on the internet only at
-// the address its TCP connection came from.
+// The IPv4 address for the media. A launcher behind the agent's own router is better reached at its
+// private address, which it alone knows; one on the internet where its TCP connection came from.
 
 namespace ox {
 
@@ -21,7 +20,6 @@ enum class UdpOverride : uint8_t {
 };
 UdpOverride judge_udp_override(const std::string& reported, const std::string& tcp_remote);
 
-/// Which of the addresses the media goes to.
 enum class UdpDestination : uint8_t {
     unknown,               ///< neither address is known
     tcp_remote,            ///< nothing was reported

@@ -10,7 +10,6 @@
 
 namespace ox {
 
-/// Why a wait on a bus ended.
 enum class BusWait {
     Done,  ///< the expected message arrived
     TimedOut,
@@ -18,9 +17,8 @@ enum class BusWait {
     Lost,  ///< the connection broke
 };
 
-/// A private connection to a D-Bus message bus. Used by one thread. Every wait has a limit, also on
-/// a bus that accepts connections and then does not respond, and ends within 50 ms once `cancelled`
-/// returns true.
+/// A private connection to a bus. One thread. Every wait has a limit, also on a bus that does not
+/// respond, and ends within 50 ms once `cancelled` is true.
 class BusConnection {
   public:
     using Cancelled = std::function<bool()>;
@@ -51,8 +49,7 @@ class BusConnection {
     /// Passes every message that arrives to `done`, until it returns true.
     BusWait read_until(SteadyClock::time_point deadline,
                        const std::function<bool(DBusMessage&)>& done);
-    /// Passes the messages that have arrived to `handle`, without waiting. False when the
-    /// connection broke.
+    /// Handles what has arrived, without waiting. False when the connection broke.
     bool read_pending(const std::function<void(DBusMessage&)>& handle);
     /// Sends `call` and waits for its reply, which may be an error. Null when none comes.
     DBusMessagePtr call(DBusMessage& call, std::chrono::milliseconds limit);
@@ -67,8 +64,7 @@ class BusConnection {
 /// When no bus is known: libdbus may start one for the X display.
 inline constexpr const char* kAutolaunch = "autolaunch:";
 
-/// Address of the user's session bus (dbus-launch(1), "AUTOMATIC LAUNCHING"), also for a process
-/// that was started outside of the user's sessions.
+/// dbus-launch(1), "AUTOMATIC LAUNCHING"; also for a process outside of the user's sessions.
 std::string session_bus_address();
 std::string system_bus_address();
 

@@ -6,14 +6,12 @@
 
 namespace ox {
 
-/// One reference to a message.
 using DBusMessagePtr = CHandle<DBusMessage, dbus_message_unref>;
 
 inline void close_and_unref(DBusConnection* connection) {
     dbus_connection_close(connection);
     dbus_connection_unref(connection);
 }
-/// A private connection.
 using DBusConnectionPtr = CHandle<DBusConnection, close_and_unref>;
 
 /// An error that a libdbus call may set.

@@ -19,15 +19,12 @@ struct XAuthorization {
     friend bool operator==(const XAuthorization&, const XAuthorization&) = default;
 };
 
-/// Access to an X server.
 struct XAccess {
     XAuthorization authorization{};
-    /// Keeps the server from resetting, which it may do when its last client disconnects, and
-    /// during which it refuses clients.
+    /// Keeps the server from resetting, and so refusing clients, when its last client disconnects.
     std::shared_ptr<const UniqueFd> held_connection{};
 };
 
-/// The user's desktop session, as far as capture needs it.
 struct Desktop {
     std::string session_type{};     ///< as in XDG_SESSION_TYPE
     std::string wayland_display{};  ///< as in WAYLAND_DISPLAY
@@ -42,7 +39,6 @@ struct Desktop {
 /// "Wayland wayland-0", "X11 :0".
 std::string describe(const Desktop& desktop);
 
-/// Value of the variable of this name, empty when there is none.
 using Variables = std::function<std::string_view(const char* name)>;
 /// The variables in a list of "NAME=value", which has to outlive the result.
 Variables variables_in(const std::vector<std::string>& list);
@@ -61,8 +57,7 @@ class DesktopSources {
     virtual std::vector<std::string> manager_environment() = 0;
     /// Numbers of the local X displays that may be the user's, best first.
     virtual std::vector<int> x_displays() = 0;
-    /// Access to this X display as its user, with the credentials in `authority_file` (may be
-    /// empty) and in the usual places.
+    /// As its user, with `authority_file` (may be empty) and the usual places.
     virtual std::optional<XAccess> connect_x(int x_display, const std::string& authority_file) = 0;
     /// Names of the user's Wayland displays, best first.
     virtual std::vector<std::string> wayland_displays() = 0;
@@ -70,10 +65,9 @@ class DesktopSources {
     virtual bool wayland_answers(const std::string& display) = 0;
 };
 
-/// Finds the running desktop when the process's environment names none (`known` has no screen, but
-/// may have a session type, which then decides). First choice is the service manager's environment,
-/// as far as it is up to date; then what listens on this machine, Wayland before X11, since a
-/// Wayland desktop has an X server too. Returns `known` when nothing is found.
+/// Finds the running desktop where `known` has no screen; its session type, if any, decides. First,
+/// the service manager's environment, if up to date; then what listens here, Wayland before X11, as
+/// a Wayland desktop has an X server too. Else `known`.
 Desktop find_desktop(const Desktop& known, DesktopSources& sources);
 
 /// Number of a local X display (":0", ":1.0", "unix:2"); nothing for any other.

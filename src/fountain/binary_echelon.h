@@ -7,10 +7,8 @@
 
 namespace ox::fountain {
 
-/// A binary matrix that is kept in echelon form while rows are inserted one by one.
-///
-/// Right of its pivot column a row holds the reduced row; left of it a bit for every pivot row that
-/// was added to it, so that the same additions can be repeated on the blocks.
+/// A binary matrix in echelon form, row by row. Right of its pivot a row is reduced; left of it a
+/// bit stands for each pivot row added to it, to repeat the additions on the blocks.
 class BinaryEchelon {
   public:
     static constexpr uint32_t kNone = UINT32_MAX;
@@ -23,12 +21,10 @@ class BinaryEchelon {
     /// A multiple of four, so that rows are processed four words at a time.
     [[nodiscard]] size_t words_per_row() const noexcept { return words_; }
 
-    /// Adds a row given as at most words_per_row() words, least significant bit first. Returns the
-    /// row's pivot column, or kNone for a row that depends on the earlier ones and is not stored.
-    /// `tag` identifies the row to the caller.
+    /// At most words_per_row() words, least significant bit first. Returns the pivot column, or
+    /// kNone for a dependent row, which is not stored. `tag` is the caller's.
     uint32_t insert(std::span<const uint64_t> row, uint32_t tag);
 
-    /// The row that has its pivot in `column`, or kNone.
     [[nodiscard]] uint32_t pivot_row(uint32_t column) const noexcept { return pivot_rows_[column]; }
     [[nodiscard]] uint32_t tag(uint32_t row) const noexcept { return tags_[row]; }
     [[nodiscard]] bool bit(uint32_t row, uint32_t column) const noexcept {

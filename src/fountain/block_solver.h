@@ -5,7 +5,6 @@
 
 namespace ox::fountain {
 
-/// Computes the intermediate blocks from a solved matrix.
 class BlockSolver {
   public:
     /// `matrix` is solved; `blocks` receives its columns() intermediate blocks of `block_bytes`.

@@ -37,8 +37,7 @@ class BlockBuffer {
     size_t pitch_ = 0;
 };
 
-/// Locates the blocks of a row table's rows: the first `contiguous` ones at a fixed distance, the
-/// others through `others`.
+/// Where a row table's blocks are: `contiguous` ones at a fixed distance, the rest by `others`.
 struct BlockSource {
     const uint8_t* base = nullptr;
     size_t pitch = 0;

@@ -6,10 +6,9 @@
 
 namespace ox::fountain {
 
-/// The matrix of one block count: the same numbers at the encoder and at the decoder.
-///
-/// The unknowns of the code are `columns()` intermediate blocks: the peel columns 0 ..
-/// block_count-1, then the mix columns, of which the first dense_count belong to the dense rows and
+/// The matrix of one block count, at both ends. Its unknowns are the intermediate blocks: the peel
+/// columns 0 .. block_count-1, then the mix columns: dense_count for the dense rows, then
+/// kHeavyRows for the heavy ones.
 /// the last kHeavyRows to the heavy rows.
 struct CodeParams {
     uint16_t block_count = 0;  ///< N, 2 .. 64000
@@ -29,18 +28,16 @@ struct CodeParams {
     }
 };
 
-/// The tables' values for a message of `block_count` blocks. The peel seed is meaningless above
-/// kTabledBlocks.
+/// From the tables. The peel seed is meaningless above kTabledBlocks.
 CodeParams code_params(uint32_t block_count) noexcept;
 
 /// The same with the sizes and seeds given, for the search of the tables.
 CodeParams code_params_with(uint32_t block_count, uint16_t dense_count, uint32_t peel_seed,
                             uint32_t dense_seed) noexcept;
 
-/// The code of a message of `block_count` blocks, kMinBlocks .. kMaxBlocks: the same at the sender
-/// and at the receiver. Takes the peel seed from the table; for a count that the table does not
-/// cover, it is searched at the first use in a process, which takes about as long as solving an
-/// encoder's matrix. Any thread. Throws std::bad_alloc.
+/// For kMinBlocks .. kMaxBlocks, the same at both ends. A peel seed beyond the table is searched at
+/// the first use in a process, for as long as solving an encoder's matrix takes. Any thread. Throws
+/// std::bad_alloc.
 CodeParams choose_code(uint32_t block_count);
 
 }  // namespace ox::fountain

@@ -33,8 +33,7 @@ class PcgRandom {
     uint64_t increment_;
 };
 
-/// Fills `deck` with the numbers 0 .. size-1 in random order (inside-out shuffle). One draw serves
-/// four positions of a small deck and two of a large one.
+/// An inside-out shuffle of 0 .. size-1; a draw serves four positions of a small deck, else two.
 inline void shuffle_deck(PcgRandom& random, std::span<uint16_t> deck) noexcept {
     const auto size = static_cast<uint32_t>(deck.size());
     const uint32_t bits = size <= 256 ? 8 : 16;
@@ -54,8 +53,7 @@ inline void shuffle_deck(PcgRandom& random, std::span<uint16_t> deck) noexcept {
     }
 }
 
-/// Walks over the columns 0 .. count-1 in steps of `step` modulo the prime at or above `count`, so
-/// that the first `count` columns visited are all different.
+/// Steps modulo the prime at or above `count`: the first `count` columns are all different.
 class ColumnWalk {
   public:
     ColumnWalk(uint16_t first, uint16_t step, uint16_t count, uint16_t prime) noexcept
@@ -67,7 +65,6 @@ class ColumnWalk {
         column_ += step_;
         if (column_ >= prime_) column_ -= prime_;
         if (column_ < count_) return;
-        // In the gap between count and prime: take all the steps that lead out of it at once.
         const uint32_t gap = prime_ - column_;
         column_ = step_ >= gap ? step_ - gap : ((step_ << 16U) - gap) % step_;
     }
@@ -79,15 +76,13 @@ class ColumnWalk {
     uint32_t prime_;
 };
 
-/// The binary row that a block id stands for: block `id` is the sum of the intermediate blocks in
-/// `weight` peel columns and in three mix columns.
+/// Block `id` is the sum of `weight` peel columns and three mix columns.
 class CodeRow {
   public:
     CodeRow(const CodeParams& params, uint32_t id) noexcept;
 
     [[nodiscard]] uint16_t weight() const noexcept { return weight_; }
 
-    /// Calls `visit(uint16_t column)` for each peel column.
     template <typename Visit>
     void for_each_peel_column(Visit&& visit) const {
         ColumnWalk walk = peel_;
@@ -115,13 +110,10 @@ class CodeRow {
     ColumnWalk mix_{0, 1, 1, 2};
 };
 
-/// Visits the peel part of the dense rows. Half of its columns are set, in a pattern that is cheap
-/// to evaluate: the columns are taken in groups of as many as there are dense rows; within a group
-/// the first row (in a random order of the rows) has a random half of the columns, and each next
-/// row differs from the one before in two columns.
-///
-/// For each group a running sum starts at zero; `flip(column)` adds a column to it (or takes it
-/// back), `emit(row)` adds the sum to dense row `row`, `restart()` clears it.
+/// Visits the peel part of the dense rows, half of whose columns are set. Columns come in groups of
+/// as many as there are dense rows; in a group the first row (in random order) has a random half,
+/// each next one differs in two columns. `restart()` clears a running sum, `flip(column)` adds or
+/// takes back a column, `emit(row)` adds the sum to dense row `row`.
 template <typename Restart, typename Flip, typename Emit>
 void walk_dense_rows(const CodeParams& params, Restart&& restart, Flip&& flip, Emit&& emit) {
     const uint32_t count = params.dense_count;
@@ -158,7 +150,6 @@ void walk_dense_rows(const CodeParams& params, Restart&& restart, Flip&& flip, E
 /// The rows of a set of blocks as lists of columns. A row is identified by its index in the table.
 class RowTable {
   public:
-    /// Empties the table, with room for `rows` rows.
     void reset(size_t rows) {
         ids_.clear();
         columns_.clear();

@@ -12,7 +12,6 @@
 
 namespace ox::fountain {
 
-/// How a message is cut into blocks.
 struct MessageShape {
     uint64_t message_bytes = 0;
     uint32_t block_bytes = 0;
@@ -51,7 +50,6 @@ class ReceivedIds {
         slots_.assign(std::bit_ceil(limit + limit / 2 + 2), 0);
     }
 
-    /// The number of an id, or kNone.
     [[nodiscard]] uint32_t find(uint32_t id) const noexcept {
         const uint32_t entry = slots_[slot_of(id)];
         return entry == 0 ? kNone : entry - 1;
@@ -64,7 +62,6 @@ class ReceivedIds {
         slots_[slot] = size();
     }
 
-    /// Removes the newest id.
     void drop_last() noexcept {
         slots_[slot_of(ids_.back())] = 0;  // nothing was placed behind it
         ids_.pop_back();
@@ -88,8 +85,7 @@ class ReceivedIds {
     std::vector<uint32_t> slots_;  ///< number of an id plus one, 0 for a free slot
 };
 
-/// The encoder or decoder behind the C interface, which has checked the pointers. Functions that
-/// allocate throw std::bad_alloc.
+/// Behind the C interface, which has checked the pointers. What allocates throws std::bad_alloc.
 class Codec {
   public:
     enum class Role : uint8_t { kNone, kEncoder, kDecoder };

@@ -9,23 +9,19 @@
 
 namespace ox::fountain {
 
-/// The code of a small block count as a table: every intermediate block, and so every repair block,
-/// as a sum of multiples of the source blocks. With few blocks this is much quicker than peeling
-/// and elimination for each message, and gives the same bytes.
+/// The code of a small block count as a table: every block as a sum of multiples of source blocks.
+/// Much quicker than peeling and elimination, with the same bytes.
 class DirectCode {
   public:
     static constexpr uint32_t kMaxBlocks = 32;
 
-    /// One factor per source block.
     using Factors = std::array<uint8_t, kMaxBlocks>;
 
-    /// The code of a block count, computed at its first use and cached for the life of the process;
-    /// any thread. Null for counts above kMaxBlocks. Throws std::bad_alloc.
+    /// Computed once in a process; any thread. Null above kMaxBlocks. Throws std::bad_alloc.
     static const DirectCode* find(uint32_t block_count);
 
     [[nodiscard]] uint32_t block_count() const noexcept { return params_.block_count; }
 
-    /// Block `id` as a sum of source blocks.
     [[nodiscard]] Factors factors(uint32_t id) const noexcept;
 
   private:
@@ -39,17 +35,14 @@ class DirectCode {
 // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): filled as far as it is read
 class DirectSolution {
   public:
-    /// Works on the ids of received blocks, all different, at most twice the block count. Returns
-    /// how many blocks are still missing: 0 when every missing block can be computed.
+    /// Different ids, at most twice the block count. Returns how many blocks are still missing.
     uint32_t solve(const DirectCode& code, std::span<const uint32_t> ids) noexcept;
 
-    /// The missing source blocks.
     [[nodiscard]] std::span<const uint8_t> missing() const noexcept {
         return {missing_.data(), missing_count_};
     }
 
-    /// After a successful solve: missing block number `index` as a sum of the received blocks, one
-    /// factor per received block in their order.
+    /// Of missing block number `index`: one per received block, in their order.
     [[nodiscard]] std::span<const uint8_t> factors(size_t index) const noexcept {
         return {rows_[index].right.data(), received_count_};
     }

@@ -8,8 +8,7 @@
 
 namespace ox::fountain {
 
-/// Arithmetic in GF(256), the field of byte-sized elements that the heavy rows of the fountain code
-/// use. Stateless and safe from every thread.
+/// Arithmetic in GF(256), for the heavy rows. Stateless.
 
 struct Gf256Logs {
     std::array<uint8_t, 256> log{};
@@ -41,8 +40,7 @@ constexpr uint8_t gf256_inv(uint8_t a) noexcept {
     return kGf256Logs.exp[255U - kGf256Logs.log[a]];
 }
 
-// Operations on whole blocks, of any alignment and length. A source may be the destination itself
-// but must not overlap it otherwise.
+// Whole blocks of any alignment. A source is the destination itself or does not overlap it.
 
 /// dest += src
 void gf256_add_mem(uint8_t* dest, const uint8_t* src, size_t bytes) noexcept;

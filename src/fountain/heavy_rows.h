@@ -9,8 +9,7 @@
 
 namespace ox::fountain {
 
-/// The last columns of the elimination, where heavy rows with coefficients in GF(256) replace the
-/// pivots that the binary rows lack.
+/// The last columns, where rows with coefficients in GF(256) replace pivots that binary rows lack.
 class HeavySolution {
   public:
     /// An unknown as a sum over the heavy columns i with a pivot: factors[i] times the reduced

@@ -10,17 +10,13 @@
 
 namespace ox::fountain {
 
-/// Solves the matrix that gives the intermediate blocks from a set of received blocks: peeling,
-/// then elimination of the deferred columns together with the mix columns. No block data is
-/// touched, so an insufficient set is cheap.
-///
-/// The columns of the elimination are the deferred columns followed by the mix columns.
+/// Solves for the intermediate blocks from received ones: peeling, then elimination of the deferred
+/// columns followed by the mix columns. Touches no block data, so an insufficient set is cheap.
 class MatrixSolver {
   public:
     /// An echelon row's tag: a row of the row table, or kDenseTag + the number of a dense row.
     static constexpr uint32_t kDenseTag = 0x8000'0000U;
 
-    /// Starts over.
     void reset(const CodeParams& params);
 
     /// Adds a received block's row; only before the first `solve`.
@@ -29,8 +25,7 @@ class MatrixSolver {
     /// Solves with the rows added, at least block_count of them. True when they suffice.
     bool solve();
 
-    /// After a failed `solve`: adds one more row. `kept`: the row is independent of the others; a
-    /// dependent one is dropped. True when the rows now suffice.
+    /// After a failed `solve`; true when the rows now suffice. A dependent row is not `kept`.
     bool add_extra_row(uint32_t id, bool& kept);
 
     [[nodiscard]] const CodeParams& params() const noexcept { return params_; }
@@ -39,13 +34,11 @@ class MatrixSolver {
     [[nodiscard]] const BinaryEchelon& echelon() const noexcept { return echelon_; }
     [[nodiscard]] const HeavySolution& heavy() const noexcept { return heavy_; }
 
-    /// The intermediate block that an elimination column stands for.
     [[nodiscard]] uint32_t block_of(uint32_t column) const noexcept {
         const auto& deferred = peeling_.deferred_columns();
         if (column < deferred.size()) return deferred[column];
         return params_.block_count + column - static_cast<uint32_t>(deferred.size());
     }
-    /// True for a peel column that peeling solved.
     [[nodiscard]] bool is_peeled(uint16_t column) const noexcept {
         return deferred_index_[column] == kPeeled;
     }

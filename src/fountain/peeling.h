@@ -7,9 +7,8 @@
 
 namespace ox::fountain {
 
-/// Solves the sparse part of the matrix by peeling: a row with a single unsolved column solves it,
-/// which may leave other rows with one. When there is no such row, one column is deferred to the
-/// elimination and peeling continues.
+/// A row with a single unsolved column solves it, which may leave other rows with one. Without such
+/// a row a column is deferred to the elimination.
 class Peeling {
   public:
     struct Step {
@@ -20,8 +19,7 @@ class Peeling {
     /// Every column of `rows` ends up in a step or deferred.
     void run(const CodeParams& params, const RowTable& rows);
 
-    /// The solved columns. The other columns of a step's row are deferred or solved by earlier
-    /// steps.
+    /// The other columns of a step's row are deferred or solved by earlier steps.
     [[nodiscard]] const std::vector<Step>& steps() const noexcept { return steps_; }
     [[nodiscard]] const std::vector<uint16_t>& deferred_columns() const noexcept {
         return deferred_columns_;

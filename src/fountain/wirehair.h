@@ -6,12 +6,10 @@
 /// A systematic erasure code (fountain code): a message cut into N blocks is restored from any N of
 /// its source blocks and of arbitrarily many repair blocks, in rare cases from one block more.
 ///
-/// The message is cut into blocks of `block_bytes`; the last one may be shorter and counts as
-/// padded with zeros. Block ids 0 .. N-1 are the source blocks themselves, ids from N on are repair
-/// blocks. N is 2 .. 64000. Sender and receiver agree on the message length and the block length.
+/// Ids 0 .. N-1 are the source blocks, of which the last may be shorter and counts as padded with
+/// zeros; ids from N on are repair blocks. Both ends agree on the lengths.
 ///
-/// Codecs are independent of each other; one codec is used by one thread at a time. No function
-/// throws or logs.
+/// One codec is used by one thread at a time. No function throws or logs.
 
 enum WirehairResult : int {
     Wirehair_Success = 0,
@@ -32,25 +30,19 @@ using WirehairCodec = WirehairCodec_t*;
 
 extern "C" {
 
-/// The name of a result, "Unknown" for any other value.
 const char* wirehair_result_string(WirehairResult result);
 
-/// Must have succeeded once before any codec is created; any thread, any number of times.
-/// InvalidInput for a version other than 2.
+/// Must succeed once before any codec; any thread. InvalidInput for a version other than 2.
 WirehairResult wirehair_init_(int expected_version);
 
-/// An encoder for a message, which is not needed any more after the call. Takes time proportional
-/// to the message. Null when not initialised, for a null or empty message, a zero block length, N
-/// outside 2 .. 64000 or too little memory.
-///
-/// `reuse` is null or a codec to be reused, whose handle is then returned. When the call fails,
-/// `reuse` still belongs to the caller, who may only pass it to another create call or free it.
+/// An encoder; the message is not needed any more. Null when not initialised, for a null or empty
+/// message, a zero block length, N outside 2 .. 64000 or too little memory. A codec to `reuse` is
+/// returned; after a failure the caller may only pass it to another create call or free it.
 WirehairCodec wirehair_encoder_create(WirehairCodec reuse, const void* message,
                                       uint64_t message_bytes, uint32_t block_bytes);
 
-/// Writes block `block_id` to `out` and its length to `written`: `block_bytes`, or less for the
-/// last source block. InvalidInput for a null argument, a decoder, or `out_bytes` below the block's
-/// length (`written` is then 0).
+/// Writes the block and its length. InvalidInput, with `written` 0, for a null argument, a decoder,
+/// or `out_bytes` below the block's length.
 WirehairResult wirehair_encode(WirehairCodec codec, uint32_t block_id, void* out,
                                uint32_t out_bytes, uint32_t* written);
 
@@ -58,11 +50,9 @@ WirehairResult wirehair_encode(WirehairCodec codec, uint32_t block_id, void* out
 WirehairCodec wirehair_decoder_create(WirehairCodec reuse, uint64_t message_bytes,
                                       uint32_t block_bytes);
 
-/// Takes a received block, in any order; the bytes are copied. NeedMore until enough blocks have
-/// arrived, then Success, also for every later block. A duplicate block id is NeedMore (or
-/// Success) and changes nothing. InvalidInput for a null argument, an encoder, or a length other
-/// than the block's own; the last source block may also come padded to `block_bytes`. OOM leaves
-/// the decoder as it was before the call.
+/// A received block, in any order, is copied. NeedMore until there are enough, then always Success;
+/// a duplicate changes nothing. InvalidInput for a null argument, an encoder, or a wrong length;
+/// the last source block may come padded. OOM leaves the decoder unchanged.
 WirehairResult wirehair_decode(WirehairCodec codec, uint32_t block_id, const void* block,
                                uint32_t block_bytes);
 
@@ -70,9 +60,8 @@ WirehairResult wirehair_decode(WirehairCodec codec, uint32_t block_id, const voi
 /// `wirehair_decode` succeeded, InvalidInput for a null argument, an encoder or another length.
 WirehairResult wirehair_recover(WirehairCodec codec, void* message, uint64_t message_bytes);
 
-/// Writes source block `block_id` to `block` (room for its length, `block_bytes` or less for the
-/// last one) and that length to `bytes`. NeedMore before `wirehair_decode` succeeded, InvalidInput
-/// for a null argument, an encoder or an id that is no source block's.
+/// Writes source block `block_id` and its length. NeedMore before `wirehair_decode` succeeded,
+/// InvalidInput for a null argument, an encoder or an id that is no source block's.
 WirehairResult wirehair_recover_block(WirehairCodec codec, uint32_t block_id, void* block,
                                       uint32_t* bytes);
 

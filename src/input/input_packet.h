@@ -8,7 +8,6 @@
 
 namespace ox {
 
-/// Values of `InputPacket::kind`.
 enum class InputKind : uint8_t {
     MouseMotion = 0,   ///< relative motion with the button state
     MouseButtons = 1,  ///< button state alone
@@ -64,9 +63,8 @@ static_assert(kInputDatagramBytes == 56);
 bool open_input_datagram(const uint8_t* key, std::span<const uint8_t> datagram,
                          InputPacket& packet);
 
-/// Payload of an RfiRequest, the frames that the launcher lost. 16 bytes at packet offset 12,
-/// little-endian: u32 last delivered, u32 first missing, u32 last missing, u8 flags (bit 0: epoch),
-/// u8 attempt, two zero bytes.
+/// An RfiRequest's 16 bytes at packet offset 12, little-endian: u32 last delivered, u32 first and
+/// last missing, u8 flags (bit 0: epoch), u8 attempt, two zero bytes.
 struct RfiRequest {
     uint32_t last_delivered = 0;
     uint32_t first_missing = 0;

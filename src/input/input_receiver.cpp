@@ -11,9 +11,9 @@
 #include <cassert>
 #include <cerrno>
 #include <cstring>
-#include <system_error>
 #include <utility>
 
+#include "base/thread.h"
 #include "input/key_map.h"
 #include "log/log.h"
 #include "scheduling/thread_priority.h"
@@ -93,10 +93,11 @@ bool InputReceiver::run(uint16_t port) {
     last_buttons_ = 0;
     release_requested_ = false;  // may be left over from the last run
     running_ = true;
-    try {
-        thread_ = std::jthread([this] { recv_loop(); });
-    } catch (const std::system_error& error) {
-        OX_ERROR("InputReceiver: cannot start the receive thread: %s", error.what());
+    thread_ = start_thread([this] { recv_loop(); },
+                           [](const char* why) {
+                               OX_ERROR("InputReceiver: cannot start the receive thread: %s", why);
+                           });
+    if (!thread_.joinable()) {
         stop();
         return false;
     }

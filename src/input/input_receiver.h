@@ -18,9 +18,8 @@
 
 namespace ox {
 
-/// Receives the player's sealed input datagrams and injects them as a virtual keyboard and pointer.
-/// The owner starts and stops it; one thread of its own decrypts, checks and injects without
-/// allocating or blocking, and calls the feedback callback.
+/// Injects the player's sealed input datagrams as a virtual keyboard and pointer. The owner starts
+/// and stops a thread that neither allocates nor blocks and calls the feedback callback.
 class InputReceiver {
   public:
     using FeedbackCallback = std::function<void(const InputPacket&)>;
@@ -31,8 +30,7 @@ class InputReceiver {
     InputReceiver(const InputReceiver&) = delete;
     InputReceiver& operator=(const InputReceiver&) = delete;
 
-    /// Takes the 32-byte input key, also while running. False for any other length. Without a key
-    /// every datagram is dropped.
+    /// 32 bytes, else false; also while running. Without a key every datagram is dropped.
     bool set_key(const uint8_t* key, size_t length) OX_EXCLUDES(key_mutex_);
 
     /// Called on the receive thread for keyframe requests and feedback. Only while stopped.
@@ -45,12 +43,10 @@ class InputReceiver {
     /// Same with a descriptor in place of the device that `start` would create.
     bool start_with_device(uint16_t port, UniqueFd device);
 
-    /// Makes the receive thread release every key and button within 200 ms, for a launcher that was
-    /// lost while it held some. Later input is injected as before. Any thread.
+    /// Any thread: releases every key and button within 200 ms; later input is injected as before.
     void release_pressed() { release_requested_ = true; }
 
-    /// While withheld, across starts, input is dropped; pressed keys are released as above. Any
-    /// thread.
+    /// Any thread, across starts: drops input and releases pressed keys as above.
     void withhold(bool withheld);
 
     /// Ends the thread, releases every key and button, removes the device. Safe to call twice.

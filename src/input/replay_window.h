@@ -31,7 +31,6 @@ class ReplayWindow {
         return true;
     }
 
-    /// Starts a new window at the next sequence.
     void reset() { *this = {}; }
 
   private:

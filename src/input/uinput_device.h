@@ -31,7 +31,6 @@ class UinputDevice {
     /// Ends a group of events that happened at the same time.
     void uinput_sync();
 
-    /// Removes the device. Safe to call twice.
     void destroy();
 
   private:
@@ -42,8 +41,7 @@ class UinputDevice {
     bool created_ = false;  ///< by uinput_init; needs UI_DEV_DESTROY
 };
 
-/// 0 when permissions allow this user to create the device, else the errno (ENOENT: the kernel
-/// module is not loaded). `path` is for tests.
+/// 0, or the errno (ENOENT: no kernel module) that keeps this user from creating the device.
 int uinput_access_error(const char* path = "/dev/uinput");
 
 }  // namespace ox

@@ -11,7 +11,6 @@ namespace ox {
 
 enum class LogLevel : int32_t { TRACE = 0, DEBUG = 1, INFO = 2, WARN = 3, ERROR = 4 };
 
-/// The logger's two sinks.
 struct LogSinks {
     bool console = true;             ///< write each line to standard error
     std::FILE* file = nullptr;       ///< the open log file, or null; closed by the destructor

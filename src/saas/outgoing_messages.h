@@ -11,9 +11,8 @@
 
 namespace ox {
 
-/// The messages that the connector's worker has yet to send, with a descriptor for its `poll` that
-/// is readable while there are some. Any thread. Beyond `kMaxMessages` the oldest are dropped:
-/// without a link nothing else would limit the growth.
+/// The messages that the worker has yet to send, with a descriptor that is readable while there are
+/// some. Any thread. Beyond `kMaxMessages` the oldest are dropped.
 class OutgoingQueue {
   public:
     static constexpr size_t kMaxMessages = 16'384;
@@ -21,7 +20,6 @@ class OutgoingQueue {
     OutgoingQueue();
 
     void push(std::string text);
-    /// Takes everything, oldest first, and makes the descriptor unreadable.
     std::deque<std::string> take_all();
     /// Makes the descriptor readable without a message.
     void wake() const;

@@ -9,11 +9,9 @@
 #include "base/secret.h"
 #include "saas/saas_config.h"
 
-/// The JSON messages between agent and platform, as pure functions. Built messages are compact,
-/// with keys in ascending order; bytes that are no UTF-8 are replaced.
+/// The platform's JSON messages: compact, keys ascending, no invalid UTF-8. Pure.
 namespace ox {
 
-/// A rented session as the backend asks for it.
 struct PrepareSessionParams {
     std::string session_id;
     std::string client_id;

@@ -9,8 +9,7 @@ namespace ox {
 /// Close code of a backend that saw another agent connect with the same token.
 inline constexpr uint16_t kCloseReplaced = 4009;
 
-/// The wait before the next connection attempt: doubled after every failure, reset after a
-/// completed handshake. Pure.
+/// The wait before the next attempt: doubles after failures, reset by a handshake. Pure.
 class ReconnectBackoff {
   public:
     using Duration = std::chrono::milliseconds;

@@ -16,12 +16,10 @@ inline constexpr size_t kShortestSecret = 16;
 std::string loggable(std::string_view text, size_t max = kMaxLoggedText,
                      std::string_view secret = {});
 
-/// A message of the backend with the values of its secret members (the session's key and the hash
-/// of its token), at any depth, masked character by character.
+/// Masks the values of a message's secret members (session key, hash of its token), at any depth.
 std::string redact_secrets(std::string_view json_text);
 
-/// The same for text that is no JSON, where the end of a value is unknown: also masks everything
-/// but punctuation behind the first mention of a secret member.
+/// For text that is no JSON: masks all but punctuation behind the first mention of a secret member.
 std::string redact_broken_json(std::string_view text);
 
 }  // namespace ox

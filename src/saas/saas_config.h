@@ -10,16 +10,14 @@
 
 namespace ox {
 
-/// Where the platform's backend listens.
 struct PlatformEndpoint {
     std::string host;   ///< name or address, an IPv6 address with or without its brackets
     uint16_t port = 0;  ///< never 0
     bool tls = false;   ///< wss://
 };
 
-/// Splits a backend URL: `ws://` or `wss://`, host, optional port (80 or 443 without one), and a
-/// path that is ignored. An authority with a "]" is a host as a whole. The second alternative is
-/// the text of the error as it is to be logged. Pure.
+/// `ws://` or `wss://`, host, optional port (80, 443) and an ignored path; an authority with a "]"
+/// is a host. Else the error for the log. Pure.
 std::variant<PlatformEndpoint, std::string> parse_platform_url(std::string_view url);
 
 /// The backend, and what the agent registers with.

@@ -33,7 +33,6 @@ struct ConnectorTiming {
     std::chrono::milliseconds drain_timeout{500};
 };
 
-/// A change of the link to the platform.
 enum class LinkEvent : uint8_t {
     Connected,     ///< the WebSocket handshake is complete
     Lost,          ///< a connection has ended, or could not be made
@@ -41,12 +40,10 @@ enum class LinkEvent : uint8_t {
     Replaced,      ///< another agent has connected with the same token; reported after `Lost`
 };
 
-/// Keeps the agent connected to the platform: a worker thread connects, registers, sends what is
-/// queued, answers pings, calls back with the backend's requests and reconnects.
-///
-/// `send_*` may be called from any thread at any time, everything else from one. They only queue.
-/// What was queued without a link is dropped at the next connection; a session's readiness, its end
-/// and its errors are sent again after every reconnect. Nothing here throws.
+/// Keeps the agent connected: a worker registers, sends what is queued, answers pings, calls back
+/// with requests and reconnects. Any thread may call `send_*`, which only queue, one the
+/// rest. What was queued without a link is dropped at the next connection; a session's readiness,
+/// end and errors are repeated. Nothing throws.
 class SaasConnector {
   public:
     using PrepareSessionCallback = std::function<void(PrepareSessionParams&&)>;
@@ -67,8 +64,7 @@ class SaasConnector {
     /// Starts the worker. Calling it while a worker exists ends the process.
     void start();
 
-    /// Sends what is queued, within `drain_timeout`, cuts the connection and joins the worker. May
-    /// be called again.
+    /// Sends what is queued, within `drain_timeout`, and joins the worker. May be called again.
     void stop();
 
     /// There is a link with a completed handshake.

@@ -5,7 +5,6 @@
 
 namespace ox {
 
-/// What the agent registers about this PC.
 struct SystemInfo {
     std::string cpu_model;     ///< empty when unknown
     std::string os_version;    ///< distribution name, or kernel name and release
@@ -14,8 +13,7 @@ struct SystemInfo {
     uint32_t ram_mb = 0;       ///< MiB, 0 when unknown
 };
 
-/// Reads the PC's description from /proc, /sys and /etc below `root` (tests give a folder of
-/// fixtures) and logs it in one line. Never fails.
+/// From /proc, /sys and /etc below `root`; logs one line. Never fails.
 SystemInfo detect_system_info(const std::string& root = "");
 
 /// Reads the PC's load from /proc below `root`. One thread owns it.
@@ -23,8 +21,7 @@ class LoadProbe {
   public:
     explicit LoadProbe(std::string root = "") : root_(std::move(root)) {}
 
-    /// CPU load in percent of all CPUs since the previous call; the first call gives the average
-    /// since boot. 0 when no time has passed or /proc/stat cannot be read.
+    /// CPU load in percent since the previous call, at first since boot; 0 when unknown.
     float cpu_usage_pct();
 
     /// Available memory in MiB, 0 when unknown.

@@ -11,7 +11,6 @@ struct ssl_ctx_st;
 
 namespace ox {
 
-/// The outcome of one read, write or handshake step.
 enum class IoStatus {
     Done,
     WantRead,   ///< try again when the socket is readable
@@ -41,8 +40,7 @@ class TlsSession {
     void send_close_notify();
 
     [[nodiscard]] std::string cipher_name() const;
-    /// Why the handshake failed: the first queued library error, which is removed from the queue,
-    /// and the fault of the certificate.
+    /// The library's first queued error, taken off the queue, and the certificate's fault.
     [[nodiscard]] std::string failure_text() const;
 
   private:

@@ -34,8 +34,7 @@ struct WsFrame {
     std::string payload;  ///< unmasked
 };
 
-/// Decodes a byte stream, in pieces of any size, into frames. Tolerates masked frames from a
-/// server, reserved bits and lengths in a longer form than needed.
+/// Decodes a stream. Tolerates masked frames, reserved bits and lengths in a needlessly long form.
 class WsFrameDecoder {
   public:
     enum class Result {
@@ -46,7 +45,6 @@ class WsFrameDecoder {
 
     void feed(std::span<const uint8_t> bytes);
 
-    /// Takes the next frame.
     Result next(WsFrame& frame);
 
     /// There are bytes of a frame that was not taken.

@@ -42,8 +42,7 @@ class WsLink {
     /// Sends one final frame. False when the connection is no longer usable.
     bool ws_send_frame(std::string_view payload, WsOpcode opcode = WsOpcode::Text);
 
-    /// Waits until there is something for `read_available`, `wake_fd` is readable or `timeout` has
-    /// passed.
+    /// Waits until `read_available` has something, `wake_fd` is readable or `timeout` has passed.
     TcpConnection::Wait wait(Milliseconds timeout, int wake_fd);
 
     /// Reads once, without blocking. False at the end of the stream.

@@ -11,20 +11,17 @@ namespace ox {
 /// 16 random bytes in base64 (RFC 6455, section 4.1).
 std::string make_ws_key();
 
-/// The HTTP upgrade request. Control characters (a line end in a token that was read from a file)
-/// are left out. Pure.
+/// Control characters (a line end in a token from a file) are left out. Pure.
 std::string ws_build_handshake(std::string_view host, std::string_view key,
                                std::string_view agent_token);
 
-/// Collects the server's response to the upgrade request. The check is lenient: accepted is what
-/// mentions 101 and an upgrade.
+/// The server's response. The check is lenient: it has to mention 101 and an upgrade.
 class UpgradeResponse {
   public:
     enum class State { Incomplete, TooLong, Accepted, Rejected };
 
     State feed(std::span<const uint8_t> bytes);
 
-    /// Everything received.
     [[nodiscard]] const std::string& text() const noexcept { return text_; }
     /// The bytes behind the head, which begin the first frame.
     [[nodiscard]] std::string_view leftover() const noexcept;

@@ -12,10 +12,9 @@
 
 namespace ox {
 
-/// Client of RealtimeKit, the system service that grants desktop users the priorities that the
-/// kernel refuses them (org.freedesktop.RealtimeKit1; its README). Short-lived and used by one
-/// thread: all calls together take at most five seconds (the bus may have to start services first),
-/// and end within 50 ms once `cancelled` returns true.
+/// The system service that grants desktop users priorities (org.freedesktop.RealtimeKit1; its
+/// README). One thread: all calls together take at most five seconds (the bus may have to start
+/// services), and end within 50 ms once `cancelled` is true.
 class RealtimeKit {
   public:
     explicit RealtimeKit(BusConnection::Cancelled cancelled);
@@ -23,8 +22,7 @@ class RealtimeKit {
     // Both act on a thread of this process, but not on what it starts. False when there is no
     // service or it refuses.
 
-    /// Sets the process's hard RLIMIT_RTTIME to what the service demands: `thread` must have a
-    /// RealTimeLimit.
+    /// Sets the hard RLIMIT_RTTIME that the service demands: `thread` must have a RealTimeLimit.
     bool make_real_time(pid_t thread, int priority);
     bool raise(pid_t thread, int nice);
 

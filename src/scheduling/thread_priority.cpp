@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <chrono>
 #include <string>
-#include <system_error>
 #include <utility>
 
+#include "base/thread.h"
 #include "log/log.h"
 #include "scheduling/realtime_kit.h"
 
@@ -52,12 +52,11 @@ RealTimePriority::RealTimePriority(const char* who)
         return;
     }
     const bool raised = start_ordinary_threads_only() && raise_thread(thread_);
-    try {
-        helper_ = std::jthread(
-            [this, raised](const std::stop_token& stop) { ask_realtime_kit(stop, raised); });
-    } catch (const std::system_error& error) {
-        OX_DEBUG("%s: %s thread priority (%s)", who_, raised ? "raised" : "ordinary", error.what());
-    }
+    helper_ = start_thread(
+        [this, raised](const std::stop_token& stop) { ask_realtime_kit(stop, raised); },
+        [&](const char* why) {
+            OX_DEBUG("%s: %s thread priority (%s)", who_, raised ? "raised" : "ordinary", why);
+        });
 }
 
 void RealTimePriority::ask_realtime_kit(const std::stop_token& stop, bool raised) const {
@@ -103,11 +102,9 @@ void RaisedThreads::ask_realtime_kit(const std::vector<pid_t>& threads) {
     queue_.insert(queue_.end(), threads.begin(), threads.end());
     wake_.notify_one();
     if (helper_.joinable()) return;
-    try {
-        helper_ = std::jthread([this](const std::stop_token& stop) { serve(stop); });
-    } catch (const std::system_error& error) {
-        OX_DEBUG("%s: ordinary priority (%s)", who_, error.what());
-    }
+    helper_ = start_thread(
+        [this](const std::stop_token& stop) { serve(stop); },
+        [this](const char* why) { OX_DEBUG("%s: ordinary priority (%s)", who_, why); });
 }
 
 void RaisedThreads::serve(const std::stop_token& stop) {

@@ -11,16 +11,13 @@
 #include "base/mutex.h"
 #include "scheduling/kernel_scheduling.h"
 
-// Both classes ask the kernel first and then RealtimeKit. The latter on a helper thread, since the
-// system bus may be slow or hang: constructors return at once, destructors within 100 ms. Debug
-// lines report the outcome.
+// Both classes ask the kernel, then RealtimeKit, on a helper thread since the bus may hang:
+// constructors return at once, destructors within 100 ms. Debug lines report the outcome.
 
 namespace ox {
 
-/// Makes the constructing thread real-time, so that it runs as soon as it has work although a game
-/// or an encoder keeps every core busy. For threads that mostly wait and work briefly; construct at
-/// the start of the thread's function and destroy at its end. Threads that it starts are ordinary.
-/// Where real-time is refused, a lower nice value is tried.
+/// Makes the constructing thread real-time, for threads that mostly wait; construct and destroy in
+/// its function. Threads that it starts are ordinary. Where refused, a lower nice value is tried.
 class RealTimePriority {
   public:
     /// `who` prefixes the log line.
@@ -38,12 +35,9 @@ class RealTimePriority {
     std::jthread helper_;
 };
 
-/// Lowers the nice value of a thread that is busy for much of each frame's time, and of the worker
-/// threads that a library started for it: they go first on cores that a game shares, but starve
-/// nobody. Owned and used by the one thread that it raises.
-///
-/// RealtimeKit is asked for each worker, since what it raises passes nothing on to new threads. The
-/// same holds for threads raised here, so children such as the recorder stay ordinary.
+/// Lowers the nice value of a thread that is busy for much of each frame's time, and of its
+/// workers: they go first on cores that a game shares, but starve nobody. Used by that thread. New
+/// threads and children, such as the recorder, stay ordinary; RealtimeKit is asked for each worker.
 class RaisedThreads {
   public:
     /// `who` prefixes the log lines.

@@ -12,9 +12,8 @@ namespace audioparity {
 
 inline constexpr size_t kNonceBytes = 12;
 
-/// The 96-bit nonce of a sealed media payload (RFC 8439): stream, frame id and index little-endian,
-/// then a pad of 0xA5C3 for audio repair symbols and 0 otherwise, which separates a repair symbol
-/// from the data packet that shares its other fields.
+/// 96 bits (RFC 8439): stream, frame id and index little-endian, then a pad of 0xA5C3 for audio
+/// repair symbols, else 0, as these share a data packet's other fields.
 void build_nonce(uint32_t stream, uint32_t frame_id, uint16_t index, uint8_t flags,
                  uint8_t out[kNonceBytes]);
 
@@ -33,12 +32,10 @@ class Encryption {
     /// Takes a key of exactly 32 bytes. Any other length: false, keeping the old key.
     bool set_key(const uint8_t* key, size_t length);
 
-    /// The 12-byte nonce that belongs to `header`.
     static void build_nonce(const PacketHeader& header, uint8_t out[12]);
 
-    /// Seals `length` bytes into `out`, which needs room for `length` + 16 and may be `plaintext`
-    /// itself. `out_length` receives the sealed length. False when no key is set (`out_length` 0)
-    /// or libsodium fails.
+    /// `out` has room for `length` + 16 and may be `plaintext`. False when no key is set
+    /// (`out_length` 0) or libsodium fails.
     bool encrypt_packet(const PacketHeader& header, const uint8_t* plaintext, size_t length,
                         uint8_t* out, size_t& out_length) const;
     /// Seals the packet's payload in place. False as above.
@@ -49,9 +46,8 @@ class Encryption {
     bool key_set_ = false;
 };
 
-/// Opens what `Encryption::encrypt_packet` sealed: `length` bytes of ciphertext and tag under a
-/// 32-byte key, into `out` (room for `length` - 16). False, without a log line and with
-/// `out_length` unwritten, when anything was altered or `length` is below 16.
+/// Opens ciphertext and tag under a 32-byte key into `out` (room for `length` - 16). False, without
+/// a log line or `out_length`, when altered or shorter than 16.
 bool decrypt_packet_with_key(const uint8_t* key, const PacketHeader& header, const uint8_t* sealed,
                              size_t length, uint8_t* out, size_t& out_length);
 

@@ -22,8 +22,7 @@ inline constexpr uint8_t RECOVERY_POINT = 0x10;  ///< reserved: recovery without
 inline constexpr uint8_t AUDIO_PARITY = 0x20;    ///< audio repair symbol
 }  // namespace packet_flags
 
-/// The clear header of every media datagram in wire layout: 22 bytes, packed, little-endian. Also
-/// the additional data of the sealed payload and the source of its nonce.
+/// The clear header of a media datagram: 22 bytes, packed, little-endian. Also the additional data.
 struct [[gnu::packed]] PacketHeader {
     uint32_t stream = 0;     ///< kStreamVideo or kStreamAudio
     uint32_t frame_id = 0;   ///< video: frame number; audio: sequence number
@@ -51,7 +50,6 @@ class PacketPayload {
     // NOLINTBEGIN(cppcoreguidelines-pro-type-member-init)
     PacketPayload() noexcept {}
     explicit PacketPayload(std::span<const uint8_t> bytes) noexcept { assign(bytes); }
-    // Copies the valid bytes only.
     PacketPayload(const PacketPayload& other) noexcept { assign(other.bytes()); }
     // NOLINTEND(cppcoreguidelines-pro-type-member-init)
     PacketPayload& operator=(const PacketPayload& other) noexcept {
@@ -80,7 +78,6 @@ class PacketPayload {
     uint16_t size_ = 0;
 };
 
-/// One media packet to send.
 struct OutgoingPacket {
     PacketHeader header;
     PacketPayload payload;

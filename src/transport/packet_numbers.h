@@ -8,9 +8,8 @@
 
 namespace ox {
 
-/// Allocates the numbers (`frame_id`) under which the packets of one stream are sealed: ascending,
-/// each once. A number is part of the nonce and must not repeat under one key, so they run out
-/// rather than wrap. Any thread.
+/// The numbers (`frame_id`) under which a stream's packets are sealed: ascending, each once. A
+/// nonce must not repeat under one key, so they run out rather than wrap. Any thread.
 class PacketNumbers {
   public:
     /// One more than the last number.
@@ -23,17 +22,13 @@ class PacketNumbers {
     PacketNumbers(const PacketNumbers&) = delete;
     PacketNumbers& operator=(const PacketNumbers&) = delete;
 
-    /// Appends the numbers from `first` up to `end`, without it. Ignores those that are not above
-    /// everything added before.
+    /// From `first` up to `end`, without it; ignores those not above everything added before.
     void add(uint64_t first, uint64_t end) OX_EXCLUDES(mutex_);
 
-    /// The next number, if any is left.
     std::optional<uint32_t> take() OX_EXCLUDES(mutex_);
-    /// What `take` would return.
     [[nodiscard]] std::optional<uint32_t> peek() const OX_EXCLUDES(mutex_);
     /// One more than the highest number ever added.
     [[nodiscard]] uint64_t end() const OX_EXCLUDES(mutex_);
-    /// How many are left.
     [[nodiscard]] uint64_t left() const OX_EXCLUDES(mutex_);
 
   private:

@@ -22,9 +22,9 @@ class Packetizer {
     void set_repair_ratio(float ratio);
     [[nodiscard]] float repair_ratio() const;
 
-    /// Appends the packets of `frame`, payloads in plaintext, to `out`: data packets in order, then
-    /// repair packets; a lone video packet is followed by a copy of itself. An empty frame appends
-    /// nothing; one of more than 65535 packets is dropped with an error line.
+    /// Appends data packets in order, then repair packets, in plaintext; a lone video packet is
+    /// followed by its copy. A frame of more than 65535 packets is dropped with
+    /// an error line.
     void packetize(const EncodedFrame& frame, uint32_t stream,
                    std::vector<OutgoingPacket>& out) const;
 

@@ -19,10 +19,8 @@ inline constexpr size_t kProbeReadBytes = 64;
 
 enum class ProbeKind : uint8_t { Invalid, HolePunch, Legacy };
 
-/// Classifies a datagram received on a sender's port:
-/// - a hole-punch probe: "OXP1" and anything, or, with a token, exactly "OXP1" and its 8 bytes;
-/// - a legacy probe: one zero byte from the configured destination address.
-/// Pure; the token is compared in constant time.
+/// A hole-punch probe is "OXP1" and anything or, with a token, exactly "OXP1" and its 8 bytes; a
+/// legacy probe is one zero byte from the configured destination address. Pure, constant time.
 ProbeKind classify_probe(std::span<const uint8_t> datagram, const std::optional<ProbeToken>& token,
                          in_addr source, in_addr configured);
 

@@ -8,9 +8,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <system_error>
 
 #include "base/clock.h"
+#include "base/thread.h"
 #include "log/log.h"
 
 namespace ox {
@@ -97,7 +97,7 @@ void ProbeListener::start() {
         started_ = listening_ = true;
     }
     OX_INFO("UdpSender: waiting for hole-punch probe on port %u...", local_port_);
-    start_thread();
+    start_listening();
 }
 
 void ProbeListener::expect_return(const std::string& peer_ip, const std::string& media_ip,
@@ -117,7 +117,7 @@ void ProbeListener::expect_return(const std::string& peer_ip, const std::string&
         if (listening_) return;
         started_ = listening_ = true;
     }
-    start_thread();
+    start_listening();
 }
 
 void ProbeListener::drop_queued_probes() const {
@@ -128,15 +128,14 @@ void ProbeListener::drop_queued_probes() const {
 }
 
 /// An earlier thread has ended by itself, as `listening_` was false.
-void ProbeListener::start_thread() {
+void ProbeListener::start_listening() {
     if (thread_.joinable()) thread_.join();
-    try {
-        thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
-    } catch (const std::system_error& error) {
-        OX_ERROR("UdpSender: probe listener not started: %s", error.what());
-        const MutexLock lock(mutex_);
-        started_ = listening_ = false;
-    }
+    thread_ = start_thread([this](const std::stop_token& stop) { run(stop); },
+                           [this](const char* why) {
+                               OX_ERROR("UdpSender: probe listener not started: %s", why);
+                               const MutexLock lock(mutex_);
+                               started_ = listening_ = false;
+                           });
 }
 
 void ProbeListener::run(const std::stop_token& stop) {

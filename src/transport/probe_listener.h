@@ -19,10 +19,9 @@ namespace ox {
 sockaddr_in ipv4_endpoint(in_addr address, uint16_t port);
 std::optional<in_addr> parse_ipv4(const std::string& text);
 
-/// Knows where the media of one sender goes: to the configured destination until the launcher's
-/// hole-punch probe arrives on the sender's socket, then to the probe's source. `destination` and
-/// `take_moved` may be called from any thread; the rest belongs to the owner. See UdpSender for the
-/// meaning of its functions.
+/// Where one sender's media goes: to the configured destination, then to the source of the first
+/// hole-punch probe. Any thread may call `destination` and `take_moved`, the owner the rest; see
+/// UdpSender for their meaning.
 class ProbeListener {
   public:
     ProbeListener() = default;
@@ -45,7 +44,7 @@ class ProbeListener {
     bool take_moved() { return moved_.exchange(false); }
 
   private:
-    void start_thread();
+    void start_listening();
     void run(const std::stop_token& stop) OX_EXCLUDES(mutex_);
     bool read_probe() OX_REQUIRES(mutex_);
     void drop_queued_probes() const;

@@ -8,11 +8,9 @@
 
 namespace ox {
 
-/// Token bucket of the sender's pacing: fills with bytes at a rate and holds 16 ms of it. Pure; the
-/// caller passes the time in and sleeps.
+/// Paces a sender: fills at a rate and holds 16 ms of it. Pure; the caller sleeps.
 class TokenBucket {
   public:
-    /// What to do before the datagram is sent.
     struct Decision {
         std::chrono::microseconds sleep{0};
         bool overrun = false;  ///< the datagram is sent ahead of its tokens

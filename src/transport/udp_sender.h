@@ -24,13 +24,11 @@ class UdpSender {
     UdpSender(const UdpSender&) = delete;
     UdpSender& operator=(const UdpSender&) = delete;
 
-    /// Binds `src_port` ahead of the next `open` with the same port, so that no probe is too early.
-    /// `open` reports what fails here.
+    /// Ahead of `open`, which reports failures, so that no probe is too early.
     void reserve(uint16_t src_port);
 
-    /// Binds `src_port` (0: the kernel picks one at the first send) and aims at `dest_ip` (dotted
-    /// IPv4) and `dest_port`. False with an error line when anything fails. Closes an open sender
-    /// first; the counters continue.
+    /// Binds `src_port` (0: any) and aims at a dotted IPv4 address. False with an error line on
+    /// failure. Closes an open sender first; the counters continue.
     bool open(const std::string& dest_ip, uint16_t dest_port, uint16_t src_port);
     [[nodiscard]] bool is_open() const { return socket_.is_open(); }
     /// errno with which the last `open` failed to bind its port; 0 when it could.
@@ -39,14 +37,12 @@ class UdpSender {
     /// Probes must carry the first 8 bytes of `token` from now on.
     void set_probe_token(const uint8_t* token, size_t length) { probe_.set_token(token, length); }
 
-    /// Listens for the first valid probe since `open`; later ones are never read unless
-    /// `expect_return` asks for them. No effect when closed or called before.
+    /// Reads the first valid probe since `open`, and later ones only after `expect_return`.
     void start_probe_listener() { probe_.start(); }
 
-    /// Call when a launcher has reconnected and proved its token, before answering it. Accepts one
-    /// more probe, sent from now on from `peer_ip`, its end of the control connection, or from
-    /// `media_ip`, its media address (dotted IPv4 both). Until then a destination that came from a
-    /// probe stays; any other becomes `media_ip` and `dest_port`. No effect when closed.
+    /// For a launcher that has returned and proved its token, before the answer. Accepts one more
+    /// probe, from `peer_ip`, its end of the control connection, or `media_ip` (dotted IPv4 both).
+    /// A destination from a probe stays until then; any other becomes `media_ip` and `dest_port`.
     void expect_return(const std::string& peer_ip, const std::string& media_ip,
                        uint16_t dest_port) {
         probe_.expect_return(peer_ip, media_ip, dest_port);
@@ -55,9 +51,8 @@ class UdpSender {
     /// Whether a probe has moved the destination since the last call.
     bool take_moved() { return probe_.take_moved(); }
 
-    /// Waits for the first probe since `open`: true when it came, false after `timeout_s`
-    /// (negative: no limit, 0: at once), when `abort`, polled at least every 100 ms, returns true,
-    /// or when another thread closes the sender.
+    /// Since `open`: true when it came; false after `timeout_s` (negative: no limit), once `abort`,
+    /// polled every 100 ms, is true, or when another thread closes.
     bool wait_for_probe(int timeout_s, const std::function<bool()>& abort) {
         return probe_.wait(timeout_s, abort);
     }

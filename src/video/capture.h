@@ -13,11 +13,9 @@
 
 namespace ox {
 
-/// How far the scaler's vector code may read past the last pixel of a picture of odd width. All
-/// memory that holds pictures has that many readable bytes more.
+/// How far the scaler's vector code may read past a picture of odd width: readable in all pictures.
 inline constexpr size_t kReadSlack = 64;
 
-/// Resizes `pixels`, with the slack behind them.
 inline void resize_with_slack(std::vector<uint8_t>& pixels, size_t bytes) {
     pixels.reserve(bytes + kReadSlack);
     pixels.resize(bytes);
@@ -29,12 +27,9 @@ inline uint64_t next_content() {
     return ++last;
 }
 
-/// One picture: width x height pixels, 4 bytes each in the order B, G, R, A, no row padding.
-///
-/// The pixels are in `data`, or in the backend's own memory, which `lent` keeps alive; read them
-/// through `pixels()`. Lent pixels change with the backend's next successful `capture_frame` and
-/// stay readable as long as the frame holds them, also after the backend's shutdown. Their fourth
-/// byte is undefined; in `data` it is 255.
+/// One picture: width x height pixels of B, G, R, A without row padding, read through `pixels()`.
+/// The backend's own memory, kept alive by `lent`, changes with the next `capture_frame` and stays
+/// readable as long as the frame holds it. Its fourth bytes are undefined, those in `data` 255.
 struct CapturedFrame {
     std::vector<uint8_t> data;
     std::shared_ptr<const uint8_t> lent;
@@ -58,7 +53,6 @@ class ChangeTimes {
         times_[count_++ % times_.size()] = at;
     }
 
-    /// How many changes there were.
     [[nodiscard]] uint64_t count() const {
         const MutexLock lock(mutex_);
         return count_;
@@ -89,7 +83,6 @@ class ChangeTimes {
     uint64_t taken_ OX_GUARDED_BY(mutex_) = 0;
 };
 
-/// State of a source of pictures.
 enum class CaptureState : uint8_t {
     Live,           ///< pictures come when something changes
     Doubtful,       ///< it may have ended; decided within about a second
@@ -110,15 +103,13 @@ class ICapture {
     virtual int capture_frame(CapturedFrame& frame) = 0;
     [[nodiscard]] virtual uint32_t width() const = 0;
     [[nodiscard]] virtual uint32_t height() const = 0;
-    /// When the picture changed; null where the backend does not know. Valid until the next call of
-    /// another function.
+    /// When the picture changed; null where that is not known. Valid until another function's call.
     [[nodiscard]] virtual ChangeTimes* changes() { return nullptr; }
     /// State of the source, or why `init` failed. Polled with every picture and while a launcher is
     /// awaited; never blocks.
     virtual CaptureState state() { return CaptureState::Live; }
     /// Nothing but black has come for a while.
     [[nodiscard]] virtual bool is_black() const { return false; }
-    /// Releases everything. Safe to call twice.
     virtual void shutdown() {}
 };
 

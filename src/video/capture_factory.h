@@ -18,7 +18,6 @@ enum class CaptureBackend {
     Synthetic,
 };
 
-/// The name on the command line and in the log.
 constexpr const char* name_of(CaptureBackend backend) {
     switch (backend) {
         case CaptureBackend::Auto:
@@ -34,7 +33,6 @@ constexpr const char* name_of(CaptureBackend backend) {
 }
 std::optional<CaptureBackend> capture_backend_named(std::string_view name);
 
-/// What is to be captured, and how.
 struct CaptureRequest {
     CaptureBackend backend = CaptureBackend::Auto;
     Desktop desktop{};
@@ -51,7 +49,6 @@ struct CaptureRequest {
 /// Whether the request goes through the desktop portal, which may ask the PC's owner.
 [[nodiscard]] bool uses_portal(const CaptureRequest& request);
 
-/// Makes the backend, still to be initialised.
 std::unique_ptr<ICapture> make_capture(const CaptureRequest& request);
 
 }  // namespace ox

@@ -15,8 +15,7 @@ namespace ox {
 /// One opened encoder of libavcodec with the frames and the packet it works with.
 class CodecSession {
   public:
-    /// Opens an encoder; with VA-API on the card of `node`, or of libav's choice when that is
-    /// empty.
+    /// With VA-API on the card of `node`; empty: libav's choice.
     static std::variant<std::unique_ptr<CodecSession>, EncoderFailure> open(
         const EncoderChoice& choice, const EncoderSettings& settings, const std::string& node);
 
@@ -26,12 +25,10 @@ class CodecSession {
     /// The frame to write the next picture into; null, with `error` set, when memory runs out.
     AVFrame* writable_picture();
 
-    /// Sends the written picture to the encoder; `captured_at` is returned with its packets. False
-    /// on failure.
+    /// Sends the written picture; `captured_at` is returned with its packets.
     bool send_picture(bool keyframe, uint64_t captured_at);
 
-    /// The next finished packet, valid until the next call; null when the encoder needs a picture
-    /// or has failed.
+    /// Valid until the next call; null when the encoder needs a picture or has failed.
     const AVPacket* receive_packet();
 
     /// Capture time of a packet's picture, also when the encoder delayed it.

@@ -15,7 +15,6 @@ struct CursorImage {
     int hot_y = 0;
     std::vector<uint32_t> pixels;
 
-    /// Whether any pixel is not transparent.
     [[nodiscard]] bool visible() const;
 };
 
@@ -29,11 +28,9 @@ struct PictureView {
 /// Draws a pointer onto a picture, clipped to it, and removes it again. Pure.
 class CursorOverlay {
   public:
-    /// Blends the pointer with its hot spot at (x, y) and saves the pixels below. One pointer at a
-    /// time.
+    /// Puts the hot spot at (x, y) and saves the pixels below. One pointer at a time.
     void draw(PictureView picture, const CursorImage& cursor, int x, int y);
 
-    /// Restores the pixels below the pointer, if one was drawn.
     void restore(PictureView picture);
 
     /// The picture that was drawn on is gone.

@@ -10,8 +10,7 @@
 
 namespace ox {
 
-/// Holds the access units that an encoder emits beyond one per call: the caller can send only one
-/// at a time. Bounded; what does not fit is refused.
+/// Holds the access units that an encoder emits beyond one per call. Bounded.
 class EncodeBacklog {
   public:
     static constexpr size_t kCapacity = 8;

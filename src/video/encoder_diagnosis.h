@@ -14,8 +14,7 @@ struct EncoderDiagnosis {
     bool no_hardware = false;
 };
 
-/// Finds the cause in libav's messages; if they hold nothing known, quotes its last error with a
-/// general remedy.
+/// Finds the cause in libav's messages; else quotes its last error with a general remedy.
 EncoderDiagnosis diagnose(const EncoderFailure& failure, const GraphicsFacts& facts);
 
 /// Of one encoder's attempts on several cards, at least one, the one to report: a card that refused

@@ -7,7 +7,6 @@
 
 namespace ox {
 
-/// The memory layout an encoder takes its pictures in.
 enum class EncoderInput {
     Yuv420p,
     Nv12,
@@ -33,7 +32,6 @@ struct EncoderChoice {
 /// The encoders for a codec in the order in which they are tried.
 std::span<const EncoderChoice> encoder_ladder(VideoCodec codec);
 
-/// How far an encoder came before it failed.
 enum class EncoderStage {
     Settings,   ///< not in this libavcodec, or its settings are out of range
     Device,     ///< its graphics card cannot be opened
@@ -41,7 +39,6 @@ enum class EncoderStage {
     Streaming,  ///< it failed while encoding
 };
 
-/// One encoder's failure as libav reports it.
 struct EncoderFailure {
     const EncoderChoice* choice = nullptr;
     EncoderStage stage = EncoderStage::Opening;

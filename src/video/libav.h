@@ -53,10 +53,9 @@ class AvDictionary {
     AVDictionary* dictionary_ = nullptr;
 };
 
-/// Collects libav's warnings and errors on this thread while it lives, the first few kilobytes of
-/// them, whatever the log's level; without allocating, so that one can exist for every picture. One
-/// at a time per thread. From the first one on, for the whole process, libav logs at level DEBUG
-/// instead of to standard error.
+/// Collects the first few kilobytes of libav's warnings and errors on this thread, whatever the
+/// log's level, without allocating. One at a time per thread. From the first one on libav logs, in
+/// the whole process, at level DEBUG instead of to standard error.
 class LibavLogCapture {
   public:
     LibavLogCapture();

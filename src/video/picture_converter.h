@@ -6,9 +6,8 @@
 
 namespace ox {
 
-/// Converts BGRA pictures of any size to an encoder's pixel format and size (limited-range BT.601).
-/// Pictures of the encoded size are not scaled: many times faster, and more exact, than a scaler at
-/// equal sizes.
+/// Converts BGRA pictures of any size to an encoder's format and size (limited-range BT.601). Those
+/// of the encoded size are not scaled: many times faster, and more exact.
 class PictureConverter {
   public:
     enum class Result {
@@ -17,7 +16,6 @@ class PictureConverter {
         Failed,
     };
 
-    /// `format` is YUV420P or NV12.
     PictureConverter(AVPixelFormat format, uint32_t width, uint32_t height)
         : format_(format), width_(width), height_(height) {}
 

@@ -9,10 +9,9 @@
 
 namespace ox {
 
-/// Decides when a screen's picture has to be fetched again, where the screen announces its changes.
-/// Some graphics drivers announce nothing while a game flips whole pictures; so a picture is
-/// fetched periodically all the same, and a screen caught changing unannounced is not trusted
-/// again. Pure.
+/// Decides when a picture has to be fetched again, where the screen announces its changes. Some
+/// drivers announce nothing while a game flips whole pictures; so pictures are fetched periodically
+/// all the same, and a screen caught changing unannounced is not trusted again. Pure.
 class PictureFreshness {
   public:
     static constexpr std::chrono::milliseconds kCheckPeriod{100};
@@ -23,13 +22,11 @@ class PictureFreshness {
         Check,  ///< fetch, and call `found_change` if it differs from the last one
     };
 
-    /// `announced` is the number of changes announced so far.
     Need next(uint64_t announced, SteadyClock::time_point now);
 
     /// The picture was fetched; `announced` is the number from before.
     void fetched(uint64_t announced, SteadyClock::time_point now);
 
-    /// The last picture is no longer available.
     void reset() { seen_.reset(); }
 
     /// A check found a change. Its announcement may be late; if none comes before the next check is
@@ -46,8 +43,7 @@ class PictureFreshness {
     uint64_t suspected_count_ = 0;
 };
 
-/// A hash of the pixels for detecting changes, at the speed of memory. `rows` has `height` rows of
-/// `row_bytes`, `stride` bytes apart.
+/// At the speed of memory. `rows` has `height` rows of `row_bytes`, `stride` bytes apart.
 [[nodiscard]] uint64_t hash_picture(const uint8_t* rows, size_t stride, size_t row_bytes,
                                     uint32_t height);
 

@@ -15,12 +15,10 @@ struct PixelLayout {
     uint64_t green_mask = 0;
     uint64_t blue_mask = 0;
 
-    /// The bytes of a pixel are B, G, R and a fourth.
     [[nodiscard]] bool is_bgra() const;
 };
 
-/// Converts pixels of one layout to BGRA with alpha 255. A channel's values are scaled to 0..255; a
-/// channel without bits is 0.
+/// Converts pixels to BGRA with alpha 255; values are scaled to 0..255, missing channels 0.
 class PixelUnpacker {
   public:
     PixelUnpacker() : PixelUnpacker(PixelLayout{}) {}

@@ -7,9 +7,8 @@
 
 namespace ox {
 
-/// A moving test picture for machines without a desktop: colour bars, a bouncing white box, and the
-/// frame's number as a row of 32 black or white blocks at the top (bit 0 leftmost), from which a
-/// receiver can tell which picture it has.
+/// A moving test picture: colour bars, a bouncing white box, and at the top the frame's number as
+/// 32 black or white blocks (bit 0 leftmost).
 class SyntheticCapture final : public ICapture {
   public:
     static constexpr uint32_t kMaxSide = 8192;

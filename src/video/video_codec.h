@@ -12,7 +12,6 @@ enum class VideoCodec : uint32_t { H264 = 0, Hevc = 1 };
 
 inline constexpr std::array kVideoCodecs{VideoCodec::H264, VideoCodec::Hevc};
 
-/// A codec's names.
 struct CodecInfo {
     const char* option_name = nullptr;  ///< on the command line, in the log and for the backend
     const char* option_alias = nullptr;

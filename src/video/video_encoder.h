@@ -21,9 +21,8 @@ struct EncoderSettings {
     uint32_t bitrate_kbps = 15000;
 };
 
-/// Low-delay encoder: BGRA pictures in, one access unit per picture out, constant bitrate, no
-/// B-frames, keyframes on demand. Tries NVENC, VA-API and software in this order. Used by one
-/// thread, but for `force_idr`.
+/// Low-delay encoder of BGRA pictures: constant bitrate, no B-frames, keyframes on demand. Tries
+/// NVENC, VA-API and software. One thread, but for `force_idr`.
 class VideoEncoder {
   public:
     VideoEncoder();
@@ -35,24 +34,20 @@ class VideoEncoder {
     /// none does; each failure has its log line.
     bool init(const EncoderSettings& settings);
 
-    /// Encodes one picture of tightly packed BGRA pixels, with `kReadSlack` (video/capture.h)
-    /// readable bytes behind them if it has to be scaled. Sets `out.data`, empty while an encoder
-    /// buffers, and `out.timestamp`, that of the picture in `out.data`. False when not open or when
-    /// the encoder fails, which is logged with its cause. A `content` other than 0 identifies the
-    /// pixels: the same number as before spares the conversion.
+    /// Takes tightly packed BGRA with `kReadSlack` behind it if it has to be scaled. Sets
+    /// `out.data`, empty while an encoder buffers, and `out.timestamp`, that of the picture in it.
+    /// False when not open or, after a log line, on failure. The same `content`, unless 0, spares
+    /// the conversion.
     bool encode_bgra(const uint8_t* pixels, uint32_t source_width, uint32_t source_height,
                      uint64_t timestamp, EncodedFrame& out, uint64_t content = 0);
 
-    /// Re-opens the same backend at a new bitrate; the next encoded picture is a keyframe. If it
-    /// refuses, the old bitrate is tried, then the rest of the ladder: see `name` and
-    /// `bitrate_kbps`. False, with the encoder closed, when all of them refuse; false when not
-    /// open.
+    /// The next picture is a keyframe. If the backend refuses, the old bitrate is tried, then the
+    /// rest of the ladder: see `name` and `bitrate_kbps`. False when not open, or when
+    /// all refuse, which closes it.
     bool reconfigure_bitrate(uint32_t kbps);
 
-    /// The bitrate in force.
     [[nodiscard]] uint32_t bitrate_kbps() const;
 
-    /// Frees everything. Safe to call twice.
     void shutdown();
 
     /// Whether the open encoder can be told that pictures were lost, so that no later one refers to
@@ -61,8 +56,7 @@ class VideoEncoder {
     /// Whether any encoder of the ladder can.
     [[nodiscard]] static bool any_backend_invalidates_refs();
 
-    /// Gives up the pictures `first` to `last` (frame ids) as references. False when the encoder
-    /// cannot; the launcher then needs a keyframe.
+    /// Gives up frames as references. False when it cannot; the launcher then needs a keyframe.
     bool invalidate_refs(uint32_t first, uint32_t last);
 
     /// For the log: how the stream recovers from lost pictures.

@@ -24,20 +24,16 @@ class XGrabber;
 class XImageReader;
 struct ScreenSize;
 
-/// Pictures of an X screen's root window, with the mouse pointer. With MIT-SHM and the usual pixel
-/// layout a frame lends the segment into which the server writes (no copy), else the pixels are
-/// unpacked into the frame. Follows changes of the screen's size. Once the server is gone,
-/// `capture_frame` returns 1.
-///
-/// Where the server announces changes, an unchanged screen is not fetched again: the frame is the
-/// earlier one with a new time.
+/// Pictures of an X root window, with the mouse pointer; follows changes of its size. With MIT-SHM
+/// and the usual layout a frame lends the segment into which the server writes. Where the server
+/// announces changes, an unchanged screen is not fetched again: the frame only has a new time. Once
+/// the server is gone, `capture_frame` returns 1.
 class X11Capture final : public ICapture {
   public:
     static constexpr uint32_t kMaxSide = 8192;
 
-    /// `display` is an X display name or empty for `$DISPLAY`; without an authorization Xlib looks
-    /// for one. `cancelled` may be empty and is called from any thread: a second after it returned
-    /// true, nothing waits for a server that hangs.
+    /// An empty `display` is `$DISPLAY`; without an authorization Xlib looks for one. `cancelled`
+    /// may be empty; any thread calls it: once true, a hanging server is waited for a second.
     explicit X11Capture(std::string display, XAuthorization authorization = {},
                         std::function<bool()> cancelled = {});
     ~X11Capture() override;

@@ -13,11 +13,11 @@
 #include <cstring>
 #include <mutex>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "base/clock.h"
 #include "base/environment.h"
+#include "base/thread.h"
 #include "desktop/x_server.h"
 #include "log/log.h"
 
@@ -137,11 +137,9 @@ XConnection::XConnection(Display* display, Cancelled cancelled)
       socket_(::fcntl(XConnectionNumber(display), F_DUPFD_CLOEXEC, 0)) {
     XSetIOErrorExitHandler(display_, mark_lost, &lost_);
     XSelectInput(display_, root(), StructureNotifyMask);
-    try {
-        watchdog_ = std::jthread([this](const std::stop_token& stop) { run_watchdog(stop); });
-    } catch (const std::system_error& error) {
-        OX_WARN("X11Capture: no watch over the X server: %s", error.what());
-    }
+    watchdog_ = start_thread(
+        [this](const std::stop_token& stop) { run_watchdog(stop); },
+        [](const char* why) { OX_WARN("X11Capture: no watch over the X server: %s", why); });
 }
 
 XConnection::~XConnection() {

@@ -25,13 +25,10 @@ struct ScreenSize {
     friend bool operator==(const ScreenSize&, const ScreenSize&) = default;
 };
 
-/// A connection to an X server that survives whatever the server does. Xlib's own handlers end the
-/// process on a refused request and on a lost connection; the first connection replaces them for
-/// the whole process. Used by one thread.
-///
-/// Xlib waits for ever for a server that hangs. A watchdog shuts the connection down once
-/// `cancelled` has been true, or the connection been closing, for a second: the waiting call then
-/// fails, and the connection is lost.
+/// A connection that survives whatever the X server does. Xlib's handlers would end the process on
+/// a refused request or a lost connection; the first connection replaces them for good. Xlib waits
+/// for ever for a hanging server: a watchdog shuts the connection down once `cancelled` has been
+/// true, or it has been closing, for a second. One thread.
 class XConnection {
   public:
     /// May be empty; called on the watchdog's thread.

@@ -9,10 +9,10 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
-#include <system_error>
 #include <utility>
 
 #include "base/clock.h"
+#include "base/thread.h"
 #include "log/log.h"
 
 namespace ox {
@@ -49,14 +49,12 @@ std::unique_ptr<X11DamageWatch> X11DamageWatch::start(std::unique_ptr<XConnectio
     if (trap.failed()) return nullptr;
     std::unique_ptr<X11DamageWatch> watch(new X11DamageWatch(
         std::move(connection), damage, first_event + XDamageNotify, std::move(wake)));
-    try {
-        watch->thread_ =
-            std::jthread([self = watch.get()](const std::stop_token& stop) { self->run(stop); });
-    } catch (const std::system_error& error) {
-        OX_DEBUG("X11Capture: no thread for the watch over changes: %s", error.what());
-        return nullptr;
-    }
-    return watch;
+    watch->thread_ =
+        start_thread([self = watch.get()](const std::stop_token& stop) { self->run(stop); },
+                     [](const char* why) {
+                         OX_DEBUG("X11Capture: no thread for the watch over changes: %s", why);
+                     });
+    return watch->thread_.joinable() ? std::move(watch) : nullptr;
 }
 
 X11DamageWatch::X11DamageWatch(std::unique_ptr<XConnection> connection, Damage damage,

@@ -15,8 +15,7 @@
 
 namespace ox {
 
-/// Receives every change of an X screen's picture (the DAMAGE extension), over a connection and on
-/// a thread of its own, so that the frame loop and its connection never wait.
+/// Changes of an X screen (the DAMAGE extension), on a connection and thread of its own.
 class X11DamageWatch {
   public:
     /// Watches the screen behind `connection`. Null when the server cannot report changes.
@@ -28,8 +27,7 @@ class X11DamageWatch {
     /// When the screen changed; of several changes within 4 ms only the first.
     [[nodiscard]] ChangeTimes& changes() { return changes_; }
 
-    /// The number of changes announced; counts an announcement that has arrived but that the thread
-    /// has not handled yet.
+    /// Includes an announcement that the thread has not handled yet.
     [[nodiscard]] uint64_t announced() const;
 
     /// Makes the server, without waiting for it, announce the next change. Called before a grab

@@ -12,8 +12,7 @@
 
 namespace ox {
 
-/// Fetches pictures of the whole root window, in one of two ways. Must not outlive its connection;
-/// lent memory may.
+/// Fetches pictures of the root window. Must not outlive its connection; lent memory may.
 class XGrabber {
   public:
     virtual ~XGrabber() = default;
@@ -22,21 +21,18 @@ class XGrabber {
     virtual bool grab() = 0;
     /// The picture, valid until the next `grab`; undefined pixels before the first.
     [[nodiscard]] virtual const XImage& image() const = 0;
-    /// Shares the picture's memory; null where that is impossible. It stays mapped while held, and
-    /// changes with `grab`.
+    /// Null where impossible. Stays mapped while held, and changes with `grab`.
     [[nodiscard]] virtual std::shared_ptr<const uint8_t> lend() const = 0;
     /// The Xlib call behind `grab`, for log lines.
     [[nodiscard]] virtual const char* call_name() const = 0;
 };
 
-/// Grabs into a memory segment shared with the server (MIT-SHM). Null when the server does not
-/// support that or, after a log line, cannot attach the segment.
+/// MIT-SHM. Null when not supported or, after a log line, when the segment cannot be attached.
 std::unique_ptr<XGrabber> make_shm_grabber(XConnection& connection, ScreenSize size);
 
 /// Grabs through the connection (`XGetImage`). Null when the trial grab fails.
 std::unique_ptr<XGrabber> make_plain_grabber(XConnection& connection, ScreenSize size);
 
-/// Reads the pixels of images of one layout.
 class XImageReader {
   public:
     XImageReader() = default;
@@ -45,11 +41,9 @@ class XImageReader {
     /// The image's memory is a BGRA picture without row padding; its fourth bytes are undefined.
     [[nodiscard]] bool is_bgra_picture() const { return is_bgra_picture_; }
 
-    /// Writes the pixels as BGRA, alpha 255, without row padding.
     void read(const XImage& image, uint8_t* out) const;
 
     [[nodiscard]] static const uint8_t* row_of(const XImage& image, uint32_t y);
-    /// Bytes of a row that hold pixels.
     [[nodiscard]] static size_t row_bytes(const XImage& image);
 
   private:

@@ -24,8 +24,7 @@ class X11Pointer {
     /// Handles the announcement of a new picture; ignores other events.
     void on_event(const XEvent& event);
 
-    /// Requests a visible pointer's position without waiting: the reply comes with that to the next
-    /// request.
+    /// Does not wait: the reply comes with that to the next request.
     void request_position();
     /// Reads the position, and the picture if it is new.
     void update();
@@ -34,7 +33,6 @@ class X11Pointer {
     [[nodiscard]] const CursorImage& image() const { return image_; }
     [[nodiscard]] int x() const { return x_; }
     [[nodiscard]] int y() const { return y_; }
-    /// Changes with the pointer's picture and position.
     [[nodiscard]] uint64_t version() const { return version_; }
 
   private:

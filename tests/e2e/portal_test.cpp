@@ -89,9 +89,13 @@ TEST_F(Wayland, AShareThatItsOwnerStopsEndsTheSessionAndALostOneComesBack) {
     }
     EXPECT_TRUE(agent.wait_for_log("Standalone session ended: capture_failed"));
     EXPECT_TRUE(agent.screen().wait_for("! Sharing the screen was stopped on this PC", kPatience));
+    ASSERT_TRUE(Player(agent, kLauncher).receive_frames(10));
+    ASSERT_TRUE(agent.wait_for_log("holding the session"));
+    desktop_->stop_sharing();
+    ASSERT_TRUE(eventually([&] { return agent.log().count("ended: capture_failed") == 2; }));
     Player player(agent, kLauncher);
     ASSERT_TRUE(player.receive_frames(10));
-    EXPECT_EQ(desktop_->portal_report().count("Start"), 2U);
+    EXPECT_EQ(desktop_->portal_report().count("Start"), 3U);
     EXPECT_EQ(desktop_->portal_report().count("restore_token"), 0U) << "the owner was not asked";
     EXPECT_TRUE(agent.screen().wait_for("Resolved: Screen capture failed", kPatience));
 

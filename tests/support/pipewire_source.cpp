@@ -20,6 +20,16 @@ constexpr uint32_t kPixelBytes = 4;
 constexpr int kBuffers = 4;
 constexpr int kPerSecond = 61;
 
+// A macro with casts and a statement expression of its own.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wold-style-cast"
+#pragma GCC diagnostic ignored "-Wpedantic"
+void create_link(pw_core& core, const spa_dict& props) {
+    pw_core_create_object(&core, "link-factory", PW_TYPE_INTERFACE_Link, PW_VERSION_LINK, &props,
+                          0);
+}
+#pragma GCC diagnostic pop
+
 }  // namespace
 
 PipewireSource::PipewireSource(const std::string& socket, ScreenPictures pictures, Setup setup)
@@ -65,6 +75,18 @@ PipewireSource::~PipewireSource() {
     pw_thread_loop_stop(loop_);
     pw_stream_destroy(stream_);
     pw_thread_loop_destroy(loop_);
+}
+
+void PipewireSource::link_to(const char* consumer) {
+    const std::string node = std::to_string(node_);
+    pw_thread_loop_lock(loop_);
+    for (const char* port : {"in_0", "input_1"}) {  // of PipeWire 0.3 and 1
+        const spa_dict_item ends[] = {{PW_KEY_LINK_OUTPUT_NODE, node.c_str()},
+                                      {PW_KEY_LINK_INPUT_NODE, consumer},
+                                      {PW_KEY_LINK_INPUT_PORT, port}};
+        create_link(*pw_stream_get_core(stream_), {0, std::size(ends), ends});
+    }
+    pw_thread_loop_unlock(loop_);
 }
 
 /// As compositors do: the picture's size, no fixed rate.

@@ -38,6 +38,8 @@ class PipewireSource {
     [[nodiscard]] uint32_t node() const { return node_; }
     /// Whether there is a consumer.
     [[nodiscard]] bool streaming() const { return streaming_; }
+    /// Asks the daemon for a link to the node of this name, as a user's patch bay does.
+    void link_to(const char* consumer);
 
   private:
     void offer_format(bool at_first);

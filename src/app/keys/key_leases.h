@@ -12,20 +12,16 @@
 
 namespace ox {
 
-/// The numbers under which one session seals.
 struct StreamNumbers {
     PacketNumbers video{0, 0};
     PacketNumbers audio{0, 0};  ///< each of its ranges begins at a multiple of four
 };
 
-/// Gives a key that is used again packet numbers that it has not been used with before: stream keys
-/// are derived from the platform's master key, and a packet number is part of the nonce. Numbers
-/// are leased, and a file records a lease before its first number is used; the next session of the
-/// key, in this process or another one of this user, continues behind the last lease.
-///
-/// A lease lasts for ten minutes at least. A thread extends it when half of it is left, so that no
-/// caller waits for a disk for longer than `await` says. Where nothing can be recorded, a warning
-/// is logged once, and numbers are only kept apart within this process. Called by the main thread.
+/// Gives a key that is used again unused packet numbers, as these are part of the nonce. Numbers
+/// are leased for ten minutes at least; a file records a lease before its first number is used, and
+/// the key's next session, in any process of this user, continues behind it. A thread extends
+/// leases halfway, so that nobody waits for a disk. Where nothing can be recorded, a warning is
+/// logged once and numbers are only kept apart within this process. Called by the main thread.
 class KeyLeases {
   public:
     /// The file lies in `folder`.

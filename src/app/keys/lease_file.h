@@ -9,10 +9,9 @@
 
 namespace ox {
 
-/// The file of a `LeaseTable`: "key-leases" in the agent's state folder, mode 0600. Agents of one
-/// user share it under the lock of "key-leases.lock". Only regular files of this user, in a folder
-/// of this user, are read or written. May block for as long as the disk does; used by one thread at
-/// a time.
+/// The file of a `LeaseTable`, "key-leases" in the agent's state folder (mode 0600), shared by one
+/// user's agents under a lock. Only this user's regular files and folders count. May block as the
+/// disk does; one thread at a time.
 class LeaseFile {
   public:
     explicit LeaseFile(std::string folder) : folder_(std::move(folder)) {}

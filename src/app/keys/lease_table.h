@@ -17,23 +17,18 @@ using KeyId = std::array<uint8_t, 16>;
 /// which is independent of the session's keys.
 KeyId key_id(std::span<const uint8_t> master_key);
 
-/// The end of a key's leased packet numbers: the first frame number and the first audio sequence
-/// number that are certainly unused. 0 to 2^32.
+/// The first frame number and audio sequence number that are certainly unused, 0 to 2^32.
 struct LeaseEnd {
     uint64_t frames = 0;
     uint64_t audio = 0;
     bool operator==(const LeaseEnd&) const = default;
 };
 
-/// The leased packet numbers of the keys that were used last. A plain value.
-///
-/// As text, which is the file's content: "orvex key leases 1", then one line for each key, the last
-/// used one at the bottom (id in hex, end of the frame numbers, end of the audio numbers, check sum
-/// of the line), then "end".
+/// The leases of the keys used last. As text: "orvex key leases 1", then for each key, the last
+/// used one last, a line (id in hex, ends of the frame and audio numbers, check sum), then "end".
 class LeaseTable {
   public:
     static constexpr size_t kMaxKeys = 64;
-    /// No number reaches it.
     static constexpr uint64_t kUsedUp = uint64_t{1} << 32;
 
     /// Sets `damaged` when anything is not as `text` writes it. What can be read is still used; a
@@ -44,8 +39,7 @@ class LeaseTable {
     [[nodiscard]] LeaseEnd end_of(const KeyId& key) const;
     [[nodiscard]] size_t size() const { return entries_.size(); }
 
-    /// Makes `key` the last used one, with its numbers leased up to `end` at least. Beyond
-    /// `kMaxKeys` the least recently used key is dropped.
+    /// Makes `key` the last used one; beyond `kMaxKeys` the least recently used is dropped.
     void raise(const KeyId& key, const LeaseEnd& end);
     /// Adds the leases of `other`. The order of the keys in both stays.
     void merge(const LeaseTable& other);

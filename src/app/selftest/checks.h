@@ -13,10 +13,8 @@
 
 namespace ox::selftest {
 
-/// Prints and counts one result.
 void check(bool passed, const char* description);
 
-/// Prints something about what was checked.
 void note(const char* label, const std::string& value);
 
 struct Group {
@@ -24,8 +22,7 @@ struct Group {
     void (*run)();
 };
 
-/// Runs the groups in order between title and result. `init_crypto` below 0 ends the run before the
-/// first group. Returns the exit status: 0 when every check passed, else 1.
+/// A negative `init_crypto` ends the run before the first group. Returns 0 when all passed, else 1.
 int run_groups(int (*init_crypto)(), std::span<const Group> groups);
 
 // The groups. Where the set-up fails, the checks that need it fail too.
@@ -46,7 +43,6 @@ Key test_key(uint8_t seed);
 /// A frame of five packets, the last of them for repair, when it is a keyframe or there is a ratio.
 std::vector<OutgoingPacket> packetize_test_frame(bool keyframe, float repair_ratio);
 
-/// Empty when the sealing fails.
 Bytes seal_packet(const Encryption& encryption, const PacketHeader& header,
                   std::span<const uint8_t> plain);
 std::optional<Bytes> open_packet(const Key& key, const PacketHeader& header,

@@ -2,10 +2,9 @@
 
 namespace ox {
 
-/// Checks, without a network, a display or a launcher, the formats and codec settings that the
-/// agent shares with the launcher, and prints each result to standard output. Returns 0 when every
-/// check passed, else 1. Changes and restores environment variables, so there must be no other
-/// thread.
+/// Checks the formats and codec settings shared with the launcher, without network, display or
+/// launcher, and prints the results. Returns 0 when all passed, else 1. Changes environment
+/// variables: no other thread may exist.
 int run_selftest();
 
 }  // namespace ox

@@ -9,8 +9,7 @@
 
 namespace ox {
 
-/// The desktop that a session is to show: what the command line or the environment names, else,
-/// with automatic capture, what is found now (logged), else none. `cancelled` ends the search.
+/// What the command line or the environment names; with automatic capture, what is found now.
 Desktop desktop_for(const Options& options, const std::function<bool()>& cancelled);
 
 struct SelectedCapture {
@@ -18,9 +17,8 @@ struct SelectedCapture {
     bool not_approved = false;          ///< it replaces a screen that the owner has not approved
 };
 
-/// Makes and initialises the requested capture, or a fallback: for `Auto` the synthetic picture
-/// (with the board's alert), for `Portal` X11 and then the synthetic picture. Null, after an error
-/// line and the alert, when nothing works; null without either once cancelled.
+/// The requested capture or, after an alert, a fallback: `Auto` the synthetic picture, `Portal` X11
+/// and then that. Null, after an error line and the alert, when nothing works, or once cancelled.
 SelectedCapture select_capture(const CaptureRequest& request);
 
 }  // namespace ox

@@ -11,9 +11,8 @@
 
 namespace ox {
 
-/// What the launcher reports of its reception, through feedback packets (input thread) and the
-/// control channel (its reader thread). Any thread may call but for `keyframes`, which has rules of
-/// its own.
+/// The launcher's view of its reception, by feedback packets and the control channel. Any thread
+/// may call but for `keyframes`, which has rules of its own.
 class FeedbackHandler {
   public:
     using TimePoint = SteadyClock::time_point;

@@ -10,19 +10,16 @@
 namespace ox {
 
 /// Finds the phase of the frame deadlines with the shortest wait from a picture's change to its
-/// capture. A screen has a clock of its own; without alignment every picture of a session may wait
-/// for up to one frame interval. Pure.
+/// capture; without it every picture may wait for one frame interval. Pure.
 class FramePhase {
   public:
-    /// `fps` is at least 1.
     explicit FramePhase(uint32_t fps);
 
     /// The picture changed at this time. In ascending order.
     void changed(SteadyClock::time_point at);
 
-    /// How far to move the schedule whose next deadline is `deadline`: at most 1/128 of an interval
-    /// either way, so that the rate stays within 0.8 % of the negotiated one. Zero when the last
-    /// second has too few changes, when they drift faster than that, or when no phase is better.
+    /// How far to move the schedule: at most 1/128 of an interval, so that the rate stays within
+    /// 0.8 %. Zero with too few changes in the last second, faster drift, or no better phase.
     [[nodiscard]] std::chrono::nanoseconds step(SteadyClock::time_point deadline);
 
   private:

@@ -10,26 +10,23 @@
 
 namespace ox {
 
-/// How long after a keyframe a request is taken to be answered by it: the round trip plus 150 ms,
-/// or 250 ms while the round trip is unknown (not within 0..1000 ms).
+/// How long after a keyframe requests count as answered by it: the round trip plus 150 ms, or 250
+/// ms for a round trip outside of 0..1000 ms.
 std::chrono::microseconds keyframe_in_flight_window(float rtt_ms);
 
-/// Decides when a frame must be a keyframe. The first request is served at once, later ones at most
-/// once a second; one inside that second waits for its end. Any thread may call `request` and
-/// `answered_in_flight`, everything else belongs to the frame loop.
+/// Serves the first request for a keyframe at once, later ones once a second. Any thread may call
+/// `request` and `answered_in_flight`, all else is the frame loop's.
 class KeyframeRequests {
   public:
     using TimePoint = SteadyClock::time_point;
 
-    /// The launcher wants a keyframe. Dropped (and counted) when one was sent so recently that the
-    /// launcher cannot have seen it yet.
+    /// Dropped (and counted) when the launcher cannot have seen the last keyframe yet.
     void request(TimePoint now, float rtt_ms);
 
     /// Once per frame interval: forces a keyframe for a pending request when the rate limit allows.
     void apply(TimePoint now);
     /// The next frame must be a keyframe, whatever the rate limit. Not counted.
     void force_now() { force_ = true; }
-    /// Whether the frame about to be encoded must be a keyframe.
     bool take_forced() { return std::exchange(force_, false); }
     /// A keyframe left the encoder, for whatever reason: it answers every pending request.
     void sent(TimePoint now);

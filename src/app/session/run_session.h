@@ -23,13 +23,11 @@ struct SessionRequest {
     const std::atomic<bool>* terminate_requested = nullptr;  ///< set when the platform ends it
 };
 
-/// Runs one whole session on the calling thread: waits for a launcher, streams to it, holds the
-/// session through a short outage, tears everything down. Stores the whole seconds of streaming in
-/// `streamed_seconds`. Never throws for an ordinary failure.
+/// Runs a session on the calling thread, short outages of the launcher included.
+/// `streamed_seconds`: whole seconds. Never throws for an ordinary failure.
 SessionEnd run_session(const Options& options, SessionRequest request,
                        std::atomic<unsigned>& streamed_seconds);
 
-/// The ports of a session, as offsets from `port_base`.
 enum class SessionPort : uint16_t {
     launcher_video = 0,
     launcher_audio = 1,

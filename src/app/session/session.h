@@ -30,7 +30,6 @@ class Session {
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    /// Runs the session to its end.
     SessionEnd run(std::atomic<unsigned>& streamed_seconds);
 
   private:

@@ -1,11 +1,11 @@
 #include "app/session/session_capture.h"
 
 #include <algorithm>
-#include <system_error>
 #include <utility>
 
 #include "app/board_reports.h"
 #include "app/session/capture_selection.h"
+#include "base/thread.h"
 #include "log/log.h"
 
 namespace ox {
@@ -27,15 +27,15 @@ CaptureOpening::CaptureOpening(Open open, Cancelled cancelled) {
     auto ended = [abandoned = abandoned_, also = std::move(cancelled)] {
         return abandoned->load() || also();
     };
-    try {
-        thread_ = std::thread([this, open = std::move(open), ended = std::move(ended)] {
+    thread_ = start_thread(
+        [this, open = std::move(open), ended = std::move(ended)] {
             result_ = open(ended);
             done_ = true;
+        },
+        [this](const char* why) {
+            OX_ERROR("Session: cannot open the capture anew: %s", why);
+            done_ = true;
         });
-    } catch (const std::system_error& error) {
-        OX_ERROR("Session: cannot open the capture anew: %s", error.what());
-        done_ = true;
-    }
 }
 
 CaptureOpening::~CaptureOpening() {

@@ -32,27 +32,24 @@ class CaptureOpening {
     CaptureOpening(const CaptureOpening&) = delete;
     CaptureOpening& operator=(const CaptureOpening&) = delete;
 
-    /// The result, once; nothing while the attempt goes on.
     std::optional<Result> take_result();
 
   private:
     std::shared_ptr<std::atomic<bool>> abandoned_ = std::make_shared<std::atomic<bool>>(false);
     std::atomic<bool> done_{false};
     Result result_;  ///< the thread's until `done_`, then the owner's
-    std::thread thread_;
+    std::jthread thread_;
 };
 
-/// The capture of one session: opens it, watches its source, reopens a lost one while the session
-/// goes on, and withholds the player's input while the player cannot see its effect. Owned and used
-/// by the session's thread.
+/// The capture of one session: reopens a lost one, and withholds the player's input while the
+/// player cannot see its effect. Used by the session's thread.
 class SessionCapture {
   public:
     /// `withhold_input` is called from any thread.
     SessionCapture(const Options& options, std::function<void(bool)> withhold_input);
 
-    /// The first opening, with the fallbacks of `select_capture`; blocks. False when nothing works
-    /// or `cancelled`, which is called as long as this object exists, returns true. `width` and
-    /// `height` are those of a synthetic picture.
+    /// With `select_capture`'s fallbacks; blocks. False when nothing works or `cancelled`, called
+    /// as long as this object exists, is true. The size is a synthetic picture's.
     bool open(uint32_t width, uint32_t height, const std::function<bool()>& cancelled);
 
     /// Checks the source; called with every frame and while a launcher is awaited. False when the

@@ -32,8 +32,7 @@ class MediaSocket {
     void reserve() { sender_.reserve(ports_.local); }
     /// Binds (unless reserved), reports the port to the board and listens for the launcher's probe.
     bool open(const std::string& launcher);
-    /// Call before a reconnected launcher gets its keys: accepts one more probe, from `peer_ip` or
-    /// `media_ip`. Does nothing when closed.
+    /// Before a returned launcher gets its keys: accepts one more probe, from either address.
     void expect_return(const std::string& peer_ip, const std::string& media_ip) {
         sender_.expect_return(peer_ip, media_ip, ports_.launcher);
     }
@@ -63,8 +62,7 @@ class SessionVideo : public MediaSocket {
     std::vector<OutgoingPacket> packets_;  ///< reused, so that a frame allocates nothing
 };
 
-/// The sound of a session, which goes on without it after any failure. Does nothing without
-/// --audio.
+/// The sound; without --audio, or after a failure, the session goes on without it.
 class SessionAudio {
   public:
     static constexpr int kSampleRate = 48000;
@@ -84,15 +82,12 @@ class SessionAudio {
     }
     /// `MediaSocket::open`. Logs whether parity is on or ignored.
     void open(const std::string& launcher);
-    /// Starts the stream when the socket is open.
     void start(std::span<const uint8_t> key);
 
-    /// Stops the stream while there is no launcher.
     void pause() { stream_.stop(); }
     void expect_return(const std::string& peer_ip, const std::string& media_ip) {
         socket_.expect_return(peer_ip, media_ip);
     }
-    /// Restarts the stream under `key`.
     void resume(std::span<const uint8_t> key);
     void close();
 

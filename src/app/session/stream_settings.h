@@ -13,12 +13,10 @@ inline constexpr uint32_t kMaxBitrateKbps = 200'000;
 /// The codec of a launcher's number; H.264 for an unknown one.
 VideoCodec negotiated_codec(int32_t requested);
 
-/// Clamps a launcher's request to what can be encoded: 16..4096 pixels (rounded down to even
-/// numbers, which 4:2:0 pictures need), 1..120 frames per second, 200..200000 kbit/s.
+/// Clamped: 16..4096 pixels (even, for 4:2:0), 1..120 frames per second, 200..200000 kbit/s.
 EncoderSettings encoder_settings(const RequestedStream& requested, EncoderBackend backend);
 
-/// The agent's `caps` bits: reference frame invalidation when it is switched on and some encoder of
-/// this build has it.
+/// The `caps` bits: invalidation of references when switched on and some encoder has it.
 uint32_t host_caps(bool media_rfi);
 
 /// The name for the owner: "H.264".

@@ -128,7 +128,6 @@ struct AlertReason {
     CaptureTrouble capture = CaptureTrouble::NoPicture;  ///< Alert::CaptureFailed
 };
 
-/// Everything that the screen can show.
 struct Snapshot {
     bool started = false;
     std::string version;
@@ -153,8 +152,7 @@ struct Snapshot {
     void add_event(Event event);
 };
 
-/// The state that every part of the program reports and the screen shows. Every change goes
-/// through the functions below, which count it and wake the screen.
+/// The state that the program reports and the screen shows. Each change is counted and wakes it.
 class Board {
   public:
     [[nodiscard]] Snapshot snapshot() const OX_EXCLUDES(mutex);
@@ -167,8 +165,7 @@ class Board {
         touch_locked();
     }
 
-    /// Sets an alert; the first time also adds an event. `port` is for PortBusy only, whose newest
-    /// port is kept.
+    /// The first time also adds an event. `port` is for PortBusy only; the newest is kept.
     void raise(Alert alert, uint16_t port) OX_EXCLUDES(mutex);
     /// Sets Alert::CaptureFailed with this cause; the newest one is kept.
     void raise_capture(CaptureTrouble trouble) OX_EXCLUDES(mutex);
@@ -180,19 +177,16 @@ class Board {
     /// Result of creating the input device: 0 clears the alert, an errno sets it.
     void input_device(int error) OX_EXCLUDES(mutex);
 
-    /// Result of opening the control port (`error` is an errno). Counts as a change only when it
-    /// differs from the last one.
+    /// `error` is an errno. Counts as a change only when it differs from the last one.
     void control_port_closed(uint16_t port, int error) OX_EXCLUDES(mutex);
     void control_port_open(uint16_t port) OX_EXCLUDES(mutex);
     [[nodiscard]] ClosedPort closed_port() const OX_EXCLUDES(mutex);
 
-    /// Adds an event and drops the oldest beyond 8.
     void push_locked(EventKind kind, int64_t value) OX_REQUIRES(mutex);
     void push(EventKind kind, int64_t value = 0) OX_EXCLUDES(mutex);
 
-    /// Closes the recorded session, if there is one: adds SessionEnded when it was streaming (or
-    /// `started` says so), else SessionNotStarted. A negative duration is replaced by the time
-    /// since the session entered its state.
+    /// Adds SessionEnded when it was streaming (or `started` says so), else SessionNotStarted. A
+    /// negative duration: since the session entered its state.
     void session_ended(bool started, int64_t duration_s) OX_EXCLUDES(mutex);
 
     /// Counts a change and wakes the screen.
@@ -202,15 +196,13 @@ class Board {
     std::condition_variable changed;  ///< notified on every change
     Snapshot state OX_GUARDED_BY(mutex);
 
-    /// Ends the screen. Atomic, since signal handlers set it; they cannot notify, so the screen
-    /// polls it at least every 100 ms.
+    /// Set by signal handlers, which cannot notify: the screen polls it at least every 100 ms.
     std::atomic<bool> quit{false};
 
   private:
     void raise_locked(Alert alert, uint16_t port) OX_REQUIRES(mutex);
 };
 
-/// The process-wide board, created on first use.
 Board& board();
 
 }  // namespace ox::tui

@@ -12,8 +12,7 @@ enum class Lang : uint8_t { English = 0, Russian = 1 };
 /// The language of `OX_LANG`, `LC_ALL`, `LC_MESSAGES` or `LANG`, whichever is set first.
 Lang os_language();
 
-/// One text in both languages. The Russian ones spell their no-break spaces as \u00A0, to tell them
-/// from ordinary spaces.
+/// Russian texts spell their no-break spaces as \u00A0, to tell them from ordinary ones.
 struct Text {
     const char* english;
     const char* russian;
@@ -30,8 +29,7 @@ std::string clock_text_with_seconds(int64_t time_s);
 std::string duration_words(int64_t seconds, Lang lang);
 /// "7:05" or "1:07:05".
 std::string stopwatch(int64_t seconds);
-/// A non-negative number with a fixed count of decimals and the language's decimal mark; an em
-/// dash for a negative or impossible one.
+/// With the language's decimal mark; an em dash for a negative or impossible value.
 std::string number(double value, int decimals, Lang lang);
 
 }  // namespace ox::tui

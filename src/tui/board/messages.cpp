@@ -171,6 +171,11 @@ std::string alert_text(Alert alert, Lang lang, Host host, uint16_t port,
     return with_port(remedy_for(alert, host, reason).in(lang), port);
 }
 
+std::string address_text(const OwnAddress& own, Lang lang) {
+    return own.ip + Text{", port base ", ", базовый порт "}.in(lang) +
+           std::to_string(own.port_base);
+}
+
 std::string closed_port_text(const ClosedPort& closed, Lang lang) {
     constexpr uint16_t kFirstUnprivilegedPort = 1024;
     Text text{"Port {port} can't be opened, details in the log.",
@@ -186,6 +191,13 @@ std::string closed_port_text(const ClosedPort& closed, Lang lang) {
             "не\u00A0меньше 1024 в\u00A0start-agent."};
     }
     return with_port(text.in(lang), closed.port);
+}
+
+std::string play_text(const OwnAddress& own, Lang lang) {
+    constexpr uint16_t kDefaultPortBase = 47998;  // orvex-play's
+    std::string text =
+        Text{"From another PC: orvex-play ", "С\u00A0другого ПК: orvex-play "}.in(lang) + own.ip;
+    return own.port_base == kDefaultPortBase ? text : text + ":" + std::to_string(own.port_base);
 }
 
 std::string event_text(const Event& event, Lang lang, uint16_t port) {

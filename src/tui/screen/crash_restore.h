@@ -7,9 +7,8 @@
 
 namespace ox::tui {
 
-/// Restores the terminal when a signal is about to end the process: every catchable signal with
-/// that effect gets a handler that restores the terminal and then lets the signal take effect. One
-/// terminal at a time, process-wide. Not for concurrent use; the handlers may run in any thread.
+/// Restores the terminal when a catchable signal is about to end the process, and lets it take
+/// effect. One terminal, process-wide. Not for concurrent use; handlers run in any thread.
 namespace crash_restore {
 
 /// Installs the handlers. On such a signal `bytes` (not copied) are written to `fd` without waiting

@@ -41,7 +41,6 @@ class Line {
 
     Line& add(std::string_view text, Style style = {});
     Line& add(const Line& other);
-    /// Adds spaces up to column `column`.
     Line& pad_to(int column);
 
     /// In terminal columns.
@@ -63,7 +62,6 @@ Line spread(const Line& left, const Line& right, int width, int least_left = 12)
 /// `items` side by side with a separator, in as many lines of `width` columns as it takes.
 std::vector<Line> flow(const std::vector<Line>& items, int width);
 
-/// Size of a terminal.
 struct Size {
     int columns = 0;
     int rows = 0;
@@ -80,8 +78,7 @@ struct Cell {
     bool operator==(const Cell&) const = default;
 };
 
-/// The content of the whole terminal. A frame never contains control characters or anything
-/// outside its edges, whatever the lines hold.
+/// The whole terminal, without control characters or anything outside its edges.
 class Frame {
   public:
     /// Empty. `size` is at least 1x1.

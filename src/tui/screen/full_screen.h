@@ -13,9 +13,8 @@
 
 namespace ox::tui {
 
-/// Shows the board on the whole terminal. Repaints what changed, at most ten times a second, and
-/// once a second for the running clocks. A terminal that does not read misses whole frames, never
-/// parts of one.
+/// The board on the whole terminal, repainted at most ten times a second. A terminal that does not
+/// read misses whole frames.
 class FullScreen final : public Screen {
   public:
     /// Construct and destroy as `TerminalSession` requires.

@@ -12,7 +12,6 @@
 
 namespace ox::tui {
 
-/// The drawing characters of a terminal's font, each one column wide.
 struct Glyphs {
     const char* corners[4];  ///< top left, top right, bottom left, bottom right
     const char* horizontal;
@@ -28,7 +27,6 @@ struct Glyphs {
 extern const Glyphs kFullGlyphs;
 extern const Glyphs kConsoleGlyphs;  ///< the few that every console font has
 
-/// What the layout depends on besides the board.
 struct View {
     Size size{.columns = 80, .rows = 24};
     Lang lang = Lang::English;
@@ -38,9 +36,8 @@ struct View {
     const Glyphs* glyphs = &kFullGlyphs;
 };
 
-/// The board as at most `view.size.rows` lines, none wider than `view.size.columns`. Shows as much
-/// detail as there is room for; link, session and alerts are given up last. Pure except for the
-/// local time zone.
+/// As much detail as `view.size` has room for; link, session and alerts are given up last. Pure
+/// except for the local time zone.
 std::vector<Line> lay_out(const Snapshot& snapshot, const View& view);
 
 }  // namespace ox::tui

@@ -7,20 +7,16 @@
 
 namespace ox::tui {
 
-/// How much of each alert is shown.
 enum class AlertDetail : uint8_t { TitleAndText, Text, Title };
 
-// The parts of the layout except for the session card, each at most `width` columns wide. All texts
-// of `board` must be printable.
+// Each part is at most `width` columns wide. All texts of `board` must be printable.
 
 /// Three lines with the block-letter name; needs about 60 columns.
 std::vector<Line> logo_header(const Snapshot& board, const View& view, int width);
-/// The same facts in one line.
 Line header_line(const Snapshot& board, const View& view, int width);
 /// The platform link and how long it has been in its state.
 Line link_line(const Snapshot& board, const View& view, int width);
-/// All active alerts under a heading; nothing when there are none. `airy` puts empty lines between
-/// those with title and text.
+/// Nothing when there are none. `airy` puts empty lines between those with title and text.
 std::vector<Line> alert_lines(const Snapshot& board, const View& view, int width,
                               AlertDetail detail, bool airy);
 /// The newest `count` events under a heading, the newest first; nothing when there are none.

@@ -10,8 +10,7 @@ namespace ox::tui {
 /// One line per event, or the full screen in one of two palettes.
 enum class ColourMode : uint8_t { Plain, Ansi, TrueColour };
 
-/// The control sequence (ECMA-48 SGR) that sets `style`, whatever was set before. Plain has no
-/// colours, only bold and dim.
+/// ECMA-48 SGR, whatever was set before. Plain has no colours, only bold and dim.
 std::string sgr(Style style, ColourMode mode);
 
 /// The bytes (ECMA-48) that turn `shown` on a terminal into `wanted`, of the same size. Empty when

@@ -81,8 +81,9 @@ void PlainLines::add_identity(const Snapshot& snapshot) {
 
 void PlainLines::add_own_address(const OwnAddress& own, const std::string& now) {
     if (std::exchange(own_address_, own) == own || own.ip.empty()) return;
-    add(now, Text{"Launchers connect to ", "Адрес для\u00A0лаунчера: "}.in(lang_) + own.ip +
-                 Text{", port base ", ", базовый порт "}.in(lang_) + std::to_string(own.port_base));
+    add(now, Text{"Launchers connect to ", "Адрес для\u00A0лаунчера: "}.in(lang_) +
+                 address_text(own, lang_));
+    add(now, play_text(own, lang_));
 }
 
 void PlainLines::add_events(const Snapshot& snapshot) {

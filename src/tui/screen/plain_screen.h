@@ -13,14 +13,12 @@
 
 namespace ox::tui {
 
-/// Describes the board's changes in lines, for a journal: the agent's identity, then each event,
-/// alert and change of state once. Pure: no clock, no output.
+/// The board's changes in lines, for a journal, each once. Pure: no clock, no output.
 class PlainLines {
   public:
     PlainLines(Lang lang, Host host) : lang_(lang), host_(host) {}
 
-    /// What is new in `snapshot` since the last call, oldest first. `now_s` (system clock) dates
-    /// what carries no time of its own. The lines hold no control characters.
+    /// Oldest first. `now_s` (system clock) dates what carries no time. No control characters.
     std::vector<std::string> take_new_lines(const Snapshot& snapshot, int64_t now_s);
 
   private:
@@ -73,7 +71,6 @@ class PlainLines {
 /// Shows the board as scrolling lines of text: for pipes, journals and simple terminals.
 class PlainScreen final : public Screen {
   public:
-    /// Writes to what `fd` refers to.
     PlainScreen(int fd, Lang lang, Host host) : lines_(lang, host), output_(fd) {}
     ~PlainScreen() override;
 

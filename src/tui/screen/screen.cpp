@@ -3,10 +3,9 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <system_error>
-
 #include "base/clock.h"
 #include "base/environment.h"
+#include "base/thread.h"
 #include "log/log.h"
 #include "tui/screen/full_screen.h"
 #include "tui/screen/plain_screen.h"
@@ -35,12 +34,11 @@ void ScreenRunner::start(Lang lang, Board& board, ColourMode mode) {
     } else {
         screen_ = std::make_unique<FullScreen>(STDOUT_FILENO, lang, detect_host(), mode);
     }
-    try {
-        thread_ = std::jthread([this] { run(); });
-    } catch (const std::system_error& error) {
-        OX_WARN("Screen: no thread (%s) - the log tells the story", error.what());
-        screen_.reset();
-    }
+    thread_ = start_thread([this] { run(); },
+                           [this](const char* why) {
+                               OX_WARN("Screen: no thread (%s) - the log tells the story", why);
+                               screen_.reset();
+                           });
 }
 
 void ScreenRunner::stop() {

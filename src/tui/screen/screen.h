@@ -21,16 +21,14 @@ class Screen {
     Screen& operator=(const Screen&) = delete;
     virtual ~Screen() = default;
 
-    /// Shows a board that has changed.
     virtual void paint(const Snapshot& snapshot) = 0;
 
     /// Called about ten times a second while the board does not change.
     virtual void idle() = 0;
 };
 
-/// Owns the thread that shows the board on standard output, as its only writer. It ends when the
-/// board's `quit` is set; the destructor sets it and joins (within about 200 ms, whatever state
-/// standard output is in).
+/// The thread that shows the board, standard output's only writer. Ends with the board's `quit`,
+/// which the destructor sets; joins within about 200 ms.
 class ScreenRunner {
   public:
     ScreenRunner() = default;
@@ -38,8 +36,7 @@ class ScreenRunner {
     ScreenRunner(const ScreenRunner&) = delete;
     ScreenRunner& operator=(const ScreenRunner&) = delete;
 
-    /// Starts the thread. Call once, before other threads start; `stop` from the same thread. With
-    /// colours the screen has the terminal to itself until then. `board` must outlive the runner.
+    /// Once, before other threads start; `stop` in the same thread. `board` outlives the runner.
     void start(Lang lang, Board& board, ColourMode mode);
 
     /// Sets `quit`, joins, and shows what was reported after the thread saw it. Idempotent.

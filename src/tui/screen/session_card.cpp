@@ -83,8 +83,13 @@ std::string reachable_text(const OwnAddress& own, Lang lang) {
     return Text{"A launcher can connect to this PC now: ",
                 "Лаунчер может подключиться к\u00A0этому ПК: "}
                .in(lang) +
-           own.ip + Text{", port base ", ", базовый порт "}.in(lang) +
-           std::to_string(own.port_base) + ".";
+           address_text(own, lang) + ".";
+}
+
+// Is this PC waiting for whoever knows its address and the token?
+bool offers_address(const Snapshot& snapshot) {
+    return snapshot.session.state == SessionState::None && snapshot.closed_port.error == 0 &&
+           snapshot.link == LinkState::Standalone && !snapshot.own_address.ip.empty();
 }
 
 // What the owner may want to know or do while nothing is streamed.
@@ -99,7 +104,7 @@ std::string session_hint(const Snapshot& snapshot, Lang lang) {
                    : Text{"Starting the stream.", "Запускаем поток."}.in(lang);
     }
     if (snapshot.closed_port.error != 0) return closed_port_text(snapshot.closed_port, lang);
-    if (snapshot.link == LinkState::Standalone && !snapshot.own_address.ip.empty()) {
+    if (offers_address(snapshot)) {
         return reachable_text(snapshot.own_address, lang);
     }
     return idle_hint(snapshot.link).in(lang);
@@ -222,6 +227,11 @@ class Card {
             body_.emplace_back(line, kDim);
         }
         if (!body_.empty()) body_.back() = spread(body_.back(), player, inner_, 24);
+        if (!offers_address(board_)) return;
+        for (const std::string& line :
+             text::wrap(play_text(board_.own_address, view_.lang), inner_)) {
+            body_.emplace_back(line, kDim);
+        }
     }
 
     void add_hold() {

@@ -6,7 +6,6 @@
 
 namespace ox::tui {
 
-/// How much of the session is shown.
 struct CardPlan {
     bool box = true;      ///< with a frame around
     bool padded = true;   ///< with empty lines inside the frame
@@ -17,8 +16,7 @@ struct CardPlan {
     bool operator==(const CardPlan&) const = default;
 };
 
-/// The session in `width` columns: headline, picture format, measurements; or what it waits for.
-/// All texts of `board` must be printable.
+/// Headline, format, measurements; or what it waits for. All texts of `board` must be printable.
 std::vector<Line> session_card(const Snapshot& board, const View& view, int width,
                                const CardPlan& plan);
 

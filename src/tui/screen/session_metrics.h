@@ -6,13 +6,12 @@
 
 namespace ox::tui {
 
-/// The stream's measurements with their history as graphs, `width` columns wide: bit rate (in
-/// `bit_rate_rows` rows; with more than one, `airy` adds an empty line below), frame rate, round
-/// trip and loss.
+/// The stream's measurements with their history as graphs; more than one row of bit rate may be
+/// followed by an empty line (`airy`).
 std::vector<Line> metric_graphs(const SessionView& session, const View& view, int width,
                                 int bit_rate_rows, bool airy);
 
-/// The same measurements side by side, without graphs.
+/// The same side by side, without graphs.
 std::vector<Line> metric_summary(const SessionView& session, const View& view, int width);
 
 }  // namespace ox::tui

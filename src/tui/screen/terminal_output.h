@@ -8,13 +8,11 @@
 
 namespace ox::tui {
 
-/// Non-blocking, buffered output to a terminal, pipe, socket or file that may be slow, full, broken
-/// or closed. A failed output loses what it was given. Never raises SIGPIPE. Used by one thread at
-/// a time.
+/// Non-blocking, buffered output to anything, however slow or broken; a failed one loses its data.
+/// Never raises SIGPIPE. One thread at a time.
 class TerminalOutput {
   public:
-    /// Opens a descriptor of its own, since other processes may share `fd` and its modes. With a
-    /// closed `fd` everything is dropped.
+    /// Opens its own descriptor, as others may share `fd` and its modes. A closed `fd` drops all.
     explicit TerminalOutput(int fd);
 
     /// Buffers `bytes`, without a limit.
@@ -50,7 +48,6 @@ class LineOutput {
   public:
     explicit LineOutput(int fd) : output_(fd) {}
 
-    /// Buffers `line` and a newline.
     void add(std::string_view line);
     void flush() { output_.flush(); }
     void flush_within(std::chrono::milliseconds limit) { output_.flush_within(limit); }

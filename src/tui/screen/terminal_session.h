@@ -10,13 +10,10 @@
 
 namespace ox::tui {
 
-/// Puts a terminal into full-screen mode for its lifetime: no echo, no line editing, Ctrl+C still a
-/// signal, Ctrl+Z and Ctrl+S without effect (a suspended agent would freeze the player's stream).
-/// Input is discarded. Also arms `crash_restore`. Does nothing when it is not a terminal.
-///
-/// Construct and destroy in the same thread, before other threads start: they inherit the signal
-/// mask that it sets to learn of size changes without a handler, which would interrupt system
-/// calls.
+/// A terminal's full-screen mode: no echo or line editing, input discarded, Ctrl+C a signal, Ctrl+Z
+/// and Ctrl+S without effect (a suspended agent would freeze the stream). Arms `crash_restore`.
+/// Nothing happens without a terminal. Construct before other threads start, destroy in the same
+/// one: they inherit the signal mask by which size changes come without a handler.
 class TerminalSession {
   public:
     explicit TerminalSession(int fd);
@@ -29,8 +26,7 @@ class TerminalSession {
     /// Write last. Also terminates an incomplete sequence.
     static std::string_view leave_bytes();
 
-    /// True when the content may be damaged: the terminal has changed its size, or the process was
-    /// stopped and continued. Sets the modes again where needed.
+    /// Its size has changed, or the process was stopped and continued. Sets the modes again.
     bool was_disturbed();
 
     /// True once a fatal signal has restored the terminal: nothing more may be written to it.

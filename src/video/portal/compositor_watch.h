@@ -5,9 +5,8 @@
 
 namespace ox {
 
-/// A client of the Wayland compositor that shows nothing, but is notified when a monitor is
-/// changed, added or removed, and when the compositor ends. Used by one thread; never waits.
-/// Without a compositor there are no events.
+/// Learns from the Wayland compositor that a monitor is changed, added or removed, or the
+/// compositor ends. Without one there are no events. One thread; never waits.
 class CompositorWatch {
   public:
     enum class Event { None, MonitorChanged, CompositorEnded };
@@ -18,7 +17,6 @@ class CompositorWatch {
     CompositorWatch(const CompositorWatch&) = delete;
     CompositorWatch& operator=(const CompositorWatch&) = delete;
 
-    /// What happened since the last call or the construction.
     Event take_event();
 
   private:

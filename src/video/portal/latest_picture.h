@@ -23,19 +23,15 @@ class LatestPicture {
     [[nodiscard]] uint32_t width() const;
     [[nodiscard]] uint32_t height() const;
 
-    /// Stores a picture of this size: `fill` writes its width x height pixels of 4 bytes, without
-    /// padding, to its argument. May throw std::bad_alloc.
+    /// `fill` writes width x height pixels of 4 bytes without padding. May throw std::bad_alloc.
     void store(uint32_t width, uint32_t height, const std::function<void(uint8_t*)>& fill);
 
-    /// Lends the newest picture to `frame`, with timestamp 0. False, and `frame` unchanged, when
-    /// there is none yet.
+    /// Lends the picture, with timestamp 0. False, and `frame` unchanged, when there is none yet.
     bool get(CapturedFrame& frame) const;
 
-    /// When pictures arrived.
     [[nodiscard]] ChangeTimes& arrivals() { return arrivals_; }
 
-    /// Waits for a picture. False when `deadline` passes or `cancelled`, called every 50 ms,
-    /// returns true.
+    /// False at `deadline`, or once `cancelled`, called every 50 ms, returns true.
     bool wait_for_first(SteadyClock::time_point deadline,
                         const std::function<bool()>& cancelled) const;
 

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <optional>
@@ -23,18 +24,38 @@ using ContextPtr = CHandle<pw_context, pw_context_destroy>;
 using CorePtr = CHandle<pw_core, pw_core_disconnect>;
 using StreamPtr = CHandle<pw_stream, pw_stream_destroy>;
 
-// A macro with casts and a statement expression of its own.
+struct RegistryDeleter {
+    void operator()(pw_registry* registry) const {
+        pw_proxy_destroy(reinterpret_cast<pw_proxy*>(registry));
+    }
+};
+using RegistryPtr = std::unique_ptr<pw_registry, RegistryDeleter>;
+
+// Macros with casts and statement expressions of their own.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wold-style-cast"
 #pragma GCC diagnostic ignored "-Wpedantic"
 void listen_to(pw_core& core, spa_hook& hook, const pw_core_events& events, void* data) {
     pw_core_add_listener(&core, &hook, &events, data);
 }
+void listen_to(pw_registry& registry, spa_hook& hook, const pw_registry_events& events,
+               void* data) {
+    pw_registry_add_listener(&registry, &hook, &events, data);
+}
+pw_registry* registry_of(pw_core& core) {
+    return pw_core_get_registry(&core, PW_VERSION_REGISTRY, 0);
+}
 #pragma GCC diagnostic pop
 
 void init_library() {
     static std::once_flag once;
     std::call_once(once, [] { pw_init(nullptr, nullptr); });
+}
+
+/// The node at one end of a link; PW_ID_ANY if the link does not say.
+uint32_t node_of(const spa_dict& link, const char* end) {
+    uint32_t node = PW_ID_ANY;
+    return spa_atou32(spa_dict_lookup(&link, end), &node, 10) ? node : PW_ID_ANY;
 }
 
 }  // namespace
@@ -47,6 +68,7 @@ struct PipewireStream::Impl {
         // thread.
         pw_thread_loop_lock(loop.get());
         if (stream) spa_hook_remove(&listener);
+        if (registry) spa_hook_remove(&registry_listener);
         if (core) spa_hook_remove(&core_listener);
         pw_thread_loop_unlock(loop.get());
         pw_thread_loop_stop(loop.get());
@@ -55,9 +77,11 @@ struct PipewireStream::Impl {
     Impl& operator=(const Impl&) = delete;
 
     bool connect_core(UniqueFd remote);
+    bool watch_links();
     bool connect_stream(uint32_t node);
 
     // On the PipeWire thread.
+    void link_made(const spa_dict& link);
     void state_changed(pw_stream_state state, const char* error);
     void format_changed(const spa_pod* format);
     void process();
@@ -66,6 +90,7 @@ struct PipewireStream::Impl {
 
     static const pw_stream_events kEvents;
     static const pw_core_events kCoreEvents;
+    static const pw_registry_events kRegistryEvents;
 
     LatestPicture& pictures;
     std::atomic<bool> ended{false};
@@ -76,12 +101,16 @@ struct PipewireStream::Impl {
     // For the PipeWire thread only.
     portal::PictureFormat format;
     bool had_picture = false;
+    bool foreign = false;  ///< linked to another node
 
+    uint32_t screen_node = PW_ID_ANY;  ///< set before the thread starts
     spa_hook listener{};
     spa_hook core_listener{};
+    spa_hook registry_listener{};
     LoopPtr loop;
     ContextPtr context;
     CorePtr core;
+    RegistryPtr registry;
     StreamPtr stream;
 };
 
@@ -113,6 +142,18 @@ const pw_core_events PipewireStream::Impl::kCoreEvents = [] {
     return events;
 }();
 
+const pw_registry_events PipewireStream::Impl::kRegistryEvents = [] {
+    pw_registry_events events{};
+    events.version = PW_VERSION_REGISTRY_EVENTS;
+    events.global = [](void* self, uint32_t /*id*/, uint32_t /*permissions*/, const char* type,
+                       uint32_t /*version*/, const spa_dict* props) {
+        if (props != nullptr && spa_streq(type, PW_TYPE_INTERFACE_Link)) {
+            static_cast<Impl*>(self)->link_made(*props);
+        }
+    };
+    return events;
+}();
+
 bool PipewireStream::Impl::connect_core(UniqueFd remote) {
     init_library();
     loop.reset(pw_thread_loop_new("ox-portal", nullptr));
@@ -135,10 +176,28 @@ bool PipewireStream::Impl::connect_core(UniqueFd remote) {
     return false;
 }
 
+/// The daemon announces a link before the format that its ends agree on. A remote without
+/// permission to see links has it for the screen alone, and is linked to nothing else.
+bool PipewireStream::Impl::watch_links() {
+    registry.reset(registry_of(*core));
+    if (!registry) {
+        OX_ERROR("PortalCapture: no PipeWire registry: %s", std::strerror(errno));
+        return false;
+    }
+    listen_to(*registry, registry_listener, kRegistryEvents, this);
+    return true;
+}
+
 bool PipewireStream::Impl::connect_stream(uint32_t node) {
-    stream.reset(pw_stream_new(core.get(), "orvex-capture",
-                               pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY,
-                                                 "Capture", PW_KEY_MEDIA_ROLE, "Screen", nullptr)));
+    // Session managers otherwise link another source, such as a camera, when the screen does not
+    // exist (dont-fallback), has ended (DONT_RECONNECT) or the user's settings say so (dont-move).
+    constexpr const char* kAlways = "true";
+    screen_node = node;
+    stream.reset(pw_stream_new(
+        core.get(), "orvex-capture",
+        pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture",
+                          PW_KEY_MEDIA_ROLE, "Screen", "node.dont-fallback", kAlways,
+                          "node.dont-move", kAlways, nullptr)));
     if (!stream) {
         OX_ERROR("PortalCapture: pw_stream_connect failed: %d", -errno);
         return false;
@@ -146,8 +205,6 @@ bool PipewireStream::Impl::connect_stream(uint32_t node) {
     pw_stream_add_listener(stream.get(), &listener, &kEvents, this);
     portal::OfferedFormats formats;
     portal::offer_formats(formats);
-    // Without the last flag, the session manager connects the stream to another source, such as a
-    // camera, when the screen's ends.
     constexpr auto kFlags = static_cast<pw_stream_flags>(
         PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_DONT_RECONNECT);
     const int result =
@@ -155,6 +212,19 @@ bool PipewireStream::Impl::connect_stream(uint32_t node) {
                           static_cast<uint32_t>(formats.params.size()));
     if (result < 0) OX_ERROR("PortalCapture: pw_stream_connect failed: %d", result);
     return result >= 0;
+}
+
+/// Whatever made the link: pictures of another node are never shown.
+void PipewireStream::Impl::link_made(const spa_dict& link) {
+    if (foreign || node_of(link, PW_KEY_LINK_INPUT_NODE) != pw_stream_get_node_id(stream.get())) {
+        return;
+    }
+    const uint32_t source = node_of(link, PW_KEY_LINK_OUTPUT_NODE);
+    if (source == screen_node) return;
+    OX_ERROR("PortalCapture: PipeWire linked node %u instead of the screen (node %u) — refused",
+             source, screen_node);
+    foreign = true;
+    pw_stream_disconnect(stream.get());
 }
 
 void PipewireStream::Impl::state_changed(pw_stream_state state, const char* error) {
@@ -186,6 +256,7 @@ void PipewireStream::Impl::format_changed(const spa_pod* param) {
 /// Stores the newest picture. Buffers may come without one, and then no other follows while the
 /// desktop is still.
 void PipewireStream::Impl::process() {
+    if (foreign) return;
     pw_buffer* newest = nullptr;
     std::optional<portal::MappedPicture> picture;
     while (pw_buffer* next = pw_stream_dequeue_buffer(stream.get())) {
@@ -223,7 +294,10 @@ PipewireStream::PipewireStream(LatestPicture& pictures) : impl_(std::make_unique
 PipewireStream::~PipewireStream() = default;
 
 bool PipewireStream::start(UniqueFd remote, uint32_t node) {
-    if (!impl_->connect_core(std::move(remote)) || !impl_->connect_stream(node)) return false;
+    if (!impl_->connect_core(std::move(remote)) || !impl_->watch_links() ||
+        !impl_->connect_stream(node)) {
+        return false;
+    }
     if (pw_thread_loop_start(impl_->loop.get()) < 0) {
         OX_ERROR("PortalCapture: pw_thread_loop_start failed");
         return false;

@@ -10,13 +10,11 @@
 
 namespace ox {
 
-/// The PipeWire end of a screen share: PipeWire's thread stores each picture of one node, upright
-/// and as B, G, R and a fourth byte, in a `LatestPicture`. The thread runs from a successful
-/// `start` to the destruction. No other node is ever captured: when this one ends, the stream stops
-/// for good and the last picture stays.
+/// A screen share at PipeWire, whose thread stores each picture of one node, upright and as B, G, R
+/// and a fourth byte. No other node is ever captured: when this one ends, or another is linked to
+/// the stream, it stops for good and the last picture stays.
 class PipewireStream {
   public:
-    /// `pictures` outlives the stream.
     explicit PipewireStream(LatestPicture& pictures);
     ~PipewireStream();
     PipewireStream(const PipewireStream&) = delete;

@@ -13,9 +13,8 @@
 
 namespace ox::portal {
 
-/// Matches incoming messages to one portal call: its reply, and the Response signal of the request
-/// that the reply names, in any order. Other requests' signals, and signals of any sender but the
-/// portal that replied, are ignored.
+/// Matches messages to one portal call: its reply, and the Response of the request that this names,
+/// in any order. Those of other requests, and of other senders than the replier, are ignored.
 class PendingRequest {
   public:
     enum class State {
@@ -24,9 +23,8 @@ class PendingRequest {
         Refused,   ///< the call failed or made no request; see `error()`
     };
 
-    /// `serial` is the sent call's, `expected_path` the request's path by its handle token. A
-    /// Response counts there as well as at the path in the reply, which old portals choose
-    /// themselves.
+    /// The sent call's `serial` and its request's path by the handle token. A Response counts there
+    /// as well as at the path in the reply, which old portals choose themselves.
     PendingRequest(uint32_t serial, std::string expected_path)
         : serial_(serial), expected_path_(std::move(expected_path)) {}
 
@@ -52,7 +50,6 @@ class PendingRequest {
     std::string error_;
 };
 
-/// How a call to the portal ended.
 enum class RequestOutcome {
     Answered,  ///< a Response came, whatever its code
     Refused,   ///< the call failed or made no request
@@ -74,27 +71,22 @@ struct RequestResult {
     std::chrono::milliseconds took{};
 };
 
-/// A private connection to the session bus for calls to the desktop portal. Used by one thread;
-/// every wait ends within 50 ms once `cancelled` returns true. When it closes, the portal ends its
-/// sessions, so it has to live as long as the stream.
+/// A private connection to the session bus for the desktop portal. One thread; every wait ends
+/// within 50 ms once `cancelled` is true. Closing it ends the portal's sessions, and so the stream.
 class PortalBus {
   public:
     explicit PortalBus(BusConnection::Cancelled cancelled) : bus_(std::move(cancelled)) {}
 
-    /// Connects to `address`, or to the session bus when it is empty. False, with the reason in
-    /// `error`, on failure.
+    /// Empty `address`: the session bus. False, with the reason in `error`, on failure.
     bool open(const std::string& address, std::string& error);
 
-    /// Sends a call that makes a request with this handle token and waits for the request's
-    /// Response. An abandoned request is closed, so that its dialog disappears.
+    /// Waits for the Response. An abandoned request is closed, so that its dialog disappears.
     RequestResult request(DBusMessage& call, const std::string& token,
                           std::chrono::milliseconds limit, const DelayCallback& on_delay = {});
 
-    /// Sends a call that returns a descriptor and waits for it; none on failure, with the portal's
-    /// reason in `error` if it gave one.
+    /// Waits for a descriptor; on failure none, with the portal's reason in `error` if it gave one.
     UniqueFd request_fd(DBusMessage& call, std::chrono::milliseconds limit, std::string& error);
 
-    /// What happened to a session since the last `take_events`.
     struct SessionEvents {
         bool closed = false;        ///< the portal has closed it
         bool confirmed = false;     ///< the portal has answered `query_session`: it is open

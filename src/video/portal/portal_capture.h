@@ -12,12 +12,9 @@
 
 namespace ox {
 
-/// Pictures of a monitor of a Wayland desktop: requested from the desktop portal over the session
-/// bus, which may show the user an approval dialog, and received through PipeWire. The portal's
-/// token is saved in a file and replaces the dialog the next time; it is deleted when the user
-/// stops the share.
-///
-/// A frame lends the newest picture, without a time, again and again until a new one comes, also
+/// Pictures of a monitor from the desktop portal and PipeWire. The user may be asked to approve; a
+/// saved token replaces the dialog the next time and is deleted when the user stops the share. A
+/// frame lends the newest picture, without a time, also after the share has ended: see `state`.
 /// after the share has ended: see `state`. Its size follows the monitor's.
 class PortalCapture final : public ICapture {
   public:
@@ -37,8 +34,7 @@ class PortalCapture final : public ICapture {
     explicit PortalCapture(Config config);
     ~PortalCapture() override;
 
-    /// Returns with the first picture, or false after an error line. Blocks as long as the limits
-    /// allow.
+    /// Waits for the first picture, up to the limits. False after an error line.
     bool init() override;
     int capture_frame(CapturedFrame& frame) override;
     CaptureState state() override;

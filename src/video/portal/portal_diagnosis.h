@@ -3,7 +3,6 @@
 #include "video/diagnosis.h"
 #include "video/portal/portal_bus.h"
 
-// Causes of the portal's failures and their remedies, for the log.
 namespace ox::portal {
 
 /// No connection to the session bus; the error itself is logged already.
@@ -15,7 +14,6 @@ Diagnosis diagnose(const RequestResult& result);
 /// No connection to PipeWire; `error` is the portal's, if it gave one.
 Diagnosis diagnose_no_pipewire(const std::string& error);
 
-/// Logs a diagnosis that is not empty, as a warning.
 void log_diagnosis(const Diagnosis& diagnosis);
 
 }  // namespace ox::portal

@@ -4,9 +4,8 @@
 
 namespace ox {
 
-/// How long each step to the first picture may take. The defaults give a user time for the approval
-/// dialog. With a saved token there is no dialog, unless the portal does not know it, which shows
-/// only as a missing answer; the first time-out then deletes the token.
+/// How long each step to the first picture may take; a user has time for the dialog. A token spares
+/// it, unless the portal does not know it: then the answer is missing, and the token is deleted.
 struct PortalLimits {
     std::chrono::milliseconds create_session{30'000};
     std::chrono::milliseconds select_sources{60'000};

@@ -32,15 +32,12 @@ DBusMessagePtr make_call(const char* method, const std::string& session, const O
 DBusMessagePtr make_call(const char* method, const std::string& session,
                          const std::string& parent_window, const Options& options);
 
-/// The call that closes a request or session object ("org.freedesktop.portal.Request" or
-/// "....Session"); without a reply.
+/// For "org.freedesktop.portal.Request" or "....Session"; without a reply.
 DBusMessagePtr make_close(const std::string& path, const char* interface);
 
-/// The call that reads a property which every session object has: fails once there is no session at
-/// `path`. Starts no portal.
+/// Reads a property that sessions have: fails once there is none at `path`. Starts no portal.
 DBusMessagePtr make_session_query(const std::string& path);
 
-/// Whether a message is the signal that the session at `path` was closed.
 bool is_session_closed(DBusMessage& message, const std::string& path);
 
 /// Whether a message is the bus's signal that a name has lost its owner, without a successor.
@@ -54,8 +51,7 @@ struct Response {
     std::optional<uint32_t> node;  ///< PipeWire node of the first stream
 };
 
-/// Reads a Response signal; nothing when the message has another signature. Unknown results and
-/// results of an unexpected type are ignored.
+/// Nothing when the signature is another; unknown results and those of another type are ignored.
 std::optional<Response> parse_response(DBusMessage& signal);
 
 /// The object path in a method's reply, or an empty text.

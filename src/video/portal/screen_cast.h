@@ -20,7 +20,6 @@ struct SharedScreen {
     bool by_token = false;  ///< approved by a saved token
 };
 
-/// Why no screen is shared: the user declined or did not answer, or anything else.
 enum class ShareFailure { Declined, Unanswered, Other };
 
 /// One session of the portal's ScreenCast interface. Logs each failure, with a remedy where one is
@@ -39,7 +38,6 @@ class ScreenCast {
     /// the next time; a token that the user did not confirm is deleted. A portal that fails at
     /// once, as after a restart of its compositor, is tried once more.
     std::variant<SharedScreen, ShareFailure> share_monitor();
-    /// Object path of the session; empty when there is none.
     [[nodiscard]] const std::string& session() const { return session_; }
 
   private:

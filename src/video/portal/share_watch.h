@@ -6,11 +6,10 @@
 
 namespace ox::portal {
 
-/// Decides whether a screen share has ended, and whether the PC's owner has stopped it. The portal
-/// does not report that: it closes its session at "Stop" as well as for a rotated monitor, and may
-/// not close it when a program behind it dies. So a share that ends together with such a
-/// disturbance was lost, and so was one whose session the portal still has; every other end was the
-/// owner's. Pure: the time is passed in.
+/// Decides whether a share has ended, and whether the owner stopped it. The portal closes its
+/// session at "Stop" as well as for a rotated monitor, perhaps not when a program behind it dies.
+/// So an end together with such a disturbance, or whose session still exists, is a loss; every
+/// other is the owner's. Pure.
 class ShareWatch {
   public:
     enum class Verdict {
@@ -24,7 +23,6 @@ class ShareWatch {
 
     /// The stream's state, at every poll.
     void stream_state(bool running, Time now);
-    /// The portal has closed the session.
     void session_closed(Time now);
     /// A monitor has changed, or a program that the share depends on has ended.
     void disturbance(Time now) { disturbed_at_ = now; }

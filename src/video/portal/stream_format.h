@@ -9,16 +9,14 @@ struct spa_buffer;
 struct spa_data;
 struct spa_pod;
 
-// The format of PipeWire's pictures: offering and reading it, and reading pictures in it. Nothing
-// here touches a stream.
+// The format of PipeWire's pictures, and pictures in it. Nothing here touches a stream.
 namespace ox::portal {
 
 /// Memory for a parameter object.
 using ParamMemory = std::array<uint8_t, 1024>;
 
-/// The supported formats, best first: raw video in B, G, R and a fourth byte, or else in R, G, B
-/// and a fourth byte, up to 16384 pixels a side, at any frame rate including 0 (pictures on
-/// change).
+/// Best first: raw video of B, G, R or R, G, B and a fourth byte, up to 16384 pixels a side, at any
+/// frame rate including 0 (pictures on change).
 struct OfferedFormats {
     std::array<ParamMemory, 4> memory{};
     std::array<const spa_pod*, 4> params{};
@@ -28,7 +26,6 @@ void offer_formats(OfferedFormats& formats);
 /// The supported buffers: one block of memory that this process can read.
 const spa_pod* buffer_params(ParamMemory& memory);
 
-/// Requests the transformation of each buffer's picture.
 const spa_pod* transform_params(ParamMemory& memory);
 
 struct PictureSize {
@@ -45,7 +42,6 @@ struct PictureFormat {
 /// The negotiated format; nothing when it was not offered.
 std::optional<PictureFormat> parse_format(const spa_pod& param);
 
-/// A picture in a buffer's memory.
 struct MappedPicture {
     const uint8_t* rows = nullptr;
     size_t stride = 0;  ///< bytes from row to row
@@ -58,12 +54,10 @@ std::optional<MappedPicture> picture_in(const spa_data& block, PictureSize size)
 /// Transformation of a buffer's picture (spa_meta_videotransform_value); 0 where not given.
 uint32_t transform_of(const spa_buffer& buffer);
 
-/// Size of a picture after its transformation (spa_meta_videotransform_value) has been undone; an
-/// unknown one counts as none.
+/// With this transformation undone; an unknown one counts as none.
 PictureSize upright_size(PictureSize size, uint32_t transform);
 
-/// Copies a picture of this format to `to`, upright, as B, G, R and a fourth byte, without padding:
-/// `upright_size` pixels of 4 bytes.
+/// Writes `upright_size` pixels of B, G, R and a fourth byte, upright, without padding.
 void copy_upright(const MappedPicture& picture, const PictureFormat& format, uint32_t transform,
                   uint8_t* to);
 

@@ -58,7 +58,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(BitrateTest, StaysWhereAChangeWouldNotHelp) {
     SimulatedSession still({.steps = kSteps, .loss = 0.02}, 10'000);
-    still.need = 0.02;  // also on the way, when the path is slower than the bitrate
+    still.need = 0.02;
+    still.run_until(10);
+    still.extra_delay_us = 100'000;  // the queue of somebody else
+    still.run_until(11.5);
+    still.extra_delay_us = 0;
     still.run_until(60);
     EXPECT_THAT(still.changes, IsEmpty());
 
@@ -72,7 +76,9 @@ TEST(BitrateTest, KeepsTheBitrateOverAHiccup) {
     SimulatedSession session({.steps = {{0, 20'000}}, .loss = 0.02}, 14'000);
     session.run_until(8);
     const uint32_t before = session.target_kbps();
-    session.blocked_until_us = 8'300'000;
+    session.extra_delay_us = 200'000;
+    session.run_until(8.25);
+    session.extra_delay_us = 0;
     session.run_until(12);
     EXPECT_GT(session.target_kbps(), 0.7 * before);
 }

@@ -39,9 +39,8 @@ class SimulatedSession {
 
     double need = 1;  ///< size of the pictures, in shares of the bitrate
     double decode_ms = 5;
-    uint64_t extra_delay_us = 0;    ///< of a longer route
-    uint64_t blocked_until_us = 0;  ///< nothing arrives before
-    play::PathSample sample;        ///< the latest
+    uint64_t extra_delay_us = 0;  ///< of a longer route, or behind other traffic
+    play::PathSample sample;      ///< the latest
     std::vector<Change> changes;
     double longest_stall_s = 0;  ///< between complete pictures, after the first second
     [[nodiscard]] uint32_t target_kbps() const { return controller_.target_kbps(); }
@@ -93,7 +92,7 @@ class SimulatedSession {
         const auto wait = bucket_->take(bytes, at(sender_us_)).sleep;
         sender_us_ += 15 + static_cast<uint64_t>(wait.count());
         if (const auto arrival = path_.pass(sender_us_, bytes)) {
-            on_way_.emplace(std::max(*arrival + extra_delay_us, blocked_until_us), packet);
+            on_way_.emplace(*arrival + extra_delay_us, packet);
         }
     }
 

@@ -134,8 +134,11 @@ TEST(Layout, ShowsAStreamAHoldAndAClosedPort) {
     Snapshot standalone = test::connected_board();
     standalone.link = LinkState::Standalone;
     standalone.own_address = {"10.0.0.9", 48110};
-    expect_shown({"WAITING FOR A LAUNCHER", "this PC now: 10.0.0.9, port base 48110."}, standalone,
-                 view(100, 24));
+    expect_shown({"WAITING FOR A LAUNCHER", "this PC now: 10.0.0.9, port base 48110.",
+                  "From another PC: orvex-play 10.0.0.9:48110"},
+                 standalone, view(100, 24));
+    standalone.closed_port = {48113, EADDRINUSE};
+    EXPECT_THAT(running_text(lay_out(standalone, view(100, 24))), Not(HasSubstr("orvex-play")));
     for (const SessionState state : {SessionState::Preparing, SessionState::Streaming}) {
         expect_shown({"ПОДТВЕРДИТЕ НА\u00A0ЭТОМ ПК", "показе экрана."},
                      with(PictureState::AwaitingOwner, state), russian);

@@ -62,7 +62,8 @@ TEST(PlainLines, SessionOfAStandaloneAgent) {
         [](Snapshot& s) {
             s.own_address = {"10.0.0.9", 47998};
         },
-        {"now Launchers connect to 10.0.0.9, port base 47998"});
+        {"now Launchers connect to 10.0.0.9, port base 47998",
+         "now From another PC: orvex-play 10.0.0.9"});
     journal.expect_after(prepare, {"now Preparing a session"});
     board.session_ended(false, -1);
     journal.expect({"14:03 The session couldn't start, details in the log"});

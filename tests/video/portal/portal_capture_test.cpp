@@ -263,6 +263,22 @@ TEST_F(Portal, UnreadableSourcesGiveNoFrame) {
     EXPECT_FALSE(camera.streaming());
 }
 
+TEST_F(Portal, ALinkToAnotherNodeEndsTheShareAndTheLastPictureStays) {
+    PipewireSource screen(desktop_->pipewire_socket(), moving_pictures(320, 180));
+    PipewireSource camera(desktop_->pipewire_socket(), moving_pictures(320, 180));
+    start_portal(screen.node());
+    const LogCapture log;
+    PortalCapture capture(config());
+    ASSERT_TRUE(capture.init()) << log.text();
+    camera.link_to("ox_portal_test");
+    EXPECT_TRUE(eventually([&] { return capture.state() == CaptureState::Lost; })) << log.text();
+    EXPECT_EQ(log.times("instead of the screen"), 1) << log.text();
+    CapturedFrame frame;
+    EXPECT_EQ(capture.capture_frame(frame), 0);
+    EXPECT_TRUE(SyntheticReference(320, 180).matches(frame));
+    EXPECT_FALSE(screen.streaming() || camera.streaming());
+}
+
 TEST_F(Portal, ARotatedPictureWithRedFirstIsUprightWithItsColours) {
     // Two rows of three pixels, "abc" and "def": lower case as red, upper case as blue.
     const auto picture = [](CapturedFrame& frame) {
