@@ -1,13 +1,17 @@
 // orvex-play's window on one X server, the agent on another.
 
 #include <gtest/gtest.h>
+#include <linux/input.h>
 
 #include <algorithm>
 #include <fstream>
+#include <map>
 
 #include "e2e/agent.h"
 #include "e2e/relay.h"
+#include "launcher/tone_meter.h"
 #include "support/eventually.h"
+#include "support/pulse_daemon.h"
 #include "support/x_painter.h"
 #include "support/xvfb.h"
 
@@ -20,6 +24,8 @@ constexpr uint32_t kWidth = 640;
 constexpr uint32_t kHeight = 480;
 constexpr uint32_t kBlock = 16;
 
+const std::string kFindWindow = "search --sync --onlyvisible --name orvex-play ";
+
 std::string local(uint16_t port_base) {
     return "127.0.0.1:" + std::to_string(port_base);
 }
@@ -27,15 +33,17 @@ std::string local(uint16_t port_base) {
 /// The real program.
 struct Play {
     Play(const std::string& host, const std::string& display,
-         const std::vector<std::string>& more = {}) {
+         const std::vector<std::string>& more = {},
+         const std::vector<std::string>& environment = {}) {
         std::vector<std::string> argv = {OX_PLAY_PATH, host, "--size", "640x480"};
         argv.insert(argv.end(), more.begin(), more.end());
+        std::vector<std::string> all = {display.empty() ? "DISPLAY" : "DISPLAY=" + display,
+                                        "WAYLAND_DISPLAY", "SDL_VIDEODRIVER",
+                                        std::string("ORVEX_TOKEN=") + kToken,
+                                        "XDG_RUNTIME_DIR=" + folder.path().string()};
+        all.insert(all.end(), environment.begin(), environment.end());
         process.emplace(ChildProcess::Options{
-            .argv = argv,
-            .environment = {display.empty() ? "DISPLAY" : "DISPLAY=" + display, "WAYLAND_DISPLAY",
-                            "SDL_VIDEODRIVER", std::string("ORVEX_TOKEN=") + kToken,
-                            "XDG_RUNTIME_DIR=" + folder.path().string()},
-            .stderr_path = folder.file("stderr.txt")});
+            .argv = argv, .environment = all, .stderr_path = folder.file("stderr.txt")});
     }
     ~Play() {
         if (!testing::Test::HasFailure()) return;
@@ -85,9 +93,8 @@ class PlayedDesktop : public testing::Test {
     }
     void use(const std::string& actions) const {
         const std::string command =
-            "DISPLAY=" + target->display() +
-            " timeout 20 xdotool search --sync --onlyvisible --name orvex-play ";
-        EXPECT_EQ(std::system((command + actions + " >/dev/null").c_str()), 0);  // NOLINT
+            "DISPLAY=" + target->display() + " timeout 20 xdotool " + actions;
+        EXPECT_EQ(std::system((command + " >/dev/null 2>&1").c_str()), 0) << actions;  // NOLINT
     }
 
     /// Whether the window shows the picture in its middle, or beside that if `moved`, with black
@@ -162,7 +169,8 @@ TEST_F(PlayedDesktop, IsShownPixelForPixelOrAMessageSaysWhyNot) {
     relay.cut = false;
     expect_shown("unscaled");
     for (const auto& [width, height] : {std::pair{640U, 360U}, {480U, 480U}, {kWidth, kHeight}}) {
-        use("windowmove 0 0 windowsize " + std::to_string(width) + " " + std::to_string(height));
+        use(kFindWindow + "windowmove 0 0 windowsize " + std::to_string(width) + " " +
+            std::to_string(height));
         size = {width, height};
         expect_shown("resized");
     }
@@ -189,6 +197,88 @@ TEST_F(PlayedDesktop, IsShownPixelForPixelOrAMessageSaysWhyNot) {
     agent.expect_prompt_stop();
     expect_message();
     play.expect_end(7, "the PC ended the session");
+}
+
+/// What changed at a stand-in for /dev/uinput: "30:1 " for a key, "r3,-5 " and "w1 ".
+std::string events_of(const std::string& file) {
+    std::ifstream device(file, std::ios::binary);
+    std::string events;
+    std::map<int, int> keys;
+    int dx = 0, dy = 0;
+    input_event event{};
+    while (device.read(static_cast<char*>(static_cast<void*>(&event)), sizeof event)) {
+        if (event.type == EV_REL && event.code == REL_X) dx += event.value;
+        if (event.type == EV_REL && event.code == REL_Y) dy += event.value;
+        if (event.type == EV_KEY && std::exchange(keys[event.code], event.value) == event.value)
+            continue;
+        if (event.type != EV_KEY && (event.type != EV_REL || event.code != REL_WHEEL)) continue;
+        if (dx != 0 || dy != 0) events += "r" + std::to_string(dx) + "," + std::to_string(dy) + " ";
+        dx = dy = 0;
+        events += event.type == EV_REL ? "w" : std::to_string(event.code) + ":";
+        events += std::to_string(event.value) + " ";
+    }
+    return events;
+}
+
+TEST_F(PlayedDesktop, GetsKeysMotionsAndAllReleases) {
+#ifndef OX_FAULT_SHIM
+    GTEST_SKIP() << "nothing can be preloaded under a sanitizer";
+#else
+    paint(1);
+    const TempDir folder;
+    const std::string device = folder.file("uinput");
+    std::ofstream(device).close();
+    Agent agent({.environment = {"DISPLAY=" + source->display(), "LD_PRELOAD=" OX_FAULT_SHIM,
+                                 "OX_UINPUT=" + device},
+                 .capture = "x11",
+                 .input = true});
+    Relay relay(agent.port_base());
+    Play play(local(relay.port_base()), target->display());
+    expect_shown("at first");
+    relay.loss_pct = 5;
+    use("mousemove 320 240 key x " + kFindWindow + "windowfocus --sync");
+    use("click 1");  // captures
+    use("key a key Up mousemove_relative -- 30 -20 click 3 click 4 keydown w keydown shift");
+    use("mousedown 2 sleep 0.2 windowfocus 0");
+    const std::string expected =
+        "30:1 30:0 103:1 103:0 r30,-20 273:1 273:0 w1 17:1 42:1 274:1 17:0 42:0 274:0 ";
+    EXPECT_TRUE(eventually([&] { return events_of(device) == expected; }, kPatience))
+        << events_of(device);
+#endif
+}
+
+TEST(PlayedSound, HasThePitchAndTheLevelOfThePcs) {
+    const auto target = Xvfb::start({});
+    if (!target) GTEST_SKIP() << "no Xvfb on this machine";
+    const PulseDaemon pulse;
+    ASSERT_TRUE(pulse.play_tone("out", 440));
+    Agent agent({.arguments = {"--audio"}, .environment = pulse.environment()});
+    auto environment = PulseDaemon::environment();
+    environment.insert(environment.end(), {"PULSE_SINK=spare", "SDL_AUDIODRIVER=pulseaudio"});
+    const Play play(local(agent.port_base()), target->display(), {}, environment);
+    const TempDir folder;
+    const ChildProcess recorder({.argv = {"parec", "--device=spare.monitor", "--format=s16le",
+                                          "--channels=2", "--rate=48000", "--latency-msec=20"},
+                                 .stdout_path = folder.file("pcm")});
+    std::ifstream file(folder.file("pcm"), std::ios::binary);
+    launcher::ToneMeter meter;
+    std::array<int16_t, 2 * launcher::ToneMeter::kWindow> samples{};
+    int good_windows = 0;  // in a row; of 85 ms
+    const auto sounds_well = [&] {
+        const auto at = file.tellg();
+        if (!file.read(static_cast<char*>(static_cast<void*>(samples.data())), sizeof samples)) {
+            file.clear();
+            file.seekg(at);
+            return false;
+        }
+        meter.add(samples);
+        const auto& heard = meter.latest();
+        const bool good =
+            std::abs(heard.pitch_hz - 440) < 1 && std::abs(heard.level_dbfs + 6.02) < 0.2;
+        good_windows = good ? good_windows + 1 : 0;
+        return good_windows == 24;
+    };
+    EXPECT_TRUE(eventually(sounds_well, 3 * kPatience)) << good_windows;
 }
 
 TEST(PlayFailures, AreOneLineAndAStatusEach) {

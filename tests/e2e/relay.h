@@ -36,6 +36,7 @@ class Relay {
     struct Route {
         UniqueFd near, far;
         bool connection;
+        bool finished = false;  ///< not reset
         sockaddr_in player{};
         socklen_t player_size = sizeof player;
     };
@@ -49,6 +50,7 @@ class Relay {
     }
 
     void step() {
+        down_ = cut;
         std::vector<pollfd> entries{{listener_.get(), POLLIN, 0}};
         for (const Route& route : routes_)
             for (const UniqueFd* fd : {&route.near, &route.far})
@@ -56,8 +58,8 @@ class Relay {
         ::poll(entries.data(), entries.size(), 10);
         std::erase_if(routes_, [&](Route& route) {
             const bool open = pass(route, true) && pass(route, false);
-            if (!route.connection || (open && !cut)) return false;
-            const linger reset{.l_onoff = cut, .l_linger = 0};
+            if (!route.connection || open) return false;
+            const linger reset{.l_onoff = !route.finished, .l_linger = 0};
             for (const UniqueFd* fd : {&route.near, &route.far})
                 ::setsockopt(fd->get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
             return true;
@@ -76,13 +78,14 @@ class Relay {
             const ssize_t got =
                 ::recvfrom(from, bytes.data(), bytes.size(), MSG_DONTWAIT,
                            of_player ? player : nullptr, of_player ? &route.player_size : nullptr);
-            if (got < 0) return errno == EAGAIN;
-            if (got == 0 && route.connection) return false;
+            if (got < 0) return errno == EAGAIN && !down_;
+            route.finished = got == 0 && route.connection;
+            if (route.finished) return false;
             bytes.resize(static_cast<size_t>(got));
             constexpr std::string_view kCodec = "\"codec\":0";
             const size_t codec = other_codec ? bytes.find(kCodec) : std::string::npos;
             if (codec != std::string::npos) bytes[codec + kCodec.size() - 1] = '1';
-            if (cut || (!route.connection && is_lost())) continue;
+            if (down_ || (!route.connection && is_lost())) continue;
             if (of_player)
                 ::send(route.far.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
             else
@@ -106,6 +109,7 @@ class Relay {
     std::vector<Route> routes_;
     std::mt19937 random_{1};
     int burst_ = 0;
+    bool down_ = false;  ///< `cut`, once in a step
     std::jthread thread_;
 };
 
