@@ -20,7 +20,6 @@
 #include "support/child_process.h"
 #include "support/log_file.h"
 #include "support/pipewire_source.h"
-#include "support/screen_pictures.h"
 #include "support/temp_dir.h"
 #include "support/wayland_desktop.h"
 #include "video/portal/portal_capture.h"

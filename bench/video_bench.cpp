@@ -12,7 +12,6 @@
 #include "base/clock.h"
 #include "base/sleep.h"
 #include "log/log.h"
-#include "support/x_painter.h"
 #include "support/xvfb.h"
 #include "video/libav.h"
 #include "video/picture_converter.h"

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -10,17 +11,25 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include "app/host_checks.h"
 #include "app/memory_trim.h"
+#include "app/options.h"
 #include "app/panic_listener.h"
 #include "app/process_flags.h"
 #include "app/selftest/checks.h"
+#include "app/sleep_inhibitor.h"
 #include "base/clock.h"
 #include "support/environment.h"
 #include "support/eventually.h"
-#include "support/port_block.h"
+#include "support/log_capture.h"
 #include "support/sockets.h"
+#include "support/system_bus.h"
 #include "support/temp_dir.h"
 #include "tui/board/messages.h"
 
@@ -84,30 +93,25 @@ TEST(IdleWatch, NoticesMendedFaults) {
     const test::TempDir dir;
     const std::string node = dir.file("uinput");
     const test::PortBlock ports;
-    const auto alert = [] {
-        const tui::Snapshot board = tui::board().snapshot();
-        const bool active = board.alerts.at(static_cast<size_t>(tui::Alert::UinputDenied));
-        return active ? tui::alert_text(tui::Alert::UinputDenied, tui::Lang::English,
-                                        tui::Host::Desktop, 0, board.alert_reason)
-                      : "";
-    };
-    const std::string absent =
-        "Players' mouse and keyboard won't work: there is no /dev/uinput. Run sudo modprobe "
-        "uinput.";
     const Options options;
     IdleWatch watch(options, node);
-    watch.check();
-    EXPECT_EQ(alert(), absent);
+    const auto expect_alert = [&](const std::string& remedy) {
+        watch.check();
+        const tui::Snapshot board = tui::board().snapshot();
+        constexpr auto kAlert = tui::Alert::UinputDenied;
+        const bool raised = board.alerts.at(static_cast<size_t>(kAlert));
+        const std::string text =
+            tui::alert_text(kAlert, tui::Lang::English, tui::Host::Desktop, 0, board.alert_reason);
+        EXPECT_NE((raised ? text : "none").find(remedy), std::string::npos) << text;
+    };
+    expect_alert("sudo modprobe");
     std::ofstream(node).put(' ');
-    watch.check();
-    EXPECT_EQ(alert(), "");
+    expect_alert("none");
     // A session's own failure stays.
     tui::board().input_device(EACCES);
-    watch.check();
-    EXPECT_NE(alert().find("usermod"), std::string::npos);
+    expect_alert("usermod");
     std::filesystem::remove(node);
-    watch.check();
-    EXPECT_EQ(alert(), absent);
+    expect_alert("sudo modprobe");
 
     tui::board().control_port_closed(ports.control(), EADDRINUSE);
     UniqueFd occupier = test::bound_socket(SOCK_STREAM, ports.control());
@@ -156,6 +160,134 @@ TEST(SelftestChecks, OneFailureFailsTheRunButDoesNotEndIt) {
     const std::string output = testing::internal::GetCapturedStdout();
     EXPECT_NE(output.find("[2] b\n  FAIL  the moon is cheese\n[3] c\n"), std::string::npos);
     EXPECT_TRUE(output.ends_with("2 passed, 1 failed\nSELFTEST FAIL\n"));
+}
+
+ParsedCommandLine<Options> parse(const std::string& line, const Options& defaults = {}) {
+    std::istringstream words(line);
+    const std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
+    std::vector<const char*> pointers;
+    for (const std::string& argument : arguments)
+        pointers.push_back(argument.c_str());
+    return parse_command_line(pointers, defaults);
+}
+
+Options options_of(const std::string& line, const Options& defaults = {}) {
+    const auto parsed = parse(line, defaults);
+    EXPECT_EQ(parsed.action, CommandLineAction::Run) << line;
+    return parsed.options;
+}
+
+TEST(Options, EveryValueReachesItsField) {
+    const Options o = options_of(
+        "--saas-url ws://h --token t --token-sha256 ab --display :7 --capture x11 --port-base 5000 "
+        "--encoder vaapi --codec h265 --bitrate 8000 --fps 30 --reconnect-grace 9 --width 1280 "
+        "--height 720 --audio --audio-parity --media-rfi --no-input --selftest");
+    EXPECT_EQ(o.saas_url + o.token + o.token_sha256 + o.display, "ws://htab:7");
+    EXPECT_EQ((std::vector{o.port_base, o.bitrate_kbps, o.fps, o.width, o.height}),
+              (std::vector{5000, 8000, 30, 1280, 720}));
+    EXPECT_EQ(o.reconnect_grace_s, 9U);
+    EXPECT_EQ(o.encoder, EncoderBackend::Vaapi);
+    EXPECT_EQ(o.codec, VideoCodec::Hevc);
+    EXPECT_EQ(o.capture, CaptureBackend::X11);
+    EXPECT_TRUE(o.audio && o.audio_parity && o.media_rfi && o.selftest);
+    EXPECT_FALSE(o.input);
+}
+
+TEST(Options, LaterArgumentsWinAndNumbersAreReadLeniently) {
+    Options on;
+    on.audio_parity = on.media_rfi = true;
+    EXPECT_TRUE(options_of("", on).audio_parity && options_of("", on).media_rfi);
+    const Options o = options_of(
+        "--no-audio-parity --no-media-rfi --audio --no-audio --fps 30 --fps 144fps --port-base abc "
+        "--reconnect-grace -5 --width -3 --encoder nvenc --encoder sw --codec hevc --codec avc",
+        on);
+    EXPECT_FALSE(o.audio_parity || o.media_rfi || o.audio);
+    EXPECT_EQ((std::vector{o.fps, o.port_base, o.width}), (std::vector{144, 0, -3}));
+    EXPECT_EQ(o.reconnect_grace_s, 0U);
+    EXPECT_EQ(options_of("--reconnect-grace 4294967295").reconnect_grace_s, 2147483647U);
+    EXPECT_EQ(o.encoder, EncoderBackend::Software);
+    EXPECT_EQ(o.codec, VideoCodec::H264);
+}
+
+TEST(Options, UnusableCommandLinesNameTheirFault) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"--encoder x265", "unknown encoder 'x265'"},
+        {"--codec H264", "unknown codec 'H264'"},
+        {"--capture X11", "unknown capture mode 'X11'"},
+        // The first fault counts, also before a later --help.
+        {"--codec vp9 --help", "unknown codec 'vp9'"},
+        {"-h,", "unknown argument '-h,' (see --help)"},
+        {"--fps", ""},
+    };
+    for (const auto& [arguments, message] : cases) {
+        EXPECT_EQ(parse(arguments).action, CommandLineAction::Fail);
+        EXPECT_EQ(parse(arguments).error, message);
+    }
+}
+
+TEST(Options, HelpVersionAndLogLevel) {
+    EXPECT_EQ(parse("-v -h --bogus").action, CommandLineAction::ShowHelp);
+    EXPECT_EQ(parse("--version").action, CommandLineAction::ShowVersion);
+    EXPECT_EQ(options_of("").log_level, std::nullopt);
+    EXPECT_EQ(options_of("-v").log_level, LogLevel::DEBUG);
+    EXPECT_EQ(options_of("-v -q").log_level, LogLevel::WARN);
+    EXPECT_EQ(options_of("--quiet").log_level, LogLevel::WARN);
+    EXPECT_EQ(options_of("--token --verbose").token, "--verbose");
+}
+
+using namespace std::chrono_literals;
+
+/// A logind for one lock. Returns the requested kind, and a pipe's end that is closed with the
+/// lock.
+std::pair<std::string, UniqueFd> serve_one_lock(BusConnection& bus) {
+    std::string requested;
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    const UniqueFd lock(ends[1]);
+    bus.read_until(SteadyClock::now() + 10s, [&](DBusMessage& call) {
+        std::array<const char*, 4> words{};  // what, who, why, mode
+        if (dbus_message_is_method_call(&call, "org.freedesktop.login1.Manager", "Inhibit") ==
+                FALSE ||
+            dbus_message_get_args(&call, nullptr, DBUS_TYPE_STRING, &words[0], DBUS_TYPE_STRING,
+                                  &words[1], DBUS_TYPE_STRING, &words[2], DBUS_TYPE_STRING,
+                                  &words[3], DBUS_TYPE_INVALID) == FALSE) {
+            return false;
+        }
+        requested = std::string(words[0]) + " " + words[1] + " " + words[3];
+        const DBusMessagePtr reply(dbus_message_new_method_return(&call));
+        dbus_message_append_args(reply.get(), DBUS_TYPE_UNIX_FD, &ends[1], DBUS_TYPE_INVALID);
+        bus.post(*reply);
+        return true;
+    });
+    return {requested, UniqueFd(ends[0])};
+}
+
+bool is_held(const UniqueFd& watched) {
+    pollfd entry{.fd = watched.get(), .events = POLLIN, .revents = 0};
+    return ::poll(&entry, 1, 0) == 0;
+}
+
+TEST(SleepInhibitor, HoldsTheLockWhileItExists) {
+    test::SystemBus bus("org.freedesktop.login1");
+    auto served = std::async(std::launch::async, [&] { return serve_one_lock(bus.service); });
+    const test::LogCapture log;
+    std::optional<SleepInhibitor> inhibitor(std::in_place);
+    const auto [requested, watched] = served.get();
+    EXPECT_EQ(requested, "sleep:idle orvex-agent block");
+    EXPECT_TRUE(test::eventually([&] {
+        return log.count("INFO", "Session: the PC stays awake until the session ends") == 1;
+    })) << log.text();
+    EXPECT_TRUE(is_held(watched));
+    inhibitor.reset();
+    // The bus may close its own copy a little later.
+    EXPECT_TRUE(test::eventually([&] { return !is_held(watched); }));
+}
+
+TEST(SleepInhibitor, ADeadBusDoesNotDelayTheDestructor) {
+    const test::DeafBus bus;
+    const auto before = SteadyClock::now();
+    { const SleepInhibitor inhibitor; }
+    EXPECT_LT(SteadyClock::now() - before, 1s);
 }
 
 }  // namespace

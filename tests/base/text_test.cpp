@@ -23,11 +23,7 @@ TEST(Text, Width) {
 }
 
 TEST(Text, ClipOnEitherSide) {
-    const struct {
-        std::string_view text;
-        int max;
-        std::string_view right, left;
-    } cases[] = {
+    const std::tuple<std::string_view, int, std::string_view, std::string_view> cases[] = {
         {"Connected to the platform", 10, "Connected…", "… platform"},
         {"abc de", 5, "abc…", "…c de"},
         {"abc", -3, "", ""},

@@ -16,7 +16,7 @@
 
 #include "control/tcp_control_server.h"
 #include "support/log_capture.h"
-#include "support/port_block.h"
+#include "support/sockets.h"
 #include "support/tcp_client.h"
 
 namespace {

@@ -21,15 +21,17 @@ namespace {
 const XAuthorization kOpen{};
 const XAuthorization kCookie{"MIT-MAGIC-COOKIE-1", "biscuit"};
 
+using Names = std::vector<std::string>;
 using Servers = std::map<int, std::map<std::string, XAuthorization>>;  ///< by authority file
 
 /// A machine with these desktops.
 struct Machine final : DesktopSources {
-    std::vector<std::string> manager;
-    std::vector<std::string> wayland;
+    Machine(const Names& names, const Names& displays, const Servers& servers)
+        : manager(names), wayland(displays), x(servers) {}
+    Names manager, wayland;
     Servers x;
 
-    std::vector<std::string> manager_environment() override { return manager; }
+    Names manager_environment() override { return manager; }
     std::vector<int> x_displays() override {
         std::vector<int> numbers;
         for (const auto& [number, keys] : x)
@@ -40,14 +42,13 @@ struct Machine final : DesktopSources {
         if (!x.contains(x_display) || !x[x_display].contains(file)) return std::nullopt;
         return XAccess{.authorization = x[x_display][file]};
     }
-    std::vector<std::string> wayland_displays() override { return wayland; }
+    Names wayland_displays() override { return wayland; }
     bool wayland_answers(const std::string& display) override {
         return std::find(wayland.begin(), wayland.end(), display) != wayland.end();
     }
 };
 
 TEST(FindDesktop, PicksWhatExistsAndIgnoresLeftOvers) {
-    using Names = std::vector<std::string>;
     const Names x_session{"LANG=C", "DISPLAY=:0", "XAUTHORITY=/auth"};
     const Names wayland_session{"DISPLAY=:0", "WAYLAND_DISPLAY=wayland-0",
                                 "XDG_SESSION_TYPE=wayland"};
@@ -58,8 +59,7 @@ TEST(FindDesktop, PicksWhatExistsAndIgnoresLeftOvers) {
     const struct {
         const char* name;
         Desktop known;
-        std::vector<std::string> manager;
-        std::vector<std::string> wayland;
+        Names manager, wayland;
         Servers x;
         const char* found;
         XAuthorization key = kOpen;
@@ -79,15 +79,12 @@ TEST(FindDesktop, PicksWhatExistsAndIgnoresLeftOvers) {
         {"a remote login", {.session_type = "tty"}, {}, {"wayland-1"}, {}, "Wayland wayland-1"},
         {"display given", {.display = ":9"}, wayland_session, {"wayland-0"}, open, "X11 :9"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Machine machine;
-        machine.manager = c.manager;
-        machine.wayland = c.wayland;
-        machine.x = c.x;
-        const Desktop found = find_desktop(c.known, machine);
-        EXPECT_EQ(describe(found), c.found);
-        EXPECT_EQ(found.x_access.authorization, c.key);
+    for (const auto& [name, known, manager, wayland, x, found, key] : cases) {
+        SCOPED_TRACE(name);
+        Machine machine(manager, wayland, x);
+        const Desktop desktop = find_desktop(known, machine);
+        EXPECT_EQ(describe(desktop), found);
+        EXPECT_EQ(desktop.x_access.authorization, key);
     }
 }
 
@@ -100,28 +97,17 @@ TEST(LocalDisplayNumber, IsThatOfADisplayOfThisMachine) {
         EXPECT_EQ(local_display_number(other), std::nullopt) << other;
 }
 
-// Four counted strings after a family, all numbers big-endian (Xauthority files, xauth(1)).
-std::string entry(uint16_t family, const std::string& host, const std::string& number,
-                  const std::string& scheme, const std::string& data) {
-    const auto number16 = [](size_t value) {
-        return std::string{static_cast<char>(value >> 8), static_cast<char>(value & 0xFF)};
-    };
-    std::string bytes = number16(family);
-    for (const auto& text : {host, number, scheme, data})
-        bytes += number16(text.size()) + text;
-    return bytes;
-}
-
 TEST(XCookies, AreThoseOfTheDisplayWhateverTheHostName) {
     constexpr uint16_t kLocal = 256;
     constexpr uint16_t kWild = 65535;
     constexpr uint16_t kInternet = 0;
     const std::string scheme = "MIT-MAGIC-COOKIE-1";
-    const std::string file = entry(kInternet, "\x7f", "7", scheme, "remote") +
-                             entry(kLocal, "old-name", "7", scheme, std::string("ol\0d", 4)) +
-                             entry(kLocal, "name", "8", scheme, "other display") +
-                             entry(kLocal, "name", "7", "XDM-AUTHORIZATION-1", "other scheme") +
-                             entry(kWild, "", "", scheme, "any");
+    const std::string file =
+        test::x_authority_entry(kInternet, "\x7f", "7", scheme, "remote") +
+        test::x_authority_entry(kLocal, "old-name", "7", scheme, std::string("ol\0d", 4)) +
+        test::x_authority_entry(kLocal, "name", "8", scheme, "other display") +
+        test::x_authority_entry(kLocal, "name", "7", "XDM-AUTHORIZATION-1", "other scheme") +
+        test::x_authority_entry(kWild, "", "", scheme, "any");
     const test::TempDir dir;
     const std::string path = dir.write("Xauthority", file);
     EXPECT_EQ(x_cookies(path, 7),
@@ -155,7 +141,7 @@ TEST(OwnXServer, OfRootIsOneWhoseCookieTheUserHas) {
     const XAuthorization cookie{"MIT-MAGIC-COOKIE-1", std::string(16, '7')};
     const XAuthorization stale{cookie.name, std::string(16, '8')};
     const std::string authority =
-        dir.write("authority", entry(65535, "", "", cookie.name, cookie.data));
+        dir.write("authority", test::x_authority_entry(65535, "", "", cookie.name, cookie.data));
     const auto server = test::Xvfb::start({.arguments = {"-auth", authority}});
     if (!server) GTEST_SKIP() << "no Xvfb on this machine";
     const test::Environment as_its_user("XAUTHORITY", authority);

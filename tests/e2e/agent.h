@@ -8,7 +8,7 @@
 
 #include "support/child_process.h"
 #include "support/log_file.h"
-#include "support/port_block.h"
+#include "support/sockets.h"
 #include "support/temp_dir.h"
 
 namespace ox::test {
@@ -49,8 +49,6 @@ class Agent {
     Agent();
     explicit Agent(const Setup& setup);
     ~Agent();
-    Agent(const Agent&) = delete;
-    Agent& operator=(const Agent&) = delete;
 
     [[nodiscard]] uint16_t port_base() const { return ports_->base(); }
     [[nodiscard]] uint16_t control_port() const { return ports_->control(); }

@@ -41,12 +41,7 @@ Outcome run(std::vector<std::string> arguments) {
 
 TEST(CommandLine, EndsWithItsTextAndStatus) {
     const std::string usage = std::string(kUsageStart) + OX_AGENT_PATH;
-    const struct {
-        std::vector<std::string> arguments;
-        int status;
-        std::string out;  ///< all of it; of the usage, its beginning
-        std::string err;  ///< a part of it
-    } cases[] = {
+    const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
         {{"--version"}, 0, "0.4.448\n", ""},
         {{"--help"}, 0, usage, ""},
         // The owner's settings must not change a result.
@@ -69,10 +64,7 @@ TEST(CommandLine, EndsWithItsTextAndStatus) {
 TEST(CommandLine, AnUnwritableLogDisablesTheScreenOnly) {
     Agent agent({.environment = {"OX_LOG_FILE=/nonexistent/folder/agent.log"}});
     const LogFile terminal(agent.folder_file("stderr.txt"));
-    EXPECT_TRUE(
-        terminal.wait_for("Log file /nonexistent/folder/agent.log cannot be written - "
-                          "logging to the terminal only",
-                          kPatience));
+    EXPECT_TRUE(terminal.wait_for("Log file /nonexistent/folder/agent.log cannot", kPatience));
     EXPECT_TRUE(terminal.wait_for("TcpControlServer: listening on port", kPatience));
     agent.expect_prompt_stop();
 }

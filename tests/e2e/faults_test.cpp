@@ -13,15 +13,9 @@
 namespace ox::test {
 namespace {
 
-struct Fault {
-    const char* call;
-    const char* on;  ///< a kind of descriptor, a thread's name, or "" for any
-    int at;          ///< which of these calls fails; 1 is the first
-    int error;
-    bool ends_session;
-    const char* reported;  ///< in the log or on the screen
-};
-
+// A call, on a kind of descriptor or in a thread of a name ("": any), which of these calls fails (1
+// is the first), its error, whether that ends the session, and what the log or the screen says.
+using Fault = std::tuple<const char*, const char*, int, int, bool, const char*>;
 constexpr Fault kFaults[] = {
     {"socket", "tcp", 1, EMFILE, true, "TcpControlServer: socket() failed: Too many open files"},
     {"socket", "udp", 2, EMFILE, false, "UdpSender: hole-punch probe received"},

@@ -36,11 +36,7 @@ Options options_for(uint16_t port_base) {
 
 /// The contents of a file, read by libavformat and libavcodec.
 struct MediaFile {
-    struct Track {
-        AVCodecID codec = AV_CODEC_ID_NONE;
-        std::vector<int64_t> times_ms;
-    };
-    std::array<Track, 2> tracks;
+    std::array<std::pair<AVCodecID, std::vector<int64_t>>, 2> tracks;  ///< with times in ms
     int pictures = 0;
     AvPtr<AVFrame> last{av_frame_alloc()};
 };
@@ -51,9 +47,9 @@ MediaFile read_file(const std::string& path) {
     if (avformat_open_input(&input, path.c_str(), nullptr, nullptr) < 0) return found;
     avformat_find_stream_info(input, nullptr);
     for (size_t i = 0; i < input->nb_streams; ++i)
-        found.tracks.at(i).codec = input->streams[i]->codecpar->codec_id;
+        found.tracks.at(i).first = input->streams[i]->codecpar->codec_id;
     const AvPtr<AVCodecContext> decoder(
-        avcodec_alloc_context3(avcodec_find_decoder(found.tracks[0].codec)));
+        avcodec_alloc_context3(avcodec_find_decoder(found.tracks[0].first)));
     avcodec_parameters_to_context(decoder.get(), input->streams[0]->codecpar);
     avcodec_open2(decoder.get(), nullptr, nullptr);
     const AvPtr<AVPacket> packet(av_packet_alloc());
@@ -67,9 +63,9 @@ MediaFile read_file(const std::string& path) {
     };
     for (; av_read_frame(input, packet.get()) >= 0; av_packet_unref(packet.get())) {
         const int index = packet->stream_index;
+        const AVRational& base = input->streams[index]->time_base;
         found.tracks.at(static_cast<size_t>(index))
-            .times_ms.push_back(
-                av_rescale_q(packet->pts, input->streams[index]->time_base, {1, 1000}));
+            .second.push_back(av_rescale_q(packet->pts, base, {1, 1000}));
         if (index == 0) decode(packet.get());
     }
     decode(nullptr);
@@ -108,7 +104,7 @@ void expect_the_tone(const Summary& summary, const MediaFile& recording) {
 
 void expect_all_of_a_session(bool lossy) {
     const test::TempDir folder;
-    test::Agent::Setup setup{.environment = {"OX_DEBUG_DROP_PCT=0"}};
+    test::Agent::Setup setup;
     std::optional<test::PulseDaemon> pulse;
     if (lossy) {
         pulse.emplace();

@@ -12,7 +12,6 @@
 #include "launcher/tone_meter.h"
 #include "support/eventually.h"
 #include "support/pulse_daemon.h"
-#include "support/x_painter.h"
 #include "support/xvfb.h"
 
 namespace ox::test {

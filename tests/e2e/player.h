@@ -46,9 +46,8 @@ class Player {
         std::string error;
         const std::string ip = "127.0.0." + std::to_string(setup.host);
         const uint16_t port = setup.media_port == 0 ? agent.port_base() : setup.media_port;
-        if (!media_.open(port, error, ip) || !decoder_.open(launcher::Codec::H264, error)) {
+        if (!media_.open(port, error, ip) || !decoder_.open(launcher::Codec::H264, error))
             throw std::runtime_error(error);
-        }
         const std::string auth = launcher::make_auth_line({.token = kToken,
                                                            .width = setup.width,
                                                            .height = setup.height,

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/port_block.h"
+#include "support/sockets.h"
 
 namespace ox::test {
 

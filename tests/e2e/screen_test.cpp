@@ -6,7 +6,6 @@
 
 #include "e2e/agent.h"
 #include "support/eventually.h"
-#include "support/pseudo_terminal.h"
 #include "support/terminal_model.h"
 
 namespace ox::test {

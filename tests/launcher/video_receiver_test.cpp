@@ -15,6 +15,7 @@ constexpr std::array<uint8_t, 32> kKey = {1, 2, 3};
 // A receiver, and the ids of the frames that it delivered.
 struct Fixture {
     explicit Fixture(const VideoReceiver::Config& config = {}) : receiver(kKey, config) {}
+    auto ask(uint64_t later_us = 0) { return receiver.take_keyframe_request(now + later_us); }
 
     /// Three packets of one frame, and parity for a keyframe; one of them may be lost.
     void feed(uint32_t id, bool keyframe, size_t without = SIZE_MAX) {
@@ -50,20 +51,17 @@ TEST(VideoReceiver, WithholdsFramesAfterALossUntilAKeyframe) {
         f.feed(1, false);
         f.feed(2, false, 1);  // no parity on this one: lost
         f.feed(3, false);
-        EXPECT_FALSE(f.receiver.take_keyframe_request(f.now)) << "may still arrive";
+        EXPECT_FALSE(f.ask()) << "may still arrive";
         f.pass_time(300'000);
-        EXPECT_TRUE(f.receiver.take_keyframe_request(f.now));
-        EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 249'999));
-        EXPECT_TRUE(f.receiver.take_keyframe_request(f.now + 250'000))
-            << "the keyframe may be lost";
+        EXPECT_TRUE(f.ask());
+        EXPECT_FALSE(f.ask(249'999));
+        EXPECT_TRUE(f.ask(250'000)) << "the keyframe may be lost";
         f.feed(4, false);
         f.feed(5, true, 2);  // repaired from parity
         f.feed(6, false);
-        EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 900'000));
-        const std::vector<uint32_t> expected = decode_damaged
-                                                   ? std::vector<uint32_t>{0, 1, 3, 4, 5, 6}
-                                                   : std::vector<uint32_t>{0, 1, 5, 6};
-        EXPECT_EQ(f.delivered, expected);
+        EXPECT_FALSE(f.ask(900'000));
+        using Ids = std::vector<uint32_t>;
+        EXPECT_EQ(f.delivered, decode_damaged ? Ids({0, 1, 3, 4, 5, 6}) : Ids({0, 1, 5, 6}));
         EXPECT_EQ(f.receiver.stats().assembly.frames_lost, 1U);
         EXPECT_EQ(f.receiver.stats().assembly.frames_repaired, 1U);
         EXPECT_EQ(f.receiver.stats().keyframe_requests, 2U);
@@ -72,10 +70,10 @@ TEST(VideoReceiver, WithholdsFramesAfterALossUntilAKeyframe) {
 
 TEST(VideoReceiver, RequestsAMissingFirstKeyframe) {
     Fixture f;
-    EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 9'000'000)) << "no media, no request";
+    EXPECT_FALSE(f.ask(9'000'000)) << "no media, no request";
     f.feed(7, false);
-    EXPECT_FALSE(f.receiver.take_keyframe_request(f.now + 249'000));
-    EXPECT_TRUE(f.receiver.take_keyframe_request(f.now + 250'000));
+    EXPECT_FALSE(f.ask(249'000));
+    EXPECT_TRUE(f.ask(250'000));
     f.receiver.on_frame_dropped();
     EXPECT_TRUE(f.delivered.empty());
     EXPECT_EQ(f.receiver.stats().frames_withheld, 1U);
@@ -83,7 +81,6 @@ TEST(VideoReceiver, RequestsAMissingFirstKeyframe) {
 
 TEST(VideoReceiver, NamesTheMissingFrames) {
     Fixture f;
-    const auto ask = [&] { return f.receiver.take_keyframe_request(f.now); };
     for (const uint32_t id : {100U, 101U})
         f.feed(id, id == 100);
     f.pass_time(300'000);
@@ -94,7 +91,7 @@ TEST(VideoReceiver, NamesTheMissingFrames) {
     f.pass_time(300'000);
     // 105 may still be completed.
     for (uint8_t attempt = 0; attempt < 3; ++attempt) {
-        const auto request = ask();
+        const auto request = f.ask();
         ASSERT_TRUE(request && request->lost) << +attempt;
         EXPECT_EQ(request->lost->last_delivered, 101U);
         EXPECT_EQ(request->lost->first_missing, 102U);
@@ -106,12 +103,12 @@ TEST(VideoReceiver, NamesTheMissingFrames) {
             f.pass_time(300'000);
         }
     }
-    const auto plain = ask();
+    const auto plain = f.ask();
     ASSERT_TRUE(plain);
     EXPECT_FALSE(plain->lost) << "an agent accepts three attempts";
     EXPECT_TRUE(f.receiver.stats().awaiting_keyframe);
     f.feed(107, true);
-    EXPECT_FALSE(ask());
+    EXPECT_FALSE(f.ask());
     EXPECT_FALSE(f.receiver.stats().awaiting_keyframe);
 }
 

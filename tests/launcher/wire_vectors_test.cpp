@@ -29,21 +29,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-class Document : public test::VectorDocument {
-  public:
-    Document() : VectorDocument(OX_WIRE_DOCUMENT) {}
-
-    Bytes hex(const std::string& name) {
-        const std::string text = line(name);
-        Bytes bytes(text.size());
-        size_t size = 0;
-        EXPECT_EQ(sodium_hex2bin(bytes.data(), bytes.size(), text.data(), text.size(), " ", &size,
-                                 nullptr),
-                  0);
-        bytes.resize(size);
-        return bytes;
-    }
-};
+using Document = test::VectorDocument;
 
 Bytes sha256(const Bytes& bytes) {
     Bytes digest(crypto_hash_sha256_BYTES);
@@ -211,26 +197,21 @@ void check_input(Document& doc) {
     const Bytes key = doc.hex("input-key");
     std::vector<InputStep> steps;
     std::string error;
-    ASSERT_TRUE(parse_input_script("press left; move -3 5; release left; down right_ctrl; wheel -2",
-                                   steps, error))
-        << error;
+    constexpr const char* kScript =
+        "press left; move -3 5; release left; down right_ctrl; wheel -2";
+    ASSERT_TRUE(parse_input_script(kScript, steps, error)) << error;
     const InputPacket lost = make_lost_frames_request(
         {.last_delivered = 100, .first_missing = 101, .last_missing = 103, .attempt = 1});
     const InputPacket media = make_media_feedback(
         {.loss_pct = 1.25, .rtt_ms = 18, .decoded_fps = 59.9, .keyframe_wanted = true});
-    const struct {
-        InputPacket packet;
-        uint32_t count;
-        const char* vectors;
-        bool sealed, plain;
-    } cases[] = {{steps.at(1).packet, 0, "input-move", true, true},
-                 {steps.at(3).packet, 65535, "input-key", true, true},
-                 {steps.at(4).packet, 65536, "input-wheel", true, false},
-                 {make_keyframe_request(), 1, "feedback-keyframe", false, true},
-                 {lost, 2, "feedback-lost", true, true},
-                 {media, 3, "feedback-media", false, true}};
-    for (const auto& [packet, count, vectors, sealed, plain] : cases) {
-        const std::string name = vectors;
+    const std::tuple<InputPacket, uint32_t, std::string, bool, bool> cases[] = {
+        {steps.at(1).packet, 0, "input-move", true, true},
+        {steps.at(3).packet, 65535, "input-key", true, true},
+        {steps.at(4).packet, 65536, "input-wheel", true, false},
+        {make_keyframe_request(), 1, "feedback-keyframe", false, true},
+        {lost, 2, "feedback-lost", true, true},
+        {media, 3, "feedback-media", false, true}};
+    for (const auto& [packet, count, name, sealed, plain] : cases) {
         InputSealer sealer{
             std::span(key).first<32>(), {0xa0, 0xa1, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6, 0xa7}, count};
         const auto datagram = sealer.seal(packet).value();
@@ -254,7 +235,7 @@ void check_input(Document& doc) {
 }
 
 TEST(WireVectors, CodeAndDocumentAgree) {
-    Document doc;
+    Document doc(OX_WIRE_DOCUMENT);
     check_keys_and_lines(doc);
     check_probes(doc);
     check_small_frame(doc);

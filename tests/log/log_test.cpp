@@ -14,7 +14,6 @@
 
 #include "log/log_path.h"
 #include "support/environment.h"
-#include "support/redirected_fd.h"
 #include "support/temp_dir.h"
 
 namespace ox {
@@ -28,8 +27,7 @@ using ::testing::MatchesRegex;
 constexpr int64_t kLimit = 10 * 1024 * 1024;
 
 // Each test logs to files of its own, the console off.
-class Log : public ::testing::Test {
-  protected:
+struct Log : ::testing::Test {
     void SetUp() override { open(path_); }
     void TearDown() override {
         close();
@@ -86,9 +84,8 @@ TEST_F(Log, FileIsRotatedBeyondTheLimitAndFourGenerationsAreKept) {
         log_sinks().bytes = kLimit + 1;
         OX_INFO("generation %d", generation);
     }
-    for (int slot = 0; slot <= 3; ++slot) {
+    for (int slot = 0; slot <= 3; ++slot)
         EXPECT_THAT(text(slot), EndsWith("generation " + std::to_string(5 - slot) + "\n"));
-    }
     EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), {}), 4);
 }
 
@@ -159,22 +156,19 @@ TEST_F(Log, LinesOfManyThreadsStayWholeAcrossRotations) {
 TEST(LogPath, StateFolderFollowsTheEnvironmentAndIsPrivate) {
     const test::TempDir dir;
     const std::string base = dir.path().string();
-    const struct {
-        std::optional<std::string> state, home;
-        std::string folder;
-    } cases[] = {{base + "/state", base + "/unused", base + "/state"},
-                 {"relative", base, base + "/.local/state"},
-                 {std::nullopt, base, base + "/.local/state"},
-                 {std::nullopt, std::nullopt, "/tmp"}};
+    const std::tuple<std::optional<std::string>, std::optional<std::string>, std::string> cases[] =
+        {{base + "/state", base + "/unused", base + "/state"},
+         {"relative", base, base + "/.local/state"},
+         {std::nullopt, base, base + "/.local/state"},
+         {std::nullopt, std::nullopt, "/tmp"}};
     for (const auto& [state_home, home_folder, folder] : cases) {
         const test::Environment state("XDG_STATE_HOME", state_home);
         const test::Environment home("HOME", home_folder);
         EXPECT_EQ(state_log_path(), folder + "/orvex/agent.log");
         EXPECT_TRUE(fs::is_directory(folder + "/orvex"));
     }
-    for (const char* made : {"/state", "/state/orvex", "/.local", "/.local/state/orvex"}) {
+    for (const char* made : {"/state", "/state/orvex", "/.local", "/.local/state/orvex"})
         EXPECT_EQ(fs::status(base + made).permissions(), fs::perms::owner_all) << made;
-    }
     EXPECT_FALSE(fs::exists(base + "/unused"));
 }
 

@@ -1,44 +1,41 @@
+// The platform's messages and URL; the code against the vectors and the limits of
+// docs/platform-protocol.md, which are read from that file.
+
 #include "saas/platform_messages.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <sstream>
 
+#include "saas/outgoing_messages.h"
 #include "saas/redaction.h"
 #include "saas/saas_config.h"
+#include "saas/saas_connector.h"
+#include "saas/ws_frame.h"
+#include "saas/ws_upgrade.h"
+#include "support/vector_document.h"
 
 namespace ox {
 namespace {
 
-TEST(PlatformMessages, AreCompactWithAscendingKeys) {
-    SaasConfig config;
-    config.agent_version = "9.9";
-    config.system_info = {
-        .cpu_model = "bad \xff byte", .os_version = "os", .gpu_model = "gpu", .ram_mb = 16'000};
-    config.port_base = 47998;
-    config.supported_codecs = {"h264", "hevc"};
-    EXPECT_EQ(register_message(config),
-              R"({"agent_version":"9.9","cpu_model":"bad )"
-              "\xEF\xBF\xBD"
-              R"( byte",)"
-              R"("gpu_model":"gpu","gpu_vram_mb":0,"os_version":"os","port_base":47998,)"
-              R"("ram_mb":16000,"supported_codecs":["h264","hevc"],"type":"register"})");
-    config.max_fps = 60;
-    config.max_resolution = "1920x1080";
-    EXPECT_NE(register_message(config).find(R"("max_fps":60,"max_resolution":"1920x1080")"),
-              std::string::npos);
+using test::VectorDocument;
 
+// The vectors have every message with good values.
+TEST(PlatformMessages, TextAndNumbersThatJsonDoesNotHaveAreReplaced) {
+    SaasConfig config;
+    config.system_info.cpu_model = "bad \xff byte";
+    EXPECT_EQ(register_message(config),
+              R"({"agent_version":"1.0.0","cpu_model":"bad )"
+              "\xEF\xBF\xBD"
+              R"( byte","gpu_model":"","gpu_vram_mb":0,"os_version":"","port_base":0,)"
+              R"("ram_mb":0,"supported_codecs":[],"type":"register"})");
     EXPECT_EQ(
-        heartbeat_message(12.5F, 2048.0),
-        R"({"cpu_pct":12.5,"gpu_pct":0.0,"ram_mb_free":2048.0,"status":"online","type":"heartbeat"})");
-    EXPECT_EQ(
-        session_stats_message("s", {.fps = 60.0F,
-                                    .bitrate_kbps = NAN,
-                                    .latency_ms = INFINITY,
-                                    .packet_loss_pct = 0.5F,
-                                    .uptime_sec = 3.0F}),
-        R"({"bitrate_kbps":0.0,"fps":60.0,"latency_ms":0.0,"packet_loss_pct":0.5,"session_id":"s","type":"session_stats","uptime_sec":3.0})");
+        session_stats_message("s", {.fps = 60.0F, .bitrate_kbps = NAN, .latency_ms = INFINITY}),
+        R"({"bitrate_kbps":0.0,"fps":60.0,"latency_ms":0.0,"packet_loss_pct":0.0,)"
+        R"("session_id":"s","type":"session_stats","uptime_sec":0.0})");
 }
 
 template <typename T>
@@ -52,24 +49,25 @@ std::string prepare(const std::string& members) {
     return R"({"type":"prepare_session")" + members + "}";
 }
 
-TEST(PlatformMessages, PrepareSessionFieldsAndDefaults) {
+/// Everything but the key.
+std::string text_of(const PrepareSessionParams& p) {
+    std::ostringstream text;
+    text << p.session_id << "/" << p.client_id << " " << p.session_token_sha256 << " " << p.codec
+         << " " << p.resolution << " " << p.fps << " " << p.bitrate_kbps << " "
+         << p.max_duration_sec << " " << p.hide_desktop << p.launch_steam << p.steam_app_id;
+    return text.str();
+}
+
+// The vectors have every field.
+TEST(PlatformMessages, PrepareSessionIgnoresWhatItCannotUse) {
     for (const auto& [members, text] : {
-             std::pair{"", "h264 1920x1080 60 15000 3600"},
-             {R"(,"constraints":[1],"session_isolation":3,"session_id":null)",
-              "h264 1920x1080 60 15000 3600"},
-             {R"(,"session_id":"s1","session_token_sha256":"ab","max_duration_sec":60,
-                 "constraints":{"codec":"hevc","resolution":"1x2","max_fps":30,"bitrate_kbps":9})",
-              "s1abhevc 1x2 30 9 60"},
+             std::pair{R"(,"constraints":[1],"session_isolation":3,"session_id":null)",
+                       "/  h264 1920x1080 60 15000 3600 00"},
              // Integers are truncated to 32 bits, floats are clamped.
-             {R"(,"max_duration_sec":1099511627777)", "h264 1920x1080 60 15000 1"},
-             {R"(,"max_duration_sec":-1e300)", "h264 1920x1080 60 15000 0"},
-         }) {
-        const auto p = parsed<PrepareSessionParams>(prepare(members));
-        std::ostringstream got;
-        got << p.session_id << p.session_token_sha256 << p.codec << " " << p.resolution << " "
-            << p.fps << " " << p.bitrate_kbps << " " << p.max_duration_sec;
-        EXPECT_EQ(got.str(), text);
-    }
+             {R"(,"max_duration_sec":1099511627777)", "/  h264 1920x1080 60 15000 1 00"},
+             {R"(,"max_duration_sec":-1e300)", "/  h264 1920x1080 60 15000 0 00"},
+         })
+        EXPECT_EQ(text_of(parsed<PrepareSessionParams>(prepare(members))), text);
     for (const std::string key : {"AAECAw", "AAEC Aw==", "AAE-", "AAECAw==x", "===="}) {
         const auto message = prepare(R"(,"encryption_key":")" + key + "\"");
         EXPECT_EQ(parsed<PrepareSessionParams>(message).encryption_key.size(), 0U);
@@ -146,6 +144,82 @@ TEST(PlatformUrl, IsSplitAndChecked) {
             text << std::get<std::string>(result);
         EXPECT_EQ(text.str(), expected) << url;
     }
+}
+
+void check_outgoing(VectorDocument& doc) {
+    EXPECT_EQ(ws_build_handshake("backend.example",
+                                 "dGhlIHNhbXBsZSBub25jZQ==", "the token\n of this PC\r\n"),
+              doc.block("upgrade-request", "\r\n"));
+    SaasConfig config;
+    config.agent_version = "0.4.448";
+    config.system_info = {.cpu_model = "Example CPU with 8 cores",
+                          .os_version = "Debian GNU/Linux 12 (bookworm)",
+                          .gpu_model = "Example GPU",
+                          .ram_mb = 32'000};
+    config.port_base = 47998;
+    config.max_fps = 60;
+    config.max_resolution = "1920x1080";
+    config.supported_codecs = {"h264", "hevc"};
+    EXPECT_EQ(register_message(config), doc.line("register"));
+    EXPECT_EQ(heartbeat_message(12.5F, 20'480.5), doc.line("heartbeat"));
+    EXPECT_EQ(pong_message(), doc.line("pong"));
+    EXPECT_EQ(session_ready_message("s-1", "0.0.0.0", 47998, 47999, 48000),
+              doc.line("session-ready"));
+    EXPECT_EQ(session_stats_message("s-1", {59.5F, 15'000.0F, 18.0F, 0.25F, 10.0F}),
+              doc.line("session-stats"));
+    EXPECT_EQ(session_ended_message("s-1", "saas_terminated", 3600), doc.line("session-ended"));
+    EXPECT_EQ(error_message("capture_failed", "no display", "s-1"), doc.line("error"));
+    EXPECT_EQ(error_message("internal", "no more threads", ""), doc.line("error-without-session"));
+}
+
+void check_incoming(VectorDocument& doc) {
+    parsed<BackendPing>(doc.line("ping"));
+    const auto terminate = parsed<TerminateSession>(doc.line("terminate-session"));
+    EXPECT_EQ(terminate.session_id + "/" + terminate.reason, "s-1/time is up");
+    VectorDocument wire(OX_WIRE_DOCUMENT);  // has the session's key and token
+    std::string token = wire.line("token-sha256");
+    std::erase(token, ' ');
+    for (const auto& [name, text] :
+         {std::pair{"prepare-session",
+                    "s-1/player-7 " + token + " hevc 2560x1440 120 30000 7200 11480"},
+          {"prepare-session-smallest", "s-2/ " + token + " h264 1920x1080 60 15000 3600 00"}}) {
+        const auto params = parsed<PrepareSessionParams>(doc.line(name));
+        EXPECT_EQ(text_of(params), text);
+        EXPECT_EQ(params.encryption_key, wire.hex("master-key"));
+    }
+}
+
+void check_limits(const VectorDocument& doc) {
+    const auto states = [&](const std::string& what, const std::string& limit) {
+        EXPECT_THAT(doc.text(), testing::HasSubstr("\n| " + what + " | " + limit + " |\n"));
+    };
+    const auto states_time = [&](const std::string& what, std::chrono::milliseconds limit) {
+        const auto ms = limit.count();
+        states(what,
+               ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms");
+    };
+    const ConnectorTiming timing;
+    states_time("connecting, for each address", timing.connection.connect);
+    states_time("TLS handshake", timing.connection.tls_handshake);
+    states_time("head of the answer to the upgrade", timing.link.upgrade);
+    states_time("pause within a frame to the agent", timing.link.frame);
+    states_time("backend that reads nothing", timing.connection.write);
+    states_time("period of `heartbeat`", timing.heartbeat);
+    states_time("silence after a `ping`", timing.silence);
+    states_time("first wait before a reconnect", timing.backoff.first);
+    states_time("longest wait before a reconnect", timing.backoff.longest);
+    states_time("wait after close code " + std::to_string(kCloseReplaced), timing.backoff.replaced);
+    states_time("last messages of an agent that is stopped", timing.drain_timeout);
+    states("message to the agent", std::to_string(kMaxWsMessage) + " bytes");
+    states("messages that are sent again", std::to_string(FinalMessageCache::kMaxEntries));
+}
+
+TEST(PlatformVectors, CodeAndDocumentAgree) {
+    VectorDocument doc(OX_PLATFORM_DOCUMENT);
+    check_outgoing(doc);
+    check_incoming(doc);
+    check_limits(doc);
+    doc.expect_all_used();
 }
 
 }  // namespace

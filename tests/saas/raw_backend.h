@@ -39,21 +39,18 @@ class RawPeer : public TcpClient {
 
     /// The next text frame's payload; empty when the agent closes. An invalid frame fails the test.
     std::string read_frame() {
-        const auto byte = [this] {
-            const auto one = take(1, kLimit);
-            return one ? static_cast<uint8_t>(one->front()) : 0U;
+        const auto number = [this](size_t bytes) {
+            size_t value = 0;
+            for (const char byte : take(bytes, kLimit).value_or(""))
+                value = value << 8 | static_cast<uint8_t>(byte);
+            return value;
         };
-        const unsigned first = byte();
-        if (first == 0) return {};
-        const unsigned second = byte();
-        EXPECT_EQ(first, 0x81U) << "not one final text frame";
-        EXPECT_EQ(second & 0x80U, 0x80U) << "a client has to mask";
-        size_t size = second & 0x7FU;
+        const size_t head = number(2);
+        if (head == 0) return {};
+        EXPECT_EQ(head >> 7, 0x81U << 1 | 1U) << "not one final text frame, masked by a client";
+        size_t size = head & 0x7FU;
         EXPECT_LT(size, 127U) << "too long for this test";
-        if (size == 126) {
-            size = byte() * 256U;
-            size += byte();
-        }
+        if (size == 126) size = number(2);
         const auto key = take(4, kLimit);
         std::string payload = take(size, kLimit).value_or("");
         for (size_t i = 0; i < payload.size(); ++i)

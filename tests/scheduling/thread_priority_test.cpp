@@ -48,8 +48,7 @@ struct FakeRealtimeKit {
             const bool is_real_time = method == "MakeThreadRealtime";
             DBusMessagePtr reply(dbus_message_new_method_return(&call));
             if (method == "Get") {
-                DBusMessageIter arguments;
-                DBusMessageIter value;
+                DBusMessageIter arguments, value;
                 const dbus_int64_t number = 200'000;
                 dbus_message_iter_init_append(reply.get(), &arguments);
                 dbus_message_iter_open_container(&arguments, DBUS_TYPE_VARIANT, "x", &value);
@@ -66,9 +65,8 @@ struct FakeRealtimeKit {
                 ::getrlimit(RLIMIT_RTTIME, &limits);
                 EXPECT_TRUE(!is_real_time || limits.rlim_max <= 200'000);
             }
-            if (is_real_time && !grants_real_time) {
+            if (is_real_time && !grants_real_time)
                 reply.reset(dbus_message_new_error(&call, DBUS_ERROR_ACCESS_DENIED, "Not today"));
-            }
             bus.service.post(*reply);
             return requests.size() == count;
         });
@@ -104,10 +102,10 @@ TEST(ThreadPriority, RealtimeKitIsAskedForWhatTheKernelRefuses) {
         auto thread = std::async(std::launch::async, [&] {
             become_ordinary_user();
             const RealTimePriority priority("Test");
-            const auto* outcome = grants ? "Test: real-time thread priority by RealtimeKit"
-                                         : "Test: raised thread priority by RealtimeKit";
-            EXPECT_TRUE(test::eventually([&] { return log.count("DEBUG", outcome) == 1; }))
-                << log.text();
+            const std::string outcome = grants ? "real-time" : "raised";
+            EXPECT_TRUE(test::eventually([&] {
+                return log.times("Test: " + outcome + " thread priority by RealtimeKit") == 1;
+            }));
             return own_thread_id();
         });
         const auto requests = kit.serve(grants ? 1 : 2, grants);
@@ -135,9 +133,8 @@ TEST(ThreadPriority, RealtimeKitIsAskedForAThreadAndItsNewWorkersOnly) {
 }
 
 TEST(ThreadPriority, RaisedPriorityIsNotInheritedAndIsRestored) {
-    if (!std::async(std::launch::async, [] { return raise_thread(own_thread_id()); }).get()) {
+    if (!std::async(std::launch::async, [] { return raise_thread(own_thread_id()); }).get())
         GTEST_SKIP() << "the kernel grants this user no priority";
-    }
     std::jthread([] {
         const int ordinary = nice_of(own_thread_id());
         const std::vector<pid_t> before = threads_of_process();
@@ -164,13 +161,12 @@ TEST(ThreadPriority, AHangingBusDoesNotDelay) {
     std::vector<UniqueFd> clients;
     for (const bool queue_is_full : {false, true}) {
         // Fill the listen queue.
-        while (queue_is_full && (clients.empty() || clients.back())) {
-            clients.push_back(
-                test::unix_socket(bus.path, [](int fd, const sockaddr* at, socklen_t size) {
-                    ::fcntl(fd, F_SETFL, O_NONBLOCK);
-                    return ::connect(fd, at, size);
-                }));
-        }
+        const auto connect_at_once = [](int fd, const sockaddr* at, socklen_t size) {
+            ::fcntl(fd, F_SETFL, O_NONBLOCK);
+            return ::connect(fd, at, size);
+        };
+        while (queue_is_full && (clients.empty() || clients.back()))
+            clients.push_back(test::unix_socket(bus.path, connect_at_once));
         std::jthread([] {
             become_ordinary_user();
             const auto before = SteadyClock::now();
@@ -186,9 +182,8 @@ TEST(ThreadPriority, AHangingBusDoesNotDelay) {
 }
 
 TEST(ThreadPriority, ARealTimeThreadThatNeverWaitsBecomesOrdinary) {
-    if (!std::async(std::launch::async, become_real_time).get()) {
+    if (!std::async(std::launch::async, become_real_time).get())
         GTEST_SKIP() << "the kernel grants this user no real-time priority";
-    }
     // State that a parent may have left.
     struct sigaction handler {};
     ::sigaction(SIGXCPU, nullptr, &handler);

@@ -26,8 +26,6 @@ class ChildProcess {
     /// A missing program ends with status 127. The calling thread must outlive the program: the
     /// kernel kills it with the thread.
     explicit ChildProcess(const Options& options);
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
     ~ChildProcess();
 
     [[nodiscard]] pid_t pid() const noexcept { return pid_; }

@@ -1,8 +1,13 @@
 #pragma once
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <optional>
 #include <string>
+
+#include "base/unique_fd.h"
 
 namespace ox::test {
 
@@ -24,6 +29,20 @@ class Environment {
 
     const char* name_;
     std::optional<std::string> old_;
+};
+
+/// Redirects standard output or error for its own lifetime.
+class RedirectedFd {
+  public:
+    /// With `to` = -1 the descriptor is closed.
+    RedirectedFd(int fd, int to) : fd_(fd), old_(::fcntl(fd, F_DUPFD_CLOEXEC, 3)) {
+        to < 0 ? ::close(fd) : ::dup2(to, fd);
+    }
+    ~RedirectedFd() { ::dup2(old_.get(), fd_); }
+
+  private:
+    int fd_;
+    UniqueFd old_;
 };
 
 }  // namespace ox::test

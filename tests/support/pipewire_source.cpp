@@ -173,10 +173,9 @@ void PipewireSource::fill(spa_data& block) {
         return;
     }
     const size_t row_bytes = size_t{width_} * kPixelBytes;
-    for (uint32_t y = 0; y < height_; ++y) {
+    for (uint32_t y = 0; y < height_; ++y)
         std::memcpy(static_cast<uint8_t*>(block.data) + size_t{y} * stride,
                     picture_.pixels() + y * row_bytes, row_bytes);
-    }
 }
 
 }  // namespace ox::test

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <iomanip>
 #include <map>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -40,6 +42,15 @@ class VectorDocument {
     }
     /// A block's lines as one.
     std::string line(const std::string& name) { return block(name, ""); }
+
+    /// The bytes of a block of hexadecimal numbers.
+    std::vector<uint8_t> hex(const std::string& name) {
+        std::istringstream text(line(name));
+        std::vector<uint8_t> bytes;
+        for (std::string digits; text >> std::setw(2) >> digits;)
+            bytes.push_back(static_cast<uint8_t>(std::stoi(digits, nullptr, 16)));
+        return bytes;
+    }
 
     /// The whole document.
     [[nodiscard]] const std::string& text() const { return text_; }

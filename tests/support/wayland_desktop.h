@@ -1,13 +1,20 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <atomic>
 #include <csignal>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/child_process.h"
 #include "support/log_file.h"
 #include "support/temp_dir.h"
+
+struct wl_display;
+struct wl_resource;
 
 namespace ox::test {
 
@@ -47,6 +54,47 @@ class WaylandDesktop {
     std::unique_ptr<ChildProcess> pipewire_;
     std::unique_ptr<ChildProcess> session_manager_;
     std::unique_ptr<ChildProcess> portal_;
+};
+
+struct WaylandTest : testing::Test {
+    void SetUp() override {
+        desktop_ = WaylandDesktop::start();
+        if (!desktop_) GTEST_SKIP() << "no session bus or PipeWire daemon on this machine";
+    }
+    /// Starts the portal for a source's node, with these behaviours.
+    void start_portal(uint32_t node, std::vector<std::string> behaviours = {}) {
+        behaviours.push_back("node=" + std::to_string(node));
+        ASSERT_TRUE(desktop_->start_portal(behaviours));
+    }
+
+    std::unique_ptr<WaylandDesktop> desktop_;
+};
+
+/// A Wayland compositor with one monitor, which can be rotated. Destroying it simulates the
+/// compositor's end.
+class WaylandCompositor {
+  public:
+    /// Listens at `socket`; throws std::runtime_error when it cannot.
+    explicit WaylandCompositor(const std::string& socket);
+    ~WaylandCompositor();
+
+    /// Rotates the monitor and notifies the last client that bound it; repeats the old settings
+    /// before.
+    void turn_monitor() { turn_ = true; }
+    /// How many clients have bound the monitor.
+    [[nodiscard]] int watchers() const { return watchers_; }
+
+  private:
+    void run();
+    void send_settings() const;
+
+    wl_display* display_;
+    wl_resource* monitor_ = nullptr;  ///< the last client's
+    int transform_ = 0;
+    std::atomic<int> watchers_{0};
+    std::atomic<bool> turn_{false};
+    std::atomic<bool> end_{false};
+    std::thread thread_;
 };
 
 }  // namespace ox::test

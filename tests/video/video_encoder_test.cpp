@@ -12,10 +12,10 @@ extern "C" {
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <random>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -90,39 +90,30 @@ EncoderSettings software(VideoCodec codec) {
             .bitrate_kbps = 4000};
 }
 
-/// Whether an access unit has an IDR picture, as the codecs number their NAL units.
-bool has_idr(const std::vector<uint8_t>& unit, VideoCodec codec) {
-    constexpr std::array<uint8_t, 3> kStartCode{0, 0, 1};
-    for (auto at = unit.begin();; ++at) {
-        at = std::search(at, unit.end(), kStartCode.begin(), kStartCode.end());
-        if (unit.end() - at < 4) return false;
-        switch (codec) {
-            case VideoCodec::H264:
-                if ((at[3] & 0x1F) == 5) return true;
-                break;
-            case VideoCodec::Hevc:
-                if (const int type = at[3] >> 1 & 0x3F; type == 19 || type == 20) return true;
-                break;
-        }
+/// A codec's decoder, and where its NAL units have which type for an IDR picture.
+struct Codec {
+    launcher::Codec decoder;
+    int shift, mask;
+    std::set<int> idr;
+};
+const std::map<VideoCodec, Codec> kCodecs{
+    {VideoCodec::H264, {launcher::Codec::H264, 0, 0x1F, {5}}},
+    {VideoCodec::Hevc, {launcher::Codec::Hevc, 1, 0x3F, {19, 20}}},
+};
+
+bool has_idr(const std::vector<uint8_t>& unit, const Codec& codec) {
+    for (size_t at = 0; at + 3 < unit.size(); ++at) {
+        if (unit[at] != 0 || unit[at + 1] != 0 || unit[at + 2] != 1) continue;
+        if (codec.idr.contains(unit[at + 3] >> codec.shift & codec.mask)) return true;
     }
+    return false;
 }
 
-launcher::Codec launcher_codec(VideoCodec codec) {
-    switch (codec) {
-        case VideoCodec::H264:
-            return launcher::Codec::H264;
-        case VideoCodec::Hevc:
-            return launcher::Codec::Hevc;
-    }
-    throw std::logic_error("a codec without a decoder");
-}
-
-class SoftwareEncoder : public testing::TestWithParam<VideoCodec> {
-  protected:
+struct SoftwareEncoder : testing::TestWithParam<VideoCodec> {
     void SetUp() override {
         std::string error;
         for (launcher::VideoDecoder* decoder : {&early_, &late_})
-            ASSERT_TRUE(decoder->open(launcher_codec(GetParam()), error)) << error;
+            ASSERT_TRUE(decoder->open(kCodecs.at(GetParam()).decoder, error)) << error;
         ASSERT_TRUE(capture_.init() && encoder_.init(software(GetParam())));
     }
     /// Encodes the next synthetic picture.
@@ -157,9 +148,8 @@ TEST_P(SoftwareEncoder, GivesOneDecodableUnitPerPictureAndKeyframesOnDemand) {
         EXPECT_FALSE(encoder_.force_idr);
         const bool key = n == 0 || n == kForced;
         EXPECT_EQ(unit.keyframe, key);
-        EXPECT_EQ(has_idr(unit.data, GetParam()), key);
-        EXPECT_EQ(unit.width, kWidth);
-        EXPECT_EQ(unit.height, kHeight);
+        EXPECT_EQ(has_idr(unit.data, kCodecs.at(GetParam())), key);
+        EXPECT_EQ(std::pair(unit.width, unit.height), std::pair(kWidth, kHeight));
         for (launcher::VideoDecoder* decoder : {&early_, &late_}) {
             if (decoder == &late_ && n < kForced) continue;
             int pictures = 0;
@@ -176,22 +166,18 @@ TEST_P(SoftwareEncoder, GivesOneDecodableUnitPerPictureAndKeyframesOnDemand) {
 }
 
 TEST_P(SoftwareEncoder, ConvertsAPictureOnceUntilItsNumberChanges) {
-    const auto shown = [&](uint64_t content) {
+    uint32_t captured = 0;
+    const auto expect_shown = [&](uint64_t content, uint32_t number) {
         const EncodedFrame unit = encode_next(content);
-        std::optional<uint32_t> stamp;
         early_.decode({.data = unit.data}, [&](const launcher::DecodedPicture& picture) {
-            stamp = launcher::read_frame_stamp(picture.luma);
+            EXPECT_EQ(launcher::read_frame_stamp(picture.luma), number) << captured;
         });
-        return stamp;
+        ++captured;
     };
-    EXPECT_EQ(shown(7), 0U);
-    EXPECT_EQ(shown(7), 0U);
-    EXPECT_EQ(shown(8), 2U);
-    EXPECT_EQ(shown(0), 3U);
-    EXPECT_EQ(shown(0), 4U);
-    EXPECT_EQ(shown(8), 5U);
+    for (const auto& [content, number] : {std::pair{7, 0U}, {7, 0}, {8, 2}, {0, 3}, {0, 4}, {8, 5}})
+        expect_shown(content, number);
     ASSERT_TRUE(encoder_.reconfigure_bitrate(3000));  // nothing is left of the picture
-    EXPECT_EQ(shown(8), 6U);
+    expect_shown(8, 6);
 }
 
 TEST_P(SoftwareEncoder, StaysWithinTheRateBuffer) {
@@ -291,8 +277,7 @@ TEST(VideoEncoder, ACardThatFailsLaterIsDiagnosedAndReplaced) {
     ASSERT_TRUE(encoder.init(settings));
     card.broken = true;
     EXPECT_FALSE(encode());
-    EXPECT_EQ(log.times("[WARN ] VideoEncoder: h264_nvenc: EncodePicture failed!: generic error"),
-              1);
+    EXPECT_EQ(log.times("[WARN ] VideoEncoder: h264_nvenc: EncodePicture failed!: generic"), 1);
 
     card = {.present = true, .refusals = 2};
     EXPECT_FALSE(encoder.reconfigure_bitrate(2000)) << "no other is allowed";
@@ -305,9 +290,8 @@ TEST(VideoEncoder, ACardThatFailsLaterIsDiagnosedAndReplaced) {
 TEST(CodecSession, APacketKeepsItsPicturesCaptureTime) {
     constexpr std::array kOptions{EncoderOption{"preset", "veryfast"},
                                   EncoderOption{"rc-lookahead", "10"}};
-    const EncoderChoice choice{
-        "libx264", VideoCodec::H264, EncoderBackend::Software, EncoderInput::Yuv420p,
-        false,     kOptions};
+    EncoderChoice choice = encoder_ladder(VideoCodec::H264).back();
+    choice.options = kOptions;
     const auto opened = CodecSession::open(choice, software(VideoCodec::H264), {});
     ASSERT_TRUE(std::holds_alternative<std::unique_ptr<CodecSession>>(opened));
     const auto& session = std::get<std::unique_ptr<CodecSession>>(opened);
@@ -335,9 +319,8 @@ TEST(EncoderOptions, EveryOptionIsKnownToItsEncoder) {
             ASSERT_NE(codec, nullptr) << choice.name;
             const AvCodecContextPtr context(avcodec_alloc_context3(codec));
             for (const auto& [key, value] : choice.options) {
-                if (av_opt_set(context->priv_data, key, value, 0) != 0) {
+                if (av_opt_set(context->priv_data, key, value, 0) != 0)
                     refused.insert(std::string(choice.name) + " " + key);
-                }
             }
         }
     }

@@ -16,7 +16,6 @@
 #include "support/eventually.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
-#include "support/x_painter.h"
 #include "support/xvfb.h"
 
 namespace ox {
@@ -95,12 +94,7 @@ struct Screen {
     int left = 0, top = 0;
 };
 
-/// One kind of server.
-struct Server {
-    const char* name;
-    int depth;
-    Xvfb::Setup setup;
-};
+using Server = std::tuple<const char*, int, Xvfb::Setup>;  ///< its name, its depth
 
 class X11CaptureTest : public testing::TestWithParam<Server> {};
 
@@ -111,12 +105,9 @@ INSTANTIATE_TEST_SUITE_P(
         Server{"ShmNoDamage", 24, {.screen = "333x77x24", .arguments = {"-extension", "DAMAGE"}}},
         Server{"NoShm24", 24, {.screen = "333x77x24", .arguments = {"-extension", "MIT-SHM"}}},
         Server{"OtherIpcNamespace", 24, {.screen = "333x77x24", .wrapper = {"unshare", "--ipc"}}}),
-    [](const auto& suite) { return std::string(suite.param.name); });
+    [](const auto& suite) { return std::string(std::get<0>(suite.param)); });
 
-constexpr const char* kBlack =
-    "X11Capture: 120 all-black frames — the X11 root has no pixels. On a Wayland session this is "
-    "expected: X11 capture cannot see the desktop. Use an X11 session or a PipeWire capture "
-    "backend; --capture synthetic is test-only.";
+constexpr const char* kBlack = "[WARN ] X11Capture: 120 all-black frames — the X11 root has no";
 
 TEST_P(X11CaptureTest, DeliversThePixelsThatWereDrawnAndWarnsOfABlackScreen) {
     const auto& [name, depth, setup] = GetParam();
@@ -132,15 +123,11 @@ TEST_P(X11CaptureTest, DeliversThePixelsThatWereDrawnAndWarnsOfABlackScreen) {
     screen.fill(40, 20, 100, 30, 0x080408);
     X11Capture capture(server->display());
     ASSERT_TRUE(capture.init()) << log.text();
-    EXPECT_EQ(capture.width(), 333U);
-    EXPECT_EQ(capture.height(), 77U);
-    EXPECT_EQ(log.count("INFO", std::string("X11Capture: 333x77 via ") +
-                                    (shared_memory ? "MIT-SHM" : "XGetImage") + " (depth " +
-                                    std::to_string(depth) + ")"),
-              1)
-        << log.text();
-    EXPECT_EQ(log.count("WARN", "X11Capture: MIT-SHM unavailable — falling back to XGetImage"),
-              shared_memory ? 0 : 1);
+    EXPECT_EQ(std::pair(capture.width(), capture.height()), std::pair(333U, 77U));
+    const std::string how = shared_memory ? "MIT-SHM" : "XGetImage";
+    const std::string depth_text = " (depth " + std::to_string(depth) + ")";
+    EXPECT_EQ(log.count("INFO", "X11Capture: 333x77 via " + how + depth_text), 1) << log.text();
+    EXPECT_EQ(log.times("MIT-SHM unavailable — falling back to XGetImage"), shared_memory ? 0 : 1);
     EXPECT_EQ(log.count("ERROR", "X11Capture: XShmAttach failed"), setup.wrapper.empty() ? 0 : 1);
 
     CapturedFrame frame;
@@ -156,10 +143,10 @@ TEST_P(X11CaptureTest, DeliversThePixelsThatWereDrawnAndWarnsOfABlackScreen) {
     screen.fill(0);
     ASSERT_TRUE(comes());
     for (int i = 1; i < 120; ++i) {
-        EXPECT_EQ(log.count("WARN", kBlack), 0);
+        EXPECT_EQ(log.times(kBlack), 0);
         ASSERT_EQ(capture.capture_frame(frame), 0);
     }
-    EXPECT_EQ(log.count("WARN", kBlack), 1);
+    EXPECT_EQ(log.times(kBlack), 1);
     screen.fill(0, 76, 332, 1, 0x080408);
     EXPECT_TRUE(comes());
     capture.shutdown();
@@ -169,9 +156,10 @@ TEST_P(X11CaptureTest, DeliversThePixelsThatWereDrawnAndWarnsOfABlackScreen) {
 }
 
 TEST_P(X11CaptureTest, ShowsTheMousePointerWhereItIsAndNotWhereItWas) {
-    const auto server = Xvfb::start(GetParam().setup);
+    const auto& [name, depth, setup] = GetParam();
+    const auto server = Xvfb::start(setup);
     if (!server) GTEST_SKIP() << "Xvfb cannot be started in this way on this machine";
-    Screen screen(*server, 333, 77, GetParam().depth);
+    Screen screen(*server, 333, 77, depth);
     screen.fill(0x838183);
     // Opaque, half, nothing, ...
     screen.set_pointer({0xFFFF8001, 0x80402010, 0x00000000, 0xFF000000, 0x01010101, 0x7F7F007F,
@@ -262,20 +250,19 @@ TEST(X11Capture, DoesNotTrustAServerThatHidesChanges) {
         ASSERT_EQ(::pwrite(file.get(), screen.root.data(), bytes, pixels),
                   static_cast<ssize_t>(bytes));
     };
-    constexpr const char* kLine =
-        "X11Capture: the screen changes without the X server telling of it";
+    constexpr const char* kLine = "the screen changes without the X server telling of it";
     ASSERT_TRUE(test::eventually(shows));
     uint32_t picture = 0;
     EXPECT_TRUE(test::eventually([&] {
         change_unannounced(37 * 64 + 5, 1, ++picture);  // a single pixel
-        return capture.capture_frame(frame) == 0 && log.count("DEBUG", kLine) > 0;
+        return capture.capture_frame(frame) == 0 && log.times(kLine) > 0;
     }));
     EXPECT_EQ(capture.changes(), nullptr);
     for (uint32_t colour = 1; colour < 5; ++colour) {
         change_unannounced(0, screen.root.size(), colour);
         EXPECT_TRUE(shows());
     }
-    EXPECT_EQ(log.count("DEBUG", kLine), 1);
+    EXPECT_EQ(log.times(kLine), 1);
 }
 
 TEST(PictureFreshness, ALateAnnouncementIsNotAHiddenChange) {
@@ -316,9 +303,7 @@ TEST(X11Capture, DoesNotWaitForAHangingServerOnceCancelled) {
     EXPECT_EQ(capture.capture_frame(frame), 1);
     EXPECT_EQ(log.count("ERROR", "X11Capture: the X server is gone"), 1);
     EXPECT_FALSE(X11Capture(server->display()).init());
-    EXPECT_EQ(log.count("WARN", "X11Capture: the X server of " + server->display() +
-                                    " does not answer — restart the desktop"),
-              1);
+    EXPECT_EQ(log.times("the X server of " + server->display() + " does not answer — restart"), 1);
 }
 
 }  // namespace

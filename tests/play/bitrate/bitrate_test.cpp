@@ -76,8 +76,8 @@ TEST(BitrateTest, KeepsTheBitrateOverAHiccup) {
     SimulatedSession session({.steps = {{0, 20'000}}, .loss = 0.02}, 14'000);
     session.run_until(8);
     const uint32_t before = session.target_kbps();
-    session.extra_delay_us = 200'000;
-    session.run_until(8.25);
+    session.extra_delay_us = 300'000;
+    session.run_until(8.4);
     session.extra_delay_us = 0;
     session.run_until(12);
     EXPECT_GT(session.target_kbps(), 0.7 * before);

@@ -13,9 +13,8 @@
 
 #include "base/unique_fd.h"
 
+#include "support/environment.h"
 #include "support/eventually.h"
-#include "support/pseudo_terminal.h"
-#include "support/redirected_fd.h"
 #include "support/terminal_model.h"
 #include "tui/screen/full_screen.h"
 #include "tui/screen/sample_boards.h"
@@ -48,9 +47,8 @@ class OutputPipe {
     [[nodiscard]] std::string read_all() const {
         std::string text;
         std::array<char, 4096> buffer;
-        for (ssize_t n = 0; (n = ::read(reader.get(), buffer.data(), buffer.size())) > 0;) {
+        for (ssize_t n = 0; (n = ::read(reader.get(), buffer.data(), buffer.size())) > 0;)
             text.append(buffer.data(), static_cast<size_t>(n));
-        }
         text.erase(0, text.find_first_not_of('\n'));
         return text;
     }
@@ -105,10 +103,10 @@ TEST(ScreenRunner, StopsInTimeWhateverStandardOutputDoes) {
         runner.start(Lang::Russian, board, ColourMode::TrueColour);
         for (int i = 0; i < 2000; ++i)
             board.push(EventKind::PlayerBack);
-        const auto started = std::chrono::steady_clock::now();
+        const auto started = SteadyClock::now();
         runner.stop();
         // Far above the usual tenths of a second, far below a wait for the reader.
-        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2)) << fd;
+        EXPECT_LT(SteadyClock::now() - started, std::chrono::seconds(2)) << fd;
     }
 }
 
@@ -144,7 +142,6 @@ TEST(LineOutput, NeverBlocksAndDropsWholeLines) {
         std::erase(text, '\r');
         EXPECT_GE(text.size(), 655 * (line.size() + 1)) << "what it buffers";
         EXPECT_LT(text.size(), 10'000 * (line.size() + 1)) << "nothing was dropped?";
-        ASSERT_EQ(text.size() % (line.size() + 1), 0U);
         for (size_t at = 0; at < text.size(); at += line.size() + 1)
             ASSERT_EQ(text.substr(at, line.size() + 1), line + "\n");
     }

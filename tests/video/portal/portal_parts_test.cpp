@@ -75,12 +75,7 @@ TEST(RestoreToken, IsInTheUsersConfigurationFolder) {
 // running again, 'c' closed, 'd' a disturbance, 'o' the portal confirms the session.
 TEST(ShareWatch, AnEndIsTheOwnersUnlessSomethingElseExplainsIt) {
     using Verdict = ShareWatch::Verdict;
-    const struct {
-        const char* name;
-        std::map<int, char> events;
-        int seen_ms;
-        Verdict verdict;
-    } cases[] = {
+    const std::tuple<const char*, std::map<int, char>, int, Verdict> cases[] = {
         {"stop", {{0, 'p'}, {70, 'c'}}, 69, Verdict::Paused},
         {"stop", {{0, 'p'}, {70, 'c'}}, 999, Verdict::Closing},
         {"a monitor was turned", {{0, 'd'}, {15, 'c'}, {20, 'p'}}, 15, Verdict::Lost},
@@ -122,21 +117,18 @@ TEST(StreamFormat, APictureHasToBeWholeInTheMappedMemory) {
     constexpr PictureSize kSize{10, 4};  // rows of 40 bytes
     constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
     std::vector<uint8_t> memory(200);
-    const struct {
-        uint32_t maxsize, offset, size;
-        int32_t stride, flags;
-        std::optional<size_t> taken_stride;
-    } cases[] = {
-        {160, 0, 160, 40, 0, 40},
-        {160, 0, 160, 0, 0, 40},   // no stride: rows without padding
-        {172, 0, 172, 44, 0, 44},  // the last row has no padding
-        {200, 28, 172, 44, 0, 44},
-        {171, 0, 172, 44, 0, {}},
-        {200, 0, 160, 39, 0, {}},  // rows that overlap
-        {200, 0, 160, kMin, 0, {}},
-        {160, 0, 0, 40, 0, {}},
-        {160, 0, 160, 40, SPA_CHUNK_FLAG_CORRUPTED, {}},
-    };
+    const std::tuple<uint32_t, uint32_t, uint32_t, int32_t, int32_t, std::optional<size_t>>
+        cases[] = {
+            {160, 0, 160, 40, 0, 40},
+            {160, 0, 160, 0, 0, 40},   // no stride: rows without padding
+            {172, 0, 172, 44, 0, 44},  // the last row has no padding
+            {200, 28, 172, 44, 0, 44},
+            {171, 0, 172, 44, 0, {}},
+            {200, 0, 160, 39, 0, {}},  // rows that overlap
+            {200, 0, 160, kMin, 0, {}},
+            {160, 0, 0, 40, 0, {}},
+            {160, 0, 160, 40, SPA_CHUNK_FLAG_CORRUPTED, {}},
+        };
     for (const auto& [maxsize, offset, size, stride, flags, taken_stride] : cases) {
         spa_chunk chunk{.offset = offset, .size = size, .stride = stride, .flags = flags};
         spa_data block{};

@@ -1,4 +1,4 @@
-#include "transport/udp_sender.h"
+// Pacing and the sender.
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -10,11 +10,36 @@
 
 #include "support/eventually.h"
 #include "support/log_capture.h"
-#include "support/port_block.h"
 #include "support/sockets.h"
+#include "transport/token_bucket.h"
+#include "transport/udp_sender.h"
 
 namespace ox {
 namespace {
+
+// At 1,000,000 bytes/s a byte is a microsecond and the bucket holds 16,000.
+TEST(TokenBucket, HoldsSixteenMillisecondsAndSleepsBetweenFiftyMicrosecondsAndOneMillisecond) {
+    const SteadyClock::time_point start{std::chrono::hours(100)};
+    TokenBucket bucket(1'000'000, start);
+    const std::tuple<int64_t, size_t, int64_t, bool> steps[] = {
+        {0, 16'000, 0, false},        // starts full
+        {950, 1'000, 0, true},        // 50 short: not worth a sleep; bucket empty
+        {1'899, 1'000, 51, false},    // 51 short
+        {1'899, 1'000, 1000, false},  // waits for exactly its tokens
+        {1'899, 1'001, 1000, true},   // capped, one byte short
+        {1'899, 60'000, 1000, true},
+        {2'899, 1'000, 0, false},  // never negative: 1 ms brings 1,000 bytes
+        {2'899, 800, 800, false},
+        {3'699, 800, 0, false},          // the slept time counts twice
+        {60'000'000, 16'000, 0, false},  // a minute fills it once
+        {60'000'000, 51, 51, false},
+    };
+    for (const auto& [at_us, length, sleep_us, overrun] : steps) {
+        const auto decision = bucket.take(length, start + std::chrono::microseconds(at_us));
+        EXPECT_EQ(decision.sleep.count(), sleep_us) << at_us << ", " << length;
+        EXPECT_EQ(decision.overrun, overrun) << at_us << ", " << length;
+    }
+}
 
 using test::eventually;
 
@@ -46,26 +71,23 @@ bool send_text(UdpSender& sender, const std::string& text) {
 }
 
 /// An open sender towards `launcher`.
-class UdpSenderTest : public testing::Test {
-  protected:
+struct UdpSenderTest : testing::Test {
     void SetUp() override { ASSERT_TRUE(sender.open("127.0.0.1", launcher.port, port)); }
     [[nodiscard]] int locked_on(const Peer& peer) const {
-        return log.count("INFO", "UdpSender: hole-punch probe received from " + peer.name +
-                                     " — endpoint locked");
+        return log.times("UdpSender: hole-punch probe received from " + peer.name + " — endpoint");
     }
     [[nodiscard]] int listeners_started() const {
-        return log.count("INFO", "UdpSender: waiting for hole-punch probe on port " +
-                                     std::to_string(port) + "...");
+        return log.times("UdpSender: waiting for hole-punch probe on port " + std::to_string(port));
     }
 
     /// Waits until the listener has refused a probe of `bytes` from `peer`, and thus processed all
     /// earlier ones.
     [[nodiscard]] bool refuses(const Peer& peer, const std::string& bytes = "OXP1") const {
-        const std::string line = "UdpSender: ignoring invalid probe (" +
-                                 std::to_string(bytes.size()) + "B) from " + peer.name;
-        const int before = log.count("DEBUG", line);
+        const std::string line = std::to_string(bytes.size()) + "B) from " + peer.name;
+        const auto refused = [&] { return log.times("ignoring invalid probe (" + line + "\n"); };
+        const int before = refused();
         peer.send(bytes, port);
-        return eventually([&] { return log.count("DEBUG", line) == before + 1; });
+        return eventually([&] { return refused() == before + 1; });
     }
 
     const test::LogCapture log;
@@ -188,9 +210,8 @@ TEST_F(UdpSenderTest, PacingDelaysAndCounts) {
     const auto start = SteadyClock::now();
     for (int i = 0; i < 40; ++i)
         EXPECT_TRUE(send_text(sender, datagram));
-    const auto elapsed = SteadyClock::now() - start;
     // 24,000 bytes above the burst; the bucket counts slept time twice and ignores up to 50 us.
-    EXPECT_GE(elapsed, std::chrono::milliseconds(10));
+    EXPECT_GE(SteadyClock::now() - start, std::chrono::milliseconds(10));
     EXPECT_GE(sender.pacing_sleeps(), 1U);
     EXPECT_EQ(sender.packets_sent(), 40U);
 }

@@ -1,20 +1,25 @@
+// The launcher's control channel, the session's keys and the address for its media.
+
 #include <gtest/gtest.h>
+#include <sodium.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <fstream>
 #include <future>
 #include <map>
+#include <set>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "base/mutex.h"
+#include "control/session_keys.h"
 #include "control/tcp_control_server.h"
-#include "support/dead_peer.h"
+#include "control/udp_destination.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
-#include "support/port_block.h"
+#include "support/sockets.h"
 #include "support/tcp_client.h"
 
 namespace ox::test {
@@ -32,10 +37,9 @@ std::string auth_line(const std::string& fields = "") {
 }
 
 std::string describe(const ControlMessage& message) {
-    if (const auto* change = std::get_if<SettingsChange>(&message)) {
+    if (const auto* change = std::get_if<SettingsChange>(&message))
         return testing::PrintToString(
             std::vector{change->bitrate, change->fps, change->width, change->height});
-    }
     if (const auto* stats = std::get_if<ClientStats>(&message))
         return "stats " + std::to_string(static_cast<int>(stats->rtt_ms));
     if (const auto* unknown = std::get_if<UnknownControlMessage>(&message)) return unknown->type;
@@ -43,8 +47,7 @@ std::string describe(const ControlMessage& message) {
 }
 
 /// A control server on a free port that expects the token of `kTokenHash`.
-class TcpControlServerTest : public testing::Test {
-  protected:
+struct TcpControlServerTest : testing::Test {
     TcpControlServerTest() {
         server_.expected_token_sha256 = kTokenHash;
         server_.on_message = [this](const ControlMessage& message) {
@@ -86,10 +89,6 @@ class TcpControlServerTest : public testing::Test {
     TcpControlServer server_;
 };
 
-std::string base64(const Secret& key) {
-    return std::string(to_base64(key).text());
-}
-
 TEST_F(TcpControlServerTest, AcceptsALauncherThatSendsByteByByte) {
     server_.host_caps = 2;
     auto result = handshake();
@@ -100,17 +99,14 @@ TEST_F(TcpControlServerTest, AcceptsALauncherThatSendsByteByByte) {
     }
     ASSERT_TRUE(result.get()) << log_.text();
     EXPECT_TRUE(server_.is_connected());
-    EXPECT_EQ(launcher.read_line(kTimeout),
-              R"({"audio_key":")" + base64(server_.keys.audio_key) + R"(","caps":2,"input_key":")" +
-                  base64(server_.keys.input_key) + R"(","type":"session_ready","video_key":")" +
-                  base64(server_.keys.video_key) + R"("})");
+    const std::string ready = launcher.read_line(kTimeout).value_or("nothing");
+    EXPECT_EQ(ready, make_session_ready(server_.keys, 2).text());
+    EXPECT_NE(ready.find(R"("caps":2,)"), std::string::npos);
     EXPECT_EQ(server_.requested.height, -60);
     EXPECT_EQ(server_.launcher_caps, UINT32_MAX);
     EXPECT_EQ(server_.granted_caps, 2u);
     EXPECT_EQ(server_.remote_address(), "10.1.2.3");
-    EXPECT_EQ(
-        log_.count("INFO", "TcpControlServer: auth request — codec=1 1920x-60 @75fps 15000kbps"),
-        1);
+    EXPECT_EQ(log_.times("auth request — codec=1 1920x-60 @75fps 15000kbps"), 1);
     expect_vanished_peer_is_noticed(ports_.control(), false, 30'000);
     server_.close();
     EXPECT_FALSE(server_.is_connected());
@@ -119,12 +115,7 @@ TEST_F(TcpControlServerTest, AcceptsALauncherThatSendsByteByByte) {
 
 TEST_F(TcpControlServerTest, RejectsBadAuthLinesWithASafeLogLineAndAcceptsTheNextLauncher) {
     const char* wrong_token = "session token verification FAILED — rejecting client";
-    struct Row {
-        std::string line;
-        const char* log;
-        std::string expected_hash = kTokenHash;
-    };
-    const Row rows[] = {
+    const std::pair<std::string, const char*> rows[] = {
         {auth_line().substr(0, 30), "client closed during auth"},
         {std::string(40'000, 'x'), "auth message too large (1"},
         {"\xff\x1b[2J garbage\n", "invalid literal"},
@@ -136,13 +127,10 @@ TEST_F(TcpControlServerTest, RejectsBadAuthLinesWithASafeLogLineAndAcceptsTheNex
         {"{\"type\":\"сс\\u001b[1m\\na\\u009bts\"}\n", "expected 'auth' message, got 'сс[1mats'"},
         {"{\"type\":\"auth\",\"token\":\"player-two-token\"}\n", wrong_token},
         {"{\"type\":\"auth\",\"token\":\"player-one-token\\u0000\"}\n", wrong_token},
-        {auth_line(), wrong_token, kTokenHash + std::string("0")},
-        {auth_line(), "SECURITY — no session_token_sha256 supplied (refusing unverified", ""},
     };
-    for (const auto& [line, log_line, expected_hash] : rows) {
+    const auto expect_rejected = [&](const std::string& line, const char* log_line) {
         SCOPED_TRACE(log_line);
         const LogCapture log;
-        server_.expected_token_sha256 = expected_hash;
         auto result = handshake();
         TcpClient bad = connect();
         bad.send(line);
@@ -153,12 +141,18 @@ TEST_F(TcpControlServerTest, RejectsBadAuthLinesWithASafeLogLineAndAcceptsTheNex
         EXPECT_FALSE(server_.is_connected());
         EXPECT_EQ(log.times("[ERROR] TcpControlServer: "), 1) << log.text();
         EXPECT_EQ(log.times(log_line), 1) << log.text();
-        for (const char* secret : {"player-one", "99999999"})
-            EXPECT_EQ(log.times(secret), 0) << log.text();
+        EXPECT_EQ(log.times("player-one") + log.times("99999999"), 0) << log.text();
         server_.expected_token_sha256 = kTokenHash;
         connected_launcher();
         server_.close();
-    }
+    };
+    for (const auto& [line, log_line] : rows)
+        expect_rejected(line, log_line);
+    server_.expected_token_sha256 = kTokenHash + std::string("0");
+    expect_rejected(auth_line(), wrong_token);
+    server_.expected_token_sha256 = "";
+    expect_rejected(auth_line(),
+                    "SECURITY — no session_token_sha256 supplied (refusing unverified");
 }
 
 // The abort predicate is first asked between listen and accept.
@@ -178,11 +172,7 @@ TEST_F(TcpControlServerTest, AConnectionResetBeforeTheAcceptDoesNotEndTheWait) {
         },
         0);
     EXPECT_TRUE(done) << log_.text();
-    EXPECT_EQ(log_.count("WARN",
-                         "TcpControlServer: handoff reset (Connection reset by peer) — still "
-                         "accepting"),
-              1)
-        << log_.text();
+    EXPECT_EQ(log_.times("handoff reset (Connection reset by peer) — still accepting"), 1);
 }
 
 TEST_F(TcpControlServerTest, ADisconnectBeforeTheAnswerIsNoListenFailure) {
@@ -201,19 +191,16 @@ TEST_F(TcpControlServerTest, AcceptAndAuthTimeOut) {
     EXPECT_EQ(std::exchange(server_.auth_timeout, 100ms), 15s);
     auto result = handshake();
     TcpClient launcher = connect();
-    EXPECT_TRUE(eventually(
-        [&] {
-            launcher.send(" ");
-            return result.wait_for(0ms) == std::future_status::ready;
-        },
-        kTimeout));
+    EXPECT_TRUE(eventually([&] { return !launcher.send(" "); }, kTimeout));
+    EXPECT_FALSE(result.get());
     EXPECT_EQ(server_.failure, HandshakeFailure::timed_out);
     EXPECT_EQ(log_.count("ERROR", "TcpControlServer: auth read timed out"), 1);
 }
 
 std::string line_of_length(size_t length, const std::string& type) {
-    std::string line = "{\"type\":\"" + type + "\"}";
-    return line + std::string(length - line.size(), ' ') + "\n";
+    std::string line = R"({"type":")" + type + "\"}";
+    line.resize(length, ' ');
+    return line + "\n";
 }
 
 TEST_F(TcpControlServerTest, HandlesEachLineOnceAndInOrderHoweverSegmented) {
@@ -243,17 +230,14 @@ no json
     int round = 0;
     for (const size_t cut : {bytes.size(), size_t{7}, size_t{2500}}) {
         ++round;
-        for (size_t at = 0; at < bytes.size(); at += cut) {
+        for (size_t at = 0; at < bytes.size(); at += cut)
             launcher.send(std::string_view(bytes).substr(at, cut));
-        }
-        for (const char* ts : {"-9223372036854775808", "-1", "-9223372036854775808", "0"}) {
+        for (const char* ts : {"-9223372036854775808", "-1", "-9223372036854775808", "0"})
             EXPECT_EQ(launcher.read_line(kTimeout).value_or("nothing"),
                       R"({"ts":)" + std::string(ts) + R"(,"type":"pong"})");
-        }
         EXPECT_EQ(take_messages(),
                   "an IDR|{ 900, 0, -2147483648, 2147483647 }|stats 12|anything else|"
-                  "longest possible|the end|")
-            << cut;
+                  "longest possible|the end|");
         for (const char* logged : {"oversized control message (8193 bytes) — ignoring",
                                    "oversized control message (20000 bytes) — ignoring",
                                    "malformed message: 'ts' must be a number, but is string",
@@ -315,10 +299,42 @@ TEST_F(TcpControlServerTest, CloseWakesAWriterWhoseLauncherDoesNotRead) {
         std::string state;
         return writing != 0 && std::getline(stat, state) && state.find(") S ") != state.npos;
     }));
-    const auto asked = std::chrono::steady_clock::now();
+    const auto asked = SteadyClock::now();
     server_.close();
     writer.join();
-    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(2));
+    EXPECT_LT(SteadyClock::now() - asked, 2s);
+}
+
+// The derived keys are checked by the wire vectors.
+TEST(SessionKeys, RandomWithoutAMasterKeyOfTheRightLength) {
+    ASSERT_GE(::sodium_init(), 0);
+    std::set<std::vector<uint8_t>> all;
+    for (const size_t length : {0, 0, 31, 31, 33, 33}) {
+        SessionKeySet keys;
+        keys.generate(std::vector<uint8_t>(length));
+        for (const Secret* key : {&keys.video_key, &keys.audio_key, &keys.input_key})
+            all.emplace(key->begin(), key->end());
+    }
+    EXPECT_EQ(all.size(), 18U) << "all different";
+    EXPECT_EQ(all.begin()->size(), 32U);
+}
+
+TEST(UdpDestination, PrivateAddresses) {
+    for (const char* ip :
+         {"10.0.0.0", "10.255.255.255", "172.16.0.1", "172.31.255.255", "192.168.0.1", "127.9.0.1"})
+        EXPECT_TRUE(is_private_ip(ip)) << ip;
+    for (const char* ip : {"", "11.0.0.0", "172.15.255.255", "172.32.0.0", "192.169.1.1", "0.0.0.0",
+                           "10.1", "10.0.0.1 ", "010.0.0.1", "10.0.0.256", "::1", "localhost"})
+        EXPECT_FALSE(is_private_ip(ip)) << ip;
+}
+
+TEST(UdpDestination, ChoiceForTheMedia) {
+    EXPECT_EQ(choose_udp_destination("", ""), UdpDestination::unknown);
+    EXPECT_EQ(choose_udp_destination("", "8.8.8.8"), UdpDestination::tcp_remote);
+    EXPECT_EQ(choose_udp_destination("8.8.4.4", "8.8.8.8"), UdpDestination::reported);
+    EXPECT_EQ(choose_udp_destination("10.0.0.1", ""), UdpDestination::reported);
+    EXPECT_EQ(choose_udp_destination("10.0.0.1", "192.168.0.1"), UdpDestination::reported);
+    EXPECT_EQ(choose_udp_destination("10.0.0.1", "8.8.8.8"), UdpDestination::tcp_remote_not_local);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "input/input_receiver.h"
+// Key mapping, replay protection, the virtual device and the receiver.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -8,15 +8,105 @@
 #include <sodium.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <utility>
 #include <vector>
 
+#include "input/input_receiver.h"
+#include "input/key_map.h"
+#include "input/replay_window.h"
+#include "input/uinput_device.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
-#include "support/port_block.h"
 #include "support/sockets.h"
 
 namespace ox {
 namespace {
+
+// Linux codes are written as numbers here: they are the kernel's ABI and what a device reports.
+
+TEST(KeyMap, ScanCodesGoBeforeVirtualKeys) {
+    const std::map<int, int> extended{{28, 96},  {29, 97},  {53, 98},  {55, 99},  {56, 100},
+                                      {71, 102}, {72, 103}, {73, 104}, {75, 105}, {77, 106},
+                                      {79, 107}, {80, 108}, {81, 109}, {82, 110}, {83, 111},
+                                      {91, 125}, {92, 126}, {93, 127}};
+    for (int scan = 0; scan < 256; ++scan) {
+        const auto entry = extended.find(scan);
+        const auto code = static_cast<uint8_t>(scan);
+        EXPECT_EQ(linux_key_code(0, code, true), entry == extended.end() ? 0 : entry->second)
+            << scan;
+        int plain = scan <= 88 ? scan : 0;
+        if (scan == 89) plain = 117;
+        if (scan >= 100 && scan <= 111) plain = scan + 83;
+        EXPECT_EQ(linux_key_code(0, code, false), plain) << scan;
+    }
+    EXPECT_EQ(linux_key_code(0x1B, 30, true), 1) << "no extended entry: the virtual key decides";
+    EXPECT_EQ(linux_key_code(0x41, 16, false), 16);
+    EXPECT_EQ(linux_key_code(0x13, 69, false), 119);
+    EXPECT_EQ(linux_key_code(0x90, 69, false), 69);
+    // Virtual keys without a scan code.
+    const std::pair<uint16_t, int> samples[] = {
+        {0x08, 14}, {0x0D, 28}, {0x13, 119}, {0x1B, 1},   {0x20, 57}, {0x25, 105}, {0x28, 108},
+        {0x30, 11}, {0x31, 2},  {0x41, 30},  {0x5A, 55},  {0x60, 82}, {0x6C, 0},   {0x6F, 98},
+        {0x70, 59}, {0x7B, 70}, {0x7C, 183}, {0x87, 194}, {0x90, 69}, {0xA0, 42},  {0xA5, 100},
+        {0xBA, 39}, {0xDE, 40}, {0xE2, 86},  {0xE3, 0},   {0x141, 0},
+    };
+    for (const auto& [vk, code] : samples)
+        EXPECT_EQ(linux_key_code(vk, 0, false), code) << vk;
+}
+
+TEST(ReplayWindow, AcceptsEachSequenceOnceWithin64OfTheNewest) {
+    using Run = std::vector<std::pair<uint16_t, bool>>;  // sequences, and whether each is accepted
+    const Run runs[] = {
+        // Wrap, and second copies of either side of it.
+        {{65535, true}, {0, true}, {65535, false}, {0, false}, {65534, true}},
+        // The far end of the window: 63 behind is in, 64 behind is out.
+        {{1000, true}, {937, true}, {936, false}, {937, false}, {1000, false}},
+        // A step of 63 keeps the old newest, one of 64 forgets it.
+        {{10, true}, {73, true}, {10, false}, {11, true}},
+        {{10, true}, {74, true}, {10, false}, {11, true}},
+        // Out of order, each once.
+        {{5, true}, {9, true}, {7, true}, {6, true}, {7, false}, {8, true}, {5, false}},
+        // Half the number space ahead counts as behind.
+        {{0, true}, {32767, true}, {65535, false}, {0, false}},
+    };
+    ReplayWindow window;
+    for (const Run& run : runs) {
+        window.reset();
+        for (const auto& [sequence, accepted] : run)
+            EXPECT_EQ(window.accept_sequence(sequence), accepted) << &run - runs << " " << sequence;
+    }
+}
+
+/// The event node of the virtual device, or an empty path.
+std::string find_event_node() {
+    for (const auto& entry : std::filesystem::directory_iterator("/sys/class/input")) {
+        std::string name;
+        std::getline(std::ifstream(entry.path() / "device/name"), name);
+        const std::string node = entry.path().filename();
+        if (name == "Orvex Agent" && node.starts_with("event")) return "/dev/input/" + node;
+    }
+    return {};
+}
+
+TEST(UinputDevice, TheKernelMakesAKeyboardAndPointerOfIt) {
+    if (::access("/dev/uinput", W_OK) != 0) GTEST_SKIP() << "no writable /dev/uinput here";
+    UinputDevice device;
+    ASSERT_TRUE(device.uinput_init());
+    const std::string node = find_event_node();
+    if (node.empty()) GTEST_SKIP() << "the event node of the device cannot be read here";
+    const UniqueFd fd(::open(node.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    device.uinput_key(KEY_A, true);
+    device.uinput_sync();
+    input_event event{};
+    ASSERT_EQ(::read(fd.get(), &event, sizeof event), static_cast<ssize_t>(sizeof event));
+    EXPECT_EQ(std::pair(event.code, event.value), std::pair(uint16_t{KEY_A}, 1));
+    device.destroy();
+    EXPECT_EQ(find_event_node(), "");
+}
 
 using Key = std::array<uint8_t, 32>;
 constexpr Key kKey{1, 2, 3};
@@ -26,14 +116,16 @@ const std::string kReleaseAll =
     "1:56=0 1:100=0 1:29=0 1:97=0 1:42=0 1:54=0 1:125=0 1:126=0 1:272=0 1:273=0 1:274=0 ";
 
 /// A receiver whose device is a pipe, and the launcher's socket.
-class InputReceiverTest : public testing::Test {
-  protected:
+struct InputReceiverTest : testing::Test {
     void SetUp() override {
         ASSERT_GE(::sodium_init(), 0);
+        receiver_.set_key(kKey.data(), kKey.size());
+        start();
+    }
+    void start() {
         int ends[2];
         ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
         events_ = UniqueFd(ends[0]);
-        receiver_.set_key(kKey.data(), kKey.size());
         ASSERT_TRUE(receiver_.start_with_device(port_, UniqueFd(ends[1])));
     }
 
@@ -98,17 +190,17 @@ class InputReceiverTest : public testing::Test {
 };
 
 TEST_F(InputReceiverTest, EventsReachTheDeviceInOrderAndWhole) {
-    send(InputKind::MouseMotion, -3, 7, 0b001);
-    send(InputKind::MouseMotion, 0, 0, 0b001);
-    send(InputKind::MouseButtons, 0, 0, 0b110);
-    send(InputKind::MouseButtons, 0, 0, 0b110);
-    send(InputKind::Wheel, 0, 240);
-    send(InputKind::Wheel, 0, -119);
-    send(InputKind::Wheel, 0, -32768);
-    send(InputKind::KeyDown, 0x41, 30);
-    send(InputKind::KeyUp, 0x41, 30);
-    send(InputKind::KeyDown, 0x26, 72 | 0x0200);
-    send(InputKind::KeyDown, 0xFF, 0);  // maps to nothing
+    using enum InputKind;
+    send(MouseMotion, -3, 7, 0b001);
+    send(MouseMotion, 0, 0, 0b001);
+    for (int twice = 0; twice < 2; ++twice)
+        send(MouseButtons, 0, 0, 0b110);
+    for (const int turn : {240, -119, -32768})
+        send(Wheel, 0, turn);
+    for (const InputKind kind : {KeyDown, KeyUp})
+        send(kind, 0x41, 30);
+    send(KeyDown, 0x26, 72 | 0x0200);
+    send(KeyDown, 0xFF, 0);  // maps to nothing
     // The marker's button state is none: the two held buttons go up with it.
     EXPECT_EQ(events(),
               "2:0=-3 2:1=7 1:272=1 | | 1:272=0 1:273=1 1:274=1 | "
@@ -122,11 +214,11 @@ TEST_F(InputReceiverTest, ReplayedOrForgedDatagramsAreDropped) {
     packet.seq = seq_++;
     const std::vector<uint8_t> good = seal(packet);
 
-    std::vector<uint8_t> longer = good;
-    longer.push_back(0);
-    send_bytes(longer);
-    send_bytes({good.begin(), good.end() - 1});
-    send_bytes({0});
+    for (const size_t size : {good.size() + 1, good.size() - 1, size_t{1}}) {
+        std::vector<uint8_t> resized = good;
+        resized.resize(size);
+        send_bytes(resized);
+    }
     for (const size_t at : {size_t{0}, size_t{20}, size_t{55}}) {
         std::vector<uint8_t> flipped = good;
         flipped[at] ^= 1U;
@@ -157,10 +249,8 @@ TEST_F(InputReceiverTest, PressedKeysAreReleasedOnRequestAndAtTheEnd) {
     events();
     receiver_.release_pressed();
     EXPECT_EQ(events_until("1:274=0 "), "1:17=0 " + kReleaseAll);
-    send(InputKind::KeyDown, 0, 18);  // the launcher is back
-    send(InputKind::KeyDown, 0, 30);
-    send(InputKind::KeyDown, 0, 30);
-    send(InputKind::KeyDown, 0, 31);
+    for (const int scan : {18, 30, 30, 31})  // the launcher is back
+        send(InputKind::KeyDown, 0, scan);
     send(InputKind::KeyUp, 0, 31);
     events();
     receiver_.stop();
@@ -190,10 +280,7 @@ TEST_F(InputReceiverTest, WithheldInputIsDroppedAndPressedKeysAreReleased) {
     receiver_.stop();  // withheld across a restart
     EXPECT_EQ(receiver_.applied(), 2U);
     EXPECT_THAT(events_until("the end"), testing::HasSubstr("1:17=0 " + kReleaseAll));
-    int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    events_ = UniqueFd(ends[0]);
-    ASSERT_TRUE(receiver_.start_with_device(port_, UniqueFd(ends[1])));
+    start();
     send(InputKind::KeyDown, 0, 19);
     ASSERT_TRUE(test::eventually([&] { return receiver_.received() == 5; }));
     receiver_.withhold(false);
