@@ -55,16 +55,20 @@ run_play() {
 }
 run_ffplay() {
   display=$source
-  ffmpeg_to -sdp_file "$scratch/stream.sdp" -f rtp "rtp://127.0.0.1:$port?pkt_size=1200"
-  # Sends from the first keyframe on, which comes once in 30 s, only when the player listens.
+  # With nobuffer ffplay drops what it looks at to know the stream, the first keyframe with it, and
+  # shows nothing before the next one, which comes during the warm-up, as well.
+  ffmpeg_to -force_key_frames "$(seq -s, "$warm_up")" -sdp_file "$scratch/stream.sdp" \
+    -f rtp "rtp://127.0.0.1:$port?pkt_size=1200"
   "${ffmpeg_command[@]}" >/dev/null 2>&1 &
   sender=$!
   for _ in {1..50}; do [ -s "$scratch/stream.sdp" ] && break; sleep 0.1; done
   kill "$sender"
   wait "$sender" 2>/dev/null || true
-  DISPLAY=$target SDL_AUDIODRIVER=dummy ffplay -loglevel error -fflags nobuffer -flags low_delay \
-    -framedrop -noborder -left 0 -top 0 -protocol_whitelist file,udp,rtp -an \
-    -i "$scratch/stream.sdp" >"$scratch/player" 2>&1 </dev/null &
+  # The X server has no graphics card, and SDL's own drawing is faster than an emulated one.
+  DISPLAY=$target SDL_RENDER_DRIVER=software SDL_AUDIODRIVER=dummy ffplay -loglevel error \
+    -nostats -fflags nobuffer -flags low_delay -framedrop -noborder -left 0 -top 0 \
+    -protocol_whitelist file,udp,rtp -an -i "$scratch/stream.sdp" >"$scratch/player" 2>&1 \
+    </dev/null &
   player=$!
   sleep 1
   "${ffmpeg_command[@]}" >/dev/null 2>&1 &

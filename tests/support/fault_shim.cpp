@@ -1,12 +1,15 @@
 // A library to preload that makes one call fail. OX_FAULT is the function ("sendto"), OX_FAULT_ON a
 // kind of descriptor ("tcp", "udp", "unix", "other") or a thread's name (empty: any call),
 // OX_FAULT_AT the number of the call among these (1 is the first), OX_FAULT_ERRNO the error (a
-// number). The file OX_FAULT_REPORT exists after the failure.
+// number). The file OX_FAULT_REPORT exists after the failure. The file OX_UINPUT stands in for
+// /dev/uinput.
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/uinput.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -70,6 +73,24 @@ bool fails(const char* name, const char* kind) {
     OX_WRAP_CHECKED(result, name, name, kind, parameters, arguments)
 
 extern "C" {
+
+int open(const char* path, int flags, ...) {
+    va_list more;
+    va_start(more, flags);
+    const auto mode = va_arg(more, mode_t);
+    va_end(more);
+    const char* device = std::strcmp(path, "/dev/uinput") == 0 ? std::getenv("OX_UINPUT") : nullptr;
+    return next<decltype(::open)>("open")(device ? device : path, flags, mode);
+}
+int ioctl(int fd, unsigned long request, ...) {
+    va_list more;
+    va_start(more, request);
+    auto* argument = va_arg(more, void*);
+    va_end(more);
+    const bool taken =
+        std::getenv("OX_UINPUT") != nullptr && _IOC_TYPE(request) == UINPUT_IOCTL_BASE;
+    return taken ? 0 : next<decltype(::ioctl)>("ioctl")(fd, request, argument);
+}
 
 OX_WRAP(int, socket, kind_of_socket(domain, type), (int domain, int type, int protocol),
         (domain, type, protocol))

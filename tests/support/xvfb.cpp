@@ -1,12 +1,14 @@
 #include "support/xvfb.h"
 
 #include <X11/Xlib.h>
+#include <X11/Xutil.h>
 #include <X11/extensions/Xrandr.h>
 #include <X11/extensions/Xrender.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <memory>
 #include <random>
 #include <stdexcept>
@@ -63,6 +65,16 @@ void XPainter::fill(int x, int y, uint32_t width, uint32_t height, uint32_t pixe
     XSetForeground(display_, gc_, pixel);
     XFillRectangle(display_, XDefaultRootWindow(display_), gc_, x, y, width, height);
     XSync(display_, False);
+}
+
+std::vector<uint32_t> XPainter::read(uint32_t width, uint32_t height) {
+    XImage* image =
+        XGetImage(display_, XDefaultRootWindow(display_), 0, 0, width, height, 0xFFFFFF, ZPixmap);
+    if (image == nullptr) throw std::runtime_error("the screen cannot be read");
+    std::vector<uint32_t> pixels(size_t{width} * height);
+    std::memcpy(pixels.data(), image->data, pixels.size() * sizeof(uint32_t));
+    XDestroyImage(image);
+    return pixels;
 }
 
 void XPainter::set_pointer(const std::vector<uint32_t>& argb, uint32_t width, int hot_x,

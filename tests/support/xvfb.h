@@ -63,6 +63,9 @@ class XPainter {
     /// All calls wait until the server is done.
     void fill(int x, int y, uint32_t width, uint32_t height, uint32_t pixel);
 
+    /// What the screen, of depth 24, shows there: 0xRRGGBB, row by row.
+    std::vector<uint32_t> read(uint32_t width, uint32_t height);
+
     /// Resizes the screen through RandR, up to the size the server was started with.
     void resize_screen(uint32_t width, uint32_t height);
 
