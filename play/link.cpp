@@ -28,7 +28,11 @@ constexpr uint64_t kSilentUs = 1'000'000;  // a still screen is sent, too
 constexpr uint64_t kDeadUs = 5'000'000;
 constexpr int32_t kFirstBitrateKbps = 10'000;
 constexpr BitrateController::Limits kBitrateLimits{};
-constexpr milliseconds kBitratePeriod{250};
+constexpr milliseconds kBitratePeriod{100};
+/// Packets may overtake each other by this much. After a real loss nothing fit comes for longer.
+constexpr launcher::FrameAssembler::Limits kAssembly{.reorder_frames = 4, .reorder_us = 40'000};
+/// A keyframe is usually there by then. Where it is not, a smeared picture is better than none.
+constexpr uint64_t kHideDamagedUs = 200'000;
 constexpr size_t kQueuedFrames = 15;
 
 uint64_t since_us(uint64_t time_us) {
@@ -45,7 +49,7 @@ Link::Link(const Options& options, PictureSlot& pictures, Sinks sinks)
       queue_(kQueuedFrames),
       decode_(queue_, {.picture =
                            [this](const launcher::DecodedPicture& picture) {
-                               if (pictures_.put(picture)) sinks_.wake();
+                               if (is_fit(picture) && pictures_.put(picture)) sinks_.wake();
                            },
                        .frame =
                            [this](const launcher::AssembledFrame& frame) {
@@ -54,6 +58,15 @@ Link::Link(const Options& options, PictureSlot& pictures, Sinks sinks)
                            }}),
       bitrate_kbps_(options.bitrate_kbps > 0 ? options.bitrate_kbps : kFirstBitrateKbps) {
     if (options.bitrate_kbps == 0) controller_.emplace(kFirstBitrateKbps, kBitrateLimits);
+}
+
+bool Link::is_fit(const launcher::DecodedPicture& picture) {
+    if (!picture.damaged) {
+        damaged_since_us_ = 0;
+    } else if (damaged_since_us_ == 0) {
+        damaged_since_us_ = steady_now_us();
+    }
+    return !picture.damaged || since_us(damaged_since_us_) > kHideDamagedUs;
 }
 
 void Link::start() {
@@ -170,7 +183,7 @@ bool Link::start_media() {
     using launcher::PacketOpener;
     receive_.emplace(
         video_socket_, queue_, std::span(keys.video_key).first<PacketOpener::kKeyBytes>(),
-        launcher::VideoReceiver::Config{},
+        launcher::VideoReceiver::Config{.limits = kAssembly, .decode_damaged = true},
         [this](const launcher::KeyframeRequest& request) { request_keyframe(request); },
         [this](const PacketHeader& header, size_t bytes, uint64_t arrival_us) {
             path_.on_packet(header, bytes, arrival_us);

@@ -88,6 +88,7 @@ class Link {
     void adapt_bitrate();
     bool reconnect(Outcome why);
     void request_keyframe(const launcher::KeyframeRequest& request);
+    bool is_fit(const launcher::DecodedPicture& picture);
     void set_state(LinkState state, SteadyClock::time_point deadline = {});
     void end(ExitStatus exit, std::string error = {}, bool ended_by_host = false);
     [[nodiscard]] bool stopping() const { return stopping_; }
@@ -98,6 +99,7 @@ class Link {
     std::atomic<bool> stopping_{false};
 
     launcher::InputChannel input_;
+    uint64_t damaged_since_us_ = 0;  ///< the decoding thread's; 0: the last picture was intact
     // The link's thread's:
     launcher::MediaSocket video_socket_;
     launcher::MediaSocket audio_socket_;

@@ -23,6 +23,7 @@ struct AssembledFrame {
     uint64_t first_seen = 0;    ///< arrival of its first packet, own steady clock in us
     uint64_t completed = 0;     ///< arrival of the last packet it needed
     uint64_t lost_before = 0;   ///< frames lost between the previous delivered one and this
+    bool damaged = false;       ///< depends on a lost one
 };
 
 /// Packets count when their frame is delivered or dropped; one that never arrived is one packet.

@@ -13,6 +13,7 @@ namespace {
 struct UnitInfo {
     uint32_t frame_id = 0;
     uint64_t timestamp = 0;
+    bool damaged = false;
 };
 constexpr size_t kUnitInfos = 64;  // more than any decoder holds back
 
@@ -85,8 +86,8 @@ bool VideoDecoder::decode(const AssembledFrame& frame, const Sink& sink) {
     impl.packet->data = const_cast<uint8_t*>(frame.data.data());
     impl.packet->size = static_cast<int>(frame.data.size());
     impl.packet->pts = impl.units++;
-    impl.infos[static_cast<size_t>(impl.packet->pts) % kUnitInfos] = {frame.frame_id,
-                                                                      frame.timestamp};
+    impl.infos[static_cast<size_t>(impl.packet->pts) % kUnitInfos] = {
+        frame.frame_id, frame.timestamp, frame.damaged};
     bool decoded = avcodec_send_packet(impl.context.get(), impl.packet.get()) >= 0;
     av_packet_unref(impl.packet.get());
 
@@ -103,7 +104,9 @@ bool VideoDecoder::decode(const AssembledFrame& frame, const Sink& sink) {
         av_frame_unref(impl.picture.get());
         av_frame_unref(impl.downloaded.get());
     }
-    if (std::string error; !decoded && impl.device != nullptr) open(impl.codec, error);
+    // What a loss has damaged says nothing about the hardware.
+    const bool refused = !decoded && !frame.damaged;
+    if (std::string error; refused && impl.device != nullptr) open(impl.codec, error);
     return decoded;
 }
 
@@ -113,6 +116,7 @@ void VideoDecoder::pass_on(const AVFrame& image, const Sink& sink) {
     sink({.image = image,
           .frame_id = info.frame_id,
           .timestamp = info.timestamp,
+          .damaged = info.damaged,
           .width = static_cast<uint32_t>(image.width),
           .height = static_cast<uint32_t>(image.height),
           .luma = luma_of(image)});

@@ -27,6 +27,7 @@ struct DecodedPicture {
     const AVFrame& image;
     uint32_t frame_id = 0;
     uint64_t timestamp = 0;  ///< capture time of its frame, 0 = unknown
+    bool damaged = false;    ///< as AssembledFrame::damaged
     uint32_t width = 0;
     uint32_t height = 0;
     LumaPlane luma;

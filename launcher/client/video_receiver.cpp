@@ -32,6 +32,7 @@ std::optional<AssembledFrame> VideoReceiver::next_frame() {
         }
         const bool intact = gate_.admit(frame->keyframe);
         if (intact) lost_.on_intact(frame->frame_id);
+        frame->damaged = !intact;
         if (intact || (decode_damaged_ && seen_keyframe_)) return frame;
         ++stats_.frames_withheld;
     }

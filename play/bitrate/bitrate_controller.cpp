@@ -27,6 +27,7 @@ constexpr double kCautious = 0.92;
 constexpr double kLargeStep = 1.5;
 constexpr double kMediumStep = 1.3;
 constexpr double kSmallStep = 1.2;
+constexpr int kCarefulRaises = 2;
 /// Packets that arrive in clumps look like a path so much faster, and prove less.
 constexpr double kClumped = 10;
 constexpr uint64_t kTryAgainUs = 20 * kSecondUs;
@@ -37,6 +38,8 @@ constexpr double kLeastForDecoding = 2000;
 constexpr uint64_t kTrialUs = 5 * kSecondUs;
 constexpr uint64_t kFirstHoldUs = 4 * kSecondUs;
 constexpr uint64_t kLongestHoldUs = 32 * kSecondUs;
+/// The same where only another try can tell that the path has become faster.
+constexpr uint64_t kLongestHiddenHoldUs = 4 * kSecondUs;
 
 }  // namespace
 
@@ -67,7 +70,7 @@ std::optional<uint32_t> BitrateController::update(const PathSample& sample) {
     // A path that was held up for a moment is not slow.
     if (congested && now - *congested_since_us_ < kConfirmUs) return std::nullopt;
     if (congested || slow) {
-        remember_failure(now);
+        remember_failure(now, sample.burst_hidden);
         return change_to(
             congested ? reduced(sample) : std::max(target_kbps_ / kSmallStep, kLeastForDecoding),
             sample);
@@ -106,6 +109,10 @@ double BitrateController::raised(const PathSample& sample) const {
         return std::max(target, std::min(kMediumStep * target, kUsable * ceiling_kbps_));
     }
     if (burst_kbps_ <= 0) return kMediumStep * target;  // too few packets to tell
+    if (sample.burst_hidden) {
+        if (was_too_much) return kSmallStep * target;
+        return (raises_ < kCarefulRaises ? kMediumStep : kLargeStep) * target;
+    }
     const double likely = std::min(kLikely * burst_kbps_, kCautious * burst_high_kbps_);
     const double room = std::max(kUsable * sample.burst_low_kbps, likely);
     if (room >= worthwhile) {
@@ -117,9 +124,10 @@ double BitrateController::raised(const PathSample& sample) const {
                                                                       : target;
 }
 
-void BitrateController::remember_failure(uint64_t now_us) {
+void BitrateController::remember_failure(uint64_t now_us, bool hidden) {
     if (raised_us_ && now_us - *raised_us_ < kTrialUs) {
-        ceiling_hold_us_ = std::clamp(2 * ceiling_hold_us_, kFirstHoldUs, kLongestHoldUs);
+        ceiling_hold_us_ = std::clamp(2 * ceiling_hold_us_, kFirstHoldUs,
+                                      hidden ? kLongestHiddenHoldUs : kLongestHoldUs);
         ceiling_until_us_ = now_us + ceiling_hold_us_;
         ceiling_kbps_ = target_kbps_;
         ceiling_burst_kbps_ = raised_burst_kbps_;
@@ -133,6 +141,7 @@ std::optional<uint32_t> BitrateController::change_to(double kbps, const PathSamp
     if (std::abs(static_cast<double>(next) - target_kbps_) < kWorthwhile * target_kbps_) {
         return std::nullopt;
     }
+    raises_ = next > target_kbps_ ? raises_ + 1 : 0;
     if (next > target_kbps_) {
         raised_us_ = sample.at_us;
         raised_burst_kbps_ = sample.burst_low_kbps;

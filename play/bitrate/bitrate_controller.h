@@ -33,7 +33,7 @@ class BitrateController {
     [[nodiscard]] bool is_congested(const PathSample& sample) const;
     [[nodiscard]] double reduced(const PathSample& sample) const;
     [[nodiscard]] double raised(const PathSample& sample) const;
-    void remember_failure(uint64_t now_us);
+    void remember_failure(uint64_t now_us, bool hidden);
     std::optional<uint32_t> change_to(double kbps, const PathSample& sample);
 
     Limits limits_;
@@ -44,6 +44,7 @@ class BitrateController {
     std::optional<uint64_t> changed_us_;
     std::optional<uint64_t> congested_since_us_;
     std::optional<uint64_t> clean_since_us_;
+    int raises_ = 0;  ///< since the bitrate was last lowered
     // The latest raise:
     std::optional<uint64_t> raised_us_;
     double raised_burst_kbps_ = 0;

@@ -20,6 +20,8 @@ constexpr double kUnpacedUs = 20'000;
 constexpr double kFullPacketBytes = kHeaderBytes + kVideoPayloadBytes + 16;
 constexpr double kFewestPoints = 20;
 constexpr double kUnlimitedKbps = 1e6;
+constexpr double kMuchJitterUs = 3'000;
+constexpr double kFewOvertaken = 0.02;
 // A queue grows or drains; a delay that stays is the path's own.
 constexpr int64_t kLevelBandUs = 10'000;
 constexpr uint64_t kLevelUs = 3'000'000;
@@ -57,6 +59,10 @@ void PathMeter::on_packet(const PacketHeader& header, size_t bytes, uint64_t arr
     add_delay(header, first, arrival_us);
     if ((header.flags & packet_flags::FEC_PACKET) != 0) return;
     ++picture.arrived;
+    Bin& bin = bin_at(arrival_us);
+    bin.packets += 1;
+    if (header.index < picture.highest) bin.overtaken += 1;
+    picture.highest = std::max(picture.highest, header.index);
     if (header.index + 1 == header.count || header.index * interval_us_ > kUnpacedUs * packets_)
         return;
     if ((header.flags & packet_flags::KEYFRAME) != 0) return;  // longer than what is sent at once
@@ -189,11 +195,15 @@ void PathMeter::close(const Picture& picture, Bin& bin) {
 }
 
 // Jitter that is independent of the place in the picture disturbs the slope of the line, but does
-// not bias it, even where packets overtake each other.
+// not bias it where packets overtake each other. Where they wait for each other it does.
 void PathMeter::fill_burst(PathSample& sample, uint64_t newest) const {
     Spacing sum;
+    double packets = 0;
+    double overtaken = 0;
     for (const Bin& bin : bins_) {
         if (!is_within(bin.number, newest + 1, kBurstBins)) continue;
+        packets += bin.packets;
+        overtaken += bin.overtaken;
         sum.n += bin.spacing.n;
         sum.xx += bin.spacing.xx;
         sum.xy += bin.spacing.xy;
@@ -202,6 +212,8 @@ void PathMeter::fill_burst(PathSample& sample, uint64_t newest) const {
     if (sum.n < kFewestPoints || sum.xx <= 0) return;
     const double slope = sum.xy / sum.xx;  // us per packet
     const double variance = std::max(0.0, sum.yy - slope * sum.xy) / (sum.n - 1);
+    sample.burst_hidden =
+        variance > kMuchJitterUs * kMuchJitterUs && overtaken < kFewOvertaken * packets;
     const double error = 2 * std::sqrt(variance / sum.xx);
     const auto rate = [](double us_per_packet) {
         const double least = kFullPacketBytes * 8000 / kUnlimitedKbps;

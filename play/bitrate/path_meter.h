@@ -20,6 +20,7 @@ struct PathSample {
                             ///< 1.5 s; 0: unknown
     double burst_low_kbps = 0;   ///< the bounds of its
     double burst_high_kbps = 0;  ///< confidence interval
+    bool burst_hidden = false;   ///< jitter spreads the pictures: the path may be much faster
     double lost = 0;             ///< share of the data packets over the last second, 0..1
     double queue_ms = 0;         ///< least one-way delay in 250 ms, above the least of a minute
     double decode_ms = 0;        ///< per picture
@@ -56,6 +57,7 @@ class PathMeter {
         uint32_t id = 0;
         uint16_t count = 0;
         uint32_t arrived = 0;  ///< data packets
+        uint16_t highest = 0;  ///< index of them
         uint64_t first_us = 0;
         size_t bytes = 0;  ///< of one datagram
         Spacing spacing;
@@ -66,6 +68,8 @@ class PathMeter {
         double bytes = 0;
         double expected = 0;  ///< data packets of the pictures closed in this time
         double lost = 0;
+        double packets = 0;    ///< arrived
+        double overtaken = 0;  ///< of these, by a later one of their picture
         int64_t least_delay_us = INT64_MAX;
         Spacing spacing;
     };

@@ -50,8 +50,7 @@ INSTANTIATE_TEST_SUITE_P(
     Paths, OnSteps,
     testing::Values(Trace{"Clean", {}, 0.7, 8}, Trace{"Loss", {.loss = 0.02}, 0.7, 9},
                     Trace{"Jitter", {.loss = 0.02, .jitter_ms = 30, .reorders = true}},
-                    // Spreads the packets of small pictures, so that room shows later.
-                    Trace{"JitterInOrder", {.loss = 0.02, .jitter_ms = 30}, 0.5},
+                    Trace{"JitterInOrder", {.loss = 0.02, .jitter_ms = 30}},
                     Trace{"LongQueue", {.queue_ms = 1000, .loss = 0.02}, 0.7, 12},
                     Trace{"ShortQueue", {.queue_ms = 40}, 0.7, 8}),
     [](const auto& trace) { return trace.param.name; });
