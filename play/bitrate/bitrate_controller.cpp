@@ -28,6 +28,7 @@ constexpr double kLargeStep = 1.5;
 constexpr double kMediumStep = 1.3;
 constexpr double kSmallStep = 1.2;
 constexpr int kCarefulRaises = 2;
+constexpr double kAmpleKbps = 8'000;
 /// Packets that arrive in clumps look like a path so much faster, and prove less.
 constexpr double kClumped = 10;
 constexpr uint64_t kTryAgainUs = 20 * kSecondUs;
@@ -111,7 +112,8 @@ double BitrateController::raised(const PathSample& sample) const {
     if (burst_kbps_ <= 0) return kMediumStep * target;  // too few packets to tell
     if (sample.burst_hidden) {
         if (was_too_much) return kSmallStep * target;
-        return (raises_ < kCarefulRaises ? kMediumStep : kLargeStep) * target;
+        const bool careful = raises_ < kCarefulRaises || target > kAmpleKbps;
+        return (careful ? kMediumStep : kLargeStep) * target;
     }
     const double likely = std::min(kLikely * burst_kbps_, kCautious * burst_high_kbps_);
     const double room = std::max(kUsable * sample.burst_low_kbps, likely);
