@@ -103,8 +103,7 @@ bool VideoDecoder::decode(const AssembledFrame& frame, const Sink& sink) {
         av_frame_unref(impl.picture.get());
         av_frame_unref(impl.downloaded.get());
     }
-    if (std::string error; !decoded && impl.device != nullptr)
-        open(impl.codec, error);
+    if (std::string error; !decoded && impl.device != nullptr) open(impl.codec, error);
     return decoded;
 }
 

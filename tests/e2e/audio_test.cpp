@@ -52,7 +52,7 @@ struct Listener : Player {
     launcher::MediaSocket socket;
     launcher::AudioWorker worker{socket,
                                  std::span<const uint8_t, 32>(keys().audio_key),
-                                 {.frame = {}, .samples = [this](std::span<const int16_t> pcm) {
+                                 {.frame = {}, .samples = [this](auto pcm, const auto&) {
                                       const MutexLock lock(mutex);
                                       meter.add(pcm);
                                   }}};

@@ -131,21 +131,22 @@ TEST(SoundOutput, PlaysOnARealServerAndReturnsWithIt) {
     std::vector<float> played;
     launcher::AudioFrame frame{.opus = {}, .timestamp = steady_now_us()};
     // Without real-time priority the server itself interrupts the sound on a busy machine.
-    const auto second_without_click = [&] {
+    const auto half_second_without_click = [&] {
         for (; steady_now_us() >= frame.timestamp; frame.timestamp += 5000, ++frame.sequence)
             output.add(tone_frame(static_cast<int>(frame.sequence)), frame, steady_now_us());
         for (float sample = 0; file.read(static_cast<char*>(static_cast<void*>(&sample)), 4);)
             played.push_back(sample);
         file.clear();
         if (played.size() < 96000) return false;
-        const auto quality = measure(std::span(played).last(48000));
+        const auto quality = measure(std::span(played).last(24000));
         played.erase(played.begin(), played.end() - 72000);
         return quality.bend < 1.2 && std::abs(quality.ppm) < 1500;
     };
-    EXPECT_TRUE(test::eventually(second_without_click, std::chrono::seconds(30)));
+    EXPECT_TRUE(test::eventually(half_second_without_click, std::chrono::seconds(60)));
     EXPECT_TRUE(output.stats().open && output.stats().buffer.playing);
     pulse.start();
-    EXPECT_TRUE(test::eventually([&] { return output.stats().openings == 2; }));
+    EXPECT_TRUE(
+        test::eventually([&] { return output.stats().openings >= 2; }, std::chrono::seconds(30)));
 }
 
 }  // namespace
