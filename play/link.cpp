@@ -77,6 +77,8 @@ void Link::start() {
 void Link::stop() {
     stopping_ = true;
     if (thread_.joinable()) thread_.join();
+    queue_.close();
+    decode_.join();  // its thread uses what is destroyed before it
 }
 
 LinkStatus Link::status() const {

@@ -93,15 +93,15 @@ void Player::start_link() {
     Link::Sinks sinks{.wake = [this] { wake(); }, .sound = {}};
     if (!options_.no_audio) {
         sound_ = std::make_unique<SoundOutput>();
-        if (std::string error; sound_->start(error)) {
-            sinks.sound = [this](std::span<const int16_t> pcm, const launcher::AudioFrame& frame) {
-                sound_->add(pcm, frame, steady_now_us());
-            };
-        }
+        sinks.sound = [this](std::span<const int16_t> pcm, const launcher::AudioFrame& frame) {
+            sound_->add(pcm, frame, steady_now_us());
+        };
     }
     link_ = std::make_unique<Link>(options_, pictures_, std::move(sinks));
     input_ = std::make_unique<InputCapture>(
         window_.handle(), InputSender::output_of(link_->input()), options_.view_only);
+    // Behind all that sets SDL's hints, which its thread reads: SDL does not lock them.
+    if (std::string error; sound_) sound_->start(error);
     link_->start();
 }
 

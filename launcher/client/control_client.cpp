@@ -27,6 +27,8 @@ using std::chrono::milliseconds;
 constexpr milliseconds kPollSlice{100};
 constexpr milliseconds kRetryPause{100};
 constexpr milliseconds kSendLimit{1000};
+// The kernel doubles its pauses up to half a minute, by which a network is long back.
+constexpr milliseconds kAttemptLimit{3000};
 constexpr size_t kMaxLine = 65536;  // the agent's lines are far shorter
 
 enum class Wait : uint8_t { Ready, TimedOut, Stopped };
@@ -104,7 +106,8 @@ ControlClient::Attempt ControlClient::try_connect(const std::string& host, uint1
         0) {
         int failure = errno;
         if (failure == EINPROGRESS) {
-            const Wait wait = wait_for(socket_.get(), POLLOUT, deadline, stop);
+            const auto attempt_end = std::min(deadline, SteadyClock::now() + kAttemptLimit);
+            const Wait wait = wait_for(socket_.get(), POLLOUT, attempt_end, stop);
             if (wait == Wait::Stopped) return Attempt::Stopped;
             socklen_t size = sizeof failure;
             if (wait == Wait::TimedOut)

@@ -18,9 +18,12 @@ extern "C" const char* __tsan_default_suppressions() {
     // without synchronisation that the sanitizer sees; opening and closing the encoder some hundred
     // times reproduces it. libdbus locks its tables in either order; a single thread with one
     // private connection reproduces it. libavcodec's slice threads synchronise by atomics that the
-    // sanitizer cannot see either, and so do libpulse's threads.
+    // sanitizer cannot see either, and so do libpulse's threads and the one that Pango starts to
+    // initialise Fontconfig. The dynamic loader's own lock is none to the sanitizer.
     return "mutex:libX11.so\nmutex:libXext.so\nrace:libx265.so\nrace:libavcodec.so\n"
-           "deadlock:libdbus-1.so\nrace:libpulsecommon\nrace:libpulse.so\n";
+           "deadlock:libdbus-1.so\nrace:libpulsecommon\nrace:libpulse.so\n"
+           "race:libfontconfig\nrace:libpango\nrace:g_str_has_suffix\n"
+           "race:_dl_close_worker\n";
 }
 
 #ifdef __SANITIZE_THREAD__
