@@ -27,7 +27,6 @@ constexpr seconds kSilentHoldTime{90};
 constexpr uint64_t kSilentUs = 1'000'000;  // a still screen is sent, too
 constexpr uint64_t kDeadUs = 5'000'000;
 constexpr int32_t kFirstBitrateKbps = 10'000;
-constexpr BitrateController::Limits kBitrateLimits{};
 constexpr milliseconds kBitratePeriod{100};
 /// Packets may overtake each other by this much. After a real loss nothing fit comes for longer.
 constexpr launcher::FrameAssembler::Limits kAssembly{.reorder_frames = 4, .reorder_us = 40'000};
@@ -38,6 +37,14 @@ constexpr size_t kQueuedFrames = 15;
 uint64_t since_us(uint64_t time_us) {
     const uint64_t now = steady_now_us();
     return now > time_us ? now - time_us : 0;
+}
+
+/// Above this a picture only costs both processors more.
+BitrateController::Limits bitrate_limits(const Options& options) {
+    constexpr double kAmpleBitsPerPixel = 0.4;
+    const double pixels = 1.0 * options.width * options.height * options.fps;
+    const double ample_kbps = std::clamp(kAmpleBitsPerPixel * pixels / 1000, 20e3, 50e3);
+    return {.least_kbps = 500, .most_kbps = static_cast<uint32_t>(ample_kbps)};
 }
 
 }  // namespace
@@ -57,7 +64,7 @@ Link::Link(const Options& options, PictureSlot& pictures, Sinks sinks)
                                status_.clock.add(frame.timestamp, frame.completed);
                            }}),
       bitrate_kbps_(options.bitrate_kbps > 0 ? options.bitrate_kbps : kFirstBitrateKbps) {
-    if (options.bitrate_kbps == 0) controller_.emplace(kFirstBitrateKbps, kBitrateLimits);
+    if (options.bitrate_kbps == 0) controller_.emplace(kFirstBitrateKbps, bitrate_limits(options));
 }
 
 bool Link::is_fit(const launcher::DecodedPicture& picture) {

@@ -84,16 +84,17 @@ std::string statistics_text(const LinkStatus& status, const StatisticsView& view
     const auto add = [&](const Text& name, const std::string& line) {
         text.append(text.empty() ? "" : "\n").append(name.in(lang)).append(line);
     };
-    add({"picture     ", "изображение "},
-        std::to_string(view.picture.x) + "×" + std::to_string(view.picture.y) + ", " +
-            value(view.shown_fps, 1, kFps, lang) + ", " + status.decoder + ", " + view.renderer);
+    add({"picture     ", "изображение "}, std::to_string(view.picture.x) + "×" +
+                                              std::to_string(view.picture.y) + ", " +
+                                              value(view.shown_fps, 1, kFps, lang));
     add({"bitrate     ", "битрейт     "},
         value(progress.mbit_per_s, 1, kMbit, lang) + Text{" of ", " из\u00A0"}.in(lang) +
             value(status.bitrate_kbps / 1e3, 1, kMbit, lang) +
             (view.automatic_bitrate ? Text{" (auto)", " (авто)"}.in(lang) : ""));
-    add({"age         ", "возраст     "},
-        value(view.age_ms, 0, kMs, lang) + Text{", of it decoding ", ", декодирование "}.in(lang) +
-            value(status.decode_ms, 1, kMs, lang));
+    add({"age         ", "возраст     "}, value(view.age_ms, 0, kMs, lang));
+    add({"decoding    ", "декодер     "},
+        value(status.decode_ms, 1, kMs, lang) + ", " + status.decoder);
+    add({"drawing     ", "вывод       "}, view.renderer);
     add({"round trip  ", "отклик сети "}, value(progress.rtt_ms, 0, kMs, lang));
     add({"packets     ", "пакеты      "}, Text{"lost ", "потеряно "}.in(lang) +
                                               value(progress.loss_pct, 1, {"%", "%"}, lang) +
