@@ -59,6 +59,7 @@ run_ffplay() {
   # shows nothing before the next one, which comes during the warm-up, as well.
   ffmpeg_to -force_key_frames "$(seq -s, "$warm_up")" -sdp_file "$scratch/stream.sdp" \
     -f rtp "rtp://127.0.0.1:$port?pkt_size=1200"
+  rm -f "$scratch/stream.sdp"
   "${ffmpeg_command[@]}" >/dev/null 2>&1 &
   sender=$!
   for _ in {1..50}; do [ -s "$scratch/stream.sdp" ] && break; sleep 0.1; done

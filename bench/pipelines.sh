@@ -12,6 +12,7 @@ stop_started() {
   started=()
 }
 cleanup() {
+  [ "$BASHPID" = $$ ] || return 0 # a copy that was killed before it became a program
   stop_started
   rm -rf "$scratch"
 }
