@@ -52,6 +52,7 @@ ConnectResult ControlClient::connect(const std::string& host, uint16_t port,
                                      const std::string& auth_line, SteadyClock::time_point deadline,
                                      const StopPredicate& stop) {
     close();
+    error_.clear();
     for (;;) {
         switch (try_connect(host, port, deadline, stop)) {
             case Attempt::Stopped:
@@ -109,6 +110,9 @@ ControlClient::Attempt ControlClient::try_connect(const std::string& host, uint1
             const auto attempt_end = std::min(deadline, SteadyClock::now() + kAttemptLimit);
             const Wait wait = wait_for(socket_.get(), POLLOUT, attempt_end, stop);
             if (wait == Wait::Stopped) return Attempt::Stopped;
+            // Cut short by the deadline: what the attempts before it met says more.
+            if (wait == Wait::TimedOut && attempt_end == deadline && !error_.empty())
+                return Attempt::TryAgain;
             socklen_t size = sizeof failure;
             if (wait == Wait::TimedOut)
                 failure = ETIMEDOUT;

@@ -36,10 +36,12 @@ struct Play {
          const std::vector<std::string>& environment = {}) {
         std::vector<std::string> argv = {OX_PLAY_PATH, host, "--size", "640x480"};
         argv.insert(argv.end(), more.begin(), more.end());
-        std::vector<std::string> all = {display.empty() ? "DISPLAY" : "DISPLAY=" + display,
-                                        "WAYLAND_DISPLAY", "SDL_VIDEODRIVER",
-                                        std::string("ORVEX_TOKEN=") + kToken,
-                                        "XDG_RUNTIME_DIR=" + folder.path().string()};
+        std::vector<std::string> all = {
+            display.empty() ? "DISPLAY" : "DISPLAY=" + display, "WAYLAND_DISPLAY",
+            "SDL_VIDEODRIVER",
+            // Tells whose a leak is when SDL has unloaded the library.
+            "ASAN_OPTIONS=fast_unwind_on_malloc=0", "LSAN_OPTIONS=print_suppressions=0",
+            std::string("ORVEX_TOKEN=") + kToken, "XDG_RUNTIME_DIR=" + folder.path().string()};
         all.insert(all.end(), environment.begin(), environment.end());
         process.emplace(ChildProcess::Options{
             .argv = argv, .environment = all, .stderr_path = folder.file("stderr.txt")});

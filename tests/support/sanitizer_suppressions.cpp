@@ -9,7 +9,8 @@ extern "C" const char* __lsan_default_suppressions() {
     // x265 3.5: buffers of FrameFilter::init outlive x265_encoder_close; opening and closing the
     // encoder reproduces it. SDL 2.26 never calls dbus_shutdown: SDL_Init and SDL_Quit reproduce
     // it. It keeps its hints until SDL_Quit, and an object of libpulse whose server dies.
-    return "leak:libx265.so\nleak:libdbus-1.so\nleak:libSDL2\nleak:libpulse.so\n";
+    return "leak:libx265.so\nleak:libdbus-1.so\nleak:libSDL2\nleak:libpulse.so\n"
+           "leak:libfontconfig\nleak:libX11.so\n";
 }
 
 extern "C" const char* __tsan_default_suppressions() {
