@@ -54,17 +54,26 @@ Link::Link(const Options& options, PictureSlot& pictures, Sinks sinks)
       pictures_(pictures),
       sinks_(std::move(sinks)),
       queue_(kQueuedFrames),
-      decode_(queue_, {.picture =
-                           [this](const launcher::DecodedPicture& picture) {
-                               if (is_fit(picture) && pictures_.put(picture)) sinks_.wake();
-                           },
-                       .frame =
-                           [this](const launcher::AssembledFrame& frame) {
-                               const MutexLock lock(mutex_);
-                               status_.clock.add(frame.timestamp, frame.completed);
-                           }}),
+      decode_(queue_, decode_sinks()),
       bitrate_kbps_(options.bitrate_kbps > 0 ? options.bitrate_kbps : kFirstBitrateKbps) {
     if (options.bitrate_kbps == 0) controller_.emplace(kFirstBitrateKbps, bitrate_limits(options));
+}
+
+// The threads between the network and the picture go first where a game or a browser has the cores.
+launcher::DecodeWorker::Sinks Link::decode_sinks() {
+    return {.picture = [this](const launcher::DecodedPicture& picture) { on_picture(picture); },
+            .frame =
+                [this](const launcher::AssembledFrame& frame) {
+                    const MutexLock lock(mutex_);
+                    status_.clock.add(frame.timestamp, frame.completed);
+                },
+            .begin = [this] { raised_.emplace("Play"); },
+            .end = [this] { raised_.reset(); }};
+}
+
+void Link::on_picture(const launcher::DecodedPicture& picture) {
+    if (is_fit(picture) && pictures_.put(picture)) sinks_.wake();
+    if (raise_due_.exchange(false)) raised_->raise_since(other_threads_);
 }
 
 bool Link::is_fit(const launcher::DecodedPicture& picture) {
@@ -154,6 +163,7 @@ bool Link::prepare() {
         end(ExitStatus::Failed, error);
         return false;
     }
+    other_threads_ = threads_of_process();
     if (!decode_.open(options_.codec, error, Hardware::WhereThere)) {
         end(ExitStatus::Undecodable, error);
         return false;
@@ -205,12 +215,15 @@ bool Link::start_media() {
         if (!audio_->start(error)) audio_.reset();
     }
     meter_ = {};
+    raise_due_ = true;
     return true;
 }
 
 void Link::stop_media() {
     if (audio_) audio_->stop();
-    if (receive_) receive_->stop();
+    if (!receive_) return;
+    receive_->stop();
+    frames_lost_ += receive_->snapshot().stream.assembly.frames_lost;
 }
 
 // The input port is faster, but an agent without input has it closed.
@@ -260,13 +273,11 @@ std::optional<Link::Outcome> Link::check(const launcher::ReceiveSnapshot& receiv
     if (decoded.frames_decoded > frames_before_) {
         set_state(silent ? LinkState::Silent : LinkState::Playing);
     } else if (SteadyClock::now() > first_picture_deadline_) {
-        if (stream.assembly.frames_complete > 0)
-            end(ExitStatus::Undecodable, "the pictures cannot be decoded here (--codec h264?)");
-        else
-            end(ExitStatus::TimedOut,
-                stream.undecryptable > 0 ? "pictures come, but the session's key does not open them"
-                                         : "no picture came: does a firewall block UDP?");
-        return Outcome::Failed;
+        if (frames_before_ == 0) {
+            fail_without_picture(stream);
+            return Outcome::Failed;
+        }
+        set_state(LinkState::Silent);
     }
     if (decoded.decode_errors > decode_errors_ && SteadyClock::now() >= next_request_) {
         decode_errors_ = decoded.decode_errors;
@@ -276,9 +287,19 @@ std::optional<Link::Outcome> Link::check(const launcher::ReceiveSnapshot& receiv
     return std::nullopt;
 }
 
+void Link::fail_without_picture(const launcher::ReceiveStats& stream) {
+    if (stream.assembly.frames_complete > 0)
+        end(ExitStatus::Undecodable, "the pictures cannot be decoded here (--codec h264?)");
+    else if (stream.undecryptable > 0)
+        end(ExitStatus::TimedOut, "pictures come, but the session's key does not open them");
+    else
+        end(ExitStatus::TimedOut, "no picture came: does a firewall block UDP?");
+}
+
 void Link::report(const launcher::ReceiveSnapshot& receive) {
     const launcher::DecodeStats decoded = decode_.stats();
-    const auto progress = meter_.update(receive, decoded, control_.rtt_ms(), steady_now_us());
+    auto progress = meter_.update(receive, decoded, control_.rtt_ms(), steady_now_us());
+    progress.frames_lost += frames_lost_;
     control_.send_ping();
     control_.send_line(launcher::make_stats_line({.rtt_ms = progress.rtt_ms,
                                                   .packet_loss_pct = progress.loss_pct,

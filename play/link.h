@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "base/clock.h"
 #include "base/mutex.h"
@@ -20,6 +21,7 @@
 #include "play/clock_offset.h"
 #include "play/options.h"
 #include "play/picture_slot.h"
+#include "scheduling/thread_priority.h"
 
 namespace ox::play {
 
@@ -84,11 +86,14 @@ class Link {
     void stop_media();
     Outcome stream();
     std::optional<Outcome> check(const launcher::ReceiveSnapshot& receive);
+    void fail_without_picture(const launcher::ReceiveStats& stream);
     void report(const launcher::ReceiveSnapshot& receive);
     void adapt_bitrate();
     bool reconnect(Outcome why);
     void request_keyframe(const launcher::KeyframeRequest& request);
+    void on_picture(const launcher::DecodedPicture& picture);
     bool is_fit(const launcher::DecodedPicture& picture);
+    launcher::DecodeWorker::Sinks decode_sinks();
     void set_state(LinkState state, SteadyClock::time_point deadline = {});
     void end(ExitStatus exit, std::string error = {}, bool ended_by_host = false);
     [[nodiscard]] bool stopping() const { return stopping_; }
@@ -99,7 +104,11 @@ class Link {
     std::atomic<bool> stopping_{false};
 
     launcher::InputChannel input_;
-    uint64_t damaged_since_us_ = 0;  ///< the decoding thread's; 0: the last picture was intact
+    // The decoding thread's:
+    uint64_t damaged_since_us_ = 0;  ///< 0: the last picture was intact
+    std::optional<RaisedThreads> raised_;
+    std::vector<pid_t> other_threads_;  ///< all but the decoder's and the receivers'
+    std::atomic<bool> raise_due_{false};
     // The link's thread's:
     launcher::MediaSocket video_socket_;
     launcher::MediaSocket audio_socket_;
@@ -111,6 +120,7 @@ class Link {
     launcher::ProgressMeter meter_;
     SteadyClock::time_point first_picture_deadline_{};
     uint64_t frames_before_ = 0;  ///< decoded before this connection
+    uint64_t frames_lost_ = 0;    ///< before this connection
     uint64_t decode_errors_ = 0;  ///< that a keyframe was requested for
     SteadyClock::time_point next_request_{};
     uint64_t decoding_us_ = 0;                     ///< at the last report

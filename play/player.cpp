@@ -49,6 +49,8 @@ Player::~Player() = default;
 
 Player::Result Player::run() {
     std::string error;
+    RaisedThreads raised("Play");
+    raised.raise_since(threads_of_process());  // this one
     video_ = std::make_unique<Video>();
     if (!video_->has_screen())
         return {

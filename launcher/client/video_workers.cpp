@@ -124,6 +124,7 @@ DecodeStats DecodeWorker::stats() const {
 }
 
 void DecodeWorker::run() {
+    if (sinks_.begin) sinks_.begin();
     while (const auto frame = queue_.pop()) {
         const uint64_t begun = steady_now_us();
         const bool decoded =
@@ -138,6 +139,7 @@ void DecodeWorker::run() {
         const uint64_t arrival = frame->completed - frame->timestamp;
         if (frame->timestamp != 0 && arrival < kMaxLatencyUs) stats_.arrival_latency.add(arrival);
     }
+    if (sinks_.end) sinks_.end();
 }
 
 void DecodeWorker::on_picture(const DecodedPicture& picture) {
