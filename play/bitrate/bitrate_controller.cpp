@@ -15,6 +15,7 @@ constexpr double kWorthwhile = 0.15;
 constexpr double kLongQueueMs = 60;
 constexpr double kShortQueueMs = 25;
 constexpr double kNoQueueMs = 15;
+constexpr double kFlowing = 0.75;
 constexpr double kMuchLost = 0.10;
 constexpr double kLittleLost = 0.05;
 /// Below this share of the bitrate the picture does not need it.
@@ -76,7 +77,9 @@ std::optional<uint32_t> BitrateController::update(const PathSample& sample) {
             congested ? reduced(sample) : std::max(target_kbps_ / kSmallStep, kLeastForDecoding),
             sample);
     }
-    if (clean_us < kCleanUs || is_still(sample)) return std::nullopt;
+    // What does not arrive as it was sent is about to queue up.
+    const bool flows = sample.received_kbps > kFlowing * sample.sent_kbps;
+    if (clean_us < kCleanUs || is_still(sample) || !flows) return std::nullopt;
     return change_to(raised(sample), sample);
 }
 
