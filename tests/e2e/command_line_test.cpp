@@ -45,9 +45,10 @@ TEST(CommandLine, EndsWithItsTextAndStatus) {
         {{"--version"}, 0, "0.4.448\n", ""},
         {{"--help"}, 0, usage, ""},
         // The owner's settings must not change a result.
-        {{"--selftest", "--port-base", "1"}, 0, read_file(OX_SELFTEST_OUTPUT), ""},
+        {{"--selftest", "--port-base", "1"}, 0, "63 passed, 0 failed\nSELFTEST PASS\n", ""},
         // Arguments behind an error have no effect.
         {{"--bogus", "--version"}, 2, usage, "[ERROR] unknown argument '--bogus' (see --help)\n"},
+        {{"--codec", "vp9", "--help"}, 2, "", "[ERROR] unknown codec 'vp9'"},
         {{"--quiet", "--token-sha256"}, 2, usage, ""},
         {{"--saas-url", "ftp://x"}, 2, "", "[ERROR] --saas-url must start with ws:// or wss://"},
     };
@@ -55,7 +56,8 @@ TEST(CommandLine, EndsWithItsTextAndStatus) {
         SCOPED_TRACE(arguments[0]);
         const auto outcome = run(arguments);
         EXPECT_EQ(outcome.status, status);
-        EXPECT_EQ(out == usage ? outcome.out.substr(0, usage.size()) : outcome.out, out);
+        EXPECT_TRUE(out == usage ? outcome.out.starts_with(out) : outcome.out.ends_with(out))
+            << outcome.out;
         EXPECT_NE(outcome.err.find(err), std::string::npos) << outcome.err;
         EXPECT_TRUE(status != 0 || outcome.err.empty()) << outcome.err;
     }
