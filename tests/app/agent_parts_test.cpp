@@ -1,10 +1,8 @@
 // Small parts of the program.
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <array>
@@ -18,7 +16,6 @@
 #include <vector>
 
 #include "app/host_checks.h"
-#include "app/memory_trim.h"
 #include "app/options.h"
 #include "app/panic_listener.h"
 #include "app/process_flags.h"
@@ -79,16 +76,6 @@ TEST(PanicListener, ReplacesAStaleFileServesBesideSilentClientsAndKeepsTheNextAg
     EXPECT_EQ(::access(panic_socket_path().c_str(), F_OK), 0);
 }
 
-TEST(OwnIpAddress, IsOneOfThisPc) {
-    const std::string ip = own_ip_address();
-    if (ip.empty()) GTEST_SKIP() << "no network";
-    sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {}, .sin_zero = {}};
-    ASSERT_EQ(::inet_pton(AF_INET, ip.c_str(), &address.sin_addr), 1) << ip;
-    const UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    EXPECT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0)
-        << ip;
-}
-
 TEST(IdleWatch, NoticesMendedFaults) {
     const test::TempDir dir;
     const std::string node = dir.file("uinput");
@@ -122,34 +109,6 @@ TEST(IdleWatch, NoticesMendedFaults) {
     EXPECT_EQ(tui::board().closed_port().error, 0);
 }
 
-// Pages of the program's file, far enough from others: a page fault maps up to fifteen neighbours.
-constexpr size_t kPage = 4096;
-alignas(kPage) const std::array<volatile char, 48 * kPage> constants{};
-const volatile char& untouched = constants[23 * kPage];
-const volatile char& patched = constants[24 * kPage];
-
-TEST(MemoryTrim, ReleasesUnmodifiedPagesAndKeepsPatchedOnes) {
-    const auto is_resident = [](const volatile char& byte) {
-        const UniqueFd pagemap(::open("/proc/self/pagemap", O_RDONLY | O_CLOEXEC));
-        const auto page = reinterpret_cast<uintptr_t>(&byte) / kPage;
-        uint64_t entry = 0;
-        EXPECT_EQ(
-            ::pread(pagemap.get(), &entry, sizeof entry, static_cast<off_t>(page * sizeof entry)),
-            static_cast<ssize_t>(sizeof entry));
-        return entry >> 63 != 0;
-    };
-    record_linked_libraries();
-    auto* const writable = const_cast<char*>(&patched);
-    ASSERT_EQ(::mprotect(writable, kPage, PROT_READ | PROT_WRITE), 0);
-    *writable = 'b';
-    ASSERT_EQ(::mprotect(writable, kPage, PROT_READ), 0);
-    EXPECT_EQ(untouched, '\0');
-    ASSERT_TRUE(is_resident(untouched));
-    trim_memory();
-    EXPECT_FALSE(is_resident(untouched));
-    EXPECT_EQ(patched, 'b');
-}
-
 TEST(SelftestChecks, OneFailureFailsTheRunButDoesNotEndIt) {
     constexpr auto kGood = [] { selftest::check(true, "water is wet"); };
     constexpr auto kBad = [] { selftest::check(false, "the moon is cheese"); };
@@ -162,17 +121,13 @@ TEST(SelftestChecks, OneFailureFailsTheRunButDoesNotEndIt) {
     EXPECT_TRUE(output.ends_with("2 passed, 1 failed\nSELFTEST FAIL\n"));
 }
 
-ParsedCommandLine<Options> parse(const std::string& line, const Options& defaults = {}) {
+Options options_of(const std::string& line, const Options& defaults = {}) {
     std::istringstream words(line);
     const std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
     std::vector<const char*> pointers;
     for (const std::string& argument : arguments)
         pointers.push_back(argument.c_str());
-    return parse_command_line(pointers, defaults);
-}
-
-Options options_of(const std::string& line, const Options& defaults = {}) {
-    const auto parsed = parse(line, defaults);
+    const auto parsed = parse_command_line(pointers, defaults);
     EXPECT_EQ(parsed.action, CommandLineAction::Run) << line;
     return parsed.options;
 }
@@ -199,40 +154,11 @@ TEST(Options, LaterArgumentsWinAndNumbersAreReadLeniently) {
     EXPECT_TRUE(options_of("", on).audio_parity && options_of("", on).media_rfi);
     const Options o = options_of(
         "--no-audio-parity --no-media-rfi --audio --no-audio --fps 30 --fps 144fps --port-base abc "
-        "--reconnect-grace -5 --width -3 --encoder nvenc --encoder sw --codec hevc --codec avc",
+        "--reconnect-grace -5 --width -3",
         on);
     EXPECT_FALSE(o.audio_parity || o.media_rfi || o.audio);
     EXPECT_EQ((std::vector{o.fps, o.port_base, o.width}), (std::vector{144, 0, -3}));
     EXPECT_EQ(o.reconnect_grace_s, 0U);
-    EXPECT_EQ(options_of("--reconnect-grace 4294967295").reconnect_grace_s, 2147483647U);
-    EXPECT_EQ(o.encoder, EncoderBackend::Software);
-    EXPECT_EQ(o.codec, VideoCodec::H264);
-}
-
-TEST(Options, UnusableCommandLinesNameTheirFault) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"--encoder x265", "unknown encoder 'x265'"},
-        {"--codec H264", "unknown codec 'H264'"},
-        {"--capture X11", "unknown capture mode 'X11'"},
-        // The first fault counts, also before a later --help.
-        {"--codec vp9 --help", "unknown codec 'vp9'"},
-        {"-h,", "unknown argument '-h,' (see --help)"},
-        {"--fps", ""},
-    };
-    for (const auto& [arguments, message] : cases) {
-        EXPECT_EQ(parse(arguments).action, CommandLineAction::Fail);
-        EXPECT_EQ(parse(arguments).error, message);
-    }
-}
-
-TEST(Options, HelpVersionAndLogLevel) {
-    EXPECT_EQ(parse("-v -h --bogus").action, CommandLineAction::ShowHelp);
-    EXPECT_EQ(parse("--version").action, CommandLineAction::ShowVersion);
-    EXPECT_EQ(options_of("").log_level, std::nullopt);
-    EXPECT_EQ(options_of("-v").log_level, LogLevel::DEBUG);
-    EXPECT_EQ(options_of("-v -q").log_level, LogLevel::WARN);
-    EXPECT_EQ(options_of("--quiet").log_level, LogLevel::WARN);
-    EXPECT_EQ(options_of("--token --verbose").token, "--verbose");
 }
 
 using namespace std::chrono_literals;

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <fstream>
 #include <future>
-#include <map>
 #include <set>
 #include <thread>
 #include <utility>
@@ -254,34 +253,6 @@ TEST_F(TcpControlServerTest, HandlesLinesReceivedBeforeAReset) {
     server_.start_async_read();
     ASSERT_TRUE(eventually([&] { return !server_.is_connected(); }));
     EXPECT_EQ(take_messages(), "the end|");
-}
-
-// The lines exceed the socket buffers, so that each takes several sends.
-TEST_F(TcpControlServerTest, LinesOfSeveralWritersStayWhole) {
-    const auto text_of = [](size_t writer) {
-        return std::string(20'000 + 10'000 * writer, static_cast<char>('a' + writer));
-    };
-    constexpr size_t kWriters = 3;
-    constexpr size_t kLines = 200;
-    TcpClient launcher = connected_launcher();
-    launcher.read_line(kTimeout);
-    server_.start_async_read();
-    std::vector<std::jthread> writers;
-    for (size_t i = 0; i < kWriters; ++i) {
-        writers.emplace_back([this, text = text_of(i)] {
-            for (size_t n = 0; n < kLines; ++n)
-                EXPECT_TRUE(server_.send_line(text) && server_.is_connected());
-        });
-    }
-    for (size_t n = 0; n < kLines; ++n)
-        launcher.send("{\"type\":\"ping\"}\n");
-    std::map<std::string, size_t> seen;
-    for (size_t n = 0; n < (kWriters + 1) * kLines; ++n)
-        ++seen[launcher.read_line(kTimeout).value_or("nothing")];
-    EXPECT_EQ(seen.size(), kWriters + 1);
-    EXPECT_EQ(seen[R"({"ts":0,"type":"pong"})"], kLines);
-    for (size_t i = 0; i < kWriters; ++i)
-        EXPECT_EQ(seen[text_of(i)], kLines);
 }
 
 TEST_F(TcpControlServerTest, CloseWakesAWriterWhoseLauncherDoesNotRead) {

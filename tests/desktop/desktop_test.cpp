@@ -88,15 +88,6 @@ TEST(FindDesktop, PicksWhatExistsAndIgnoresLeftOvers) {
     }
 }
 
-TEST(LocalDisplayNumber, IsThatOfADisplayOfThisMachine) {
-    EXPECT_EQ(local_display_number(":0"), 0);
-    EXPECT_EQ(local_display_number(":12.1"), 12);
-    EXPECT_EQ(local_display_number("unix:7"), 7);
-    for (const char* other :
-         {"", ":", "0", ":-1", ":1x", "host:0", "localhost:10.0", ":99999999999"})
-        EXPECT_EQ(local_display_number(other), std::nullopt) << other;
-}
-
 TEST(XCookies, AreThoseOfTheDisplayWhateverTheHostName) {
     constexpr uint16_t kLocal = 256;
     constexpr uint16_t kWild = 65535;

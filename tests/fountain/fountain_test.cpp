@@ -5,7 +5,6 @@
 #include <array>
 #include <memory>
 #include <random>
-#include <tuple>
 #include <vector>
 
 #include "fountain/gf256.h"
@@ -106,9 +105,8 @@ uint32_t feed(WirehairCodec decoder, WirehairCodec encoder, uint32_t block_bytes
 // Source blocks, decoding from a lossy channel, recovery of the message and its last block, and the
 // decoder turned into an encoder.
 TEST(Wirehair, AMessageOfAnyShapeSurvivesLossAndCanBeSentOn) {
-    const std::array<uint32_t, 3> shapes[] = {
-        {2, 1, 1},     {2, 40, 3},  {3, 33, 33},    {4, 160, 160}, {5, 1146, 1},
-        {17, 100, 99}, {257, 9, 2}, {1000, 50, 13}, {2048, 4, 1},  {64000, 2, 1}};
+    const std::array<uint32_t, 3> shapes[] = {{2, 1, 1},     {4, 160, 160},  {5, 1146, 1},
+                                              {17, 100, 99}, {1000, 50, 13}, {64000, 2, 1}};
     for (const auto [blocks, block_bytes, final_bytes] : shapes) {
         SCOPED_TRACE(blocks);
         const size_t full = size_t{blocks - 1} * block_bytes;
@@ -155,41 +153,6 @@ TEST(Wirehair, NeedsFewBlocksMoreThanTheMessageHas) {
         }
     }
     EXPECT_LT(extra, trials * 0.03);
-}
-
-TEST(WirehairRefusals, NothingIsCreatedForUnsuitableMessages) {
-    ASSERT_EQ(wirehair_init(), Wirehair_Success);
-    const std::tuple<uint64_t, uint32_t, bool> cases[] = {
-        {0, 4, false},    {10, 0, false},    {10, 10, false},        {10, 9, true},
-        {64000, 1, true}, {64001, 1, false}, {UINT64_MAX, 1, false}, {64001, 2, true}};
-    for (const auto& [message_bytes, block_bytes, possible] : cases)
-        EXPECT_EQ(make_decoder(message_bytes, block_bytes) != nullptr, possible) << message_bytes;
-    EXPECT_EQ(wirehair_encoder_create(nullptr, nullptr, 10, 4), nullptr);
-}
-
-// Ten bytes in blocks of four: three blocks, the last one two bytes long.
-TEST(WirehairRefusals, EveryCallChecksItsArgumentsAndItsState) {
-    const Bytes message{1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
-    const WirehairCodecPtr encoder = make_encoder(message, 4);
-    const WirehairCodecPtr decoder = make_decoder(message.size(), 4);
-    Bytes out(10);
-    uint32_t bytes = 0;
-    EXPECT_EQ(wirehair_encode(encoder.get(), 0, out.data(), 3, &bytes), Wirehair_InvalidInput);
-    EXPECT_EQ(wirehair_recover(decoder.get(), out.data(), 10), Wirehair_NeedMore);
-    EXPECT_EQ(wirehair_decoder_becomes_encoder(decoder.get()), Wirehair_NeedMore);
-    const std::tuple<uint32_t, Bytes, WirehairResult> cases[] = {
-        {0, {}, Wirehair_InvalidInput},
-        {0, {1, 2, 3}, Wirehair_InvalidInput},
-        {2, {9}, Wirehair_InvalidInput},
-        {0, {1, 2, 3, 4}, Wirehair_NeedMore},
-        {0, {1, 2, 3, 4}, Wirehair_NeedMore},     // a duplicate
-        {2, {9, 10, 55, 66}, Wirehair_NeedMore},  // the padding is ignored
-        {1, {5, 6, 7, 8}, Wirehair_Success},
-        {7, {0, 0, 0, 0}, Wirehair_Success},  // no longer needed
-    };
-    for (const auto& [id, block, result] : cases)
-        EXPECT_EQ(decode(decoder.get(), id, block), result) << id;
-    EXPECT_EQ(recovered(decoder.get(), 10), message);
 }
 
 }  // namespace

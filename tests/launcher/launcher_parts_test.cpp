@@ -1,4 +1,4 @@
-// Figures, capture times, input scripts and sealing.
+// Figures, input scripts and sealing.
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,6 @@
 #include <sstream>
 #include <vector>
 
-#include "launcher/client/audio_receiver.h"
 #include "launcher/client/input_channel.h"
 #include "launcher/client/timing_stats.h"
 #include "launcher/frame_stamp.h"
@@ -37,33 +36,6 @@ TEST(LatencyHistogram, PercentilesAreWithinABucketOfTheSortedSamples) {
             EXPECT_LE(got, exact + exact / 128 + 1) << percent << " of " << limit;
         }
     }
-}
-
-TEST(AudioClock, FollowsPausesButNotBurstsAfterADelay) {
-    AudioClock clock;
-    uint32_t sequence = 0xFFFFFFF0;
-    const auto place = [&](uint64_t sent_ms) {
-        const auto us =
-            clock.capture_time({.opus = {}, .sequence = sequence++, .timestamp = sent_ms * 1000});
-        return us ? static_cast<int64_t>(*us / 1000) : -1;
-    };
-    EXPECT_EQ(place(0), -1) << "a rebuilt frame has no time";
-    // The first frames arrive late and in a burst: after it the times are right.
-    for (int i = 0; i < 40; ++i)
-        place(1200);
-    EXPECT_NEAR(static_cast<double>(place(1200)), 1200, 60);
-    int64_t last = place(1205);
-    for (uint64_t ms = 1210; ms < 2000; ms += 5)
-        EXPECT_EQ(place(ms), last += 5);
-    // The agent sends 250 ms of sound at once.
-    for (int i = 0; i < 50; ++i)
-        EXPECT_EQ(place(2250), last += 5);
-    for (uint64_t ms = 2255; ms < 3000; ms += 5)
-        EXPECT_EQ(place(ms), last += 5);
-    // The recording pauses for a second.
-    for (uint64_t ms = 4000; ms < 4200; ms += 5)
-        place(ms);
-    EXPECT_NEAR(static_cast<double>(place(4200)), 4200, 60);
 }
 
 TEST(StampChecker, FindsWrongPictures) {

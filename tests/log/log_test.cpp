@@ -4,13 +4,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <array>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
-#include <thread>
-#include <vector>
+#include <tuple>
 
 #include "log/log_path.h"
 #include "support/environment.h"
@@ -108,49 +105,6 @@ TEST_F(Log, LinesLostToAFullDiskCountButADeviceIsNotRotated) {
     log_sinks().bytes = kLimit + 1;
     OX_INFO("lost too");
     EXPECT_TRUE(fs::is_symlink(dir_.file("full.log"))) << "a device is not rotated away";
-}
-
-TEST_F(Log, RemovedFolderEndsOnlyTheFileSinkAndTheLevelAppliesToBoth) {
-    fs::create_directory(dir_.file("gone"));
-    open(dir_.file("gone/agent.log"));
-    fs::remove_all(dir_.file("gone"));
-    const UniqueFd console(
-        ::open(dir_.file("console").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    const test::RedirectedFd redirected(STDERR_FILENO, console.get());
-    log_sinks().console = true;
-    log_sinks().bytes = kLimit + 1;
-    log_level() = static_cast<int32_t>(LogLevel::WARN);
-    OX_WARN("first");
-    EXPECT_EQ(log_sinks().file, nullptr);
-    OX_INFO("quiet");
-    OX_WARN("second");
-    EXPECT_THAT(read_file(dir_.file("console")), MatchesRegex(".*first\n[^\n]*second\n"));
-}
-
-TEST_F(Log, LinesOfManyThreadsStayWholeAcrossRotations) {
-    constexpr size_t kThreads = 8;
-    constexpr size_t kLines = 1250;
-    const auto text_of = [](size_t thread, size_t line) {
-        return std::string(2000, static_cast<char>('a' + thread)) + std::to_string(line);
-    };
-    log_sinks().bytes = kLimit / 2;  // 20 MB on top of this rotate twice
-    std::vector<std::jthread> threads;
-    for (size_t t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, text_of] {
-            for (size_t i = 0; i < kLines; ++i)
-                OX_INFO("%s", text_of(t, i).c_str());
-        });
-    }
-    threads.clear();
-    std::istringstream all(text(2) + text(1) + text());
-    std::array<size_t, kThreads> next{};
-    for (std::string line; std::getline(all, line);) {
-        const std::string message = line.substr(line.find("[INFO ] ") + 8);
-        const auto t = static_cast<size_t>(message[0] - 'a');
-        ASSERT_LT(t, kThreads) << line;
-        ASSERT_EQ(message, text_of(t, next[t]++));
-    }
-    EXPECT_THAT(next, ::testing::Each(kLines));
 }
 
 TEST(LogPath, StateFolderFollowsTheEnvironmentAndIsPrivate) {

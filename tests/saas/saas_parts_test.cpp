@@ -98,21 +98,5 @@ TEST(SystemInfo, ReadsEverySourceAndPrefersTheNvidiaName) {
     EXPECT_EQ(detect_system_info(root.path().string()).gpu_model, "NV 9");
 }
 
-TEST(LoadProbe, ComparesWithThePreviousCall) {
-    const test::TempDir root;
-    LoadProbe load(root.path().string());
-    for (const auto& [stat, percent] : {
-             std::pair{"", 0.0F},
-             {"cpu  10 10 10 50 10 4 3 3 1000 1000\ncpu0 1\n", 40.0F},  // no guest columns
-             {"cpu  40 10 10 100 30 4 3 3\n", 30.0F},
-             {"cpu  40 10 10 100 30 4 3 3\n", 0.0F},
-             {"cpu  60 10 10 100 20 4 3 3\n", 0.0F},  // iowait ran backwards
-             {"intr 5\n", 0.0F},
-         }) {
-        root.write("proc/stat", stat);
-        EXPECT_FLOAT_EQ(load.cpu_usage_pct(), percent) << stat;
-    }
-}
-
 }  // namespace
 }  // namespace ox

@@ -116,22 +116,6 @@ TEST(ThreadPriority, RealtimeKitIsAskedForWhatTheKernelRefuses) {
     }
 }
 
-TEST(ThreadPriority, RealtimeKitIsAskedForAThreadAndItsNewWorkersOnly) {
-    FakeRealtimeKit kit;
-    const Worker old;
-    std::jthread([&] {
-        become_ordinary_user();
-        const std::vector<pid_t> before = threads_of_process();
-        const Worker worker;
-        RaisedThreads raised("Test");
-        raised.raise_since(before);
-        const std::vector<FakeRealtimeKit::Request> expected{
-            {"MakeThreadHighPriority", own_thread_id(), -11},
-            {"MakeThreadHighPriority", worker.id, -11}};
-        EXPECT_EQ(kit.serve(expected.size()), expected);
-    }).join();
-}
-
 TEST(ThreadPriority, RaisedPriorityIsNotInheritedAndIsRestored) {
     if (!std::async(std::launch::async, [] { return raise_thread(own_thread_id()); }).get())
         GTEST_SKIP() << "the kernel grants this user no priority";

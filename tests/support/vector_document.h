@@ -20,7 +20,6 @@ class VectorDocument {
         std::ifstream file(path);
         std::vector<std::string>* block = nullptr;
         for (std::string line; std::getline(file, line);) {
-            text_ += line + "\n";
             if (line.starts_with("```hex ") || line.starts_with("```json ") ||
                 line.starts_with("```http ")) {
                 block = &blocks_[line.substr(line.find(' ') + 1)];
@@ -52,16 +51,12 @@ class VectorDocument {
         return bytes;
     }
 
-    /// The whole document.
-    [[nodiscard]] const std::string& text() const { return text_; }
-
     void expect_all_used() const {
         for (const auto& [name, lines] : blocks_)
             EXPECT_TRUE(used_.contains(name)) << name;
     }
 
   private:
-    std::string text_;
     std::map<std::string, std::vector<std::string>> blocks_;
     std::set<std::string> used_;
 };

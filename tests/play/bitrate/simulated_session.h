@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <optional>
 #include <random>
@@ -39,8 +38,7 @@ class SimulatedSession {
 
     double need = 1;  ///< size of the pictures, in shares of the bitrate
     double decode_ms = 5;
-    uint64_t extra_delay_us = 0;  ///< of a longer route, or behind other traffic
-    play::PathSample sample;      ///< the latest
+    uint64_t extra_delay_us = 0;  ///< behind other traffic
     std::vector<Change> changes;
     double longest_stall_s = 0;  ///< between complete pictures, after the first second
     [[nodiscard]] uint32_t target_kbps() const { return controller_.target_kbps(); }
@@ -110,8 +108,7 @@ class SimulatedSession {
         }
         if (now_us < sampled_us_ + kSamplePeriodUs) return;
         sampled_us_ = now_us;
-        sample = meter_.take_sample(now_us, decode_ms);
-        if (const auto kbps = controller_.update(sample)) {
+        if (const auto kbps = controller_.update(meter_.take_sample(now_us, decode_ms))) {
             changes.push_back({static_cast<double>(now_us) / 1e6, *kbps});
             next_bitrate_ = {now_us + kControlDelayUs, *kbps};
         }

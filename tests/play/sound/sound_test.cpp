@@ -4,7 +4,6 @@
 #include <functional>
 #include <numbers>
 
-#include "base/clock.h"
 #include "play/sound/sound_output.h"
 #include "support/pulse_daemon.h"
 
@@ -116,37 +115,19 @@ TEST(PlayoutBuffer, StaysCloseToThePicture) {
     EXPECT_NEAR(*behind.run(30).lag_ms, 35, 3);
 }
 
-TEST(SoundOutput, PlaysOnARealServerAndReturnsWithIt) {
+TEST(SoundOutput, ReturnsWithItsServer) {
     ::setenv("SDL_AUDIODRIVER", "pulseaudio", 1);
     test::PulseDaemon pulse;
-    const test::TempDir dir;
     std::string error;
     SoundOutput output;
     ASSERT_TRUE(output.start(error)) << error;
-    const test::ChildProcess recorder(
-        {.argv = {"parec", "--device=out.monitor", "--format=float32le", "--channels=1",
-                  "--rate=48000", "--latency-msec=20"},
-         .stdout_path = dir.file("pcm")});
-    std::ifstream file(dir.file("pcm"), std::ios::binary);
-    std::vector<float> played;
-    launcher::AudioFrame frame{.opus = {}, .timestamp = steady_now_us()};
-    // Without real-time priority the server itself interrupts the sound on a busy machine.
-    const auto half_second_without_click = [&] {
-        for (; steady_now_us() >= frame.timestamp; frame.timestamp += 5000, ++frame.sequence)
-            output.add(tone_frame(static_cast<int>(frame.sequence)), frame, steady_now_us());
-        for (float sample = 0; file.read(static_cast<char*>(static_cast<void*>(&sample)), 4);)
-            played.push_back(sample);
-        file.clear();
-        if (played.size() < 96000) return false;
-        const auto quality = measure(std::span(played).last(24000));
-        played.erase(played.begin(), played.end() - 72000);
-        return quality.bend < 1.2 && std::abs(quality.ppm) < 1500;
+    const auto opened = [&](size_t times) {
+        return test::eventually([&] { return output.stats().openings >= times; },
+                                std::chrono::seconds(30));
     };
-    EXPECT_TRUE(test::eventually(half_second_without_click, std::chrono::seconds(60)));
-    EXPECT_TRUE(output.stats().open && output.stats().buffer.playing);
+    ASSERT_TRUE(opened(1));
     pulse.start();
-    EXPECT_TRUE(
-        test::eventually([&] { return output.stats().openings >= 2; }, std::chrono::seconds(30)));
+    EXPECT_TRUE(opened(2));
 }
 
 }  // namespace

@@ -108,18 +108,6 @@ TEST(Layout, EveryAlertIsReadableInFullAt80x24) {
     }
 }
 
-TEST(Layout, SmallTerminalKeepsLinkSessionAndAlerts) {
-    const std::vector<Alert> alerts{Alert::CaptureFailed, Alert::PortBusy, Alert::SecondAgent};
-    const Snapshot board = test::with_alerts(test::streaming_board(), alerts);
-    std::vector<std::string> facts{"Платформа на\u00A0связи", "ИГРОК ПОДКЛЮЧЁН",
-                                   "23,4\u00A0Мбит/с"};
-    for (const Alert alert : alerts)
-        facts.push_back(alert_title(alert, Lang::Russian, 48'001));
-    expect_shown(facts, board, view(40, 12, Lang::Russian));
-    // The most important line is given up last.
-    expect_shown({"Platform connected"}, board, view(40, 1));
-}
-
 TEST(Layout, ShowsAStreamAHoldAndAClosedPort) {
     const View english = view(80, 24);
     const View russian = view(80, 24, Lang::Russian);

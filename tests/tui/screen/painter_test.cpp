@@ -82,16 +82,5 @@ TEST(Painter, TerminalShowsEachFrameAfterItsChanges) {
     }
 }
 
-TEST(Painter, CharacterOfUncertainWidthDoesNotShiftItsLine) {
-    const Size size{.columns = 10, .rows = 1};
-    const Frame frame(size, {Line("a☕b c", {})});
-    TerminalModel terminal(size.columns, size.rows);
-    terminal.feed("☕");
-    ASSERT_EQ(terminal.at(0, 0).width, 2) << "not as the painter thinks";
-    terminal.feed(paint_all(frame, ColourMode::Ansi));
-    EXPECT_EQ(terminal.at(2, 0).chars[0], U'b');
-    EXPECT_EQ(terminal.at(4, 0).chars[0], U'c');
-}
-
 }  // namespace
 }  // namespace ox::tui
