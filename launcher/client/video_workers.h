@@ -115,8 +115,8 @@ class DecodeWorker {
     struct Sinks {
         VideoDecoder::Sink picture;
         std::function<void(const AssembledFrame&)> frame;  ///< decoded or not, after its picture
-        std::function<void()> begin;                       ///< before the first frame
-        std::function<void()> end;                         ///< after the last one
+        std::function<void()> begin{};                     ///< before the first frame
+        std::function<void()> end{};                       ///< after the last one
     };
 
     DecodeWorker(FrameQueue& queue, Sinks sinks);

@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <string>
 
 #include "play/bitrate/simulated_session.h"
@@ -27,20 +26,13 @@ TEST(BitrateTest, FollowsThePathWithoutLongStalls) {
              Trace{"long queue", {.queue_ms = 1000, .loss = 0.02}, 12},
              Trace{"short queue", {.queue_ms = 40}, 8},
          }) {
-        int sessions = 0;
-        for (uint32_t seed = 1; sessions < 3; ++seed) {
+        for (uint32_t seed = 1; seed <= 3; ++seed) {
             SCOPED_TRACE(name + std::to_string(seed));
             ShapedPath::Setup setup = path;
             setup.steps = kSteps;
             setup.seed = seed;
             SimulatedSession session(setup, 10'000);
             session.run_until(22);
-            // A raise right before the drop shows cannot be taken back for two seconds.
-            if (std::ranges::any_of(session.changes, [](const auto& change) {
-                    return change.at_s > 18.5 && change.kbps > 3'000;
-                }))
-                continue;
-            ++sessions;
             EXPECT_LT(session.target_kbps(), 3'000);  // down at once
             EXPECT_GT(session.target_kbps(), 1'200);
             session.run_until(50);
