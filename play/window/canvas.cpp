@@ -42,7 +42,8 @@ std::unique_ptr<Canvas> make_canvas(SDL_Window& window) {
             return canvas;
     }
     if (auto canvas = SurfaceCanvas::make(window)) return canvas;
-    return TextureCanvas::make(window, SDL_RENDERER_SOFTWARE);
+    // Not every window system gives its memory away; then even an emulation is welcome.
+    return TextureCanvas::make(window, 0);
 }
 
 SDL_Rect letterbox(SDL_Point picture, SDL_Point area) {
