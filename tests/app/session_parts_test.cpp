@@ -8,10 +8,13 @@
 #include <random>
 
 #include "app/session/capture_selection.h"
+#include "app/session/end_reason.h"
+#include "app/session/feedback_handler.h"
 #include "app/session/frame_pacer.h"
 #include "app/session/frame_phase.h"
 #include "app/session/keyframe_requests.h"
 #include "app/session/stream_settings.h"
+#include "launcher/client/feedback_packets.h"
 #include "support/environment.h"
 #include "support/log_capture.h"
 #include "support/xvfb.h"
@@ -71,6 +74,54 @@ TEST(KeyframeRequests, AreServedAtMostOnceASecond) {
     keyframes.request(kStart + 4s, 0);
     EXPECT_TRUE(forced_at(4s)) << "what was forced otherwise does not count";
     EXPECT_EQ(keyframes.forced(), 3U);
+}
+
+TEST(FeedbackHandler, RequestsKeyframesButForValidRfiRequestsAtMostOnceASecond) {
+    const InputPacket plain = launcher::make_keyframe_request();
+    const InputPacket valid = launcher::make_lost_frames_request(
+        {.last_delivered = 7, .first_missing = 8, .last_missing = 9, .attempt = 1});
+    const InputPacket rejected = launcher::make_lost_frames_request(
+        {.last_delivered = 7, .first_missing = 9, .last_missing = 9, .attempt = 1});
+    const InputPacket report =
+        launcher::make_media_feedback({.rtt_ms = 31, .keyframe_wanted = true});
+    FeedbackHandler handler;
+    handler.keyframes().sent(kStart);
+    const std::tuple<InputPacket, int64_t, bool> steps[] = {
+        {plain, 100'000, false},    {valid, 100'000, false},   {rejected, 100'000, false},
+        {report, 100'000, false},   {report, 1'000'000, true}, {valid, 4'000'000, true},
+        {valid, 4'999'999, false},  {valid, 5'000'000, true},  {plain, 5'000'001, true},
+        {rejected, 5'000'002, true}};
+    for (const auto& [packet, at_us, accepted] : steps) {
+        handler.handle(packet, kStart + microseconds(at_us));
+        EXPECT_EQ(take_accepted(handler.keyframes()), accepted) << +packet.kind << " at " << at_us;
+    }
+    EXPECT_EQ(handler.keyframes().answered_in_flight(), 4U);
+    EXPECT_EQ(handler.rfi_counters().valid, 4U);
+}
+
+TEST(FeedbackHandler, MediaFeedbackReplacesTheStatsForTwoSeconds) {
+    FeedbackHandler handler;
+    const ClientStats stats{.rtt_ms = 8, .packet_loss_pct = 0.5};
+    const auto shown = [&] { return std::pair(handler.rtt_ms(), handler.loss_pct()); };
+    handler.handle(stats, kStart);
+    EXPECT_EQ(shown(), std::pair(8.0F, 0.5F));
+    handler.handle(launcher::make_media_feedback({.loss_pct = 1.25, .rtt_ms = 31}), kStart + 1s);
+    handler.handle(stats, kStart + 2'999'999us);
+    EXPECT_EQ(shown(), std::pair(31.0F, 1.25F));
+    handler.handle(stats, kStart + 3s);
+    EXPECT_EQ(shown(), std::pair(8.0F, 0.5F));
+}
+
+TEST(EndReason, NamesTheFailureOfTheHandshake) {
+    const std::pair<HandshakeFailure, const char*> rows[] = {
+        {HandshakeFailure::cannot_listen, "handshake_failed:AUTH_FAIL"},
+        {HandshakeFailure::cannot_answer, "handshake_failed:AUTH_FAIL"},
+        {HandshakeFailure::rejected, "handshake_failed:AUTH_REJECTED"},
+        {HandshakeFailure::timed_out, "handshake_failed:HANDSHAKE_TIMEOUT"},
+        {HandshakeFailure::aborted, "handshake_failed:SESSION_ABORTED"}};
+    for (const auto& [failure, text] : rows)
+        EXPECT_EQ(to_string({EndReason::handshake_failed, failure}), text);
+    EXPECT_EQ(to_string({EndReason::shutdown, HandshakeFailure::timed_out}), "shutdown");
 }
 
 using std::chrono::nanoseconds;
