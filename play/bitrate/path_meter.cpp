@@ -137,7 +137,7 @@ PathSample PathMeter::take_sample(uint64_t now_us, double decode_ms) {
     double expected = 0;
     double lost = 0;
     for (const Bin& bin : bins_) {
-        constexpr auto kBitsPerMs = 8.0 / (kBinUs / 1000);
+        constexpr double kBitsPerMs = 8e3 / kBinUs;
         const double kbps = bin.bytes * kBitsPerMs;
         if (is_within(bin.number, newest, kReceivedBins)) {
             sample.received_kbps += kbps / kReceivedBins;

@@ -7,7 +7,7 @@ namespace ox::play {
 
 namespace {
 
-using std::chrono_literals::operator""ms;
+using namespace std::chrono_literals;
 
 /// When a change is sent again: the first times byte for byte, then renewed, with a new number.
 template <size_t N>
