@@ -201,7 +201,7 @@ TEST_F(PlayedDesktop, IsShownPixelForPixelOrAMessageSaysWhyNot) {
 }
 
 /// What changed at a stand-in for /dev/uinput: "30:1 " for a key, "r3,-5 " and "w1 ".
-std::string events_of(const std::string& file) {
+[[maybe_unused]] std::string events_of(const std::string& file) {
     std::ifstream device(file, std::ios::binary);
     std::string events;
     std::map<int, int> keys;
