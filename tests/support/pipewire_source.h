@@ -3,9 +3,11 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "support/screen_pictures.h"
 
+struct pw_proxy;
 struct pw_stream;
 struct pw_thread_loop;
 struct spa_data;
@@ -59,6 +61,7 @@ class PipewireSource {
     pw_thread_loop* loop_ = nullptr;
     pw_stream* stream_ = nullptr;
     uint32_t node_ = 0;
+    std::vector<pw_proxy*> links_;
 };
 
 }  // namespace ox::test
