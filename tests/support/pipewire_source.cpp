@@ -24,9 +24,9 @@ constexpr int kPerSecond = 61;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wold-style-cast"
 #pragma GCC diagnostic ignored "-Wpedantic"
-void create_link(pw_core& core, const spa_dict& props) {
-    pw_core_create_object(&core, "link-factory", PW_TYPE_INTERFACE_Link, PW_VERSION_LINK, &props,
-                          0);
+pw_proxy* create_link(pw_core& core, const spa_dict& props) {
+    return static_cast<pw_proxy*>(pw_core_create_object(
+        &core, "link-factory", PW_TYPE_INTERFACE_Link, PW_VERSION_LINK, &props, 0));
 }
 #pragma GCC diagnostic pop
 
@@ -73,6 +73,8 @@ PipewireSource::PipewireSource(const std::string& socket, ScreenPictures picture
 
 PipewireSource::~PipewireSource() {
     pw_thread_loop_stop(loop_);
+    for (pw_proxy* link : links_)
+        pw_proxy_destroy(link);
     pw_stream_destroy(stream_);
     pw_thread_loop_destroy(loop_);
 }
@@ -84,7 +86,7 @@ void PipewireSource::link_to(const char* consumer) {
         const spa_dict_item ends[] = {{PW_KEY_LINK_OUTPUT_NODE, node.c_str()},
                                       {PW_KEY_LINK_INPUT_NODE, consumer},
                                       {PW_KEY_LINK_INPUT_PORT, port}};
-        create_link(*pw_stream_get_core(stream_), {0, std::size(ends), ends});
+        links_.push_back(create_link(*pw_stream_get_core(stream_), {0, std::size(ends), ends}));
     }
     pw_thread_loop_unlock(loop_);
 }

@@ -6,9 +6,11 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "video/synthetic_capture.h"
 
+struct pw_proxy;
 struct pw_stream;
 struct pw_thread_loop;
 struct spa_data;
@@ -95,6 +97,7 @@ class PipewireSource {
     pw_thread_loop* loop_ = nullptr;
     pw_stream* stream_ = nullptr;
     uint32_t node_ = 0;
+    std::vector<pw_proxy*> links_;
 };
 
 }  // namespace ox::test
