@@ -68,7 +68,7 @@ class Link {
     Link& operator=(const Link&) = delete;
 
     void start();
-    /// Ends the session. Takes about 1.5 s at most, unless the name's resolution hangs.
+    /// Ends the session. Takes about 1.5 s at most.
     void stop();
 
     [[nodiscard]] LinkStatus status() const;
