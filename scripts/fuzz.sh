@@ -12,11 +12,11 @@ case "${1:-}" in
   [0-9]*) seconds=$1; shift ;;
 esac
 
-scripts/setup.sh --fuzz
-scripts/build.sh fuzz
-
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] || mapfile -t targets < <(cd fuzz && basename -s .cpp ./*.cpp)
+
+scripts/setup.sh --fuzz
+scripts/build.sh fuzz "${targets[@]/#/fuzz_}"
 
 # one TARGET: its last lines are shown only when it found something.
 one() {

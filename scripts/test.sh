@@ -130,7 +130,7 @@ if ! $quick; then
   suite asan
   suite tsan
   check_pinned "static analysis" clang-tidy check_tidy
-  check "fuzz targets" scripts/fuzz.sh 20
+  check "fuzz targets" scripts/fuzz.sh 10
 fi
 
 if [ "$tests_run" -eq 0 ]; then
