@@ -85,7 +85,7 @@ TEST_F(Wayland, AShareThatItsOwnerStopsEndsTheSessionAndALostOneComesBack) {
     ASSERT_TRUE(desktop_->start_portal({"CreateSession=2"}));
     screen.reset();
     ASSERT_TRUE(player.receive_until(
-        [&] { return agent.log().count("portal refused CreateSession") > 0; }));
+        [&] { return agent.log().count("portal refused CreateSession") > 0; }, 3 * kPatience));
     EXPECT_TRUE(agent.screen().wait_for("mouse and keyboard are off", kPatience));
     screen = moving_screen();
     start_portal(screen->node());
