@@ -17,7 +17,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr int kPeriodFrames = 480;  // 10 ms; half of it clicks on busy machines
+constexpr int kPeriodFrames = 960;  // 20 ms; half of it clicks with PulseAudio
 constexpr milliseconds kWatchPeriod{100};
 constexpr milliseconds kFirstRetry{250};
 constexpr milliseconds kLastRetry{4'000};
